@@ -1,0 +1,38 @@
+/// \file
+/// The whole library, its start and its end.
+#pragma once
+
+#include <KepNuvikaUtil/Allocation.h>
+#include <KepNuvikaUtil/Assertion.h>
+#include <KepNuvikaUtil/Buffer.h>
+#include <KepNuvikaUtil/DataStreamBuffer.h>
+#include <KepNuvikaUtil/DynamicByteFifo.h>
+#include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HostLookup.h>
+#include <KepNuvikaUtil/HttpAuthenticator.h>
+#include <KepNuvikaUtil/HttpClient.h>
+#include <KepNuvikaUtil/HttpHeader.h>
+#include <KepNuvikaUtil/HttpRequestHeader.h>
+#include <KepNuvikaUtil/HttpResponseClient.h>
+#include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/LoggedInUser.h>
+#include <KepNuvikaUtil/MemBlockPool.h>
+#include <KepNuvikaUtil/NuvikaTcpServer.h>
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+#include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
+#include <KepNuvikaUtil/SharedPoolBuffer.h>
+#include <KepNuvikaUtil/SocketCalls.h>
+#include <KepNuvikaUtil/SocketError.h>
+#include <KepNuvikaUtil/StringConversions.h>
+#include <KepNuvikaUtil/VariableBuffer.h>
+#include <KepNuvikaUtil/VariableBufferArray.h>
+
+/// Starts the host lookup service, without which sockets resolve no names, and returns when lookups can be
+/// posted. A second call while it runs does nothing.
+/// Threads: one controlling thread calls both, at the start and the end of the application.
+KEPNUVIKAUTIL_EXPORT void KepNuvikaUtilInit();
+
+/// Ends the service and the library's idle worker threads, however often KepNuvikaUtilInit() was called. A
+/// lookup that hangs in the system's resolver is left behind after two seconds. Sockets may still be closed
+/// afterwards.
+KEPNUVIKAUTIL_EXPORT void KepNuvikaUtilCleanup();

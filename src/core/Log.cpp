@@ -1,0 +1,8 @@
+#include "core/Log_p.h"
+
+namespace Nuvika
+{
+Q_LOGGING_CATEGORY(lcCore, "nuvika.core")
+Q_LOGGING_CATEGORY(lcNet, "nuvika.net")
+Q_LOGGING_CATEGORY(lcHttp, "nuvika.http")
+} // namespace Nuvika

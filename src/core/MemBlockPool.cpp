@@ -1,0 +1,128 @@
+#include <KepNuvikaUtil/MemBlockPool.h>
+
+#include <KepNuvikaUtil/Allocation.h>
+
+#include "core/Log_p.h"
+#include "core/MutexGuard_p.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+using namespace Nuvika;
+
+struct MemBlockPool::FreeNode {
+    FreeNode* pNext;
+};
+
+namespace
+{
+constexpr unsigned int kMinBlockSize = 4;
+constexpr std::size_t kChunkHead = 16;
+
+// Blocks of odd sizes are not aligned for a pointer: links are copied, never dereferenced.
+template <class Node>
+Node* linkOf(const void* block)
+{
+    Node* next;
+    std::memcpy(&next, block, sizeof next);
+    return next;
+}
+
+template <class Node>
+void setLink(void* block, Node* next)
+{
+    std::memcpy(block, &next, sizeof next);
+}
+} // namespace
+
+MemBlockPool::MemBlockPool(unsigned int blockSize, unsigned int blocksPerChunk)
+    : m_nBlockSize(std::max(blockSize, kMinBlockSize))
+    , m_nBlocksPerChunk(std::max(blocksPerChunk, 1U))
+{
+}
+
+MemBlockPool::~MemBlockPool() { MemBlockPool::freeAll(); }
+
+std::size_t MemBlockPool::stride() const { return std::max<std::size_t>(m_nBlockSize, sizeof(FreeNode)); }
+
+void MemBlockPool::addChunk()
+{
+    const std::size_t nSize = stride() * m_nBlocksPerChunk;
+    NUVIKA_ASSERT(nSize >= sizeof (FreeNode));
+    void* chunk = nSize + kChunkHead <= std::numeric_limits<unsigned int>::max()
+        ? NuvikaMallocNoExtending(static_cast<unsigned int>(nSize + kChunkHead))
+        : nullptr;
+    if (chunk == nullptr) {
+        NUVIKA_CRITICAL(lcCore, "MemBlockPool::allocBuf: out of memory: %zu bytes", nSize + kChunkHead);
+        std::abort();
+    }
+    setLink(chunk, m_pBlocks);
+    m_pBlocks = chunk;
+    m_pFresh = static_cast<char*>(chunk) + kChunkHead;
+    m_pFreshEnd = m_pFresh + nSize;
+}
+
+void* MemBlockPool::allocBuf()
+{
+    if (Q_LIKELY(m_pFreeList != nullptr)) {
+        void* block = m_pFreeList;
+        m_pFreeList = linkOf<FreeNode>(block);
+        return block;
+    }
+    if (m_pFresh == m_pFreshEnd)
+        addChunk();
+    void* block = m_pFresh;
+    m_pFresh += stride();
+    return block;
+}
+
+void MemBlockPool::freeBuf(void* p)
+{
+    NUVIKA_ASSERT(m_pBlocks);
+    if (p == nullptr)
+        return;
+    setLink(p, m_pFreeList);
+    m_pFreeList = static_cast<FreeNode*>(p);
+}
+
+void MemBlockPool::freeAll()
+{
+    while (m_pBlocks != nullptr) {
+        void* chunk = m_pBlocks;
+        m_pBlocks = linkOf<void>(chunk);
+        NuvikaFree(chunk);
+    }
+    m_pFreeList = nullptr;
+    m_pFresh = nullptr;
+    m_pFreshEnd = nullptr;
+    m_nReserved1 = 0;
+    m_nReserved2 = 0;
+}
+
+MemBlockPoolMT::MemBlockPoolMT(unsigned int blockSize, unsigned int blocksPerChunk)
+    : MemBlockPool(blockSize, blocksPerChunk)
+{
+}
+
+MemBlockPoolMT::~MemBlockPoolMT() { MemBlockPoolMT::freeAll(); }
+
+void* MemBlockPoolMT::allocBuf()
+{
+    const MutexGuard lock(m_mutex);
+    return MemBlockPool::allocBuf();
+}
+
+void MemBlockPoolMT::freeBuf(void* p)
+{
+    const MutexGuard lock(m_mutex);
+    MemBlockPool::freeBuf(p);
+}
+
+void MemBlockPoolMT::freeAll()
+{
+    const MutexGuard lock(m_mutex);
+    MemBlockPool::freeAll();
+}

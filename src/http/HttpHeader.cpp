@@ -1,0 +1,453 @@
+#include <KepNuvikaUtil/HttpHeader.h>
+#include <KepNuvikaUtil/HttpRequestHeader.h>
+#include <KepNuvikaUtil/HttpResponseHeader.h>
+
+#include "http/HttpHeader_p.h"
+
+#include <algorithm>
+
+namespace
+{
+const QLatin1String kContentLength("content-length");
+const QLatin1String kContentType("content-type");
+constexpr int kMinVersionWord = 8; // HTTP/1.1
+constexpr int kMinStatusLine = 10; // HTTP/1.1 2
+
+QString toText(QStringView view) { return view.toString(); }
+QString toText(QLatin1String view) { return view; }
+
+QChar charAt(QStringView view, int i) { return view.at(i); }
+QChar charAt(QLatin1String view, int i) { return QChar(view.at(i)); }
+
+bool isDigit(QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); }
+
+template <class View>
+int findChar(View view, char c, int from)
+{
+    return static_cast<int>(view.indexOf(QLatin1Char(c), from));
+}
+
+template <class View>
+int length(View view)
+{
+    return static_cast<int>(view.size());
+}
+
+// "HTTP/x.y" at the start of a text of at least 8 characters.
+template <class View>
+bool parseVersion(View text, int* major, int* minor)
+{
+    if (length(text) < kMinVersionWord || !text.startsWith(QLatin1String("HTTP/")) || !isDigit(charAt(text, 5))
+        || charAt(text, 6) != QLatin1Char('.') || !isDigit(charAt(text, 7)))
+        return false;
+    *major = charAt(text, 5).digitValue();
+    *minor = charAt(text, 7).digitValue();
+    return true;
+}
+
+// The words of a line without the white space around them.
+template <class View>
+View nextWord(View line, int* from)
+{
+    int start = *from;
+    while (start < length(line) && charAt(line, start).isSpace())
+        ++start;
+    int end = start;
+    while (end < length(line) && !charAt(line, end).isSpace())
+        ++end;
+    *from = end;
+    return line.mid(start, end - start);
+}
+
+// Calls parseLine(line, number) for each logical line of a head: continuation lines are joined to theirs.
+template <class View, class ParseLine>
+bool parseHead(View text, ParseLine parseLine)
+{
+    const int firstEnd = findChar(text, '\n', 0);
+    const bool bCrLf = firstEnd > 0 && charAt(text, firstEnd - 1) == QLatin1Char('\r');
+    const View head = text.trimmed();
+    const QLatin1String separator(bCrLf ? "\r\n" : "\n");
+
+    View line;
+    QString joined; // the logical line, once a continuation was added to it
+    bool bHaveLine = false;
+    int number = 0;
+    const auto flush = [&] {
+        return !bHaveLine
+            || (joined.isNull() ? parseLine(line, number++) : parseLine(QStringView(joined), number++));
+    };
+    for (int from = 0; from < length(head);) {
+        int end = static_cast<int>(head.indexOf(separator, from));
+        if (end < 0)
+            end = length(head);
+        const View piece = head.mid(from, end - from);
+        from = end + separator.size();
+        if (piece.isEmpty())
+            continue;
+        if (charAt(piece, 0).isSpace()) {
+            if (bHaveLine)
+                joined = (joined.isNull() ? toText(line) : joined) + QLatin1Char(' ') + toText(piece.trimmed());
+            continue;
+        }
+        if (!flush())
+            return false;
+        line = piece;
+        joined = QString();
+        bHaveLine = true;
+    }
+    return flush();
+}
+
+int findKey(const QList<QPair<QString, QString>>& values, const QString& key)
+{
+    for (int i = 0; i < values.size(); ++i) {
+        if (values.at(i).first.compare(key, Qt::CaseInsensitive) == 0)
+            return i;
+    }
+    return -1;
+}
+} // namespace
+
+// --- parsing -------------------------------------------------------------------------------------------
+
+template <class View>
+bool HttpHeaderPrivate::parseField(View line)
+{
+    const int colon = findChar(line, ':', 0);
+    if (colon < 0)
+        return false;
+    m_values.append({toText(line.left(colon).trimmed()), toText(line.mid(colon + 1).trimmed())});
+    return true;
+}
+
+template <class View>
+bool HttpRequestHeaderPrivate::parseRequest(View line, int number)
+{
+    if (number != 0)
+        return parseField(line);
+    int at = 0;
+    m_method = toText(nextWord(line, &at));
+    const View path = nextWord(line, &at);
+    if (!path.isEmpty())
+        m_path = toText(path);
+    return parseVersion(nextWord(line, &at), &m_nMajor, &m_nMinor);
+}
+
+template <class View>
+bool HttpResponseHeaderPrivate::parseStatus(View line, int number)
+{
+    if (number != 0)
+        return parseField(line);
+    const QString text = toText(line).simplified();
+    if (text.size() < kMinStatusLine || text.at(8) != QLatin1Char(' ') || !isDigit(text.at(9))
+        || !parseVersion(QStringView(text), &m_nMajor, &m_nMinor))
+        return false;
+    const int blank = text.indexOf(QLatin1Char(' '), 9);
+    m_nStatus = text.midRef(9, blank < 0 ? -1 : blank - 9).toInt();
+    m_reason = blank < 0 ? QString() : text.mid(blank + 1);
+    return true;
+}
+
+bool HttpHeader::parse(const QString& str)
+{
+    const bool bParsed = parseHead(QStringView(str),
+        [this](QStringView line, int number) { return parseLine(line.toString(), number); });
+    if (!bParsed)
+        setValid(false);
+    return bParsed;
+}
+
+bool HttpHeader::parseBytes(const char* data, int size)
+{
+    const bool bParsed = parseHead(
+        QLatin1String(data, size), [this](auto line, int number) { return d_ptr->parseLine(line, number); });
+    if (!bParsed)
+        setValid(false);
+    return bParsed;
+}
+
+// --- HttpHeader ----------------------------------------------------------------------------------------
+
+HttpHeader::HttpHeader()
+    : d_ptr(std::make_unique<HttpHeaderPrivate>())
+{
+}
+
+HttpHeader::HttpHeader(const QString& str)
+    : d_ptr(std::make_unique<HttpHeaderPrivate>())
+{
+    parse(str);
+}
+
+HttpHeader::HttpHeader(const HttpHeader& other)
+    : d_ptr(std::make_unique<HttpHeaderPrivate>(*other.d_ptr))
+{
+}
+
+HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const QString& str)
+    : d_ptr(std::move(d))
+{
+    HttpHeader::parse(str);
+}
+
+HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const HttpHeader& header)
+    : d_ptr(std::move(d))
+{
+    *this = header;
+}
+
+HttpHeader& HttpHeader::operator=(const HttpHeader& other)
+{
+    d_ptr->m_values = other.d_ptr->m_values;
+    d_ptr->m_bValid = other.d_ptr->m_bValid;
+    return *this;
+}
+
+HttpHeader::~HttpHeader() = default;
+
+bool HttpHeader::parseLine(const QString& line, int /*number*/) { return d_ptr->parseField(QStringView(line)); }
+
+QString HttpHeader::toString() const
+{
+    if (!isValid())
+        return QString();
+    int size = 0;
+    for (const auto& field : qAsConst(d_ptr->m_values))
+        size += field.first.size() + field.second.size() + 4;
+    QString text;
+    text.reserve(size);
+    for (const auto& field : qAsConst(d_ptr->m_values)) {
+        text += field.first;
+        text += QLatin1String(": ");
+        text += field.second;
+        text += QLatin1String("\r\n");
+    }
+    return text;
+}
+
+void HttpHeader::setValue(const QString& key, const QString& value)
+{
+    const int i = findKey(d_ptr->m_values, key);
+    if (i >= 0)
+        d_ptr->m_values[i].second = value;
+    else
+        addValue(key, value);
+}
+
+void HttpHeader::setValues(const QList<QPair<QString, QString>>& values) { d_ptr->m_values = values; }
+
+void HttpHeader::addValue(const QString& key, const QString& value) { d_ptr->m_values.append({key, value}); }
+
+QString HttpHeader::value(const QString& key) const
+{
+    const int i = findKey(d_ptr->m_values, key);
+    return i < 0 ? QString() : d_ptr->m_values.at(i).second;
+}
+
+QStringList HttpHeader::allValues(const QString& key) const
+{
+    QStringList found;
+    for (const auto& field : qAsConst(d_ptr->m_values)) {
+        if (field.first.compare(key, Qt::CaseInsensitive) == 0)
+            found.append(field.second);
+    }
+    return found;
+}
+
+QList<QPair<QString, QString>> HttpHeader::values() const { return d_ptr->m_values; }
+
+QStringList HttpHeader::keys() const
+{
+    QStringList names;
+    for (const auto& field : qAsConst(d_ptr->m_values))
+        names.append(field.first);
+    return names;
+}
+
+bool HttpHeader::hasKey(const QString& key) const { return findKey(d_ptr->m_values, key) >= 0; }
+
+void HttpHeader::removeValue(const QString& key)
+{
+    const int i = findKey(d_ptr->m_values, key);
+    if (i >= 0)
+        d_ptr->m_values.removeAt(i);
+}
+
+void HttpHeader::removeAllValues(const QString& key)
+{
+    auto& values = d_ptr->m_values;
+    values.erase(std::remove_if(values.begin(), values.end(),
+                     [&](const auto& field) { return field.first.compare(key, Qt::CaseInsensitive) == 0; }),
+        values.end());
+}
+
+bool HttpHeader::hasContentLength() const { return hasKey(kContentLength); }
+
+unsigned int HttpHeader::contentLength() const { return value(kContentLength).toUInt(); }
+
+void HttpHeader::setContentLength(int len) { setValue(kContentLength, QString::number(len)); }
+
+bool HttpHeader::hasContentType() const { return hasKey(kContentType); }
+
+QString HttpHeader::contentType() const
+{
+    const QString type = value(kContentType);
+    if (type.isEmpty())
+        return QString();
+    const int semicolon = type.indexOf(QLatin1Char(';'));
+    return semicolon < 0 ? type : type.left(semicolon).trimmed();
+}
+
+void HttpHeader::setContentType(const QString& type) { setValue(kContentType, type); }
+
+bool HttpHeader::isValid() const { return d_ptr->m_bValid; }
+
+void HttpHeader::setValid(bool valid) { d_ptr->m_bValid = valid; }
+
+// --- HttpRequestHeader ---------------------------------------------------------------------------------
+
+namespace
+{
+HttpRequestHeaderPrivate& request(const std::unique_ptr<HttpHeaderPrivate>& d)
+{
+    return static_cast<HttpRequestHeaderPrivate&>(*d);
+}
+
+HttpResponseHeaderPrivate& response(const std::unique_ptr<HttpHeaderPrivate>& d)
+{
+    return static_cast<HttpResponseHeaderPrivate&>(*d);
+}
+} // namespace
+
+HttpRequestHeader::HttpRequestHeader()
+    : HttpHeader(std::make_unique<HttpRequestHeaderPrivate>(), QString())
+{
+    setValid(false);
+}
+
+HttpRequestHeader::HttpRequestHeader(const QString& method, const QString& path, int majorVer, int minorVer)
+    : HttpRequestHeader()
+{
+    setRequest(method, path, majorVer, minorVer);
+}
+
+HttpRequestHeader::HttpRequestHeader(const QString& str)
+    : HttpHeader(std::make_unique<HttpRequestHeaderPrivate>(), QString())
+{
+    parse(str);
+}
+
+HttpRequestHeader::HttpRequestHeader(const HttpRequestHeader& other)
+    : HttpHeader(std::make_unique<HttpRequestHeaderPrivate>(request(other.d_ptr)), other)
+{
+}
+
+HttpRequestHeader& HttpRequestHeader::operator=(const HttpRequestHeader& other)
+{
+    request(d_ptr) = request(other.d_ptr);
+    return *this;
+}
+
+HttpRequestHeader::~HttpRequestHeader() = default;
+
+void HttpRequestHeader::setRequest(const QString& method, const QString& path, int majorVer, int minorVer)
+{
+    setValid(true);
+    request(d_ptr).m_method = method;
+    request(d_ptr).m_path = path;
+    request(d_ptr).m_nMajor = majorVer;
+    request(d_ptr).m_nMinor = minorVer;
+}
+
+QString HttpRequestHeader::method() const { return request(d_ptr).m_method; }
+QString HttpRequestHeader::path() const { return request(d_ptr).m_path; }
+int HttpRequestHeader::majorVersion() const { return request(d_ptr).m_nMajor; }
+int HttpRequestHeader::minorVersion() const { return request(d_ptr).m_nMinor; }
+
+bool HttpRequestHeader::parseLine(const QString& line, int number)
+{
+    return d_ptr->parseLine(QStringView(line), number);
+}
+
+// Joined, not filled into a template: percent signs in a path stay what they are.
+QString HttpRequestHeader::toString() const
+{
+    return method() + QLatin1Char(' ') + path() + QLatin1String(" HTTP/") + QString::number(majorVersion())
+        + QLatin1Char('.') + QString::number(minorVersion()) + QLatin1String("\r\n") + HttpHeader::toString()
+        + QLatin1String("\r\n");
+}
+
+HttpRequestHeader HttpRequestHeader::fromBytes(const char* data, int size)
+{
+    HttpRequestHeader header;
+    header.setValid(true);
+    header.parseBytes(data, size);
+    return header;
+}
+
+// --- HttpResponseHeader --------------------------------------------------------------------------------
+
+HttpResponseHeader::HttpResponseHeader()
+    : HttpHeader(std::make_unique<HttpResponseHeaderPrivate>(), QString())
+{
+    setValid(false);
+}
+
+HttpResponseHeader::HttpResponseHeader(int code, const QString& text, int majorVer, int minorVer)
+    : HttpResponseHeader()
+{
+    setStatusLine(code, text, majorVer, minorVer);
+}
+
+HttpResponseHeader::HttpResponseHeader(const QString& str)
+    : HttpHeader(std::make_unique<HttpResponseHeaderPrivate>(), QString())
+{
+    parse(str);
+}
+
+HttpResponseHeader::HttpResponseHeader(const HttpResponseHeader& other)
+    : HttpHeader(std::make_unique<HttpResponseHeaderPrivate>(response(other.d_ptr)), other)
+{
+}
+
+HttpResponseHeader& HttpResponseHeader::operator=(const HttpResponseHeader& other)
+{
+    response(d_ptr) = response(other.d_ptr);
+    return *this;
+}
+
+HttpResponseHeader::~HttpResponseHeader() = default;
+
+void HttpResponseHeader::setStatusLine(int code, const QString& text, int majorVer, int minorVer)
+{
+    setValid(true);
+    response(d_ptr).m_nStatus = code;
+    response(d_ptr).m_reason = text;
+    response(d_ptr).m_nMajor = majorVer;
+    response(d_ptr).m_nMinor = minorVer;
+}
+
+int HttpResponseHeader::statusCode() const { return response(d_ptr).m_nStatus; }
+QString HttpResponseHeader::reasonPhrase() const { return response(d_ptr).m_reason; }
+int HttpResponseHeader::majorVersion() const { return response(d_ptr).m_nMajor; }
+int HttpResponseHeader::minorVersion() const { return response(d_ptr).m_nMinor; }
+
+bool HttpResponseHeader::parseLine(const QString& line, int number)
+{
+    return d_ptr->parseLine(QStringView(line), number);
+}
+
+QString HttpResponseHeader::toString() const
+{
+    return QLatin1String("HTTP/") + QString::number(majorVersion()) + QLatin1Char('.')
+        + QString::number(minorVersion()) + QLatin1Char(' ') + QString::number(statusCode()) + QLatin1Char(' ')
+        + reasonPhrase() + QLatin1String("\r\n") + HttpHeader::toString() + QLatin1String("\r\n");
+}
+
+HttpResponseHeader HttpResponseHeader::fromBytes(const char* data, int size)
+{
+    HttpResponseHeader header;
+    header.setValid(true);
+    header.parseBytes(data, size);
+    return header;
+}

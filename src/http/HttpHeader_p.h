@@ -1,0 +1,54 @@
+// Private: the state of the heads, and the parsing of head text, which is the same for strings and for
+// received bytes.
+#pragma once
+
+#include <QtCore/QList>
+#include <QtCore/QPair>
+#include <QtCore/QString>
+
+#include <memory>
+
+class HttpHeaderPrivate
+{
+public:
+    virtual ~HttpHeaderPrivate() = default;
+    // One logical line; number 0 is the first line of the head.
+    virtual bool parseLine(QStringView line, int /*number*/) { return parseField(line); }
+    virtual bool parseLine(QLatin1String line, int /*number*/) { return parseField(line); }
+
+    template <class View>
+    bool parseField(View line);
+
+    QList<QPair<QString, QString>> m_values;
+    bool m_bValid = true;
+};
+
+class HttpRequestHeaderPrivate : public HttpHeaderPrivate
+{
+public:
+    bool parseLine(QStringView line, int number) override { return parseRequest(line, number); }
+    bool parseLine(QLatin1String line, int number) override { return parseRequest(line, number); }
+
+    template <class View>
+    bool parseRequest(View line, int number);
+
+    QString m_method;
+    QString m_path;
+    int m_nMajor = 0;
+    int m_nMinor = 0;
+};
+
+class HttpResponseHeaderPrivate : public HttpHeaderPrivate
+{
+public:
+    bool parseLine(QStringView line, int number) override { return parseStatus(line, number); }
+    bool parseLine(QLatin1String line, int number) override { return parseStatus(line, number); }
+
+    template <class View>
+    bool parseStatus(View line, int number);
+
+    int m_nStatus = 0;
+    QString m_reason;
+    int m_nMajor = 0;
+    int m_nMinor = 0;
+};

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <KepNuvikaUtil/HttpHeader.h>
+
+/// The head of an HTTP/1.x request. Not valid until setRequest() or a successful parse.
+class KEPNUVIKAUTIL_EXPORT HttpRequestHeader : public HttpHeader
+{
+public:
+    HttpRequestHeader();
+    HttpRequestHeader(const QString& method, const QString& path, int majorVer = 1, int minorVer = 1);
+    explicit HttpRequestHeader(const QString& str);
+    HttpRequestHeader(const HttpRequestHeader& other);
+    HttpRequestHeader& operator=(const HttpRequestHeader& other);
+    ~HttpRequestHeader() override;
+
+    /// Request line, fields and the closing empty line.
+    QString toString() const override;
+    int majorVersion() const override;
+    int minorVersion() const override;
+
+protected:
+    bool parseLine(const QString& line, int number) override;
+
+public:
+    void setRequest(const QString& method, const QString& path, int majorVer = 1, int minorVer = 1);
+    QString method() const;
+    QString path() const;
+
+    /// A head from received Latin-1 bytes, without its closing empty line.
+    static HttpRequestHeader fromBytes(const char* data, int size);
+};

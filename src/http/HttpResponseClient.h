@@ -1,0 +1,87 @@
+#pragma once
+
+#include <KepNuvikaUtil/Buffer.h>
+#include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HttpRequestHeader.h>
+#include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+#include <KepNuvikaUtil/SharedPoolBuffer.h>
+
+#include <memory>
+
+/// The server side of one accepted HTTP/1.1 connection.
+///
+/// Requests arrive by signals, in order; the owner answers each by one response(), in the same order. Bytes
+/// behind a complete request are the next one (pipelining). A request with a length, or without a body, comes
+/// whole by requestReceived(); a chunked one by contentChunk(), of which an empty one is the end; a multipart
+/// one by multipartReplaceContent(). Without any length, POST, PUT and PATCH last until the connection ends,
+/// other requests end with their head. "Expect: 100-continue" is answered here.
+///
+/// After the answer to a request that asked for it, or one that says "Connection: close", the connection is
+/// closed without losing the answer's last bytes.
+///
+/// Threads: owned by the thread that made it, which needs an event loop. Content pointers hold during the
+/// emission only.
+/// Lifetime: a handler of any signal may shut down or delete the connection. The object stays after the
+/// connection has ended, which disconnected() tells.
+/// Errors: error() for a request that is no HTTP or exceeds a limit (head 1 MiB, part 64 MiB, content
+/// setMaxContentSize()), for a socket error, and for a response() without a connection. Inside error() after
+/// a bad request the owner may still respond (with 400, say); the connection closes behind that.
+/// Memory: what the peer does not read waits here, and while anything waits no further request is read. A
+/// server of live pictures asks canSendContent() and skips a picture when it says no.
+class KEPNUVIKAUTIL_EXPORT HttpResponseClient : public QObject
+{
+    Q_OBJECT
+public:
+    /// Takes an accepted descriptor. \a singleReceive as the flag of NuvikaTcpSocket.
+    HttpResponseClient(int socketDescriptor, bool singleReceive, QObject* parent = nullptr);
+    ~HttpResponseClient() override;
+
+    /// Writes a head and a body (null or empty for none). \a moreContent announces that the body goes on with
+    /// sendContent() and ends with endContent(): with "transfer-encoding: chunked" in the head each piece is
+    /// framed as a chunk, with a content-length the pieces add up to it, and with neither the connection's end
+    /// is the end. Without a connection: error().
+    void response(const HttpResponseHeader& header, bool moreContent, const SharedPoolBuffer* body);
+    /// Closes the connection at once.
+    void shutdown();
+
+    /// Writes a further piece of the response that announced it; one system call where the peer keeps up.
+    /// Nothing is refused for lack of room. False without such a response.
+    bool sendContent(const char* data, int size);
+    bool sendContent(const KepNuvikaUtil::BUFFER* ranges, int count);
+    /// Ends that response; responseFinished() follows.
+    bool endContent();
+    /// The peer keeps up: everything written so far has left, or nearly. sigCanSendContent() tells when it
+    /// does so again.
+    bool canSendContent() const;
+    bool isConnected() const;
+    /// Bytes of a collected request body before error(); 1 GiB unless set.
+    void setMaxContentSize(int bytes);
+
+    QHostAddress peerAddress() const;
+    unsigned short peerPort() const;
+
+signals:
+    void requestReceived(const HttpRequestHeader& header, const char* content, int contentSize,
+        NuvikaTcpSocket::QueuedConnNotAllowed);
+    void contentChunk(
+        const HttpRequestHeader& header, const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
+    void multipartReplaceContent(const HttpRequestHeader& header, const char* contentType,
+        const char* contentChunk, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
+    /// The last byte of a response has been given to the system.
+    void responseFinished();
+    void error();
+    void disconnected();
+    void sigCanSendContent();
+
+private slots:
+    void slotSockDataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
+    void slotSockDisconnected();
+    void slotSockError(int errorCode);
+    void slotSockCanSend();
+    void slotSockAllSent();
+
+private:
+    class Private;
+    std::unique_ptr<Private> d;
+};

@@ -1,0 +1,24 @@
+// Private: the connection under the HTTP request engine.
+#pragma once
+
+#include <QtCore/QString>
+#include <QtNetwork/QHostAddress>
+
+namespace Nuvika
+{
+class HttpTransport
+{
+public:
+    virtual ~HttpTransport() = default;
+    virtual void connectToHost(const QString& host, unsigned short port) = 0;
+    virtual bool sendData(const char* data, int size) = 0;
+    virtual void sendEndOfData() = 0;
+    virtual void close() = 0;
+    virtual void stallRecv() = 0;
+    virtual void resumeRecv() = 0;
+    // Something waits to be received although no answer is awaited: the server has ended the connection.
+    virtual bool hasPendingInput() const = 0;
+    virtual QHostAddress localAddress() const = 0;
+    virtual QHostAddress peerAddress() const = 0;
+};
+} // namespace Nuvika

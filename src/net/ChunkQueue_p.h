@@ -1,0 +1,36 @@
+// Private: an unbounded queue of bytes in chunks of 1 MiB, for what a socket cannot take at once.
+#pragma once
+
+#include <deque>
+#include <memory>
+
+namespace Nuvika
+{
+class ChunkQueue
+{
+public:
+    static constexpr int kChunkSize = 1048576;
+
+    bool isEmpty() const { return m_chunks.empty(); }
+    void append(const char* data, int size);
+    void clear() { m_chunks.clear(); }
+
+    // Hands whole chunks to send(data, size) while canSend() is true.
+    template <class CanSend, class Send>
+    void drain(CanSend canSend, Send send)
+    {
+        while (!m_chunks.empty() && canSend()) {
+            const Chunk chunk = std::move(m_chunks.front());
+            m_chunks.pop_front();
+            send(chunk.pData.get(), chunk.nUsed);
+        }
+    }
+
+private:
+    struct Chunk {
+        std::unique_ptr<char[]> pData;
+        int nUsed = 0;
+    };
+    std::deque<Chunk> m_chunks;
+};
+} // namespace Nuvika

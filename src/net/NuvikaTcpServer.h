@@ -1,0 +1,51 @@
+#pragma once
+
+#include <KepNuvikaUtil/Export.h>
+
+#include <QtCore/QObject>
+#include <QtNetwork/QHostAddress>
+
+#include <memory>
+
+class NuvikaTcpServerThread;
+
+/// Listens on one IPv4 address and port, and hands every accepted connection to its owner thread as a bare
+/// descriptor, for NuvikaTcpSocket::setSocketDescriptor() or HttpResponseClient.
+///
+/// Threads: owned by the thread that made it, which needs an event loop; accepting runs on a thread of the
+/// server's own. A burst of connections costs one event.
+/// Lifetime: destruction stops listening; connections that were accepted but not yet handed out are closed.
+/// A handler of newConnectionDesc() may close or delete the server.
+/// Errors: listen() returns false and logs why. Running out of descriptors is logged once, the connection
+/// waits, and accepting resumes when descriptors are free again.
+class KEPNUVIKAUTIL_EXPORT NuvikaTcpServer : public QObject
+{
+    Q_OBJECT
+public:
+    explicit NuvikaTcpServer(QObject* parent = nullptr);
+    ~NuvikaTcpServer() override;
+
+    /// Listens anew; a former listening ends. Port 0 takes a free one. A null address is refused, a port with
+    /// a live listener too.
+    bool listen(const QHostAddress& address, unsigned short port);
+    void close();
+    bool isListening();
+    /// What was bound; a null address and port 0 when not listening.
+    QHostAddress serverAddress();
+    unsigned short serverPort() const;
+
+    /// Called once for each accepted connection, in accept order. Emits newConnectionDesc(); a subclass may
+    /// take the descriptor instead.
+    virtual void incomingConnection(int socketDescriptor);
+
+signals:
+    /// The receiver owns the descriptor.
+    void newConnectionDesc(int socketDescriptor);
+
+protected:
+    void customEvent(QEvent* event) override;
+
+private:
+    std::unique_ptr<NuvikaTcpServerThread> m_pThread;
+    bool m_bListening = false;
+};

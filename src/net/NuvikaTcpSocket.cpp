@@ -1,0 +1,309 @@
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+
+#include <KepNuvikaUtil/SocketCalls.h>
+#include <KepNuvikaUtil/SocketError.h>
+
+#include "core/Log_p.h"
+#include "net/NuvikaTcpSocketAsyncHelper_p.h"
+#include "net/NuvikaTcpSocketConnect_p.h"
+#include "net/NuvikaTcpSocketEvents_p.h"
+#include "net/NuvikaTcpSocketIO_p.h"
+#include "platform/Clock_p.h"
+#include "platform/Sockets_p.h"
+
+#include <QtCore/QThread>
+
+using namespace Nuvika;
+
+#define NUVIKA_ASSERT_OWNER_THREAD() NUVIKA_ASSERT(m_currentThreadId == QThread::currentThread())
+
+NuvikaTcpSocket::NuvikaTcpSocket(LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, bool flag, QObject* parent)
+    : NuvikaTcpSocket(sendProfile, recvProfile, 0, flag, parent)
+{
+}
+
+NuvikaTcpSocket::NuvikaTcpSocket(
+    LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, int sendQueueHint, bool flag, QObject* parent)
+    : QObject(parent)
+    , m_sendProfile(sendProfile)
+    , m_recvProfile(recvProfile)
+    , m_nSendQueueHint(sendQueueHint)
+    , m_pAsyncHelper(new NuvikaTcpSocketAsyncHelper(this))
+    , m_currentThreadId(QThread::currentThread())
+    , m_bSingleReceive(flag)
+{
+    connect(m_pAsyncHelper, &NuvikaTcpSocketAsyncHelper::emitCanSend, this, &NuvikaTcpSocket::emitCanSendAsync,
+        Qt::QueuedConnection);
+}
+
+NuvikaTcpSocket::~NuvikaTcpSocket()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    releaseConnection();
+}
+
+// --- connection ----------------------------------------------------------------------------------------
+
+bool NuvikaTcpSocket::prepareConnect(const QString& host, unsigned short port)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    if (m_state != eUnconnected) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocket::connectToHost() failed; invalid state");
+        return false;
+    }
+    m_peerName = QStringLiteral("%1:%2").arg(host, QString::number(port));
+    NUVIKA_ASSERT(m_pConnect == 0);
+    m_pConnect = new NuvikaTcpSocketConnect(m_sendProfile, m_recvProfile, this);
+    connect(m_pConnect, &NuvikaTcpSocketConnect::connected, this, &NuvikaTcpSocket::slotConnected);
+    connect(m_pConnect, &NuvikaTcpSocketConnect::error, this, &NuvikaTcpSocket::slotError);
+    m_state = eConnecting;
+    return true;
+}
+
+void NuvikaTcpSocket::connectToHost(const QString& host, unsigned short port)
+{
+    if (prepareConnect(host, port))
+        m_pConnect->connectToHost(host, port);
+}
+
+void NuvikaTcpSocket::connectToHost(const QHostAddress& address, unsigned short port)
+{
+    if (prepareConnect(address.toString(), port))
+        m_pConnect->connectToHost(address, port);
+}
+
+void NuvikaTcpSocket::readAddresses(int socket)
+{
+    NuvikaLLSock::ADDR_V4_V6 name{};
+    int length = sizeof name;
+    if (NuvikaLLSock::getsockname(socket, &name, &length) == 0)
+        NuvikaLLSock::getPortAndAddress(&name, &m_localAddress, &m_nLocalPort);
+    name = {};
+    length = sizeof name;
+    if (Sockets::peerName(socket, &name, &length) == 0)
+        NuvikaLLSock::getPortAndAddress(&name, &m_peerAddress, &m_nPeerPort);
+}
+
+void NuvikaTcpSocket::setSocketDescriptor(int socket)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    if (m_state != eUnconnected) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocket::setSocketDescriptor() failed: invalid state");
+        return;
+    }
+    readAddresses(socket);
+    NUVIKA_ASSERT(m_pIOSocket == 0);
+    m_pIOSocket = new NuvikaTcpSocketIO(
+        this, socket, m_sendProfile, m_recvProfile, m_nSendQueueHint, m_bSingleReceive, m_bRecvStalled);
+    m_state = eConnected;
+    emitCanSend();
+}
+
+void NuvikaTcpSocket::releaseConnection()
+{
+    ++m_nSession;
+    delete m_pConnect;
+    m_pConnect = nullptr;
+    if (m_pIOSocket != nullptr) {
+        NuvikaTcpSocketIO* engine = m_pIOSocket;
+        m_pIOSocket = nullptr;
+        engine->detach();
+    }
+}
+
+void NuvikaTcpSocket::close()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    releaseConnection();
+    m_nError = 0;
+    m_state = eUnconnected;
+}
+
+void NuvikaTcpSocket::errorClose(int errorCode)
+{
+    close();
+    m_state = eError;
+    m_nError = errorCode;
+}
+
+void NuvikaTcpSocket::slotConnected(int socketDescriptor)
+{
+    if (m_state != eConnecting)
+        return;
+    delete m_pConnect;
+    m_pConnect = nullptr;
+    m_state = eUnconnected;
+    setSocketDescriptor(socketDescriptor);
+    if (m_nFirstFailure != 0) {
+        const quint32 seconds = (Clock::monotonicMs() - m_nFirstFailure) / 1000;
+        NUVIKA_WARNING(lcNet,
+            "NuvikaTcpSocket::slotConnected(): connection to %s established after error. Timespan: %d seconds",
+            qUtf8Printable(m_peerName), static_cast<int>(seconds));
+        m_nFirstFailure = 0;
+    }
+    emit connected();
+}
+
+void NuvikaTcpSocket::slotError(int errorCode)
+{
+    if (m_state == eConnecting && m_nFirstFailure == 0) {
+        m_nFirstFailure = qMax(Clock::monotonicMs(), 1U); // 0 stands for none
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocket::slotError(): connecting to %s failed: %s",
+            qUtf8Printable(m_peerName), qUtf8Printable(SocketError::format(errorCode)));
+    }
+    releaseConnection();
+    if (m_state == eUnconnected || m_state == eError)
+        return;
+    m_state = eError;
+    m_nError = errorCode;
+    emit error(errorCode);
+}
+
+void NuvikaTcpSocket::slotDisconnected()
+{
+    releaseConnection();
+    if (m_state == eUnconnected || m_state == eError)
+        return;
+    m_state = eUnconnected;
+    m_nError = 0;
+    emit disconnected();
+}
+
+// --- transfer ------------------------------------------------------------------------------------------
+
+bool NuvikaTcpSocket::sendData(const char* data, int size)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_pIOSocket != nullptr && m_pIOSocket->sendData(data, size);
+}
+
+bool NuvikaTcpSocket::sendData(const KepNuvikaUtil::BUFFER* buffer, int count)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_pIOSocket != nullptr && m_pIOSocket->sendData(buffer, count);
+}
+
+bool NuvikaTcpSocket::sendEndOfData()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_pIOSocket != nullptr && m_pIOSocket->sendEndOfData();
+}
+
+bool NuvikaTcpSocket::canSend() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_state == eConnected && m_pIOSocket != nullptr && !m_pIOSocket->isFull();
+}
+
+bool NuvikaTcpSocket::notifyWhenAllSent()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    if (m_pIOSocket == nullptr || m_pIOSocket->isAllSent())
+        return false;
+    m_pIOSocket->tellWhenAllSent();
+    return true;
+}
+
+bool NuvikaTcpSocket::hasPendingInput() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_pIOSocket != nullptr && m_pIOSocket->hasPendingInput();
+}
+
+void NuvikaTcpSocket::stallRecv()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_bRecvStalled = true;
+    if (m_pIOSocket != nullptr)
+        m_pIOSocket->stallRecv();
+}
+
+void NuvikaTcpSocket::resumeRecv()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_bRecvStalled = false;
+    if (m_pIOSocket != nullptr)
+        m_pIOSocket->resumeRecv();
+}
+
+// --- events of the engine ------------------------------------------------------------------------------
+
+void NuvikaTcpSocket::customEvent(QEvent* event)
+{
+    switch (static_cast<int>(event->type())) {
+    case NuvikaTcpSocketEventType::kError:
+        slotError(static_cast<NuvikaTcpSocketErrorEvent*>(event)->errorCode());
+        break;
+    case NuvikaTcpSocketEventType::kDisconnected:
+        slotDisconnected();
+        break;
+    case NuvikaTcpSocketEventType::kDataReceived: {
+        const auto* data = static_cast<NuvikaTcpSocketDataReceivedEvent*>(event);
+        emit dataReceived(data->data(), data->size(), QueuedConnNotAllowed());
+        break;
+    }
+    case NuvikaTcpSocketEventType::kCanSend:
+        emitCanSend();
+        break;
+    case NuvikaTcpSocketEventType::kAllSent:
+        emit sigAllSent();
+        break;
+    default:
+        break;
+    }
+}
+
+void NuvikaTcpSocket::emitCanSend() { emit m_pAsyncHelper->emitCanSend(m_nSession); }
+
+void NuvikaTcpSocket::emitCanSendAsync(quint64 sessionId)
+{
+    if (sessionId != m_nSession || m_state != eConnected)
+        return;
+    NUVIKA_ASSERT(m_pIOSocket);
+    if (canSend())
+        emit sigCanSend();
+}
+
+// --- queries -------------------------------------------------------------------------------------------
+
+NuvikaTcpSocket::STATE NuvikaTcpSocket::getState()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_state;
+}
+
+QString NuvikaTcpSocket::errorString()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return SocketError::format(m_nError);
+}
+
+QHostAddress NuvikaTcpSocket::localAddress()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_localAddress;
+}
+
+unsigned short NuvikaTcpSocket::localPort() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_nLocalPort;
+}
+
+QHostAddress NuvikaTcpSocket::peerAddress()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_peerAddress;
+}
+
+unsigned short NuvikaTcpSocket::peerPort() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_nPeerPort;
+}
+
+const QString& NuvikaTcpSocket::peerName() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_peerName;
+}

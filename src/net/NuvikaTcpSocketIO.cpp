@@ -1,0 +1,283 @@
+#include "net/NuvikaTcpSocketIO_p.h"
+
+#include <KepNuvikaUtil/SocketCalls.h>
+
+#include "core/Log_p.h"
+#include "net/NuvikaTcpSocketEvents_p.h"
+#include "platform/Sockets_p.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <algorithm>
+
+#include <sys/socket.h>
+
+using namespace Nuvika;
+
+namespace
+{
+struct SendProfile {
+    int nSocketBuffer;
+    unsigned int nSendSize;
+    unsigned int nChunkSize;
+    unsigned int nChunks;
+};
+
+struct ReceiveProfile {
+    int nSocketBuffer;
+    std::size_t nReceiveSize;
+};
+
+// The asymmetry of the medium profile is deliberate.
+constexpr std::array<SendProfile, 3> kSendProfiles{{
+    {8192, 8192, 4096, 10},
+    {32768, 65536, 8192, 96},
+    {524288, 524288, 65536, 48},
+}};
+constexpr std::array<ReceiveProfile, 3> kReceiveProfiles{{
+    {8192, 4096},
+    {65536, 32768},
+    {524288, 524288},
+}};
+
+// A segment of a quarter of the buffers at most, but never a small one towards a network.
+constexpr int kSegmentLimit = 16384;
+constexpr int kLightSegmentLimit = 1448;
+
+std::size_t profileIndex(NuvikaTcpSocket::LOAD_PROFILE profile)
+{
+    if (profile >= NuvikaTcpSocket::eLight && profile <= NuvikaTcpSocket::eHeavy)
+        return static_cast<std::size_t>(profile);
+    NUVIKA_ASSERT(false);
+    return NuvikaTcpSocket::eMedium;
+}
+} // namespace
+
+int NuvikaTcpSocketIO::segmentLimit(LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, bool bLoopback)
+{
+    if (sendProfile != NuvikaTcpSocket::eLight && recvProfile != NuvikaTcpSocket::eLight)
+        return kSegmentLimit;
+    return bLoopback ? kLightSegmentLimit : 0;
+}
+
+NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
+    LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled)
+    : SocketEngine(nSocket)
+    , m_pOuter(pOuter)
+    , m_bSingleReceive(bSingleReceive)
+    , m_bRecvStalled(bStalled)
+{
+    m_state = eXFer;
+    disableNonBlocking();
+    Sockets::setNoDelay(nSocket);
+    setLoadProfile(sendProfile, recvProfile, nSendQueueHint);
+    if (!m_bRecvStalled)
+        postReceives();
+}
+
+NuvikaTcpSocketIO::~NuvikaTcpSocketIO() = default;
+
+// The mode never matters to the transfers, none of which may block.
+void NuvikaTcpSocketIO::disableNonBlocking()
+{
+    if (!NuvikaLLSock::setNonBlocking(m_nSocket, false))
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::disableNonBlocking() failed");
+}
+
+void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint)
+{
+    const SendProfile& sendValues = kSendProfiles[profileIndex(send)];
+    const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
+    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &recvValues.nSocketBuffer, sizeof(int)) != 0)
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed");
+    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_SNDBUF, &sendValues.nSocketBuffer, sizeof(int)) != 0)
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
+    m_nSendSize = sendValues.nSendSize;
+    m_nReceiveSize = recvValues.nReceiveSize;
+    for (ReceiveContext& context : m_receives)
+        context.buffer.reset(new char[m_nReceiveSize]); // not initialised: received bytes fill it
+    const unsigned int chunks
+        = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
+    m_pFifo = std::make_unique<DynamicByteFifo>(sendValues.nChunkSize, chunks);
+}
+
+void NuvikaTcpSocketIO::notifyOwner(QEvent& event)
+{
+    if (QCoreApplication::instance() != nullptr)
+        QCoreApplication::sendEvent(m_pOuter, &event);
+}
+
+// --- receiving -----------------------------------------------------------------------------------------
+
+void NuvikaTcpSocketIO::resumeRecv()
+{
+    if (m_state == eXFer)
+        postReceives();
+}
+
+void NuvikaTcpSocketIO::postReceives()
+{
+    NUVIKA_ASSERT(m_state == eXFer);
+    m_bRecvStalled = false;
+    const std::size_t count = m_bSingleReceive ? 1 : m_receives.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        ReceiveContext& context = m_receives[i];
+        if (!context.transfer.isBusy() && !context.bDelivering)
+            postReceive(context.transfer, context.buffer.get(), m_nReceiveSize);
+    }
+}
+
+void NuvikaTcpSocketIO::received(Transfer& transfer)
+{
+    const auto context = std::find_if(
+        m_receives.begin(), m_receives.end(), [&](const ReceiveContext& c) { return &c.transfer == &transfer; });
+    if (context == m_receives.end()) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocketIO::RecvCompletion call is unexpected here");
+        return;
+    }
+    if (transfer.error() != 0) {
+        NuvikaTcpSocketErrorEvent event(transfer.error());
+        notifyOwner(event);
+        return;
+    }
+    if (transfer.bytes() == 0) {
+        NuvikaTcpSocketDisconnectedEvent event;
+        notifyOwner(event);
+        return;
+    }
+    context->bDelivering = true;
+    NuvikaTcpSocketDataReceivedEvent event(context->buffer.get(), transfer.bytes());
+    notifyOwner(event);
+    context->bDelivering = false;
+    if (m_state == eXFer && !m_bRecvStalled)
+        postReceive(transfer, context->buffer.get(), m_nReceiveSize);
+}
+
+// --- sending -------------------------------------------------------------------------------------------
+
+bool NuvikaTcpSocketIO::acceptsData() const
+{
+    if (m_state != eXFer) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocketIO::sendData failed: invalid state");
+        return false;
+    }
+    if (m_endOfData != eNone) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocketIO::sendData failed: end of data already enqueued");
+        return false;
+    }
+    return true;
+}
+
+bool NuvikaTcpSocketIO::sendData(const char* data, int size)
+{
+    if (!acceptsData() || size < 0)
+        return false;
+    if (size == 0)
+        return !isFull();
+    if (isFull())
+        return false;
+    m_pFifo->put(reinterpret_cast<const unsigned char*>(data), static_cast<unsigned int>(size), true);
+    startSends();
+    return true;
+}
+
+bool NuvikaTcpSocketIO::sendData(const KepNuvikaUtil::BUFFER* buffers, int count)
+{
+    if (!acceptsData() || count < 0)
+        return false;
+    if (isFull())
+        return false;
+    const auto hasBytes = [](const KepNuvikaUtil::BUFFER& range) { return range.nLen > 0; };
+    if (!std::any_of(buffers, buffers + count, hasBytes))
+        return true;
+    m_pFifo->put(buffers, count, true);
+    startSends();
+    return true;
+}
+
+void NuvikaTcpSocketIO::startSends()
+{
+    for (SendContext& context : m_sends) {
+        if (!context.transfer.isBusy())
+            fillAndSend(context);
+    }
+}
+
+void NuvikaTcpSocketIO::fillAndSend(SendContext& context)
+{
+    if (m_channel.isSendBlocked())
+        return;
+    Transfer& transfer = context.transfer;
+    transfer.nRanges = Transfer::kMaxRanges;
+    const unsigned int size = m_pFifo->peek(transfer.ranges.data(), &transfer.nRanges, m_nSendSize);
+    NUVIKA_ASSERT(size <= m_nSendSize);
+    if (size == 0)
+        return;
+    const auto taken = static_cast<unsigned int>(postSend(transfer));
+    m_pFifo->consume(taken);
+    context.nInFifo = size - taken;
+}
+
+void NuvikaTcpSocketIO::sent(Transfer& transfer)
+{
+    const auto context = std::find_if(
+        m_sends.begin(), m_sends.end(), [&](const SendContext& c) { return &c.transfer == &transfer; });
+    if (context == m_sends.end()) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocketIO::SendCompletion call is unexpected here");
+        return;
+    }
+    if (transfer.error() != 0) {
+        NuvikaTcpSocketErrorEvent event(transfer.error());
+        notifyOwner(event);
+        return;
+    }
+    const bool bWasFull = isFull();
+    m_pFifo->consume(context->nInFifo);
+    context->nInFifo = 0;
+    startSends();
+    if (bWasFull && !isFull()) {
+        NUVIKA_ASSERT(m_pOuter);
+        NuvikaTcpSocketCanSendEvent event;
+        notifyOwner(event);
+    }
+    if (m_state != eXFer || hasBusySend())
+        return;
+    if (m_endOfData == eRequested)
+        finishEndOfData();
+    if (m_bTellAllSent) {
+        m_bTellAllSent = false;
+        NuvikaTcpSocketAllSentEvent event;
+        notifyOwner(event);
+    }
+}
+
+bool NuvikaTcpSocketIO::hasBusySend() const
+{
+    return std::any_of(
+        m_sends.begin(), m_sends.end(), [](const SendContext& context) { return context.transfer.isBusy(); });
+}
+
+bool NuvikaTcpSocketIO::isAllSent() const { return m_pFifo->isEmpty() && !hasBusySend(); }
+
+bool NuvikaTcpSocketIO::sendEndOfData()
+{
+    if (m_state != eXFer) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocketIO::sendEndOfData() failed: invalid state");
+        return false;
+    }
+    if (m_endOfData != eNone) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpSocketIO::sendEndOfData() failed: EndOfData already enqueued");
+        return false;
+    }
+    m_endOfData = eRequested;
+    if (!hasBusySend())
+        finishEndOfData();
+    return true;
+}
+
+void NuvikaTcpSocketIO::finishEndOfData()
+{
+    NUVIKA_ASSERT(m_pFifo->isEmpty());
+    NuvikaLLSock::shutdownWrite(m_nSocket);
+    m_endOfData = eDone;
+}

@@ -1,0 +1,83 @@
+// Private: moves the bytes of one connected TCP socket for its owner, the NuvikaTcpSocket.
+//
+//   receiving: two receives are posted; a received buffer is delivered in place, inside the completion, and
+//              posted again when the handler has returned.
+//   sending:   bytes are copied once, into the FIFO; up to two sends describe its front and go out of it in
+//              place. What the system took leaves the FIFO at once. A send that is not complete waits for the
+//              loop, and what is queued meanwhile leaves with the next one.
+#pragma once
+
+#include <KepNuvikaUtil/Buffer.h>
+#include <KepNuvikaUtil/DynamicByteFifo.h>
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+
+#include "net/SocketEngine_p.h"
+#include "platform/Sockets_p.h"
+
+#include <array>
+#include <memory>
+
+class QEvent;
+
+class NuvikaTcpSocketIO : public SocketEngine
+{
+public:
+    using LOAD_PROFILE = NuvikaTcpSocket::LOAD_PROFILE;
+
+    // A hint below 1 leaves the profile's own bound of the FIFO.
+    NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile,
+        int nSendQueueHint, bool bSingleReceive, bool bStalled);
+
+    bool sendData(const char* data, int size);
+    bool sendData(const KepNuvikaUtil::BUFFER* buffers, int count);
+    bool sendEndOfData();
+    bool isFull() const { return m_pFifo->isFull(); }
+    bool isAllSent() const;
+    bool hasPendingInput() const { return Nuvika::Sockets::hasInput(m_nSocket); }
+    void tellWhenAllSent() { m_bTellAllSent = true; }
+    void stallRecv() { m_bRecvStalled = true; }
+    void resumeRecv();
+
+    // The segment limit that keeps a profile's small buffers from stalling, set before the connection is
+    // made; 0 for none.
+    static int segmentLimit(LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, bool bLoopback);
+
+private:
+    struct ReceiveContext {
+        Nuvika::Transfer transfer;
+        std::unique_ptr<char[]> buffer;
+        bool bDelivering = false;
+    };
+    struct SendContext {
+        Nuvika::Transfer transfer;
+        unsigned int nInFifo = 0; // bytes of this send that still lie in the FIFO
+    };
+    enum EndOfData { eNone = 0, eRequested = 1, eDone = 2 };
+
+    ~NuvikaTcpSocketIO() override;
+
+    void disableNonBlocking();
+    void setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint);
+    void postReceives();
+    void fillAndSend(SendContext& context);
+    void startSends();
+    bool hasBusySend() const;
+    bool acceptsData() const;
+    void finishEndOfData();
+    void notifyOwner(QEvent& event);
+
+    void received(Nuvika::Transfer& transfer) override;
+    void sent(Nuvika::Transfer& transfer) override;
+    void cutOwner() override { m_pOuter = nullptr; }
+
+    std::array<SendContext, 2> m_sends;
+    std::array<ReceiveContext, 2> m_receives;
+    EndOfData m_endOfData = eNone;
+    NuvikaTcpSocket* m_pOuter;
+    std::unique_ptr<DynamicByteFifo> m_pFifo;
+    unsigned int m_nSendSize = 0;
+    std::size_t m_nReceiveSize = 0;
+    bool m_bSingleReceive;
+    bool m_bRecvStalled;
+    bool m_bTellAllSent = false;
+};

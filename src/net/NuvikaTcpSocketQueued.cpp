@@ -1,0 +1,109 @@
+#include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
+
+#include "net/ChunkQueue_p.h"
+
+#include <algorithm>
+
+using Nuvika::ChunkQueue;
+
+NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(int sendQueueHint, bool flag, QObject* parent)
+    : QObject(parent)
+    , m_pSocket(std::make_unique<NuvikaTcpSocket>(
+          NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, sendQueueHint, flag))
+    , m_pQueue(std::make_unique<ChunkQueue>())
+{
+    NuvikaTcpSocket* socket = m_pSocket.get();
+    connect(socket, &NuvikaTcpSocket::dataReceived, this, &NuvikaTcpSocketQueued::dataReceived);
+    connect(socket, &NuvikaTcpSocket::connected, this, &NuvikaTcpSocketQueued::connected);
+    connect(socket, &NuvikaTcpSocket::disconnected, this, &NuvikaTcpSocketQueued::slotDisconnected);
+    connect(socket, &NuvikaTcpSocket::error, this, &NuvikaTcpSocketQueued::slotError);
+    connect(socket, &NuvikaTcpSocket::sigCanSend, this, &NuvikaTcpSocketQueued::slotCanSend);
+}
+
+NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(bool flag, QObject* parent)
+    : NuvikaTcpSocketQueued(0, flag, parent)
+{
+}
+
+NuvikaTcpSocketQueued::~NuvikaTcpSocketQueued() = default;
+
+void NuvikaTcpSocketQueued::connectToHost(const QString& host, unsigned short port)
+{
+    m_pSocket->connectToHost(host, port);
+}
+
+void NuvikaTcpSocketQueued::connectToHost(const QHostAddress& address, unsigned short port)
+{
+    m_pSocket->connectToHost(address, port);
+}
+
+void NuvikaTcpSocketQueued::setSocketDescriptor(int socket) { m_pSocket->setSocketDescriptor(socket); }
+
+void NuvikaTcpSocketQueued::discardQueue()
+{
+    m_pQueue->clear();
+    m_bEndOfData = false; // or a reused socket would end itself
+}
+
+void NuvikaTcpSocketQueued::close()
+{
+    discardQueue();
+    m_pSocket->close();
+}
+
+bool NuvikaTcpSocketQueued::sendData(const char* data, int size)
+{
+    if (m_pSocket->getState() != NuvikaTcpSocket::eConnected || size < 0)
+        return false;
+    while (size > 0 && m_pQueue->isEmpty() && m_pSocket->canSend()) {
+        const int piece = std::min(size, ChunkQueue::kChunkSize);
+        if (!m_pSocket->sendData(data, piece))
+            break;
+        data += piece;
+        size -= piece;
+    }
+    m_pQueue->append(data, size);
+    return true;
+}
+
+void NuvikaTcpSocketQueued::slotCanSend()
+{
+    m_pQueue->drain([this] { return m_pSocket->canSend(); },
+        [this](const char* data, int size) { m_pSocket->sendData(data, size); });
+    if (m_bEndOfData)
+        finishSending();
+}
+
+void NuvikaTcpSocketQueued::finishSending()
+{
+    m_bEndOfData = !m_pQueue->isEmpty();
+    if (!m_bEndOfData)
+        m_pSocket->sendEndOfData();
+}
+
+void NuvikaTcpSocketQueued::sendEndOfData() { m_bEndOfData = true; }
+
+bool NuvikaTcpSocketQueued::isDynamicDataQueueEmpty() const { return m_pQueue->isEmpty(); }
+
+void NuvikaTcpSocketQueued::slotDisconnected()
+{
+    discardQueue();
+    emit disconnected();
+}
+
+void NuvikaTcpSocketQueued::slotError(int errorCode)
+{
+    discardQueue();
+    emit error(errorCode);
+}
+
+NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState() { return m_pSocket->getState(); }
+QString NuvikaTcpSocketQueued::errorString() { return m_pSocket->errorString(); }
+QHostAddress NuvikaTcpSocketQueued::localAddress() { return m_pSocket->localAddress(); }
+unsigned short NuvikaTcpSocketQueued::localPort() const { return m_pSocket->localPort(); }
+QHostAddress NuvikaTcpSocketQueued::peerAddress() { return m_pSocket->peerAddress(); }
+unsigned short NuvikaTcpSocketQueued::peerPort() const { return m_pSocket->peerPort(); }
+const QString& NuvikaTcpSocketQueued::peerName() const { return m_pSocket->peerName(); }
+void NuvikaTcpSocketQueued::stallRecv() { m_pSocket->stallRecv(); }
+void NuvikaTcpSocketQueued::resumeRecv() { m_pSocket->resumeRecv(); }
+bool NuvikaTcpSocketQueued::hasPendingInput() const { return m_pSocket->hasPendingInput(); }

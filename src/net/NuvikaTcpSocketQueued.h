@@ -1,0 +1,70 @@
+#pragma once
+
+#include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+
+#include <memory>
+
+namespace Nuvika
+{
+class ChunkQueue;
+}
+
+/// A TCP socket whose sendData() never refuses bytes for lack of room: what the socket cannot take at once
+/// waits in an unbounded queue of 1 MiB chunks. The order of bytes is kept.
+///
+/// Threads, lifetime, errors: as NuvikaTcpSocket. Both directions use the medium load profile.
+/// Closing: close(), a disconnect and an error discard what is queued.
+class KEPNUVIKAUTIL_EXPORT NuvikaTcpSocketQueued : public QObject
+{
+    Q_OBJECT
+public:
+    /// \a sendQueueHint and \a flag as in NuvikaTcpSocket.
+    NuvikaTcpSocketQueued(int sendQueueHint, bool flag, QObject* parent = nullptr);
+    explicit NuvikaTcpSocketQueued(bool flag = false, QObject* parent = nullptr);
+    ~NuvikaTcpSocketQueued() override;
+
+    void connectToHost(const QString& host, unsigned short port);
+    void connectToHost(const QHostAddress& address, unsigned short port);
+    void setSocketDescriptor(int socket);
+    void close();
+    /// False only when not connected (nothing is kept then) and for a negative size.
+    bool sendData(const char* data, int size);
+    /// Asks for the half-close that follows once the queue has drained. With nothing queued and a socket that
+    /// never filled, nothing triggers it and the half-close does not happen.
+    void sendEndOfData();
+    bool isDynamicDataQueueEmpty() const;
+
+    NuvikaTcpSocket::STATE getState();
+    QString errorString();
+    QHostAddress localAddress();
+    unsigned short localPort() const;
+    QHostAddress peerAddress();
+    unsigned short peerPort() const;
+    const QString& peerName() const;
+
+    /// As sendEndOfData(), and also when nothing is queued.
+    void finishSending();
+    /// As NuvikaTcpSocket's.
+    void stallRecv();
+    void resumeRecv();
+    bool hasPendingInput() const;
+
+signals:
+    void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
+    void connected();
+    void disconnected();
+    void error(int errorCode);
+
+private slots:
+    void slotDisconnected();
+    void slotError(int errorCode);
+    void slotCanSend();
+
+private:
+    void discardQueue();
+
+    bool m_bEndOfData = false;
+    std::unique_ptr<NuvikaTcpSocket> m_pSocket;
+    std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
+};

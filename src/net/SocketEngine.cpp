@@ -1,0 +1,76 @@
+#include "net/SocketEngine_p.h"
+
+#include <KepNuvikaUtil/SocketCalls.h>
+
+#include "core/Log_p.h"
+#include "platform/ErrorCodes_p.h"
+#include "platform/Sockets_p.h"
+
+using namespace Nuvika;
+
+SocketEngine::SocketEngine(int nSocket)
+    : m_nSocket(nSocket)
+    , m_channel(nSocket, *this)
+{
+}
+
+SocketEngine::~SocketEngine() = default;
+
+void SocketEngine::postReceive(Transfer& transfer, void* buffer, std::size_t size)
+{
+    ++m_nBusy;
+    m_channel.postReceive(transfer, buffer, size);
+}
+
+std::size_t SocketEngine::postSend(Transfer& transfer)
+{
+    ++m_nBusy;
+    return m_channel.postSend(transfer);
+}
+
+bool SocketEngine::receiveCompleted(Transfer& transfer)
+{
+    --m_nBusy;
+    ++m_nInsideCallback;
+    if (m_state == eXFer)
+        received(transfer);
+    --m_nInsideCallback;
+    return !endIfDone();
+}
+
+bool SocketEngine::sendCompleted(Transfer& transfer)
+{
+    --m_nBusy;
+    ++m_nInsideCallback;
+    if (m_state == eXFer)
+        sent(transfer);
+    --m_nInsideCallback;
+    return !endIfDone();
+}
+
+void SocketEngine::detach()
+{
+    cutOwner();
+    if (m_state == eXFer) {
+        m_state = eShutdownPending;
+        ++m_nInsideCallback; // a port that has ended completes inside close()
+        m_channel.close();
+        // Without a worker the descriptor must not leak: the plain call does it then.
+        if (NuvikaLLSock::closesocket(m_nSocket) == ErrorCodes::kCallFailure)
+            Sockets::close(m_nSocket);
+        --m_nInsideCallback;
+    } else {
+        NUVIKA_ASSERT(!hasPendingCompletions());
+        m_state = eShutdownPending;
+    }
+    endIfDone();
+}
+
+bool SocketEngine::endIfDone()
+{
+    if (m_state != eShutdownPending || m_nBusy > 0 || m_nInsideCallback > 0)
+        return false;
+    m_state = eClosed;
+    delete this;
+    return true;
+}

@@ -1,0 +1,179 @@
+// Private: overlapped transfers for the sockets of one thread, under its Qt event loop.
+//
+//     Qt's dispatcher --(one QSocketNotifier)--> epoll descriptor --> the thread's sockets + one eventfd
+//
+// What the port promises:
+// 1. A posted transfer completes exactly once, on the posting thread, only from inside that thread's event
+//    loop, never inside the call that posted it.
+// 2. Transfers of one direction complete in the order in which they were posted.
+// 3. A send is tried at once; only its completion waits for the loop.
+// 4. Cancelling completes what is outstanding with 995; until then the buffers belong to the port.
+// 5. A completion may post, cancel, close or destroy any object, its own included; a nested event loop inside
+//    a completion goes on serving everybody.
+// 6. A pass serves every ready socket once before it serves one twice, and returns to Qt within a budget: no
+//    socket and no timer starves.
+// 7. Closing a channel ends its connection at once; only the freeing waits for the loop. When a thread's port
+//    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
+//
+// One channel is served with one completion at a time: a channel that has more work goes to the end of the
+// line before its handler runs, so a nested loop finds it there.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include <sys/uio.h>
+
+namespace Nuvika
+{
+class Channel;
+class CompletionPort;
+
+// One receive or send. Belongs to the poster, who keeps it and its buffers in place while it is busy.
+class Transfer
+{
+public:
+    static constexpr int kMaxRanges = 16;
+
+    bool isBusy() const { return m_bBusy; }
+    // The outcome, from the completion on.
+    int error() const { return m_nError; }
+    int bytes() const { return static_cast<int>(m_nBytes); }
+
+    // What to send, filled before the post.
+    std::array<iovec, kMaxRanges> ranges{};
+    int nRanges = 0;
+
+private:
+    friend class Channel;
+    friend class TransferQueue;
+
+    void begin();
+    void finish(int nError)
+    {
+        m_nError = nError;
+        m_bDone = true;
+    }
+    void advance(std::size_t bytes);
+
+    Transfer* m_pNext = nullptr;
+    std::size_t m_nBytes = 0;
+    std::size_t m_nLeft = 0;
+    int m_nFirstRange = 0;
+    int m_nError = 0;
+    bool m_bBusy = false;
+    bool m_bDone = false;
+};
+
+class TransferHandler
+{
+public:
+    // The transfer is no longer busy. Returns false when the channel that reports was destroyed meanwhile.
+    virtual bool receiveCompleted(Transfer& transfer) = 0;
+    virtual bool sendCompleted(Transfer& transfer) = 0;
+
+protected:
+    ~TransferHandler() = default;
+};
+
+class TransferQueue
+{
+public:
+    bool isEmpty() const { return m_pFirst == nullptr; }
+    Transfer* first() const { return m_pFirst; }
+    bool firstIsDone() const { return m_pFirst != nullptr && m_pFirst->m_bDone; }
+    bool lastIsDone() const { return m_pFirst == nullptr || m_pLast->m_bDone; }
+    void append(Transfer& transfer);
+    Transfer* takeFirst();
+    void finishAll(int nError);
+
+private:
+    Transfer* m_pFirst = nullptr;
+    Transfer* m_pLast = nullptr;
+};
+
+// One connected socket in its thread's port. The descriptor stays the caller's, who closes it after close().
+class Channel
+{
+public:
+    Channel(int socket, TransferHandler& handler);
+    ~Channel(); // nothing may be busy
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+
+    void postReceive(Transfer& transfer, void* buffer, std::size_t size);
+    // Returns the bytes that left at once; the rest follows as the socket takes it.
+    std::size_t postSend(Transfer& transfer);
+    // A send that was posted has bytes left: a further one would only wait behind it.
+    bool isSendBlocked() const { return !m_sends.lastIsDone(); }
+    // Cancels what is outstanding and leaves the port: the descriptor may be closed right after.
+    void close();
+
+private:
+    friend class CompletionPort;
+
+    bool hasWork() const;
+    void ready(unsigned int events);
+    bool serveOne(); // false: this channel is gone
+    Transfer* nextReceive();
+    Transfer* nextSend();
+    bool trySend(Transfer& transfer);
+    void schedule();
+
+    std::shared_ptr<CompletionPort> m_pPort;
+    TransferHandler& m_handler;
+    TransferQueue m_receives;
+    TransferQueue m_sends;
+    Channel* m_pPrevious = nullptr; // neighbours in the port's line of channels with work
+    Channel* m_pNext = nullptr;
+    int m_nSocket;
+    int m_nSendError = 0;
+    bool m_bInLine = false;
+    bool m_bReadable = false;
+    bool m_bWritable = true;
+    bool m_bEnding = false; // the peer has ended or the socket failed: read on until the system says so
+    bool m_bSendsFirst = false;
+};
+
+class CompletionPort : public std::enable_shared_from_this<CompletionPort>
+{
+public:
+    // The calling thread's port, made on first use.
+    static std::shared_ptr<CompletionPort> current();
+
+    CompletionPort();
+    ~CompletionPort();
+    CompletionPort(const CompletionPort&) = delete;
+    CompletionPort& operator=(const CompletionPort&) = delete;
+
+private:
+    friend class Channel;
+    class Notifier;
+    struct ThreadSlot;
+
+    static void endCurrent();
+    void attachToLoop();
+    void add(Channel& channel, int socket);
+    void remove(int socket);
+    void schedule(Channel& channel);
+    void appendToLine(Channel& channel);
+    void takeOutOfLine(Channel& channel);
+    Channel* takeFirstInLine();
+    void wakeBeforePoll();
+    bool fetch();
+    void pass();
+    void serveRound(std::size_t channels, std::uint64_t deadline);
+    void end();
+
+    int m_nEpoll;
+    int m_nWake;
+    bool m_bArmed = false;
+    bool m_bEnded = false;
+    Channel* m_pFirst = nullptr;
+    Channel* m_pLast = nullptr;
+    std::size_t m_nInLine = 0;
+    std::unique_ptr<Notifier> m_pNotifier;
+};
+} // namespace Nuvika

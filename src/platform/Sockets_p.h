@@ -1,0 +1,38 @@
+// Private: the plain socket calls. Descriptors are close-on-exec, interrupted calls are repeated, and a call
+// that fails leaves its code in ErrorCodes::lastError() and returns -1.
+#pragma once
+
+#include <cstddef>
+
+struct sockaddr;
+struct iovec;
+
+namespace Nuvika::Sockets
+{
+int openStream(int family);
+int bind(int s, const sockaddr* address, int length);
+int close(int s);
+int shutdownWrite(int s);
+int sendTo(int s, const void* data, std::size_t size, int flags, const sockaddr* to, int length);
+int setOption(int s, int level, int name, const void* value, int length);
+int localName(int s, void* address, int* length);
+int peerName(int s, void* address, int* length);
+int connect(int s, const sockaddr* address, int length);
+int listen(int s);
+int setNonBlocking(int s, bool bNonBlocking);
+
+// Reads and clears the pending error, as a code; 0 when there is none.
+int takePendingError(int s);
+// Small pieces leave at once: the engine's own queue does the coalescing.
+void setNoDelay(int s);
+// Keeps segments well below a small buffer: loopback segments of 64 KB would stall its window.
+void setSegmentLimit(int s, int bytes);
+// A restart does not wait for old connections; a port with a live listener stays refused.
+void setReuseAddress(int s);
+
+// Transfers that never block. Bytes moved, or -1 with kWouldBlock or another code as last error.
+long receive(int s, void* data, std::size_t size);
+long send(int s, const iovec* ranges, int count);
+// Bytes, the peer's end or an error wait to be received.
+bool hasInput(int s);
+} // namespace Nuvika::Sockets

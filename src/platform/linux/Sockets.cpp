@@ -1,0 +1,138 @@
+#include "platform/Sockets_p.h"
+
+#include "platform/ErrorCodes_p.h"
+
+#include <cerrno>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace
+{
+using namespace Nuvika;
+
+template <class Call>
+auto checked(Call call)
+{
+    auto result = call();
+    while (result == -1 && errno == EINTR)
+        result = call();
+    if (result == -1)
+        ErrorCodes::setLastError(ErrorCodes::fromErrno(errno));
+    return result;
+}
+
+template <class Value>
+void setQuietly(int s, int level, int name, Value value)
+{
+    setsockopt(s, level, name, &value, sizeof value);
+}
+} // namespace
+
+int Nuvika::Sockets::openStream(int family)
+{
+    return checked([&] { return ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP); });
+}
+
+int Nuvika::Sockets::bind(int s, const sockaddr* address, int length)
+{
+    return checked([&] { return ::bind(s, address, static_cast<socklen_t>(length)); });
+}
+
+int Nuvika::Sockets::close(int s)
+{
+    // Linux releases the descriptor even when the call is interrupted: it must not be repeated.
+    const int result = ::close(s);
+    if (result == -1 && errno != EINTR)
+        ErrorCodes::setLastError(ErrorCodes::fromErrno(errno));
+    return result == -1 && errno == EINTR ? 0 : result;
+}
+
+int Nuvika::Sockets::shutdownWrite(int s)
+{
+    return checked([&] { return ::shutdown(s, SHUT_WR); });
+}
+
+int Nuvika::Sockets::sendTo(int s, const void* data, std::size_t size, int flags, const sockaddr* to, int length)
+{
+    return static_cast<int>(checked(
+        [&] { return ::sendto(s, data, size, flags | MSG_NOSIGNAL, to, static_cast<socklen_t>(length)); }));
+}
+
+int Nuvika::Sockets::setOption(int s, int level, int name, const void* value, int length)
+{
+    return checked([&] { return ::setsockopt(s, level, name, value, static_cast<socklen_t>(length)); });
+}
+
+int Nuvika::Sockets::localName(int s, void* address, int* length)
+{
+    auto size = static_cast<socklen_t>(*length);
+    const int result = checked([&] { return ::getsockname(s, static_cast<sockaddr*>(address), &size); });
+    *length = static_cast<int>(size);
+    return result;
+}
+
+int Nuvika::Sockets::peerName(int s, void* address, int* length)
+{
+    auto size = static_cast<socklen_t>(*length);
+    const int result = checked([&] { return ::getpeername(s, static_cast<sockaddr*>(address), &size); });
+    *length = static_cast<int>(size);
+    return result;
+}
+
+int Nuvika::Sockets::connect(int s, const sockaddr* address, int length)
+{
+    return checked([&] { return ::connect(s, address, static_cast<socklen_t>(length)); });
+}
+
+int Nuvika::Sockets::listen(int s)
+{
+    return checked([&] { return ::listen(s, SOMAXCONN); });
+}
+
+int Nuvika::Sockets::setNonBlocking(int s, bool bNonBlocking)
+{
+    int value = bNonBlocking ? 1 : 0;
+    return checked([&] { return ::ioctl(s, FIONBIO, &value); });
+}
+
+int Nuvika::Sockets::takePendingError(int s)
+{
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (checked([&] { return ::getsockopt(s, SOL_SOCKET, SO_ERROR, &error, &size); }) == -1)
+        return ErrorCodes::lastError();
+    return ErrorCodes::fromErrno(error);
+}
+
+void Nuvika::Sockets::setNoDelay(int s) { setQuietly(s, IPPROTO_TCP, TCP_NODELAY, 1); }
+
+void Nuvika::Sockets::setSegmentLimit(int s, int bytes) { setQuietly(s, IPPROTO_TCP, TCP_MAXSEG, bytes); }
+
+void Nuvika::Sockets::setReuseAddress(int s) { setQuietly(s, SOL_SOCKET, SO_REUSEADDR, 1); }
+
+long Nuvika::Sockets::receive(int s, void* data, std::size_t size)
+{
+    return checked([&] { return ::recv(s, data, size, MSG_DONTWAIT); });
+}
+
+long Nuvika::Sockets::send(int s, const iovec* ranges, int count)
+{
+    constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    if (count == 1)
+        return checked([&] { return ::send(s, ranges->iov_base, ranges->iov_len, kFlags); });
+    msghdr message{};
+    message.msg_iov = const_cast<iovec*>(ranges);
+    message.msg_iovlen = static_cast<std::size_t>(count);
+    return checked([&] { return ::sendmsg(s, &message, kFlags); });
+}
+
+bool Nuvika::Sockets::hasInput(int s)
+{
+    char byte = 0;
+    return ::recv(s, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN;
+}
