@@ -1,0 +1,167 @@
+#include "support/LogCapture.h"
+
+#include <KepNuvikaUtil/DataStreamBuffer.h>
+#include <KepNuvikaUtil/VariableBuffer.h>
+#include <KepNuvikaUtil/VariableBufferArray.h>
+
+#include <QtCore/QDataStream>
+
+#include <cstdint>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace
+{
+VariableBuffer bufferOf(const char* text)
+{
+    VariableBuffer buffer;
+    buffer.setData(text, static_cast<int>(qstrlen(text)));
+    return buffer;
+}
+
+QByteArray textOf(const VariableBuffer& buffer)
+{
+    return QByteArray(buffer.constData(), static_cast<int>(buffer.getSize()));
+}
+} // namespace
+
+TEST(VariableBuffer, GrowsOnlyWhenNeededAndKeepsItsContent)
+{
+    for (const unsigned int alignment : {4U, 8U, 16U, 32U, 3U, 48U}) {
+        VariableBuffer buffer(alignment);
+        EXPECT_EQ(buffer.getBuffer(0), nullptr);
+        std::memcpy(buffer.getBuffer(10), "0123456789", 10);
+        for (unsigned int size = 11; size < 5000; size += 97) { // many blocks: the aligned start moves
+            buffer.getBuffer(size);
+            ASSERT_EQ(reinterpret_cast<std::uintptr_t>(buffer.constData()) % alignment, 0U);
+            ASSERT_EQ(std::memcmp(buffer.constData(), "0123456789", 10), 0) << "alignment " << alignment;
+        }
+        const void* block = buffer.getBuffer();
+        buffer.clear();
+        EXPECT_EQ(buffer.getBuffer(4000), block) << "a cleared buffer keeps its block";
+        buffer.clearAndSqueeze(16);
+        EXPECT_TRUE(buffer.isEmpty());
+    }
+}
+
+TEST(VariableBuffer, RemovalPastTheEndIsWarnedOfAndClamped)
+{
+    VariableBuffer buffer = bufferOf("0123456789");
+    LogCapture log;
+    buffer.remove(3, 100);
+    EXPECT_EQ(textOf(buffer), "012");
+    EXPECT_TRUE(log.has("VariableBuffer::remove: Requested to remove more bytes than are contained in the buffer: "
+                        "103 bytes > 10 bytes; please check you pointer/buffer arithmetic",
+        QtWarningMsg));
+    buffer.remove(1, 0xFFFFFFFF); // the sum wraps 32 bits
+    EXPECT_EQ(textOf(buffer), "0");
+    const int records = static_cast<int>(log.records().size());
+    buffer.remove(1, 1);
+    buffer.remove(0, 0);
+    EXPECT_EQ(textOf(buffer), "0");
+    EXPECT_EQ(static_cast<int>(log.records().size()), records);
+    VariableBuffer middle = bufferOf("0123456789");
+    middle.remove(2, 3);
+    EXPECT_EQ(textOf(middle), "0156789");
+}
+
+TEST(VariableBuffer, ReplaceTakesTheFirstOccurrenceAndNeverShrinks)
+{
+    VariableBuffer longer = bufferOf("0ab1ab");
+    longer.replace("ab", "xyz");
+    EXPECT_EQ(textOf(longer), "0xyz1ab");
+    VariableBuffer shorter = bufferOf("0ab1");
+    shorter.replace("ab", "c");
+    EXPECT_EQ(shorter.getSize(), 4U);
+    EXPECT_EQ(textOf(shorter).left(3), "0c1");
+    shorter.replace(nullptr, "x");
+    shorter.replace("longer than the buffer", "x");
+    EXPECT_EQ(textOf(shorter).left(3), "0c1");
+    EXPECT_EQ(bufferOf("abc").indexOf("abcd", 4), -1);
+    EXPECT_EQ(bufferOf("aab").indexOf("ab", 2), 1);
+}
+
+TEST(VariableBuffer, AppendsItsOwnBytesWhileGrowing)
+{
+    VariableBuffer buffer = bufferOf("abcdef");
+    buffer.append(buffer);
+    buffer.append(buffer.constData() + 3, 3);
+    buffer.append(nullptr, -5);
+    EXPECT_EQ(textOf(buffer), "abcdefabcdefdef");
+    buffer = buffer; // NOLINT
+    EXPECT_EQ(buffer.getSize(), 15U);
+}
+
+TEST(VariableBuffer, StreamsRoundTripAndDistrustLengths)
+{
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    out << bufferOf("payload");
+    EXPECT_EQ(bytes, QByteArray("\0\0\0\7payload", 11));
+    VariableBuffer read;
+    QDataStream in(bytes);
+    in >> read;
+    EXPECT_EQ(textOf(read), "payload");
+
+    QDataStream null(QByteArray::fromHex("ffffffff"));
+    null >> read;
+    EXPECT_TRUE(read.isEmpty());
+    EXPECT_EQ(null.status(), QDataStream::Ok);
+
+    VariableBuffer claimed;
+    QDataStream cut(QByteArray::fromHex("fffffff0616263")); // 4 GB announced, 3 bytes there
+    cut >> claimed;
+    EXPECT_TRUE(claimed.isEmpty());
+    EXPECT_EQ(cut.status(), QDataStream::ReadPastEnd);
+
+    VariableBuffer untouched = bufferOf("keep");
+    QDataStream empty((QByteArray()));
+    empty >> untouched;
+    EXPECT_EQ(textOf(untouched), "keep");
+}
+
+TEST(VariableBufferArray, HandsOutItsBuffersInOrder)
+{
+    VariableBufferArray array(2);
+    EXPECT_EQ(array.addBufferData("abc", 3), 0);
+    EXPECT_EQ(array.getBufferAt(1), nullptr);
+    EXPECT_EQ(array.addBuffer(), 1);
+    EXPECT_EQ(array.addBuffer(), -1);
+    EXPECT_EQ(textOf(*array.getBufferAt(0)), "abc");
+    EXPECT_EQ(array.getBufferAt(-1), nullptr);
+    EXPECT_EQ(array.size(), 2);
+}
+
+TEST(DataStreamBuffer, WritesIntoABufferAndCutsItOnSeek)
+{
+    VariableBuffer target = bufferOf("old");
+    DataStreamBuffer device(&target);
+    EXPECT_TRUE(target.isEmpty());
+    EXPECT_EQ(device.getBuffer(), nullptr);
+    EXPECT_EQ(device.write("abcde", 5), 5);
+    EXPECT_TRUE(device.seek(2));
+    EXPECT_EQ(textOf(target), "ab");
+    EXPECT_FALSE(device.seek(3));
+    EXPECT_FALSE(device.seek(-1));
+    device.write("Z", 1);
+    EXPECT_EQ(QByteArray(device.getBuffer(), 3), "abZ");
+    EXPECT_TRUE(device.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(device.isWritable()) << "the mode is that of construction";
+    device.resetAndSqueeze(1);
+    EXPECT_TRUE(target.isEmpty());
+}
+
+TEST(DataStreamBuffer, ReadsABlockInPlaceOrCopied)
+{
+    QByteArray block("12345");
+    DataStreamBuffer inPlace(block.constData(), block.size(), false);
+    DataStreamBuffer copied(block.constData(), block.size(), true);
+    block.data()[0] = 'x';
+    EXPECT_EQ(inPlace.read(2), "x2");
+    EXPECT_EQ(copied.readAll(), "12345");
+    EXPECT_EQ(copied.read(1).size(), 0);
+    EXPECT_FALSE(copied.seek(6));
+    EXPECT_TRUE(copied.seek(4));
+    EXPECT_EQ(copied.read(9), "5");
+    EXPECT_EQ(DataStreamBuffer(nullptr, 0, false).getBuffer(), nullptr);
+}

@@ -1,0 +1,118 @@
+#include "support/EventLoop.h"
+#include "support/LogCapture.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/KepNuvikaUtil.h>
+
+#include <QtCore/QThread>
+
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace
+{
+class Receiver : public QObject
+{
+    Q_OBJECT
+public:
+    std::vector<QHostInfo> answers;
+    QThread* pThread = nullptr;
+public slots:
+    void answer(const QHostInfo& info)
+    {
+        answers.push_back(info);
+        pThread = QThread::currentThread();
+    }
+};
+
+int lookUp(const char* name, Receiver& receiver)
+{
+    return NuvikaUtil::lookupHost(QString::fromLatin1(name), &receiver, SLOT(answer(QHostInfo)));
+}
+} // namespace
+
+TEST(HostLookup, MergesRequestsForOneNameAndCachesFor60Seconds)
+{
+    seams::setName("merged.test", {"10.0.0.1", "::5", "10.0.0.2"});
+    Receiver receiver;
+    const int calls = seams::lookupCalls();
+    seams::holdLookups(true);
+    const int first = lookUp("merged.test", receiver);
+    const int second = lookUp("merged.test", receiver);
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(receiver.answers.empty());
+    seams::holdLookups(false);
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 2; }));
+    EXPECT_EQ(receiver.answers[0].lookupId(), first);
+    EXPECT_EQ(receiver.answers[1].lookupId(), second);
+    EXPECT_EQ(receiver.answers[0].error(), QHostInfo::NoError);
+    ASSERT_EQ(receiver.answers[0].addresses().size(), 3);
+    EXPECT_EQ(receiver.answers[0].addresses().at(1), QHostAddress(QStringLiteral("::5"))) << "the system's order";
+    EXPECT_EQ(receiver.pThread, QThread::currentThread());
+    EXPECT_EQ(seams::lookupCalls(), calls + 1);
+
+    seams::clockOffsetMs += 59000;
+    LogCapture log;
+    const int third = lookUp("merged.test", receiver);
+    EXPECT_EQ(receiver.answers.size(), 2U) << "never inside the call";
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 3; }));
+    EXPECT_EQ(receiver.answers[2].lookupId(), third);
+    EXPECT_TRUE(log.has("HostLookup: merged.test found in cache; lookup result: 10.0.0.1", QtDebugMsg));
+    EXPECT_EQ(seams::lookupCalls(), calls + 1);
+
+    seams::clockOffsetMs += 1001;
+    lookUp("merged.test", receiver);
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 4; }));
+    EXPECT_EQ(seams::lookupCalls(), calls + 2) << "60 seconds are over";
+}
+
+TEST(HostLookup, FailuresAreNotCachedAndNamesAreCaseSensitive)
+{
+    seams::setName("gone.test", {});
+    Receiver receiver;
+    LogCapture log;
+    lookUp("gone.test", receiver);
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 1; }));
+    EXPECT_EQ(receiver.answers[0].error(), QHostInfo::HostNotFound);
+    EXPECT_TRUE(log.has("HostLookup: looking up gone.test failed: ", QtWarningMsg));
+    seams::setName("gone.test", {"10.0.0.9"});
+    seams::setName("Gone.test", {"10.0.0.10"});
+    lookUp("gone.test", receiver);
+    lookUp("Gone.test", receiver);
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 3; }));
+    EXPECT_NE(receiver.answers[1].addresses(), receiver.answers[2].addresses());
+}
+
+TEST(HostLookup, AReceiverDeletedBeforeItsAnswerGetsNone)
+{
+    seams::setName("late.test", {"10.0.0.3"});
+    seams::holdLookups(true);
+    Receiver other;
+    auto gone = std::make_unique<Receiver>();
+    lookUp("late.test", *gone);
+    lookUp("late.test", other);
+    gone.reset();
+    seams::holdLookups(false);
+    ASSERT_TRUE(waitFor([&] { return other.answers.size() == 1; }));
+}
+
+TEST(HostLookup, CleanUpMeetsARunningLookup)
+{
+    seams::setName("hanging.test", {"10.0.0.4"});
+    seams::holdLookups(true);
+    Receiver receiver;
+    const int calls = seams::lookupCalls();
+    lookUp("hanging.test", receiver);
+    ASSERT_TRUE(waitFor([&] { return seams::lookupCalls() > calls; }));
+    QElapsedTimer time;
+    time.start();
+    KepNuvikaUtilCleanup();
+    EXPECT_LT(time.elapsed(), 10000) << "a hanging lookup is left behind";
+    EXPECT_EQ(lookUp("hanging.test", receiver), 0);
+    seams::holdLookups(false); // it wakes up, and finds nobody
+    KepNuvikaUtilInit();
+    settle();
+    EXPECT_TRUE(receiver.answers.empty());
+}
+
+#include "HostLookupTest.moc"

@@ -1,0 +1,439 @@
+#include "support/EventLoop.h"
+#include "support/LogCapture.h"
+#include "support/RawPeer.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+#include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
+
+#include <QtCore/QPointer>
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include <netinet/tcp.h>
+
+using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
+
+namespace
+{
+QByteArray pattern(int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(i * 7 + i / 251);
+    return bytes;
+}
+
+// A socket with a raw peer, and a log of its signals.
+template <class Socket>
+struct Connection {
+    RawListener listener;
+    RawSocket peer;
+    std::unique_ptr<Socket> socket;
+    QStringList events;
+    QByteArray received;
+    std::function<void(const char*, int)> onData;
+
+    explicit Connection(std::unique_ptr<Socket> s)
+        : socket(std::move(s))
+    {
+        QObject::connect(socket.get(), &Socket::connected, [this] { events << QStringLiteral("connected"); });
+        QObject::connect(socket.get(), &Socket::disconnected, [this] { events << QStringLiteral("disconnected"); });
+        QObject::connect(
+            socket.get(), &Socket::error, [this](int code) { events << QStringLiteral("error %1").arg(code); });
+        QObject::connect(socket.get(), &Socket::dataReceived, [this](const char* data, int size, Marker) {
+            received.append(data, size);
+            if (onData)
+                onData(data, size);
+        });
+    }
+    void open()
+    {
+        socket->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+        ASSERT_TRUE(waitFor([&] {
+            if (!peer.isOpen())
+                peer = listener.accept();
+            return peer.isOpen() && socket->getState() == NuvikaTcpSocket::eConnected;
+        }));
+    }
+};
+
+struct Tcp : Connection<NuvikaTcpSocket> {
+    explicit Tcp(NuvikaTcpSocket::LOAD_PROFILE profile = NuvikaTcpSocket::eMedium, int hint = 0, bool bSingle = false)
+        : Connection(std::make_unique<NuvikaTcpSocket>(profile, profile, hint, bSingle))
+    {
+        QObject::connect(socket.get(), &NuvikaTcpSocket::sigCanSend, [this] { ++canSends; });
+    }
+    int canSends = 0;
+};
+
+struct Queued : Connection<NuvikaTcpSocketQueued> {
+    Queued()
+        : Connection(std::make_unique<NuvikaTcpSocketQueued>())
+    {
+    }
+};
+} // namespace
+
+TEST(TcpSocket, ConnectsTransfersAndSeesTheEnd)
+{
+    Tcp c;
+    c.socket->connectToHost(QStringLiteral("127.0.0.1"), c.listener.port());
+    EXPECT_EQ(c.socket->getState(), NuvikaTcpSocket::eConnecting);
+    EXPECT_TRUE(c.events.isEmpty()) << "never inside the call";
+    ASSERT_TRUE(waitFor([&] { return !c.events.isEmpty(); }));
+    c.peer = c.listener.accept();
+    EXPECT_EQ(c.socket->peerPort(), c.listener.port());
+    EXPECT_EQ(c.socket->peerAddress(), QHostAddress(QHostAddress::LocalHost));
+    EXPECT_NE(c.socket->localPort(), 0);
+    EXPECT_EQ(c.socket->peerName(), QStringLiteral("127.0.0.1:%1").arg(c.listener.port()));
+    EXPECT_TRUE(waitFor([&] { return c.canSends == 1; })) << "one sigCanSend follows";
+
+    LogCapture log;
+    c.socket->connectToHost(QStringLiteral("127.0.0.1"), 1);
+    c.socket->setSocketDescriptor(0);
+    EXPECT_TRUE(log.has("NuvikaTcpSocket::connectToHost() failed; invalid state", QtWarningMsg));
+    EXPECT_TRUE(log.has("NuvikaTcpSocket::setSocketDescriptor() failed: invalid state", QtWarningMsg));
+
+    c.socket->sendData("hello", 5);
+    c.peer.write("world");
+    ASSERT_TRUE(waitFor([&] { return c.received == "world" && c.peer.received() == "hello"; }));
+    c.peer.close();
+    ASSERT_TRUE(waitFor([&] { return c.events.size() == 2; }));
+    settle(20);
+    EXPECT_EQ(c.events, (QStringList{QStringLiteral("connected"), QStringLiteral("disconnected")})) << "exactly one";
+    EXPECT_EQ(c.socket->getState(), NuvikaTcpSocket::eUnconnected);
+    EXPECT_FALSE(c.socket->sendData("x", 1));
+}
+
+TEST(TcpSocket, EveryProfileMovesMegabytesBothWaysInOrder)
+{
+    for (const auto profile : {NuvikaTcpSocket::eLight, NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eHeavy}) {
+        Tcp c(profile);
+        c.open();
+        const QByteArray data = pattern(6 << 20);
+        int sent = 0;
+        const auto sendMore = [&] {
+            while (sent < data.size() && c.socket->canSend()) {
+                const int n = std::min(100000, data.size() - sent);
+                ASSERT_TRUE(c.socket->sendData(data.constData() + sent, n));
+                sent += n;
+            }
+            if (sent == data.size())
+                c.socket->sendEndOfData();
+        };
+        QObject::connect(c.socket.get(), &NuvikaTcpSocket::sigCanSend, [&] { sent < data.size() ? sendMore() : void(); });
+        sendMore();
+        int fed = 0;
+        QElapsedTimer time;
+        time.start();
+        ASSERT_TRUE(waitFor([&] {
+            c.peer.received(300000);
+            const ssize_t n = ::send(c.peer.fd(), data.constData() + fed, static_cast<std::size_t>(std::min(100000, data.size() - fed)), MSG_DONTWAIT);
+            fed += n > 0 ? static_cast<int>(n) : 0;
+            return c.peer.received(0).size() == data.size() && c.peer.atEnd() && c.received.size() == data.size();
+        }, 60000)) << "profile " << profile << " sent " << c.peer.received().size() << " received " << c.received.size();
+        EXPECT_EQ(c.peer.received(), data);
+        EXPECT_EQ(c.received, data);
+        EXPECT_LT(time.elapsed(), 10000) << "stalled windows, profile " << profile;
+    }
+}
+
+TEST(TcpSocket, ABlockPastTheBoundIsTakenWholeAndTheNextRefused)
+{
+    Tcp c(NuvikaTcpSocket::eMedium, 10000);
+    c.open();
+    ASSERT_TRUE(waitFor([&] { return c.canSends == 1; }));
+    const QByteArray data = pattern(8 << 20); // more than the queue and the system hold
+    EXPECT_TRUE(c.socket->sendData(data.constData(), data.size()));
+    EXPECT_FALSE(c.socket->canSend());
+    EXPECT_FALSE(c.socket->sendData("x", 1));
+    EXPECT_FALSE(c.socket->sendData("", 0)) << "a size of 0 asks for room";
+    EXPECT_FALSE(c.socket->sendData("x", -1));
+    EXPECT_TRUE(c.socket->sendEndOfData());
+    LogCapture log;
+    EXPECT_FALSE(c.socket->sendEndOfData());
+    EXPECT_TRUE(log.has("NuvikaTcpSocketIO::sendEndOfData() failed: EndOfData already enqueued", QtWarningMsg));
+    EXPECT_FALSE(c.socket->sendData("x", 1));
+    EXPECT_TRUE(log.has("NuvikaTcpSocketIO::sendData failed: end of data already enqueued", QtWarningMsg));
+    ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }));
+    EXPECT_EQ(c.peer.received(), data) << "the half-close follows the last byte";
+    EXPECT_TRUE(waitFor([&] { return c.canSends == 2; })) << "the queue has room again";
+    c.peer.write("still open");
+    EXPECT_TRUE(waitFor([&] { return c.received == "still open"; })) << "the other direction goes on";
+}
+
+TEST(TcpSocket, ReportsFailuresOnceWithWinsockCodes)
+{
+    Tcp refused;
+    const unsigned short port = refused.listener.port();
+    refused.listener.close();
+    LogCapture log;
+    for (int i = 0; i < 3; ++i) {
+        refused.socket->connectToHost(QHostAddress(QHostAddress::LocalHost), port);
+        ASSERT_TRUE(waitFor([&] { return refused.events.size() == i + 1; }));
+        EXPECT_EQ(refused.events.last(), QStringLiteral("error 10061"));
+        EXPECT_EQ(refused.socket->getState(), NuvikaTcpSocket::eError);
+        EXPECT_EQ(refused.socket->errorString(), QStringLiteral("Connection refused"));
+        refused.socket->close();
+    }
+    EXPECT_EQ(log.count("NuvikaTcpSocket::slotError(): connecting to 127.0.0.1:", QtWarningMsg), 1)
+        << "repeated failures are logged once";
+    seams::clockOffsetMs += 7000;
+    RawListener back;
+    refused.socket->connectToHost(QHostAddress(QHostAddress::LocalHost), back.port());
+    ASSERT_TRUE(waitFor([&] { return refused.events.last() == QLatin1String("connected"); }));
+    EXPECT_TRUE(log.has("established after error. Timespan: 7 seconds", QtWarningMsg));
+
+    Tcp reset;
+    reset.open();
+    reset.peer.reset();
+    ASSERT_TRUE(waitFor([&] { return reset.events.size() == 2; }));
+    EXPECT_EQ(reset.events.last(), QStringLiteral("error 10054"));
+
+    Tcp failing;
+    failing.open();
+    seams::sending.arm(1, ECONNRESET);
+    EXPECT_TRUE(failing.socket->sendData("x", 1));
+    EXPECT_EQ(failing.events.size(), 1) << "never inside the call";
+    ASSERT_TRUE(waitFor([&] { return failing.events.size() == 2; }));
+    EXPECT_EQ(failing.events.last(), QStringLiteral("error 10054"));
+}
+
+TEST(TcpSocket, TriesIPv4FirstAndThenTheNextAddress)
+{
+    Tcp c;
+    seams::setName("both.test", {"::1", "127.0.0.1"});
+    LogCapture log;
+    c.socket->connectToHost(QStringLiteral("both.test"), c.listener.port());
+    ASSERT_TRUE(waitFor([&] { return !c.events.isEmpty(); }));
+    EXPECT_EQ(c.events.last(), QStringLiteral("connected"));
+    EXPECT_FALSE(log.has("trying ::1")) << "IPv4 before IPv6";
+    c.socket->close();
+    seams::setName("second.test", {"127.0.0.2", "127.0.0.1"}); // nobody listens on the first
+    c.socket->connectToHost(QStringLiteral("second.test"), c.listener.port());
+    ASSERT_TRUE(waitFor([&] { return c.events.size() == 2; }));
+    EXPECT_EQ(c.events.last(), QStringLiteral("connected"));
+    EXPECT_TRUE(log.has("NuvikaTcpSocketConnect: connect to 127.0.0.2", QtDebugMsg));
+    c.socket->close();
+    seams::setName("nowhere.test", {});
+    c.socket->connectToHost(QStringLiteral("nowhere.test"), 80);
+    ASSERT_TRUE(waitFor([&] { return c.events.size() == 3; }));
+    EXPECT_EQ(c.events.last(), QStringLiteral("error 11001"));
+    c.socket->close();
+    c.socket->connectToHost(QHostAddress(), 80);
+    ASSERT_TRUE(waitFor([&] { return c.events.size() == 4; }));
+    EXPECT_EQ(c.events.last(), QStringLiteral("error 11001"));
+    EXPECT_TRUE(log.has("NuvikaTcpSocketConnect::tryNextAddress(): unsupported protocol", QtWarningMsg));
+}
+
+TEST(TcpSocket, CloseWhileConnectingOrLookingUpEndsQuietly)
+{
+    Tcp c;
+    const int before = openDescriptors();
+    seams::setName("slow.test", {"127.0.0.1"});
+    seams::holdLookups(true);
+    c.socket->connectToHost(QStringLiteral("slow.test"), c.listener.port());
+    c.socket->close();
+    seams::holdLookups(false);
+    for (int i = 0; i < 20; ++i) {
+        c.socket->connectToHost(QStringLiteral("127.0.0.1"), c.listener.port());
+        if (i % 2 == 0)
+            QCoreApplication::processEvents();
+        c.socket->close();
+    }
+    settle();
+    EXPECT_TRUE(c.events.isEmpty()) << qPrintable(c.events.join(QLatin1Char(',')));
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(TcpSocket, NoCanSendFromASessionBeforeAClose)
+{
+    Tcp c;
+    c.open();
+    ASSERT_TRUE(waitFor([&] { return c.canSends == 1; }));
+    RawSocket other = RawSocket::connectTo(c.listener.port());
+    RawSocket accepted = c.listener.accept();
+    c.socket->close();
+    c.socket->setSocketDescriptor(accepted.release()); // its own notification waits in the loop
+    c.socket->close();
+    settle(20);
+    EXPECT_EQ(c.canSends, 1);
+}
+
+TEST(TcpSocket, HandlersMayCloseReuseOrDeleteTheSocket)
+{
+    Tcp().open(); // the thread's port is made once and stays
+    const int before = openDescriptors();
+    for (int variant = 0; variant < 4; ++variant) {
+        auto c = std::make_unique<Tcp>();
+        c->open();
+        bool bHandled = false;
+        c->onData = [&](const char* data, int size) {
+            if (bHandled)
+                return;
+            bHandled = true;
+            if (variant == 0) {
+                c->socket->close();
+            } else if (variant == 1) {
+                c->socket.reset();
+            } else if (variant == 2) {
+                c->socket->close();
+                c->socket->connectToHost(QStringLiteral("127.0.0.1"), c->listener.port());
+            } else {
+                c->socket->errorClose(10040);
+                EXPECT_EQ(c->socket->getState(), NuvikaTcpSocket::eError);
+            }
+            EXPECT_EQ(QByteArray(data, size), "data") << "the bytes live until the handler returns";
+        };
+        c->peer.write("data");
+        ASSERT_TRUE(waitFor([&] { return bHandled; }));
+        ASSERT_TRUE(waitFor([&] { return c->peer.atEnd(); })) << "the connection ends at once, variant " << variant;
+        settle(10);
+    }
+    for (const char* signal : {"connected", "disconnected", "error"}) {
+        auto c = std::make_unique<Tcp>();
+        QPointer<NuvikaTcpSocket> gone(c->socket.get());
+        const auto drop = [&] { c->socket.reset(); };
+        if (qstrcmp(signal, "connected") == 0)
+            QObject::connect(c->socket.get(), &NuvikaTcpSocket::connected, drop);
+        else if (qstrcmp(signal, "disconnected") == 0)
+            QObject::connect(c->socket.get(), &NuvikaTcpSocket::disconnected, drop);
+        else
+            QObject::connect(c->socket.get(), &NuvikaTcpSocket::error, drop);
+        c->socket->connectToHost(QStringLiteral("127.0.0.1"), c->listener.port());
+        ASSERT_TRUE(waitFor([&] {
+            if (!c->peer.isOpen())
+                c->peer = c->listener.accept();
+            return c->peer.isOpen() && (!gone || gone->getState() == NuvikaTcpSocket::eConnected);
+        }));
+        qstrcmp(signal, "error") == 0 ? c->peer.reset() : c->peer.close();
+        ASSERT_TRUE(waitFor([&] { return gone.isNull(); })) << signal;
+    }
+    settle(10);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(TcpSocket, DeliversASecondReceiveInANestedLoopUnlessSingle)
+{
+    for (const bool bSingle : {false, true}) {
+        Tcp c(NuvikaTcpSocket::eMedium, 0, bSingle);
+        c.open();
+        QByteArray nested;
+        bool bInside = false;
+        c.onData = [&](const char* data, int size) {
+            if (bInside) {
+                nested.append(data, size);
+                return;
+            }
+            bInside = true;
+            const QByteArray mine(data, size);
+            c.socket->resumeRecv(); // must not post the buffer that is being delivered
+            c.peer.write("nested");
+            waitFor([&] { return nested == "nested"; }, bSingle ? 100 : 5000);
+            EXPECT_EQ(QByteArray(data, size), mine) << "the first buffer is untouched";
+            bInside = false;
+        };
+        c.peer.write("first");
+        ASSERT_TRUE(waitFor([&] { return c.received.endsWith("nested"); }));
+        EXPECT_EQ(nested, bSingle ? QByteArray() : QByteArray("nested"));
+    }
+}
+
+TEST(TcpSocket, StallsAndResumesReceiving)
+{
+    Tcp c;
+    c.open();
+    c.socket->stallRecv();
+    c.peer.write("a"); // both receives are posted already: they are still delivered
+    ASSERT_TRUE(waitFor([&] { return c.received == "a"; }));
+    c.peer.write("b");
+    ASSERT_TRUE(waitFor([&] { return c.received == "ab"; }));
+    c.peer.write("c");
+    settle(30);
+    EXPECT_EQ(c.received, "ab");
+    EXPECT_TRUE(c.socket->hasPendingInput());
+    c.socket->resumeRecv();
+    ASSERT_TRUE(waitFor([&] { return c.received == "abc"; }));
+}
+
+TEST(TcpSocket, AllSentFollowsTheLastByte)
+{
+    Tcp c;
+    c.open();
+    int allSent = 0;
+    QObject::connect(c.socket.get(), &NuvikaTcpSocket::sigAllSent, [&] { ++allSent; });
+    EXPECT_FALSE(c.socket->notifyWhenAllSent());
+    const QByteArray data = pattern(8 << 20);
+    c.socket->sendData(data.constData(), data.size());
+    EXPECT_TRUE(c.socket->notifyWhenAllSent());
+    settle(20);
+    EXPECT_EQ(allSent, 0) << "the peer has read nothing yet";
+    ASSERT_TRUE(waitFor([&] { return c.peer.received(200000).size() == data.size() || allSent > 0; }));
+    ASSERT_TRUE(waitFor([&] { return allSent == 1; }));
+}
+
+TEST(TcpSocket, AQueuedConnectionToDataReceivedFails)
+{
+    NuvikaTcpSocket socket;
+    NuvikaTcpSocket receiver;
+    LogCapture log;
+    EXPECT_FALSE(QObject::connect(&socket, SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)),
+        &receiver, SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)), Qt::QueuedConnection));
+    EXPECT_TRUE(log.has("Cannot queue arguments of type"));
+}
+
+TEST(QueuedSocket, KeepsOrderBeyondWhatTheSocketTakes)
+{
+    Queued c;
+    EXPECT_FALSE(c.socket->sendData("x", 1)) << "nothing is kept when not connected";
+    c.open();
+    const QByteArray data = pattern(24 << 20);
+    int sent = 0;
+    for (int size = 1; sent < data.size(); size = size * 3 + 1) { // pieces of all sizes, also above 1 MiB
+        const int n = std::min(size, data.size() - sent);
+        ASSERT_TRUE(c.socket->sendData(data.constData() + sent, n));
+        sent += n;
+    }
+    EXPECT_FALSE(c.socket->isDynamicDataQueueEmpty());
+    c.socket->sendEndOfData();
+    ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }, 30000));
+    EXPECT_TRUE(c.peer.received() == data);
+    EXPECT_TRUE(c.socket->isDynamicDataQueueEmpty());
+}
+
+TEST(QueuedSocket, HalfCloseWaitsForADrainThatMayNeverCome)
+{
+    Queued c;
+    c.open();
+    settle(10); // the sigCanSend of the new connection
+    c.socket->sendData("small", 5);
+    c.socket->sendEndOfData();
+    settle(30);
+    EXPECT_EQ(c.peer.received(), "small");
+    EXPECT_FALSE(c.peer.atEnd()) << "nothing filled, so nothing drains";
+    c.socket->close();
+    RawSocket other = RawSocket::connectTo(c.listener.port());
+    RawSocket accepted;
+    ASSERT_TRUE(waitFor([&] { return (accepted = c.listener.accept()).isOpen(); }));
+    c.socket->setSocketDescriptor(accepted.release());
+    settle(20);
+    EXPECT_FALSE(other.atEnd()) << "the request does not outlive its connection";
+    c.socket->finishSending();
+    EXPECT_TRUE(waitFor([&] { return other.atEnd(); }));
+}
+
+TEST(QueuedSocket, AnErrorEmptiesTheQueue)
+{
+    Queued c;
+    c.open();
+    const QByteArray data(12 << 20, 'x');
+    c.socket->sendData(data.constData(), data.size());
+    EXPECT_FALSE(c.socket->isDynamicDataQueueEmpty());
+    c.peer.reset();
+    ASSERT_TRUE(waitFor([&] { return c.events.size() == 2; }));
+    EXPECT_EQ(c.events.last(), QStringLiteral("error 10054"));
+    EXPECT_TRUE(c.socket->isDynamicDataQueueEmpty());
+}

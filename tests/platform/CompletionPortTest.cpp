@@ -1,0 +1,291 @@
+// The port's contract, point by point.
+#include "platform/CompletionPort_p.h"
+#include "support/EventLoop.h"
+#include "support/RawPeer.h"
+
+#include <QtCore/QEventLoop>
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <vector>
+
+#include <sys/socket.h>
+
+using namespace Nuvika;
+
+namespace
+{
+struct Done {
+    char direction;
+    const Transfer* transfer;
+    int error;
+    int bytes;
+};
+
+// One end of a socket pair in the port, the other in the test's hand.
+class End final : public TransferHandler
+{
+public:
+    End()
+    {
+        int fds[2];
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
+        m_fd = RawSocket(fds[0]);
+        peer = RawSocket(fds[1]);
+        channel = std::make_unique<Channel>(m_fd.fd(), *this);
+    }
+
+    void receive(int i) { channel->postReceive(receives[i], buffers[i], sizeof buffers[i]); }
+    std::size_t send(int i, const void* data, std::size_t size)
+    {
+        sends[i].ranges[0] = {const_cast<void*>(data), size};
+        sends[i].nRanges = 1;
+        return channel->postSend(sends[i]);
+    }
+
+    bool receiveCompleted(Transfer& t) override { return completed('r', t); }
+    bool sendCompleted(Transfer& t) override { return completed('s', t); }
+    bool completed(char direction, Transfer& t)
+    {
+        EXPECT_FALSE(bPosting) << "completed inside the call that posted it";
+        EXPECT_FALSE(t.isBusy());
+        done.push_back({direction, &t, t.error(), t.bytes()});
+        if (onDone)
+            onDone(done.back());
+        if (!channel)
+            return false;
+        return true;
+    }
+
+    std::unique_ptr<Channel> channel;
+    RawSocket peer;
+    Transfer receives[2];
+    Transfer sends[2];
+    char buffers[2][64];
+    std::vector<Done> done;
+    std::function<void(const Done&)> onDone;
+    bool bPosting = false;
+
+private:
+    RawSocket m_fd;
+};
+} // namespace
+
+TEST(CompletionPort, CompletesOnceFromTheLoopNeverInsideThePost)
+{
+    End end;
+    end.peer.write("abc");
+    end.bPosting = true;
+    end.receive(0);
+    EXPECT_EQ(end.send(0, "hello", 5), 5U) << "a send is tried at once";
+    end.bPosting = false;
+    EXPECT_EQ(end.peer.received(), "hello") << "bytes leave without waiting for the loop";
+    EXPECT_TRUE(end.done.empty());
+    ASSERT_TRUE(waitFor([&] { return end.done.size() == 2; }));
+    settle();
+    EXPECT_EQ(end.done.size(), 2U) << "exactly once";
+    end.channel->close();
+}
+
+TEST(CompletionPort, CompletesEachDirectionInPostingOrder)
+{
+    End end;
+    end.receive(0);
+    end.receive(1);
+    const std::string big(3000000, 'x'); // more than the system takes
+    EXPECT_LT(end.send(0, big.data(), big.size()), big.size());
+    EXPECT_TRUE(end.channel->isSendBlocked());
+    EXPECT_EQ(end.send(1, "tail", 4), 0U) << "a send behind a blocked one waits";
+    end.peer.write(QByteArray(64, 'a') + "b");
+    std::vector<const Transfer*> sent;
+    std::vector<const Transfer*> received;
+    end.onDone = [&](const Done& d) { (d.direction == 's' ? sent : received).push_back(d.transfer); };
+    ASSERT_TRUE(waitFor([&] { return end.peer.received().size() == 3000004 && sent.size() == 2; }));
+    EXPECT_TRUE(end.peer.received().endsWith("xtail"));
+    EXPECT_EQ(sent, (std::vector<const Transfer*>{&end.sends[0], &end.sends[1]}));
+    EXPECT_EQ(received, (std::vector<const Transfer*>{&end.receives[0], &end.receives[1]}));
+    EXPECT_EQ(end.receives[0].bytes(), 64);
+    end.channel->close();
+}
+
+TEST(CompletionPort, ClosingCancelsTwoReceivesAndTwoSends)
+{
+    End end;
+    end.receive(0);
+    end.receive(1);
+    const std::string big(3000000, 'x');
+    end.send(0, big.data(), big.size());
+    end.send(1, big.data(), big.size());
+    end.bPosting = true;
+    end.channel->close();
+    end.bPosting = false;
+    EXPECT_TRUE(end.receives[0].isBusy()) << "until the completion the buffers are the port's";
+    ASSERT_TRUE(waitFor([&] { return end.done.size() == 4; }));
+    for (const Done& d : end.done)
+        EXPECT_EQ(d.error, 995);
+}
+
+TEST(CompletionPort, HandlerDestroysItselfAndOthersWithWorkInTheSamePass)
+{
+    std::vector<std::unique_ptr<End>> ends;
+    int handled = 0;
+    for (int i = 0; i < 20; ++i) {
+        ends.push_back(std::make_unique<End>());
+        End* end = ends.back().get();
+        end->receive(0);
+        end->onDone = [&ends, &handled, end](const Done& d) {
+            if (d.error == 995)
+                return;
+            ++handled;
+            for (auto& other : ends) { // everybody else and itself, in the middle of the pass
+                if (other->channel)
+                    other->channel->close();
+            }
+            end->channel.reset();
+        };
+        end->peer.write("x");
+    }
+    ASSERT_TRUE(waitFor([&] {
+        for (const auto& end : ends) {
+            if (end->receives[0].isBusy())
+                return false;
+        }
+        return true;
+    }));
+    EXPECT_EQ(handled, 1) << "closed sockets report nothing but their cancellation";
+}
+
+TEST(CompletionPort, NestedLoopServesEverybodyElse)
+{
+    End outer;
+    End other;
+    int inner = 0;
+    outer.receive(0);
+    outer.receive(1);
+    other.receive(0);
+    other.onDone = [&](const Done& d) {
+        if (d.direction == 's' || d.error != 0)
+            return;
+        ++inner;
+        other.receive(0);
+    };
+    outer.onDone = [&](const Done& d) {
+        if (d.transfer != &outer.receives[0])
+            return;
+        outer.peer.write("second");
+        other.peer.write("x");
+        EXPECT_TRUE(waitFor([&] { return inner >= 1 && outer.done.size() >= 2; }, 3000))
+            << "the second receive and the other socket are served in a nested loop";
+        EXPECT_EQ(other.send(0, "in time", 7), 7U);
+        EXPECT_TRUE(waitFor([&] { return !other.sends[0].isBusy(); }, 3000)) << "what nobody announces, too";
+    };
+    outer.peer.write("x");
+    ASSERT_TRUE(waitFor([&] { return outer.done.size() == 2; }));
+    outer.channel->close();
+    other.channel->close();
+    settle(5);
+}
+
+TEST(CompletionPort, TwoThousandBusySocketsStarveNobodyAndNoTimer)
+{
+    constexpr int kSockets = 2000;
+    std::vector<std::unique_ptr<End>> ends;
+    std::vector<int> served(kSockets, 0);
+    for (int i = 0; i < kSockets; ++i) {
+        ends.push_back(std::make_unique<End>());
+        End* end = ends.back().get();
+        end->peer.write(QByteArray(16 * 64, 'x')); // sixteen receives each
+        end->onDone = [end, &served, i](const Done& d) {
+            end->done.clear();
+            if (d.error != 0)
+                return;
+            ++served[static_cast<std::size_t>(i)];
+            for (volatile int spin = 0; spin < 3000; spin = spin + 1) { }
+            end->receive(0);
+        };
+    }
+    int ticks = 0;
+    int lead = 0;
+    QTimer timer;
+    QObject::connect(&timer, &QTimer::timeout, [&] {
+        ++ticks;
+        const auto range = std::minmax_element(served.begin(), served.end());
+        lead = std::max(lead, *range.second - *range.first);
+    });
+    timer.start(1);
+    for (auto& end : ends)
+        end->receive(0);
+    ASSERT_TRUE(waitFor([&] { return std::all_of(served.begin(), served.end(), [](int n) { return n == 16; }); }, 30000));
+    EXPECT_GE(ticks, 10) << "a timer keeps firing while all are active";
+    EXPECT_LE(lead, 1) << "nobody is served twice before everybody was served once";
+    for (auto& end : ends)
+        end->channel->close();
+    settle(10);
+}
+
+TEST(CompletionPort, SeesThePeersEndBehindItsLastBytes)
+{
+    End end;
+    end.receive(0);
+    end.receive(1);
+    end.peer.write("last");
+    end.peer.close();
+    ASSERT_TRUE(waitFor([&] { return end.done.size() == 2; }));
+    EXPECT_EQ(end.done[0].bytes, 4);
+    EXPECT_EQ(end.done[1].bytes, 0);
+    EXPECT_EQ(end.done[1].error, 0);
+    end.channel->close();
+}
+
+TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
+{
+    struct Engine final : TransferHandler {
+        RawSocket fd;
+        RawSocket peer;
+        std::unique_ptr<Channel> channel;
+        Transfer receive;
+        char buffer[16];
+        int* pDone = nullptr;
+        bool receiveCompleted(Transfer& t) override
+        {
+            EXPECT_EQ(t.error(), 995);
+            ++*pDone;
+            delete this;
+            return false;
+        }
+        bool sendCompleted(Transfer&) override { return true; }
+    };
+    int done = 0;
+    class Thread : public QThread
+    {
+    public:
+        std::function<void()> body;
+        void run() override { body(); }
+    } thread;
+    thread.body = [&] {
+        Engine* engines[2];
+        for (Engine*& engine : engines) {
+            engine = new Engine;
+            int fds[2];
+            socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
+            engine->fd = RawSocket(fds[0]);
+            engine->peer = RawSocket(fds[1]);
+            engine->pDone = &done;
+            engine->channel = std::make_unique<Channel>(fds[0], *engine);
+            engine->channel->postReceive(engine->receive, engine->buffer, sizeof engine->buffer);
+        }
+        engines[0]->channel->close(); // waits for a loop that never runs
+        EXPECT_EQ(done, 0);
+        QObject::connect(&thread, &QThread::finished, &thread, [engine = engines[1], &done] {
+            EXPECT_EQ(done, 1);
+            engine->channel->close(); // the port has ended: at once
+            EXPECT_EQ(done, 2);
+        }, Qt::DirectConnection);
+    };
+    thread.start();
+    thread.wait();
+    EXPECT_EQ(done, 2);
+}

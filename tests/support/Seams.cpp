@@ -1,0 +1,120 @@
+#include "support/Seams.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <netdb.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+namespace seams
+{
+std::atomic<long long> clockOffsetMs{0};
+Fault threadCreation;
+Fault accepting;
+Fault sending;
+Fault receiving;
+Fault settingOptions;
+
+bool Fault::fires()
+{
+    ++nCalls;
+    if (nTimes <= 0)
+        return false;
+    --nTimes;
+    errno = nErrno;
+    return true;
+}
+
+Resolver& resolver()
+{
+    static Resolver instance;
+    return instance;
+}
+
+void setName(const std::string& name, const std::vector<std::string>& addresses)
+{
+    const std::lock_guard<std::mutex> lock(resolver().mutex);
+    resolver().names[name] = addresses;
+}
+
+void holdLookups(bool bHold)
+{
+    const std::lock_guard<std::mutex> lock(resolver().mutex);
+    resolver().bHold = bHold;
+    resolver().changed.notify_all();
+}
+
+int lookupCalls()
+{
+    const std::lock_guard<std::mutex> lock(resolver().mutex);
+    return resolver().nCalls;
+}
+} // namespace seams
+
+extern "C" {
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __real_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
+int __real_accept4(int fd, sockaddr* address, socklen_t* length, int flags);
+ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __real_recv(int fd, void* data, size_t size, int flags);
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now)
+{
+    const int result = __real_clock_gettime(clock, now);
+    const long long offset = seams::clockOffsetMs;
+    now->tv_sec += offset / 1000;
+    now->tv_nsec += offset % 1000 * 1000000;
+    if (now->tv_nsec >= 1000000000) {
+        now->tv_nsec -= 1000000000;
+        ++now->tv_sec;
+    }
+    return result;
+}
+
+int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list)
+{
+    seams::Resolver& resolver = seams::resolver();
+    std::unique_lock<std::mutex> lock(resolver.mutex);
+    ++resolver.nCalls;
+    resolver.changed.notify_all();
+    resolver.changed.wait(lock, [&] { return !resolver.bHold; });
+    const auto known = resolver.names.find(name);
+    if (known == resolver.names.end())
+        return __real_getaddrinfo(name, service, hints, list);
+    *list = nullptr;
+    addrinfo** tail = list;
+    for (const std::string& address : known->second) {
+        if (__real_getaddrinfo(address.c_str(), service, hints, tail) == 0)
+            tail = &(*tail)->ai_next;
+    }
+    return *list == nullptr ? EAI_NONAME : 0;
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
+{
+    return seams::threadCreation.fires() ? EAGAIN : __real_pthread_create(thread, attributes, run, argument);
+}
+
+int __wrap_accept4(int fd, sockaddr* address, socklen_t* length, int flags)
+{
+    return seams::accepting.fires() ? -1 : __real_accept4(fd, address, length, flags);
+}
+
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)
+{
+    return seams::sending.fires() ? -1 : __real_send(fd, data, size, flags);
+}
+
+ssize_t __wrap_recv(int fd, void* data, size_t size, int flags)
+{
+    return seams::receiving.fires() ? -1 : __real_recv(fd, data, size, flags);
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
+{
+    return seams::settingOptions.fires() ? -1 : __real_setsockopt(fd, level, name, value, length);
+}
+}

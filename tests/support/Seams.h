@@ -1,0 +1,47 @@
+// Time and faults for the tests. The linker routes a few system calls of the library through here (--wrap), so
+// that the shipped library carries no hook for them.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace seams
+{
+// Added to the monotonic clock.
+extern std::atomic<long long> clockOffsetMs;
+
+// Names that the resolver knows; any other is asked of the system.
+struct Resolver {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::string, std::vector<std::string>> names; // an empty list: not found
+    bool bHold = false; // lookups wait until released
+    int nCalls = 0;
+};
+Resolver& resolver();
+void setName(const std::string& name, const std::vector<std::string>& addresses);
+void holdLookups(bool bHold);
+int lookupCalls();
+
+// The next calls of that kind fail with this errno, as many times.
+struct Fault {
+    std::atomic<int> nTimes{0};
+    std::atomic<int> nErrno{0};
+    std::atomic<int> nCalls{0};
+    void arm(int times, int error)
+    {
+        nErrno = error;
+        nTimes = times;
+    }
+    bool fires();
+};
+extern Fault threadCreation;
+extern Fault accepting;
+extern Fault sending;
+extern Fault receiving;
+extern Fault settingOptions;
+} // namespace seams

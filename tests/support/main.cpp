@@ -1,0 +1,17 @@
+// Every test program: an application object, the library started, and nothing left over at the end.
+#include <KepNuvikaUtil/KepNuvikaUtil.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QLoggingCategory>
+
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    QCoreApplication application(argc, argv);
+    KepNuvikaUtilInit();
+    const int result = RUN_ALL_TESTS();
+    KepNuvikaUtilCleanup();
+    return result;
+}
