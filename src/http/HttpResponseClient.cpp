@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 using namespace Nuvika;
@@ -43,6 +44,8 @@ void HttpResponseClient::Private::dataReceived(const char* data, int size)
         discard(size);
         return;
     }
+    if (isBehindLastRequest())
+        return;
     if (m_bParsing || isOutputWaiting()) {
         m_sideInput.append(data, size);
         if (m_sideInput.size() > HttpLimits::kSideBuffer)
@@ -59,7 +62,7 @@ bool HttpResponseClient::Private::parse(const char* data, int size)
     const QPointer<HttpResponseClient> guard(&m_client);
     m_bParsing = true;
     m_reader.feed(data, size);
-    while (isOpen() && !isOutputWaiting()) {
+    while (isOpen() && !isOutputWaiting() && !isBehindLastRequest()) {
         const HttpMessageReader::Event event = m_reader.next();
         if (event == HttpMessageReader::Event::NeedMore)
             break;
@@ -70,7 +73,9 @@ bool HttpResponseClient::Private::parse(const char* data, int size)
         }
     }
     m_bParsing = false;
-    if (isOpen())
+    if (isBehindLastRequest())
+        m_sideInput.clear();
+    else if (isOpen())
         m_sideInput.prepend(m_reader.takeRest()); // requests wait behind the output
     return true;
 }
@@ -190,6 +195,7 @@ bool HttpResponseClient::Private::handleEnd()
 {
     const State ended = m_state;
     m_state = eConnected;
+    m_bLastRequest = m_bLastRequest || wantsClose(m_requestHeader);
     if (ended == eWaitingMultipart)
         return true;
     if (ended == eWaitingChunk) {
@@ -216,7 +222,7 @@ bool HttpResponseClient::Private::rejectRequest()
     if (!guard)
         return false;
     m_sideInput.clear();
-    if (isOpen() && !m_bMoreContent && !m_bFinishing)
+    if (isOpen() && !m_bMoreContent && m_nFinishing == 0)
         beginEnding();
     return false;
 }
@@ -256,9 +262,12 @@ void HttpResponseClient::Private::respond(
     const bool bUntilEnd = !header.hasContentLength() && !m_bChunkedResponse && status != 204 && status != 304;
     m_bHeadOnly = exchange.bHead;
     m_bCloseAfter = exchange.bClose || m_bRejected || wantsClose(header) || (bUntilEnd && !exchange.bHead);
+    m_bLastRequest = m_bLastRequest || m_bCloseAfter;
     m_bMoreContent = bMore;
-    if (!bMore)
-        finishResponse();
+    if (bMore)
+        return;
+    ++m_nFinishing;
+    awaitAllSent();
 }
 
 bool HttpResponseClient::Private::sendContent(const KepNuvikaUtil::BUFFER* ranges, int count)
@@ -293,36 +302,40 @@ bool HttpResponseClient::Private::endContent()
         write(&last, 1);
     }
     m_bMoreContent = false;
-    finishResponse();
+    ++m_nFinishing;
+    awaitAllSent();
     return true;
 }
 
 void HttpResponseClient::Private::write(const KepNuvikaUtil::BUFFER* ranges, int count)
 {
-    if (m_queue.isEmpty() && m_socket.sendData(ranges, count))
+    if (!m_queue.isEmpty() || !m_socket.sendData(ranges, count)) {
+        for (int i = 0; i < count; ++i)
+            m_queue.append(ranges[i].pData, std::max(ranges[i].nLen, 0));
+    } else if (m_socket.canSend()) {
         return;
-    for (int i = 0; i < count; ++i)
-        m_queue.append(ranges[i].pData, std::max(ranges[i].nLen, 0));
-    m_socket.stallRecv(); // a peer that does not read gets no further request read
+    }
+    m_bOutputWaits = true; // a peer that does not read gets no further request read
+    m_socket.stallRecv();
 }
 
-void HttpResponseClient::Private::finishResponse()
+void HttpResponseClient::Private::awaitAllSent()
 {
-    m_bFinishing = true;
-    if (isOutputWaiting() || m_socket.notifyWhenAllSent())
+    if (!m_queue.isEmpty() || m_socket.notifyWhenAllSent()) // with a queue, when that has drained
         return;
     QMetaObject::invokeMethod(&m_client, "slotSockAllSent", Qt::QueuedConnection);
 }
 
 void HttpResponseClient::Private::canSend()
 {
-    const bool bWaited = isOutputWaiting();
+    const bool bQueued = !m_queue.isEmpty();
     m_queue.drain([this] { return m_socket.canSend(); },
         [this](const char* data, int size) { m_socket.sendData(data, size); });
-    if (!bWaited || isOutputWaiting() || m_state == eEnding)
+    if (bQueued && m_queue.isEmpty() && m_nFinishing > 0)
+        awaitAllSent();
+    if (!m_bOutputWaits || !m_queue.isEmpty() || !m_socket.canSend() || m_state == eEnding)
         return;
-    if (m_bFinishing)
-        m_socket.notifyWhenAllSent();
+    m_bOutputWaits = false;
     m_socket.resumeRecv();
     const QPointer<HttpResponseClient> guard(&m_client);
     emit m_client.sigCanSendContent();
@@ -332,13 +345,16 @@ void HttpResponseClient::Private::canSend()
 
 void HttpResponseClient::Private::allSent()
 {
-    if (!m_bFinishing || isOutputWaiting())
+    if (!m_queue.isEmpty())
         return;
-    m_bFinishing = false;
-    const bool bClose = m_bCloseAfter;
+    const bool bClose = m_bCloseAfter && m_nFinishing > 0 && !m_bMoreContent;
     const QPointer<HttpResponseClient> guard(&m_client);
-    emit m_client.responseFinished();
-    if (guard && bClose && isOpen())
+    for (int finished = std::exchange(m_nFinishing, 0); finished > 0; --finished) {
+        emit m_client.responseFinished();
+        if (!guard)
+            return;
+    }
+    if (bClose && isOpen())
         beginEnding();
 }
 
@@ -351,6 +367,7 @@ void HttpResponseClient::Private::beginEnding()
     m_state = eEnding;
     m_sideInput.clear();
     m_queue.clear();
+    m_bOutputWaits = false;
     m_socket.sendEndOfData();
     m_socket.resumeRecv();
     m_endTimer.start(kEndingMs);

@@ -42,8 +42,10 @@ public:
     void allSent();
     void lost();
     void disconnect();
-    bool isOutputWaiting() const { return !m_queue.isEmpty(); }
+    bool isOutputWaiting() const { return m_bOutputWaits; }
     bool isOpen() const { return m_state != eDisconnected && m_state != eEnding; }
+    // Behind a request or an answer that closes the connection nothing is a request any more.
+    bool isBehindLastRequest() const { return m_bLastRequest && m_state == eConnected; }
 
 private:
     bool parse(const char* data, int size);
@@ -55,7 +57,7 @@ private:
     bool rejectRequest();
     void parseSideInput();
     void write(const KepNuvikaUtil::BUFFER* ranges, int count);
-    void finishResponse();
+    void awaitAllSent();
     void beginEnding();
     void discard(int size);
 
@@ -84,7 +86,9 @@ private:
     bool m_bChunkedResponse = false;
     bool m_bHeadOnly = false;
     bool m_bCloseAfter = false;
-    bool m_bFinishing = false; // a response is complete, its last bytes have not left
+    bool m_bLastRequest = false;
+    bool m_bOutputWaits = false; // the peer does not keep up: no further request is read
+    int m_nFinishing = 0; // complete responses whose last bytes have not left
     bool m_bRejected = false; // a bad request: what the owner answers is the last
     int m_nDiscarded = 0;
     QTimer m_endTimer;
