@@ -1,0 +1,100 @@
+#include "CameraStream.h"
+
+#include <KepNuvikaUtil/SocketError.h>
+
+#include <algorithm>
+
+using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
+
+namespace
+{
+constexpr int kFirstPauseMs = 1000;
+constexpr int kLongestPauseMs = 30000;
+constexpr int kSilenceMs = 10000;
+constexpr int kSnapshotIntervalMs = 500;
+constexpr int kHostNotFound = 11001;
+} // namespace
+
+CameraStream::CameraStream(const QString& name, const Target& target)
+    : m_name(name)
+    , m_target(target)
+    , m_client(target.host, target.port, true)
+{
+    m_retry.setSingleShot(true);
+    connect(&m_retry, &QTimer::timeout, this, &CameraStream::request);
+    connect(&m_client, &HttpClient::multipartReplaceContent, this,
+        [this](int, const HttpResponseHeader&, const char*, const char* data, int size, Marker) {
+            takePicture(data, size);
+        });
+    connect(&m_client, &HttpClient::requestFinished, this,
+        [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
+            takeAnswer(header.statusCode(), header.contentType().toLatin1(), data, size);
+        });
+    connect(&m_client, &HttpClient::error, this, [this](int code) { m_nError = code; });
+    connect(&m_client, &HttpClient::requestFailed, this, [this] {
+        interrupted(m_nError == kHostNotFound ? QStringLiteral("host not found")
+                : m_nError != 0               ? SocketError::format(m_nError).toLower()
+                                              : QStringLiteral("connection lost"));
+    });
+}
+
+void CameraStream::start() { request(); }
+
+void CameraStream::request()
+{
+    m_nError = 0;
+    m_silence.start();
+    HttpRequestHeader header(QStringLiteral("GET"), m_target.path);
+    header.addValue(QStringLiteral("Host"), QStringLiteral("%1:%2").arg(m_target.host, QString::number(m_target.port)));
+    constexpr int kOnlyWhenAsked = 1; // no password before a challenge
+    m_client.request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
+}
+
+void CameraStream::takePicture(const char* data, int size)
+{
+    m_silence.start();
+    m_nPauseMs = 0;
+    m_bReceiving = true;
+    m_state = QStringLiteral("receiving");
+    ++m_nPictures;
+    m_nBytes += static_cast<quint64>(size);
+    m_sample.pictures += 1;
+    m_sample.bytes += size;
+    m_picture = QByteArray(data, size);
+    emit picture(m_picture);
+}
+
+void CameraStream::takeAnswer(int status, const QByteArray& type, const char* data, int size)
+{
+    if (status == 200 && type.toLower().startsWith("image/")) {
+        takePicture(data, size);
+        m_retry.start(kSnapshotIntervalMs); // a camera of single pictures is asked again
+    } else if (status == 401) {
+        interrupted(m_target.user.isEmpty() ? QStringLiteral("asks for a password") : QStringLiteral("wrong user or password"));
+    } else if (status == 200) {
+        interrupted(QStringLiteral("sends no pictures"));
+    } else {
+        interrupted(QStringLiteral("answers with status %1").arg(status));
+    }
+}
+
+void CameraStream::interrupted(const QString& why)
+{
+    m_nInterruptions += m_bReceiving ? 1 : 0;
+    m_bReceiving = false;
+    m_state = why;
+    m_nPauseMs = std::min(std::max(m_nPauseMs * 2, kFirstPauseMs), kLongestPauseMs);
+    m_retry.start(m_nPauseMs);
+}
+
+void CameraStream::tick()
+{
+    m_history.push_back(m_sample);
+    if (m_history.size() > kHistorySeconds)
+        m_history.erase(m_history.begin());
+    m_sample = {0, 0};
+    if (!m_retry.isActive() && m_silence.elapsed() > kSilenceMs) {
+        m_client.shutdown();
+        interrupted(QStringLiteral("silent for %1 seconds").arg(kSilenceMs / 1000));
+    }
+}

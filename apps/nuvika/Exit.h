@@ -1,0 +1,15 @@
+// Exit codes, curl's where curl has one.
+#pragma once
+
+namespace Exit
+{
+constexpr int kOk = 0;
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+constexpr int kNoHost = 6;
+constexpr int kNoConnection = 7;
+constexpr int kHttpError = 22;
+constexpr int kFile = 26;
+constexpr int kLost = 56;
+constexpr int kLoginDenied = 67;
+} // namespace Exit

@@ -1,0 +1,54 @@
+// nuvika: the library's command-line tool and live demo.
+#include "Exit.h"
+#include "Get.h"
+#include "Watch.h"
+
+#include <KepNuvikaUtil/KepNuvikaUtil.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QLoggingCategory>
+
+#include <cstdio>
+
+namespace
+{
+constexpr char kUsage[] = R"(nuvika: cameras over HTTP, by KepNuvikaUtil
+
+  nuvika demo [--cameras N] [--port P] [--seconds S]   simulated cameras, a recorder and its page
+  nuvika watch URL... [--save DIR] [--port P]          the same recorder on real cameras
+  nuvika get URL [-i] [--post FILE] [--put FILE]       one request to standard output
+
+nuvika COMMAND --help tells more. NUVIKA_LOG=1 in the environment shows the library's log.
+)";
+
+using Command = int (*)(const QStringList&);
+
+Command commandOf(const QString& name)
+{
+    if (name == QLatin1String("demo"))
+        return &runDemo;
+    if (name == QLatin1String("watch"))
+        return &runWatch;
+    return name == QLatin1String("get") ? &runGet : nullptr;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("nuvika"));
+    if (qEnvironmentVariableIsEmpty("NUVIKA_LOG"))
+        QLoggingCategory::setFilterRules(QStringLiteral("nuvika.*=false"));
+    QStringList arguments = QCoreApplication::arguments();
+    const QString name = arguments.size() > 1 ? arguments.takeAt(1) : QString();
+    const Command command = commandOf(name);
+    if (command == nullptr) {
+        const bool bHelp = name == QLatin1String("--help") || name == QLatin1String("-h");
+        std::fputs(kUsage, bHelp ? stdout : stderr);
+        return bHelp ? Exit::kOk : Exit::kUsage;
+    }
+    KepNuvikaUtilInit();
+    const int result = command(arguments);
+    KepNuvikaUtilCleanup();
+    return result;
+}
