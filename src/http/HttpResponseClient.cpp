@@ -125,7 +125,9 @@ bool HttpResponseClient::Private::handle(HttpMessageReader::Event event)
 bool HttpResponseClient::Private::handleHead()
 {
     m_requestHeader = HttpRequestHeader::fromBytes(m_reader.data(), m_reader.size());
-    m_exchanges.push_back({m_requestHeader.method() == QLatin1String("HEAD"), wantsClose(m_requestHeader)});
+    const bool bClose = wantsClose(m_requestHeader);
+    const bool bOldVersion = m_requestHeader.majorVersion() == 1 && m_requestHeader.minorVersion() == 0;
+    m_exchanges.push_back({m_requestHeader.method() == QLatin1String("HEAD"), bClose, bOldVersion && !bClose});
     if (!m_requestHeader.isValid()) {
         NUVIKA_DEBUG(lcHttp, "HttpResponseClient::slotSockDataReceived: received invalid header");
         return rejectRequest();
@@ -214,7 +216,7 @@ bool HttpResponseClient::Private::rejectRequest()
     m_bRejected = true;
     m_reader.takeRest();
     if (m_exchanges.empty())
-        m_exchanges.push_back({false, true});
+        m_exchanges.push_back({false, true, false});
     m_exchanges.back().bClose = true;
     m_state = eConnected;
     const QPointer<HttpResponseClient> guard(&m_client);
@@ -234,14 +236,17 @@ void HttpResponseClient::Private::respond(
 {
     const int status = header.statusCode();
     const bool bInterim = status >= 100 && status < 200;
-    Exchange exchange{false, false};
+    Exchange exchange{false, false, false};
     if (!m_exchanges.empty()) {
         exchange = m_exchanges.front();
         if (!bInterim)
             m_exchanges.pop_front();
     }
     m_responseHeader = header;
-    const QByteArray head = header.toString().toLatin1();
+    const QString connection = QStringLiteral("Connection");
+    if (!bInterim && (exchange.bClose || exchange.bOldKeepAlive) && !header.hasKey(connection))
+        m_responseHeader.addValue(connection, QLatin1String(exchange.bClose ? "close" : "keep-alive"));
+    const QByteArray head = m_responseHeader.toString().toLatin1();
     const bool bBody = body != nullptr && !body->isEmpty() && !exchange.bHead;
     std::array<KepNuvikaUtil::BUFFER, 4> ranges{rangeOf(head)};
     int count = 1;

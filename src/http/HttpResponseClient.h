@@ -18,7 +18,8 @@
 /// other requests end with their head. "Expect: 100-continue" is answered here.
 ///
 /// After the answer to a request that asked for it, or one that says "Connection: close", the connection is
-/// closed without losing the answer's last bytes.
+/// closed without losing the answer's last bytes. A "Connection" field is added to an answer that has none
+/// where the peer needs it: "close" before a close, "keep-alive" for HTTP/1.0 clients that asked for it.
 ///
 /// Threads: owned by the thread that made it, which needs an event loop. Content pointers hold during the
 /// emission only.

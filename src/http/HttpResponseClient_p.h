@@ -32,6 +32,7 @@ public:
     struct Exchange {
         bool bHead;
         bool bClose;
+        bool bOldKeepAlive; // an HTTP/1.0 client keeps a connection only where the answer says so
     };
 
     void dataReceived(const char* data, int size);

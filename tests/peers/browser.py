@@ -1,0 +1,78 @@
+"""The demo's page in headless Chromium: its pictures really move."""
+import os
+import struct
+import subprocess
+import time
+import unittest
+import zlib
+
+from peers import PeerTest, demo
+
+WIDTH, HEIGHT = 700, 640
+
+
+def pixels(path):
+    """The rows of an 8-bit RGB or RGBA PNG, and its bytes per pixel."""
+    with open(path, "rb") as file:
+        data = file.read()
+    at, packed = 8, b""
+    while at < len(data):
+        length, kind = struct.unpack(">I4s", data[at:at + 8])
+        chunk = data[at + 8:at + 8 + length]
+        if kind == b"IHDR":
+            width, height, _, colour = struct.unpack(">IIBB", chunk[:10])
+        elif kind == b"IDAT":
+            packed += chunk
+        at += 12 + length
+    step = {2: 3, 6: 4}[colour]
+    raw, stride, rows = zlib.decompress(packed), width * step, []
+    above = bytearray(stride)
+    for y in range(height):
+        kind, row = raw[y * (stride + 1)], bytearray(raw[y * (stride + 1) + 1:(y + 1) * (stride + 1)])
+        for i in range(stride if kind else 0):
+            a, b = row[i - step] if i >= step else 0, above[i]
+            if kind == 1:
+                row[i] = (row[i] + a) & 255
+            elif kind == 2:
+                row[i] = (row[i] + b) & 255
+            elif kind == 3:
+                row[i] = (row[i] + (a + b) // 2) & 255
+            else:
+                c = above[i - step] if i >= step else 0
+                p, q, r = abs(b - c), abs(a - c), abs(a + b - 2 * c)
+                row[i] = (row[i] + (a if p <= q and p <= r else b if q <= r else c)) & 255
+        rows.append(row)
+        above = row
+    return rows, step
+
+
+class Browser(PeerTest):
+    def screenshot(self, port, name):
+        path = os.path.join(self.folder, name)
+        subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                        "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                        f"--user-data-dir={self.folder}/profile-{name}", f"--window-size={WIDTH},{HEIGHT}",
+                        "--timeout=2500", f"--screenshot={path}", f"http://127.0.0.1:{port}/"],
+                       check=True, capture_output=True, timeout=90)
+        return pixels(path)
+
+    def test_pictures_move(self):
+        with demo("--cameras", "2") as (_, port):
+            time.sleep(1)
+            first, step = self.screenshot(port, "first.png")
+            time.sleep(0.5)
+            second, _ = self.screenshot(port, "second.png")
+        # The street of the first camera, in both: coloured, so a picture is there, and not the same.
+        changed = coloured = 0
+        for y in range(0, len(first)):
+            for x in range(30, 330):
+                a, b = first[y][x * step:x * step + 3], second[y][x * step:x * step + 3]
+                bright = max(a) - min(a) > 60
+                coloured += bright
+                changed += bright and max(abs(p - q) for p, q in zip(a, b)) > 60
+        self.assertGreater(coloured, 10000, "a picture is on the page")
+        self.assertGreater(changed, 500, "and it moves")
+
+
+if __name__ == "__main__":
+    unittest.main()
