@@ -23,6 +23,7 @@ namespace
 {
 constexpr std::size_t kEventsPerFetch = 256;
 constexpr std::uint64_t kPassBudgetNs = 3'000'000;
+constexpr std::uint64_t kFetchIntervalNs = 50'000; // a short round need not ask the kernel for more
 constexpr std::size_t kServedPerClockReading = 16;
 } // namespace
 
@@ -396,11 +397,17 @@ bool CompletionPort::fetch()
 void CompletionPort::pass()
 {
     const std::shared_ptr<CompletionPort> self = shared_from_this(); // a handler may end the thread's port
-    const std::uint64_t deadline = Clock::monotonicNs() + kPassBudgetNs;
+    std::uint64_t now = Clock::monotonicNs();
+    const std::uint64_t deadline = now + kPassBudgetNs;
+    std::uint64_t nextFetch = now;
     do {
-        while (fetch()) { }
+        if (now >= nextFetch) {
+            while (fetch()) { }
+            nextFetch = now + kFetchIntervalNs;
+        }
         serveRound(m_nInLine, deadline);
-    } while (m_pFirst != nullptr && Clock::monotonicNs() < deadline);
+        now = Clock::monotonicNs();
+    } while (m_pFirst != nullptr && now < deadline);
 }
 
 void CompletionPort::serveRound(std::size_t channels, std::uint64_t deadline)

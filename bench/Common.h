@@ -1,0 +1,113 @@
+// What every bench program shares: its arguments, and the report of what its side cost.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace bench
+{
+// near MODE PORT AMOUNT [CONNECTIONS] [VARIANT]
+struct Arguments {
+    std::string mode;
+    unsigned short port;
+    long long amount; // bytes, rounds, requests, connections
+    int connections;
+    std::string variant;
+
+    Arguments(int argc, char** argv)
+        : mode(argc > 1 ? argv[1] : "")
+        , port(static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0))
+        , amount(argc > 3 ? std::atoll(argv[3]) : 0)
+        , connections(argc > 4 ? std::atoi(argv[4]) : 1)
+        , variant(argc > 5 ? argv[5] : "")
+    {
+    }
+};
+
+constexpr int kPingSize = 64;
+constexpr int kEchoSize = 256;
+
+inline double cpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+class Stopwatch
+{
+public:
+    void start()
+    {
+        m_start = std::chrono::steady_clock::now();
+        m_cpu = cpuSeconds();
+    }
+    // One line for the driver: wall and CPU seconds of this side.
+    void report() const
+    {
+        const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - m_start;
+        std::printf("%.6f %.6f\n", wall.count(), cpuSeconds() - m_cpu);
+        std::fflush(stdout);
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_start;
+    double m_cpu = 0;
+};
+
+inline sockaddr_in loopback(unsigned short port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+inline int rawConnect(unsigned short port)
+{
+    const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    if (connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        std::perror("connect");
+        std::exit(1);
+    }
+    const int on = 1;
+    setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return s;
+}
+
+inline int rawListen(unsigned short port)
+{
+    const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const sockaddr_in address = loopback(port);
+    if (bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(s, 8192) != 0) {
+        std::perror("listen");
+        std::exit(1);
+    }
+    return s;
+}
+
+inline void writeAll(int s, const char* data, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t n = send(s, data, size, MSG_NOSIGNAL);
+        if (n <= 0)
+            return;
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+}
+} // namespace bench

@@ -1,0 +1,184 @@
+// The other end of every row, by plain system calls and always the same.
+//   far source BYTES | sink | echo | http          listens, prints its port, serves until it is ended
+//   far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all connections active, or one at a time
+//   far connects PORT COUNT                        opens and ends connections
+#include "Common.h"
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include <sys/epoll.h>
+
+using namespace bench;
+
+namespace
+{
+void sendRepeated(int s, const std::string& block, long long bytes)
+{
+    while (bytes > 0) {
+        const auto n = static_cast<std::size_t>(std::min<long long>(bytes, static_cast<long long>(block.size())));
+        writeAll(s, block.data(), n);
+        bytes -= static_cast<long long>(n);
+    }
+}
+
+void serveHttp(int s)
+{
+    static const std::string block(1 << 18, 'x');
+    std::string input;
+    char buffer[8192];
+    for (;;) {
+        const ssize_t n = recv(s, buffer, sizeof buffer, 0);
+        if (n <= 0)
+            break;
+        input.append(buffer, static_cast<std::size_t>(n));
+        for (std::size_t end; (end = input.find("\r\n\r\n")) != std::string::npos; input.erase(0, end + 4)) {
+            long long size = 0;
+            char kind[16] = "";
+            std::sscanf(input.c_str(), "GET /%15[a-z]/%lld", kind, &size);
+            const std::string head = "HTTP/1.1 200 OK\r\nServer: far\r\nDate: Sat, 21 Nov 2026 00:00:00 GMT\r\n";
+            if (std::strcmp(kind, "small") == 0 || std::strcmp(kind, "big") == 0) {
+                const std::string start = head + "Content-Type: text/plain\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n";
+                if (size < 4096) {
+                    const std::string whole = start + block.substr(0, static_cast<std::size_t>(size));
+                    writeAll(s, whole.data(), whole.size());
+                } else {
+                    writeAll(s, start.data(), start.size());
+                    sendRepeated(s, block, size);
+                }
+            } else if (std::strcmp(kind, "chunked") == 0) {
+                std::string chunk = "4000\r\n" + block.substr(0, 0x4000) + "\r\n"; // 16 KiB a chunk
+                std::string several;
+                for (int i = 0; i < 8; ++i)
+                    several += chunk;
+                const std::string start = head + "Transfer-Encoding: chunked\r\n\r\n";
+                writeAll(s, start.data(), start.size());
+                for (long long sent = 0; sent < size; sent += 8 * 0x4000)
+                    writeAll(s, several.data(), several.size());
+                writeAll(s, "0\r\n\r\n", 5);
+            } else { // parts of 40 KB
+                const std::string start = head + "Content-Type: multipart/x-mixed-replace; boundary=b\r\n\r\n";
+                const std::string part = "--b\r\nContent-Type: image/jpeg\r\nContent-Length: 40000\r\n\r\n" + block.substr(0, 40000) + "\r\n";
+                writeAll(s, start.data(), start.size());
+                for (long long i = 0; i < size; ++i)
+                    writeAll(s, part.data(), part.size());
+                close(s);
+                return;
+            }
+        }
+    }
+    close(s);
+}
+
+void serveOne(const std::string& mode, int s, long long bytes)
+{
+    std::vector<char> buffer(1 << 18);
+    const std::string block(1 << 18, 'x');
+    if (mode == "source") {
+        sendRepeated(s, block, bytes);
+    } else if (mode == "sink") {
+        for (long long left = bytes; left > 0;) {
+            const ssize_t n = recv(s, buffer.data(), buffer.size(), 0);
+            if (n <= 0)
+                break;
+            left -= n;
+        }
+        writeAll(s, "k", 1);
+        while (recv(s, buffer.data(), buffer.size(), 0) > 0) { }
+    } else if (mode == "echo") {
+        for (ssize_t n; (n = recv(s, buffer.data(), buffer.size(), 0)) > 0;)
+            writeAll(s, buffer.data(), static_cast<std::size_t>(n));
+    } else {
+        serveHttp(s);
+        return;
+    }
+    close(s);
+}
+
+int listening(const std::string& mode, long long bytes)
+{
+    const int listener = rawListen(0);
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    std::printf("%d\n", ntohs(address.sin_port));
+    std::fflush(stdout);
+    const int on = 1;
+    for (;;) {
+        const int s = accept(listener, nullptr, nullptr);
+        setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        std::thread(serveOne, mode, s, bytes).detach();
+    }
+}
+
+int load(bool bAll, unsigned short port, long long rounds, int count)
+{
+    std::vector<int> connections;
+    for (int i = 0; i < count; ++i)
+        connections.push_back(rawConnect(port));
+    const std::string message(kEchoSize, 'm');
+    char buffer[4096];
+    if (!bAll) {
+        for (long long i = 0; i < rounds; ++i) {
+            const int s = connections[static_cast<std::size_t>(i * 7919 % count)];
+            writeAll(s, message.data(), message.size());
+            for (int got = 0; got < kEchoSize;) {
+                const ssize_t n = recv(s, buffer, sizeof buffer, 0);
+                if (n <= 0)
+                    return 1;
+                got += static_cast<int>(n);
+            }
+        }
+        return 0;
+    }
+    const int ep = epoll_create1(0);
+    std::vector<int> got(static_cast<std::size_t>(count), 0);
+    for (int i = 0; i < count; ++i) {
+        epoll_event event{EPOLLIN, {}};
+        event.data.u32 = static_cast<unsigned int>(i);
+        epoll_ctl(ep, EPOLL_CTL_ADD, connections[static_cast<std::size_t>(i)], &event);
+        writeAll(connections[static_cast<std::size_t>(i)], message.data(), message.size());
+    }
+    for (long long done = 0; done < rounds;) {
+        epoll_event events[512];
+        const int n = epoll_wait(ep, events, 512, -1);
+        for (int e = 0; e < n; ++e) {
+            const std::size_t i = events[e].data.u32;
+            const ssize_t r = recv(connections[i], buffer, sizeof buffer, 0);
+            if (r <= 0)
+                return 1;
+            got[i] += static_cast<int>(r);
+            if (got[i] < kEchoSize)
+                continue;
+            got[i] -= kEchoSize;
+            ++done;
+            writeAll(connections[i], message.data(), message.size());
+        }
+    }
+    return 0;
+}
+
+int connects(unsigned short port, long long count)
+{
+    char byte = 0;
+    for (long long i = 0; i < count; ++i) {
+        const int s = rawConnect(port);
+        while (recv(s, &byte, 1, 0) > 0) { } // until the server ends it
+        linger hard{1, 0};
+        setsockopt(s, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        close(s);
+    }
+    return 0;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Arguments a(argc, argv);
+    if (a.mode == "load" || a.mode == "one")
+        return load(a.mode == "load", a.port, a.amount, a.connections);
+    if (a.mode == "connects")
+        return connects(a.port, a.amount);
+    return listening(a.mode, argc > 2 ? std::atoll(argv[2]) : 0);
+}

@@ -1,0 +1,114 @@
+// Asio, standalone.
+#include "Common.h"
+
+#include <array>
+#include <asio.hpp>
+#include <memory>
+#include <vector>
+
+using namespace bench;
+using asio::ip::tcp;
+
+namespace
+{
+Stopwatch watch;
+asio::io_context loop;
+long long left = 0;
+std::vector<char> buffer(1 << 16, 'x');
+
+void receive(tcp::socket& s)
+{
+    s.async_read_some(asio::buffer(buffer), [&s](std::error_code error, std::size_t) {
+        if (!error)
+            receive(s);
+    });
+}
+
+void sendMore(tcp::socket& s)
+{
+    if (left <= 0) {
+        asio::async_read(s, asio::buffer(buffer.data(), 1), [](std::error_code, std::size_t) { });
+        return;
+    }
+    const auto n = static_cast<std::size_t>(std::min<long long>(left, static_cast<long long>(buffer.size())));
+    left -= static_cast<long long>(n);
+    asio::async_write(s, asio::buffer(buffer.data(), n), [&s](std::error_code, std::size_t) { sendMore(s); });
+}
+
+void ping(tcp::socket& s)
+{
+    asio::async_write(s, asio::buffer(buffer.data(), kPingSize), [&s](std::error_code, std::size_t) {
+        asio::async_read(s, asio::buffer(buffer.data(), kPingSize), [&s](std::error_code, std::size_t) {
+            if (--left > 0)
+                ping(s);
+        });
+    });
+}
+
+struct Echo : std::enable_shared_from_this<Echo> {
+    tcp::socket socket;
+    std::array<char, 4096> bytes;
+    explicit Echo(tcp::socket s)
+        : socket(std::move(s))
+    {
+    }
+    void read()
+    {
+        socket.async_read_some(asio::buffer(bytes), [self = shared_from_this()](std::error_code error, std::size_t n) {
+            if (error) {
+                loop.stop();
+                return;
+            }
+            asio::async_write(self->socket, asio::buffer(self->bytes.data(), n), [self](std::error_code, std::size_t) {
+                if (--left == 0)
+                    loop.stop();
+                self->read();
+            });
+        });
+    }
+};
+
+void accept(tcp::acceptor& acceptor, bool bEcho)
+{
+    acceptor.async_accept([&acceptor, bEcho](std::error_code, tcp::socket s) {
+        static bool bStarted = false;
+        if (!bStarted)
+            watch.start();
+        bStarted = true;
+        if (bEcho)
+            std::make_shared<Echo>(std::move(s))->read();
+        else if (--left == 0)
+            return;
+        accept(acceptor, bEcho);
+    });
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Arguments a(argc, argv);
+    left = a.amount;
+    tcp::socket socket(loop);
+    const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), a.port);
+    if (a.mode == "echo" || a.mode == "accept") {
+        tcp::acceptor acceptor(loop, endpoint);
+        std::puts("ready");
+        std::fflush(stdout);
+        accept(acceptor, a.mode == "echo");
+        loop.run();
+        watch.report();
+        std::_Exit(0);
+    }
+    socket.connect(endpoint);
+    socket.set_option(tcp::no_delay(true));
+    watch.start();
+    if (a.mode == "recv")
+        receive(socket);
+    else if (a.mode == "send")
+        sendMore(socket);
+    else
+        ping(socket);
+    loop.run();
+    watch.report();
+    return 0;
+}
