@@ -24,11 +24,9 @@ struct Arguments {
     std::string variant;
 
     Arguments(int argc, char** argv)
-        : mode(argc > 1 ? argv[1] : "")
-        , port(static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0))
-        , amount(argc > 3 ? std::atoll(argv[3]) : 0)
-        , connections(argc > 4 ? std::atoi(argv[4]) : 1)
-        , variant(argc > 5 ? argv[5] : "")
+        : mode(argc > 1 ? argv[1] : ""), port(static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0)),
+          amount(argc > 3 ? std::atoll(argv[3]) : 0), connections(argc > 4 ? std::atoi(argv[4]) : 1),
+          variant(argc > 5 ? argv[5] : "")
     {
     }
 };

@@ -1,7 +1,7 @@
 // The other end of every row, by plain system calls and always the same.
 //   far source BYTES | sink | echo | http          listens, prints its port, serves until it is ended
-//   far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all connections active, or one at a time
-//   far connects PORT COUNT                        opens and ends connections
+//   far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all connections active, or one at a
+//   time far connects PORT COUNT                        opens and ends connections
 #include "Common.h"
 
 #include <algorithm>
@@ -17,7 +17,8 @@ namespace
 void sendRepeated(int s, const std::string& block, long long bytes)
 {
     while (bytes > 0) {
-        const auto n = static_cast<std::size_t>(std::min<long long>(bytes, static_cast<long long>(block.size())));
+        const auto n
+            = static_cast<std::size_t>(std::min<long long>(bytes, static_cast<long long>(block.size())));
         writeAll(s, block.data(), n);
         bytes -= static_cast<long long>(n);
     }
@@ -37,9 +38,11 @@ void serveHttp(int s)
             long long size = 0;
             char kind[16] = "";
             std::sscanf(input.c_str(), "GET /%15[a-z]/%lld", kind, &size);
-            const std::string head = "HTTP/1.1 200 OK\r\nServer: far\r\nDate: Sat, 21 Nov 2026 00:00:00 GMT\r\n";
+            const std::string head
+                = "HTTP/1.1 200 OK\r\nServer: far\r\nDate: Sat, 21 Nov 2026 00:00:00 GMT\r\n";
             if (std::strcmp(kind, "small") == 0 || std::strcmp(kind, "big") == 0) {
-                const std::string start = head + "Content-Type: text/plain\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n";
+                const std::string start = head
+                    + "Content-Type: text/plain\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n";
                 if (size < 4096) {
                     const std::string whole = start + block.substr(0, static_cast<std::size_t>(size));
                     writeAll(s, whole.data(), whole.size());
@@ -58,8 +61,10 @@ void serveHttp(int s)
                     writeAll(s, several.data(), several.size());
                 writeAll(s, "0\r\n\r\n", 5);
             } else { // parts of 40 KB
-                const std::string start = head + "Content-Type: multipart/x-mixed-replace; boundary=b\r\n\r\n";
-                const std::string part = "--b\r\nContent-Type: image/jpeg\r\nContent-Length: 40000\r\n\r\n" + block.substr(0, 40000) + "\r\n";
+                const std::string start
+                    = head + "Content-Type: multipart/x-mixed-replace; boundary=b\r\n\r\n";
+                const std::string part = "--b\r\nContent-Type: image/jpeg\r\nContent-Length: 40000\r\n\r\n"
+                    + block.substr(0, 40000) + "\r\n";
                 writeAll(s, start.data(), start.size());
                 for (long long i = 0; i < size; ++i)
                     writeAll(s, part.data(), part.size());

@@ -63,17 +63,20 @@ void takeAndGive(benchmark::State& state, Take take, Give give)
 void poolLimit(benchmark::State& state)
 {
     FreeList list;
-    takeAndGive(state, [&] { return list.take(); }, [&](void* p) { list.give(p); });
+    takeAndGive(
+        state, [&] { return list.take(); }, [&](void* p) { list.give(p); });
 }
 void poolNuvika(benchmark::State& state)
 {
     MemBlockPool pool(kBlockSize, kBlocks);
-    takeAndGive(state, [&] { return pool.allocBuf(); }, [&](void* p) { pool.freeBuf(p); });
+    takeAndGive(
+        state, [&] { return pool.allocBuf(); }, [&](void* p) { pool.freeBuf(p); });
 }
 void poolBoost(benchmark::State& state)
 {
     boost::pool<> pool(kBlockSize, kBlocks);
-    takeAndGive(state, [&] { return pool.malloc(); }, [&](void* p) { pool.free(p); });
+    takeAndGive(
+        state, [&] { return pool.malloc(); }, [&](void* p) { pool.free(p); });
 }
 void poolMutexLimit(benchmark::State& state)
 {
@@ -93,7 +96,8 @@ void poolMutexLimit(benchmark::State& state)
 void poolMutexNuvika(benchmark::State& state)
 {
     MemBlockPoolMT pool(kBlockSize, kBlocks);
-    takeAndGive(state, [&] { return pool.allocBuf(); }, [&](void* p) { pool.freeBuf(p); });
+    takeAndGive(
+        state, [&] { return pool.allocBuf(); }, [&](void* p) { pool.freeBuf(p); });
 }
 
 // --- FIFO: 64 KiB in, described, out ---------------------------------------------------------------------
@@ -135,10 +139,11 @@ void fifoEvbuffer(benchmark::State& state)
 
 // --- a head with 12 fields -------------------------------------------------------------------------------
 
-const std::string kHead = "HTTP/1.1 200 OK\r\nDate: Sat, 21 Nov 2026 00:00:00 GMT\r\nServer: camera/1.0\r\n"
-                          "Content-Type: application/json; charset=utf-8\r\nContent-Length: 1234\r\nConnection: keep-alive\r\n"
-                          "Keep-Alive: timeout=5, max=100\r\nCache-Control: no-store\r\nPragma: no-cache\r\nETag: \"abcdef\"\r\n"
-                          "X-Frame-Options: DENY\r\nVary: Accept-Encoding\r\nLast-Modified: Sat, 21 Nov 2026 00:00:00 GMT\r\n";
+const std::string kHead
+    = "HTTP/1.1 200 OK\r\nDate: Sat, 21 Nov 2026 00:00:00 GMT\r\nServer: camera/1.0\r\n"
+      "Content-Type: application/json; charset=utf-8\r\nContent-Length: 1234\r\nConnection: keep-alive\r\n"
+      "Keep-Alive: timeout=5, max=100\r\nCache-Control: no-store\r\nPragma: no-cache\r\nETag: \"abcdef\"\r\n"
+      "X-Frame-Options: DENY\r\nVary: Accept-Encoding\r\nLast-Modified: Sat, 21 Nov 2026 00:00:00 GMT\r\n";
 
 void headLimit(benchmark::State& state) // into views
 {
@@ -163,7 +168,8 @@ void headLimit(benchmark::State& state) // into views
 void headNuvika(benchmark::State& state)
 {
     for (auto _ : state)
-        benchmark::DoNotOptimize(HttpResponseHeader::fromBytes(kHead.data(), static_cast<int>(kHead.size())).statusCode());
+        benchmark::DoNotOptimize(
+            HttpResponseHeader::fromBytes(kHead.data(), static_cast<int>(kHead.size())).statusCode());
 }
 void headBeast(benchmark::State& state)
 {
@@ -179,7 +185,8 @@ void headBeast(benchmark::State& state)
 
 // --- Digest credentials ------------------------------------------------------------------------------------
 
-void digestLimit(benchmark::State& state) // the hashes and their hexadecimal texts, by plain EVP with one context
+void digestLimit(
+    benchmark::State& state) // the hashes and their hexadecimal texts, by plain EVP with one context
 {
     EVP_MD_CTX* context = EVP_MD_CTX_new();
     const auto hex = [&](const std::string& text) {
@@ -201,8 +208,10 @@ void digestLimit(benchmark::State& state) // the hashes and their hexadecimal te
     for (auto _ : state) {
         char count[9];
         std::snprintf(count, sizeof count, "%08x", ++nc);
-        const std::string response = hex(hex("viewer:camera:simulated") + ":" + nonce + ":" + count + ":" + cnonce + ":auth:" + hex("GET:/live/picture.jpg"));
-        benchmark::DoNotOptimize("Digest username=\"viewer\", realm=\"camera\", nonce=\"" + nonce + "\", uri=\"/live/picture.jpg\", response=\"" + response
+        const std::string response = hex(hex("viewer:camera:simulated") + ":" + nonce + ":" + count + ":"
+            + cnonce + ":auth:" + hex("GET:/live/picture.jpg"));
+        benchmark::DoNotOptimize("Digest username=\"viewer\", realm=\"camera\", nonce=\"" + nonce
+            + "\", uri=\"/live/picture.jpg\", response=\"" + response
             + "\", algorithm=MD5, qop=auth, nc=" + count + ", cnonce=\"" + cnonce + "\"");
     }
     EVP_MD_CTX_free(context);
@@ -210,10 +219,12 @@ void digestLimit(benchmark::State& state) // the hashes and their hexadecimal te
 void digestNuvika(benchmark::State& state)
 {
     HttpAuthenticator authenticator;
-    authenticator.digestMd5Response("Digest realm=\"camera\", nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", algorithm=MD5, qop=\"auth\"",
+    authenticator.digestMd5Response(
+        "Digest realm=\"camera\", nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", algorithm=MD5, qop=\"auth\"",
         "GET", "/live/picture.jpg", "viewer", "simulated", "");
     for (auto _ : state)
-        benchmark::DoNotOptimize(authenticator.nextDigestMd5Response("GET", "/live/picture.jpg", "viewer", "simulated", ""));
+        benchmark::DoNotOptimize(
+            authenticator.nextDigestMd5Response("GET", "/live/picture.jpg", "viewer", "simulated", ""));
 }
 
 BENCHMARK(poolLimit);

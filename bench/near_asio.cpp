@@ -27,7 +27,7 @@ void receive(tcp::socket& s)
 void sendMore(tcp::socket& s)
 {
     if (left <= 0) {
-        asio::async_read(s, asio::buffer(buffer.data(), 1), [](std::error_code, std::size_t) { });
+        asio::async_read(s, asio::buffer(buffer.data(), 1), [](std::error_code, std::size_t) {});
         return;
     }
     const auto n = static_cast<std::size_t>(std::min<long long>(left, static_cast<long long>(buffer.size())));
@@ -48,23 +48,22 @@ void ping(tcp::socket& s)
 struct Echo : std::enable_shared_from_this<Echo> {
     tcp::socket socket;
     std::array<char, 4096> bytes;
-    explicit Echo(tcp::socket s)
-        : socket(std::move(s))
-    {
-    }
+    explicit Echo(tcp::socket s) : socket(std::move(s)) { }
     void read()
     {
-        socket.async_read_some(asio::buffer(bytes), [self = shared_from_this()](std::error_code error, std::size_t n) {
-            if (error) {
-                loop.stop();
-                return;
-            }
-            asio::async_write(self->socket, asio::buffer(self->bytes.data(), n), [self](std::error_code, std::size_t) {
-                if (--left == 0)
+        socket.async_read_some(
+            asio::buffer(bytes), [self = shared_from_this()](std::error_code error, std::size_t n) {
+                if (error) {
                     loop.stop();
-                self->read();
+                    return;
+                }
+                asio::async_write(
+                    self->socket, asio::buffer(self->bytes.data(), n), [self](std::error_code, std::size_t) {
+                        if (--left == 0)
+                            loop.stop();
+                        self->read();
+                    });
             });
-        });
     }
 };
 

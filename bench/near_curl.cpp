@@ -20,7 +20,8 @@ std::size_t take(char* data, std::size_t size, std::size_t count, void*)
         const std::size_t field = body.find("Content-Length: ");
         if (end == std::string::npos || field > end)
             break;
-        const std::size_t whole = end + 4 + static_cast<std::size_t>(std::atoll(body.c_str() + field + 16)) + 2;
+        const std::size_t whole
+            = end + 4 + static_cast<std::size_t>(std::atoll(body.c_str() + field + 16)) + 2;
         if (body.size() < whole)
             break;
         body.erase(0, whole);

@@ -16,7 +16,10 @@ int pinged = 0;
 std::vector<char> block(1 << 16, 'x');
 uv_loop_t* loop = nullptr;
 
-void allocate(uv_handle_t*, size_t, uv_buf_t* buffer) { *buffer = uv_buf_init(block.data(), static_cast<unsigned int>(block.size())); }
+void allocate(uv_handle_t*, size_t, uv_buf_t* buffer)
+{
+    *buffer = uv_buf_init(block.data(), static_cast<unsigned int>(block.size()));
+}
 
 struct Write {
     uv_write_t request;
@@ -27,7 +30,8 @@ void sendMore(uv_stream_t* stream)
 {
     while (left > 0 && uv_stream_get_write_queue_size(stream) < (3U << 20)) {
         auto* write = new uv_write_t;
-        uv_buf_t buffer = uv_buf_init(block.data(), static_cast<unsigned int>(std::min<long long>(left, static_cast<long long>(block.size()))));
+        uv_buf_t buffer = uv_buf_init(block.data(),
+            static_cast<unsigned int>(std::min<long long>(left, static_cast<long long>(block.size()))));
         left -= buffer.len;
         uv_write(write, stream, &buffer, 1, [](uv_write_t* w, int) {
             uv_stream_t* s = w->handle;
@@ -61,7 +65,8 @@ void onRead(uv_stream_t* stream, ssize_t n, const uv_buf_t* buffer)
         auto* write = new Write;
         write->bytes.assign(buffer->base, static_cast<std::size_t>(n));
         uv_buf_t out = uv_buf_init(&write->bytes[0], static_cast<unsigned int>(n));
-        uv_write(&write->request, stream, &out, 1, [](uv_write_t* w, int) { delete reinterpret_cast<Write*>(w); });
+        uv_write(
+            &write->request, stream, &out, 1, [](uv_write_t* w, int) { delete reinterpret_cast<Write*>(w); });
         if (--left == 0)
             uv_stop(loop);
     }

@@ -92,11 +92,12 @@ void serve(const Arguments& a)
                 finish();
             return;
         }
-        QObject::connect(socket, &NuvikaTcpSocket::dataReceived, [socket](const char* data, int size, Marker) {
-            socket->sendData(data, size);
-            if (--left == 0)
-                finish();
-        });
+        QObject::connect(
+            socket, &NuvikaTcpSocket::dataReceived, [socket](const char* data, int size, Marker) {
+                socket->sendData(data, size);
+                if (--left == 0)
+                    finish();
+            });
         QObject::connect(socket, &NuvikaTcpSocket::disconnected, finish);
         QObject::connect(socket, &NuvikaTcpSocket::error, finish);
     });
@@ -140,7 +141,8 @@ void httpServer(const Arguments& a)
     header.setContentLength(200);
     QObject::connect(&server, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
         auto* connection = new HttpResponseClient(descriptor, false, &server);
-        QObject::connect(connection, &HttpResponseClient::requestReceived, [&, connection] { connection->response(header, false, &body); });
+        QObject::connect(connection, &HttpResponseClient::requestReceived,
+            [&, connection] { connection->response(header, false, &body); });
         QObject::connect(connection, &HttpResponseClient::disconnected, connection, &QObject::deleteLater);
     });
     if (!server.listen(QHostAddress(QHostAddress::LocalHost), a.port))

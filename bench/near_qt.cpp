@@ -30,7 +30,9 @@ void stream(const Arguments& a)
         }
     };
     if (a.mode == "recv") {
-        QObject::connect(&socket, &QTcpSocket::readyRead, [&socket] { while (socket.read(buffer, sizeof buffer) > 0) { } });
+        QObject::connect(&socket, &QTcpSocket::readyRead, [&socket] {
+            while (socket.read(buffer, sizeof buffer) > 0) { }
+        });
         QObject::connect(&socket, &QTcpSocket::disconnected, finish);
     } else if (a.mode == "send") {
         QObject::connect(&socket, &QTcpSocket::connected, sendMore);
@@ -38,7 +40,8 @@ void stream(const Arguments& a)
         QObject::connect(&socket, &QTcpSocket::readyRead, finish);
     } else {
         socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        QObject::connect(&socket, &QTcpSocket::connected, [&socket] { socket.write(block.constData(), kPingSize); });
+        QObject::connect(
+            &socket, &QTcpSocket::connected, [&socket] { socket.write(block.constData(), kPingSize); });
         QObject::connect(&socket, &QTcpSocket::readyRead, [&socket] {
             if (socket.bytesAvailable() < kPingSize)
                 return;
@@ -88,7 +91,8 @@ void httpGet(const Arguments& a)
 {
     static long long left = a.amount;
     QNetworkAccessManager manager;
-    const QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1/%2").arg(a.port).arg(QString::fromStdString(a.variant))));
+    const QNetworkRequest request(
+        QUrl(QStringLiteral("http://127.0.0.1:%1/%2").arg(a.port).arg(QString::fromStdString(a.variant))));
     const bool bParts = a.variant[0] == 'p';
     const auto next = [&] {
         QNetworkReply* reply = manager.get(request);

@@ -16,9 +16,7 @@ constexpr int kHostNotFound = 11001;
 } // namespace
 
 CameraStream::CameraStream(const QString& name, const Target& target)
-    : m_name(name)
-    , m_target(target)
-    , m_client(target.host, target.port, true)
+    : m_name(name), m_target(target), m_client(target.host, target.port, true)
 {
     m_retry.setSingleShot(true);
     connect(&m_retry, &QTimer::timeout, this, &CameraStream::request);
@@ -45,7 +43,8 @@ void CameraStream::request()
     m_nError = 0;
     m_silence.start();
     HttpRequestHeader header(QStringLiteral("GET"), m_target.path);
-    header.addValue(QStringLiteral("Host"), QStringLiteral("%1:%2").arg(m_target.host, QString::number(m_target.port)));
+    header.addValue(
+        QStringLiteral("Host"), QStringLiteral("%1:%2").arg(m_target.host, QString::number(m_target.port)));
     constexpr int kOnlyWhenAsked = 1; // no password before a challenge
     m_client.request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
 }
@@ -70,7 +69,8 @@ void CameraStream::takeAnswer(int status, const QByteArray& type, const char* da
         takePicture(data, size);
         m_retry.start(kSnapshotIntervalMs); // a camera of single pictures is asked again
     } else if (status == 401) {
-        interrupted(m_target.user.isEmpty() ? QStringLiteral("asks for a password") : QStringLiteral("wrong user or password"));
+        interrupted(m_target.user.isEmpty() ? QStringLiteral("asks for a password")
+                                            : QStringLiteral("wrong user or password"));
     } else if (status == 200) {
         interrupted(QStringLiteral("sends no pictures"));
     } else {

@@ -5,7 +5,10 @@
 
 namespace
 {
-QByteArray hexMd5(const QByteArray& text) { return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex(); }
+QByteArray hexMd5(const QByteArray& text)
+{
+    return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+}
 
 // The value of a parameter of our own form: name="value" or name=value.
 QByteArray parameter(const QByteArray& credentials, const QByteArray& name)
@@ -26,10 +29,8 @@ QByteArray parameter(const QByteArray& credentials, const QByteArray& name)
 } // namespace
 
 DigestGuard::DigestGuard(const QByteArray& realm, const QByteArray& user, const QByteArray& password)
-    : m_realm(realm)
-    , m_user(user)
-    , m_ha1(hexMd5(user + ':' + realm + ':' + password))
-    , m_nonce(QByteArray::number(QRandomGenerator::system()->generate64(), 16))
+    : m_realm(realm), m_user(user), m_ha1(hexMd5(user + ':' + realm + ':' + password)),
+      m_nonce(QByteArray::number(QRandomGenerator::system()->generate64(), 16))
 {
 }
 
@@ -43,7 +44,8 @@ bool DigestGuard::admits(const HttpRequestHeader& request) const
 {
     const QByteArray credentials = request.value(QStringLiteral("Authorization")).toLatin1();
     if (!credentials.startsWith("Digest ") || parameter(credentials, "username") != m_user
-        || parameter(credentials, "nonce") != m_nonce || parameter(credentials, "uri") != request.path().toLatin1())
+        || parameter(credentials, "nonce") != m_nonce
+        || parameter(credentials, "uri") != request.path().toLatin1())
         return false;
     const QByteArray ha2 = hexMd5(request.method().toLatin1() + ':' + parameter(credentials, "uri"));
     const QByteArray expected = hexMd5(m_ha1 + ':' + m_nonce + ':' + parameter(credentials, "nc") + ':'

@@ -14,10 +14,7 @@ constexpr int kMaxRows = 20;
 double megabits(double bytes) { return bytes * 8 / 1e6; }
 } // namespace
 
-Display::Display()
-    : m_bTerminal(isatty(STDOUT_FILENO) == 1)
-{
-}
+Display::Display() : m_bTerminal(isatty(STDOUT_FILENO) == 1) { }
 
 void Display::show(const Recorder& recorder, int seconds)
 {
@@ -25,7 +22,8 @@ void Display::show(const Recorder& recorder, int seconds)
     const CameraStream::Sample total = recorder.total();
     if (!m_bTerminal) {
         std::printf("%4d s  %d of %d cameras receiving  %6.1f pictures/s  %7.2f Mbit/s\n", seconds,
-            recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures, megabits(total.bytes));
+            recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures,
+            megabits(total.bytes));
         std::fflush(stdout);
         return;
     }
@@ -36,19 +34,30 @@ void Display::show(const Recorder& recorder, int seconds)
         std::printf("\x1b[2K%s\n", qUtf8Printable(text));
         ++m_nLines;
     };
-    line(QStringLiteral("%1 %2 %3 %4  %5").arg(QStringLiteral("camera"), -14).arg(QStringLiteral("pictures"), 9)
-             .arg(QStringLiteral("per s"), 7).arg(QStringLiteral("Mbit/s"), 8).arg(QStringLiteral("state")));
+    line(QStringLiteral("%1 %2 %3 %4  %5")
+             .arg(QStringLiteral("camera"), -14)
+             .arg(QStringLiteral("pictures"), 9)
+             .arg(QStringLiteral("per s"), 7)
+             .arg(QStringLiteral("Mbit/s"), 8)
+             .arg(QStringLiteral("state")));
     const std::size_t rows = std::min<std::size_t>(cameras.size(), kMaxRows);
     for (std::size_t i = 0; i < rows; ++i) {
         const CameraStream& camera = *cameras[i];
-        line(QStringLiteral("%1 %2 %3 %4  %5").arg(camera.name(), -14).arg(camera.pictures(), 9)
-                 .arg(camera.current().pictures, 7, 'f', 0).arg(megabits(camera.current().bytes), 8, 'f', 2)
+        line(QStringLiteral("%1 %2 %3 %4  %5")
+                 .arg(camera.name(), -14)
+                 .arg(camera.pictures(), 9)
+                 .arg(camera.current().pictures, 7, 'f', 0)
+                 .arg(megabits(camera.current().bytes), 8, 'f', 2)
                  .arg(camera.state()));
     }
     if (rows < cameras.size())
         line(QStringLiteral("... and %1 more").arg(cameras.size() - rows));
-    line(QStringLiteral("%1 of %2 receiving, %3 pictures/s, %4 Mbit/s, %5 s").arg(recorder.receivingCameras())
-             .arg(cameras.size()).arg(total.pictures, 0, 'f', 0).arg(megabits(total.bytes), 0, 'f', 2).arg(seconds));
+    line(QStringLiteral("%1 of %2 receiving, %3 pictures/s, %4 Mbit/s, %5 s")
+             .arg(recorder.receivingCameras())
+             .arg(cameras.size())
+             .arg(total.pictures, 0, 'f', 0)
+             .arg(megabits(total.bytes), 0, 'f', 2)
+             .arg(seconds));
     std::fflush(stdout);
 }
 
@@ -62,12 +71,14 @@ void Display::summary(const Recorder& recorder, int seconds)
         bytes += camera->bytes();
         interruptions += camera->interruptions();
         if (camera->pictures() == 0)
-            std::printf("%s delivered nothing: %s\n", qUtf8Printable(camera->name()), qUtf8Printable(camera->state()));
+            std::printf("%s delivered nothing: %s\n", qUtf8Printable(camera->name()),
+                qUtf8Printable(camera->state()));
     }
     std::printf("%d seconds, %d cameras, %llu pictures, %.1f MB, %d interruptions\n", seconds,
         static_cast<int>(recorder.cameras().size()), static_cast<unsigned long long>(pictures),
         static_cast<double>(bytes) / 1e6, interruptions);
     if (recorder.unsavedPictures() > 0)
-        std::printf("%llu pictures could not be saved\n", static_cast<unsigned long long>(recorder.unsavedPictures()));
+        std::printf("%llu pictures could not be saved\n",
+            static_cast<unsigned long long>(recorder.unsavedPictures()));
     std::fflush(stdout);
 }

@@ -21,11 +21,12 @@ Interrupt::Interrupt(std::function<void()> handler)
     if (::pipe2(s_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return;
     m_notifier = std::make_unique<QSocketNotifier>(s_pipe[0], QSocketNotifier::Read);
-    QObject::connect(m_notifier.get(), &QSocketNotifier::activated, m_notifier.get(), [handler = std::move(handler)] {
-        char byte = 0;
-        while (::read(s_pipe[0], &byte, 1) == 1) { }
-        handler();
-    });
+    QObject::connect(
+        m_notifier.get(), &QSocketNotifier::activated, m_notifier.get(), [handler = std::move(handler)] {
+            char byte = 0;
+            while (::read(s_pipe[0], &byte, 1) == 1) { }
+            handler();
+        });
     std::signal(SIGINT, &onSignal);
     std::signal(SIGTERM, &onSignal);
 }

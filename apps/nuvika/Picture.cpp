@@ -23,15 +23,13 @@ struct Colour {
 class Canvas
 {
 public:
-    Canvas()
-        : m_rgb(static_cast<std::size_t>(Picture::kWidth) * Picture::kHeight * 3)
-    {
-    }
+    Canvas() : m_rgb(static_cast<std::size_t>(Picture::kWidth) * Picture::kHeight * 3) { }
     void set(int x, int y, Colour c)
     {
         if (x < 0 || y < 0 || x >= Picture::kWidth || y >= Picture::kHeight)
             return;
-        unsigned char* p = &m_rgb[(static_cast<std::size_t>(y) * Picture::kWidth + static_cast<std::size_t>(x)) * 3];
+        unsigned char* p
+            = &m_rgb[(static_cast<std::size_t>(y) * Picture::kWidth + static_cast<std::size_t>(x)) * 3];
         p[0] = static_cast<unsigned char>(c.r * 255);
         p[1] = static_cast<unsigned char>(c.g * 255);
         p[2] = static_cast<unsigned char>(c.b * 255);
@@ -55,7 +53,8 @@ public:
     // Seven segments are enough for numbers.
     void digit(int x, int y, int size, int value, Colour c)
     {
-        static constexpr std::array<unsigned char, 10> kSegments{0x77, 0x24, 0x5D, 0x6D, 0x2E, 0x6B, 0x7B, 0x25, 0x7F, 0x6F};
+        static constexpr std::array<unsigned char, 10> kSegments{
+            0x77, 0x24, 0x5D, 0x6D, 0x2E, 0x6B, 0x7B, 0x25, 0x7F, 0x6F};
         const int thick = size / 4;
         const unsigned char s = kSegments[static_cast<std::size_t>(value)];
         if (s & 0x01)
@@ -126,7 +125,8 @@ QByteArray draw(int scene, int index)
             canvas.set(x, y, sky);
     }
     for (int i = 0; i < 5; ++i) { // a street with cars
-        const int x = (index * Picture::kWidth / Picture::kLoop * (i % 2 + 1) + i * 71) % (Picture::kWidth + 60) - 60;
+        const int x
+            = (index * Picture::kWidth / Picture::kLoop * (i % 2 + 1) + i * 71) % (Picture::kWidth + 60) - 60;
         canvas.box(x, 150 + i * 17, 44, 11, hue(base + 0.1 * i + 0.3, 0.9));
     }
     const int sunX = static_cast<int>(Picture::kWidth / 2.0 + 110 * std::cos(phase + scene));

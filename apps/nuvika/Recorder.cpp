@@ -7,7 +7,9 @@
 #include <QtCore/QJsonObject>
 
 Recorder::Recorder()
-    : m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) { handle(connection, request); })
+    : m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) {
+          handle(connection, request);
+      })
 {
     QFile page(QStringLiteral(":/page.html"));
     if (page.open(QIODevice::ReadOnly))
@@ -79,8 +81,9 @@ void Recorder::save(int camera, const QByteArray& jpeg)
 {
     const QString time = QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd-HHmmss-zzz"));
     const CameraStream& stream = *m_cameras.at(static_cast<std::size_t>(camera));
-    QFile file(m_folder->filePath(
-        QStringLiteral("camera%1-%2-%3.jpg").arg(QString::number(camera + 1), time, QString::number(stream.pictures()))));
+    QFile file(
+        m_folder->filePath(QStringLiteral("camera%1-%2-%3.jpg")
+                               .arg(QString::number(camera + 1), time, QString::number(stream.pictures()))));
     if (!file.open(QIODevice::WriteOnly) || file.write(jpeg) != jpeg.size())
         ++m_nUnsaved;
 }
@@ -102,7 +105,8 @@ void Recorder::handle(HttpResponseClient& connection, const HttpRequestHeader& r
             WebServer::sendPicture(connection, last);
     } else if (path.startsWith(QLatin1String("/picture/")) && bKnown
         && !m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture().isEmpty()) {
-        m_server.answer(connection, 200, m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture(), "image/jpeg");
+        m_server.answer(
+            connection, 200, m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture(), "image/jpeg");
     } else {
         m_server.answer(connection, 404, "nothing here\n", "text/plain");
     }
@@ -129,6 +133,7 @@ QByteArray Recorder::stateJson() const
             {QStringLiteral("bitRates"), bits},
         });
     }
-    const QJsonObject state{{QStringLiteral("cameras"), list}, {QStringLiteral("skipped"), static_cast<double>(m_nSkipped)}};
+    const QJsonObject state{
+        {QStringLiteral("cameras"), list}, {QStringLiteral("skipped"), static_cast<double>(m_nSkipped)}};
     return QJsonDocument(state).toJson(QJsonDocument::Compact);
 }

@@ -3,10 +3,10 @@
 #include "Picture.h"
 
 SimulatedCamera::SimulatedCamera(int number)
-    : m_nNumber(number)
-    , m_nFrame(number * 7)
-    , m_guard("camera", kUser, kPassword)
-    , m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) { handle(connection, request); })
+    : m_nNumber(number), m_nFrame(number * 7), m_guard("camera", kUser, kPassword),
+      m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) {
+          handle(connection, request);
+      })
 {
     connect(&m_timer, &QTimer::timeout, this, &SimulatedCamera::tick);
     m_timer.setTimerType(Qt::PreciseTimer);

@@ -24,9 +24,7 @@ constexpr int kMaxRequestBody = 1 << 20;
 constexpr char kBoundary[] = "nuvika-picture";
 } // namespace
 
-WebServer::WebServer(Handler handler)
-    : m_handler(std::move(handler))
-    , m_pool(new SharedBufferPool)
+WebServer::WebServer(Handler handler) : m_handler(std::move(handler)), m_pool(new SharedBufferPool)
 {
     connect(&m_server, &NuvikaTcpServer::newConnectionDesc, this, &WebServer::accept);
 }
@@ -60,16 +58,16 @@ void WebServer::answer(HttpResponseClient& connection, int code, const QByteArra
 void WebServer::beginPictures(HttpResponseClient& connection)
 {
     HttpResponseHeader header(200, QStringLiteral("OK"));
-    header.addValue(
-        QStringLiteral("Content-Type"), QStringLiteral("multipart/x-mixed-replace; boundary=%1").arg(QLatin1String(kBoundary)));
+    header.addValue(QStringLiteral("Content-Type"),
+        QStringLiteral("multipart/x-mixed-replace; boundary=%1").arg(QLatin1String(kBoundary)));
     header.addValue(QStringLiteral("Cache-Control"), QStringLiteral("no-store"));
     connection.response(header, true, nullptr);
 }
 
 void WebServer::sendPicture(HttpResponseClient& connection, const QByteArray& jpeg)
 {
-    const QByteArray head = QByteArray("--") + kBoundary + "\r\nContent-Type: image/jpeg\r\nContent-Length: "
-        + QByteArray::number(jpeg.size()) + "\r\n\r\n";
+    const QByteArray head = QByteArray("--") + kBoundary
+        + "\r\nContent-Type: image/jpeg\r\nContent-Length: " + QByteArray::number(jpeg.size()) + "\r\n\r\n";
     const std::array<KepNuvikaUtil::BUFFER, 3> ranges{
         {{head.constData(), head.size()}, {jpeg.constData(), jpeg.size()}, {"\r\n", 2}}};
     connection.sendContent(ranges.data(), static_cast<int>(ranges.size()));

@@ -13,26 +13,16 @@ constexpr qint32 kReadCopy = 2;
 constexpr qint64 kMaxSize = std::numeric_limits<quint32>::max();
 } // namespace
 
-DataStreamBuffer::DataStreamBuffer()
-    : m_mode(kWrite)
-    , m_pTarget(&m_ownBuffer)
-{
-    openAsConstructed();
-}
+DataStreamBuffer::DataStreamBuffer() : m_mode(kWrite), m_pTarget(&m_ownBuffer) { openAsConstructed(); }
 
-DataStreamBuffer::DataStreamBuffer(VariableBuffer* buffer)
-    : m_mode(kWrite)
-    , m_pTarget(buffer)
+DataStreamBuffer::DataStreamBuffer(VariableBuffer* buffer) : m_mode(kWrite), m_pTarget(buffer)
 {
     m_pTarget->getBuffer(0);
     openAsConstructed();
 }
 
 DataStreamBuffer::DataStreamBuffer(const char* data, int size, bool copy)
-    : m_mode(copy ? kReadCopy : kReadInPlace)
-    , m_pRaw(data)
-    , m_rawSize(std::max(size, 0))
-    , m_bOwnsRaw(copy)
+    : m_mode(copy ? kReadCopy : kReadInPlace), m_pRaw(data), m_rawSize(std::max(size, 0)), m_bOwnsRaw(copy)
 {
     if (copy) {
         auto block = std::make_unique<char[]>(static_cast<std::size_t>(m_rawSize));

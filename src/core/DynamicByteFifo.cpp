@@ -78,8 +78,7 @@ void DynamicByteFifoChunk::reset()
 }
 
 DynamicByteFifo::DynamicByteFifo(unsigned int chunkSize, unsigned int maxChunks)
-    : m_nMaxChunks(maxChunks)
-    , m_pool(chunkSize, std::max(maxChunks / 100, 10U))
+    : m_nMaxChunks(maxChunks), m_pool(chunkSize, std::max(maxChunks / 100, 10U))
 {
     m_chunks.emplace_back(&m_pool);
 }
@@ -162,13 +161,15 @@ unsigned int DynamicByteFifo::takeFromFront(unsigned int n, Take take)
 
 unsigned int DynamicByteFifo::get(unsigned char* dst, unsigned int n)
 {
-    return takeFromFront(
-        n, [dst, n](DynamicByteFifoChunk& chunk, unsigned int taken) { return chunk.get(dst + taken, n - taken); });
+    return takeFromFront(n, [dst, n](DynamicByteFifoChunk& chunk, unsigned int taken) {
+        return chunk.get(dst + taken, n - taken);
+    });
 }
 
 unsigned int DynamicByteFifo::consume(unsigned int n)
 {
-    return takeFromFront(n, [n](DynamicByteFifoChunk& chunk, unsigned int taken) { return chunk.consume(n - taken); });
+    return takeFromFront(
+        n, [n](DynamicByteFifoChunk& chunk, unsigned int taken) { return chunk.consume(n - taken); });
 }
 
 unsigned int DynamicByteFifo::peek(iovec* vec, int* count, unsigned int maxBytes) const

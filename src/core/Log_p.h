@@ -26,12 +26,12 @@ constexpr const char* baseName(const char* path)
 }
 } // namespace Nuvika
 
-#define NUVIKA_LOG_IF(enabled, method, category, ...)                                                          \
-    do {                                                                                                       \
-        const QLoggingCategory& logCategory = Nuvika::category();                                              \
-        if (logCategory.enabled())                                                                             \
-            QMessageLogger(Nuvika::baseName(__FILE__), __LINE__, Q_FUNC_INFO, logCategory.categoryName())      \
-                .method(__VA_ARGS__);                                                                          \
+#define NUVIKA_LOG_IF(enabled, method, category, ...)                                                        \
+    do {                                                                                                     \
+        const QLoggingCategory& logCategory = Nuvika::category();                                            \
+        if (logCategory.enabled())                                                                           \
+            QMessageLogger(Nuvika::baseName(__FILE__), __LINE__, Q_FUNC_INFO, logCategory.categoryName())    \
+                .method(__VA_ARGS__);                                                                        \
     } while (false)
 
 #define NUVIKA_DEBUG(category, ...) NUVIKA_LOG_IF(isDebugEnabled, debug, category, __VA_ARGS__)
@@ -39,8 +39,8 @@ constexpr const char* baseName(const char* path)
 #define NUVIKA_CRITICAL(category, ...) NUVIKA_LOG_IF(isCriticalEnabled, critical, category, __VA_ARGS__)
 
 // The internal assertion: reports and carries on.
-#define NUVIKA_ASSERT(condition)                                                                               \
-    do {                                                                                                       \
-        if (Q_UNLIKELY(!(condition)))                                                                          \
-            nuvikaAssertPrint(#condition, Nuvika::baseName(__FILE__), __LINE__);                               \
+#define NUVIKA_ASSERT(condition)                                                                             \
+    do {                                                                                                     \
+        if (Q_UNLIKELY(!(condition)))                                                                        \
+            nuvikaAssertPrint(#condition, Nuvika::baseName(__FILE__), __LINE__);                             \
     } while (false)

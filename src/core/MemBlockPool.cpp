@@ -39,8 +39,7 @@ void setLink(void* block, Node* next)
 } // namespace
 
 MemBlockPool::MemBlockPool(unsigned int blockSize, unsigned int blocksPerChunk)
-    : m_nBlockSize(std::max(blockSize, kMinBlockSize))
-    , m_nBlocksPerChunk(std::max(blocksPerChunk, 1U))
+    : m_nBlockSize(std::max(blockSize, kMinBlockSize)), m_nBlocksPerChunk(std::max(blocksPerChunk, 1U))
 {
 }
 
@@ -51,7 +50,7 @@ std::size_t MemBlockPool::stride() const { return std::max<std::size_t>(m_nBlock
 void MemBlockPool::addChunk()
 {
     const std::size_t nSize = stride() * m_nBlocksPerChunk;
-    NUVIKA_ASSERT(nSize >= sizeof (FreeNode));
+    NUVIKA_ASSERT(nSize >= sizeof(FreeNode));
     void* chunk = nSize + kChunkHead <= std::numeric_limits<unsigned int>::max()
         ? NuvikaMallocNoExtending(static_cast<unsigned int>(nSize + kChunkHead))
         : nullptr;

@@ -21,8 +21,8 @@ namespace Nuvika
 class MutexGuard
 {
 public:
-    explicit MutexGuard(QMutex& mutex)
-        : m_mutex(mutex)
+    // Not recursive; taken as its base, whose uncontended lock is inline.
+    explicit MutexGuard(QBasicMutex& mutex) : m_mutex(mutex)
     {
         m_mutex.lock();
 #if defined(NUVIKA_TSAN)
@@ -40,6 +40,6 @@ public:
     MutexGuard& operator=(const MutexGuard&) = delete;
 
 private:
-    QMutex& m_mutex;
+    QBasicMutex& m_mutex;
 };
 } // namespace Nuvika

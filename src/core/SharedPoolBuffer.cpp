@@ -74,13 +74,9 @@ void SharedBufferPool::release()
         delete this;
 }
 
-SharedPoolBuffer::SharedPoolBuffer(SharedBufferPool::BUFFER* pBuffer)
-    : m_pBuffer(pBuffer)
-{
-}
+SharedPoolBuffer::SharedPoolBuffer(SharedBufferPool::BUFFER* pBuffer) : m_pBuffer(pBuffer) { }
 
-SharedPoolBuffer::SharedPoolBuffer(const SharedPoolBuffer& other)
-    : m_pBuffer(other.m_pBuffer)
+SharedPoolBuffer::SharedPoolBuffer(const SharedPoolBuffer& other) : m_pBuffer(other.m_pBuffer)
 {
     if (m_pBuffer != nullptr)
         m_pBuffer->nRefs.fetch_add(1, std::memory_order_relaxed);
@@ -118,7 +114,10 @@ int SharedPoolBuffer::getBufferSize() const
 
 bool SharedPoolBuffer::isEmpty() const { return getBufferSize() == 0; }
 
-VariableBuffer* SharedPoolBuffer::getVariableBuffer() { return m_pBuffer == nullptr ? nullptr : &m_pBuffer->payload; }
+VariableBuffer* SharedPoolBuffer::getVariableBuffer()
+{
+    return m_pBuffer == nullptr ? nullptr : &m_pBuffer->payload;
+}
 
 const VariableBuffer* SharedPoolBuffer::getVariableBuffer() const
 {

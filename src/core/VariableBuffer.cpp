@@ -12,13 +12,9 @@
 
 using namespace Nuvika;
 
-VariableBuffer::VariableBuffer(unsigned int alignment)
-    : m_alignment(alignment)
-{
-}
+VariableBuffer::VariableBuffer(unsigned int alignment) : m_alignment(alignment) { }
 
-VariableBuffer::VariableBuffer(const VariableBuffer& other)
-    : m_alignment(other.m_alignment)
+VariableBuffer::VariableBuffer(const VariableBuffer& other) : m_alignment(other.m_alignment)
 {
     *this = other;
 }
@@ -108,7 +104,8 @@ void VariableBuffer::append(const void* p, int n)
 
 void VariableBuffer::append(const VariableBuffer& other)
 {
-    append(other.m_pData, static_cast<int>(std::min<unsigned int>(other.m_size, std::numeric_limits<int>::max())));
+    append(other.m_pData,
+        static_cast<int>(std::min<unsigned int>(other.m_size, std::numeric_limits<int>::max())));
 }
 
 void VariableBuffer::remove(unsigned int pos, unsigned int count)

@@ -3,8 +3,7 @@
 #include <algorithm>
 
 VariableBufferArray::VariableBufferArray(int count)
-    : m_maxBuffers(std::max(count, 0))
-    , m_pBuffers(new VariableBuffer[static_cast<std::size_t>(m_maxBuffers)])
+    : m_maxBuffers(std::max(count, 0)), m_pBuffers(new VariableBuffer[static_cast<std::size_t>(m_maxBuffers)])
 {
 }
 

@@ -6,29 +6,47 @@
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QRandomGenerator>
 
+#include <initializer_list>
+
 using namespace Nuvika;
 
 namespace
 {
 constexpr char kTag[] = "digest";
 
-QByteArray md5(const QByteArray& text) { return QCryptographicHash::hash(text, QCryptographicHash::Md5); }
-
-QByteArray hexMd5(const QByteArray& text) { return md5(text).toHex(); }
-
-// The text of a quoted-string.
-QByteArray quoted(const QByteArray& text)
+QByteArray hexMd5(const QByteArray& text)
 {
-    QByteArray result;
-    result.reserve(text.size() + 2);
-    result += '"';
-    for (const char c : text) {
-        if (c == '"' || c == '\\')
-            result += '\\';
-        result += c;
+    return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+}
+
+// The hexadecimal hash of the parts, joined by colons.
+QByteArray hexMd5(QCryptographicHash& hash, std::initializer_list<const QByteArray*> parts)
+{
+    hash.reset();
+    bool bFirst = true;
+    for (const QByteArray* part : parts) {
+        if (!bFirst)
+            hash.addData(":", 1);
+        hash.addData(part->constData(), part->size());
+        bFirst = false;
     }
-    result += '"';
-    return result;
+    return hash.result().toHex();
+}
+
+// As a quoted-string.
+void appendQuoted(QByteArray* target, const QByteArray& text)
+{
+    *target += '"';
+    if (!text.contains('"') && !text.contains('\\')) {
+        *target += text;
+    } else {
+        for (const char c : text) {
+            if (c == '"' || c == '\\')
+                *target += '\\';
+            *target += c;
+        }
+    }
+    *target += '"';
 }
 
 QString chooseQop(const QByteArray& list)
@@ -85,7 +103,8 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
 QByteArray HttpAuthenticator::digestMd5Response(const QByteArray& challenge, const QByteArray& method,
     const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body)
 {
-    NUVIKA_DEBUG(lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
+    NUVIKA_DEBUG(
+        lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
     if (!parseChallenge(challenge))
         return QByteArray();
     const QByteArray response = nextDigestMd5Response(method, path, user, password, body);
@@ -105,25 +124,39 @@ QByteArray HttpAuthenticator::nextDigestMd5Response(const QByteArray& method, co
     const QByteArray realm = m_realm.toLatin1();
     const QByteArray qop = m_qop.toLatin1();
 
-    QByteArray ha1 = hexMd5(user + ':' + realm + ':' + password);
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    QByteArray ha1 = hexMd5(hash, {&user, &realm, &password});
     if (m_algorithm.compare(QLatin1String("md5-sess"), Qt::CaseInsensitive) == 0)
-        ha1 = hexMd5(ha1 + ':' + nonce + ':' + m_clientNonce);
-    QByteArray a2 = method + ':' + path;
-    if (qop == "auth-int")
-        a2 += ':' + hexMd5(body);
-    QByteArray input = ha1 + ':' + nonce + ':';
-    if (!qop.isEmpty())
-        input += nc + ':' + m_clientNonce + ':' + qop + ':';
-    const QByteArray digest = hexMd5(input + hexMd5(a2));
+        ha1 = hexMd5(hash, {&ha1, &nonce, &m_clientNonce});
+    const QByteArray entity = qop == "auth-int" ? hexMd5(body) : QByteArray();
+    const QByteArray ha2
+        = entity.isEmpty() ? hexMd5(hash, {&method, &path}) : hexMd5(hash, {&method, &path, &entity});
+    const QByteArray digest = qop.isEmpty() ? hexMd5(hash, {&ha1, &nonce, &ha2})
+                                            : hexMd5(hash, {&ha1, &nonce, &nc, &m_clientNonce, &qop, &ha2});
 
-    QByteArray value = "Digest username=" + quoted(user) + ", realm=" + quoted(realm) + ", nonce=" + quoted(nonce)
-        + ", uri=" + quoted(path) + ", ";
-    if (!m_opaque.isEmpty())
-        value += "opaque=" + quoted(m_opaque.toLatin1()) + ", ";
-    value += "response=" + quoted(digest);
+    QByteArray value;
+    value.reserve(200 + user.size() + realm.size() + nonce.size() + path.size() + m_opaque.size());
+    value += "Digest username=";
+    appendQuoted(&value, user);
+    value += ", realm=";
+    appendQuoted(&value, realm);
+    value += ", nonce=";
+    appendQuoted(&value, nonce);
+    value += ", uri=";
+    appendQuoted(&value, path);
+    value += ", ";
+    if (!m_opaque.isEmpty()) {
+        value += "opaque=";
+        appendQuoted(&value, m_opaque.toLatin1());
+        value += ", ";
+    }
+    value += "response=";
+    appendQuoted(&value, digest);
     if (!m_algorithm.isEmpty())
         value += ", algorithm=" + m_algorithm.toLatin1();
-    if (!qop.isEmpty())
-        value += ", qop=" + qop + ", nc=" + nc + ", cnonce=" + quoted(m_clientNonce);
+    if (!qop.isEmpty()) {
+        value += ", qop=" + qop + ", nc=" + nc + ", cnonce=";
+        appendQuoted(&value, m_clientNonce);
+    }
     return value;
 }

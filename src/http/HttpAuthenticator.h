@@ -15,8 +15,8 @@ class KEPNUVIKAUTIL_EXPORT HttpAuthenticator
 public:
     /// Takes the value of a WWW-Authenticate field and returns the credentials for one request, with nonce
     /// count 1; empty when the challenge cannot be answered.
-    QByteArray digestMd5Response(const QByteArray& challenge, const QByteArray& method, const QByteArray& path,
-        const QByteArray& user, const QByteArray& password, const QByteArray& body);
+    QByteArray digestMd5Response(const QByteArray& challenge, const QByteArray& method,
+        const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body);
     /// The credentials for the next request under the held challenge; empty when none is held.
     QByteArray nextDigestMd5Response(const QByteArray& method, const QByteArray& path, const QByteArray& user,
         const QByteArray& password, const QByteArray& body);

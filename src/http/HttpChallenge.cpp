@@ -40,7 +40,8 @@ bool startsChallenge(const Bytes& text, int at)
     while (at < text.size() && (isalnum(static_cast<unsigned char>(text.at(at))) != 0 || text.at(at) == '-'))
         ++at;
     const int behind = skipBlanks(text, at);
-    return at > start && behind > at && behind < text.size() && text.at(behind) != '=' && text.at(behind) != ',';
+    return at > start && behind > at && behind < text.size() && text.at(behind) != '='
+        && text.at(behind) != ',';
 }
 
 QList<Bytes> splitChallenges(const Bytes& value)

@@ -12,10 +12,8 @@ class HttpClient::Private final : public HttpRequestListener
 {
 public:
     Private(HttpClient& client, const QString& host, unsigned short port, int nSendQueueHint)
-        : m_client(client)
-        , socket(nSendQueueHint, false)
-        , transport(socket)
-        , engine("HttpClient", transport, *this, host, port)
+        : m_client(client), socket(nSendQueueHint, false), transport(socket),
+          engine("HttpClient", transport, *this, host, port)
     {
     }
 
@@ -56,9 +54,7 @@ HttpClient::HttpClient(const QString& host, unsigned short port, bool keepAlive,
 
 HttpClient::HttpClient(
     const QString& host, unsigned short port, bool keepAlive, int sendQueueHint, QObject* parent)
-    : QObject(parent)
-    , m_bKeepAlive(keepAlive)
-    , d(std::make_unique<Private>(*this, host, port, sendQueueHint))
+    : QObject(parent), m_bKeepAlive(keepAlive), d(std::make_unique<Private>(*this, host, port, sendQueueHint))
 {
     const NuvikaTcpSocketQueued* socket = &d->socket;
     connect(socket, &NuvikaTcpSocketQueued::connected, this, &HttpClient::slotSockConnected);
@@ -83,7 +79,8 @@ namespace
 {
 void addConnection(HttpRequestHeader& header, bool bKeepAlive)
 {
-    header.addValue(QStringLiteral("Connection"), bKeepAlive ? QStringLiteral("keep-alive") : QStringLiteral("close"));
+    header.addValue(
+        QStringLiteral("Connection"), bKeepAlive ? QStringLiteral("keep-alive") : QStringLiteral("close"));
     if (bKeepAlive)
         header.addValue(QStringLiteral("Keep-Alive"), QStringLiteral("300"));
 }
@@ -126,8 +123,8 @@ int HttpClient::plainPost(const QString& path, const QByteArray& content, const 
     return send(header, content, user, password);
 }
 
-int HttpClient::put(const QString& path, const QByteArray& content, const QString& user, const QString& password,
-    bool keepAlive, const QString& contentType)
+int HttpClient::put(const QString& path, const QByteArray& content, const QString& user,
+    const QString& password, bool keepAlive, const QString& contentType)
 {
     HttpRequestHeader header = makeHeader("PUT", path);
     addContent(header, contentType, content.size());
@@ -138,8 +135,8 @@ int HttpClient::put(const QString& path, const QByteArray& content, const QStrin
 int HttpClient::soapRequest(const QString& path, const QString& action, const QByteArray& content,
     const QString& user, const QString& password, bool keepAlive)
 {
-    NUVIKA_DEBUG(lcHttp, "HttpClient::soapRequest: path='%s' / action='%s' content='%s'", qUtf8Printable(path),
-        qUtf8Printable(action), content.constData());
+    NUVIKA_DEBUG(lcHttp, "HttpClient::soapRequest: path='%s' / action='%s' content='%s'",
+        qUtf8Printable(path), qUtf8Printable(action), content.constData());
     HttpRequestHeader header = makeHeader("POST", path);
     const QString type
         = QLatin1String("application/soap+xml; charset=utf-8; action=\"") + action + QLatin1Char('"');

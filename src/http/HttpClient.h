@@ -14,11 +14,12 @@
 /// Every request operation returns an id, and the signals carry it. A body is delivered whole by
 /// requestFinished(), or piece by piece (stream flag, multipart streams).
 ///
-/// | answer                                | stream flag clear                     | stream flag set              |
+/// | answer                                | stream flag clear                     | stream flag set |
 /// |---------------------------------------|---------------------------------------|------------------------------|
-/// | with a length                         | requestFinished() with the content    | contentChunk(), the last one ends it |
-/// | chunked, or until the connection ends | requestFinished() with the content    | contentChunk(), then requestFinished() without content |
-/// | multipart/x-mixed-replace             | multipartReplaceContent() for each part, until shutdown() or the connection's end | as above |
+/// | with a length                         | requestFinished() with the content    | contentChunk(), the last
+/// one ends it | | chunked, or until the connection ends | requestFinished() with the content    |
+/// contentChunk(), then requestFinished() without content | | multipart/x-mixed-replace             |
+/// multipartReplaceContent() for each part, until shutdown() or the connection's end | as above |
 ///
 /// Threads: owned by the thread that made it, which needs an event loop; the library must be initialised for
 /// host names. Content pointers hold during the emission only.
@@ -43,15 +44,15 @@ public:
     /// otherwise credentials are sent when user and password are both given. A head that announces more than
     /// the body holds (a larger content-length, or chunked coding) is an upload: the rest follows by
     /// sendUploadContentChunk().
-    int request(const HttpRequestHeader& header, bool stream, const SharedPoolBuffer* body, const QString& user,
-        const QString& password, int authMode);
+    int request(const HttpRequestHeader& header, bool stream, const SharedPoolBuffer* body,
+        const QString& user, const QString& password, int authMode);
     int get(const QString& path, const QString& user, const QString& password, bool keepAlive);
-    int plainPost(const QString& path, const QByteArray& content, const QString& user, const QString& password,
-        bool keepAlive);
+    int plainPost(const QString& path, const QByteArray& content, const QString& user,
+        const QString& password, bool keepAlive);
     int put(const QString& path, const QByteArray& content, const QString& user, const QString& password,
         bool keepAlive, const QString& contentType);
-    int soapRequest(const QString& path, const QString& action, const QByteArray& content, const QString& user,
-        const QString& password, bool keepAlive);
+    int soapRequest(const QString& path, const QString& action, const QByteArray& content,
+        const QString& user, const QString& password, bool keepAlive);
 
     /// Sends a further piece of the upload that is at the front of the queue; \a last: the body is complete,
     /// and the answer is awaited as for any request. False when that is not the request being sent.
@@ -95,7 +96,8 @@ private:
     class Private;
 
     HttpRequestHeader makeHeader(const char* method, const QString& path) const;
-    int send(const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password);
+    int send(const HttpRequestHeader& header, const QByteArray& content, const QString& user,
+        const QString& password);
 
     bool m_bKeepAlive;
     std::unique_ptr<Private> d;

@@ -4,7 +4,7 @@
 
 #include "http/HttpHeader_p.h"
 
-#include <algorithm>
+#include <cstring>
 
 namespace
 {
@@ -21,8 +21,13 @@ QChar charAt(QLatin1String view, int i) { return QChar(view.at(i)); }
 
 bool isDigit(QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); }
 
-template <class View>
-int findChar(View view, char c, int from)
+int findChar(QLatin1String view, char c, int from)
+{
+    const void* found = std::memchr(view.data() + from, c, static_cast<std::size_t>(view.size() - from));
+    return found == nullptr ? -1 : static_cast<int>(static_cast<const char*>(found) - view.data());
+}
+
+int findChar(QStringView view, char c, int from)
 {
     return static_cast<int>(view.indexOf(QLatin1Char(c), from));
 }
@@ -37,12 +42,38 @@ int length(View view)
 template <class View>
 bool parseVersion(View text, int* major, int* minor)
 {
-    if (length(text) < kMinVersionWord || !text.startsWith(QLatin1String("HTTP/")) || !isDigit(charAt(text, 5))
-        || charAt(text, 6) != QLatin1Char('.') || !isDigit(charAt(text, 7)))
+    if (length(text) < kMinVersionWord || !text.startsWith(QLatin1String("HTTP/"))
+        || !isDigit(charAt(text, 5)) || charAt(text, 6) != QLatin1Char('.') || !isDigit(charAt(text, 7)))
         return false;
     *major = charAt(text, 5).digitValue();
     *minor = charAt(text, 7).digitValue();
     return true;
+}
+
+template <class View>
+View trimmed(View text)
+{
+    int start = 0;
+    int end = length(text);
+    while (start < end && charAt(text, start).isSpace())
+        ++start;
+    while (end > start && charAt(text, end - 1).isSpace())
+        --end;
+    return text.mid(start, end - start);
+}
+
+// The end of the line that starts at `from`, and where the next one starts.
+template <class View>
+int lineEnd(View text, int from, bool bCrLf, int* next)
+{
+    for (int at = from; (at = findChar(text, '\n', at)) >= 0; ++at) {
+        if (bCrLf && (at == from || charAt(text, at - 1) != QLatin1Char('\r')))
+            continue;
+        *next = at + 1;
+        return bCrLf ? at - 1 : at;
+    }
+    *next = length(text);
+    return length(text);
 }
 
 // The words of a line without the white space around them.
@@ -63,10 +94,9 @@ View nextWord(View line, int* from)
 template <class View, class ParseLine>
 bool parseHead(View text, ParseLine parseLine)
 {
-    const int firstEnd = findChar(text, '\n', 0);
+    const int firstEnd = length(text) == 0 ? -1 : findChar(text, '\n', 0);
     const bool bCrLf = firstEnd > 0 && charAt(text, firstEnd - 1) == QLatin1Char('\r');
-    const View head = text.trimmed();
-    const QLatin1String separator(bCrLf ? "\r\n" : "\n");
+    const View head = trimmed(text);
 
     View line;
     QString joined; // the logical line, once a continuation was added to it
@@ -77,16 +107,15 @@ bool parseHead(View text, ParseLine parseLine)
             || (joined.isNull() ? parseLine(line, number++) : parseLine(QStringView(joined), number++));
     };
     for (int from = 0; from < length(head);) {
-        int end = static_cast<int>(head.indexOf(separator, from));
-        if (end < 0)
-            end = length(head);
-        const View piece = head.mid(from, end - from);
-        from = end + separator.size();
+        const int start = from;
+        const int end = lineEnd(head, start, bCrLf, &from);
+        const View piece = head.mid(start, end - start);
         if (piece.isEmpty())
             continue;
         if (charAt(piece, 0).isSpace()) {
             if (bHaveLine)
-                joined = (joined.isNull() ? toText(line) : joined) + QLatin1Char(' ') + toText(piece.trimmed());
+                joined
+                    = (joined.isNull() ? toText(line) : joined) + QLatin1Char(' ') + toText(trimmed(piece));
             continue;
         }
         if (!flush())
@@ -98,14 +127,6 @@ bool parseHead(View text, ParseLine parseLine)
     return flush();
 }
 
-int findKey(const QList<QPair<QString, QString>>& values, const QString& key)
-{
-    for (int i = 0; i < values.size(); ++i) {
-        if (values.at(i).first.compare(key, Qt::CaseInsensitive) == 0)
-            return i;
-    }
-    return -1;
-}
 } // namespace
 
 // --- parsing -------------------------------------------------------------------------------------------
@@ -116,7 +137,7 @@ bool HttpHeaderPrivate::parseField(View line)
     const int colon = findChar(line, ':', 0);
     if (colon < 0)
         return false;
-    m_values.append({toText(line.left(colon).trimmed()), toText(line.mid(colon + 1).trimmed())});
+    m_fields.append(trimmed(line.left(colon)), trimmed(line.mid(colon + 1)));
     return true;
 }
 
@@ -159,6 +180,7 @@ bool HttpHeader::parse(const QString& str)
 
 bool HttpHeader::parseBytes(const char* data, int size)
 {
+    d_ptr->m_fields.reserve(size);
     const bool bParsed = parseHead(
         QLatin1String(data, size), [this](auto line, int number) { return d_ptr->parseLine(line, number); });
     if (!bParsed)
@@ -168,58 +190,50 @@ bool HttpHeader::parseBytes(const char* data, int size)
 
 // --- HttpHeader ----------------------------------------------------------------------------------------
 
-HttpHeader::HttpHeader()
-    : d_ptr(std::make_unique<HttpHeaderPrivate>())
-{
-}
+HttpHeader::HttpHeader() : d_ptr(std::make_unique<HttpHeaderPrivate>()) { }
 
-HttpHeader::HttpHeader(const QString& str)
-    : d_ptr(std::make_unique<HttpHeaderPrivate>())
-{
-    parse(str);
-}
+HttpHeader::HttpHeader(const QString& str) : d_ptr(std::make_unique<HttpHeaderPrivate>()) { parse(str); }
 
-HttpHeader::HttpHeader(const HttpHeader& other)
-    : d_ptr(std::make_unique<HttpHeaderPrivate>(*other.d_ptr))
-{
-}
+HttpHeader::HttpHeader(const HttpHeader& other) : d_ptr(std::make_unique<HttpHeaderPrivate>(*other.d_ptr)) { }
 
-HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const QString& str)
-    : d_ptr(std::move(d))
+HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const QString& str) : d_ptr(std::move(d))
 {
     HttpHeader::parse(str);
 }
 
-HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const HttpHeader& header)
-    : d_ptr(std::move(d))
+HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const HttpHeader& header) : d_ptr(std::move(d))
 {
     *this = header;
 }
 
 HttpHeader& HttpHeader::operator=(const HttpHeader& other)
 {
-    d_ptr->m_values = other.d_ptr->m_values;
+    d_ptr->m_fields = other.d_ptr->m_fields;
     d_ptr->m_bValid = other.d_ptr->m_bValid;
     return *this;
 }
 
 HttpHeader::~HttpHeader() = default;
 
-bool HttpHeader::parseLine(const QString& line, int /*number*/) { return d_ptr->parseField(QStringView(line)); }
+bool HttpHeader::parseLine(const QString& line, int /*number*/)
+{
+    return d_ptr->parseField(QStringView(line));
+}
 
 QString HttpHeader::toString() const
 {
     if (!isValid())
         return QString();
+    const Nuvika::HttpFieldList& fields = d_ptr->m_fields;
     int size = 0;
-    for (const auto& field : qAsConst(d_ptr->m_values))
-        size += field.first.size() + field.second.size() + 4;
+    for (int i = 0; i < fields.size(); ++i)
+        size += length(fields.name(i)) + length(fields.value(i)) + 4;
     QString text;
     text.reserve(size);
-    for (const auto& field : qAsConst(d_ptr->m_values)) {
-        text += field.first;
+    for (int i = 0; i < fields.size(); ++i) {
+        text.append(fields.name(i).data(), length(fields.name(i)));
         text += QLatin1String(": ");
-        text += field.second;
+        text.append(fields.value(i).data(), length(fields.value(i)));
         text += QLatin1String("\r\n");
     }
     return text;
@@ -227,58 +241,68 @@ QString HttpHeader::toString() const
 
 void HttpHeader::setValue(const QString& key, const QString& value)
 {
-    const int i = findKey(d_ptr->m_values, key);
+    const int i = d_ptr->m_fields.find(key);
     if (i >= 0)
-        d_ptr->m_values[i].second = value;
+        d_ptr->m_fields.setValue(i, value);
     else
         addValue(key, value);
 }
 
-void HttpHeader::setValues(const QList<QPair<QString, QString>>& values) { d_ptr->m_values = values; }
+void HttpHeader::setValues(const QList<QPair<QString, QString>>& values)
+{
+    d_ptr->m_fields.clear();
+    for (const auto& field : values)
+        addValue(field.first, field.second);
+}
 
-void HttpHeader::addValue(const QString& key, const QString& value) { d_ptr->m_values.append({key, value}); }
+void HttpHeader::addValue(const QString& key, const QString& value)
+{
+    d_ptr->m_fields.append(QStringView(key), QStringView(value));
+}
 
 QString HttpHeader::value(const QString& key) const
 {
-    const int i = findKey(d_ptr->m_values, key);
-    return i < 0 ? QString() : d_ptr->m_values.at(i).second;
+    const int i = d_ptr->m_fields.find(key);
+    return i < 0 ? QString() : d_ptr->m_fields.value(i).toString();
 }
 
 QStringList HttpHeader::allValues(const QString& key) const
 {
     QStringList found;
-    for (const auto& field : qAsConst(d_ptr->m_values)) {
-        if (field.first.compare(key, Qt::CaseInsensitive) == 0)
-            found.append(field.second);
-    }
+    for (int i = -1; (i = d_ptr->m_fields.find(key, i + 1)) >= 0;)
+        found.append(d_ptr->m_fields.value(i).toString());
     return found;
 }
 
-QList<QPair<QString, QString>> HttpHeader::values() const { return d_ptr->m_values; }
+QList<QPair<QString, QString>> HttpHeader::values() const
+{
+    QList<QPair<QString, QString>> pairs;
+    for (int i = 0; i < d_ptr->m_fields.size(); ++i)
+        pairs.append({d_ptr->m_fields.name(i).toString(), d_ptr->m_fields.value(i).toString()});
+    return pairs;
+}
 
 QStringList HttpHeader::keys() const
 {
     QStringList names;
-    for (const auto& field : qAsConst(d_ptr->m_values))
-        names.append(field.first);
+    for (int i = 0; i < d_ptr->m_fields.size(); ++i)
+        names.append(d_ptr->m_fields.name(i).toString());
     return names;
 }
 
-bool HttpHeader::hasKey(const QString& key) const { return findKey(d_ptr->m_values, key) >= 0; }
+bool HttpHeader::hasKey(const QString& key) const { return d_ptr->m_fields.find(key) >= 0; }
 
 void HttpHeader::removeValue(const QString& key)
 {
-    const int i = findKey(d_ptr->m_values, key);
+    const int i = d_ptr->m_fields.find(key);
     if (i >= 0)
-        d_ptr->m_values.removeAt(i);
+        d_ptr->m_fields.removeAt(i);
 }
 
 void HttpHeader::removeAllValues(const QString& key)
 {
-    auto& values = d_ptr->m_values;
-    values.erase(std::remove_if(values.begin(), values.end(),
-                     [&](const auto& field) { return field.first.compare(key, Qt::CaseInsensitive) == 0; }),
-        values.end());
+    for (int i = 0; (i = d_ptr->m_fields.find(key, i)) >= 0;)
+        d_ptr->m_fields.removeAt(i);
 }
 
 bool HttpHeader::hasContentLength() const { return hasKey(kContentLength); }
@@ -319,8 +343,7 @@ HttpResponseHeaderPrivate& response(const std::unique_ptr<HttpHeaderPrivate>& d)
 }
 } // namespace
 
-HttpRequestHeader::HttpRequestHeader()
-    : HttpHeader(std::make_unique<HttpRequestHeaderPrivate>(), QString())
+HttpRequestHeader::HttpRequestHeader() : HttpHeader(std::make_unique<HttpRequestHeaderPrivate>(), QString())
 {
     setValid(false);
 }
@@ -440,8 +463,9 @@ bool HttpResponseHeader::parseLine(const QString& line, int number)
 QString HttpResponseHeader::toString() const
 {
     return QLatin1String("HTTP/") + QString::number(majorVersion()) + QLatin1Char('.')
-        + QString::number(minorVersion()) + QLatin1Char(' ') + QString::number(statusCode()) + QLatin1Char(' ')
-        + reasonPhrase() + QLatin1String("\r\n") + HttpHeader::toString() + QLatin1String("\r\n");
+        + QString::number(minorVersion()) + QLatin1Char(' ') + QString::number(statusCode())
+        + QLatin1Char(' ') + reasonPhrase() + QLatin1String("\r\n") + HttpHeader::toString()
+        + QLatin1String("\r\n");
 }
 
 HttpResponseHeader HttpResponseHeader::fromBytes(const char* data, int size)

@@ -2,8 +2,8 @@
 // received bytes.
 #pragma once
 
-#include <QtCore/QList>
-#include <QtCore/QPair>
+#include "http/HttpFieldList_p.h"
+
 #include <QtCore/QString>
 
 #include <memory>
@@ -19,7 +19,7 @@ public:
     template <class View>
     bool parseField(View line);
 
-    QList<QPair<QString, QString>> m_values;
+    Nuvika::HttpFieldList m_fields;
     bool m_bValid = true;
 };
 

@@ -59,7 +59,8 @@ HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
     if (!lengths.isEmpty()) {
         body.kind = Length;
         body.bInvalid = !parseLength(lengths.first(), &body.nLength)
-            || std::any_of(lengths.begin(), lengths.end(), [&](const QString& l) { return l != lengths.first(); });
+            || std::any_of(
+                lengths.begin(), lengths.end(), [&](const QString& l) { return l != lengths.first(); });
     }
     if (header.value(kTransferEncoding) == QLatin1String("chunked")) {
         body.kind = Chunked;
@@ -84,7 +85,8 @@ bool Nuvika::wantsClose(const HttpHeader& header)
     if (connection.compare(QLatin1String("close"), Qt::CaseInsensitive) == 0)
         return true;
     const bool bKeepAlive = connection.compare(QLatin1String("keep-alive"), Qt::CaseInsensitive) == 0;
-    const bool bOldVersion = header.majorVersion() < 1 || (header.majorVersion() == 1 && header.minorVersion() < 1);
+    const bool bOldVersion
+        = header.majorVersion() < 1 || (header.majorVersion() == 1 && header.minorVersion() < 1);
     return bOldVersion && !bKeepAlive;
 }
 

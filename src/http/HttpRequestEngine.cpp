@@ -35,7 +35,8 @@ QList<QByteArray> rawFieldValues(const char* head, int size, const char* name)
     const QByteArray prefix = QByteArray(name) + ':';
     QList<QByteArray> values;
     for (const QByteArray& line : QByteArray::fromRawData(head, size).split('\n')) {
-        if (line.size() >= prefix.size() && qstrnicmp(line.constData(), prefix.constData(), uint(prefix.size())) == 0)
+        if (line.size() >= prefix.size()
+            && qstrnicmp(line.constData(), prefix.constData(), uint(prefix.size())) == 0)
             values.append(line.mid(prefix.size()).trimmed());
     }
     return values;
@@ -46,11 +47,7 @@ bool hasNoBody(int status) { return status == 204 || status == 304; }
 
 HttpRequestEngine::HttpRequestEngine(const char* traceName, HttpTransport& transport,
     HttpRequestListener& listener, const QString& host, unsigned short port)
-    : m_traceName(traceName)
-    , m_transport(transport)
-    , m_listener(listener)
-    , m_host(host)
-    , m_nPort(port)
+    : m_traceName(traceName), m_transport(transport), m_listener(listener), m_host(host), m_nPort(port)
 {
     m_idle.start();
     m_uploadEndTimer.setSingleShot(true);
@@ -88,8 +85,8 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
         m_authenticator.reset();
     else if (!user.isEmpty() && !password.isEmpty())
         request.header.setValue(authorizationField(), QString::fromLatin1(basicCredentials(user, password)));
-    request.bUploadChunked
-        = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked") && request.body.isEmpty();
+    request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
+        && request.body.isEmpty();
     request.bUpload = request.bUploadChunked
         || (header.hasContentLength()
             && header.contentLength() > static_cast<unsigned int>(request.body.getBufferSize()));
@@ -118,7 +115,8 @@ void HttpRequestEngine::shutdown(bool bTell)
         const int id = m_requests.front().nId;
         m_requests.pop_front();
         // The other client's text differs by two letters.
-        NUVIKA_DEBUG(lcHttp, "%s::shutdown: %s pending request; id:%d", m_traceName, bTell ? "removed" : "remove", id);
+        NUVIKA_DEBUG(
+            lcHttp, "%s::shutdown: %s pending request; id:%d", m_traceName, bTell ? "removed" : "remove", id);
         if (!bTell)
             continue;
         m_listener.cancelled(id);
@@ -165,11 +163,11 @@ void HttpRequestEngine::updateAuthorization(Request& request)
         const QByteArray value = m_authenticator.nextDigestMd5Response(header.method().toLatin1(),
             header.path().toLatin1(), request.user.toLatin1(), request.password.toLatin1(), body);
         request.header.setValue(authorizationField(), QString::fromLatin1(value));
-        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;updated \"Authorization\":%s", request.nId,
-            value.constData());
+        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;updated \"Authorization\":%s",
+            request.nId, value.constData());
     } else if (header.hasKey(authorizationField())) {
-        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;preset \"Authorization\":%s", request.nId,
-            qUtf8Printable(header.value(authorizationField())));
+        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;preset \"Authorization\":%s",
+            request.nId, qUtf8Printable(header.value(authorizationField())));
     }
     request.bAuthorizationReady = false;
 }
@@ -180,7 +178,8 @@ void HttpRequestEngine::writeRequest(Request& request)
     const bool bHeadCarriesBody = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead;
     const auto* body = static_cast<const char*>(request.body.getBuffer());
     QByteArray head = request.header.toString().toLatin1();
-    NUVIKA_DEBUG(lcHttp, "%s::triggerNextRequest(): id=%d;header='%s'", m_traceName, request.nId, head.constData());
+    NUVIKA_DEBUG(
+        lcHttp, "%s::triggerNextRequest(): id=%d;header='%s'", m_traceName, request.nId, head.constData());
     if (bHeadCarriesBody)
         head.append(body, request.body.getBufferSize());
     m_state = eWaitingHeader;
@@ -279,7 +278,8 @@ void HttpRequestEngine::connectionLost()
     if (bComplete || (isExchanging() && m_bRetry401)) { // a 401 is answered whatever became of its body
         if (m_nExpectedContentLength == -1 && m_state == eWaitingContent) {
             NUVIKA_DEBUG(lcHttp,
-                "%s::slotSockDisconnected(): if (m_state == eWaitingContent && m_nExpectedContentLength == -1)",
+                "%s::slotSockDisconnected(): if (m_state == eWaitingContent && m_nExpectedContentLength == "
+                "-1)",
                 m_traceName);
             NUVIKA_ASSERT(!m_requests.empty());
         }
@@ -290,8 +290,8 @@ void HttpRequestEngine::connectionLost()
                 m_traceName);
             prepareRetry();
         } else {
-            NUVIKA_DEBUG(
-                lcHttp, "%s::slotSockDisconnected: remove request; id:%d", m_traceName, m_requests.front().nId);
+            NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected: remove request; id:%d", m_traceName,
+                m_requests.front().nId);
             if (!deliverContent())
                 return;
         }
@@ -317,7 +317,8 @@ bool HttpRequestEngine::countLoss()
     if (front.m_requestFailedCounter < kMaxLosses && !front.bUploadStarted)
         return true;
     const int id = front.nId;
-    NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected(): req->m_requestFailedCounter >= 3; id:%d", m_traceName, id);
+    NUVIKA_DEBUG(
+        lcHttp, "%s::slotSockDisconnected(): req->m_requestFailedCounter >= 3; id:%d", m_traceName, id);
     m_requests.pop_front();
     m_state = eDisconnected;
     const Watched::Watch watch = m_watched.watch();
@@ -426,7 +427,8 @@ bool HttpRequestEngine::handleHead()
     Request& front = m_requests.front();
     m_responseHeader = HttpResponseHeader::fromBytes(m_reader.data(), m_reader.size());
     if (!m_responseHeader.isValid()) {
-        NUVIKA_DEBUG(lcHttp, "%s::slotSockDataReceived: received invalid header; id:%d", m_traceName, front.nId);
+        NUVIKA_DEBUG(
+            lcHttp, "%s::slotSockDataReceived: received invalid header; id:%d", m_traceName, front.nId);
         return failFront(m_bCloseAfterResponse, ErrorCodes::kConnectionAborted);
     }
     const int status = m_responseHeader.statusCode();
@@ -485,7 +487,8 @@ bool HttpRequestEngine::collect(const char* data, int size)
     if (needed > m_content.getSize()) {
         std::size_t capacity = std::max<std::size_t>(needed * 2, 65536);
         if (m_nExpectedContentLength >= 0)
-            capacity = std::min(capacity, std::max(needed, static_cast<std::size_t>(m_nExpectedContentLength)));
+            capacity
+                = std::min(capacity, std::max(needed, static_cast<std::size_t>(m_nExpectedContentLength)));
         m_content.getBuffer(static_cast<unsigned int>(std::min(capacity, HttpLimits::kContent)));
     }
     auto* buffer = static_cast<char*>(m_content.getBuffer(m_content.getSize()));
@@ -517,7 +520,8 @@ bool HttpRequestEngine::handleContent()
 bool HttpRequestEngine::handlePart()
 {
     const Watched::Watch watch = m_watched.watch();
-    m_listener.part(m_requests.front().nId, m_responseHeader, m_reader.contentType(), m_reader.data(), m_reader.size());
+    m_listener.part(
+        m_requests.front().nId, m_responseHeader, m_reader.contentType(), m_reader.data(), m_reader.size());
     return watch.holds();
 }
 
@@ -550,7 +554,8 @@ bool HttpRequestEngine::deliverContent()
     }
     if (bHandedOut)
         return finishFront(nullptr, 0);
-    return finishFront(m_pWholeContent != nullptr ? m_pWholeContent : m_content.constData(), static_cast<int>(m_nContent));
+    return finishFront(
+        m_pWholeContent != nullptr ? m_pWholeContent : m_content.constData(), static_cast<int>(m_nContent));
 }
 
 bool HttpRequestEngine::finishFront(const char* content, int size)
@@ -608,8 +613,8 @@ void HttpRequestEngine::prepareRetry()
 {
     Request& front = m_requests.front();
     front.bPending = false;
-    const QByteArray body
-        = QByteArray::fromRawData(static_cast<const char*>(front.body.getBuffer()), front.body.getBufferSize());
+    const QByteArray body = QByteArray::fromRawData(
+        static_cast<const char*>(front.body.getBuffer()), front.body.getBufferSize());
     m_authenticator.reset();
     QByteArray value = m_authenticator.digestMd5Response(m_challenge, front.header.method().toLatin1(),
         front.header.path().toLatin1(), front.user.toLatin1(), front.password.toLatin1(), body);

@@ -1,7 +1,8 @@
-// Private: the request queue and response state machine of the HTTP clients, over a transport of their choice.
+// Private: the request queue and response state machine of the HTTP clients, over a transport of their
+// choice.
 //
-// One request at a time over one connection that is kept where the server allows it. A 401 is answered once, a
-// connection lost three times gives the request up. Everything is reported to a listener, which may delete
+// One request at a time over one connection that is kept where the server allows it. A 401 is answered once,
+// a connection lost three times gives the request up. Everything is reported to a listener, which may delete
 // the engine from inside any report.
 #pragma once
 
@@ -30,7 +31,8 @@ public:
     virtual void finished(int id, const HttpResponseHeader& header, const char* content, int size) = 0;
     virtual void failed(int id) = 0;
     virtual void cancelled(int id) = 0;
-    virtual void part(int id, const HttpResponseHeader& header, const char* type, const char* data, int size) = 0;
+    virtual void part(int id, const HttpResponseHeader& header, const char* type, const char* data, int size)
+        = 0;
     virtual void chunk(int id, const HttpResponseHeader& header, const char* data, int size) = 0;
     virtual void socketError(int code) = 0;
     virtual void uploadEnded() = 0;
@@ -46,8 +48,8 @@ public:
         const QString& host, unsigned short port);
 
     enum Authorization { eOwnAuthorization = 1 }; // the mode of request() that leaves "Authorization" alone
-    int request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body, const QString& user,
-        const QString& password, int nAuthMode);
+    int request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
+        const QString& user, const QString& password, int nAuthMode);
     bool sendUploadContentChunk(int id, const char* data, int size, bool bLast);
     void sendEndOfUploadContent();
     int numOfPendingRequests() const { return static_cast<int>(m_requests.size()); }

@@ -22,13 +22,13 @@ KepNuvikaUtil::BUFFER rangeOf(const QByteArray& bytes) { return {bytes.constData
 
 bool carriesBody(const QString& method)
 {
-    return method == QLatin1String("POST") || method == QLatin1String("PUT") || method == QLatin1String("PATCH");
+    return method == QLatin1String("POST") || method == QLatin1String("PUT")
+        || method == QLatin1String("PATCH");
 }
 } // namespace
 
 HttpResponseClient::Private::Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive)
-    : m_client(client)
-    , m_socket(NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, bSingleReceive)
+    : m_client(client), m_socket(NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, bSingleReceive)
 {
     m_endTimer.setSingleShot(true);
     QObject::connect(&m_endTimer, &QTimer::timeout, &m_client, [this] { lost(); });
@@ -110,7 +110,8 @@ bool HttpResponseClient::Private::handle(HttpMessageReader::Event event)
             m_requestHeader, m_reader.contentType(), m_reader.data(), m_reader.size(), Marker());
         return !guard.isNull();
     case HttpMessageReader::Event::PartSkipped:
-        NUVIKA_WARNING(lcHttp, "HttpResponseClient::slotSockDataReceived: unexpected multipart header; skipping");
+        NUVIKA_WARNING(
+            lcHttp, "HttpResponseClient::slotSockDataReceived: unexpected multipart header; skipping");
         return true;
     case HttpMessageReader::Event::End:
         return handleEnd();
@@ -127,7 +128,8 @@ bool HttpResponseClient::Private::handleHead()
     m_requestHeader = HttpRequestHeader::fromBytes(m_reader.data(), m_reader.size());
     const bool bClose = wantsClose(m_requestHeader);
     const bool bOldVersion = m_requestHeader.majorVersion() == 1 && m_requestHeader.minorVersion() == 0;
-    m_exchanges.push_back({m_requestHeader.method() == QLatin1String("HEAD"), bClose, bOldVersion && !bClose});
+    m_exchanges.push_back(
+        {m_requestHeader.method() == QLatin1String("HEAD"), bClose, bOldVersion && !bClose});
     if (!m_requestHeader.isValid()) {
         NUVIKA_DEBUG(lcHttp, "HttpResponseClient::slotSockDataReceived: received invalid header");
         return rejectRequest();
@@ -177,7 +179,8 @@ bool HttpResponseClient::Private::handleContent()
         m_content = m_pPool->getBuffer();
     VariableBuffer& buffer = *m_content.getVariableBuffer();
     if (needed > buffer.getSize())
-        buffer.getBuffer(static_cast<unsigned int>(std::min(std::max<std::size_t>(needed * 2, 65536), m_nMaxContent)));
+        buffer.getBuffer(
+            static_cast<unsigned int>(std::min(std::max<std::size_t>(needed * 2, 65536), m_nMaxContent)));
     std::memcpy(static_cast<char*>(buffer.getBuffer(buffer.getSize())) + m_nContent, m_reader.data(), size);
     m_nContent = needed;
     return true;
@@ -264,7 +267,8 @@ void HttpResponseClient::Private::respond(
     write(ranges.data(), count);
     if (bInterim)
         return;
-    const bool bUntilEnd = !header.hasContentLength() && !m_bChunkedResponse && status != 204 && status != 304;
+    const bool bUntilEnd
+        = !header.hasContentLength() && !m_bChunkedResponse && status != 204 && status != 304;
     m_bHeadOnly = exchange.bHead;
     m_bCloseAfter = exchange.bClose || m_bRejected || wantsClose(header) || (bUntilEnd && !exchange.bHead);
     m_bLastRequest = m_bLastRequest || m_bCloseAfter;
@@ -420,8 +424,7 @@ void HttpResponseClient::Private::disconnect()
 // --- HttpResponseClient --------------------------------------------------------------------------------
 
 HttpResponseClient::HttpResponseClient(int socketDescriptor, bool singleReceive, QObject* parent)
-    : QObject(parent)
-    , d(std::make_unique<Private>(*this, socketDescriptor, singleReceive))
+    : QObject(parent), d(std::make_unique<Private>(*this, socketDescriptor, singleReceive))
 {
     const NuvikaTcpSocket* socket = &d->m_socket;
     connect(socket, &NuvikaTcpSocket::dataReceived, this, &HttpResponseClient::slotSockDataReceived,
@@ -434,7 +437,8 @@ HttpResponseClient::HttpResponseClient(int socketDescriptor, bool singleReceive,
 
 HttpResponseClient::~HttpResponseClient() = default;
 
-void HttpResponseClient::response(const HttpResponseHeader& header, bool moreContent, const SharedPoolBuffer* body)
+void HttpResponseClient::response(
+    const HttpResponseHeader& header, bool moreContent, const SharedPoolBuffer* body)
 {
     if (!d->isOpen()) {
         emit error();
@@ -458,7 +462,10 @@ bool HttpResponseClient::sendContent(const KepNuvikaUtil::BUFFER* ranges, int co
 
 bool HttpResponseClient::endContent() { return d->endContent(); }
 
-bool HttpResponseClient::canSendContent() const { return d->isOpen() && !d->isOutputWaiting() && d->m_socket.canSend(); }
+bool HttpResponseClient::canSendContent() const
+{
+    return d->isOpen() && !d->isOutputWaiting() && d->m_socket.canSend();
+}
 
 bool HttpResponseClient::isConnected() const { return d->isOpen(); }
 
@@ -471,7 +478,8 @@ QHostAddress HttpResponseClient::peerAddress() const { return d->m_socket.peerAd
 
 unsigned short HttpResponseClient::peerPort() const { return d->m_socket.peerPort(); }
 
-void HttpResponseClient::slotSockDataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed)
+void HttpResponseClient::slotSockDataReceived(
+    const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed)
 {
     d->dataReceived(pData, size);
 }

@@ -40,8 +40,8 @@ public:
 
     /// Writes a head and a body (null or empty for none). \a moreContent announces that the body goes on with
     /// sendContent() and ends with endContent(): with "transfer-encoding: chunked" in the head each piece is
-    /// framed as a chunk, with a content-length the pieces add up to it, and with neither the connection's end
-    /// is the end. Without a connection: error().
+    /// framed as a chunk, with a content-length the pieces add up to it, and with neither the connection's
+    /// end is the end. Without a connection: error().
     void response(const HttpResponseHeader& header, bool moreContent, const SharedPoolBuffer* body);
     /// Closes the connection at once.
     void shutdown();

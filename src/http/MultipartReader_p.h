@@ -4,7 +4,8 @@
 // that lie whole in a piece are handed out in place, others are collected once. Time is linear in the bytes
 // however they are cut.
 //
-// Boundaries are compared without their leading dashes, because some cameras announce them with, some without.
+// Boundaries are compared without their leading dashes, because some cameras announce them with, some
+// without.
 #pragma once
 
 #include <QtCore/QByteArray>

@@ -10,11 +10,11 @@ namespace Nuvika
 class QueuedTransport final : public HttpTransport
 {
 public:
-    explicit QueuedTransport(NuvikaTcpSocketQueued& socket)
-        : m_socket(socket)
+    explicit QueuedTransport(NuvikaTcpSocketQueued& socket) : m_socket(socket) { }
+    void connectToHost(const QString& host, unsigned short port) override
     {
+        m_socket.connectToHost(host, port);
     }
-    void connectToHost(const QString& host, unsigned short port) override { m_socket.connectToHost(host, port); }
     bool sendData(const char* data, int size) override { return m_socket.sendData(data, size); }
     void sendEndOfData() override { m_socket.finishSending(); }
     void close() override { m_socket.close(); }

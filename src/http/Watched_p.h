@@ -1,4 +1,5 @@
-// Private: lets code look, after it has called out, whether its object is still there and in the same session.
+// Private: lets code look, after it has called out, whether its object is still there and in the same
+// session.
 #pragma once
 
 #include <memory>
@@ -20,11 +21,7 @@ public:
 
     private:
         friend class Watched;
-        explicit Watch(const std::shared_ptr<int>& session)
-            : m_pSession(session)
-            , m_nSession(*session)
-        {
-        }
+        explicit Watch(const std::shared_ptr<int>& session) : m_pSession(session), m_nSession(*session) { }
         std::weak_ptr<const int> m_pSession;
         int m_nSession;
     };

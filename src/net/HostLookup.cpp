@@ -65,8 +65,7 @@ struct HostLookupManager::Work {
     std::shared_ptr<HostLookupLink> pLink;
 };
 
-HostLookupManager::HostLookupManager()
-    : m_pLink(std::make_shared<HostLookupLink>())
+HostLookupManager::HostLookupManager() : m_pLink(std::make_shared<HostLookupLink>())
 {
     m_pLink->pManager = this;
 }

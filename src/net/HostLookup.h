@@ -8,9 +8,9 @@
 
 namespace NuvikaUtil
 {
-/// Looks \a hostName up and later calls \a slot of \a receiver (`SLOT(name(QHostInfo))`) on the receiver's own
-/// thread. Returns the lookup id, which the answer's lookupId() repeats, or 0 (and nothing follows) before
-/// KepNuvikaUtilInit() and after KepNuvikaUtilCleanup().
+/// Looks \a hostName up and later calls \a slot of \a receiver (`SLOT(name(QHostInfo))`) on the receiver's
+/// own thread. Returns the lookup id, which the answer's lookupId() repeats, or 0 (and nothing follows)
+/// before KepNuvikaUtilInit() and after KepNuvikaUtilCleanup().
 ///
 /// The answer's error() is QHostInfo::NoError or QHostInfo::HostNotFound; addresses() keeps the system's
 /// order. Requests for one name that meet share one system lookup; answers are kept for 60 seconds, failures

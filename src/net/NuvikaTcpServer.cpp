@@ -5,10 +5,7 @@
 
 #include <QtCore/QPointer>
 
-NuvikaTcpServer::NuvikaTcpServer(QObject* parent)
-    : QObject(parent)
-{
-}
+NuvikaTcpServer::NuvikaTcpServer(QObject* parent) : QObject(parent) { }
 
 NuvikaTcpServer::~NuvikaTcpServer() = default;
 

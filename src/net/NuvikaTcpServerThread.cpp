@@ -16,7 +16,6 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr int kAcceptsPerWait = 64;
 constexpr int kOutOfDescriptorsPauseMs = 100;
 constexpr int kSegmentLimit = 16384; // keeps accepted medium sockets from stalling on loopback
 
@@ -28,9 +27,7 @@ void logFailure(const char* format)
 
 NuvikaTcpServerThread::NuvikaTcpServerThread(
     NuvikaTcpServer* pServer, const QHostAddress& address, unsigned short port)
-    : m_pServer(pServer)
-    , m_address(address)
-    , m_nPort(port)
+    : m_pServer(pServer), m_address(address), m_nPort(port)
 {
 }
 
@@ -124,25 +121,22 @@ void NuvikaTcpServerThread::acceptUntilStopped(int nListening)
 // False when the system is out of descriptors: the connection waits, and a pause keeps us from spinning.
 bool NuvikaTcpServerThread::acceptWaiting(int nListening)
 {
-    for (int i = 0; i < kAcceptsPerWait; ++i) {
-        const int s = AcceptWait::accept(nListening);
-        if (s >= 0) {
-            m_bOutOfDescriptors = false;
-            queue(s);
-            continue;
-        }
-        const int code = SocketError::getLast();
-        if (code == ErrorCodes::kWouldBlock)
-            return true;
-        const bool bOutOfDescriptors = code == ErrorCodes::kTooManyDescriptors;
-        if (!bOutOfDescriptors || !m_bOutOfDescriptors) {
-            NUVIKA_WARNING(lcNet, "NuvikaTcpServerThread::run(); WSAAccept failed on listen socket: %s",
-                qUtf8Printable(SocketError::format(code)));
-        }
-        m_bOutOfDescriptors = bOutOfDescriptors;
-        return !bOutOfDescriptors;
+    const int s = AcceptWait::accept(nListening);
+    if (s >= 0) {
+        m_bOutOfDescriptors = false;
+        queue(s);
+        return true;
     }
-    return true;
+    const int code = SocketError::getLast();
+    if (code == ErrorCodes::kWouldBlock) // gone between the wait and the accept
+        return true;
+    const bool bOutOfDescriptors = code == ErrorCodes::kTooManyDescriptors;
+    if (!bOutOfDescriptors || !m_bOutOfDescriptors) {
+        NUVIKA_WARNING(lcNet, "NuvikaTcpServerThread::run(); WSAAccept failed on listen socket: %s",
+            qUtf8Printable(SocketError::format(code)));
+    }
+    m_bOutOfDescriptors = bOutOfDescriptors;
+    return !bOutOfDescriptors;
 }
 
 void NuvikaTcpServerThread::queue(int nSocket)

@@ -17,10 +17,7 @@ class NuvikaTcpServerNotifyEvent : public QEvent
 {
 public:
     static constexpr QEvent::Type kType = static_cast<QEvent::Type>(1001);
-    NuvikaTcpServerNotifyEvent()
-        : QEvent(kType)
-    {
-    }
+    NuvikaTcpServerNotifyEvent() : QEvent(kType) { }
 };
 
 class NuvikaTcpServerThread : public QThread

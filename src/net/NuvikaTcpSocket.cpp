@@ -17,23 +17,20 @@ using namespace Nuvika;
 
 #define NUVIKA_ASSERT_OWNER_THREAD() NUVIKA_ASSERT(m_currentThreadId == QThread::currentThread())
 
-NuvikaTcpSocket::NuvikaTcpSocket(LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, bool flag, QObject* parent)
+NuvikaTcpSocket::NuvikaTcpSocket(
+    LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, bool flag, QObject* parent)
     : NuvikaTcpSocket(sendProfile, recvProfile, 0, flag, parent)
 {
 }
 
 NuvikaTcpSocket::NuvikaTcpSocket(
     LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, int sendQueueHint, bool flag, QObject* parent)
-    : QObject(parent)
-    , m_sendProfile(sendProfile)
-    , m_recvProfile(recvProfile)
-    , m_nSendQueueHint(sendQueueHint)
-    , m_pAsyncHelper(new NuvikaTcpSocketAsyncHelper(this))
-    , m_currentThreadId(QThread::currentThread())
-    , m_bSingleReceive(flag)
+    : QObject(parent), m_sendProfile(sendProfile), m_recvProfile(recvProfile),
+      m_nSendQueueHint(sendQueueHint), m_pAsyncHelper(new NuvikaTcpSocketAsyncHelper(this)),
+      m_currentThreadId(QThread::currentThread()), m_bSingleReceive(flag)
 {
-    connect(m_pAsyncHelper, &NuvikaTcpSocketAsyncHelper::emitCanSend, this, &NuvikaTcpSocket::emitCanSendAsync,
-        Qt::QueuedConnection);
+    connect(m_pAsyncHelper, &NuvikaTcpSocketAsyncHelper::emitCanSend, this,
+        &NuvikaTcpSocket::emitCanSendAsync, Qt::QueuedConnection);
 }
 
 NuvikaTcpSocket::~NuvikaTcpSocket()
@@ -137,7 +134,8 @@ void NuvikaTcpSocket::slotConnected(int socketDescriptor)
     if (m_nFirstFailure != 0) {
         const quint32 seconds = (Clock::monotonicMs() - m_nFirstFailure) / 1000;
         NUVIKA_WARNING(lcNet,
-            "NuvikaTcpSocket::slotConnected(): connection to %s established after error. Timespan: %d seconds",
+            "NuvikaTcpSocket::slotConnected(): connection to %s established after error. Timespan: %d "
+            "seconds",
             qUtf8Printable(m_peerName), static_cast<int>(seconds));
         m_nFirstFailure = 0;
     }

@@ -50,14 +50,15 @@ public:
     /// | eMedium | 32 / 64 KiB    | 32 KiB      | 768 KiB     |
     /// | eHeavy  | 512 / 512 KiB  | 512 KiB     | 3 MiB       |
     ///
-    /// On Linux, buffers this small stall a path whose segments are as large as they are (loopback): the
-    /// connecting side therefore limits its segments to 16384 bytes, a light one to 1448 on loopback. An
-    /// accepted light socket on loopback stays slow.
+    /// On Linux, buffers that hold few of a path's segments stall (loopback has segments of 64 KiB): a medium
+    /// connecting side limits its segments to 16384 bytes, a light one on loopback to 1448, a heavy one needs
+    /// no limit. An accepted light socket on loopback stays slow.
     enum LOAD_PROFILE { eLight = 0, eMedium = 1, eHeavy = 2 };
 
     /// Last argument of every signal that hands out received bytes: they are valid only during the emission.
     /// The type is never registered with Qt, so that a queued connection to such a signal fails.
-    struct QueuedConnNotAllowed { };
+    struct QueuedConnNotAllowed {
+    };
 
     /// \a flag: only one receive is outstanding instead of two, and nothing is received in nested loops.
     explicit NuvikaTcpSocket(LOAD_PROFILE sendProfile = eMedium, LOAD_PROFILE recvProfile = eMedium,

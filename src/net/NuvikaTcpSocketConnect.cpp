@@ -44,12 +44,10 @@ bool isUsable(const QHostAddress& address)
 }
 } // namespace
 
-NuvikaTcpSocketConnect::NuvikaTcpSocketConnect(NuvikaTcpSocket::LOAD_PROFILE sendProfile,
-    NuvikaTcpSocket::LOAD_PROFILE recvProfile, QObject* parent)
-    : QObject(parent)
-    , m_sendProfile(sendProfile)
-    , m_recvProfile(recvProfile)
-    , m_nLastError(ErrorCodes::kHostNotFound)
+NuvikaTcpSocketConnect::NuvikaTcpSocketConnect(
+    NuvikaTcpSocket::LOAD_PROFILE sendProfile, NuvikaTcpSocket::LOAD_PROFILE recvProfile, QObject* parent)
+    : QObject(parent), m_sendProfile(sendProfile), m_recvProfile(recvProfile),
+      m_nLastError(ErrorCodes::kHostNotFound)
 {
     using AsyncHelper = NuvikaTcpSocketConnectAysncHelper;
     connect(&m_asyncHelper, &AsyncHelper::connected, this, &NuvikaTcpSocketConnect::slotConnectedForwarder,

@@ -28,8 +28,8 @@ class NuvikaTcpSocketConnect : public QObject
 {
     Q_OBJECT
 public:
-    NuvikaTcpSocketConnect(NuvikaTcpSocket::LOAD_PROFILE sendProfile, NuvikaTcpSocket::LOAD_PROFILE recvProfile,
-        QObject* parent);
+    NuvikaTcpSocketConnect(NuvikaTcpSocket::LOAD_PROFILE sendProfile,
+        NuvikaTcpSocket::LOAD_PROFILE recvProfile, QObject* parent);
     ~NuvikaTcpSocketConnect() override;
 
     void connectToHost(const QString& host, unsigned short port);

@@ -16,8 +16,7 @@ class NuvikaTcpSocketErrorEvent : public QEvent
 {
 public:
     explicit NuvikaTcpSocketErrorEvent(int nError)
-        : QEvent(NuvikaTcpSocketEventType::kError)
-        , m_nError(nError)
+        : QEvent(NuvikaTcpSocketEventType::kError), m_nError(nError)
     {
     }
     int errorCode() const { return m_nError; }
@@ -29,19 +28,14 @@ private:
 class NuvikaTcpSocketDisconnectedEvent : public QEvent
 {
 public:
-    NuvikaTcpSocketDisconnectedEvent()
-        : QEvent(NuvikaTcpSocketEventType::kDisconnected)
-    {
-    }
+    NuvikaTcpSocketDisconnectedEvent() : QEvent(NuvikaTcpSocketEventType::kDisconnected) { }
 };
 
 class NuvikaTcpSocketDataReceivedEvent : public QEvent
 {
 public:
     NuvikaTcpSocketDataReceivedEvent(const char* pData, int nSize)
-        : QEvent(NuvikaTcpSocketEventType::kDataReceived)
-        , m_pData(pData)
-        , m_nSize(nSize)
+        : QEvent(NuvikaTcpSocketEventType::kDataReceived), m_pData(pData), m_nSize(nSize)
     {
     }
     const char* data() const { return m_pData; }
@@ -55,18 +49,12 @@ private:
 class NuvikaTcpSocketCanSendEvent : public QEvent
 {
 public:
-    NuvikaTcpSocketCanSendEvent()
-        : QEvent(NuvikaTcpSocketEventType::kCanSend)
-    {
-    }
+    NuvikaTcpSocketCanSendEvent() : QEvent(NuvikaTcpSocketEventType::kCanSend) { }
 };
 
 // Everything that was handed over has left, and the owner had asked to be told.
 class NuvikaTcpSocketAllSentEvent : public QEvent
 {
 public:
-    NuvikaTcpSocketAllSentEvent()
-        : QEvent(NuvikaTcpSocketEventType::kAllSent)
-    {
-    }
+    NuvikaTcpSocketAllSentEvent() : QEvent(NuvikaTcpSocketEventType::kAllSent) { }
 };

@@ -25,8 +25,8 @@ public:
     using LOAD_PROFILE = NuvikaTcpSocket::LOAD_PROFILE;
 
     // A hint below 1 leaves the profile's own bound of the FIFO.
-    NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile,
-        int nSendQueueHint, bool bSingleReceive, bool bStalled);
+    NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
+        LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled);
 
     bool sendData(const char* data, int size);
     bool sendData(const KepNuvikaUtil::BUFFER* buffers, int count);

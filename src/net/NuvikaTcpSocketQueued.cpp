@@ -7,10 +7,9 @@
 using Nuvika::ChunkQueue;
 
 NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(int sendQueueHint, bool flag, QObject* parent)
-    : QObject(parent)
-    , m_pSocket(std::make_unique<NuvikaTcpSocket>(
-          NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, sendQueueHint, flag))
-    , m_pQueue(std::make_unique<ChunkQueue>())
+    : QObject(parent), m_pSocket(std::make_unique<NuvikaTcpSocket>(
+                           NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, sendQueueHint, flag)),
+      m_pQueue(std::make_unique<ChunkQueue>())
 {
     NuvikaTcpSocket* socket = m_pSocket.get();
     connect(socket, &NuvikaTcpSocket::dataReceived, this, &NuvikaTcpSocketQueued::dataReceived);

@@ -21,11 +21,7 @@ namespace
 class SocketCall : public QRunnable
 {
 public:
-    SocketCall()
-        : m_pDone(std::make_shared<WaitableEvent>())
-    {
-        setAutoDelete(false);
-    }
+    SocketCall() : m_pDone(std::make_shared<WaitableEvent>()) { setAutoDelete(false); }
 
     void run() final
     {
@@ -61,30 +57,19 @@ struct DoBind final : SocketCall {
     int s;
     const sockaddr* addr;
     int len;
-    DoBind(int s_, const sockaddr* addr_, int len_)
-        : s(s_)
-        , addr(addr_)
-        , len(len_)
-    {
-    }
+    DoBind(int s_, const sockaddr* addr_, int len_) : s(s_), addr(addr_), len(len_) { }
     int call() override { return Sockets::bind(s, addr, len); }
 };
 
 struct DoClose final : SocketCall {
     int s;
-    explicit DoClose(int s_)
-        : s(s_)
-    {
-    }
+    explicit DoClose(int s_) : s(s_) { }
     int call() override { return Sockets::close(s); }
 };
 
 struct DoWriteShutdown final : SocketCall {
     int s;
-    explicit DoWriteShutdown(int s_)
-        : s(s_)
-    {
-    }
+    explicit DoWriteShutdown(int s_) : s(s_) { }
     int call() override { return Sockets::shutdownWrite(s); }
 };
 
@@ -96,12 +81,7 @@ struct DoSendTo final : SocketCall {
     const sockaddr* to;
     int tolen;
     DoSendTo(int s_, const void* data_, unsigned int len_, int flags_, const sockaddr* to_, int tolen_)
-        : s(s_)
-        , data(data_)
-        , len(len_)
-        , flags(flags_)
-        , to(to_)
-        , tolen(tolen_)
+        : s(s_), data(data_), len(len_), flags(flags_), to(to_), tolen(tolen_)
     {
     }
     int call() override { return Sockets::sendTo(s, data, len, flags, to, tolen); }
@@ -114,11 +94,7 @@ struct DoSetSockOpt final : SocketCall {
     const void* optval;
     int optlen;
     DoSetSockOpt(int s_, int level_, int optname_, const void* optval_, int optlen_)
-        : s(s_)
-        , level(level_)
-        , optname(optname_)
-        , optval(optval_)
-        , optlen(optlen_)
+        : s(s_), level(level_), optname(optname_), optval(optval_), optlen(optlen_)
     {
     }
     int call() override { return Sockets::setOption(s, level, optname, optval, optlen); }
@@ -128,12 +104,7 @@ struct DoGetSockName final : SocketCall {
     int s;
     const void* name;
     int* namelen;
-    DoGetSockName(int s_, const void* name_, int* namelen_)
-        : s(s_)
-        , name(name_)
-        , namelen(namelen_)
-    {
-    }
+    DoGetSockName(int s_, const void* name_, int* namelen_) : s(s_), name(name_), namelen(namelen_) { }
     int call() override { return Sockets::localName(s, const_cast<void*>(name), namelen); }
 };
 
@@ -141,12 +112,7 @@ struct DoWSAConnect final : SocketCall {
     int s;
     const sockaddr* addr;
     int len;
-    DoWSAConnect(int s_, const sockaddr* addr_, int len_)
-        : s(s_)
-        , addr(addr_)
-        , len(len_)
-    {
-    }
+    DoWSAConnect(int s_, const sockaddr* addr_, int len_) : s(s_), addr(addr_), len(len_) { }
     int call() override { return Sockets::connect(s, addr, len); }
 };
 } // namespace
@@ -188,7 +154,10 @@ int NuvikaLLSock::WSAConnect(int s, const sockaddr* addr, int len)
     return DoWSAConnect(s, addr, len).execute("NuvikaLLSock::WSAConnect(): QueueUserWorkItem failed");
 }
 
-bool NuvikaLLSock::setNonBlocking(int s, bool nonBlocking) { return Sockets::setNonBlocking(s, nonBlocking) != -1; }
+bool NuvikaLLSock::setNonBlocking(int s, bool nonBlocking)
+{
+    return Sockets::setNonBlocking(s, nonBlocking) != -1;
+}
 
 void NuvikaLLSock::createSockAddr(ADDR_V4_V6* out, const QHostAddress& address, unsigned short port)
 {

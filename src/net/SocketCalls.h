@@ -42,5 +42,6 @@ KEPNUVIKAUTIL_EXPORT bool setNonBlocking(int s, bool nonBlocking);
 /// order. The scope id stays 0.
 KEPNUVIKAUTIL_EXPORT void createSockAddr(ADDR_V4_V6* out, const QHostAddress& address, unsigned short port);
 /// The reverse. A union of neither family gives a null address and leaves \a port untouched.
-KEPNUVIKAUTIL_EXPORT void getPortAndAddress(const ADDR_V4_V6* in, QHostAddress* address, unsigned short* port);
+KEPNUVIKAUTIL_EXPORT void getPortAndAddress(
+    const ADDR_V4_V6* in, QHostAddress* address, unsigned short* port);
 } // namespace NuvikaLLSock

@@ -8,11 +8,7 @@
 
 using namespace Nuvika;
 
-SocketEngine::SocketEngine(int nSocket)
-    : m_nSocket(nSocket)
-    , m_channel(nSocket, *this)
-{
-}
+SocketEngine::SocketEngine(int nSocket) : m_nSocket(nSocket), m_channel(nSocket, *this) { }
 
 SocketEngine::~SocketEngine() = default;
 

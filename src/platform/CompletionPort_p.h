@@ -15,8 +15,8 @@
 // 7. Closing a channel ends its connection at once; only the freeing waits for the loop. When a thread's port
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
 //
-// One channel is served with one completion at a time: a channel that has more work goes to the end of the
-// line before its handler runs, so a nested loop finds it there.
+// One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
+// that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
 #pragma once
 
 #include <array>

@@ -40,10 +40,7 @@ private:
         void* argument;
     };
 
-    explicit WorkerPool(std::size_t maxWorkers)
-        : m_nMaxWorkers(maxWorkers)
-    {
-    }
+    explicit WorkerPool(std::size_t maxWorkers) : m_nMaxWorkers(maxWorkers) { }
     static void* threadMain(void* pool);
     void work();
     bool startWorker();

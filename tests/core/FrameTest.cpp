@@ -36,7 +36,8 @@ TEST(Frame, RecordsCarryBaseNameLineAndSignature)
     EXPECT_EQ(records[0].text, QStringLiteral("ASSERT: \"m_state == eIdle\" in file Some.cpp, line 12"));
     EXPECT_EQ(records[0].type, QtCriticalMsg);
     EXPECT_EQ(records[1].file, QStringLiteral("VariableBuffer.cpp"));
-    EXPECT_TRUE(records[1].function.contains(QStringLiteral("void VariableBuffer::remove(unsigned int, unsigned int)")))
+    EXPECT_TRUE(records[1].function.contains(
+        QStringLiteral("void VariableBuffer::remove(unsigned int, unsigned int)")))
         << qPrintable(records[1].function);
     EXPECT_GT(records[1].line, 0);
     EXPECT_EQ(records[1].category, QStringLiteral("nuvika.core"));
@@ -48,7 +49,8 @@ TEST(FrameDeathTest, AssertStopWritesItsRecordAndEndsTheProcess)
     const std::string expression(2000, 'x');
     EXPECT_EXIT(nuvikaAssertStop("bad", "F.cpp", 3), ::testing::KilledBySignal(SIGABRT),
         "ASSERT: \"bad\" in file F.cpp, line 3");
-    EXPECT_EXIT(nuvikaAssertStop(expression.c_str(), "F.cpp", 3), ::testing::KilledBySignal(SIGABRT), "ASSERT: \"xxx");
+    EXPECT_EXIT(nuvikaAssertStop(expression.c_str(), "F.cpp", 3), ::testing::KilledBySignal(SIGABRT),
+        "ASSERT: \"xxx");
 }
 
 TEST(Frame, KnowsTheEffectiveUser)

@@ -133,7 +133,8 @@ TEST(DynamicByteFifo, OvershootsByOneChunkAndForceDoesNotLiftTheEntryTests)
     EXPECT_EQ(fifo.get(out, 10), 0U);
     EXPECT_EQ(fifo.put(bytes("0123456789"), 10, false), 8U);
     EXPECT_TRUE(fifo.isFull());
-    EXPECT_EQ(log.count("DynamicByteFifo::put: max buffer size exceeded --> data not taken", QtCriticalMsg), 1);
+    EXPECT_EQ(
+        log.count("DynamicByteFifo::put: max buffer size exceeded --> data not taken", QtCriticalMsg), 1);
     EXPECT_EQ(fifo.put(bytes("x"), 1, true), 0U);
     EXPECT_EQ(log.count("max buffer size exceeded"), 2);
     EXPECT_EQ(fifo.put(bytes("x"), 0, false), 0U);

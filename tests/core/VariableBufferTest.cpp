@@ -50,9 +50,10 @@ TEST(VariableBuffer, RemovalPastTheEndIsWarnedOfAndClamped)
     LogCapture log;
     buffer.remove(3, 100);
     EXPECT_EQ(textOf(buffer), "012");
-    EXPECT_TRUE(log.has("VariableBuffer::remove: Requested to remove more bytes than are contained in the buffer: "
-                        "103 bytes > 10 bytes; please check you pointer/buffer arithmetic",
-        QtWarningMsg));
+    EXPECT_TRUE(
+        log.has("VariableBuffer::remove: Requested to remove more bytes than are contained in the buffer: "
+                "103 bytes > 10 bytes; please check you pointer/buffer arithmetic",
+            QtWarningMsg));
     buffer.remove(1, 0xFFFFFFFF); // the sum wraps 32 bits
     EXPECT_EQ(textOf(buffer), "0");
     const int records = static_cast<int>(log.records().size());

@@ -10,11 +10,15 @@
 
 namespace
 {
-QByteArray md5(const QByteArray& text) { return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex(); }
+QByteArray md5(const QByteArray& text)
+{
+    return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+}
 
 QByteArray field(const QByteArray& credentials, const char* name)
 {
-    const QRegularExpression expression(QStringLiteral("[ ,]%1=\"?((?:[^\",\\\\]|\\\\.)*)").arg(QLatin1String(name)));
+    const QRegularExpression expression(
+        QStringLiteral("[ ,]%1=\"?((?:[^\",\\\\]|\\\\.)*)").arg(QLatin1String(name)));
     return expression.match(QString::fromLatin1(credentials)).captured(1).toLatin1();
 }
 
@@ -34,15 +38,17 @@ TEST(HttpAuthenticator, AnswersTheChallengeOfRfc2617)
     HttpAuthenticator a;
     EXPECT_TRUE(a.isNull());
     const QByteArray credentials = answer(a,
-        "Digest realm=\"testrealm@host.com\", qop=\"auth,auth-int\", nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", "
+        "Digest realm=\"testrealm@host.com\", qop=\"auth,auth-int\", "
+        "nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", "
         "opaque=\"5ccc069c403ebaf9f0171e9517f40e41\"");
     const QByteArray cnonce = field(credentials, "cnonce");
     const QByteArray expected = md5(kHa1 + ':' + kNonce + ":00000001:" + cnonce + ":auth:" + kHa2);
     EXPECT_EQ(credentials,
         "Digest username=\"Mufasa\", realm=\"testrealm@host.com\", nonce=\"" + kNonce
-            + "\", uri=\"/dir/index.html\", opaque=\"5ccc069c403ebaf9f0171e9517f40e41\", response=\"" + expected
-            + "\", qop=auth, nc=00000001, cnonce=\"" + cnonce + "\"");
-    const QByteArray second = a.nextDigestMd5Response("GET", "/dir/index.html", "Mufasa", "Circle Of Life", "");
+            + "\", uri=\"/dir/index.html\", opaque=\"5ccc069c403ebaf9f0171e9517f40e41\", response=\""
+            + expected + "\", qop=auth, nc=00000001, cnonce=\"" + cnonce + "\"");
+    const QByteArray second
+        = a.nextDigestMd5Response("GET", "/dir/index.html", "Mufasa", "Circle Of Life", "");
     EXPECT_EQ(field(second, "nc"), "00000002");
     EXPECT_EQ(field(second, "cnonce"), cnonce);
 }
@@ -64,8 +70,8 @@ TEST(HttpAuthenticator, KnowsItsVariants)
     const QByteArray integrity = answer(a, start + ", qop=\"auth-int\"", "body");
     EXPECT_EQ(field(integrity, "qop"), "auth-int");
     EXPECT_EQ(field(integrity, "response"),
-        md5(kHa1 + ':' + kNonce + ":00000001:" + field(integrity, "cnonce") + ":auth-int:"
-            + md5("GET:/dir/index.html:" + md5("body"))));
+        md5(kHa1 + ':' + kNonce + ":00000001:" + field(integrity, "cnonce")
+            + ":auth-int:" + md5("GET:/dir/index.html:" + md5("body"))));
     EXPECT_EQ(field(answer(a, start + ", qop=\"auth-int, auth\""), "qop"), "auth");
     EXPECT_EQ(field(answer(a, start + ", qop=\"other, auth-int\""), "qop"), "auth-int");
 
@@ -80,7 +86,8 @@ TEST(HttpAuthenticator, KnowsItsVariants)
 TEST(HttpAuthenticator, ReadsChallengesAsTheyAreSent)
 {
     HttpAuthenticator a;
-    const QByteArray escaped = answer(a, R"(Digest realm="a \"quoted\", \\realm", nonce=kx=:5b17==, stale=TRUE ,algorithm=md5)");
+    const QByteArray escaped
+        = answer(a, R"(Digest realm="a \"quoted\", \\realm", nonce=kx=:5b17==, stale=TRUE ,algorithm=md5)");
     EXPECT_TRUE(escaped.contains(R"(realm="a \"quoted\", \\realm")")) << escaped.constData();
     EXPECT_EQ(field(escaped, "nonce"), "kx=:5b17==");
     const QByteArray ha1 = md5(R"(Mufasa:a "quoted", \realm:Circle Of Life)");

@@ -33,25 +33,29 @@ struct Exchange {
         };
         const auto bytes = [](const char* data, int size) { return QString::fromLatin1(data, size); };
         HttpClient* c = client.get();
-        QObject::connect(c, &HttpClient::responseHeaderReceived, [note](int id, const HttpResponseHeader& header) {
-            note(QStringLiteral("head%1 %2").arg(id).arg(header.statusCode()));
-        });
+        QObject::connect(
+            c, &HttpClient::responseHeaderReceived, [note](int id, const HttpResponseHeader& header) {
+                note(QStringLiteral("head%1 %2").arg(id).arg(header.statusCode()));
+            });
         QObject::connect(c, &HttpClient::requestFinished,
             [note, bytes](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
                 note(QStringLiteral("done%1 %2 ").arg(id).arg(header.statusCode()) + bytes(data, size));
             });
-        QObject::connect(c, &HttpClient::requestFailed, [note](int id) { note(QStringLiteral("failed%1").arg(id)); });
-        QObject::connect(c, &HttpClient::requestCancelled, [note](int id) { note(QStringLiteral("cancelled%1").arg(id)); });
+        QObject::connect(
+            c, &HttpClient::requestFailed, [note](int id) { note(QStringLiteral("failed%1").arg(id)); });
+        QObject::connect(c, &HttpClient::requestCancelled,
+            [note](int id) { note(QStringLiteral("cancelled%1").arg(id)); });
         QObject::connect(c, &HttpClient::multipartReplaceContent,
-            [note, bytes](int, const HttpResponseHeader&, const char* type, const char* data, int size, Marker) {
-                note(QStringLiteral("part %1 ").arg(QLatin1String(type)) + bytes(data, size));
-            });
+            [note, bytes](int, const HttpResponseHeader&, const char* type, const char* data, int size,
+                Marker) { note(QStringLiteral("part %1 ").arg(QLatin1String(type)) + bytes(data, size)); });
         QObject::connect(c, &HttpClient::contentChunk,
             [note, bytes](int, const HttpResponseHeader&, const char* data, int size, Marker) {
                 note(QStringLiteral("chunk ") + bytes(data, size));
             });
-        QObject::connect(c, &HttpClient::error, [note](int code) { note(QStringLiteral("error %1").arg(code)); });
-        QObject::connect(c, &HttpClient::sendEndOfUploadContentFinished, [note] { note(QStringLiteral("upload ended")); });
+        QObject::connect(
+            c, &HttpClient::error, [note](int code) { note(QStringLiteral("error %1").arg(code)); });
+        QObject::connect(
+            c, &HttpClient::sendEndOfUploadContentFinished, [note] { note(QStringLiteral("upload ended")); });
     }
 
     int get(const char* path = "/") { return client->get(QLatin1String(path), QString(), QString(), true); }
@@ -78,7 +82,8 @@ struct Exchange {
     {
         waitFor([&] { return events.size() >= wanted.size(); });
         settle(5);
-        EXPECT_EQ(events.join(QStringLiteral(" / ")).toStdString(), wanted.join(QStringLiteral(" / ")).toStdString());
+        EXPECT_EQ(events.join(QStringLiteral(" / ")).toStdString(),
+            wanted.join(QStringLiteral(" / ")).toStdString());
         const bool bEqual = events == wanted;
         events.clear();
         return bEqual;
@@ -108,20 +113,26 @@ TEST(HttpClient, SendsOneRequestAtATimeOverOneConnection)
     EXPECT_EQ(x.get("/a?%1"), 1);
     EXPECT_EQ(x.client->plainPost(QStringLiteral("/b"), "body", QString(), QString(), true), 2);
     EXPECT_EQ(x.client->numOfPendingRequests(), 2);
-    EXPECT_EQ(x.request(), "GET /a?%1 HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(x.listener.port())
+    EXPECT_EQ(x.request(),
+        "GET /a?%1 HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(x.listener.port())
             + "\r\nConnection: keep-alive\r\nKeep-Alive: 300\r\n\r\n");
     settle(20);
     EXPECT_TRUE(x.server.received().isEmpty()) << "the second waits for the first";
     x.server.write(sized("one"));
     ASSERT_TRUE(x.expect(list({"head1 200", "done1 200 one"})));
     const QByteArray post = x.request();
-    EXPECT_TRUE(post.contains("Cache-Control: no-cache\r\ncontent-length: 4\r\n") && post.endsWith("\r\n\r\nbody")) << post.constData();
+    EXPECT_TRUE(
+        post.contains("Cache-Control: no-cache\r\ncontent-length: 4\r\n") && post.endsWith("\r\n\r\nbody"))
+        << post.constData();
     x.server.write("HTTP/1.1 100 Continue\r\n\r\n" + sized(""));
     ASSERT_TRUE(x.expect(list({"head2 200", "done2 200 "}))) << "a 1xx head is skipped";
-    x.client->soapRequest(QStringLiteral("/s"), QStringLiteral("urn:x"), QByteArray(5000, 's'), QString(), QString(), false);
+    x.client->soapRequest(
+        QStringLiteral("/s"), QStringLiteral("urn:x"), QByteArray(5000, 's'), QString(), QString(), false);
     QByteArray soap = x.request();
-    EXPECT_TRUE(soap.contains("Content-Type: application/soap+xml; charset=utf-8; action=\"urn:x\"\r\nContent-Length: 5000\r\n"
-                              "Accept-Encoding: identity\r\nConnection: close\r\n")) << soap.left(500).constData();
+    EXPECT_TRUE(soap.contains(
+        "Content-Type: application/soap+xml; charset=utf-8; action=\"urn:x\"\r\nContent-Length: 5000\r\n"
+        "Accept-Encoding: identity\r\nConnection: close\r\n"))
+        << soap.left(500).constData();
     x.server.write("HTTP/1.1 204 None\r\ncontent-length: 9\r\n\r\n");
     ASSERT_TRUE(x.expect(list({"head3 204", "done3 204 "}))) << "a 204 ends with its head";
 }
@@ -173,7 +184,8 @@ TEST(HttpClient, DeliversMultipartUntilTheConnectionEndsThreeTimes)
     for (int i = 0; i < 3; ++i) {
         x.request();
         x.server.write(ok("Content-Type: multipart/x-mixed-replace;boundary=--b\r\n",
-            "--b\r\nContent-Type: image/jpeg\r\nContent-length: 3\r\n\r\nabc\r\n--b\r\nContent-length: 900\r\n\r\n"));
+            "--b\r\nContent-Type: image/jpeg\r\nContent-length: 3\r\n\r\nabc\r\n--b\r\nContent-length: "
+            "900\r\n\r\n"));
         const QStringList once = list({"head1 200", "part image/jpeg abc"});
         waitFor([&] { return x.events.size() >= 2; });
         x.server.close();
@@ -183,10 +195,13 @@ TEST(HttpClient, DeliversMultipartUntilTheConnectionEndsThreeTimes)
 
 TEST(HttpClient, AnswersA401OnceWhateverItsFraming)
 {
-    const QByteArray challenge = "WWW-Authenticate: Basic realm=\"b\"\r\nwww-authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth\"\r\n";
+    const QByteArray challenge = "WWW-Authenticate: Basic realm=\"b\"\r\nwww-authenticate: Digest "
+                                 "realm=\"r\", nonce=\"n\", qop=\"auth\"\r\n";
     const QByteArray unauthorized = "HTTP/1.1 401 Unauthorized\r\n" + challenge;
-    for (const QByteArray& framing : {QByteArray("content-length: 4\r\n\r\nfail"), QByteArray("content-length: 900\r\n\r\ncut"),
-             QByteArray("transfer-encoding: chunked\r\n\r\n4\r\nfail\r\n0\r\n\r\n"), QByteArray("\r\nuntil the end")}) {
+    for (const QByteArray& framing :
+        {QByteArray("content-length: 4\r\n\r\nfail"), QByteArray("content-length: 900\r\n\r\ncut"),
+            QByteArray("transfer-encoding: chunked\r\n\r\n4\r\nfail\r\n0\r\n\r\n"),
+            QByteArray("\r\nuntil the end")}) {
         Exchange x;
         x.client->get(QStringLiteral("/p"), kUser, kPassword, true);
         EXPECT_TRUE(x.request().contains("Authorization: Basic dXNlcjpzZWNyZXQ=\r\n"));
@@ -194,7 +209,9 @@ TEST(HttpClient, AnswersA401OnceWhateverItsFraming)
         if (framing.contains("cut") || framing.contains("until"))
             x.server.close();
         const QByteArray retry = x.request();
-        EXPECT_TRUE(retry.contains("Authorization: Digest username=\"user\", realm=\"r\", nonce=\"n\", uri=\"/p\"")) << retry.constData();
+        EXPECT_TRUE(
+            retry.contains("Authorization: Digest username=\"user\", realm=\"r\", nonce=\"n\", uri=\"/p\""))
+            << retry.constData();
         EXPECT_TRUE(retry.contains("nc=00000001"));
         x.server.write(sized("in"));
         ASSERT_TRUE(x.expect(list({"head1 200", "done1 200 in"}))) << framing.constData();
@@ -218,7 +235,8 @@ TEST(HttpClient, GivesUpAfterThreeLosses)
     ASSERT_TRUE(x.expect(list({"failed1"})));
     x.listener.close();
     x.get();
-    ASSERT_TRUE(x.expect(list({"error 10061", "error 10061", "error 10061", "failed2"}))) << "a failed connect counts as a loss";
+    ASSERT_TRUE(x.expect(list({"error 10061", "error 10061", "error 10061", "failed2"})))
+        << "a failed connect counts as a loss";
 }
 
 TEST(HttpClient, NoticesAnIdleConnectionThatWasClosed)
@@ -258,7 +276,8 @@ TEST(HttpClient, FailsClearlyOnWhatIsNoHttp)
     x.request();
     x.server.write(sized("ab") + "HTTP/1.1 200 OK\r\ncontent-length: 3\r\n\r\nbad");
     ASSERT_TRUE(x.expect(list({"head4 200", "done4 200 ab"})));
-    EXPECT_TRUE(waitFor([&] { return x.server.atEnd(); })) << "an answer nobody asked for must not meet the next request";
+    EXPECT_TRUE(waitFor([&] { return x.server.atEnd(); }))
+        << "an answer nobody asked for must not meet the next request";
 }
 
 TEST(HttpClient, DiscardsAndCancels)

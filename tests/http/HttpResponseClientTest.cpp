@@ -19,8 +19,7 @@ struct Served {
     QStringList events;
     std::function<void(const QString&)> onEvent;
 
-    Served()
-        : client(RawSocket::connectTo(listener.port()))
+    Served() : client(RawSocket::connectTo(listener.port()))
     {
         RawSocket accepted;
         waitFor([&] { return (accepted = listener.accept()).isOpen(); });
@@ -33,18 +32,22 @@ struct Served {
         HttpResponseClient* s = server.get();
         QObject::connect(s, &HttpResponseClient::requestReceived,
             [note](const HttpRequestHeader& header, const char* data, int size, Marker) {
-                note(header.method() + QLatin1Char(' ') + header.path() + QLatin1Char(' ') + QString::fromLatin1(data, size));
+                note(header.method() + QLatin1Char(' ') + header.path() + QLatin1Char(' ')
+                    + QString::fromLatin1(data, size));
             });
-        QObject::connect(s, &HttpResponseClient::contentChunk, [note](const HttpRequestHeader&, const char* data, int size, Marker) {
-            note(QStringLiteral("chunk ") + QString::fromLatin1(data, size));
-        });
+        QObject::connect(s, &HttpResponseClient::contentChunk,
+            [note](const HttpRequestHeader&, const char* data, int size, Marker) {
+                note(QStringLiteral("chunk ") + QString::fromLatin1(data, size));
+            });
         QObject::connect(s, &HttpResponseClient::multipartReplaceContent,
             [note](const HttpRequestHeader&, const char*, const char* data, int size, Marker) {
                 note(QStringLiteral("part ") + QString::fromLatin1(data, size));
             });
-        QObject::connect(s, &HttpResponseClient::responseFinished, [note] { note(QStringLiteral("finished")); });
+        QObject::connect(
+            s, &HttpResponseClient::responseFinished, [note] { note(QStringLiteral("finished")); });
         QObject::connect(s, &HttpResponseClient::error, [note] { note(QStringLiteral("error")); });
-        QObject::connect(s, &HttpResponseClient::disconnected, [note] { note(QStringLiteral("disconnected")); });
+        QObject::connect(
+            s, &HttpResponseClient::disconnected, [note] { note(QStringLiteral("disconnected")); });
     }
     bool expect(std::initializer_list<const char*> wanted)
     {
@@ -53,12 +56,14 @@ struct Served {
             texts << QString::fromLatin1(text);
         waitFor([&] { return events.size() >= texts.size(); });
         settle(5);
-        EXPECT_EQ(events.join(QStringLiteral(" / ")).toStdString(), texts.join(QStringLiteral(" / ")).toStdString());
+        EXPECT_EQ(events.join(QStringLiteral(" / ")).toStdString(),
+            texts.join(QStringLiteral(" / ")).toStdString());
         const bool bEqual = events == texts;
         events.clear();
         return bEqual;
     }
-    void respond(int code, const QByteArray& body, const char* field = nullptr, const char* value = nullptr, bool bMore = false)
+    void respond(int code, const QByteArray& body, const char* field = nullptr, const char* value = nullptr,
+        bool bMore = false)
     {
         HttpResponseHeader header(code, QStringLiteral("X"));
         if (field == nullptr)
@@ -77,7 +82,8 @@ struct Served {
 TEST(HttpResponseClient, DeliversPipelinedRequestsInOrder)
 {
     Served s;
-    s.client.write("GET /1 HTTP/1.1\r\n\r\nPOST /2 HTTP/1.1\r\nContent-Length: 4\r\n\r\nbodyGET /3 HTTP/1.1\n\n");
+    s.client.write(
+        "GET /1 HTTP/1.1\r\n\r\nPOST /2 HTTP/1.1\r\nContent-Length: 4\r\n\r\nbodyGET /3 HTTP/1.1\n\n");
     ASSERT_TRUE(s.expect({"GET /1 ", "POST /2 body", "GET /3 "}));
     s.respond(200, "one");
     s.respond(200, "two");
@@ -96,8 +102,9 @@ TEST(HttpResponseClient, ReadsChunkedMultipartAndUnlimitedRequests)
     ASSERT_TRUE(s.expect({"chunk abc", "chunk "}));
     EXPECT_TRUE(log.has("HttpResponseClient::slotSockDataReceived#3: chunk response finished", QtDebugMsg));
     s.respond(200, "");
-    s.client.write("POST / HTTP/1.1\r\nContent-Type: multipart/x-mixed-replace; boundary=b\r\nContent-Length: 29\r\n\r\n"
-                   "--b\r\ncontent-length: 2\r\n\r\nhi");
+    s.client.write(
+        "POST / HTTP/1.1\r\nContent-Type: multipart/x-mixed-replace; boundary=b\r\nContent-Length: 29\r\n\r\n"
+        "--b\r\ncontent-length: 2\r\n\r\nhi");
     s.events.removeAll(QStringLiteral("finished"));
     ASSERT_TRUE(waitFor([&] { return s.events.contains(QStringLiteral("part hi")); }));
     s.events.clear();
@@ -148,10 +155,14 @@ TEST(HttpResponseClient, StreamsAndLetsASlowViewerBeSeen)
     }
     EXPECT_GT(sent, 2);
     EXPECT_LT(sent, 200) << "a viewer that does not read is slow soon";
-    ASSERT_TRUE(waitFor([&] { s.client.received(); return s.server->canSendContent(); }));
+    ASSERT_TRUE(waitFor([&] {
+        s.client.received();
+        return s.server->canSendContent();
+    }));
     EXPECT_TRUE(s.server->endContent());
     EXPECT_FALSE(s.server->sendContent("x", 1));
-    ASSERT_TRUE(waitFor([&] { return s.client.atEnd(); })) << "without a length the connection's end is the end";
+    ASSERT_TRUE(waitFor([&] { return s.client.atEnd(); }))
+        << "without a length the connection's end is the end";
     EXPECT_GE(s.client.received().size(), sent * picture.size());
     EXPECT_TRUE(s.events.contains(QStringLiteral("finished")));
 
@@ -161,16 +172,19 @@ TEST(HttpResponseClient, StreamsAndLetsASlowViewerBeSeen)
     chunked.respond(200, "ab", "Transfer-Encoding", "chunked", true);
     chunked.server->sendContent("cde", 3);
     chunked.server->endContent();
-    ASSERT_TRUE(waitFor([&] { return chunked.client.received().endsWith("\r\n\r\n2\r\nab\r\n3\r\ncde\r\n0\r\n\r\n"); }));
+    ASSERT_TRUE(waitFor(
+        [&] { return chunked.client.received().endsWith("\r\n\r\n2\r\nab\r\n3\r\ncde\r\n0\r\n\r\n"); }));
     EXPECT_FALSE(chunked.client.atEnd());
 }
 
 TEST(HttpResponseClient, AnswersABadRequestAndEnds)
 {
-    for (const char* bad : {"GET / HTTP/1\r\n\r\n", "nonsense\r\n\r\n", "GET / HTTP/1.1\r\nContent-Length: -1\r\n\r\n",
-             "GET / HTTP/1.1\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n",
-             "GET / HTTP/1.1\r\nTransfer-Encoding: gzip\r\n\r\n", "GET / HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n",
-             "PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxx\r\n"}) {
+    for (const char* bad :
+        {"GET / HTTP/1\r\n\r\n", "nonsense\r\n\r\n", "GET / HTTP/1.1\r\nContent-Length: -1\r\n\r\n",
+            "GET / HTTP/1.1\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n",
+            "GET / HTTP/1.1\r\nTransfer-Encoding: gzip\r\n\r\n",
+            "GET / HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n",
+            "PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxx\r\n"}) {
         Served s;
         s.onEvent = [&](const QString& event) {
             if (event == QLatin1String("error"))
@@ -178,7 +192,8 @@ TEST(HttpResponseClient, AnswersABadRequestAndEnds)
         };
         s.client.write(QByteArray(bad) + "GET /smuggled HTTP/1.1\r\n\r\n");
         EXPECT_TRUE(waitFor([&] { return s.client.atEnd(); })) << bad;
-        EXPECT_TRUE(s.client.received().startsWith("HTTP/1.1 400") && s.client.received().endsWith("bad")) << bad;
+        EXPECT_TRUE(s.client.received().startsWith("HTTP/1.1 400") && s.client.received().endsWith("bad"))
+            << bad;
         EXPECT_FALSE(s.events.filter(QStringLiteral("smuggled")).size() > 0) << bad;
     }
     Served large;
@@ -204,7 +219,8 @@ TEST(HttpResponseClient, HeadAnswersCarryNoBodyAndHandlersMayDelete)
             else if (event.startsWith(QLatin1String("GET")))
                 d.respond(200, "x");
         };
-        d.client.write(qstrcmp(when, "error") == 0 ? "bad\r\n\r\n" : "GET / HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\n\r\n");
+        d.client.write(
+            qstrcmp(when, "error") == 0 ? "bad\r\n\r\n" : "GET / HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\n\r\n");
         if (qstrcmp(when, "disconnected") == 0) {
             waitFor([&] { return d.events.size() >= 4; });
             d.client.close();

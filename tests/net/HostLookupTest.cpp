@@ -47,7 +47,8 @@ TEST(HostLookup, MergesRequestsForOneNameAndCachesFor60Seconds)
     EXPECT_EQ(receiver.answers[1].lookupId(), second);
     EXPECT_EQ(receiver.answers[0].error(), QHostInfo::NoError);
     ASSERT_EQ(receiver.answers[0].addresses().size(), 3);
-    EXPECT_EQ(receiver.answers[0].addresses().at(1), QHostAddress(QStringLiteral("::5"))) << "the system's order";
+    EXPECT_EQ(receiver.answers[0].addresses().at(1), QHostAddress(QStringLiteral("::5")))
+        << "the system's order";
     EXPECT_EQ(receiver.pThread, QThread::currentThread());
     EXPECT_EQ(seams::lookupCalls(), calls + 1);
 

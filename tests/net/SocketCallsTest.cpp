@@ -44,8 +44,15 @@ TEST(SocketCalls, ARefusedWorkItemGives10107AndOneMessage)
     EXPECT_EQ(NuvikaLLSock::setsockopt(s.fd(), 0, 0, nullptr, 0), 10107);
     EXPECT_EQ(NuvikaLLSock::getsockname(s.fd(), nullptr, &length), 10107);
     EXPECT_EQ(NuvikaLLSock::WSAConnect(s.fd(), nullptr, 0), 10107);
-    for (const char* name : {"bind", "closesocket", "shutdownWrite", "sendto", "setsockopt", "getsockname", "WSAConnect"})
-        EXPECT_EQ(log.count(qPrintable(QStringLiteral("NuvikaLLSock::%1(): QueueUserWorkItem failed").arg(QLatin1String(name))), QtCriticalMsg), 1) << name;
+    for (const char* name :
+        {"bind", "closesocket", "shutdownWrite", "sendto", "setsockopt", "getsockname", "WSAConnect"})
+        EXPECT_EQ(
+            log.count(
+                qPrintable(
+                    QStringLiteral("NuvikaLLSock::%1(): QueueUserWorkItem failed").arg(QLatin1String(name))),
+                QtCriticalMsg),
+            1)
+            << name;
     EXPECT_EQ(SocketError::getLast(), before);
     EXPECT_GE(::fcntl(s.fd(), F_GETFD), 0) << "the descriptor was not closed";
 }

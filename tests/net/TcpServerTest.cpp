@@ -83,7 +83,9 @@ TEST(TcpServer, ClosesWhatItDidNotHandOutAndRestartsOnItsPort)
         Server second;
         LogCapture log;
         EXPECT_FALSE(second.listen(kLocal, port)) << "a live listener keeps its port";
-        EXPECT_TRUE(log.has("NuvikaTcpServerThread::run(); failed binding listen socket: Address already in use", QtCriticalMsg));
+        EXPECT_TRUE(
+            log.has("NuvikaTcpServerThread::run(); failed binding listen socket: Address already in use",
+                QtCriticalMsg));
         EXPECT_FALSE(second.listen(QHostAddress(), 0)) << "a null address is no address";
         EXPECT_FALSE(second.listen(QHostAddress(QHostAddress::LocalHostIPv6), 0));
     }
@@ -99,7 +101,10 @@ TEST(TcpServer, RunsOutOfDescriptorsAndResumes)
     seams::accepting.arm(3, EMFILE);
     RawSocket client = RawSocket::connectTo(server.serverPort());
     ASSERT_TRUE(waitFor([&] { return server.accepted.size() == 1; }));
-    EXPECT_EQ(log.count("NuvikaTcpServerThread::run(); WSAAccept failed on listen socket: Too many open files", QtWarningMsg), 1);
+    EXPECT_EQ(
+        log.count("NuvikaTcpServerThread::run(); WSAAccept failed on listen socket: Too many open files",
+            QtWarningMsg),
+        1);
     EXPECT_LE(seams::accepting.nCalls, 6) << "it pauses between its tries";
 }
 

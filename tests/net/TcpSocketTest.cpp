@@ -36,13 +36,13 @@ struct Connection {
     QByteArray received;
     std::function<void(const char*, int)> onData;
 
-    explicit Connection(std::unique_ptr<Socket> s)
-        : socket(std::move(s))
+    explicit Connection(std::unique_ptr<Socket> s) : socket(std::move(s))
     {
         QObject::connect(socket.get(), &Socket::connected, [this] { events << QStringLiteral("connected"); });
-        QObject::connect(socket.get(), &Socket::disconnected, [this] { events << QStringLiteral("disconnected"); });
         QObject::connect(
-            socket.get(), &Socket::error, [this](int code) { events << QStringLiteral("error %1").arg(code); });
+            socket.get(), &Socket::disconnected, [this] { events << QStringLiteral("disconnected"); });
+        QObject::connect(socket.get(), &Socket::error,
+            [this](int code) { events << QStringLiteral("error %1").arg(code); });
         QObject::connect(socket.get(), &Socket::dataReceived, [this](const char* data, int size, Marker) {
             received.append(data, size);
             if (onData)
@@ -61,7 +61,8 @@ struct Connection {
 };
 
 struct Tcp : Connection<NuvikaTcpSocket> {
-    explicit Tcp(NuvikaTcpSocket::LOAD_PROFILE profile = NuvikaTcpSocket::eMedium, int hint = 0, bool bSingle = false)
+    explicit Tcp(
+        NuvikaTcpSocket::LOAD_PROFILE profile = NuvikaTcpSocket::eMedium, int hint = 0, bool bSingle = false)
         : Connection(std::make_unique<NuvikaTcpSocket>(profile, profile, hint, bSingle))
     {
         QObject::connect(socket.get(), &NuvikaTcpSocket::sigCanSend, [this] { ++canSends; });
@@ -70,10 +71,7 @@ struct Tcp : Connection<NuvikaTcpSocket> {
 };
 
 struct Queued : Connection<NuvikaTcpSocketQueued> {
-    Queued()
-        : Connection(std::make_unique<NuvikaTcpSocketQueued>())
-    {
-    }
+    Queued() : Connection(std::make_unique<NuvikaTcpSocketQueued>()) { }
 };
 } // namespace
 
@@ -103,7 +101,8 @@ TEST(TcpSocket, ConnectsTransfersAndSeesTheEnd)
     c.peer.close();
     ASSERT_TRUE(waitFor([&] { return c.events.size() == 2; }));
     settle(20);
-    EXPECT_EQ(c.events, (QStringList{QStringLiteral("connected"), QStringLiteral("disconnected")})) << "exactly one";
+    EXPECT_EQ(c.events, (QStringList{QStringLiteral("connected"), QStringLiteral("disconnected")}))
+        << "exactly one";
     EXPECT_EQ(c.socket->getState(), NuvikaTcpSocket::eUnconnected);
     EXPECT_FALSE(c.socket->sendData("x", 1));
 }
@@ -124,17 +123,24 @@ TEST(TcpSocket, EveryProfileMovesMegabytesBothWaysInOrder)
             if (sent == data.size())
                 c.socket->sendEndOfData();
         };
-        QObject::connect(c.socket.get(), &NuvikaTcpSocket::sigCanSend, [&] { sent < data.size() ? sendMore() : void(); });
+        QObject::connect(
+            c.socket.get(), &NuvikaTcpSocket::sigCanSend, [&] { sent < data.size() ? sendMore() : void(); });
         sendMore();
         int fed = 0;
         QElapsedTimer time;
         time.start();
-        ASSERT_TRUE(waitFor([&] {
-            c.peer.received(300000);
-            const ssize_t n = ::send(c.peer.fd(), data.constData() + fed, static_cast<std::size_t>(std::min(100000, data.size() - fed)), MSG_DONTWAIT);
-            fed += n > 0 ? static_cast<int>(n) : 0;
-            return c.peer.received(0).size() == data.size() && c.peer.atEnd() && c.received.size() == data.size();
-        }, 60000)) << "profile " << profile << " sent " << c.peer.received().size() << " received " << c.received.size();
+        ASSERT_TRUE(waitFor(
+            [&] {
+                c.peer.received(300000);
+                const ssize_t n = ::send(c.peer.fd(), data.constData() + fed,
+                    static_cast<std::size_t>(std::min(100000, data.size() - fed)), MSG_DONTWAIT);
+                fed += n > 0 ? static_cast<int>(n) : 0;
+                return c.peer.received(0).size() == data.size() && c.peer.atEnd()
+                    && c.received.size() == data.size();
+            },
+            60000))
+            << "profile " << profile << " sent " << c.peer.received().size() << " received "
+            << c.received.size();
         EXPECT_EQ(c.peer.received(), data);
         EXPECT_EQ(c.received, data);
         EXPECT_LT(time.elapsed(), 10000) << "stalled windows, profile " << profile;
@@ -155,7 +161,8 @@ TEST(TcpSocket, ABlockPastTheBoundIsTakenWholeAndTheNextRefused)
     EXPECT_TRUE(c.socket->sendEndOfData());
     LogCapture log;
     EXPECT_FALSE(c.socket->sendEndOfData());
-    EXPECT_TRUE(log.has("NuvikaTcpSocketIO::sendEndOfData() failed: EndOfData already enqueued", QtWarningMsg));
+    EXPECT_TRUE(
+        log.has("NuvikaTcpSocketIO::sendEndOfData() failed: EndOfData already enqueued", QtWarningMsg));
     EXPECT_FALSE(c.socket->sendData("x", 1));
     EXPECT_TRUE(log.has("NuvikaTcpSocketIO::sendData failed: end of data already enqueued", QtWarningMsg));
     ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }));
@@ -290,7 +297,8 @@ TEST(TcpSocket, HandlersMayCloseReuseOrDeleteTheSocket)
         };
         c->peer.write("data");
         ASSERT_TRUE(waitFor([&] { return bHandled; }));
-        ASSERT_TRUE(waitFor([&] { return c->peer.atEnd(); })) << "the connection ends at once, variant " << variant;
+        ASSERT_TRUE(waitFor([&] { return c->peer.atEnd(); }))
+            << "the connection ends at once, variant " << variant;
         settle(10);
     }
     for (const char* signal : {"connected", "disconnected", "error"}) {
@@ -380,8 +388,9 @@ TEST(TcpSocket, AQueuedConnectionToDataReceivedFails)
     NuvikaTcpSocket socket;
     NuvikaTcpSocket receiver;
     LogCapture log;
-    EXPECT_FALSE(QObject::connect(&socket, SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)),
-        &receiver, SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)), Qt::QueuedConnection));
+    EXPECT_FALSE(QObject::connect(&socket,
+        SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)), &receiver,
+        SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)), Qt::QueuedConnection));
     EXPECT_TRUE(log.has("Cannot queue arguments of type"));
 }
 

@@ -218,7 +218,8 @@ TEST(CompletionPort, TwoThousandBusySocketsStarveNobodyAndNoTimer)
     timer.start(1);
     for (auto& end : ends)
         end->receive(0);
-    ASSERT_TRUE(waitFor([&] { return std::all_of(served.begin(), served.end(), [](int n) { return n == 16; }); }, 30000));
+    ASSERT_TRUE(waitFor(
+        [&] { return std::all_of(served.begin(), served.end(), [](int n) { return n == 16; }); }, 30000));
     EXPECT_GE(ticks, 10) << "a timer keeps firing while all are active";
     EXPECT_LE(lead, 1) << "nobody is served twice before everybody was served once";
     for (auto& end : ends)
@@ -279,11 +280,14 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
         }
         engines[0]->channel->close(); // waits for a loop that never runs
         EXPECT_EQ(done, 0);
-        QObject::connect(&thread, &QThread::finished, &thread, [engine = engines[1], &done] {
-            EXPECT_EQ(done, 1);
-            engine->channel->close(); // the port has ended: at once
-            EXPECT_EQ(done, 2);
-        }, Qt::DirectConnection);
+        QObject::connect(
+            &thread, &QThread::finished, &thread,
+            [engine = engines[1], &done] {
+                EXPECT_EQ(done, 1);
+                engine->channel->close(); // the port has ended: at once
+                EXPECT_EQ(done, 2);
+            },
+            Qt::DirectConnection);
     };
     thread.start();
     thread.wait();

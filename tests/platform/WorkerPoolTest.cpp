@@ -1,5 +1,5 @@
-#include "platform/WorkerPool_p.h"
 #include "platform/WaitableEvent_p.h"
+#include "platform/WorkerPool_p.h"
 #include "support/Seams.h"
 
 #include <cerrno>

@@ -12,14 +12,8 @@
 class RawSocket
 {
 public:
-    explicit RawSocket(int fd = -1)
-        : m_nFd(fd)
-    {
-    }
-    RawSocket(RawSocket&& other) noexcept
-        : m_nFd(other.release())
-    {
-    }
+    explicit RawSocket(int fd = -1) : m_nFd(fd) { }
+    RawSocket(RawSocket&& other) noexcept : m_nFd(other.release()) { }
     RawSocket& operator=(RawSocket&& other) noexcept
     {
         close();
@@ -79,7 +73,8 @@ public:
     {
         char buffer[65536];
         while (m_nFd >= 0 && !m_bEnd && most > 0) {
-            const ssize_t n = ::recv(m_nFd, buffer, most < sizeof buffer ? most : sizeof buffer, MSG_DONTWAIT);
+            const ssize_t n
+                = ::recv(m_nFd, buffer, most < sizeof buffer ? most : sizeof buffer, MSG_DONTWAIT);
             if (n < 0 && errno == EAGAIN)
                 break;
             m_bEnd = n <= 0;

@@ -55,7 +55,8 @@ int lookupCalls()
 extern "C" {
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __real_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list);
-int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
+int __real_pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
 int __real_accept4(int fd, sockaddr* address, socklen_t* length, int flags);
 ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 ssize_t __real_recv(int fd, void* data, size_t size, int flags);
@@ -93,7 +94,8 @@ int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hi
     return *list == nullptr ? EAI_NONAME : 0;
 }
 
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
+int __wrap_pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
 {
     return seams::threadCreation.fires() ? EAGAIN : __real_pthread_create(thread, attributes, run, argument);
 }

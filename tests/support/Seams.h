@@ -1,5 +1,5 @@
-// Time and faults for the tests. The linker routes a few system calls of the library through here (--wrap), so
-// that the shipped library carries no hook for them.
+// Time and faults for the tests. The linker routes a few system calls of the library through here (--wrap),
+// so that the shipped library carries no hook for them.
 #pragma once
 
 #include <atomic>

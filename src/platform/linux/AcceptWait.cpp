@@ -13,10 +13,7 @@
 
 using namespace Nuvika;
 
-AcceptWait::AcceptWait()
-    : m_nStop(eventfd(0, EFD_CLOEXEC))
-{
-}
+AcceptWait::AcceptWait() : m_nStop(eventfd(0, EFD_CLOEXEC)) { }
 
 AcceptWait::~AcceptWait()
 {

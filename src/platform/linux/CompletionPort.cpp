@@ -82,9 +82,7 @@ void TransferQueue::finishAll(int nError)
 // --- Channel -------------------------------------------------------------------------------------------
 
 Channel::Channel(int socket, TransferHandler& handler)
-    : m_pPort(CompletionPort::current())
-    , m_handler(handler)
-    , m_nSocket(socket)
+    : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket)
 {
     m_pPort->add(*this, socket);
 }
@@ -147,7 +145,8 @@ bool Channel::trySend(Transfer& transfer)
             break;
         }
         const auto first = static_cast<std::size_t>(transfer.m_nFirstRange);
-        const long sent = Sockets::send(m_nSocket, &transfer.ranges[first], transfer.nRanges - transfer.m_nFirstRange);
+        const long sent
+            = Sockets::send(m_nSocket, &transfer.ranges[first], transfer.nRanges - transfer.m_nFirstRange);
         if (sent >= 0) {
             transfer.advance(static_cast<std::size_t>(sent));
             if (transfer.m_nLeft == 0)
@@ -205,9 +204,18 @@ bool Channel::serveOne()
     m_bSendsFirst = received != nullptr;
     if (hasWork())
         m_pPort->appendToLine(*this);
-    if (received != nullptr)
-        return m_handler.receiveCompleted(*received);
-    return sent == nullptr || m_handler.sendCompleted(*sent);
+    if (received == nullptr)
+        return sent == nullptr || m_handler.sendCompleted(*sent);
+    if (!m_handler.receiveCompleted(*received))
+        return false;
+    // An answer that the handler sent has usually left already: it completes while its memory is at hand.
+    if (m_sends.firstIsDone() && m_nSocket >= 0) {
+        if (!m_handler.sendCompleted(*m_sends.takeFirst()))
+            return false;
+        if (!hasWork())
+            m_pPort->takeOutOfLine(*this);
+    }
+    return true;
 }
 
 void Channel::close()
@@ -230,14 +238,14 @@ class CompletionPort::Notifier : public QSocketNotifier
 {
 public:
     Notifier(CompletionPort& port, int descriptor, QAbstractEventDispatcher* loop)
-        : QSocketNotifier(descriptor, QSocketNotifier::Read)
-        , m_port(port)
+        : QSocketNotifier(descriptor, QSocketNotifier::Read), m_port(port)
     {
         const auto wake = [&port] { port.wakeBeforePoll(); };
         connect(loop, &QAbstractEventDispatcher::aboutToBlock, this, wake, Qt::DirectConnection);
         connect(loop, &QAbstractEventDispatcher::awake, this, wake, Qt::DirectConnection);
         // The port goes with its thread's loop; a direct call, in the thread that ends.
-        connect(QThread::currentThread(), &QThread::finished, this, [] { endCurrent(); }, Qt::DirectConnection);
+        connect(
+            QThread::currentThread(), &QThread::finished, this, [] { endCurrent(); }, Qt::DirectConnection);
     }
 
     bool event(QEvent* event) override
@@ -282,8 +290,7 @@ void CompletionPort::endCurrent()
 }
 
 CompletionPort::CompletionPort()
-    : m_nEpoll(epoll_create1(EPOLL_CLOEXEC))
-    , m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : m_nEpoll(epoll_create1(EPOLL_CLOEXEC)), m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     // Edge-triggered: each write is one wake-up, and nobody needs to read it away.
     epoll_event wake{};

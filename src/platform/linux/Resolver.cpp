@@ -27,4 +27,7 @@ int Nuvika::Resolver::resolve(const std::string& name, std::vector<sockaddr_stor
     return 0;
 }
 
-unsigned int Nuvika::Resolver::interfaceIndex(const std::string& name) { return if_nametoindex(name.c_str()); }
+unsigned int Nuvika::Resolver::interfaceIndex(const std::string& name)
+{
+    return if_nametoindex(name.c_str());
+}

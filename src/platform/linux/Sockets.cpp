@@ -57,7 +57,8 @@ int Nuvika::Sockets::shutdownWrite(int s)
     return checked([&] { return ::shutdown(s, SHUT_WR); });
 }
 
-int Nuvika::Sockets::sendTo(int s, const void* data, std::size_t size, int flags, const sockaddr* to, int length)
+int Nuvika::Sockets::sendTo(
+    int s, const void* data, std::size_t size, int flags, const sockaddr* to, int length)
 {
     return static_cast<int>(checked(
         [&] { return ::sendto(s, data, size, flags | MSG_NOSIGNAL, to, static_cast<socklen_t>(length)); }));

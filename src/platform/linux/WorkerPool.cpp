@@ -35,7 +35,8 @@ bool Nuvika::WorkerPool::submit(Function function, void* argument)
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
     const std::size_t waiting = m_items.size() + 1;
-    if (waiting > m_nSpinning + m_nSleeping && m_nWorkers < m_nMaxWorkers && !startWorker() && m_nWorkers == 0)
+    if (waiting > m_nSpinning + m_nSleeping && m_nWorkers < m_nMaxWorkers && !startWorker()
+        && m_nWorkers == 0)
         return false;
     m_items.push_back({function, argument});
     m_nItems.store(waiting, std::memory_order_release);
