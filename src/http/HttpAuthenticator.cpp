@@ -107,7 +107,7 @@ QByteArray HttpAuthenticator::digestMd5Response(const QByteArray& challenge, con
         lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
     if (!parseChallenge(challenge))
         return QByteArray();
-    const QByteArray response = nextDigestMd5Response(method, path, user, password, body);
+    QByteArray response = nextDigestMd5Response(method, path, user, password, body);
     if (response.isEmpty())
         reset();
     return response;

@@ -370,7 +370,7 @@ bool HttpMessageReader::endOfStream()
 
 QByteArray HttpMessageReader::takeRest()
 {
-    const QByteArray rest(m_pIn, static_cast<int>(m_nIn));
+    QByteArray rest(m_pIn, static_cast<int>(m_nIn));
     m_nIn = 0;
     return rest;
 }

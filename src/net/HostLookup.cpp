@@ -118,7 +118,7 @@ void HostLookupManager::startWorker(const QString& hostName)
     ++m_pLink->nWorkers;
     auto work = std::make_unique<Work>(Work{hostName, m_pLink});
     if (WorkerPool::lookups().submit(&HostLookupManager::worker, work.get())) {
-        work.release(); // the worker's now
+        static_cast<void>(work.release()); // the worker's now
         return;
     }
     --m_pLink->nWorkers;

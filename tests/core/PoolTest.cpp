@@ -83,7 +83,8 @@ TEST(SharedBufferPool, RecyclesRecordsWithTheirMemory)
         buffer.setData(std::string(1000, 'x').data(), 1000);
         data = buffer.getBuffer();
         SharedPoolBuffer other = buffer;
-        other = other; // NOLINT
+        const SharedPoolBuffer& same = other;
+        other = same;
         EXPECT_EQ(other.getBuffer(), data) << "handles share the bytes";
     }
     const auto before = mallinfo2().uordblks;

@@ -89,7 +89,8 @@ TEST(VariableBuffer, AppendsItsOwnBytesWhileGrowing)
     buffer.append(buffer.constData() + 3, 3);
     buffer.append(nullptr, -5);
     EXPECT_EQ(textOf(buffer), "abcdefabcdefdef");
-    buffer = buffer; // NOLINT
+    const VariableBuffer& same = buffer;
+    buffer = same;
     EXPECT_EQ(buffer.getSize(), 15U);
 }
 

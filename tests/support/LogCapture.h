@@ -1,10 +1,10 @@
 // The log records that were written while this object lives.
 #pragma once
 
-#include <QtCore/QMutex>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <mutex>
 #include <vector>
 
 class LogCapture
@@ -21,18 +21,20 @@ public:
 
     LogCapture()
     {
+        const std::lock_guard<std::mutex> lock(s_mutex);
         s_pCurrent = this;
         m_previous = qInstallMessageHandler(&LogCapture::handle);
     }
     ~LogCapture()
     {
+        const std::lock_guard<std::mutex> lock(s_mutex); // a worker may be about to log
         qInstallMessageHandler(m_previous);
         s_pCurrent = nullptr;
     }
 
     std::vector<Record> records() const
     {
-        QMutexLocker lock(&m_mutex);
+        const std::lock_guard<std::mutex> lock(s_mutex);
         return m_records;
     }
     int count(const char* part, int type = -1) const
@@ -47,15 +49,15 @@ public:
 private:
     static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
     {
+        const std::lock_guard<std::mutex> lock(s_mutex);
         if (s_pCurrent == nullptr)
             return;
-        QMutexLocker lock(&s_pCurrent->m_mutex);
         s_pCurrent->m_records.push_back({type, text, QString::fromUtf8(context.file),
             QString::fromUtf8(context.function), QString::fromUtf8(context.category), context.line});
     }
 
+    static inline std::mutex s_mutex;
     static inline LogCapture* s_pCurrent = nullptr;
-    mutable QMutex m_mutex;
     std::vector<Record> m_records;
     QtMessageHandler m_previous = nullptr;
 };

@@ -28,7 +28,7 @@ bool Fault::fires()
 
 Resolver& resolver()
 {
-    static Resolver instance;
+    static Resolver& instance = *new Resolver; // a lookup that was left behind may still use it
     return instance;
 }
 

@@ -9,6 +9,8 @@
 int main(int argc, char** argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
+    if (GTEST_FLAG_GET(list_tests))
+        return RUN_ALL_TESTS();
     QCoreApplication application(argc, argv);
     KepNuvikaUtilInit();
     const int result = RUN_ALL_TESTS();
