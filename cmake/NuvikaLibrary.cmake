@@ -63,6 +63,7 @@ write_basic_package_version_file("${PROJECT_BINARY_DIR}/KepNuvikaUtilConfigVersi
   COMPATIBILITY SameMinorVersion)
 install(FILES "${PROJECT_BINARY_DIR}/KepNuvikaUtilConfig.cmake" "${PROJECT_BINARY_DIR}/KepNuvikaUtilConfigVersion.cmake"
   DESTINATION ${NUVIKA_CMAKE_DIR})
+file(RELATIVE_PATH NUVIKA_PREFIX_FROM_PC "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/") # an install may be moved
 configure_file("${PROJECT_SOURCE_DIR}/cmake/KepNuvikaUtil.pc.in" "${PROJECT_BINARY_DIR}/KepNuvikaUtil.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/KepNuvikaUtil.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

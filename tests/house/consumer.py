@@ -25,7 +25,7 @@ with tempfile.TemporaryDirectory(prefix="nuvika-consumer-") as folder:
     libraries = [f for f in os.listdir(prefix + "/lib") if f.startswith("x86") or f == "pkgconfig"]
     libdir = prefix + "/lib" if "pkgconfig" in libraries else os.path.join(prefix, "lib", libraries[0])
     environment = dict(os.environ, PKG_CONFIG_PATH=libdir + "/pkgconfig", LD_LIBRARY_PATH=libdir)
-    flags = run("pkg-config", f"--define-variable=prefix={prefix}", "--cflags", "--libs", "KepNuvikaUtil", env=environment, capture_output=True, text=True).stdout
+    flags = run("pkg-config", "--cflags", "--libs", "KepNuvikaUtil", env=environment, capture_output=True, text=True).stdout
     binary = os.path.join(folder, "by-pkg-config")
     run("c++", "-std=c++17", "-fPIC", source + "/main.cpp", "-o", binary, *shlex.split(flags))
     run(binary, env=environment)
