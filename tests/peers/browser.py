@@ -1,7 +1,9 @@
 """The demo's page in headless Chromium: its pictures really move."""
+import http.server
 import os
 import struct
 import subprocess
+import threading
 import time
 import unittest
 import zlib
@@ -46,14 +48,35 @@ def pixels(path):
     return rows, step
 
 
+class Frame(http.server.BaseHTTPRequestHandler):
+    """A page around the demo's, whose load ends when the pictures have had time to move."""
+    page = b""
+
+    def do_GET(self):
+        if self.path == "/late":
+            time.sleep(2.5)
+        self.send_response(200)
+        self.send_header("Content-Type", "text/html")
+        self.end_headers()
+        self.wfile.write(self.page if self.path == "/" else b"")
+
+    def log_message(self, *_):
+        pass
+
+
 class Browser(PeerTest):
     def screenshot(self, port, name):
         path = os.path.join(self.folder, name)
-        subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                        "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                        f"--user-data-dir={self.folder}/profile-{name}", f"--window-size={WIDTH},{HEIGHT}",
-                        "--timeout=2500", f"--screenshot={path}", f"http://127.0.0.1:{port}/"],
-                       check=True, capture_output=True, timeout=90)
+        Frame.page = (f'<body style="margin:0"><iframe src="http://127.0.0.1:{port}/" style="border:0;width:{WIDTH}px;'
+                      f'height:{HEIGHT}px"></iframe><img src="/late" style="display:none">').encode()
+        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Frame) as frame:
+            threading.Thread(target=frame.serve_forever, daemon=True).start()
+            subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                            "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                            f"--user-data-dir={self.folder}/profile-{name}", f"--window-size={WIDTH},{HEIGHT}",
+                            f"--screenshot={path}", f"http://127.0.0.1:{frame.server_address[1]}/"],
+                           check=True, capture_output=True, timeout=90)
+            frame.shutdown()
         return pixels(path)
 
     def test_pictures_move(self):
