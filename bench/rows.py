@@ -136,7 +136,7 @@ def idle_rows(repeats, scale):
                     s = socket.socket()
                     s.connect(("127.0.0.1", port))
                     idle.append(s)
-                time.sleep(0.3)
+                time.sleep(0.3 + count * 0.0005)  # until the near side has taken them all
                 begin, before = time.monotonic(), cpu_of(child.pid)
                 with started([program("far"), "load", str(port), str(rounds + 10), "10"]):
                     child.stdout.readline()
