@@ -1,5 +1,5 @@
 // The other end of every row, by plain system calls and always the same.
-//   far source BYTES | sink | echo | http          listens, prints its port, serves until it is ended
+//   far source|sink BYTES [medium] | echo | http   listens, prints its port, serves until it is ended
 //   far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all connections active, or one at a
 //   time far connects PORT COUNT                        opens and ends connections
 #include "Common.h"
@@ -101,9 +101,22 @@ void serveOne(const std::string& mode, int s, long long bytes)
     close(s);
 }
 
-int listening(const std::string& mode, long long bytes)
+// What the library's medium profile sets, for the rows with that profile at both ends.
+void setMediumProfile(int s)
+{
+    const int receive = 65536;
+    const int sending = 32768;
+    const int segment = 16384;
+    setsockopt(s, SOL_SOCKET, SO_RCVBUF, &receive, sizeof receive);
+    setsockopt(s, SOL_SOCKET, SO_SNDBUF, &sending, sizeof sending);
+    setsockopt(s, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
+}
+
+int listening(const std::string& mode, long long bytes, bool bMedium)
 {
     const int listener = rawListen(0);
+    if (bMedium)
+        setMediumProfile(listener); // inherited by what it accepts
     sockaddr_in address{};
     socklen_t size = sizeof address;
     getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
@@ -185,5 +198,6 @@ int main(int argc, char** argv)
         return load(a.mode == "load", a.port, a.amount, a.connections);
     if (a.mode == "connects")
         return connects(a.port, a.amount);
-    return listening(a.mode, argc > 2 ? std::atoll(argv[2]) : 0);
+    return listening(
+        a.mode, argc > 2 ? std::atoll(argv[2]) : 0, argc > 3 && std::strcmp(argv[3], "medium") == 0);
 }

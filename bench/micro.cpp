@@ -6,6 +6,12 @@
 #include <boost/pool/pool.hpp>
 #include <event2/buffer.h>
 
+#if defined(BENCH_POCO)
+#include <Poco/Net/HTTPDigestCredentials.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#endif
+
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QLoggingCategory>
 
@@ -226,6 +232,21 @@ void digestNuvika(benchmark::State& state)
         benchmark::DoNotOptimize(
             authenticator.nextDigestMd5Response("GET", "/live/picture.jpg", "viewer", "simulated", ""));
 }
+
+#if defined(BENCH_POCO)
+void digestPoco(benchmark::State& state)
+{
+    Poco::Net::HTTPDigestCredentials credentials("viewer", "simulated");
+    Poco::Net::HTTPRequest request("GET", "/live/picture.jpg", "HTTP/1.1");
+    Poco::Net::HTTPResponse challenge(Poco::Net::HTTPResponse::HTTP_UNAUTHORIZED);
+    challenge.set("WWW-Authenticate",
+        "Digest realm=\"camera\", nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", algorithm=MD5, qop=\"auth\"");
+    credentials.authenticate(request, challenge);
+    for (auto _ : state)
+        credentials.updateAuthInfo(request);
+}
+BENCHMARK(digestPoco);
+#endif
 
 BENCHMARK(poolLimit);
 BENCHMARK(poolNuvika);

@@ -21,6 +21,7 @@ ROWS = [
      {"raw": "", "nuvika": "heavy", "asio": "", "libuv": "", "qt": ""}),
     ("tcp", "one TCP stream received, medium profile", "recv", "source", 1000 * MB, 1, {"raw": "", "nuvika": "medium"}),
     ("tcp", "one TCP stream sent, medium profile", "send", "sink", 1000 * MB, 1, {"raw": "", "nuvika": "medium"}),
+    ("tcp", "one TCP stream received, medium profile at both ends", "recv", "source", 1000 * MB, 1, {"raw": "", "nuvika": "medium"}),
     ("tcp", "64-byte ping-pong, one connection", "ping", "echo", 30000, 1,
      {"raw": "", "nuvika": "", "asio": "", "libuv": "", "qt": ""}),
     ("tcp", "1,000 connections echoing 256 bytes, all active", "echo", "load", 200000, 1000,
@@ -84,7 +85,8 @@ def run_once(row, name, scale):
             with started([program("far"), far, str(port), str(rounds), str(connections)]):
                 line = child.stdout.readline()
     else:
-        with started([program("far"), far, str(amount)]) as peer:
+        end = ["medium"] if "both ends" in title and name != "raw" else []
+        with started([program("far"), far, str(amount), *end]) as peer:
             port = peer.stdout.readline().strip()
             result = subprocess.run([*near, mode, port, str(amount), str(connections), variant], env=environment,
                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, timeout=300)
@@ -200,7 +202,7 @@ def micro_rows(repeats, scale):
     print("\n| micro row | program | ns | to the limit |\n|---|---|---|---|")
     for limit, name in [("poolLimit", n) for n in ("poolNuvika", "poolBoost")] + [("poolMutexLimit", "poolMutexNuvika")] \
             + [("fifoLimit", n) for n in ("fifoNuvika", "fifoEvbuffer")] + [("headLimit", n) for n in ("headNuvika", "headBeast")] \
-            + [("digestLimit", "digestNuvika")]:
+            + [("digestLimit", n) for n in ("digestNuvika", "digestPoco") if n in times]:
         print(f"| {limit[:-5]} | {name} | {times[name]:.0f} | {times[name] / times[limit]:.2f} |", flush=True)
 
 

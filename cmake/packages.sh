@@ -3,7 +3,7 @@ build_packages="g++ cmake ninja-build ccache pkg-config qtbase5-dev libssl-dev l
 test_packages="libgtest-dev python3 apache2 apache2-utils nginx-light ffmpeg curl wrk chromium"
 sanitizer_packages="clang libclang-rt-14-dev"
 format_packages="clang-format clang-tidy"
-bench_packages="libasio-dev libuv1-dev libcurl4-openssl-dev libboost-dev libevent-dev libbenchmark-dev python3 nginx-light wrk"
+bench_packages="libasio-dev libuv1-dev libcurl4-openssl-dev libboost-dev libevent-dev libpoco-dev libbenchmark-dev python3 nginx-light wrk"
 
 # Installs what is missing, quietly and at once; a clear message when that fails.
 install_packages() {

@@ -119,7 +119,8 @@ int HttpClient::plainPost(const QString& path, const QByteArray& content, const 
     HttpRequestHeader header = makeHeader("POST", path);
     header.addValue(QStringLiteral("Cache-Control"), QStringLiteral("no-cache"));
     header.setContentLength(content.size());
-    addConnection(header, keepAlive && m_bKeepAlive);
+    if (!keepAlive || !m_bKeepAlive)
+        addConnection(header, false);
     return send(header, content, user, password);
 }
 

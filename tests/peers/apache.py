@@ -4,7 +4,7 @@ import os
 import subprocess
 import unittest
 
-from peers import PeerTest, free_port, process, tool, wait_for_port
+from peers import PeerTest, free_port, process, tool, wait_for_port, watch
 from web_server_cases import WebServerCases
 
 CONFIG = """
@@ -68,6 +68,11 @@ class Apache(WebServerCases, PeerTest):
 
     def test_digest(self):
         self.check_credentials("/digest/picture.jpg")
+
+    def test_watch_with_digest(self):
+        pictures, interruptions, code, text = watch([self.url("/digest/picture.jpg", "us%40er:se%3Acret@")], 4)
+        self.assertGreaterEqual(pictures, 5, text)
+        self.assertEqual((interruptions, code), (0, 0), text)
 
     def test_post_and_put_from_a_file(self):
         body = self.write("body.txt", "x" * 50000)
