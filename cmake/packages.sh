@@ -20,8 +20,16 @@ install_packages() {
     log=$(mktemp)
     # Servers that packages bring are started by our tests only.
     policy=/usr/sbin/policy-rc.d
-    [ -e $policy ] || { printf '#!/bin/sh\nexit 101\n' >$policy && chmod +x $policy && trap 'rm -f /usr/sbin/policy-rc.d' EXIT; }
-    if ! { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing; } >"$log" 2>&1; then
+    made_policy=
+    if [ ! -e $policy ]; then
+        printf '#!/bin/sh\nexit 101\n' >$policy
+        chmod +x $policy
+        made_policy=yes
+    fi
+    installed=yes
+    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing; } >"$log" 2>&1 || installed=
+    [ -z "$made_policy" ] || rm -f $policy
+    if [ -z "$installed" ]; then
         tail -n 20 "$log" >&2
         echo "apt-get could not install:$missing" >&2
         return 1
