@@ -209,6 +209,27 @@ TEST(TcpSocket, ReportsFailuresOnceWithWinsockCodes)
     EXPECT_EQ(failing.events.last(), QStringLiteral("error 10054"));
 }
 
+TEST(TcpSocket, FailingSystemCallsAreReportedAndNothingElse)
+{
+    Tcp options;
+    LogCapture log;
+    seams::settingOptions.arm(100, EINVAL);
+    options.open();
+    seams::settingOptions.arm(0, 0);
+    EXPECT_TRUE(log.has("NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed", QtCriticalMsg));
+    EXPECT_TRUE(log.has("NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed", QtCriticalMsg));
+    options.peer.write("works all the same");
+    EXPECT_TRUE(waitFor([&] { return options.received == "works all the same"; }));
+
+    Tcp receiving;
+    receiving.open();
+    seams::receiving.arm(1, ETIMEDOUT);
+    receiving.peer.write("x");
+    ASSERT_TRUE(waitFor([&] { return receiving.events.size() == 2; }));
+    EXPECT_EQ(receiving.events.last(), QStringLiteral("error 10060"));
+    seams::receiving.arm(0, 0);
+}
+
 TEST(TcpSocket, TriesIPv4FirstAndThenTheNextAddress)
 {
     Tcp c;
