@@ -12,6 +12,7 @@
 #include <KepNuvikaUtil/HttpAuthenticator.h>
 #include <KepNuvikaUtil/HttpClient.h>
 #include <KepNuvikaUtil/HttpHeader.h>
+#include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>

@@ -20,6 +20,7 @@ const char* reason(int code)
     }
 }
 
+constexpr int kMaxRequestHead = 65536;
 constexpr int kMaxRequestBody = 1 << 20;
 constexpr char kBoundary[] = "nuvika-picture";
 } // namespace
@@ -34,7 +35,10 @@ WebServer::~WebServer() { m_pool->release(); }
 void WebServer::accept(int descriptor)
 {
     auto* connection = new HttpResponseClient(descriptor, false, this);
-    connection->setMaxContentSize(kMaxRequestBody);
+    HttpReadLimits limits;
+    limits.nHead = kMaxRequestHead;
+    limits.nContent = kMaxRequestBody;
+    connection->setReadLimits(limits);
     connect(connection, &HttpResponseClient::requestReceived, this,
         [this, connection](const HttpRequestHeader& request) { m_handler(*connection, request); });
     connect(connection, &HttpResponseClient::error, this, [this, connection] {

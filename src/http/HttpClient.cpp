@@ -159,6 +159,8 @@ void HttpClient::discardNonePendingRequest(int id) { d->engine.discardNonePendin
 
 void HttpClient::shutdown() { d->engine.shutdown(true); }
 
+void HttpClient::setReadLimits(const HttpReadLimits& limits) { d->engine.setLimits(limits); }
+
 QHostAddress HttpClient::lastLocalAddress() const { return d->engine.lastLocalAddress(); }
 
 QHostAddress HttpClient::lastPeerAddress() const { return d->engine.lastPeerAddress(); }

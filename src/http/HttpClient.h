@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
@@ -24,8 +25,8 @@
 /// Threads: owned by the thread that made it, which needs an event loop; the library must be initialised for
 /// host names. Content pointers hold during the emission only.
 /// Lifetime: a handler of any signal may shut down or delete the client, or queue further requests.
-/// Errors: a request whose connection is lost three times, whose answer is no HTTP or exceeds a limit (a head
-/// of 1 MiB, a part of 64 MiB, a collected body of 1 GiB), ends in requestFailed(); error() tells the code
+/// Errors: a request whose connection is lost three times, whose answer is no HTTP or exceeds a limit
+/// (setReadLimits()), ends in requestFailed(); error() tells the code
 /// (10053 for an answer that cannot be read). A 401 is answered once with credentials; a second one is
 /// delivered by requestFinished(). There is no time limit on an answer: shutdown() ends a request that takes
 /// too long.
@@ -68,6 +69,9 @@ public:
     void discardNonePendingRequest(int id);
     /// Removes every request, with requestCancelled() for each, and closes the connection.
     void shutdown();
+
+    /// For the answers to come; see HttpReadLimits for the defaults.
+    void setReadLimits(const HttpReadLimits& limits);
 
     QHostAddress lastLocalAddress() const;
     QHostAddress lastPeerAddress() const;

@@ -1,14 +1,9 @@
-// Private: what a peer may make us keep. Named, so that users find them, and far above what is ever honest.
+// Private: bounds that are no setting.
 #pragma once
-
-#include <cstddef>
 
 namespace Nuvika::HttpLimits
 {
-constexpr std::size_t kHead = 1U << 20; // head, part head, trailers: each
-constexpr std::size_t kChunkSizeLine = 4096;
-constexpr std::size_t kPart = 64U << 20; // one multipart part
-constexpr std::size_t kContent = 1U << 30; // a collected body
 constexpr long long kMaxLength = 0x7FFFFFFF; // a length on the wire: 31 bits
-constexpr int kSideBuffer = 1 << 20; // received while a handler runs
+constexpr int kSideBuffer = 1 << 20; // received while a handler runs; receiving stalls above it
+constexpr int kKeptContent = 1 << 20; // memory of a collected body that is kept for the next one
 } // namespace Nuvika::HttpLimits

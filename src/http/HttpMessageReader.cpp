@@ -186,7 +186,7 @@ HttpMessageReader::Event HttpMessageReader::readHead()
 {
     bool bComplete = false;
     const std::size_t n = scanHead(&bComplete);
-    if (m_head.size() + n > HttpLimits::kHead)
+    if (m_head.size() + n > static_cast<std::size_t>(m_limits.nHead))
         return fail();
     m_pData = m_pIn;
     m_nData = n;
@@ -211,7 +211,7 @@ void HttpMessageReader::setBody(const HttpBody& body)
     m_nLeft = body.nLength;
     m_nTrailerSize = 0;
     if (body.bMultipart)
-        m_multipart.start(body.boundary);
+        m_multipart.start(body.boundary, m_limits);
     switch (body.kind) {
     case HttpBody::None:
         m_nLeft = 0;
@@ -308,7 +308,7 @@ bool HttpMessageReader::parseChunkSize()
 HttpMessageReader::Event HttpMessageReader::readChunkSize()
 {
     bool bTooLong = false;
-    const bool bLine = takeLine(HttpLimits::kChunkSizeLine, &bTooLong);
+    const bool bLine = takeLine(static_cast<std::size_t>(m_limits.nChunkSizeLine), &bTooLong);
     if (bTooLong)
         return fail();
     if (!bLine)
@@ -343,7 +343,7 @@ HttpMessageReader::Event HttpMessageReader::readChunkEnd()
 HttpMessageReader::Event HttpMessageReader::readTrailer()
 {
     bool bTooLong = false;
-    const bool bLine = takeLine(HttpLimits::kHead, &bTooLong);
+    const bool bLine = takeLine(static_cast<std::size_t>(m_limits.nHead), &bTooLong);
     if (bTooLong)
         return fail();
     if (!bLine)
@@ -351,7 +351,7 @@ HttpMessageReader::Event HttpMessageReader::readTrailer()
     m_nTrailerSize += m_line.size();
     const bool bEmpty = m_line == "\r\n" || m_line == "\n";
     m_line.clear();
-    if (m_nTrailerSize > HttpLimits::kHead)
+    if (m_nTrailerSize > static_cast<std::size_t>(m_limits.nHead))
         return fail();
     return bEmpty ? finish() : Event::NeedMore;
 }

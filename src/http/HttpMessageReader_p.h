@@ -47,6 +47,7 @@ public:
         Failed // not HTTP, or over a limit; nothing more comes
     };
 
+    void setLimits(const HttpReadLimits& limits) { m_limits = limits; }
     void reset();
     // The bytes must stay in place until next() says NeedMore or takeRest() was called.
     void feed(const char* data, int size)
@@ -84,6 +85,7 @@ private:
     Event finish();
     Event fail();
 
+    HttpReadLimits m_limits;
     const char* m_pIn = nullptr;
     std::size_t m_nIn = 0;
     State m_state = State::Head;

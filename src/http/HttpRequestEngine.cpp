@@ -305,7 +305,7 @@ void HttpRequestEngine::clearReceiveState()
 {
     m_reader.reset();
     m_content.clear();
-    if (m_nContent > HttpLimits::kHead)
+    if (m_nContent > static_cast<std::size_t>(HttpLimits::kKeptContent))
         m_content.clearAndSqueeze(0); // one large body is no reason to keep its memory for ever
     m_nContent = 0;
     m_pWholeContent = nullptr;

@@ -166,7 +166,7 @@ HttpBody HttpRequestEngine::bodyOf(const Request& request)
 
 bool HttpRequestEngine::collect(const char* data, int size)
 {
-    if (m_nContent + static_cast<std::size_t>(size) > HttpLimits::kContent)
+    if (m_nContent + static_cast<std::size_t>(size) > static_cast<std::size_t>(m_limits.nContent))
         return failFront(true, ErrorCodes::kConnectionAborted);
     if (m_nContent == 0 && size == m_nExpectedContentLength) {
         m_pWholeContent = data; // all of it, in place
@@ -180,7 +180,8 @@ bool HttpRequestEngine::collect(const char* data, int size)
         if (m_nExpectedContentLength >= 0)
             capacity
                 = std::min(capacity, std::max(needed, static_cast<std::size_t>(m_nExpectedContentLength)));
-        m_content.getBuffer(static_cast<unsigned int>(std::min(capacity, HttpLimits::kContent)));
+        m_content.getBuffer(
+            static_cast<unsigned int>(std::min(capacity, static_cast<std::size_t>(m_limits.nContent))));
     }
     auto* buffer = static_cast<char*>(m_content.getBuffer(m_content.getSize()));
     std::memcpy(buffer + m_nContent, data, static_cast<std::size_t>(size));

@@ -57,6 +57,11 @@ public:
     // Removes every request; `bTell`: reports each as cancelled.
     void shutdown(bool bTell);
 
+    void setLimits(const HttpReadLimits& limits)
+    {
+        m_limits = limits;
+        m_reader.setLimits(limits);
+    }
     QString hostField() const;
     SharedPoolBuffer bodyBuffer(const QByteArray& content);
     QHostAddress lastLocalAddress() const { return m_lastLocalAddress; }
@@ -129,6 +134,7 @@ private:
     std::deque<Request> m_requests;
     int m_nLastId = 0;
     State m_state = eDisconnected;
+    HttpReadLimits m_limits;
     HttpMessageReader m_reader;
     HttpResponseHeader m_responseHeader;
     QByteArray m_challenge;

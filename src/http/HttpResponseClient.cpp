@@ -168,7 +168,7 @@ bool HttpResponseClient::Private::handleContent()
         return !guard.isNull();
     }
     const std::size_t needed = m_nContent + size;
-    if (needed > m_nMaxContent)
+    if (needed > static_cast<std::size_t>(m_limits.nContent))
         return rejectRequest();
     if (m_nContent == 0 && m_reader.size() == m_nExpectedContentLength) {
         m_pWholeContent = m_reader.data();
@@ -179,8 +179,8 @@ bool HttpResponseClient::Private::handleContent()
         m_content = m_pPool->getBuffer();
     VariableBuffer& buffer = *m_content.getVariableBuffer();
     if (needed > buffer.getSize())
-        buffer.getBuffer(
-            static_cast<unsigned int>(std::min(std::max<std::size_t>(needed * 2, 65536), m_nMaxContent)));
+        buffer.getBuffer(static_cast<unsigned int>(
+            std::min(std::max<std::size_t>(needed * 2, 65536), static_cast<std::size_t>(m_limits.nContent))));
     std::memcpy(static_cast<char*>(buffer.getBuffer(buffer.getSize())) + m_nContent, m_reader.data(), size);
     m_nContent = needed;
     return true;
@@ -469,10 +469,7 @@ bool HttpResponseClient::canSendContent() const
 
 bool HttpResponseClient::isConnected() const { return d->isOpen(); }
 
-void HttpResponseClient::setMaxContentSize(int bytes)
-{
-    d->m_nMaxContent = std::min(static_cast<std::size_t>(std::max(bytes, 0)), HttpLimits::kContent);
-}
+void HttpResponseClient::setReadLimits(const HttpReadLimits& limits) { d->setLimits(limits); }
 
 QHostAddress HttpResponseClient::peerAddress() const { return d->m_socket.peerAddress(); }
 

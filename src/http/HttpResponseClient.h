@@ -2,6 +2,7 @@
 
 #include <KepNuvikaUtil/Buffer.h>
 #include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
@@ -25,8 +26,8 @@
 /// emission only.
 /// Lifetime: a handler of any signal may shut down or delete the connection. The object stays after the
 /// connection has ended, which disconnected() tells.
-/// Errors: error() for a request that is no HTTP or exceeds a limit (head 1 MiB, part 64 MiB, content
-/// setMaxContentSize()), for a socket error, and for a response() without a connection. Inside error() after
+/// Errors: error() for a request that is no HTTP or exceeds a limit
+/// (setReadLimits()), for a socket error, and for a response() without a connection. Inside error() after
 /// a bad request the owner may still respond (with 400, say); the connection closes behind that.
 /// Memory: what the peer does not read waits here, and while anything waits no further request is read. A
 /// server of live pictures asks canSendContent() and skips a picture when it says no.
@@ -56,8 +57,8 @@ public:
     /// does so again.
     bool canSendContent() const;
     bool isConnected() const;
-    /// Bytes of a collected request body before error(); 1 GiB unless set.
-    void setMaxContentSize(int bytes);
+    /// For the requests to come; a server rarely wants the default of 1 GiB for a collected body.
+    void setReadLimits(const HttpReadLimits& limits);
 
     QHostAddress peerAddress() const;
     unsigned short peerPort() const;

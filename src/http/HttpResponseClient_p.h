@@ -35,6 +35,11 @@ public:
         bool bOldKeepAlive; // an HTTP/1.0 client keeps a connection only where the answer says so
     };
 
+    void setLimits(const HttpReadLimits& limits)
+    {
+        m_limits = limits;
+        m_reader.setLimits(limits);
+    }
     void dataReceived(const char* data, int size);
     void respond(const HttpResponseHeader& header, bool bMore, const SharedPoolBuffer* body);
     bool sendContent(const KepNuvikaUtil::BUFFER* ranges, int count);
@@ -66,11 +71,11 @@ private:
 
 public:
     NuvikaTcpSocket m_socket;
-    std::size_t m_nMaxContent = Nuvika::HttpLimits::kContent;
 
 private:
     Nuvika::PoolOwner m_pPool{new SharedBufferPool};
     State m_state = eDisconnected;
+    HttpReadLimits m_limits;
     Nuvika::HttpMessageReader m_reader;
     HttpRequestHeader m_requestHeader;
     HttpResponseHeader m_responseHeader;

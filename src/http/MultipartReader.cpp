@@ -1,7 +1,5 @@
 #include "http/MultipartReader_p.h"
 
-#include "http/HttpLimits_p.h"
-
 #include <algorithm>
 #include <cstring>
 #include <strings.h>
@@ -41,9 +39,10 @@ const char* fieldValue(const std::string& line, const char* name)
 }
 } // namespace
 
-void MultipartReader::start(const QByteArray& boundary)
+void MultipartReader::start(const QByteArray& boundary, const HttpReadLimits& limits)
 {
     *this = MultipartReader();
+    m_limits = limits;
     m_boundary = withoutLeadingDashes(boundary.toStdString());
 }
 
@@ -143,10 +142,10 @@ bool MultipartReader::takeHeadLine()
         if (digits == 0 || digits > kMaxLengthDigits || text[digits] != '\0')
             return false;
         long long length = 0;
-        for (std::size_t i = 0; i < digits && length <= static_cast<long long>(HttpLimits::kPart); ++i)
+        for (std::size_t i = 0; i < digits && length <= m_limits.nPart; ++i)
             length = length * 10 + (text[i] - '0');
         m_nPartLength = length;
-        return length <= static_cast<long long>(HttpLimits::kPart);
+        return length <= m_limits.nPart;
     }
     return true;
 }
@@ -154,7 +153,7 @@ bool MultipartReader::takeHeadLine()
 MultipartReader::Event MultipartReader::readHead()
 {
     bool bTooLong = false;
-    const bool bLine = readLine(HttpLimits::kHead, &bTooLong);
+    const bool bLine = readLine(static_cast<std::size_t>(m_limits.nHead), &bTooLong);
     if (bTooLong)
         return fail();
     if (!bLine)
@@ -162,7 +161,8 @@ MultipartReader::Event MultipartReader::readHead()
     m_nHeadSize += m_line.size();
     trimRight(&m_line);
     if (!m_line.empty())
-        return m_nHeadSize > HttpLimits::kHead || !takeHeadLine() ? fail() : Event::NeedMore;
+        return m_nHeadSize > static_cast<std::size_t>(m_limits.nHead) || !takeHeadLine() ? fail()
+                                                                                         : Event::NeedMore;
     m_state = m_nPartLength >= 0 ? State::Sized : State::Unsized;
     m_buffer.clear();
     m_nSearched = 0;
@@ -195,7 +195,7 @@ MultipartReader::Event MultipartReader::readSized()
 MultipartReader::Event MultipartReader::readUnsized()
 {
     const std::size_t before = m_buffer.size();
-    if (before + m_nIn > HttpLimits::kPart)
+    if (before + m_nIn > static_cast<std::size_t>(m_limits.nPart))
         return fail();
     m_buffer.append(m_pIn, m_nIn);
     const std::string delimiter = "--" + m_boundary;

@@ -8,6 +8,8 @@
 // without.
 #pragma once
 
+#include <KepNuvikaUtil/HttpReadLimits.h>
+
 #include <QtCore/QByteArray>
 
 #include <cstddef>
@@ -21,7 +23,7 @@ public:
     enum class Event { NeedMore, Part, Skipped, Failed };
 
     // The boundary parameter as announced, without quotes.
-    void start(const QByteArray& boundary);
+    void start(const QByteArray& boundary, const HttpReadLimits& limits);
     // The piece must stay in place until next() says NeedMore.
     void feed(const char* data, std::size_t size)
     {
@@ -48,6 +50,7 @@ private:
     Event finishPart(const char* data, std::size_t size);
     Event fail();
 
+    HttpReadLimits m_limits;
     const char* m_pIn = nullptr;
     std::size_t m_nIn = 0;
     State m_state = State::Boundary;

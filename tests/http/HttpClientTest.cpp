@@ -280,6 +280,30 @@ TEST(HttpClient, FailsClearlyOnWhatIsNoHttp)
         << "an answer nobody asked for must not meet the next request";
 }
 
+TEST(HttpClient, KeepsToTheLimitsThatWereSet)
+{
+    Exchange x;
+    HttpReadLimits limits;
+    limits.nHead = 200;
+    limits.nContent = 10;
+    limits.nPart = 20;
+    x.client->setReadLimits(limits);
+    const QByteArray part = "--b\r\ncontent-length: 21\r\n\r\n";
+    int id = 0;
+    for (const QByteArray& answer :
+        {ok("X: " + QByteArray(200, 'x') + "\r\n"), ok("content-length: 11\r\n", "elevenbytes"),
+            ok("content-type: multipart/x-mixed-replace; boundary=b\r\n", part)}) {
+        x.get();
+        x.request();
+        x.server.write(answer);
+        ++id;
+        ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("failed%1").arg(id)); }))
+            << answer.constData();
+        EXPECT_TRUE(x.events.contains(QStringLiteral("error 10053")));
+        EXPECT_TRUE(waitFor([&] { return x.server.atEnd(); }));
+    }
+}
+
 TEST(HttpClient, DiscardsAndCancels)
 {
     Exchange x;

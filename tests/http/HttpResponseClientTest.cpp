@@ -197,7 +197,9 @@ TEST(HttpResponseClient, AnswersABadRequestAndEnds)
         EXPECT_FALSE(s.events.filter(QStringLiteral("smuggled")).size() > 0) << bad;
     }
     Served large;
-    large.server->setMaxContentSize(1000);
+    HttpReadLimits limits;
+    limits.nContent = 1000;
+    large.server->setReadLimits(limits);
     large.client.write("POST / HTTP/1.1\r\nContent-Length: 5000\r\n\r\n" + QByteArray(5000, 'x'));
     ASSERT_TRUE(waitFor([&] { return large.events.contains(QStringLiteral("error")); }));
     EXPECT_TRUE(waitFor([&] { return large.client.atEnd(); })) << "closes without an answer too";
