@@ -41,6 +41,11 @@ void WebServer::accept(int descriptor)
     connection->setReadLimits(limits);
     connect(connection, &HttpResponseClient::requestReceived, this,
         [this, connection](const HttpRequestHeader& request) { m_handler(*connection, request); });
+    connect(connection, &HttpResponseClient::contentChunk, this,
+        [this, connection](const HttpRequestHeader& request, const char*, int size) {
+            if (size == 0) // the end of a chunked request, whose content nobody here wants
+                m_handler(*connection, request);
+        });
     connect(connection, &HttpResponseClient::error, this, [this, connection] {
         if (connection->isConnected())
             answer(*connection, 400, "bad request\n", "text/plain");
