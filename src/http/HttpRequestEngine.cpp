@@ -3,10 +3,8 @@
 #include "core/Log_p.h"
 #include "http/HttpCredentials_p.h"
 #include "http/HttpLimits_p.h"
-#include "platform/ErrorCodes_p.h"
 
 #include <algorithm>
-#include <cstring>
 
 using namespace Nuvika;
 
