@@ -5,10 +5,10 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/InterfaceIndex_p.h"
 #include "net/NuvikaTcpSocketIO_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
-#include "platform/Resolver_p.h"
 #include "platform/Sockets_p.h"
 
 #include <QtCore/QSocketNotifier>
@@ -27,13 +27,6 @@ uint nextConnectId()
 {
     static std::atomic<uint> s_nConnectId{0};
     return ++s_nConnectId;
-}
-
-uint scopeId(const QHostAddress& address)
-{
-    bool bNumber = false;
-    const uint id = address.scopeId().toUInt(&bNumber);
-    return bNumber ? id : Resolver::interfaceIndex(address.scopeId().toStdString());
 }
 
 bool isUsable(const QHostAddress& address)
@@ -163,7 +156,7 @@ bool NuvikaTcpSocketConnect::doConnect(const QHostAddress& address)
     NuvikaLLSock::ADDR_V4_V6 target{};
     NuvikaLLSock::createSockAddr(&target, address, m_nPort);
     if (target.sa.sa_family == AF_INET6)
-        target.v6.sin6_scope_id = scopeId(address);
+        target.v6.sin6_scope_id = scopeIndex(address);
 
     int code = 0;
     const int result = NuvikaLLSock::WSAConnect(m_nSocket, &target.sa, sockAddrLength(target));

@@ -9,7 +9,7 @@ constexpr QEvent::Type kError = static_cast<QEvent::Type>(1001);
 constexpr QEvent::Type kDisconnected = static_cast<QEvent::Type>(1002);
 constexpr QEvent::Type kDataReceived = static_cast<QEvent::Type>(1003);
 constexpr QEvent::Type kCanSend = static_cast<QEvent::Type>(1004);
-constexpr QEvent::Type kAllSent = static_cast<QEvent::Type>(1005);
+constexpr QEvent::Type kAllSent = static_cast<QEvent::Type>(1006);
 } // namespace NuvikaTcpSocketEventType
 
 class NuvikaTcpSocketErrorEvent : public QEvent

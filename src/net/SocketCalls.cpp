@@ -11,6 +11,9 @@
 
 #include <cstring>
 #include <memory>
+#include <vector>
+
+#include <sys/uio.h>
 
 using namespace Nuvika;
 
@@ -87,6 +90,29 @@ struct DoSendTo final : SocketCall {
     int call() override { return Sockets::sendTo(s, data, len, flags, to, tolen); }
 };
 
+struct DoSendMany final : SocketCall {
+    int s;
+    const KepNuvikaUtil::BUFFER* datagrams;
+    int count;
+    const sockaddr* to;
+    int tolen;
+    DoSendMany(int s_, const KepNuvikaUtil::BUFFER* datagrams_, int count_, const sockaddr* to_, int tolen_)
+        : s(s_), datagrams(datagrams_), count(count_), to(to_), tolen(tolen_)
+    {
+    }
+    int call() override
+    {
+        m_ranges.reserve(static_cast<std::size_t>(count));
+        for (int i = 0; i < count; ++i)
+            m_ranges.push_back(
+                {const_cast<char*>(datagrams[i].pData), static_cast<std::size_t>(datagrams[i].nLen)});
+        return Sockets::sendDatagrams(s, m_ranges.data(), count, to, tolen);
+    }
+
+private:
+    std::vector<iovec> m_ranges;
+};
+
 struct DoSetSockOpt final : SocketCall {
     int s;
     int level;
@@ -136,6 +162,13 @@ int NuvikaLLSock::sendto(int s, const void* data, unsigned int len, int flags, c
 {
     return DoSendTo(s, data, len, flags, to, tolen)
         .execute("NuvikaLLSock::sendto(): QueueUserWorkItem failed");
+}
+
+int NuvikaLLSock::sendmany(
+    int s, const KepNuvikaUtil::BUFFER* datagrams, int count, const sockaddr* to, int tolen)
+{
+    return DoSendMany(s, datagrams, count, to, tolen)
+        .execute("NuvikaLLSock::sendmany(): QueueUserWorkItem failed");
 }
 
 int NuvikaLLSock::setsockopt(int s, int level, int optname, const void* optval, int optlen)

@@ -7,6 +7,7 @@
 /// error as it was.
 #pragma once
 
+#include <KepNuvikaUtil/Buffer.h>
 #include <KepNuvikaUtil/Export.h>
 
 #include <QtNetwork/QHostAddress>
@@ -29,6 +30,11 @@ KEPNUVIKAUTIL_EXPORT int shutdownWrite(int s);
 /// Bytes sent, or -1. Never raises SIGPIPE.
 KEPNUVIKAUTIL_EXPORT int sendto(
     int s, const void* data, unsigned int len, int flags, const sockaddr* to, int tolen);
+/// Sends each of \a count ranges as a datagram to one address: one hand-over, and one system call for up to
+/// 1024 of them. Returns how many went; fewer than \a count leave a last error, and -1 means that the first
+/// failed.
+KEPNUVIKAUTIL_EXPORT int sendmany(
+    int s, const KepNuvikaUtil::BUFFER* datagrams, int count, const sockaddr* to, int tolen);
 KEPNUVIKAUTIL_EXPORT int setsockopt(int s, int level, int optname, const void* optval, int optlen);
 /// Writes the local address to \a name; \a namelen holds its room on entry.
 KEPNUVIKAUTIL_EXPORT int getsockname(int s, const void* name, int* namelen);

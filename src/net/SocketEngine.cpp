@@ -8,7 +8,10 @@
 
 using namespace Nuvika;
 
-SocketEngine::SocketEngine(int nSocket) : m_nSocket(nSocket), m_channel(nSocket, *this) { }
+SocketEngine::SocketEngine(int nSocket, Channel::Kind kind)
+    : m_nSocket(nSocket), m_channel(nSocket, *this, kind)
+{
+}
 
 SocketEngine::~SocketEngine() = default;
 

@@ -18,11 +18,12 @@ protected:
     enum State { eIdle = 0, eXFer = 1, eShutdownPending = 2, eClosed = 3 };
 
     // Takes the descriptor.
-    explicit SocketEngine(int nSocket);
+    explicit SocketEngine(int nSocket, Nuvika::Channel::Kind kind = Nuvika::Channel::eStream);
     virtual ~SocketEngine();
 
     void postReceive(Nuvika::Transfer& transfer, void* buffer, std::size_t size);
     std::size_t postSend(Nuvika::Transfer& transfer);
+    void cancelReceives() { m_channel.cancelReceives(); }
     bool hasPendingCompletions() const { return m_nBusy > 0; }
 
     virtual void received(Nuvika::Transfer& transfer) = 0;

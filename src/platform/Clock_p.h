@@ -1,4 +1,4 @@
-// Private: monotonic time.
+// Private: monotonic and wall-clock time, and sleeping.
 #pragma once
 
 #include <cstdint>
@@ -8,4 +8,7 @@ namespace Nuvika::Clock
 // Milliseconds cut to 32 bits: they wrap every 49.7 days. Differences are taken unsigned.
 std::uint32_t monotonicMs();
 std::uint64_t monotonicNs();
+// Since 1970, UTC.
+std::uint64_t wallClockMs();
+void sleepMs(std::uint32_t ms);
 } // namespace Nuvika::Clock

@@ -14,6 +14,8 @@
 //    socket and no timer starves.
 // 7. Closing a channel ends its connection at once; only the freeing waits for the loop. When a thread's port
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
+// 8. One system call fills all receives that are posted on a channel of datagrams; each still completes
+// alone.
 //
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
 // that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
@@ -67,6 +69,16 @@ private:
     bool m_bDone = false;
 };
 
+// A receive on a channel of datagrams. One that was longer than the buffer completes with 10040.
+class DatagramReceive : public Transfer
+{
+public:
+    static constexpr std::size_t kSenderSize = 28;
+
+    // The sender's sockaddr.
+    alignas(8) std::array<unsigned char, kSenderSize> sender{};
+};
+
 class TransferHandler
 {
 public:
@@ -83,6 +95,7 @@ class TransferQueue
 public:
     bool isEmpty() const { return m_pFirst == nullptr; }
     Transfer* first() const { return m_pFirst; }
+    static Transfer* next(const Transfer& transfer) { return transfer.m_pNext; }
     bool firstIsDone() const { return m_pFirst != nullptr && m_pFirst->m_bDone; }
     bool lastIsDone() const { return m_pFirst == nullptr || m_pLast->m_bDone; }
     void append(Transfer& transfer);
@@ -94,16 +107,22 @@ private:
     Transfer* m_pLast = nullptr;
 };
 
-// One connected socket in its thread's port. The descriptor stays the caller's, who closes it after close().
+// One socket in its thread's port: a connected stream, or one that receives datagrams. The descriptor stays
+// the caller's, who closes it after close().
 class Channel
 {
 public:
-    Channel(int socket, TransferHandler& handler);
+    enum Kind { eStream, eDatagrams };
+
+    Channel(int socket, TransferHandler& handler, Kind kind = eStream);
     ~Channel(); // nothing may be busy
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
+    // On a channel of datagrams every transfer is a DatagramReceive.
     void postReceive(Transfer& transfer, void* buffer, std::size_t size);
+    // Completes the receives that are still waiting with 995.
+    void cancelReceives();
     // Returns the bytes that left at once; the rest follows as the socket takes it.
     std::size_t postSend(Transfer& transfer);
     // A send that was posted has bytes left: a further one would only wait behind it.
@@ -118,6 +137,8 @@ private:
     void ready(unsigned int events);
     bool serveOne(); // false: this channel is gone
     Transfer* nextReceive();
+    bool receiveSome(Transfer& transfer);
+    bool receiveBatch();
     Transfer* nextSend();
     bool trySend(Transfer& transfer);
     void schedule();
@@ -130,6 +151,7 @@ private:
     Channel* m_pNext = nullptr;
     int m_nSocket;
     int m_nSendError = 0;
+    const Kind m_kind;
     bool m_bInLine = false;
     bool m_bReadable = false;
     bool m_bWritable = true;

@@ -10,6 +10,7 @@ struct iovec;
 namespace Nuvika::Sockets
 {
 int openStream(int family);
+int openDatagram(int family);
 int bind(int s, const sockaddr* address, int length);
 int close(int s);
 int shutdownWrite(int s);
@@ -33,6 +34,28 @@ void setReuseAddress(int s);
 // Transfers that never block. Bytes moved, or -1 with kWouldBlock or another code as last error.
 long receive(int s, void* data, std::size_t size);
 long send(int s, const iovec* ranges, int count);
+
+// A buffer for one datagram and, after the call, what came into it.
+struct ReceivedDatagram {
+    void* data;
+    std::size_t size;
+    void* sender; // room for senderSize bytes
+    std::size_t senderSize;
+    std::size_t received; // bytes
+    bool bTruncated;
+};
+// The most datagrams of one call.
+constexpr int kMaxBatch = 16;
+// Datagrams received by one system call, or -1 as above.
+int receiveDatagrams(int s, ReceivedDatagram* datagrams, int count);
+// Sends each range as a datagram to one address, in as few system calls as the system allows. Returns how
+// many went; fewer than count leaves a last error, and -1 means that the first failed.
+int sendDatagrams(int s, const iovec* datagrams, int count, const sockaddr* to, int length);
+// A socket hears only the groups that it has joined itself, not those of the host's other sockets.
+void setOwnGroupsOnly(int s, int family);
+// An IPv6 socket is for IPv6 only.
+void setIPv6Only(int s);
+
 // Bytes, the peer's end or an error wait to be received.
 bool hasInput(int s);
 } // namespace Nuvika::Sockets

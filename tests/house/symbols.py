@@ -14,6 +14,7 @@ for folder, _, files in os.walk(os.path.join(top, "src")):
             text = file.read()
         names.update(re.findall(r"class KEPNUVIKAUTIL_EXPORT (\w+)", text))
         names.update(re.findall(r"KEPNUVIKAUTIL_EXPORT [\w:<>*& ]*?[ *&](\w+|operator[<>]+)\(", text))
+        names.update(re.findall(r"KEPNUVIKAUTIL_EXPORT extern const \w+ (\w+);", text))
         names.update(re.findall(r"^namespace (\w+)", text, re.M))
 out = subprocess.run(["nm", "-DC", "--defined-only", library], capture_output=True, text=True, check=True).stdout
 strangers = []

@@ -10,11 +10,14 @@
 namespace seams
 {
 std::atomic<long long> clockOffsetMs{0};
+std::atomic<bool> bVirtualSleep{false};
 Fault threadCreation;
 Fault accepting;
 Fault sending;
 Fault receiving;
 Fault settingOptions;
+Fault opening;
+Fault receivingMany;
 
 bool Fault::fires()
 {
@@ -62,6 +65,10 @@ ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 ssize_t __real_recv(int fd, void* data, size_t size, int flags);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
 
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left);
+int __real_socket(int family, int type, int protocol);
+int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
+
 int __wrap_clock_gettime(clockid_t clock, timespec* now)
 {
     const int result = __real_clock_gettime(clock, now);
@@ -103,6 +110,24 @@ int __wrap_pthread_create(
 int __wrap_accept4(int fd, sockaddr* address, socklen_t* length, int flags)
 {
     return seams::accepting.fires() ? -1 : __real_accept4(fd, address, length, flags);
+}
+
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left)
+{
+    if (!seams::bVirtualSleep)
+        return __real_clock_nanosleep(clock, flags, wanted, left);
+    seams::clockOffsetMs += wanted->tv_sec * 1000 + wanted->tv_nsec / 1000000;
+    return 0;
+}
+
+int __wrap_socket(int family, int type, int protocol)
+{
+    return seams::opening.fires() ? -1 : __real_socket(family, type, protocol);
+}
+
+int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)
+{
+    return seams::receivingMany.fires() ? -1 : __real_recvmmsg(fd, messages, count, flags, timeout);
 }
 
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)

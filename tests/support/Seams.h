@@ -11,8 +11,10 @@
 
 namespace seams
 {
-// Added to the monotonic clock.
+// Added to every clock.
 extern std::atomic<long long> clockOffsetMs;
+// Sleeping moves the clock instead of taking time.
+extern std::atomic<bool> bVirtualSleep;
 
 // Names that the resolver knows; any other is asked of the system.
 struct Resolver {
@@ -44,4 +46,6 @@ extern Fault accepting;
 extern Fault sending;
 extern Fault receiving;
 extern Fault settingOptions;
+extern Fault opening;
+extern Fault receivingMany;
 } // namespace seams

@@ -81,8 +81,8 @@ void TransferQueue::finishAll(int nError)
 
 // --- Channel -------------------------------------------------------------------------------------------
 
-Channel::Channel(int socket, TransferHandler& handler)
-    : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket)
+Channel::Channel(int socket, TransferHandler& handler, Kind kind)
+    : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket), m_kind(kind)
 {
     m_pPort->add(*this, socket);
 }
@@ -175,24 +175,65 @@ Transfer* Channel::nextReceive()
 {
     if (m_receives.isEmpty())
         return nullptr;
-    Transfer& transfer = *m_receives.first();
-    if (!transfer.m_bDone) {
-        if (!m_bReadable)
+    if (!m_receives.firstIsDone()) {
+        const bool bDone
+            = m_bReadable && (m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first()));
+        if (!bDone)
             return nullptr;
-        const std::size_t size = transfer.m_nLeft;
-        const long got = Sockets::receive(m_nSocket, transfer.ranges[0].iov_base, size);
-        if (got < 0 && ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
-            m_bReadable = false;
-            return nullptr;
-        }
-        // A short read has emptied the socket: the next byte raises a new edge. Not so behind the peer's
-        // end, whose edge has been seen.
-        if (static_cast<std::size_t>(std::max(got, 0L)) < size && !m_bEnding)
-            m_bReadable = false;
-        transfer.m_nBytes = static_cast<std::size_t>(std::max(got, 0L));
-        transfer.finish(got < 0 ? ErrorCodes::lastError() : got == 0 ? m_nSendError : 0);
     }
     return m_receives.takeFirst();
+}
+
+bool Channel::receiveSome(Transfer& transfer)
+{
+    const std::size_t size = transfer.m_nLeft;
+    const long got = Sockets::receive(m_nSocket, transfer.ranges[0].iov_base, size);
+    if (got < 0 && ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
+        m_bReadable = false;
+        return false;
+    }
+    // A short read has emptied the socket: the next byte raises a new edge. Not so behind the peer's end,
+    // whose edge has been seen.
+    if (static_cast<std::size_t>(std::max(got, 0L)) < size && !m_bEnding)
+        m_bReadable = false;
+    transfer.m_nBytes = static_cast<std::size_t>(std::max(got, 0L));
+    transfer.finish(got < 0 ? ErrorCodes::lastError() : got == 0 ? m_nSendError : 0);
+    return true;
+}
+
+bool Channel::receiveBatch()
+{
+    std::array<Sockets::ReceivedDatagram, Sockets::kMaxBatch> batch;
+    int count = 0;
+    for (Transfer* transfer = m_receives.first(); transfer != nullptr && count < Sockets::kMaxBatch;
+         transfer = TransferQueue::next(*transfer)) {
+        auto& receive = static_cast<DatagramReceive&>(*transfer);
+        batch[static_cast<std::size_t>(count++)] = {receive.ranges[0].iov_base, receive.m_nLeft,
+            receive.sender.data(), receive.sender.size(), 0, false};
+    }
+    const int got = Sockets::receiveDatagrams(m_nSocket, batch.data(), count);
+    if (got < 0) {
+        if (ErrorCodes::lastError() != ErrorCodes::kWouldBlock) {
+            m_receives.first()->finish(ErrorCodes::lastError());
+            return true;
+        }
+        m_bReadable = false;
+        return false;
+    }
+    m_bReadable = got == count; // fewer have emptied the socket: the next one raises a new edge
+    Transfer* transfer = m_receives.first();
+    for (int i = 0; i < got; ++i, transfer = TransferQueue::next(*transfer)) {
+        const Sockets::ReceivedDatagram& datagram = batch[static_cast<std::size_t>(i)];
+        transfer->m_nBytes = datagram.received;
+        transfer->finish(datagram.bTruncated ? ErrorCodes::kMessageSize : 0);
+    }
+    return true;
+}
+
+void Channel::cancelReceives()
+{
+    m_receives.finishAll(ErrorCodes::kCancelled);
+    schedule();
 }
 
 bool Channel::serveOne()

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <KepNuvikaUtil/Export.h>
+
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <QtCore/QTimer>
+
+#include <optional>
+
+class RTPPacket;
+
+/// Counts the packets of one received RTP stream and, at an interval, turns the counts into a data rate and a
+/// loss rate, which it logs, emits, or both; then it counts afresh.
+///
+/// Loss is counted from jumps of the sequence number. A packet up to 100 numbers behind the last is taken for
+/// a late one or a duplicate: it counts as received, and takes no loss back. One that is further behind
+/// counts as a jump ahead.
+///
+/// Threads: update() and the timer run in the thread that owns the object.
+/// Lifetime: a handler of sigStatistics() may stop or delete the object.
+class KEPNUVIKAUTIL_EXPORT RtpStatistics : public QObject
+{
+    Q_OBJECT
+public:
+    explicit RtpStatistics(QObject* parent = nullptr);
+
+    /// Counts from now on under a new \a description. With neither \a log nor \a emitSignal it only counts.
+    void start(const char* description, unsigned int intervalMs, bool log, bool emitSignal);
+    /// Counts afresh; description, interval and flags stay.
+    void restart();
+    void stop();
+    /// Counts one packet, if started.
+    void update(const RTPPacket& packet);
+
+signals:
+    /// \a numOfTicks: the measured interval in milliseconds; \a dataRate in Mbit/s, headers included;
+    /// \a looseRate in percent.
+    void sigStatistics(const QString& strDesc, unsigned int numOfTicks, double dataRate,
+        unsigned int packetsReceived, unsigned int packetsLost, double looseRate);
+
+private slots:
+    void slotPrintStats();
+
+private:
+    void reset();
+    void countLoss(quint16 seqNum);
+
+    bool m_bLog = false;
+    bool m_bSignal = false;
+    bool m_bRunning = false;
+    quint32 m_nIntervalStart;
+    quint32 m_nBytes = 0;
+    quint32 m_nReceived = 0;
+    quint32 m_nLost = 0;
+    QTimer m_printTimer;
+    std::optional<quint16> m_lastSeqNum;
+    QString m_description;
+};

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <KepNuvikaUtil/Export.h>
+
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <QtNetwork/QHostAddress>
+
+#include <vector>
+
+class NuvikaUdpReceiverIO;
+
+/// Receives datagrams on one UDP socket, IPv4 or IPv6, unicast or multicast, and hands each to registered
+/// callbacks, without a copy.
+///
+/// Ten receives are outstanding, filled together by one system call. A datagram longer than their buffers
+/// (1500 bytes at first) is dropped; their size doubles then, and whatever had arrived into smaller buffers
+/// by that moment is dropped with it. Empty datagrams are not handed out.
+///
+/// Threads: every member is called on the owner thread, which needs an event loop; callbacks run there.
+///
+/// Lifetime: a callback may add and remove callbacks, itself included, and close or delete the receiver. One
+/// that was added meanwhile gets the next datagram; after a close the others still get the present one.
+///
+/// Errors: false, with errorString() and a log record. A create that failed leaves no socket.
+class KEPNUVIKAUTIL_EXPORT NuvikaUdpReceiver : public QObject
+{
+    Q_OBJECT
+public:
+    /// What a callback gets, valid only during the call.
+    struct Datagram {
+        const char* pData;
+        qint32 nSize; ///< bytes
+        quint16 nFamily; ///< of the sender: 2 for IPv4, 23 for IPv6
+        quint32 nIPv4; ///< the sender, host byte order; for IPv4
+        const unsigned char* pIPv6; ///< the sender, 16 bytes; null for IPv4
+        quint16 nPort; ///< the sender's, host byte order
+    };
+    using Callback = void (*)(const NuvikaUdpReceiver::Datagram*, void*);
+
+    explicit NuvikaUdpReceiver(QObject* parent = nullptr);
+    ~NuvikaUdpReceiver() override;
+
+    /// Receives what comes to this address, which is not null. A \a port of 0 takes a free one, and holds it
+    /// afterwards.
+    bool createUnicast(unsigned short& port, const QHostAddress& localAddress);
+    /// Receives what comes to this group over the interface with that address; a null one leaves the choice
+    /// to the system. Several receivers may share a group and port, and each gets every datagram.
+    bool createMulticast(
+        unsigned short& port, const QHostAddress& group, const QHostAddress& interfaceAddress);
+    void close();
+
+    /// -1 when closed.
+    int socketDescriptor();
+    QString errorString() const;
+    /// A null address when closed; the group's of a multicast receiver.
+    QHostAddress localAddress();
+    unsigned short localPort() const;
+    /// What the system keeps while the thread is busy, 65536 bytes at first. Only with a socket.
+    bool setReceiveBufferSize(int bytes);
+
+    /// Callbacks are called in the order of registration; a pair that is there already is not added again.
+    void registerCallback(void (*callback)(const NuvikaUdpReceiver::Datagram*, void*), void* context);
+    void removeCallback(void (*callback)(const NuvikaUdpReceiver::Datagram*, void*), void* context);
+
+protected:
+    void customEvent(QEvent* event) override;
+
+private:
+    struct Registration {
+        Callback callback; // null: removed during a delivery
+        void* context;
+        bool operator==(const Registration& other) const
+        {
+            return callback == other.callback && context == other.context;
+        }
+    };
+    struct Creation;
+
+    bool create(unsigned short& port, const QHostAddress& address, const Creation& creation);
+    bool fail(const char* format);
+    void deliver(const Datagram& datagram);
+
+    std::vector<Registration> m_callbacks;
+    int m_nDelivering = 0; // deliveries on the stack
+    NuvikaUdpReceiverIO* m_pIO = nullptr; // ends itself after detach()
+    int m_nSocket = -1;
+    QString m_errorString;
+};

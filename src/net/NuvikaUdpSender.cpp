@@ -1,0 +1,176 @@
+#include <KepNuvikaUtil/NuvikaUdpSender.h>
+
+#include <KepNuvikaUtil/SocketError.h>
+
+#include "core/Log_p.h"
+#include "net/SocketAddress_p.h"
+#include "platform/ErrorCodes_p.h"
+#include "platform/Sockets_p.h"
+
+#include <algorithm>
+
+#include <netinet/in.h>
+
+using namespace Nuvika;
+
+namespace
+{
+constexpr int kSendBuffer = 65536;
+} // namespace
+
+struct NuvikaUdpSender::Socket {
+    explicit Socket(int nSocket) : s(nSocket) { }
+    ~Socket()
+    {
+        // Without a worker the descriptor must not leak: the plain call does it then.
+        if (NuvikaLLSock::closesocket(s) == ErrorCodes::kCallFailure)
+            Sockets::close(s);
+    }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+
+    const int s;
+    bool bBound = false;
+};
+
+NuvikaUdpSender::NuvikaUdpSender()
+{
+    if (!openSocket("NuvikaUdpSender::NuvikaUdpSender() socket creation failed: %s"))
+        return;
+    setOption(SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer,
+        "NuvikaUdpSender::NuvikaUdpSender(): SO_SNDBUF failed: %s");
+    if (!NuvikaLLSock::setNonBlocking(m_pSocket->s, true)) {
+        m_errorString = SocketError::formatLast();
+        NUVIKA_WARNING(
+            lcNet, "NuvikaUdpSender::NuvikaUdpSender(): FIONBIO failed: %s", qUtf8Printable(m_errorString));
+    }
+}
+
+int NuvikaUdpSender::descriptor() const { return m_pSocket ? m_pSocket->s : -1; }
+
+bool NuvikaUdpSender::openSocket(const char* failureText)
+{
+    const int s = Sockets::openDatagram(AF_INET);
+    if (s < 0) {
+        m_errorString = SocketError::formatLast();
+        NUVIKA_CRITICAL(lcNet, failureText, qUtf8Printable(m_errorString));
+        return false;
+    }
+    m_pSocket = std::make_shared<Socket>(s);
+    return true;
+}
+
+bool NuvikaUdpSender::checkSock()
+{
+    return m_pSocket || openSocket("NuvikaUdpSender::checkSock() socket creation failed: %s");
+}
+
+bool NuvikaUdpSender::bind(const NuvikaLLSock::ADDR_V4_V6& address)
+{
+    if (!checkSock())
+        return false;
+    // An address of no family would be taken by the system for every address.
+    const bool bFamily = address.sa.sa_family != AF_UNSPEC;
+    if (!bFamily)
+        ErrorCodes::setLastError(ErrorCodes::kFamilyNotSupported);
+    if (!bFamily || NuvikaLLSock::bind(m_pSocket->s, &address.sa, sizeof address) != 0) {
+        m_errorString = SocketError::formatLast();
+        NUVIKA_WARNING(lcNet, "NuvikaUdpSender::bind() failed; %s", qUtf8Printable(m_errorString));
+        return false;
+    }
+    m_pSocket->bBound = true;
+    return true;
+}
+
+bool NuvikaUdpSender::bind(unsigned short port, const QHostAddress& address)
+{
+    NuvikaLLSock::ADDR_V4_V6 local;
+    NuvikaLLSock::createSockAddr(&local, address, port);
+    return bind(local);
+}
+
+bool NuvikaUdpSender::checkBound()
+{
+    return (m_pSocket && m_pSocket->bBound) || bind(0, QHostAddress(QHostAddress::AnyIPv4));
+}
+
+bool NuvikaUdpSender::sendTo(const void* data, int size, const NuvikaLLSock::ADDR_V4_V6& destination)
+{
+    if (!checkBound())
+        return false;
+    if (size < 0)
+        ErrorCodes::setLastError(ErrorCodes::kInvalidArgument);
+    else if (NuvikaLLSock::sendto(
+                 m_pSocket->s, data, static_cast<unsigned int>(size), 0, &destination.sa, sizeof destination)
+        == size)
+        return true;
+    m_errorString = SocketError::formatLast();
+    return false;
+}
+
+int NuvikaUdpSender::sendMany(
+    const KepNuvikaUtil::BUFFER* datagrams, int count, const NuvikaLLSock::ADDR_V4_V6& destination)
+{
+    const auto bNegative = [](const KepNuvikaUtil::BUFFER& datagram) { return datagram.nLen < 0; };
+    if (count <= 0 || !checkBound())
+        return 0;
+    if (std::any_of(datagrams, datagrams + count, bNegative)) {
+        m_errorString = SocketError::format(ErrorCodes::kInvalidArgument);
+        return 0;
+    }
+    const int sent
+        = NuvikaLLSock::sendmany(m_pSocket->s, datagrams, count, &destination.sa, sizeof destination);
+    if (sent == count)
+        return count;
+    const bool bRefused = sent == ErrorCodes::kCallFailure;
+    m_errorString = bRefused ? SocketError::format(sent) : SocketError::formatLast();
+    return bRefused ? 0 : std::max(sent, 0);
+}
+
+bool NuvikaUdpSender::setOption(int level, int name, const void* value, int size, const char* failureText)
+{
+    if (!checkSock())
+        return false;
+    if (NuvikaLLSock::setsockopt(m_pSocket->s, level, name, value, size) == 0)
+        return true;
+    m_errorString = SocketError::formatLast();
+    NUVIKA_WARNING(lcNet, failureText, qUtf8Printable(m_errorString));
+    return false;
+}
+
+bool NuvikaUdpSender::setMulticastInterface(const QHostAddress& interfaceAddress)
+{
+    if (interfaceAddress.isNull())
+        return true;
+    // The whole 16-byte record, not the bare address: the system finds the address where ip_mreqn has it.
+    NuvikaLLSock::ADDR_V4_V6 record;
+    NuvikaLLSock::createSockAddr(&record, interfaceAddress, 0);
+    return setOption(IPPROTO_IP, IP_MULTICAST_IF, &record, sizeof record.v4,
+        "NuvikaUdpSender::setMulticastOptions(): Failed setting IP_MULTICAST_IF; %s");
+}
+
+bool NuvikaUdpSender::setMulticastTtl(unsigned int ttl)
+{
+    return setOption(IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl,
+        "NuvikaUdpSender::setMulticastOptions(): Failed setting IP_MULTICAST_TTL; %s");
+}
+
+bool NuvikaUdpSender::setTosBits(unsigned int tos)
+{
+    return setOption(IPPROTO_IP, IP_TOS, &tos, sizeof tos,
+        "NuvikaUdpSender::setMulticastOptions(): Failed setting IP_TOS; %s");
+}
+
+bool NuvikaUdpSender::setSendBufferSize(int bytes)
+{
+    return setOption(SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes,
+        "NuvikaUdpSender::setSendBufferSize(): Failed setting SO_SNDBUF; %s");
+}
+
+void NuvikaUdpSender::close() { m_pSocket.reset(); }
+
+const QString& NuvikaUdpSender::errorString() { return m_errorString; }
+
+QHostAddress NuvikaUdpSender::localAddress() { return localNameOf(descriptor()).address; }
+
+unsigned short NuvikaUdpSender::localPort() const { return localNameOf(descriptor()).port; }

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <KepNuvikaUtil/Buffer.h>
+#include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/SocketCalls.h>
+
+#include <QtCore/QString>
+#include <QtNetwork/QHostAddress>
+
+#include <memory>
+
+/// Sends datagrams, unicast or multicast, from one IPv4 UDP socket that never blocks.
+///
+/// Copies share the socket, and that it is bound; each has its own errorString(). The last of them closes it.
+/// close() lets go of one copy's share: the others go on sending.
+///
+/// Threads: one at a time for all copies together; no event loop is needed. Every socket call runs on a
+/// worker thread while the caller waits, which costs some microseconds: video goes by sendMany().
+///
+/// Errors: false, with errorString(). The socket stays usable; after a close, or where construction failed,
+/// the next bind, option or send makes a new one.
+class KEPNUVIKAUTIL_EXPORT NuvikaUdpSender
+{
+public:
+    NuvikaUdpSender();
+    NuvikaUdpSender(const NuvikaUdpSender& other) = default;
+    NuvikaUdpSender& operator=(const NuvikaUdpSender& other) = default;
+    ~NuvikaUdpSender() = default;
+
+    bool bind(const NuvikaLLSock::ADDR_V4_V6& address);
+    bool bind(unsigned short port, const QHostAddress& address);
+    /// The first send binds to a free port. True when the whole datagram was taken by the system.
+    bool sendTo(const void* data, int size, const NuvikaLLSock::ADDR_V4_V6& destination);
+
+    /// The interface, by its address, that multicasts leave by; a null address changes nothing.
+    bool setMulticastInterface(const QHostAddress& interfaceAddress);
+    bool setMulticastTtl(unsigned int ttl);
+    bool setTosBits(unsigned int tos);
+    /// 65536 bytes at first.
+    bool setSendBufferSize(int bytes);
+
+    void close();
+    const QString& errorString();
+    /// Null and 0 without a socket.
+    QHostAddress localAddress();
+    unsigned short localPort() const;
+
+    /// Sends each buffer as a datagram of its own, such as the packets of a picture: one hand-over, one
+    /// system call for up to 1024. Returns how many went, in order from the first; the socket's buffer may be
+    /// full for the rest, and errorString() tells.
+    int sendMany(
+        const KepNuvikaUtil::BUFFER* datagrams, int count, const NuvikaLLSock::ADDR_V4_V6& destination);
+
+private:
+    struct Socket; // what copies share
+
+    int descriptor() const;
+    bool openSocket(const char* failureText);
+    bool checkSock();
+    bool checkBound();
+    bool setOption(int level, int name, const void* value, int size, const char* failureText);
+
+    std::shared_ptr<Socket> m_pSocket; // null when closed
+    QString m_errorString;
+};

@@ -1,0 +1,182 @@
+#include "support/LogCapture.h"
+
+#include <KepNuvikaUtil/NTPRange.h>
+#include <KepNuvikaUtil/NTPTimestamp.h>
+
+#include <QtCore/QDataStream>
+#include <QtCore/QVariant>
+
+#include <cmath>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <limits>
+
+namespace
+{
+NTPTimestamp raw(quint64 value) { return NTPTimestamp::fromRawHostByteOrder(value); }
+NTPTimestamp seconds(quint64 n) { return raw(n << 32); }
+NTPRange range(quint64 begin, quint64 end) { return NTPRange(seconds(begin), seconds(end)); }
+using Ranges = std::list<NTPRange>;
+
+Ranges combined(Ranges ranges)
+{
+    combineRanges(&ranges);
+    return ranges;
+}
+} // namespace
+
+TEST(NtpTimestamp, TruncatesInAndRoundsOut)
+{
+    EXPECT_EQ(NTPTimestamp::fromMilliseconds(1500).toHostByteOrder(), 0x180000000U);
+    for (const quint64 ms : {quint64(0), quint64(1), quint64(999), quint64(1001), quint64(3913056000123)})
+        EXPECT_EQ(NTPTimestamp::fromMilliseconds(ms).toMilliseconds(), ms);
+    for (quint64 us = 2208988800000000; us < 2208988800001000; ++us)
+        EXPECT_EQ(NTPTimestamp::fromMicroseconds(us).toMicroSeconds(), us);
+    EXPECT_EQ(NTPTimestamp::fromMilliseconds(1).toHostByteOrder(), (quint64(1) << 32) / 1000);
+    EXPECT_EQ(raw(0xFFFFFFFF).toMilliseconds(), 1000U) << "rounded up across the second";
+    EXPECT_EQ(NTPTimestamp::fromMilliseconds(quint64(4294967296) * 1000 + 5).toMilliseconds(), 5U)
+        << "seconds keep 32 bits";
+}
+
+TEST(NtpTimestamp, DividesByAnyRate)
+{
+    EXPECT_EQ(NTPTimestamp::fromDivision(90001, 90000).toHostByteOrder(),
+        (quint64(1) << 32) + (quint64(1) << 32) / 90000);
+    EXPECT_EQ(NTPTimestamp::fromDivision(1, 3).toHostByteOrder(), 0x55555555U);
+    // The remainder's low 32 bits count, whatever the denominator.
+    EXPECT_EQ(NTPTimestamp::fromDivision(quint64(1) << 32, quint64(1) << 33).toHostByteOrder(), 0U);
+    EXPECT_EQ(NTPTimestamp::fromDivision(0xFFFFFFFF, quint64(1) << 32).toHostByteOrder(), 0xFFFFFFFFU);
+}
+
+TEST(NtpTimestamp, ConvertsUnixTimeAndDates)
+{
+    EXPECT_EQ(NTPTimestamp::fromUnixTime(0.0).toHostByteOrder(), quint64(2208988800) << 32);
+    EXPECT_EQ(NTPTimestamp::fromUnixTime(0.0).toUnixTime(), 0.0);
+    EXPECT_EQ(seconds(5).toUnixTime(), 0.0) << "nothing before 1970";
+    EXPECT_DOUBLE_EQ(NTPTimestamp::fromUnixTime(1700000000.25).toUnixTime(), 1700000000.25);
+    EXPECT_EQ(NTPTimestamp::fromUnixTime(0.0000005).toMicroSeconds(), 2208988800000001U)
+        << "half away from zero";
+    EXPECT_EQ(NTPTimestamp::fromUnixTime(-0.0000005).toMicroSeconds(), 2208988799999999U);
+    for (const double odd : {1e300, -1e300, std::nan(""), std::numeric_limits<double>::infinity()})
+        NTPTimestamp::fromUnixTime(odd); // meaningless, but defined
+    const QDateTime date(QDate(2026, 11, 21), QTime(1, 2, 3, 456), Qt::UTC);
+    EXPECT_EQ(NTPTimestamp::fromDateTime(date).toDateTime(), date);
+    EXPECT_EQ(NTPTimestamp::fromDateTime(date.toOffsetFromUtc(7200)).toString(false),
+        QStringLiteral("2026-11-21T01:02:03.456"));
+    EXPECT_EQ(NTPTimestamp().toString(false), QStringLiteral("1900-01-01T00:00:00.000"));
+    EXPECT_EQ(NTPTimestamp::fromDateTime(date).toString(true),
+        date.toLocalTime().toString(QStringLiteral("yyyy-MM-ddThh:mm:ss.zzz")));
+    EXPECT_TRUE(NTPTimestamp().isNull());
+}
+
+TEST(NtpTimestamp, ReadsAndWritesHexAndStreams)
+{
+    const NTPTimestamp t = raw(0x123456789ABCDEF0);
+    char text[18] = "................."; // 17 dots
+    t.toHex(text);
+    EXPECT_STREQ(text, "123456789ABCDEF0.") << "16 characters and no terminator";
+    const auto hex = [](const char* s) {
+        return NTPTimestamp::fromHex(reinterpret_cast<const unsigned char*>(s)).toHostByteOrder();
+    };
+    EXPECT_EQ(hex("123456789ABCDEF0"), t.toHostByteOrder());
+    EXPECT_NE(hex("123456789abcdef0"), t.toHostByteOrder()) << "lower case is not recognised";
+    EXPECT_EQ(hex("000000000000000a"), 97U - 55U);
+    EXPECT_EQ(hex("0000000000000010"), 16U);
+    EXPECT_EQ(hex("000000000000000 "), static_cast<quint64>(32 - 55)) << "signed, modulo 2^64";
+
+    QByteArray bytes;
+    QDataStream writer(&bytes, QIODevice::WriteOnly);
+    writer << t;
+    EXPECT_EQ(bytes.toHex(), QByteArray("123456789abcdef0"));
+    NTPTimestamp back;
+    QDataStream reader(bytes);
+    reader >> back;
+    EXPECT_EQ(back, t);
+    quint64 wire = 0;
+    std::memcpy(&wire, bytes.constData(), sizeof wire);
+    EXPECT_EQ(NTPTimestamp::fromRawNetByteOrder(wire), t);
+    EXPECT_EQ(t.toNetByteOrder(), wire);
+    EXPECT_NE(QMetaType::type("NTPTimestamp"), 0);
+    EXPECT_EQ(QVariant::fromValue(t).value<NTPTimestamp>(), t);
+}
+
+TEST(NtpTimestamp, CalculatesModulo64Bits)
+{
+    EXPECT_EQ((raw(1) - raw(2)).toHostByteOrder(), ~quint64(0));
+    EXPECT_EQ((raw(~quint64(0)) + raw(2)).toHostByteOrder(), 1U);
+    EXPECT_EQ(3 * seconds(2), seconds(6));
+    EXPECT_EQ((raw(quint64(1) << 63) * 2).toHostByteOrder(), 0U);
+    NTPTimestamp t = seconds(7);
+    t /= 2;
+    EXPECT_EQ(t, raw(quint64(7) << 31));
+    t *= 2;
+    t -= seconds(1);
+    t += seconds(2);
+    EXPECT_EQ(t, seconds(8));
+    EXPECT_TRUE(seconds(1) < seconds(0x80000000)) << "unsigned";
+}
+
+TEST(NtpRange, TellsWhereItsBoundsAre)
+{
+    const NTPRange r = range(5, 10);
+    EXPECT_FALSE(r.inRange(seconds(10)));
+    EXPECT_TRUE(r.inRange(seconds(5)));
+    EXPECT_TRUE(r.intersects(range(10, 20))) << "touching counts";
+    EXPECT_TRUE(r.intersects(range(0, 5)));
+    EXPECT_FALSE(r.intersects(range(0, 4)));
+    EXPECT_FALSE(r.intersects(range(11, 12)));
+    EXPECT_TRUE(r.intersects(range(11, 9))) << "raw values: an end inside is enough";
+    EXPECT_TRUE(range(0, 4) < r && !(range(0, 5) < r));
+    EXPECT_TRUE(range(11, 12) > r && !(range(10, 12) > r));
+    const auto limited = [](NTPTimestamp t, const NTPRange& bounds) {
+        bounds.limitToRangeBounds(&t);
+        return t;
+    };
+    EXPECT_EQ(limited(seconds(12), r), seconds(10) - raw(1));
+    EXPECT_EQ(limited(seconds(3), r), seconds(5));
+    EXPECT_EQ(limited(seconds(7), r), seconds(7));
+    EXPECT_EQ(limited(seconds(1), range(7, 7)), seconds(7));
+    EXPECT_EQ(limited(seconds(1), range(7, 0)), seconds(7)) << "an end of 0 has nothing below";
+    NTPRange hull = range(5, 10);
+    hull.merge(range(20, 30));
+    EXPECT_EQ(hull, range(5, 30));
+}
+
+TEST(NtpRange, CombinesSpansAndFindsTheirGaps)
+{
+    EXPECT_EQ(combined({range(8, 20), range(0, 10), range(30, 30)}), Ranges({range(0, 20)}));
+    EXPECT_EQ(combined({range(0, 10), range(10, 20)}), Ranges({range(0, 20)})) << "touching spans are one";
+    EXPECT_EQ(combined({range(0, 30), range(5, 10)}), Ranges({range(0, 30)})) << "one inside the other";
+    EXPECT_EQ(combined({range(3, 3), range(3, 3)}), Ranges());
+    EXPECT_EQ(combined({}), Ranges());
+    const Ranges apart = combined({range(0, 10), range(5, 5), range(8, 20)});
+    EXPECT_EQ(apart, Ranges({range(0, 10), range(8, 20)})) << "an empty span keeps them apart";
+
+    Ranges gaps{range(1, 2)};
+    {
+        LogCapture log;
+        gapsFromCombinedRanges(apart, &gaps);
+        EXPECT_TRUE(gaps.empty());
+        EXPECT_TRUE(
+            log.has("ASSERT: \"posFirst->end() < posSecond->begin()\" in file NTPRange.cpp", QtCriticalMsg));
+    }
+    gapsFromCombinedRanges({range(0, 10), range(20, 30), range(40, 50)}, &gaps);
+    EXPECT_EQ(gaps, Ranges({range(10, 20), range(30, 40)}));
+    gapsFromCombinedRanges({range(0, 10)}, &gaps);
+    EXPECT_TRUE(gaps.empty());
+}
+
+TEST(NtpRange, CombinesAHundredThousandSpans)
+{
+    Ranges many;
+    for (quint64 i = 0; i < 100000; ++i) {
+        const quint64 at = i * 7919 % 100000 * 10;
+        many.push_back(range(at, at + 5));
+    }
+    combineRanges(&many);
+    ASSERT_EQ(many.size(), 100000U);
+    Ranges gaps;
+    gapsFromCombinedRanges(many, &gaps);
+    EXPECT_EQ(gaps.size(), 99999U);
+    EXPECT_EQ(gaps.back(), range(999985, 999990));
+}

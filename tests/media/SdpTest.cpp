@@ -1,0 +1,289 @@
+#include "support/LogCapture.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/SDP.h>
+
+#include <QtCore/QElapsedTimer>
+
+#include <gtest/gtest.h>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace
+{
+QString lines(std::initializer_list<const char*> parts)
+{
+    QString text;
+    for (const char* part : parts)
+        text += QLatin1String(part) + QLatin1String("\r\n");
+    return text;
+}
+
+const QString kSmall = lines(
+    {"v=0", "o=- 1 1 IN IP4 0.0.0.0", "s=x", "t=0 0", "m=video 0 RTP/AVP 96", "a=rtpmap:96 H264/90000"});
+
+// What remains of a session section "v o s" followed by these lines.
+QString kept(std::initializer_list<const char*> parts)
+{
+    const QString head = lines({"v=0", "o=-", "s=x"});
+    return SDP::fromSDPString(head + lines(parts)).toString().mid(head.size()).simplified();
+}
+
+QString keptInMedia(std::initializer_list<const char*> parts)
+{
+    return SDP::fromSDPString(lines({"m=x"}) + lines(parts)).toString().mid(5).simplified();
+}
+
+const QString a = QStringLiteral("a");
+} // namespace
+
+TEST(Sdp, ParsesAndWritesBack)
+{
+    SDP sdp = SDP::fromSDPString(kSmall);
+    EXPECT_EQ(sdp.getSessionParamNames(),
+        QStringList({QStringLiteral("v"), QStringLiteral("o"), QStringLiteral("s")}));
+    EXPECT_EQ(sdp.getNumTimeDesc(), 1);
+    EXPECT_EQ(sdp.getNumMediaDesc(), 1);
+    EXPECT_EQ(sdp.getMediaParamNames(0).size(), 2);
+    EXPECT_EQ(sdp.toString(), kSmall);
+    EXPECT_EQ(sdp, SDP::fromSDPString(kSmall)) << "from the cache";
+    EXPECT_EQ(sdp.getMediaAttributeValue(0, QStringLiteral("rtpmap")), QStringLiteral("96 H264/90000"));
+    EXPECT_EQ(sdp.getTimeParamValues(0, QStringLiteral("t")), QStringList(QStringLiteral("0 0")));
+    for (const int idx : {-1, 1, 5}) {
+        EXPECT_TRUE(sdp.getMediaAttributeNames(idx).isEmpty());
+        EXPECT_TRUE(sdp.getMediaParamValues(idx, a).isEmpty());
+        EXPECT_TRUE(sdp.getTimeParamValues(idx, a).isEmpty());
+        EXPECT_EQ(sdp.getMediaAttributeValue(idx, a), QString());
+    }
+    EXPECT_NE(sdp, SDP()) << "an object that was never parsed is not valid";
+    EXPECT_EQ(SDP::fromSDPString(QString()).toString(), QString());
+    // Line ends of any kind, none at the end, and lines that are none.
+    EXPECT_EQ(SDP::fromSDPString(QStringLiteral("v=0\n\r\no=-\r\r\ns=\nnonsense\n=x\nQ=1\nv")).toString(),
+        lines({"v=0", "o=-", "s="}));
+}
+
+TEST(Sdp, SortsEachSectionThenDropsWhatBreaksItsOrder)
+{
+    EXPECT_EQ(SDP::fromSDPString(lines({"s=x", "o=-", "v=0"})).toString(), lines({"v=0", "o=-", "s=x"}));
+    EXPECT_EQ(SDP::fromSDPString(kSmall.mid(5)).toString(), kSmall.mid(kSmall.indexOf(QLatin1Char('m'))))
+        << "without v= no session line stays, and media stay";
+    EXPECT_EQ(SDP::fromSDPString(lines({"a=control:*"}) + kSmall).getNumTimeDesc(), 0)
+        << "sorted behind a=, times break the order";
+    EXPECT_EQ(kept({"t=1", "r=2", "t=3"}), QStringLiteral("t=1 t=3 r=2")) << "times sort before repeats";
+    EXPECT_EQ(kept({"r=1"}), QString()) << "a repeat of nothing";
+    EXPECT_EQ(kept({"z=1", "t=1"}), QStringLiteral("z=1"));
+    EXPECT_EQ(kept({"i=1", "u=2", "e=3", "p=4", "c=5", "b=6", "t=7"}),
+        QStringLiteral("i=1 u=2 e=3 c=5 p=4 b=6 t=7"));
+    EXPECT_EQ(kept({"b=1", "b=2", "k=3", "a=4", "a=5"}), QStringLiteral("b=1 b=2 k=3 a=4 a=5"));
+    for (const char* once : {"i=1", "u=1", "e=1", "p=1", "c=1", "z=1", "k=1"})
+        EXPECT_EQ(kept({once, once}), QLatin1String(once)) << "allowed once";
+    EXPECT_EQ(keptInMedia({"i=1", "c=2", "b=3", "a=4", "a=5"}), QStringLiteral("i=1 c=2 b=3 a=4 a=5"));
+    EXPECT_EQ(keptInMedia({"k=3", "b=1", "b=2"}), QStringLiteral("b=1 b=2 k=3"));
+    EXPECT_EQ(keptInMedia({"i=1", "i=2", "c=1", "c=2", "k=1", "k=2"}), QStringLiteral("i=1 c=1 k=1"));
+    EXPECT_EQ(keptInMedia({"t=0 0", "v=0", "s=x", "e=1"}), QString());
+    const SDP two = SDP::fromSDPString(lines({"m=video", "c=1", "a=first", "m=audio", "a=second", "c=2"}));
+    EXPECT_EQ(two.getNumMediaDesc(), 2);
+    EXPECT_EQ(two.getMediaAttributeNames(0), QStringList(QStringLiteral("first")));
+    EXPECT_EQ(two.getMediaParamNames(1), QStringList({QStringLiteral("m"), QStringLiteral("c"), a}));
+}
+
+// The rules once more, as literally as they can be said, against the parser on random descriptions.
+TEST(Sdp, AgreesWithAPlainReadingOfItsRules)
+{
+    const auto plain = [](const std::string& types) {
+        std::map<int, std::string> groups;
+        int base = 2;
+        const std::string order = "vosiuepcbzkatrm";
+        for (const char type : types) {
+            const std::size_t rank = order.find(type);
+            groups[base - 1 + static_cast<int>(rank)] += type;
+            base += type == 'm' ? 100 : 0;
+        }
+        std::string accepted;
+        std::string list;
+        bool bMedia = false;
+        const auto has = [&](const std::string& set) { return list.find_first_of(set) != std::string::npos; };
+        const std::map<char, std::string> session
+            = {{'u', "uepcbtrzkam"}, {'e', "epcbtrzkam"}, {'p', "pcbtrzkam"}, {'c', "cbtrzkam"},
+                {'b', "trzkam"}, {'t', "zkam"}, {'r', "zkam"}, {'z', "zkam"}, {'k', "kam"}, {'a', "m"}};
+        const std::map<char, std::string> media = {{'c', "cbka"}, {'b', "ka"}, {'k', "ka"}};
+        for (const auto& group : groups) {
+            for (const char x : group.second) {
+                if (x == 'm') {
+                    bMedia = true;
+                    list.clear();
+                }
+                bool bGood = false;
+                if (bMedia)
+                    bGood = x == 'm' || (x == 'i' && has("m") && list.size() == 1)
+                        || (media.count(x) == 1 && has("m") && !has(media.at(x))) || (x == 'a' && has("m"));
+                else
+                    bGood = (x == 'v' && list.empty()) || (x == 'o' && has("v") && list.size() == 1)
+                        || (x == 's' && has("o") && list.size() == 2)
+                        || (x == 'i' && has("s") && list.size() == 3 && !has("iuepcbtrzkam"))
+                        || (session.count(x) == 1 && has("s") && list.size() >= 3 && !has(session.at(x)));
+                bGood = bGood && (x != 'r' || has("t"));
+                if (bGood) {
+                    list += x;
+                    accepted += x;
+                }
+            }
+        }
+        return accepted;
+    };
+    std::mt19937 random(11);
+    for (int round = 0; round < 3000; ++round) {
+        std::string types = round % 4 == 0 ? "" : "vos";
+        const std::size_t size = random() % 14;
+        for (std::size_t i = 0; i < size; ++i)
+            types += "vosiuepcbzkatrmma"[random() % 17];
+        QString text;
+        for (const char type : types)
+            text += QLatin1Char(type) + QStringLiteral("=\n");
+        const SDP sdp = SDP::fromSDPString(text);
+        std::string all = sdp.getSessionParamNames().join(QString()).toStdString();
+        for (int i = 0; i < sdp.getNumTimeDesc(); ++i)
+            all += std::string("t")
+                + std::string(
+                    static_cast<std::size_t>(sdp.getTimeParamValues(i, QStringLiteral("r")).size()), 'r');
+        for (int i = 0; i < sdp.getNumMediaDesc(); ++i)
+            all += sdp.getMediaParamNames(i).join(QString()).toStdString();
+        ASSERT_EQ(all, plain(types)) << types;
+    }
+}
+
+TEST(Sdp, EditsLinesAndAttributes)
+{
+    LogCapture log;
+    SDP sdp = SDP::fromSDPString(kSmall);
+    EXPECT_TRUE(sdp.setMediaAttribute(0, QStringLiteral("control"), QStringLiteral("%1/track")));
+    EXPECT_EQ(sdp.getMediaAttributeValue(0, QStringLiteral("control")), QStringLiteral("%1/track"));
+    EXPECT_TRUE(sdp.setMediaAttribute(0, QStringLiteral("control"), QStringLiteral("2")));
+    EXPECT_EQ(
+        sdp.getMediaAttributeNames(0), QStringList({QStringLiteral("rtpmap"), QStringLiteral("control")}));
+    EXPECT_TRUE(sdp.replaceMediaAttribute(0, QStringLiteral("control"), QStringLiteral("3")));
+    EXPECT_FALSE(sdp.replaceMediaAttribute(0, QStringLiteral("absent"), QStringLiteral("3")));
+    EXPECT_FALSE(sdp.replaceMediaAttribute(1, QStringLiteral("control"), QStringLiteral("3")));
+    EXPECT_EQ(sdp.getMediaAttributeValue(0, QStringLiteral("control")), QStringLiteral("3"));
+    EXPECT_TRUE(sdp.setSessionParam(QStringLiteral("t"), QString(), QStringLiteral("9 9")));
+    EXPECT_EQ(sdp.getNumTimeDesc(), 1) << "appended as it is, not as a time description";
+    EXPECT_TRUE(sdp.setSessionParam(QStringLiteral("s"), QStringLiteral("x"), QStringLiteral("y")));
+    EXPECT_TRUE(sdp.setTimeParam(0, QStringLiteral("r"), QString(), QStringLiteral("1d")));
+    EXPECT_EQ(sdp.getTimeParamValues(0, QStringLiteral("r")), QStringList(QStringLiteral("1d")));
+    EXPECT_TRUE(sdp.setSessionParam(a, QString(), QStringLiteral("tool")));
+    EXPECT_TRUE(sdp.setSessionParam(a, QString(), QStringLiteral("range:npt=0-:x")));
+    EXPECT_EQ(sdp.getSessionAttributeNames(), QStringList({QStringLiteral("tool"), QStringLiteral("range")}));
+    EXPECT_EQ(sdp.getSessionAttributeValue(QStringLiteral("range")), QStringLiteral("npt=0-:x"));
+    EXPECT_EQ(sdp.getSessionAttributeValue(QStringLiteral("tool")), QString());
+    EXPECT_TRUE(sdp.removeSessionParam(a, QStringLiteral("tool")));
+    EXPECT_TRUE(sdp.removeTimeParam(0, QStringLiteral("t"), QStringLiteral("0 0")));
+    EXPECT_TRUE(sdp.removeTimeParam(0, QStringLiteral("r"), QStringLiteral("1d")));
+    EXPECT_EQ(sdp.getNumTimeDesc(), 1) << "a description may be empty";
+    EXPECT_TRUE(sdp.removeTimeDesc(0));
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_EQ(SDP::fromSDPString(kSmall).toString(), kSmall) << "the cached description is untouched";
+}
+
+TEST(Sdp, SaysWhatItCouldNotChange)
+{
+    LogCapture log;
+    SDP sdp = SDP::fromSDPString(kSmall);
+    const QString x = QStringLiteral("x");
+    EXPECT_FALSE(sdp.setSessionParam(a, x, x));
+    EXPECT_TRUE(
+        log.has("SDP::changeSessionParam() : Param could not be changed because it was not found!\nname=a "
+                "\noldValue=x \nnewVal=x",
+            QtWarningMsg));
+    EXPECT_FALSE(sdp.setTimeParam(0, a, x, x));
+    EXPECT_TRUE(log.has("SDP::changeTimeParam() : ", QtWarningMsg));
+    EXPECT_FALSE(sdp.setMediaParam(0, a, x, x));
+    EXPECT_TRUE(log.has("SDP::changeMediaParam() : ", QtWarningMsg));
+    EXPECT_FALSE(sdp.removeSessionParam(a, x));
+    EXPECT_TRUE(log.has("SDP::removeSessionParam() : Param could not be deleted because it was not "
+                        "found!\nname=a\n value=x"));
+    EXPECT_FALSE(sdp.removeTimeParam(0, a, x));
+    EXPECT_TRUE(log.has("SDP::removeTimeParam() : "));
+    EXPECT_FALSE(sdp.removeMediaParam(0, a, x));
+    EXPECT_TRUE(log.has("SDP::removeMediaParam() : "));
+    EXPECT_FALSE(sdp.removeMediaDesc(1));
+    EXPECT_TRUE(
+        log.has("SDP::removeMedia() : Could not remove media desc! Invalid idx: 1! Number of media desc: 1"));
+    EXPECT_FALSE(sdp.removeTimeDesc(-1));
+    EXPECT_TRUE(
+        log.has("SDP::removeMedia() : Could not remove time desc! Invalid idx: -1! Number of time desc: 1"));
+    EXPECT_EQ(log.records().size(), 8U);
+    EXPECT_FALSE(sdp.setMediaParam(1, a, QString(), x));
+    EXPECT_FALSE(sdp.setTimeParam(-1, a, x, x));
+    EXPECT_FALSE(sdp.removeTimeParam(1, a, x));
+    EXPECT_FALSE(sdp.removeMediaParam(1, a, x));
+    EXPECT_FALSE(sdp.setMediaAttribute(1, a, x));
+    EXPECT_EQ(log.records().size(), 8U) << "an index out of range is silent";
+}
+
+TEST(Sdp, ParsesALargeDescriptionInLinearTime)
+{
+    const auto build = [](int count) {
+        QString text = lines({"v=0", "o=-", "s=x"});
+        for (int i = 0; i < count; ++i)
+            text += i % 10 == 0 ? QStringLiteral("m=video %1\n").arg(i)
+                                : QStringLiteral("a=fmtp:%1 x=1\n").arg(i);
+        return text;
+    };
+    const auto measure = [&](int count) {
+        const QString text = build(count);
+        QElapsedTimer time;
+        time.start();
+        EXPECT_EQ(SDP::fromSDPString(text).getNumMediaDesc(), count / 10);
+        return time.nsecsElapsed();
+    };
+    measure(1000);
+    const qint64 small = measure(10010);
+    const qint64 large = measure(100100);
+    EXPECT_LT(large, 60 * small) << "ten times the lines";
+    const QString oneLine = QStringLiteral("v=0\no=-\ns=") + QString(1 << 20, QLatin1Char('x'));
+    EXPECT_EQ(SDP::fromSDPString(oneLine).getSessionParamValues(QStringLiteral("s")).first().size(), 1 << 20);
+}
+
+TEST(Sdp, ServesManyThreadsAndForgetsWhatIsIdle)
+{
+    // Timed by the wall clock of the seams: entries that are idle for 20 s go once there are more than
+    // 10,000.
+    std::vector<std::thread> threads;
+    std::atomic<int> good{0};
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&good, t] {
+            for (int i = 0; i < 3000; ++i) {
+                const QString name = QString::number(t % 2 * 10000 + i);
+                const SDP sdp = SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=") + name);
+                good += sdp.getSessionParamValues(QStringLiteral("s")).value(0) == name ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, 12000);
+    for (int i = 0; i < 6000; ++i)
+        SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=more %1").arg(i));
+    seams::clockOffsetMs = 20500;
+    QElapsedTimer time;
+    time.start();
+    for (int i = 0; i < 3000; ++i) // the first miss cleans up; were it not so, each would walk 12,000 entries
+        SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=new %1").arg(i));
+    EXPECT_EQ(SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=17")).getSessionParamNames().size(), 3);
+    seams::clockOffsetMs = 0;
+    EXPECT_LT(time.elapsed(), 5000);
+}
+
+TEST(Sdp, NamesTheSystemsAttributes)
+{
+    EXPECT_EQ(nuvikaIdAttribute, QStringLiteral("nuvika-id:"));
+    EXPECT_EQ(nuvikaNameAttribute, QStringLiteral("nuvika-name:"));
+    EXPECT_EQ(nuvikaFunctionAttribute, QStringLiteral("nuvika-function:"));
+    EXPECT_EQ(nuvikaMergeAttribute, QStringLiteral("nuvika-merge:"));
+    EXPECT_EQ(nuvikaPrivacyAttribute, QStringLiteral("nuvika-privacy:"));
+    EXPECT_EQ(nuvikaStrongprivacyAttribute, QStringLiteral("nuvika-strongprivacy:"));
+    EXPECT_EQ(nuvikaAssociationsAttribute, QStringLiteral("nuvika-associations:"));
+    EXPECT_EQ(nuvikaDecoderconfigAttribute, QStringLiteral("nuvika-decoderconfig:"));
+    EXPECT_EQ(nuvikaVirtualptzAttribute, QStringLiteral("nuvika-virtualptz:"));
+}
