@@ -30,7 +30,7 @@ public:
     {
         const std::shared_ptr<WaitableEvent> done = m_pDone;
         m_nResult = call();
-        if (m_nResult == -1)
+        if (failed(m_nResult))
             m_nError = ErrorCodes::lastError();
         done->set();
     }
@@ -43,13 +43,14 @@ public:
             return ErrorCodes::kCallFailure;
         }
         m_pDone->wait();
-        if (m_nResult == -1)
+        if (failed(m_nResult))
             ErrorCodes::setLastError(m_nError);
         return m_nResult;
     }
 
 private:
     virtual int call() = 0;
+    virtual bool failed(int result) const { return result == -1; }
 
     std::shared_ptr<WaitableEvent> m_pDone;
     int m_nResult = 0;
@@ -108,6 +109,7 @@ struct DoSendMany final : SocketCall {
                 {const_cast<char*>(datagrams[i].pData), static_cast<std::size_t>(datagrams[i].nLen)});
         return Sockets::sendDatagrams(s, m_ranges.data(), count, to, tolen);
     }
+    bool failed(int result) const override { return result < count; }
 
 private:
     std::vector<iovec> m_ranges;

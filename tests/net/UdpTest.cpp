@@ -1,0 +1,450 @@
+#include "support/EventLoop.h"
+#include "support/LogCapture.h"
+#include "support/RawPeer.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/NuvikaUdpReceiver.h>
+#include <KepNuvikaUtil/NuvikaUdpSender.h>
+#include <KepNuvikaUtil/SocketError.h>
+
+#include <QtNetwork/QNetworkInterface>
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <vector>
+
+namespace
+{
+const QHostAddress kLocal(QHostAddress::LocalHost);
+const QHostAddress kLocal6(QHostAddress::LocalHostIPv6);
+const QHostAddress kGroup(QStringLiteral("239.255.77.1"));
+
+NuvikaLLSock::ADDR_V4_V6 addressOf(const QHostAddress& host, unsigned short port)
+{
+    NuvikaLLSock::ADDR_V4_V6 address;
+    NuvikaLLSock::createSockAddr(&address, host, port);
+    return address;
+}
+
+// A plain socket that sends to the receiver under test.
+struct RawSender {
+    RawSocket s;
+    explicit RawSender(int family = AF_INET) : s(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) { }
+    void send(const QByteArray& bytes, unsigned short port, const QHostAddress& host = kLocal)
+    {
+        const auto to = addressOf(host, port);
+        ASSERT_EQ(::sendto(s.fd(), bytes.constData(), static_cast<std::size_t>(bytes.size()), 0, &to.sa,
+                      host.protocol() == QAbstractSocket::IPv6Protocol ? sizeof to.v6 : sizeof to.v4),
+            bytes.size());
+    }
+};
+
+// Remembers what came, and does as told with each datagram.
+struct Listener {
+    std::vector<QByteArray> got;
+    std::vector<NuvikaUdpReceiver::Datagram> raw;
+    std::function<void(const QByteArray&)> react;
+    static void callback(const NuvikaUdpReceiver::Datagram* datagram, void* context)
+    {
+        auto* self = static_cast<Listener*>(context);
+        const QByteArray bytes(datagram->pData, datagram->nSize);
+        self->got.push_back(bytes);
+        self->raw.push_back(*datagram);
+        if (self->react)
+            self->react(bytes);
+    }
+    void listenTo(NuvikaUdpReceiver& receiver) { receiver.registerCallback(&callback, this); }
+    void leave(NuvikaUdpReceiver& receiver) { receiver.removeCallback(&callback, this); }
+};
+
+struct Bound : NuvikaUdpReceiver {
+    unsigned short port = 0;
+    Listener listener;
+    explicit Bound(const QHostAddress& address = kLocal)
+    {
+        EXPECT_TRUE(createUnicast(port, address)) << errorString().toStdString();
+        listener.listenTo(*this);
+    }
+    bool waitForCount(std::size_t count)
+    {
+        return waitFor([&] { return listener.got.size() >= count; });
+    }
+};
+} // namespace
+
+TEST(UdpReceiver, ReceivesInOrderAndTellsTheSender)
+{
+    const Bound portOfThisThread; // made with the first socket, and kept
+    const int before = openDescriptors();
+    {
+        Bound receiver;
+        EXPECT_NE(receiver.port, 0) << "the chosen port is written back";
+        EXPECT_EQ(receiver.localPort(), receiver.port);
+        EXPECT_EQ(receiver.localAddress(), kLocal);
+        receiver.listener.listenTo(receiver); // a second time changes nothing
+        RawSender sender;
+        for (int i = 0; i < 40; ++i)
+            sender.send("datagram " + QByteArray::number(i), receiver.port);
+        sender.send(QByteArray(), receiver.port);
+        sender.send(QByteArray(1500, 'x'), receiver.port);
+        seams::receivingMany.nCalls = 0;
+        ASSERT_TRUE(receiver.waitForCount(41));
+        EXPECT_LE(seams::receivingMany.nCalls, 7) << "filled in batches of ten";
+        for (int i = 0; i < 40; ++i)
+            EXPECT_EQ(
+                receiver.listener.got[static_cast<std::size_t>(i)], "datagram " + QByteArray::number(i));
+        EXPECT_EQ(receiver.listener.got[40].size(), 1500) << "empty ones are not handed out";
+        const NuvikaUdpReceiver::Datagram& datagram = receiver.listener.raw[0];
+        EXPECT_EQ(datagram.nFamily, 2);
+        EXPECT_EQ(datagram.nIPv4, 0x7F000001U);
+        EXPECT_EQ(datagram.pIPv6, nullptr);
+        NuvikaLLSock::ADDR_V4_V6 name{};
+        socklen_t size = sizeof name;
+        getsockname(sender.s.fd(), &name.sa, &size);
+        EXPECT_EQ(datagram.nPort, ntohs(name.v4.sin_port));
+        receiver.close();
+        EXPECT_EQ(receiver.socketDescriptor(), -1);
+        EXPECT_TRUE(receiver.localAddress().isNull());
+        EXPECT_TRUE(receiver.createUnicast(receiver.port, kLocal)) << "usable again, on the same port";
+        sender.send("again", receiver.port);
+        ASSERT_TRUE(receiver.waitForCount(42));
+    }
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; })) << "a descriptor is left over";
+}
+
+TEST(UdpReceiver, ReceivesOverIPv6)
+{
+    Bound receiver(kLocal6);
+    RawSender sender(AF_INET6);
+    sender.send("six", receiver.port, kLocal6);
+    Listener& listener = receiver.listener;
+    QByteArray peer;
+    listener.react = [&](const QByteArray&) {
+        peer = QByteArray(reinterpret_cast<const char*>(listener.raw.back().pIPv6), 16);
+    };
+    ASSERT_TRUE(receiver.waitForCount(1));
+    EXPECT_EQ(listener.raw[0].nFamily, 23);
+    EXPECT_EQ(peer, QByteArray(15, '\0') + '\1');
+}
+
+TEST(UdpReceiver, DropsTruncatedDatagramsAndGrows)
+{
+    Bound receiver;
+    RawSender sender;
+    const auto sendAndSettle = [&](int size) {
+        sender.send(QByteArray(size, static_cast<char>(size)), receiver.port);
+        settle(15);
+        return receiver.listener.got.size();
+    };
+    EXPECT_EQ(sendAndSettle(4000), 0U) << "1500 -> 3000";
+    EXPECT_EQ(sendAndSettle(4000), 0U) << "3000 -> 6000";
+    EXPECT_EQ(sendAndSettle(4000), 1U);
+    EXPECT_EQ(sendAndSettle(100), 2U);
+    for (int i = 0; i < 4; ++i)
+        sendAndSettle(65507); // the largest there is: 12000, 24000, 48000, 96000
+    EXPECT_EQ(sendAndSettle(65507), 3U);
+    EXPECT_EQ(sendAndSettle(65507), 4U);
+    // A burst of long ones doubles once for each size, not once for each datagram.
+    Bound second;
+    for (int i = 0; i < 10; ++i)
+        sender.send(QByteArray(2000, 'b'), second.port);
+    settle(15);
+    sender.send(QByteArray(3001, 'c'), second.port);
+    settle(15);
+    EXPECT_TRUE(second.listener.got.empty());
+    sender.send(QByteArray(3001, 'c'), second.port);
+    EXPECT_TRUE(second.waitForCount(1));
+}
+
+TEST(UdpReceiver, CallbacksMayChangeTheListAndEndTheReceiver)
+{
+    RawSender sender;
+    auto receiver = std::make_unique<Bound>();
+    receiver->listener.leave(*receiver);
+    Listener a, b, c, late;
+    std::string order;
+    a.react = [&](const QByteArray& bytes) {
+        order += 'a';
+        if (bytes == "1")
+            a.leave(*receiver);
+    };
+    b.react = [&](const QByteArray& bytes) {
+        order += 'b';
+        if (bytes == "2") {
+            c.leave(*receiver);
+            late.listenTo(*receiver);
+        }
+    };
+    c.react = [&](const QByteArray&) { order += 'c'; };
+    late.react = [&](const QByteArray& bytes) {
+        order += 'l';
+        if (bytes == "4")
+            receiver->close();
+        if (bytes == "5")
+            receiver.reset();
+    };
+    for (Listener* listener : {&a, &b, &c})
+        listener->listenTo(*receiver);
+    for (const char* text : {"1", "2", "3", "4"})
+        sender.send(text, receiver->port);
+    ASSERT_TRUE(waitFor([&] { return late.got.size() == 2; }));
+    EXPECT_EQ(order, "abcbblbl")
+        << "a removed itself and the next missed nothing; the added one waits for the next";
+    settle(10);
+    ASSERT_TRUE(receiver->createUnicast(receiver->port, kLocal));
+    a.listenTo(*receiver);
+    sender.send("5", receiver->port);
+    sender.send("6", receiver->port);
+    ASSERT_TRUE(waitFor([&] { return receiver == nullptr; }));
+    settle(10);
+    EXPECT_EQ(order, "abcbblblbl") << "the callback behind the deletion is not called";
+}
+
+TEST(UdpReceiver, SurvivesANestedLoopInACallback)
+{
+    Bound receiver;
+    RawSender sender;
+    bool bNested = false;
+    receiver.listener.react = [&](const QByteArray& bytes) {
+        if (bytes != "0")
+            return;
+        bNested = waitFor([&] { return receiver.listener.got.size() == 30; });
+        receiver.listener.got[0] = bytes;
+    };
+    for (int i = 0; i < 30; ++i)
+        sender.send(QByteArray::number(i), receiver.port);
+    ASSERT_TRUE(waitFor([&] { return bNested; })) << "the others are served meanwhile";
+    std::unique_ptr<Bound> gone = std::make_unique<Bound>();
+    gone->listener.react = [&](const QByteArray&) {
+        auto doomed = std::move(gone);
+        doomed->close();
+        sender.send("late", receiver.port);
+        doomed->listener.react = nullptr;
+        settle(20);
+    };
+    sender.send("x", gone->port);
+    ASSERT_TRUE(receiver.waitForCount(31));
+}
+
+TEST(UdpReceiver, JoinsAGroupTwiceInOneProcess)
+{
+    NuvikaUdpReceiver first, second, other;
+    Listener heard, heardToo, heardOther;
+    unsigned short port = 0;
+    ASSERT_TRUE(first.createMulticast(port, kGroup, kLocal)) << first.errorString().toStdString();
+    ASSERT_NE(port, 0);
+    ASSERT_TRUE(second.createMulticast(port, kGroup, kLocal));
+    ASSERT_TRUE(other.createMulticast(port, QHostAddress(QStringLiteral("239.255.77.2")), kLocal));
+    EXPECT_EQ(first.localAddress(), kGroup);
+    heard.listenTo(first);
+    heardToo.listenTo(second);
+    heardOther.listenTo(other);
+    NuvikaUdpSender sender;
+    ASSERT_TRUE(sender.setMulticastInterface(kLocal));
+    ASSERT_TRUE(sender.setMulticastTtl(0));
+    ASSERT_TRUE(sender.sendTo("hello", 5, addressOf(kGroup, port))) << sender.errorString().toStdString();
+    ASSERT_TRUE(waitFor([&] { return heard.got.size() == 1 && heardToo.got.size() == 1; }));
+    settle(10);
+    EXPECT_TRUE(heardOther.got.empty()) << "another group on that port does not leak in";
+}
+
+TEST(UdpReceiver, JoinsAnIPv6GroupOnTheNamedInterface)
+{
+    const QHostAddress group(QStringLiteral("ff12::77:1"));
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    int heardOn = 0;
+    for (const QNetworkInterface& interface : interfaces) {
+        for (const QNetworkAddressEntry& entry : interface.addressEntries()) {
+            if (entry.ip().protocol() != QAbstractSocket::IPv6Protocol)
+                continue;
+            NuvikaUdpReceiver receiver;
+            Listener listener;
+            listener.listenTo(receiver);
+            unsigned short port = 0;
+            ASSERT_TRUE(receiver.createMulticast(port, group, entry.ip()))
+                << receiver.errorString().toStdString();
+            const int hops = 0; // nothing leaves this host
+            RawSender sender(AF_INET6);
+            setsockopt(sender.s.fd(), IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops);
+            auto to = addressOf(group, port);
+            to.v6.sin6_scope_id = static_cast<quint32>(interface.index());
+            if (::sendto(sender.s.fd(), "six", 3, 0, &to.sa, sizeof to.v6) != 3)
+                continue; // no route for IPv6 groups, as on most loopback interfaces
+            EXPECT_TRUE(waitFor([&] { return listener.got.size() == 1; }));
+            ++heardOn;
+        }
+    }
+    if (heardOn == 0)
+        GTEST_SKIP() << "no interface here carries IPv6 groups";
+}
+
+TEST(UdpReceiver, SaysWhyItCannotBeCreated)
+{
+    const int before = openDescriptors();
+    {
+        Bound receiver;
+        LogCapture log;
+        unsigned short port = 0;
+        EXPECT_FALSE(receiver.createUnicast(port, kLocal));
+        EXPECT_TRUE(log.has("NuvikaUdpReceiver::createUnicast(); already created", QtWarningMsg));
+        EXPECT_FALSE(receiver.createMulticast(port, kGroup, kLocal));
+        EXPECT_TRUE(log.has("NuvikaUdpReceiver::createMulticast(); already created", QtWarningMsg));
+        NuvikaUdpReceiver other;
+        port = receiver.port;
+        EXPECT_FALSE(other.createUnicast(port, kLocal));
+        EXPECT_TRUE(log.has(
+            "NuvikaUdpReceiver::createUnicast(): bind failed: Address already in use", QtCriticalMsg));
+        EXPECT_EQ(other.errorString(), QStringLiteral("Address already in use"));
+        EXPECT_EQ(other.socketDescriptor(), -1);
+        EXPECT_FALSE(other.createUnicast(port, QHostAddress())) << "a null address is no address";
+        port = 0;
+        EXPECT_FALSE(other.createMulticast(port, kLocal, kLocal)) << "no group";
+        EXPECT_TRUE(
+            log.has("NuvikaUdpReceiver::createMulticast(): IP_ADD_MEMBERSHIP failed: ", QtWarningMsg));
+        EXPECT_FALSE(other.createMulticast(port, QHostAddress(QStringLiteral("10.255.255.254")), kLocal));
+        EXPECT_TRUE(log.has("NuvikaUdpReceiver::createMulticast(): bind failed: ", QtCriticalMsg));
+        seams::opening.arm(2, EMFILE);
+        EXPECT_FALSE(other.createUnicast(port, kLocal));
+        EXPECT_FALSE(other.createMulticast(port, kGroup, kLocal));
+        EXPECT_TRUE(log.has(
+            "NuvikaUdpReceiver::createUnicast(): WSASocket failed: Too many open files", QtCriticalMsg));
+        EXPECT_TRUE(log.has(
+            "NuvikaUdpReceiver::createMulticast(): WSASocket failed: Too many open files", QtCriticalMsg));
+        EXPECT_FALSE(other.setReceiveBufferSize(1 << 20));
+        EXPECT_TRUE(
+            log.has("NuvikaUdpReceiver::setReceiveBufferSize() failed; no socket created yet", QtWarningMsg));
+        seams::settingOptions.arm(1, ENOPROTOOPT);
+        EXPECT_TRUE(other.createUnicast(port, kLocal)) << "an option that fails is only warned of";
+        EXPECT_TRUE(
+            log.has("NuvikaUdpReceiver::createUnicast(): setting SO_RCVBUF failed: Protocol not available",
+                QtWarningMsg));
+        EXPECT_TRUE(other.setReceiveBufferSize(1 << 20));
+    }
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; })) << "a descriptor is left over";
+}
+
+TEST(UdpReceiver, GoesOnAfterAFailedReceive)
+{
+    Bound receiver;
+    RawSender sender;
+    LogCapture log;
+    seams::receivingMany.arm(3, ENOMEM);
+    for (int i = 0; i < 50; ++i)
+        sender.send(QByteArray::number(i), receiver.port);
+    ASSERT_TRUE(receiver.waitForCount(50)) << "nothing that waits in the system is lost";
+    EXPECT_EQ(log.count("NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; ", QtWarningMsg), 3);
+    seams::receivingMany.nCalls = 0;
+    for (int i = 0; i < 40; ++i)
+        sender.send(QByteArray::number(i), receiver.port);
+    ASSERT_TRUE(receiver.waitForCount(90));
+    EXPECT_LE(seams::receivingMany.nCalls, 6) << "all ten receives are outstanding again";
+}
+
+TEST(UdpSender, BindsByItselfAndSends)
+{
+    Bound receiver;
+    NuvikaUdpSender sender;
+    EXPECT_EQ(sender.localPort(), 0);
+    ASSERT_TRUE(sender.sendTo("one", 3, addressOf(kLocal, receiver.port)));
+    EXPECT_NE(sender.localPort(), 0);
+    ASSERT_TRUE(receiver.waitForCount(1));
+    EXPECT_EQ(receiver.listener.raw[0].nPort, sender.localPort());
+    EXPECT_FALSE(sender.sendTo("six", 3, addressOf(kLocal6, receiver.port))) << "an IPv4 socket";
+    EXPECT_FALSE(sender.errorString().isEmpty());
+    EXPECT_FALSE(sender.sendTo("x", 70000, addressOf(kLocal, receiver.port)));
+    EXPECT_EQ(sender.errorString(), QStringLiteral("Message too long"));
+    EXPECT_FALSE(sender.sendTo("x", -1, addressOf(kLocal, receiver.port)));
+    ASSERT_TRUE(sender.sendTo("two", 3, addressOf(kLocal, receiver.port))) << "usable after errors";
+    ASSERT_TRUE(receiver.waitForCount(2));
+    LogCapture log;
+    NuvikaUdpSender second;
+    EXPECT_FALSE(second.bind(sender.localPort(), kLocal));
+    EXPECT_TRUE(log.has("NuvikaUdpSender::bind() failed; Address already in use", QtWarningMsg));
+    EXPECT_FALSE(second.bind(0, QHostAddress()));
+    EXPECT_TRUE(second.bind(0, kLocal));
+    EXPECT_EQ(second.localAddress(), kLocal);
+}
+
+TEST(UdpSender, SendsManyWithOneCall)
+{
+    Bound receiver;
+    receiver.setReceiveBufferSize(1 << 20);
+    NuvikaUdpSender sender;
+    std::vector<QByteArray> packets;
+    std::vector<KepNuvikaUtil::BUFFER> buffers;
+    for (int i = 0; i < 30; ++i)
+        packets.push_back(QByteArray::number(i));
+    for (const QByteArray& packet : packets)
+        buffers.push_back({packet.constData(), packet.size()});
+    const auto to = addressOf(kLocal, receiver.port);
+    EXPECT_EQ(sender.sendMany(buffers.data(), 30, to), 30);
+    ASSERT_TRUE(receiver.waitForCount(30));
+    EXPECT_EQ(receiver.listener.got, packets);
+    EXPECT_EQ(sender.sendMany(buffers.data(), 0, to), 0);
+    const QByteArray tooLong(70000, 'x');
+    buffers[10] = {tooLong.constData(), tooLong.size()};
+    EXPECT_EQ(sender.sendMany(buffers.data(), 30, to), 10) << "how many went, up to the one that could not";
+    EXPECT_EQ(sender.errorString(), QStringLiteral("Message too long"));
+    buffers[10] = {"x", -1};
+    EXPECT_EQ(sender.sendMany(buffers.data(), 30, to), 0);
+    EXPECT_EQ(sender.sendMany(buffers.data(), 1, addressOf(kLocal6, 1)), 0);
+    ASSERT_TRUE(receiver.waitForCount(40));
+}
+
+TEST(UdpSender, CopiesShareOneSocket)
+{
+    const int before = openDescriptors();
+    Bound receiver;
+    const auto to = addressOf(kLocal, receiver.port);
+    {
+        NuvikaUdpSender first;
+        NuvikaUdpSender copy(first);
+        EXPECT_TRUE(first.sendTo("1", 1, to));
+        const unsigned short port = first.localPort();
+        EXPECT_EQ(copy.localPort(), port) << "the copy is bound as well";
+        first.close();
+        EXPECT_EQ(first.localPort(), 0);
+        EXPECT_TRUE(copy.sendTo("2", 1, to)) << "it goes on";
+        EXPECT_TRUE(first.sendTo("3", 1, to)) << "with a socket of its own now";
+        EXPECT_NE(first.localPort(), port);
+        first = copy;
+        EXPECT_EQ(first.localPort(), port);
+        first = *&first;
+        copy.close();
+        EXPECT_TRUE(first.sendTo("4", 1, to));
+    }
+    ASSERT_TRUE(receiver.waitForCount(4));
+    receiver.close();
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; })) << "closed once, and not left open";
+}
+
+TEST(UdpSender, RepairsAFailedConstructionAndReportsItsOptions)
+{
+    LogCapture log;
+    seams::opening.arm(2, EMFILE);
+    NuvikaUdpSender sender;
+    EXPECT_TRUE(log.has(
+        "NuvikaUdpSender::NuvikaUdpSender() socket creation failed: Too many open files", QtCriticalMsg));
+    EXPECT_EQ(sender.errorString(), QStringLiteral("Too many open files"));
+    EXPECT_FALSE(sender.setTosBits(0));
+    EXPECT_TRUE(
+        log.has("NuvikaUdpSender::checkSock() socket creation failed: Too many open files", QtCriticalMsg));
+    EXPECT_TRUE(sender.setTosBits(0x88)) << "the next call repairs it";
+    EXPECT_TRUE(sender.setMulticastInterface(QHostAddress()));
+    EXPECT_TRUE(sender.setSendBufferSize(1 << 20));
+    EXPECT_FALSE(sender.setMulticastTtl(1000));
+    EXPECT_TRUE(
+        log.has("NuvikaUdpSender::setMulticastOptions(): Failed setting IP_MULTICAST_TTL; ", QtWarningMsg));
+    EXPECT_FALSE(sender.setMulticastInterface(QHostAddress(QStringLiteral("203.0.113.9"))));
+    EXPECT_TRUE(
+        log.has("NuvikaUdpSender::setMulticastOptions(): Failed setting IP_MULTICAST_IF; ", QtWarningMsg));
+    seams::settingOptions.arm(2, ENOPROTOOPT);
+    EXPECT_FALSE(sender.setTosBits(1));
+    EXPECT_TRUE(log.has("NuvikaUdpSender::setMulticastOptions(): Failed setting IP_TOS; ", QtWarningMsg));
+    EXPECT_FALSE(sender.setSendBufferSize(1));
+    EXPECT_TRUE(log.has("NuvikaUdpSender::setSendBufferSize(): Failed setting SO_SNDBUF; ", QtWarningMsg));
+    seams::settingOptions.arm(1, ENOPROTOOPT);
+    const NuvikaUdpSender second;
+    EXPECT_TRUE(log.has("NuvikaUdpSender::NuvikaUdpSender(): SO_SNDBUF failed: ", QtWarningMsg));
+}
