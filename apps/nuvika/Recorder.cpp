@@ -6,6 +6,36 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 
+namespace
+{
+double unixMs(const NTPTimestamp& t) { return t.toUnixTime() * 1000; }
+
+// Times in milliseconds since 1970, by the camera's clock.
+QJsonObject mediaJson(const CameraMedia& media)
+{
+    const RtpReceiver* receiver = media.receiver();
+    if (receiver == nullptr)
+        return QJsonObject();
+    QJsonArray rates;
+    for (const double rate : media.rates())
+        rates.append(rate);
+    QJsonArray periods;
+    const std::list<NTPRange> recorded = receiver->timeline().recorded();
+    for (const NTPRange& range : recorded)
+        periods.append(QJsonArray{unixMs(range.begin()), unixMs(range.end())});
+    const RtpReceiver::Figures& figures = receiver->figures();
+    return {
+        {QStringLiteral("rates"), rates},
+        {QStringLiteral("loss"), figures.lossPercent},
+        {QStringLiteral("packets"), static_cast<double>(figures.allPackets)},
+        {QStringLiteral("lost"), static_cast<double>(figures.allLost)},
+        {QStringLiteral("now"), unixMs(receiver->timeline().senderClock())},
+        {QStringLiteral("periods"), periods},
+        {QStringLiteral("gaps"), static_cast<int>(receiver->timeline().gaps().size())},
+    };
+}
+} // namespace
+
 Recorder::Recorder()
     : m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) {
           handle(connection, request);
@@ -27,6 +57,23 @@ void Recorder::addCamera(const QString& name, const Target& target)
     });
 }
 
+void Recorder::receiveMedia(const Target& target)
+{
+    m_media[static_cast<int>(m_cameras.size()) - 1] = std::make_unique<CameraMedia>(target);
+}
+
+const CameraMedia* Recorder::media(int camera) const
+{
+    const auto found = m_media.find(camera);
+    return found == m_media.end() ? nullptr : found->second.get();
+}
+
+const RtpReceiver* Recorder::rtp(int camera) const
+{
+    const CameraMedia* own = media(camera);
+    return own == nullptr ? nullptr : own->receiver();
+}
+
 bool Recorder::saveTo(const QString& folder)
 {
     m_folder = std::make_unique<QDir>(folder);
@@ -37,6 +84,8 @@ void Recorder::start()
 {
     for (const auto& camera : m_cameras)
         camera->start();
+    for (const auto& media : m_media)
+        media.second->start();
 }
 
 void Recorder::tick()
@@ -107,9 +156,20 @@ void Recorder::handle(HttpResponseClient& connection, const HttpRequestHeader& r
         && !m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture().isEmpty()) {
         m_server.answer(
             connection, 200, m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture(), "image/jpeg");
+    } else if (const CameraMedia* described = mediaOfPath(path)) {
+        m_server.answer(connection, 200, described->description().toUtf8(), "application/sdp");
     } else {
         m_server.answer(connection, 404, "nothing here\n", "text/plain");
     }
+}
+
+// "/stream/1.sdp": the description of the first camera's RTP stream.
+const CameraMedia* Recorder::mediaOfPath(const QString& path) const
+{
+    constexpr char kLead[] = "/stream/";
+    if (!path.startsWith(QLatin1String(kLead)) || !path.endsWith(QLatin1String(".sdp")))
+        return nullptr;
+    return media(path.mid(static_cast<int>(sizeof kLead) - 1).chopped(4).toInt() - 1);
 }
 
 QByteArray Recorder::stateJson() const
@@ -122,7 +182,7 @@ QByteArray Recorder::stateJson() const
             pictures.append(sample.pictures);
             bits.append(sample.bytes * 8);
         }
-        list.append(QJsonObject{
+        QJsonObject entry{
             {QStringLiteral("name"), camera->name()},
             {QStringLiteral("address"), camera->address()},
             {QStringLiteral("state"), camera->state()},
@@ -131,7 +191,10 @@ QByteArray Recorder::stateJson() const
             {QStringLiteral("interruptions"), camera->interruptions()},
             {QStringLiteral("pictureRates"), pictures},
             {QStringLiteral("bitRates"), bits},
-        });
+        };
+        if (const CameraMedia* own = media(list.size()))
+            entry.insert(QStringLiteral("rtp"), mediaJson(*own));
+        list.append(entry);
     }
     const QJsonObject state{
         {QStringLiteral("cameras"), list}, {QStringLiteral("skipped"), static_cast<double>(m_nSkipped)}};

@@ -1,6 +1,7 @@
 // The recorder: its cameras, the page that shows them, and what keeps their pictures.
 #pragma once
 
+#include "CameraMedia.h"
 #include "CameraStream.h"
 #include "WebServer.h"
 
@@ -9,6 +10,7 @@
 #include <QtCore/QPointer>
 
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 class Recorder : public QObject
@@ -17,6 +19,8 @@ public:
     Recorder();
 
     void addCamera(const QString& name, const Target& target);
+    // Receives the RTP stream of the camera added last, too.
+    void receiveMedia(const Target& target);
     // Keeps every picture as a file below this folder.
     bool saveTo(const QString& folder);
     bool listen(unsigned short port) { return m_server.listen(QHostAddress(QHostAddress::LocalHost), port); }
@@ -27,6 +31,8 @@ public:
 
     const std::vector<std::unique_ptr<CameraStream>>& cameras() const { return m_cameras; }
     int receivingCameras() const;
+    // Of its RTP stream; null without one.
+    const RtpReceiver* rtp(int camera) const;
     CameraStream::Sample total() const;
     quint64 skippedPictures() const { return m_nSkipped; }
     quint64 unsavedPictures() const { return m_nUnsaved; }
@@ -36,8 +42,11 @@ private:
     void showPicture(int camera, const QByteArray& jpeg);
     void save(int camera, const QByteArray& jpeg);
     QByteArray stateJson() const;
+    const CameraMedia* media(int camera) const;
+    const CameraMedia* mediaOfPath(const QString& path) const;
 
     std::vector<std::unique_ptr<CameraStream>> m_cameras;
+    std::unordered_map<int, std::unique_ptr<CameraMedia>> m_media; // by camera
     QHash<int, QList<QPointer<HttpResponseClient>>> m_viewers; // by camera
     std::unique_ptr<QDir> m_folder;
     quint64 m_nSkipped = 0; // pictures that slow viewers did not get

@@ -3,6 +3,7 @@
 #include "Display.h"
 #include "Exit.h"
 #include "Interrupt.h"
+#include "Options.h"
 #include "Recorder.h"
 #include "SimulatedCamera.h"
 
@@ -21,20 +22,6 @@ namespace
 constexpr int kDefaultPort = 8080;
 constexpr int kSecondsWithoutTerminal = 20;
 constexpr int kMaxCameras = 1000;
-
-// A number of an option within bounds; -1 with a message otherwise.
-int numberOf(const QCommandLineParser& parser, const char* name, int fallback, int least, int most)
-{
-    const QString option = QLatin1String(name);
-    if (!parser.isSet(option))
-        return fallback;
-    bool bNumber = false;
-    const int value = parser.value(option).toInt(&bNumber);
-    if (bNumber && value >= least && value <= most)
-        return value;
-    std::fprintf(stderr, "nuvika: --%s takes a number from %d to %d\n", name, least, most);
-    return -1;
-}
 
 int runRecorder(Recorder& recorder, int port, int seconds)
 {
@@ -71,15 +58,15 @@ int runRecorder(Recorder& recorder, int port, int seconds)
 class CameraThread : public QThread
 {
 public:
-    explicit CameraThread(int count)
+    CameraThread(int count, const SimulatedCamera::Media& media)
     {
         start();
         m_context.moveToThread(this);
         QMetaObject::invokeMethod(
             &m_context,
-            [this, count] {
+            [this, count, media] {
                 for (int i = 0; i < count; ++i) {
-                    m_cameras.push_back(std::make_unique<SimulatedCamera>(i));
+                    m_cameras.push_back(std::make_unique<SimulatedCamera>(i, media));
                     if (!m_cameras.back()->listen())
                         return;
                     m_ports.push_back(m_cameras.back()->port());
@@ -121,17 +108,26 @@ int runDemo(const QStringList& arguments)
         QStringLiteral("Simulated network cameras and a recorder that shows them on a page.\n"
                        "Ends with Ctrl-C; exit code 0 when every camera delivered pictures."));
     addCommonOptions(parser);
-    parser.addOption({QStringLiteral("cameras"), QStringLiteral("Number of cameras."), QStringLiteral("N"),
-        QStringLiteral("4")});
+    parser.addOptions({
+        {QStringLiteral("cameras"), QStringLiteral("Number of cameras."), QStringLiteral("N"),
+            QStringLiteral("4")},
+        {QStringLiteral("multicast"), QStringLiteral("The cameras send RTP to groups, not to the recorder.")},
+        {QStringLiteral("loss"), QStringLiteral("The first camera drops this share of its RTP packets."),
+            QStringLiteral("PERCENT")},
+    });
     parser.process(arguments);
     const int count = numberOf(parser, "cameras", 4, 1, kMaxCameras);
     const int port = numberOf(parser, "port", kDefaultPort, 0, 65535);
     const int seconds
         = numberOf(parser, "seconds", Display().isTerminal() ? 0 : kSecondsWithoutTerminal, 1, 1000000);
-    if (count < 0 || port < 0 || seconds < 0 || !parser.positionalArguments().isEmpty())
+    SimulatedCamera::Media media;
+    media.bMulticast = parser.isSet(QStringLiteral("multicast"));
+    media.nLossPercent = numberOf(parser, "loss", 0, 0, 100);
+    if (count < 0 || port < 0 || seconds < 0 || media.nLossPercent < 0
+        || !parser.positionalArguments().isEmpty())
         return Exit::kUsage;
 
-    const CameraThread cameras(count);
+    const CameraThread cameras(count, media);
     if (static_cast<int>(cameras.ports().size()) < count) {
         std::fprintf(stderr, "nuvika: camera %d cannot listen: out of descriptors? (ulimit -n)\n",
             static_cast<int>(cameras.ports().size()) + 1);
@@ -146,6 +142,7 @@ int runDemo(const QStringList& arguments)
         target.user = QLatin1String(SimulatedCamera::kUser);
         target.password = QLatin1String(SimulatedCamera::kPassword);
         recorder.addCamera(QStringLiteral("camera %1").arg(i + 1), target);
+        recorder.receiveMedia(target);
     }
     return runRecorder(recorder, port, seconds);
 }

@@ -1,6 +1,7 @@
 // nuvika: the library's command-line tool and live demo.
 #include "Exit.h"
 #include "Get.h"
+#include "Rtp.h"
 #include "Watch.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
@@ -12,10 +13,12 @@
 
 namespace
 {
-constexpr char kUsage[] = R"(nuvika: cameras over HTTP, by KepNuvikaUtil
+constexpr char kUsage[] = R"(nuvika: cameras over HTTP and RTP, by KepNuvikaUtil
 
-  nuvika demo [--cameras N] [--port P] [--seconds S]   simulated cameras, a recorder and its page
+  nuvika demo [--cameras N] [--loss PERCENT] ...       simulated cameras, a recorder and its page
   nuvika watch URL... [--save DIR] [--port P]          the same recorder on real cameras
+  nuvika rtp FILE.sdp [--seconds S]                    receives the RTP streams of a description
+  nuvika sdp FILE                                      shows a description as it is understood
   nuvika get URL [-i] [--post FILE] [--put FILE]       one request to standard output
 
 nuvika COMMAND --help tells more. NUVIKA_LOG=1 in the environment shows the library's log.
@@ -29,6 +32,10 @@ Command commandOf(const QString& name)
         return &runDemo;
     if (name == QLatin1String("watch"))
         return &runWatch;
+    if (name == QLatin1String("rtp"))
+        return &runRtp;
+    if (name == QLatin1String("sdp"))
+        return &runSdp;
     return name == QLatin1String("get") ? &runGet : nullptr;
 }
 } // namespace
