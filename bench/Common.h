@@ -50,6 +50,7 @@ public:
         m_start = std::chrono::steady_clock::now();
         m_cpu = cpuSeconds();
     }
+    double cpu() const { return cpuSeconds() - m_cpu; }
     // One line for the driver: wall and CPU seconds of this side.
     void report() const
     {

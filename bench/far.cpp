@@ -1,6 +1,8 @@
 // The other end of every row, by plain system calls and always the same.
 //   far source|sink BYTES [medium] | echo | http   listens, prints its port, serves until it is ended
 //   far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all connections active, or one at a
+//   far datagrams PORT                             sends datagrams of 1200 bytes as fast as it can
+//   far drain                                      prints a port, and reads what comes there
 //   time far connects PORT COUNT                        opens and ends connections
 #include "Common.h"
 
@@ -8,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include <netinet/udp.h>
 #include <sys/epoll.h>
 
 using namespace bench;
@@ -177,6 +180,35 @@ int load(bool bAll, unsigned short port, long long rounds, int count)
     return 0;
 }
 
+// Bursts of a picture's packets, until the driver ends it. The system cuts each burst into its datagrams
+// (UDP_SEGMENT), so that the receiver is the slower side.
+int datagrams(unsigned short port)
+{
+    const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in to = loopback(port);
+    constexpr int kSize = 1200;
+    constexpr std::size_t kBurst = 30;
+    setsockopt(s, IPPROTO_UDP, UDP_SEGMENT, &kSize, sizeof kSize);
+    const std::string burst(kSize * kBurst, 'd');
+    while (sendto(s, burst.data(), burst.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) > 0) {
+    }
+    return 0;
+}
+
+int drain()
+{
+    const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t size = sizeof address;
+    bind(s, reinterpret_cast<const sockaddr*>(&address), size);
+    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+    std::printf("%d\n", ntohs(address.sin_port));
+    std::fflush(stdout);
+    char buffer[1500];
+    while (recv(s, buffer, sizeof buffer, 0) >= 0) { }
+    return 0;
+}
+
 int connects(unsigned short port, long long count)
 {
     char byte = 0;
@@ -196,6 +228,10 @@ int main(int argc, char** argv)
     const Arguments a(argc, argv);
     if (a.mode == "load" || a.mode == "one")
         return load(a.mode == "load", a.port, a.amount, a.connections);
+    if (a.mode == "datagrams")
+        return datagrams(a.port);
+    if (a.mode == "drain")
+        return drain();
     if (a.mode == "connects")
         return connects(a.port, a.amount);
     return listening(

@@ -12,6 +12,11 @@
 #include <Poco/Net/HTTPResponse.h>
 #endif
 
+#if defined(BENCH_GSTREAMER)
+#include <gst/rtp/gstrtpbuffer.h>
+#include <gst/sdp/gstsdpmessage.h>
+#endif
+
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QLoggingCategory>
 
@@ -248,6 +253,138 @@ void digestPoco(benchmark::State& state)
 BENCHMARK(digestPoco);
 #endif
 
+// --- RTP: check a packet and read what a receiver needs ----------------------------------------------------
+
+std::vector<unsigned char> rtpBytes()
+{
+    std::vector<unsigned char> bytes(1200, 7);
+    const unsigned char head[] = {0x80, 0xE0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3};
+    std::copy(std::begin(head), std::end(head), bytes.begin());
+    return bytes;
+}
+
+struct RtpFacts {
+    unsigned int seqNum, timestamp, ssrc, type, marker, payloadSize;
+    const unsigned char* payload;
+};
+
+void rtpLimit(benchmark::State& state) // the fixed header only, all of it inline
+{
+    const std::vector<unsigned char> bytes = rtpBytes();
+    for (auto _ : state) {
+        const unsigned char* p = bytes.data();
+        benchmark::DoNotOptimize(p);
+        RtpFacts facts{};
+        if (bytes.size() > 12 && (p[0] & 0xC0) == 0x80) {
+            const unsigned int header = 12 + 4 * (p[0] & 15U);
+            facts = {qFromBigEndian<quint16>(p + 2), qFromBigEndian<quint32>(p + 4),
+                qFromBigEndian<quint32>(p + 8), p[1] & 127U, p[1] >> 7U,
+                static_cast<unsigned int>(bytes.size()) - header, p + header};
+        }
+        benchmark::DoNotOptimize(facts);
+    }
+}
+void rtpNuvika(benchmark::State& state)
+{
+    const std::vector<unsigned char> bytes = rtpBytes();
+    for (auto _ : state) {
+        const RTPPacket packet(bytes.data(), static_cast<unsigned int>(bytes.size()));
+        RtpFacts facts{packet.getSeqNum(), packet.getRawTimestamp(), packet.getSSRC(),
+            static_cast<unsigned int>(packet.getPayloadType()), packet.isMarked(), packet.getPayloadSize(),
+            packet.getPayload()};
+        benchmark::DoNotOptimize(facts);
+    }
+}
+#if defined(BENCH_GSTREAMER)
+void rtpGstreamer(benchmark::State& state)
+{
+    std::vector<unsigned char> bytes = rtpBytes();
+    GstBuffer* buffer = gst_buffer_new_wrapped_full(
+        GST_MEMORY_FLAG_READONLY, bytes.data(), bytes.size(), 0, bytes.size(), nullptr, nullptr);
+    for (auto _ : state) {
+        GstRTPBuffer packet = GST_RTP_BUFFER_INIT;
+        gst_rtp_buffer_map(buffer, GST_MAP_READ, &packet);
+        RtpFacts facts{gst_rtp_buffer_get_seq(&packet), gst_rtp_buffer_get_timestamp(&packet),
+            gst_rtp_buffer_get_ssrc(&packet), gst_rtp_buffer_get_payload_type(&packet),
+            static_cast<unsigned int>(gst_rtp_buffer_get_marker(&packet)),
+            gst_rtp_buffer_get_payload_len(&packet),
+            static_cast<const unsigned char*>(gst_rtp_buffer_get_payload(&packet))};
+        benchmark::DoNotOptimize(facts);
+        gst_rtp_buffer_unmap(&packet);
+    }
+    gst_buffer_unref(buffer);
+}
+BENCHMARK(rtpGstreamer);
+#endif
+
+// --- SDP: a description of 25 lines ------------------------------------------------------------------------
+
+std::string sdpText(int number)
+{
+    std::string text = "v=0\r\no=- " + std::to_string(1000000 + number)
+        + " 1 IN IP4 192.0.2.17\r\ns=camera session\r\ni=two streams of one "
+          "camera\r\nu=http://192.0.2.17/\r\n"
+          "c=IN IP4 0.0.0.0\r\nb=AS:5000\r\nt=0 0\r\n";
+    for (const char* kind : {"video", "audio"}) {
+        text += std::string("m=") + kind
+            + " 0 RTP/AVP 96\r\nc=IN IP4 0.0.0.0\r\nb=AS:2500\r\na=control:trackID=1\r\n"
+              "a=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=1;profile-level-id=640028\r\n"
+              "a=framerate:25.0\r\na=recvonly\r\n";
+    }
+    return text + "a=x-dimensions:1920,1080\r\n";
+}
+
+void sdpLimit(benchmark::State& state) // each line's type and text copied into a list
+{
+    const std::string text = sdpText(0);
+    for (auto _ : state) {
+        std::vector<std::pair<std::string, std::string>> lines;
+        for (std::string_view rest(text); !rest.empty();) {
+            const std::size_t end = rest.find("\r\n");
+            lines.emplace_back(rest.substr(0, 1), rest.substr(2, end - 2));
+            rest.remove_prefix(end + 2);
+        }
+        benchmark::DoNotOptimize(lines.data());
+    }
+}
+void sdpNuvika(benchmark::State& state) // each text is new to the cache
+{
+    static int number = 0;
+    std::vector<QString> texts;
+    for (benchmark::IterationCount i = 0; i < state.max_iterations; ++i)
+        texts.push_back(QString::fromStdString(sdpText(++number)));
+    std::size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(SDP::fromSDPString(texts[next++]).getNumMediaDesc());
+}
+void sdpNuvikaCached(benchmark::State& state)
+{
+    const QString text = QString::fromStdString(sdpText(0));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(SDP::fromSDPString(text).getNumMediaDesc());
+}
+#if defined(BENCH_GSTREAMER)
+void sdpGstreamer(benchmark::State& state)
+{
+    const std::string text = sdpText(0);
+    for (auto _ : state) {
+        GstSDPMessage message{};
+        gst_sdp_message_init(&message);
+        gst_sdp_message_parse_buffer(
+            reinterpret_cast<const guint8*>(text.data()), static_cast<guint>(text.size()), &message);
+        benchmark::DoNotOptimize(gst_sdp_message_medias_len(&message));
+        gst_sdp_message_uninit(&message);
+    }
+}
+BENCHMARK(sdpGstreamer);
+#endif
+
+BENCHMARK(rtpLimit);
+BENCHMARK(rtpNuvika);
+BENCHMARK(sdpLimit);
+BENCHMARK(sdpNuvika)->Iterations(
+    1500); // five repetitions stay below what the cache keeps before it cleans up
+BENCHMARK(sdpNuvikaCached);
 BENCHMARK(poolLimit);
 BENCHMARK(poolNuvika);
 BENCHMARK(poolBoost);
@@ -266,6 +403,9 @@ BENCHMARK(digestNuvika);
 int main(int argc, char** argv)
 {
     QLoggingCategory::setFilterRules(QStringLiteral("nuvika.*=false"));
+#if defined(BENCH_GSTREAMER)
+    gst_init(nullptr, nullptr);
+#endif
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

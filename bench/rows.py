@@ -33,6 +33,13 @@ ROWS = [
     ("tcp", "accepted connections", "accept", "connects", 12000, 1,
      {"raw": "", "nuvika": "", "asio": "", "libuv": "", "qt": ""}),
     ("tcp", "accepted connections, a TCP socket on each", "acceptsocket", "connects", 5000, 1, {"raw": "", "nuvika": ""}),
+    ("udp", "datagrams of 1200 bytes received", "udprecv", "datagrams", 1000000, 1,
+     {"raw": "", "nuvika": "", "asio": "", "libuv": "", "qt": ""}),
+    ("udp", "datagrams sent one by one, back to back", "udpsend", "drain", 200000, 1,
+     {"raw": "", "nuvika": "", "asio": "", "libuv": "", "qt": ""}),
+    ("udp", "datagrams sent one by one, one each millisecond", "udppaced", "drain", 2000, 1,
+     {"raw": "", "nuvika": "", "asio": "", "libuv": "", "qt": ""}),
+    ("udp", "datagrams sent 30 at a time", "udpbatch", "drain", 600000, 1, {"raw": "", "nuvika": ""}),
     ("http", "HTTP GET of 200 bytes, one kept-alive connection", "http", "http", 30000, 1,
      {"raw": "small/200", "nuvika": "small/200", "curl": "small/200", "qt": "small/200"}),
     ("http", "the same with tracing on", "http", "http", 10000, 1, {"raw": "small/200", "nuvika": "small/200"}),
@@ -74,8 +81,8 @@ def run_once(row, name, scale):
     if scale < 1 and amount == 1:
         variant = re.sub(r"\d+", lambda m: str(max(int(int(m.group()) * scale), 10)), variant)
     environment = dict(os.environ, **({"NUVIKA_LOG": "1"} if "tracing" in title else {}))
-    near = [program("near_" + name)]
-    if far in ("load", "one", "connects"):
+    near = [near_program(row, name)]
+    if far in ("load", "one", "connects", "datagrams"):
         port = free_port()
         near_mode = "accept" if name == "raw" and mode == "acceptsocket" else mode
         with started([*near, near_mode, str(port), str(amount), str(connections), variant], env=environment) as child:
@@ -95,6 +102,10 @@ def run_once(row, name, scale):
     return float(wall) / amount, max(float(cpu), 1e-6) / amount
 
 
+def near_program(row, name):
+    return program(("near_udp_" if row[0] == "udp" else "near_") + name)
+
+
 def middle(values):
     return f"{statistics.median(values):.2f} ({min(values):.2f}–{max(values):.2f})"
 
@@ -110,7 +121,7 @@ def run_rows(group, repeats, scale):
     for row in ROWS:
         if row[0] != group:
             continue
-        names = [n for n in row[6] if os.path.exists(program("near_" + n))]
+        names = [n for n in row[6] if os.path.exists(near_program(row, n))]
         walls, cpus = {n: [] for n in names}, {n: [] for n in names}
         for _ in range(repeats):
             for name in names:
@@ -198,11 +209,13 @@ def micro_rows(repeats, scale):
         return
     out = subprocess.run([program("micro"), f"--benchmark_repetitions={max(repeats, 2)}", "--benchmark_report_aggregates_only=true",
                           f"--benchmark_min_time={0.3 * min(scale * 4, 1):.3f}"], capture_output=True, text=True).stdout
-    times = {name: float(value) for name, value in re.findall(r"(\w+)_median\s+([\d.]+) ns", out)}
+    times = {name: float(value) for name, value in re.findall(r"(\w+?)(?:/iterations:\d+)?_median\s+([\d.]+) ns", out)}
     print("\n| micro row | program | ns | to the limit |\n|---|---|---|---|")
     for limit, name in [("poolLimit", n) for n in ("poolNuvika", "poolBoost")] + [("poolMutexLimit", "poolMutexNuvika")] \
             + [("fifoLimit", n) for n in ("fifoNuvika", "fifoEvbuffer")] + [("headLimit", n) for n in ("headNuvika", "headBeast")] \
-            + [("digestLimit", n) for n in ("digestNuvika", "digestPoco") if n in times]:
+            + [("digestLimit", n) for n in ("digestNuvika", "digestPoco") if n in times] \
+            + [("rtpLimit", n) for n in ("rtpNuvika", "rtpGstreamer") if n in times] \
+            + [("sdpLimit", n) for n in ("sdpNuvika", "sdpNuvikaCached", "sdpGstreamer") if n in times]:
         print(f"| {limit[:-5]} | {name} | {times[name]:.0f} | {times[name] / times[limit]:.2f} |", flush=True)
 
 
@@ -218,9 +231,9 @@ def main():
     repeats, scale = (1, 0.01) if options.brief else (options.n, 1.0)
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 65536), hard))
-    groups = options.groups or ["tcp", "http", "idle", "server", "micro"]
+    groups = options.groups or ["tcp", "udp", "http", "idle", "server", "micro"]
     for group in groups:
-        if group in ("tcp", "http"):
+        if group in ("tcp", "udp", "http"):
             run_rows(group, repeats, scale)
         elif group == "idle":
             idle_rows(repeats, scale)
@@ -229,7 +242,7 @@ def main():
         elif group == "micro":
             micro_rows(repeats, scale)
         else:
-            sys.exit(f"bench/run: no group {group}: tcp, http, idle, server, micro")
+            sys.exit(f"bench/run: no group {group}: tcp, udp, http, idle, server, micro")
 
 
 if __name__ == "__main__":

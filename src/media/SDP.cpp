@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 const QString nuvikaIdAttribute = QStringLiteral("nuvika-id:");
 const QString nuvikaNameAttribute = QStringLiteral("nuvika-name:");
@@ -171,9 +172,9 @@ void SDP::cleanCache()
 
 void SDP::reuse() { m_nLastUsed = nowMs(); }
 
-void SDP::appendSessionParam(const Param& param) { m_sessionParams.append(param); }
+void SDP::appendSessionParam(Param&& param) { m_sessionParams.append(std::move(param)); }
 
-void SDP::appendMediaParam(const Param& param) { m_mediaDescs.last().append(param); }
+void SDP::appendMediaParam(Param&& param) { m_mediaDescs.last().append(std::move(param)); }
 
 bool SDP::operator==(const SDP& other) const
 {

@@ -82,8 +82,8 @@ private:
     void addToSdp(QString& out, const QString& type) const;
     void addTimeToSdp(QString& out, const QString& type, int idx) const;
     void addMediaToSdp(QString& out, const QString& type, int idx) const;
-    void appendSessionParam(const Param& param);
-    void appendMediaParam(const Param& param);
+    void appendSessionParam(Param&& param);
+    void appendMediaParam(Param&& param);
     static void cleanCache();
 
     QVector<ParamList> m_timeDescs;

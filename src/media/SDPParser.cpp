@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <limits>
+#include <numeric>
+#include <utility>
 
 namespace
 {
@@ -20,6 +22,13 @@ const QString& nameOf(char type)
     return names[static_cast<std::size_t>(type - 'a')];
 }
 } // namespace
+
+SDP::Parser::Parser(SDP* sdp) : m_sdp(sdp)
+{
+    constexpr std::size_t kUsualSection = 32; // lines
+    m_section.reserve(kUsualSection);
+    m_sorted.reserve(kUsualSection);
+}
 
 bool SDP::Parser::Rule::admits(const Accepted& accepted) const
 {
@@ -62,7 +71,6 @@ const SDP::Parser::Rules& SDP::Parser::rules()
         session('z', "s", 3, kAny, "zkam");
         session('k', "s", 3, kAny, "kam");
         session('a', "s", 3, kAny, "m");
-        media('m', "", 0, 0, "");
         media('i', "m", 1, 1, "icbka");
         media('c', "m", 1, kAny, "cbka");
         media('b', "m", 1, kAny, "ka");
@@ -75,23 +83,23 @@ const SDP::Parser::Rules& SDP::Parser::rules()
 
 void SDP::Parser::parse(const QString& text)
 {
-    QString plain;
-    if (text.contains(QLatin1Char('\r'))) {
-        plain = text;
-        plain.remove(QLatin1Char('\r'));
-    }
-    const QString& lines = plain.isNull() ? text : plain;
-    for (int begin = 0; begin < lines.size();) {
-        const int found = lines.indexOf(QLatin1Char('\n'), begin);
-        const int end = found < 0 ? lines.size() : found;
-        takeLine(QStringRef(&lines, begin, end - begin));
+    const QStringView all(text);
+    for (qsizetype begin = 0; begin < all.size();) {
+        const int found = text.indexOf(QLatin1Char('\n'), static_cast<int>(begin));
+        const qsizetype end = found < 0 ? all.size() : found;
+        const bool bReturn = end > begin && all.at(end - 1) == QLatin1Char('\r');
+        takeLine(all.mid(begin, end - begin - (bReturn ? 1 : 0)));
         begin = end + 1;
     }
     endSection();
 }
 
-void SDP::Parser::takeLine(const QStringRef& line)
+void SDP::Parser::takeLine(QStringView line)
 {
+    if (line.contains(QLatin1Char('\r'))) {
+        m_cleaned.push_back(line.toString().remove(QLatin1Char('\r')));
+        line = m_cleaned.back();
+    }
     if (line.size() < 2 || line.at(1) != QLatin1Char('='))
         return;
     const ushort type = line.at(0).unicode();
@@ -99,24 +107,48 @@ void SDP::Parser::takeLine(const QStringRef& line)
         endSection();
         m_bInMedia = true;
         m_media = Accepted();
-        accept('m', line.mid(2));
+        m_media.add('m');
+        m_mediaLine = line.mid(2);
         return;
     }
     const char* rank = type > 0 && type < 128 ? std::strchr(kOrder, static_cast<char>(type)) : nullptr;
     if (rank != nullptr)
-        m_section[static_cast<std::size_t>(rank - kOrder)].push_back(line.mid(2));
+        m_section.push_back({static_cast<std::size_t>(rank - kOrder), line.mid(2)});
 }
 
+// Sorts the section's lines by type, keeping their order within one, and applies the rules.
 void SDP::Parser::endSection()
 {
-    for (std::size_t i = 0; i < m_section.size(); ++i) {
-        for (const QStringRef& value : m_section[i])
-            accept(kOrder[i], value);
-        m_section[i].clear();
+    std::array<std::size_t, kTypes + 1> starts{};
+    for (const Line& line : m_section)
+        ++starts[line.nRank + 1];
+    std::partial_sum(starts.begin(), starts.end(), starts.begin());
+    m_sorted.resize(m_section.size());
+    std::array<std::size_t, kTypes + 1> next = starts;
+    for (const Line& line : m_section)
+        m_sorted[next[line.nRank]++] = line.value;
+    beginStoring();
+    for (std::size_t rank = 0; rank < kTypes; ++rank) {
+        for (std::size_t i = starts[rank]; i < starts[rank + 1]; ++i)
+            accept(kOrder[rank], m_sorted[i]);
+    }
+    m_section.clear();
+}
+
+// The list that takes the lines, with room for all of them.
+void SDP::Parser::beginStoring()
+{
+    const int lines = static_cast<int>(m_section.size());
+    if (m_bInMedia) {
+        m_sdp->m_mediaDescs.append(ParamList());
+        m_sdp->m_mediaDescs.last().reserve(lines + 1);
+        m_sdp->appendMediaParam({nameOf('m'), m_mediaLine.toString()});
+    } else {
+        m_sdp->m_sessionParams.reserve(lines);
     }
 }
 
-void SDP::Parser::accept(char type, const QStringRef& value)
+void SDP::Parser::accept(char type, QStringView value)
 {
     Accepted& accepted = m_bInMedia ? m_media : m_session;
     const auto& table = m_bInMedia ? rules().media : rules().session;
@@ -127,18 +159,16 @@ void SDP::Parser::accept(char type, const QStringRef& value)
     accepted.add(type);
 }
 
-void SDP::Parser::store(char type, const QStringRef& value)
+void SDP::Parser::store(char type, QStringView value)
 {
-    const Param param(nameOf(type), value.toString());
+    Param param(nameOf(type), value.toString());
     if (m_bInMedia) {
-        if (type == 'm')
-            m_sdp->m_mediaDescs.append(ParamList());
-        m_sdp->appendMediaParam(param);
+        m_sdp->appendMediaParam(std::move(param));
     } else if (type == 't' || type == 'r') {
         if (type == 't')
             m_sdp->m_timeDescs.append(ParamList());
-        m_sdp->m_timeDescs.last().append(param);
+        m_sdp->m_timeDescs.last().append(std::move(param));
     } else {
-        m_sdp->appendSessionParam(param);
+        m_sdp->appendSessionParam(std::move(param));
     }
 }

@@ -4,13 +4,15 @@
 
 #include <KepNuvikaUtil/SDP.h>
 
+#include <QtCore/QStringView>
+
 #include <array>
 #include <vector>
 
 class SDP::Parser
 {
 public:
-    explicit Parser(SDP* sdp) : m_sdp(sdp) { }
+    explicit Parser(SDP* sdp);
     void parse(const QString& text);
 
 private:
@@ -38,14 +40,23 @@ private:
     };
     static constexpr int kTypes = 14; // all but "m", which ends a section
 
+    struct Line {
+        std::size_t nRank; // of its type
+        QStringView value;
+    };
+
     static const Rules& rules();
-    void takeLine(const QStringRef& line);
+    void takeLine(QStringView line);
     void endSection();
-    void accept(char type, const QStringRef& value);
-    void store(char type, const QStringRef& value);
+    void beginStoring();
+    void accept(char type, QStringView value);
+    void store(char type, QStringView value);
 
     SDP* m_sdp;
-    std::array<std::vector<QStringRef>, kTypes> m_section; // its lines by type, in input order
+    std::vector<Line> m_section; // its lines in input order
+    std::vector<QStringView> m_sorted; // their values by type
+    std::vector<QString> m_cleaned; // lines that held a carriage return
+    QStringView m_mediaLine; // of the section
     Accepted m_session;
     Accepted m_media;
     bool m_bInMedia = false;

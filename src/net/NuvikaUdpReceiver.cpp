@@ -10,8 +10,6 @@
 #include "platform/ErrorCodes_p.h"
 #include "platform/Sockets_p.h"
 
-#include <QtCore/QPointer>
-
 #include <algorithm>
 #include <utility>
 
@@ -74,7 +72,12 @@ struct NuvikaUdpReceiver::Creation {
 
 NuvikaUdpReceiver::NuvikaUdpReceiver(QObject* parent) : QObject(parent) { }
 
-NuvikaUdpReceiver::~NuvikaUdpReceiver() { close(); }
+NuvikaUdpReceiver::~NuvikaUdpReceiver()
+{
+    for (Delivery* delivery = m_pDelivery; delivery != nullptr; delivery = delivery->pOuter)
+        delivery->bGone = true;
+    close();
+}
 
 bool NuvikaUdpReceiver::createUnicast(unsigned short& port, const QHostAddress& localAddress)
 {
@@ -187,10 +190,10 @@ void NuvikaUdpReceiver::removeCallback(Callback callback, void* context)
     const auto found = std::find(m_callbacks.begin(), m_callbacks.end(), Registration{callback, context});
     if (found == m_callbacks.end())
         return;
-    if (m_nDelivering > 0)
-        *found = {nullptr, nullptr}; // a delivery counts on the places of the others
-    else
-        m_callbacks.erase(found);
+    *found = {nullptr, nullptr}; // a delivery counts on the places of the others
+    m_bRemoved = true;
+    if (m_pDelivery == nullptr)
+        sweep();
 }
 
 void NuvikaUdpReceiver::customEvent(QEvent* event)
@@ -203,17 +206,24 @@ void NuvikaUdpReceiver::customEvent(QEvent* event)
 
 void NuvikaUdpReceiver::deliver(const Datagram& datagram)
 {
-    const QPointer<NuvikaUdpReceiver> self(this);
+    Delivery delivery{m_pDelivery, false};
+    m_pDelivery = &delivery;
     const std::size_t count = m_callbacks.size();
-    ++m_nDelivering;
     for (std::size_t i = 0; i < count; ++i) {
         const Registration registration = m_callbacks[i];
         if (registration.callback != nullptr)
             registration.callback(&datagram, registration.context);
-        if (!self)
+        if (delivery.bGone)
             return;
     }
-    if (--m_nDelivering == 0)
-        m_callbacks.erase(std::remove(m_callbacks.begin(), m_callbacks.end(), Registration{nullptr, nullptr}),
-            m_callbacks.end());
+    m_pDelivery = delivery.pOuter;
+    if (m_bRemoved && m_pDelivery == nullptr)
+        sweep();
+}
+
+void NuvikaUdpReceiver::sweep()
+{
+    m_callbacks.erase(std::remove(m_callbacks.begin(), m_callbacks.end(), Registration{nullptr, nullptr}),
+        m_callbacks.end());
+    m_bRemoved = false;
 }

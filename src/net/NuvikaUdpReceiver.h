@@ -76,13 +76,20 @@ private:
         }
     };
     struct Creation;
+    // A delivery on the stack; they nest with nested event loops.
+    struct Delivery {
+        Delivery* pOuter;
+        bool bGone; // the receiver has been destroyed
+    };
 
     bool create(unsigned short& port, const QHostAddress& address, const Creation& creation);
     bool fail(const char* format);
     void deliver(const Datagram& datagram);
+    void sweep();
 
     std::vector<Registration> m_callbacks;
-    int m_nDelivering = 0; // deliveries on the stack
+    Delivery* m_pDelivery = nullptr; // the innermost
+    bool m_bRemoved = false; // some pair above was removed meanwhile
     NuvikaUdpReceiverIO* m_pIO = nullptr; // ends itself after detach()
     int m_nSocket = -1;
     QString m_errorString;

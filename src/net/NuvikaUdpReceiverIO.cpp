@@ -9,7 +9,6 @@
 
 #include <QtCore/QCoreApplication>
 
-#include <algorithm>
 #include <cstring>
 
 using namespace Nuvika;
@@ -35,25 +34,19 @@ void NuvikaUdpReceiverIO::startRecv()
     postIdle();
 }
 
-NuvikaUdpReceiverIO::ReceiveContext& NuvikaUdpReceiverIO::contextOf(const Transfer& transfer)
-{
-    return *std::find_if(m_receives.begin(), m_receives.end(),
-        [&transfer](const ReceiveContext& context) { return &context.transfer == &transfer; });
-}
-
 void NuvikaUdpReceiverIO::post(ReceiveContext& context)
 {
     if (context.nSize < m_nDatagramSize) {
         context.buffer.reset(new char[static_cast<std::size_t>(m_nDatagramSize)]);
         context.nSize = m_nDatagramSize;
     }
-    postReceive(context.transfer, context.buffer.get(), static_cast<std::size_t>(context.nSize));
+    postReceive(context, context.buffer.get(), static_cast<std::size_t>(context.nSize));
 }
 
 void NuvikaUdpReceiverIO::postIdle()
 {
     for (ReceiveContext& context : m_receives) {
-        if (!context.transfer.isBusy() && !context.bDelivering)
+        if (!context.isBusy() && !context.bDelivering)
             post(context);
     }
 }
@@ -66,7 +59,7 @@ void NuvikaUdpReceiverIO::grow()
 
 void NuvikaUdpReceiverIO::received(Transfer& transfer)
 {
-    ReceiveContext& context = contextOf(transfer);
+    ReceiveContext& context = static_cast<ReceiveContext&>(transfer);
     const int nError = transfer.error();
     if (nError == ErrorCodes::kMessageSize) {
         if (context.nSize == m_nDatagramSize)
@@ -91,10 +84,10 @@ void NuvikaUdpReceiverIO::received(Transfer& transfer)
 void NuvikaUdpReceiverIO::deliver(ReceiveContext& context)
 {
     NuvikaLLSock::ADDR_V4_V6 sender;
-    std::memcpy(&sender, context.transfer.sender.data(), sizeof sender);
+    std::memcpy(&sender, context.sender.data(), sizeof sender);
     NuvikaUdpSocketPacketReceivedEvent event;
     event.pData = context.buffer.get();
-    event.nSize = context.transfer.bytes();
+    event.nSize = context.bytes();
     if (sender.sa.sa_family == AF_INET6) {
         event.nFamily = kFamilyIPv6;
         event.pIPv6 = sender.v6.sin6_addr.s6_addr;

@@ -36,8 +36,7 @@ public:
     void startRecv();
 
 private:
-    struct ReceiveContext {
-        Nuvika::DatagramReceive transfer;
+    struct ReceiveContext : Nuvika::DatagramReceive {
         std::unique_ptr<char[]> buffer;
         int nSize = 0;
         bool bDelivering = false;
@@ -46,7 +45,6 @@ private:
 
     ~NuvikaUdpReceiverIO() override;
 
-    ReceiveContext& contextOf(const Nuvika::Transfer& transfer);
     void post(ReceiveContext& context);
     void postIdle();
     void grow();

@@ -14,8 +14,8 @@
 //    socket and no timer starves.
 // 7. Closing a channel ends its connection at once; only the freeing waits for the loop. When a thread's port
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
-// 8. One system call fills all receives that are posted on a channel of datagrams; each still completes
-// alone.
+// 8. One system call fills all receives that are posted on a channel of datagrams. Each completes alone, but
+//    such a batch counts as one service.
 //
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
 // that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
@@ -136,6 +136,7 @@ private:
     bool hasWork() const;
     void ready(unsigned int events);
     bool serveOne(); // false: this channel is gone
+    bool serveBatch();
     Transfer* nextReceive();
     bool receiveSome(Transfer& transfer);
     bool receiveBatch();

@@ -281,6 +281,7 @@ TEST(UdpReceiver, JoinsAnIPv6GroupOnTheNamedInterface)
 
 TEST(UdpReceiver, SaysWhyItCannotBeCreated)
 {
+    const Bound portOfThisThread;
     const int before = openDescriptors();
     {
         Bound receiver;
@@ -394,6 +395,7 @@ TEST(UdpSender, SendsManyWithOneCall)
 
 TEST(UdpSender, CopiesShareOneSocket)
 {
+    const Bound portOfThisThread;
     const int before = openDescriptors();
     Bound receiver;
     const auto to = addressOf(kLocal, receiver.port);

@@ -10,7 +10,8 @@ import zlib
 
 from peers import PeerTest, demo
 
-WIDTH, HEIGHT = 700, 640
+WIDTH, HEIGHT = 720, 900
+RED, GREEN = (0xF8, 0x51, 0x49), (0x3F, 0xB9, 0x50)
 
 
 def pixels(path):
@@ -95,6 +96,19 @@ class Browser(PeerTest):
                 changed += bright and max(abs(p - q) for p, q in zip(a, b)) > 60
         self.assertGreater(coloured, 10000, "a picture is on the page")
         self.assertGreater(changed, 500, "and it moves")
+        self.assertEqual(self.count(second, step, RED), 0, "nothing is lost")
+        self.assertGreater(self.count(second, step, GREEN), 300, "the recorded period is on the time line")
+
+    def test_gaps_are_on_the_time_line(self):
+        with demo("--cameras", "1", "--loss", "25") as (_, port):
+            time.sleep(5)
+            rows, step = self.screenshot(port, "gaps.png")
+        self.assertGreater(self.count(rows, step, RED), 30)
+        self.assertGreater(self.count(rows, step, GREEN), 30)
+
+    def count(self, rows, step, colour):
+        return sum(max(abs(p - q) for p, q in zip(row[x:x + 3], colour)) < 12
+                   for row in rows for x in range(0, len(row), step))
 
 
 if __name__ == "__main__":

@@ -236,8 +236,28 @@ void Channel::cancelReceives()
     schedule();
 }
 
+bool Channel::serveBatch()
+{
+    for (int served = 0; served < Sockets::kMaxBatch; ++served) {
+        Transfer* received = nextReceive();
+        if (received == nullptr)
+            break;
+        if (hasWork())
+            m_pPort->appendToLine(*this);
+        if (!m_handler.receiveCompleted(*received))
+            return false;
+        if (!m_receives.firstIsDone())
+            break;
+    }
+    if (!hasWork())
+        m_pPort->takeOutOfLine(*this);
+    return true;
+}
+
 bool Channel::serveOne()
 {
+    if (m_kind == eDatagrams)
+        return serveBatch();
     Transfer* sent = m_bSendsFirst ? nextSend() : nullptr;
     Transfer* received = sent == nullptr ? nextReceive() : nullptr;
     if (sent == nullptr && received == nullptr && !m_bSendsFirst)
