@@ -5,13 +5,21 @@
 #include <KepNuvikaUtil/Allocation.h>
 #include <KepNuvikaUtil/Assertion.h>
 #include <KepNuvikaUtil/Buffer.h>
+#include <KepNuvikaUtil/BufferSocketBase.h>
+#include <KepNuvikaUtil/BufferSocketFixedFifo.h>
+#include <KepNuvikaUtil/BufferSocketQueued.h>
 #include <KepNuvikaUtil/ClockTickerThread.h>
 #include <KepNuvikaUtil/ClockToNtpMapper32.h>
 #include <KepNuvikaUtil/ClockToNtpMapper64.h>
+#include <KepNuvikaUtil/CommandParsing.h>
+#include <KepNuvikaUtil/CreateDbId.h>
 #include <KepNuvikaUtil/DataStreamBuffer.h>
 #include <KepNuvikaUtil/DateTimeExt.h>
+#include <KepNuvikaUtil/DbIdType.h>
 #include <KepNuvikaUtil/DynamicByteFifo.h>
 #include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HMatrix2D.h>
+#include <KepNuvikaUtil/HVector2D.h>
 #include <KepNuvikaUtil/HostLookup.h>
 #include <KepNuvikaUtil/HttpAuthenticator.h>
 #include <KepNuvikaUtil/HttpClient.h>
@@ -24,6 +32,8 @@
 #include <KepNuvikaUtil/MemBlockPool.h>
 #include <KepNuvikaUtil/NTPRange.h>
 #include <KepNuvikaUtil/NTPTimestamp.h>
+#include <KepNuvikaUtil/NUVIKA_RECT.h>
+#include <KepNuvikaUtil/NUVIKA_SIZE.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
@@ -36,9 +46,11 @@
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 #include <KepNuvikaUtil/SocketCalls.h>
 #include <KepNuvikaUtil/SocketError.h>
+#include <KepNuvikaUtil/StrHlp.h>
 #include <KepNuvikaUtil/StringConversions.h>
 #include <KepNuvikaUtil/VariableBuffer.h>
 #include <KepNuvikaUtil/VariableBufferArray.h>
+#include <KepNuvikaUtil/WinRecords.h>
 
 /// Starts the host lookup service, without which sockets resolve no names, and returns when lookups can be
 /// posted. A second call while it runs does nothing.

@@ -5,5 +5,6 @@ namespace Nuvika
 Q_LOGGING_CATEGORY(lcCore, "nuvika.core")
 Q_LOGGING_CATEGORY(lcNet, "nuvika.net")
 Q_LOGGING_CATEGORY(lcMedia, "nuvika.media")
+Q_LOGGING_CATEGORY(lcMsg, "nuvika.msg")
 Q_LOGGING_CATEGORY(lcHttp, "nuvika.http")
 } // namespace Nuvika

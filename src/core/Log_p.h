@@ -14,6 +14,7 @@ namespace Nuvika
 Q_DECLARE_LOGGING_CATEGORY(lcCore) // nuvika.core
 Q_DECLARE_LOGGING_CATEGORY(lcNet) // nuvika.net
 Q_DECLARE_LOGGING_CATEGORY(lcMedia) // nuvika.media
+Q_DECLARE_LOGGING_CATEGORY(lcMsg) // nuvika.msg
 Q_DECLARE_LOGGING_CATEGORY(lcHttp) // nuvika.http
 
 constexpr const char* baseName(const char* path)

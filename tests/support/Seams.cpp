@@ -1,5 +1,7 @@
 #include "support/Seams.h"
 
+#include <openssl/evp.h>
+
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -18,6 +20,14 @@ Fault receiving;
 Fault settingOptions;
 Fault opening;
 Fault receivingMany;
+
+Fault& crypto(const char* function)
+{
+    static std::map<std::string, Fault> faults;
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
+    return faults[function];
+}
 
 bool Fault::fires()
 {
@@ -144,4 +154,25 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 {
     return seams::settingOptions.fires() ? -1 : __real_setsockopt(fd, level, name, value, length);
 }
+
+#define NUVIKA_WRAP_CRYPTO(function, parameters, arguments)                                                  \
+    int __real_##function parameters;                                                                        \
+    int __wrap_##function parameters                                                                         \
+    {                                                                                                        \
+        return seams::crypto(#function).fires() ? 0 : __real_##function arguments;                           \
+    }
+
+NUVIKA_WRAP_CRYPTO(EVP_DigestInit_ex, (EVP_MD_CTX * c, const EVP_MD* m, ENGINE* e), (c, m, e))
+NUVIKA_WRAP_CRYPTO(EVP_DigestUpdate, (EVP_MD_CTX * c, const void* d, size_t n), (c, d, n))
+NUVIKA_WRAP_CRYPTO(EVP_DigestFinal_ex, (EVP_MD_CTX * c, unsigned char* out, unsigned int* n), (c, out, n))
+#define NUVIKA_CIPHER_INIT                                                                                   \
+    (EVP_CIPHER_CTX * c, const EVP_CIPHER* a, ENGINE* e, const unsigned char* k, const unsigned char* iv)
+#define NUVIKA_CIPHER_UPDATE                                                                                 \
+    (EVP_CIPHER_CTX * c, unsigned char* out, int* n, const unsigned char* in, int size)
+NUVIKA_WRAP_CRYPTO(EVP_EncryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
+NUVIKA_WRAP_CRYPTO(EVP_EncryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
+NUVIKA_WRAP_CRYPTO(EVP_EncryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
+NUVIKA_WRAP_CRYPTO(EVP_DecryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
+NUVIKA_WRAP_CRYPTO(EVP_DecryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
+NUVIKA_WRAP_CRYPTO(EVP_DecryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
 }

@@ -48,4 +48,6 @@ extern Fault receiving;
 extern Fault settingOptions;
 extern Fault opening;
 extern Fault receivingMany;
+// Steps of the crypto library, by the name of its function.
+Fault& crypto(const char* function);
 } // namespace seams

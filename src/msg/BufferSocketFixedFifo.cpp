@@ -1,0 +1,34 @@
+#include <KepNuvikaUtil/BufferSocketFixedFifo.h>
+
+#include "msg/Frame_p.h"
+
+using namespace Nuvika;
+
+BufferSocketFixedFifo::BufferSocketFixedFifo(bool bEncrypted, QObject* parent)
+    : BufferSocketBase(bEncrypted, parent)
+{
+    connect(&m_socket, &NuvikaTcpSocket::sigCanSend, this, &BufferSocketFixedFifo::sigCanSend);
+}
+
+BufferSocketFixedFifo::BufferSocketFixedFifo(bool bEncrypted, int loadProfile, QObject* parent)
+    : BufferSocketBase(bEncrypted, loadProfile, parent)
+{
+    connect(&m_socket, &NuvikaTcpSocket::sigCanSend, this, &BufferSocketFixedFifo::sigCanSend);
+}
+
+bool BufferSocketFixedFifo::canSend() const { return m_socket.canSend(); }
+
+bool BufferSocketFixedFifo::sendBuffer(const char* data, int size)
+{
+    if (size < 0 || !m_socket.canSend()) // asked first: a refused message need not be encrypted
+        return false;
+    QByteArray token;
+    if (m_bEncrypted) {
+        encrypt(data, size, token);
+        data = token.constData();
+        size = token.size();
+    }
+    const FrameHead head = frameHead(m_bEncrypted ? magicKeyCrypted() : magicKeyUncrypted(), size);
+    const KepNuvikaUtil::BUFFER ranges[] = {{head.data(), static_cast<qint32>(head.size())}, {data, size}};
+    return m_socket.sendData(ranges, 2);
+}

@@ -1,0 +1,76 @@
+#include <KepNuvikaUtil/BufferSocketQueued.h>
+
+#include "msg/Frame_p.h"
+#include "net/ChunkQueue_p.h"
+
+#include <algorithm>
+
+using namespace Nuvika;
+
+BufferSocketQueued::BufferSocketQueued(bool bEncrypted, QObject* parent)
+    : BufferSocketBase(bEncrypted, parent), m_pQueue(std::make_unique<ChunkQueue>())
+{
+    connectSending();
+}
+
+BufferSocketQueued::BufferSocketQueued(bool bEncrypted, int loadProfile, QObject* parent)
+    : BufferSocketBase(bEncrypted, loadProfile, parent), m_pQueue(std::make_unique<ChunkQueue>())
+{
+    connectSending();
+}
+
+BufferSocketQueued::~BufferSocketQueued() = default;
+
+void BufferSocketQueued::connectSending()
+{
+    connect(&m_socket, &NuvikaTcpSocket::sigCanSend, this, &BufferSocketQueued::slotCanSend);
+}
+
+bool BufferSocketQueued::sendBuffer(const char* data, int size)
+{
+    if (m_socket.getState() != NuvikaTcpSocket::eConnected || size < 0)
+        return false;
+    QByteArray token;
+    if (m_bEncrypted) {
+        encrypt(data, size, token);
+        data = token.constData();
+        size = token.size();
+    }
+    const FrameHead head = frameHead(m_bEncrypted ? magicKeyCrypted() : magicKeyUncrypted(), size);
+    int headLeft = static_cast<int>(head.size());
+    while ((headLeft > 0 || size > 0) && m_pQueue->isEmpty() && m_socket.canSend()) {
+        const int piece = std::min(size, ChunkQueue::kChunkSize);
+        const KepNuvikaUtil::BUFFER ranges[] = {{head.data(), headLeft}, {data, piece}};
+        m_socket.sendData(ranges, 2);
+        headLeft = 0;
+        data += piece;
+        size -= piece;
+    }
+    m_pQueue->append(head.data(), headLeft);
+    m_pQueue->append(data, size);
+    return true;
+}
+
+void BufferSocketQueued::slotCanSend()
+{
+    m_pQueue->drain([this] { return m_socket.canSend(); },
+        [this](const char* data, int size) { m_socket.sendData(data, size); });
+}
+
+void BufferSocketQueued::close()
+{
+    m_pQueue->clear();
+    BufferSocketBase::close();
+}
+
+void BufferSocketQueued::slotDisconnected()
+{
+    m_pQueue->clear();
+    BufferSocketBase::slotDisconnected();
+}
+
+void BufferSocketQueued::slotError(int errorCode)
+{
+    m_pQueue->clear();
+    BufferSocketBase::slotError(errorCode);
+}

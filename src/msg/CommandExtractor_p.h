@@ -1,0 +1,56 @@
+// Private: cuts the received bytes of a message socket into frames.
+//
+//     "FDTC" | length | message          "GEUD" | length | encryption token          integers big-endian
+//
+// Delivered frames are passed over by an offset, and what remains is moved to the front only when room is
+// needed: ten thousand small frames of one receive cost time linear in their bytes.
+#pragma once
+
+#include <QtCore/QtGlobal>
+
+#include <cstdlib>
+#include <memory>
+
+class CommandExtractor
+{
+public:
+    static constexpr quint32 kMagicUncrypted = 0x46445443; // "FDTC"
+    static constexpr quint32 kMagicCrypted = 0x47455544; // "GEUD"
+    static constexpr int kHeadSize = 8;
+
+    struct FreeStorage {
+        void operator()(char* p) const { std::free(p); }
+    };
+    using Storage = std::unique_ptr<char, FreeStorage>;
+
+    struct Command {
+        const char* pData;
+        int nSize;
+        bool bEncrypted;
+    };
+
+    // False, with nothing taken, when more would be held than a peer may make us hold.
+    bool append(const char* data, int size);
+    // The first frame's payload, which stays in place until removeFirstCommand(). A frame is seen only with a
+    // byte behind its head. What is no frame empties the buffer, with a warning.
+    bool getFirstCommand(Command* command);
+    void removeFirstCommand();
+    // Empty, without storage; the caller decides how long that lives on.
+    Storage clear();
+
+private:
+    static constexpr int kMaxCapacity = 0xC800000; // 200 MiB
+    static constexpr quint32 kMaxCommand = 0x6400000; // and above is refused
+    static constexpr int kShrinkBelow = 0x800000;
+    static constexpr int kShrunkCapacity = 0x1000000;
+
+    void moveToFront();
+    bool reallocate(int capacity);
+
+    int m_nSize = 0; // bytes held, from the offset on
+    int m_nCapacity = 0;
+    int m_nFirstCmdSize = 0;
+    Storage m_pBuffer;
+    int m_nOffset = 0; // bytes of delivered frames in front
+    bool m_bOutstanding = false; // a frame, which may be of length 0, has been handed out
+};

@@ -1,0 +1,26 @@
+// Private: the tokens of password strings.
+#pragma once
+
+#include "msg/AesToken_p.h"
+
+class PwdEncrypter
+{
+public:
+    PwdEncrypter();
+    // The token; empty on failure.
+    QByteArray encrypt(const QByteArray& text) { return m_writer.encrypt(text.constData(), text.size()); }
+
+private:
+    Nuvika::AesTokenWriter m_writer;
+};
+
+class PwdDecrypter
+{
+public:
+    PwdDecrypter();
+    // The plain bytes; empty on failure.
+    QByteArray decrypt(const QByteArray& token) { return m_reader.decrypt(token.constData(), token.size()); }
+
+private:
+    Nuvika::AesTokenReader m_reader;
+};

@@ -1,0 +1,481 @@
+#include "support/EventLoop.h"
+#include "support/LogCapture.h"
+#include "support/RawPeer.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/BufferSocketFixedFifo.h>
+#include <KepNuvikaUtil/BufferSocketQueued.h>
+#include <KepNuvikaUtil/NuvikaTcpServer.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QtEndian>
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace
+{
+using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
+
+QByteArray number(quint32 value)
+{
+    QByteArray bytes(4, '\0');
+    qToBigEndian<quint32>(value, bytes.data());
+    return bytes;
+}
+
+QByteArray frame(const QByteArray& payload, const char* magic = "FDTC")
+{
+    return QByteArray(magic) + number(static_cast<quint32>(payload.size())) + payload;
+}
+
+// A message socket whose other end is plain.
+template <class Socket>
+struct Connected {
+    RawListener listener;
+    std::unique_ptr<Socket> socket;
+    RawSocket peer;
+    std::vector<QByteArray> got;
+    int connections = 0, ends = 0;
+    std::vector<int> errors;
+    std::function<void(const QByteArray&)> react;
+
+    template <class... Arguments>
+    explicit Connected(Arguments... arguments) : socket(new Socket(arguments...))
+    {
+        QObject::connect(socket.get(), &Socket::incomingBuffer, [this](const char* data, int size, Marker) {
+            got.push_back(QByteArray(data, size));
+            if (react)
+                react(got.back());
+        });
+        QObject::connect(socket.get(), &Socket::connected, [this] { ++connections; });
+        QObject::connect(socket.get(), &Socket::disconnected, [this] { ++ends; });
+        QObject::connect(socket.get(), &Socket::error, [this](int code) { errors.push_back(code); });
+        connectAgain();
+    }
+    void connectAgain()
+    {
+        const int before = connections;
+        socket->connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
+        ASSERT_TRUE(waitFor([&] { return connections > before; }));
+        ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
+    }
+    bool waitForCount(std::size_t count, int ms = 10000)
+    {
+        return waitFor([&] { return got.size() >= count; }, ms);
+    }
+};
+
+QByteArray messageNumber(int i) { return "message " + QByteArray::number(i); }
+} // namespace
+
+TEST(BufferSocket, DeliversFramesHoweverTheyAreCut)
+{
+    const QByteArray whole = frame("abc") + frame("") + frame(QByteArray(70000, 'x')) + frame("last");
+    for (const int piece : {1, 2, 7, 8, 9, 11, 4000, 1 << 20}) {
+        Connected<BufferSocketQueued> c(false);
+        const QByteArray stream = piece < 100 ? frame("abc") + frame("") + frame("last") : whole;
+        for (int at = 0; at < stream.size(); at += piece) {
+            c.peer.write(stream.mid(at, piece));
+            if (piece < 100)
+                settle(0);
+        }
+        const std::vector<QByteArray> expected = piece < 100
+            ? std::vector<QByteArray>{"abc", "", "last"}
+            : std::vector<QByteArray>{"abc", "", QByteArray(70000, 'x'), "last"};
+        ASSERT_TRUE(c.waitForCount(expected.size())) << "pieces of " << piece;
+        EXPECT_EQ(c.got, expected) << "pieces of " << piece;
+    }
+}
+
+TEST(BufferSocket, SeesAFrameOnlyWithAByteBehindItsHead)
+{
+    Connected<BufferSocketQueued> c(false);
+    c.peer.write(frame(""));
+    settle(30);
+    EXPECT_TRUE(c.got.empty()) << "an empty message waits";
+    c.peer.write("F");
+    ASSERT_TRUE(c.waitForCount(1));
+    EXPECT_EQ(c.got[0], QByteArray());
+    c.peer.write(frame("abc").mid(1));
+    ASSERT_TRUE(c.waitForCount(2));
+    EXPECT_EQ(c.got[1], QByteArray("abc")) << "eleven bytes alone are enough";
+}
+
+TEST(BufferSocket, DiscardsWhatIsNoFrameAndStaysConnected)
+{
+    LogCapture log;
+    Connected<BufferSocketQueued> c(false);
+    c.peer.write("GET / HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(waitFor([&] { return log.has("BufferSocket: Invalid MAGIC_KEY", QtWarningMsg); }));
+    c.peer.write(frame("good"));
+    ASSERT_TRUE(c.waitForCount(1));
+    c.peer.write("FDTC" + number(104857600) + "x");
+    ASSERT_TRUE(waitFor([&] { return log.has("BufferSocket: Invalid datagram size", QtWarningMsg); }));
+    c.peer.write("FDTC" + number(104857599) + "x");
+    settle(30);
+    EXPECT_EQ(log.count("Invalid datagram size"), 1) << "one byte less is waited for";
+    EXPECT_EQ(c.got, std::vector<QByteArray>{"good"});
+    EXPECT_EQ(c.ends + static_cast<int>(c.errors.size()), 0);
+    c.socket->close();
+    c.connectAgain();
+    c.peer.write(frame("fresh"));
+    ASSERT_TRUE(c.waitForCount(2)) << "a close forgets the frame that was waited for";
+    c.peer.write("FDTC" + number(100) + "half");
+    c.peer.close();
+    ASSERT_TRUE(waitFor([&] { return c.ends == 1; }));
+    c.socket->close();
+    c.connectAgain();
+    c.peer.write(frame("once more"));
+    ASSERT_TRUE(c.waitForCount(3));
+    EXPECT_EQ(c.got.back(), QByteArray("once more"));
+}
+
+TEST(BufferSocket, TakesManySmallFramesInLinearTime)
+{
+    const auto measure = [](int count) {
+        Connected<BufferSocketQueued> c(false, static_cast<int>(NuvikaTcpSocket::eHeavy));
+        c.socket->stallRecv();
+        QByteArray stream;
+        for (int i = 0; i < count; ++i)
+            stream += frame("x");
+        QElapsedTimer time;
+        // All of them in the buffer at once: behind a first frame that ends last.
+        c.peer.write("FDTC" + number(static_cast<quint32>(1 << 20)));
+        c.socket->resumeRecv();
+        std::thread writer([&] {
+            c.peer.write(QByteArray(1 << 20, 'y'));
+            c.peer.write(stream);
+        });
+        time.start();
+        EXPECT_TRUE(c.waitForCount(static_cast<std::size_t>(count) + 1, 60000));
+        writer.join();
+        return time.elapsed();
+    };
+    const qint64 small = measure(20000);
+    const qint64 large = measure(200000);
+    EXPECT_LT(large, 40 * std::max<qint64>(small, 5)) << small << " ms for a tenth";
+}
+
+TEST(BufferSocket, GivesMemoryBackAndRefusesToHoldTooMuch)
+{
+    // What it holds while a handler waits is bounded by stalling; what a peer makes it hold by 200 MiB.
+    LogCapture log;
+    Connected<BufferSocketQueued> c(false, static_cast<int>(NuvikaTcpSocket::eHeavy));
+    const QByteArray large(100 << 20, 'z'); // 104857600: one too many
+    std::thread writer([&] {
+        c.peer.write("FDTC" + number(104857599));
+        c.peer.write(large.constData(), 104857599);
+        c.peer.write(frame("small"));
+    });
+    ASSERT_TRUE(c.waitForCount(2, 60000));
+    writer.join();
+    EXPECT_EQ(c.got[0].size(), 104857599);
+    EXPECT_EQ(c.got[1], QByteArray("small"));
+    EXPECT_EQ(log.count("ASSERT"), 0);
+}
+
+TEST(BufferSocket, SurvivesWhatItsHandlersDo)
+{
+    {
+        Connected<BufferSocketQueued> c(false); // closed inside, with more frames waiting
+        QByteArray seen;
+        c.react = [&](const QByteArray& message) {
+            if (message == "close") {
+                c.socket->close();
+                settle(5);
+            }
+        };
+        QObject::connect(c.socket.get(), &BufferSocketBase::incomingBuffer,
+            [&](const char* data, int size, Marker) { seen += QByteArray(data, size); });
+        c.peer.write(frame("one") + frame("close") + frame("never"));
+        ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }));
+        settle(10);
+        EXPECT_EQ(c.got, (std::vector<QByteArray>{"one", "close"}));
+        EXPECT_EQ(seen, QByteArray("oneclose")) << "the bytes lived on for the second handler";
+        c.connectAgain();
+        c.peer.write(frame("again"));
+        EXPECT_TRUE(c.waitForCount(3));
+    }
+    {
+        Connected<BufferSocketQueued> c(true); // deleted inside
+        c.react = [&](const QByteArray&) { c.socket.reset(); };
+        c.peer.write(frame("one") + frame("two"));
+        ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }));
+        EXPECT_EQ(c.got.size(), 1U);
+    }
+    {
+        Connected<BufferSocketQueued> c(false); // answers inside
+        c.react
+            = [&](const QByteArray& message) { c.socket->sendBuffer(message.constData(), message.size()); };
+        c.peer.write(frame("ping") + frame("pong"));
+        ASSERT_TRUE(waitFor([&] { return c.peer.received() == frame("ping") + frame("pong"); }));
+    }
+}
+
+TEST(BufferSocket, KeepsTheOrderAroundANestedLoop)
+{
+    Connected<BufferSocketQueued> c(false);
+    std::vector<QByteArray> order;
+    QObject::connect(c.socket.get(), &BufferSocketBase::disconnected, [&] { order.push_back("end"); });
+    c.react = [&](const QByteArray& message) {
+        order.push_back("begin " + message);
+        if (message == "1") {
+            c.peer.write(frame("3") + frame("4"));
+            c.peer.close();
+            settle(40); // they arrive, and the end, while this handler runs
+        }
+        order.push_back("end " + message);
+    };
+    c.peer.write(frame("1") + frame("2"));
+    ASSERT_TRUE(waitFor([&] { return c.ends == 1; }));
+    EXPECT_EQ(order,
+        (std::vector<QByteArray>{
+            "begin 1", "end 1", "begin 2", "end 2", "begin 3", "end 3", "begin 4", "end 4", "end"}));
+
+    Connected<BufferSocketQueued> much(false, static_cast<int>(NuvikaTcpSocket::eHeavy));
+    int received = 0;
+    much.react = [&](const QByteArray&) {
+        if (received++ == 0)
+            settle(300);
+    };
+    std::thread writer([&] {
+        for (int i = 0; i < 3000; ++i)
+            much.peer.write(frame(QByteArray(4096, 'm')));
+    });
+    ASSERT_TRUE(much.waitForCount(3000)) << "stalled meanwhile, and resumed";
+    writer.join();
+}
+
+TEST(BufferSocket, EncryptsWithACountingIv)
+{
+    Connected<BufferSocketFixedFifo> c(true);
+    ASSERT_TRUE(c.socket->sendBuffer("abc", 3));
+    ASSERT_TRUE(c.socket->sendBuffer("", 0));
+    ASSERT_TRUE(waitFor([&] { return c.peer.received().size() == 2 * (8 + 32 + 16); }));
+    const QByteArray wire = c.peer.take();
+    EXPECT_EQ(wire.left(8), "GEUD" + number(48));
+    EXPECT_EQ(wire.mid(8, 12), "cVfX" + number(17) + number(16));
+    EXPECT_EQ(wire.mid(36, 4), number(16));
+    const char* first = wire.constData() + 20;
+    const char* second = first + 56;
+    EXPECT_EQ(qFromLittleEndian<quint64>(second) - qFromLittleEndian<quint64>(first), 1U);
+    EXPECT_EQ(QByteArray(first + 8, 8), QByteArray(second + 8, 8));
+    EXPECT_NE(QByteArray(first, 16), QByteArray(16, '\0'));
+    // The other end reads them, also one that sends plainly.
+    Connected<BufferSocketQueued> reader(false);
+    reader.peer.write(wire + "F");
+    ASSERT_TRUE(reader.waitForCount(2));
+    EXPECT_EQ(reader.got, (std::vector<QByteArray>{"abc", ""}));
+}
+
+TEST(BufferSocket, ABadTokenDoesNotSpoilTheConnection)
+{
+    Connected<BufferSocketFixedFifo> writer(true);
+    ASSERT_TRUE(writer.socket->sendBuffer("secret", 6));
+    ASSERT_TRUE(waitFor([&] { return writer.peer.received().size() == 56; }));
+    const QByteArray good = writer.peer.take();
+    const QByteArray token = good.mid(8);
+    const auto changed
+        = [&](int at, const QByteArray& bytes) { return QByteArray(token).replace(at, bytes.size(), bytes); };
+    struct Case {
+        QByteArray token;
+        const char* text;
+    };
+    const std::vector<Case> cases = {
+        {changed(0, "xxxx"), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {token.left(3), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {token.left(6), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {changed(4, number(16)),
+            "BufferSocketDecrypter::decrypt(): crypto token version 16 not supported in this release"},
+        {token.left(20), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {changed(8, number(0x7FFFFFFF)), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {changed(8, number(8)), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {token.left(8) + number(8) + token.mid(12, 8) + number(16) + token.mid(32),
+            "BufferSocketDecrypter::decrypt(): invalid input data, key size mismatch"},
+        {token.left(47), "BufferSocketDecrypter::decrypt(): invalid input data"},
+        {changed(28, number(15)), "BufferSocketDecrypter::decrypt(): EVP_DecryptFinal_ex failed"},
+        {changed(28, number(0)), "BufferSocketDecrypter::decrypt(): EVP_DecryptFinal_ex failed"},
+        {changed(32, QByteArray(16, 'x')), "BufferSocketDecrypter::decrypt(): EVP_DecryptFinal_ex failed"},
+    };
+    Connected<BufferSocketQueued> c(false);
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        LogCapture log;
+        c.got.clear();
+        c.peer.write(frame(cases[i].token, "GEUD") + good);
+        ASSERT_TRUE(c.waitForCount(2)) << i;
+        EXPECT_EQ(c.got, (std::vector<QByteArray>{"", "secret"})) << "case " << i;
+        EXPECT_EQ(log.count(cases[i].text, QtWarningMsg), 1) << "case " << i;
+    }
+}
+
+TEST(BufferSocket, ReportsWhatTheCryptoLibraryRefuses)
+{
+    Connected<BufferSocketFixedFifo> writer(true);
+    const auto sendWith = [&](const char* function) {
+        seams::crypto(function).arm(1, 0);
+        writer.socket->sendBuffer("abc", 3);
+        EXPECT_TRUE(waitFor([&] { return writer.peer.received().size() >= 8; }));
+        settle(5);
+        return writer.peer.take();
+    };
+    LogCapture log;
+    const QByteArray empty = "GEUD" + number(0);
+    EXPECT_EQ(sendWith("EVP_EncryptInit_ex"), empty) << "a failed token goes out as a frame of length 0";
+    EXPECT_TRUE(log.has("BufferSocketEncrypter::encrypt(): EVP_EncryptInit_ex failed", QtCriticalMsg));
+    EXPECT_EQ(sendWith("no fault").size(), 56) << "the next one does better";
+    EXPECT_EQ(sendWith("EVP_EncryptUpdate"), empty);
+    EXPECT_TRUE(log.has("BufferSocketEncrypter::encrypt(): EVP_EncryptUpdate failed", QtCriticalMsg));
+    EXPECT_EQ(sendWith("no fault"), empty) << "a cipher that failed at work stays silent";
+    Connected<BufferSocketFixedFifo> other(true);
+    std::swap(writer.socket, other.socket);
+    std::swap(writer.peer, other.peer);
+    EXPECT_EQ(sendWith("EVP_EncryptFinal_ex"), empty);
+    EXPECT_TRUE(log.has("BufferSocketEncrypter::encrypt(): EVP_EncryptFinal_ex failed", QtCriticalMsg));
+    for (const auto& [function, text] : {std::pair("EVP_DigestInit_ex", "sha256: EVP_DigestInit_ex failed"),
+             std::pair("EVP_DigestUpdate", "sha2561: EVP_DigestUpdate failed"),
+             std::pair("EVP_DigestFinal_ex", "sha256: EVP_DigestFinal_ex failed")}) {
+        Connected<BufferSocketFixedFifo> keyless(true);
+        seams::crypto(function).arm(1, 0);
+        keyless.socket->sendBuffer("abc", 3);
+        EXPECT_TRUE(waitFor([&] { return keyless.peer.received() == empty; }));
+        EXPECT_TRUE(log.has(text, QtCriticalMsg));
+    }
+    Connected<BufferSocketFixedFifo> source(true);
+    source.socket->sendBuffer("abc", 3);
+    ASSERT_TRUE(waitFor([&] { return source.peer.received().size() == 56; }));
+    Connected<BufferSocketQueued> reader(false);
+    for (const char* function : {"EVP_DecryptInit_ex", "EVP_DecryptUpdate", "EVP_DecryptFinal_ex"}) {
+        reader.got.clear();
+        seams::crypto(function).arm(1, 0);
+        reader.peer.write(source.peer.received() + source.peer.received());
+        ASSERT_TRUE(reader.waitForCount(2));
+        EXPECT_EQ(reader.got, (std::vector<QByteArray>{"", "abc"})) << function;
+        EXPECT_TRUE(log.has(qPrintable(
+            QStringLiteral("BufferSocketDecrypter::decrypt(): %1 failed").arg(QLatin1String(function)))));
+    }
+}
+
+TEST(BufferSocketQueued, SendsLargeMessagesInPiecesAndKeepsTheOrder)
+{
+    Connected<BufferSocketQueued> c(false);
+    LogCapture log;
+    BufferSocketQueued unconnected(false);
+    EXPECT_FALSE(unconnected.sendBuffer("x", 1));
+    EXPECT_FALSE(c.socket->sendBuffer("x", -1));
+    QByteArray large(3 * 1048576 + 5, '\0');
+    for (int i = 0; i < large.size(); ++i)
+        large[i] = static_cast<char>(i * 31 >> 3);
+    QByteArray expected;
+    for (int i = 0; i < 20; ++i) { // nobody reads yet: most of it waits
+        EXPECT_TRUE(c.socket->sendBuffer(large.constData(), large.size()));
+        EXPECT_TRUE(c.socket->sendBuffer("", 0));
+        EXPECT_TRUE(c.socket->sendBuffer("small", 5));
+        expected += frame(large) + frame("") + frame("small");
+    }
+    ASSERT_TRUE(waitFor([&] { return c.peer.received().size() >= expected.size(); }, 60000));
+    EXPECT_TRUE(c.peer.received() == expected);
+    c.peer.take();
+    for (int i = 0; i < 20; ++i)
+        c.socket->sendBuffer(large.constData(), large.size());
+    c.socket->close();
+    c.connectAgain();
+    c.socket->sendBuffer("fresh", 5);
+    ASSERT_TRUE(waitFor([&] { return c.peer.received() == frame("fresh"); })) << "a close forgets the queue";
+    for (int i = 0; i < 20; ++i)
+        c.socket->sendBuffer(large.constData(), large.size());
+    c.peer.reset();
+    ASSERT_TRUE(waitFor([&] { return c.errors.size() == 1; }));
+    EXPECT_EQ(c.errors[0], 10054);
+    EXPECT_FALSE(c.socket->sendBuffer("x", 1));
+}
+
+TEST(BufferSocketFixedFifo, RefusesWhatDoesNotFitAndSaysWhenItDoes)
+{
+    Connected<BufferSocketFixedFifo> c(false, static_cast<int>(NuvikaTcpSocket::eLight));
+    int canSend = 0;
+    QObject::connect(c.socket.get(), &BufferSocketFixedFifo::sigCanSend, [&] { ++canSend; });
+    const QByteArray message(1000, 'q');
+    int taken = 0;
+    while (c.socket->sendBuffer(message.constData(), message.size()))
+        ++taken;
+    EXPECT_FALSE(c.socket->canSend());
+    EXPECT_GT(taken, 10);
+    canSend = 0;
+    ASSERT_TRUE(waitFor([&] { return c.peer.received().size() == taken * 1008; }, 30000))
+        << "whole, and nothing of the refused";
+    ASSERT_TRUE(waitFor([&] { return canSend > 0; }));
+    EXPECT_TRUE(c.socket->canSend());
+    BufferSocketFixedFifo unconnected(true);
+    EXPECT_FALSE(unconnected.sendBuffer("x", 1));
+    EXPECT_FALSE(unconnected.canSend());
+}
+
+namespace
+{
+struct Echo : NuvikaTcpServer {
+    std::vector<std::unique_ptr<BufferSocketQueued>> sockets;
+    bool bEncrypted = false;
+    void incomingConnection(int descriptor) override
+    {
+        sockets.push_back(std::make_unique<BufferSocketQueued>(bEncrypted));
+        BufferSocketQueued* socket = sockets.back().get();
+        connect(socket, &BufferSocketBase::incomingBuffer,
+            [socket](const char* data, int size, Marker) { socket->sendBuffer(data, size); });
+        socket->setSocketDescriptor(descriptor);
+    }
+};
+
+// `count` numbered messages to the echo and back, while the receiver stalls now and then.
+template <class Socket>
+void exchange(bool bEncrypted, int count)
+{
+    Echo echo;
+    echo.bEncrypted = bEncrypted;
+    ASSERT_TRUE(echo.listen(QHostAddress(QHostAddress::LocalHost), 0));
+    Socket socket(bEncrypted);
+    int sent = 0;
+    int received = 0;
+    bool bOrder = true;
+    bool bConnected = false;
+    const auto send = [&] {
+        for (; sent < count && sent < received + 20000; ++sent) {
+            const QByteArray message = messageNumber(sent);
+            if (!socket.sendBuffer(message.constData(), message.size()))
+                break;
+        }
+    };
+    QObject::connect(&socket, &Socket::connected, [&] { bConnected = true; });
+    QObject::connect(&socket, &Socket::incomingBuffer, [&](const char* data, int size, Marker) {
+        bOrder = bOrder && QByteArray::fromRawData(data, size) == messageNumber(received);
+        if (++received % 20000 == 0) {
+            socket.stallRecv();
+            QTimer::singleShot(2, &socket, [&] { socket.resumeRecv(); });
+        }
+        if (received % 100 == 0)
+            send();
+    });
+    if constexpr (std::is_same_v<Socket, BufferSocketFixedFifo>)
+        QObject::connect(&socket, &Socket::sigCanSend, [&] { send(); });
+    socket.connectToHost(QHostAddress(QHostAddress::LocalHost), echo.serverPort());
+    ASSERT_TRUE(waitFor([&] { return bConnected; }));
+    send();
+    ASSERT_TRUE(waitFor([&] { return received == count; }, 110000)) << received << " of " << sent;
+    EXPECT_TRUE(bOrder);
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kMany = 30000;
+#else
+constexpr int kMany = 1000000;
+#endif
+} // namespace
+
+TEST(BufferSocketMillion, PlainQueued) { exchange<BufferSocketQueued>(false, kMany); }
+TEST(BufferSocketMillion, EncryptedQueued) { exchange<BufferSocketQueued>(true, kMany); }
+TEST(BufferSocketMillion, PlainFixedFifo) { exchange<BufferSocketFixedFifo>(false, kMany); }
+TEST(BufferSocketMillion, EncryptedFixedFifo) { exchange<BufferSocketFixedFifo>(true, kMany); }

@@ -1,0 +1,200 @@
+#include "support/LogCapture.h"
+
+#include <KepNuvikaUtil/CommandParsing.h>
+#include <KepNuvikaUtil/StrHlp.h>
+
+#include <QtCore/QElapsedTimer>
+
+#include <gtest/gtest.h>
+#include <random>
+
+namespace
+{
+QString q(const char* text) { return QString::fromUtf8(text); }
+
+std::string tokens(const char* text, const char* separators = " ", bool bStrip = true)
+{
+    QStringList out{QStringLiteral("x")};
+    parseSubStrings(q(text), &out, q(separators), bStrip, false);
+    EXPECT_EQ(out.takeFirst(), QStringLiteral("x")) << "the list is added to";
+    std::string all;
+    for (const QString& token : out)
+        all += '[' + token.toStdString() + ']';
+    return all;
+}
+
+// The state table, read as it stands: state by state, row by row.
+QStringList plainTokens(const QString& text, const QString& separators, bool bStrip)
+{
+    QStringList out{QString()};
+    int state = 0;
+    const auto end = [&out] {
+        QString& last = out.last();
+        if (!last.isEmpty() && (last.at(0).isSpace() || last.at(last.size() - 1).isSpace()))
+            last = last.trimmed();
+        out.append(QString());
+    };
+    for (const QChar c : text) {
+        const bool bSeparator = separators.contains(c);
+        const bool bQuote = c == QLatin1Char('"');
+        const bool bBackslash = c == QLatin1Char('\\');
+        if (state == 3 || state == 4) {
+            QChar value = c;
+            if (!bSeparator && !bQuote && !bBackslash && bStrip)
+                value = c == QLatin1Char('n') ? QLatin1Char('\n')
+                    : c == QLatin1Char('r')   ? QLatin1Char('\r')
+                    : c == QLatin1Char('t')   ? QLatin1Char('\t')
+                                              : c;
+            out.last() += value;
+            state = state == 3 ? 2 : 1;
+        } else if (bSeparator) {
+            if (state == 1) {
+                end();
+                state = 0;
+            } else if (state == 2) {
+                out.last() += c;
+            }
+        } else if (bQuote) {
+            if (!bStrip)
+                out.last() += c;
+            state = state == 2 ? 1 : 2;
+        } else if (bBackslash) {
+            if (!bStrip)
+                out.last() += c;
+            state = state == 2 ? 3 : 4;
+        } else {
+            out.last() += c;
+            state = state == 0 ? 1 : state;
+        }
+    }
+    if (state != 0)
+        end();
+    if (out.last().isEmpty())
+        out.removeLast();
+    return out;
+}
+
+QMap<QString, QVariant> parameters(const char* text, QString* command = nullptr)
+{
+    QMap<QString, QVariant> params{{QStringLiteral("old"), 1}};
+    QString name = QStringLiteral("old");
+    EXPECT_TRUE(parseCommand(q(text), name, params));
+    if (command != nullptr)
+        *command = name;
+    return params;
+}
+} // namespace
+
+TEST(CommandParsing, Tokenises)
+{
+    EXPECT_EQ(tokens("a  b"), "[a][b]");
+    EXPECT_EQ(tokens("\"a b\" c"), "[a b][c]");
+    EXPECT_EQ(tokens("\"a b\" c", " ", false), "[\"a b\"][c]");
+    EXPECT_EQ(tokens("x\\ty"), "[x\ty]");
+    EXPECT_EQ(tokens("x\\ty", " ", false), "[x\\ty]");
+    EXPECT_EQ(tokens(""), "");
+    EXPECT_EQ(tokens("   "), "");
+    EXPECT_EQ(tokens("\"\""), "[]") << "a quoted empty string is a token";
+    EXPECT_EQ(tokens("a \"\" b"), "[a][][b]");
+    EXPECT_EQ(tokens(";\" a \";", ";"), "[a]") << "trimmed, quoted or not";
+    EXPECT_EQ(tokens("\"open ; end", ";"), "[open ; end]");
+    EXPECT_EQ(tokens("a\\"), "[a]");
+    EXPECT_EQ(tokens("a\\;b;c", ";"), "[a;b][c]");
+    EXPECT_EQ(tokens("a\"b\"c"), "[abc]");
+    EXPECT_EQ(tokens("a\"b", "\""), "[a][b]") << "a separator first, whatever else it is";
+    EXPECT_EQ(tokens("a\\b", "\\"), "[a][b]");
+    EXPECT_EQ(tokens("\\x\\n\\\\", "x"), "[x\n\\]");
+    std::mt19937 random(5);
+    for (int round = 0; round < 30000; ++round) {
+        QString text;
+        for (unsigned int i = random() % 16; i > 0; --i)
+            text += QLatin1Char("ab;\"\\ nt="[random() % 9]);
+        for (const bool bStrip : {true, false}) {
+            QStringList out;
+            parseSubStrings(text, &out, QStringLiteral(";="), bStrip, false);
+            ASSERT_EQ(out, plainTokens(text, QStringLiteral(";="), bStrip)) << text.toStdString();
+        }
+    }
+}
+
+TEST(CommandParsing, EscapesAndTakesItBack)
+{
+    EXPECT_EQ(escapeString(q("a\r\n\t\"\\;b"), q(";")), q("a\\r\\n\\t\\\"\\\\\\;b"));
+    std::mt19937 random(9);
+    for (int round = 0; round < 5000; ++round) {
+        QString text;
+        for (unsigned int i = random() % 12; i > 0; --i)
+            text += QLatin1Char("ab \"\\\r\n\t;"[random() % 9]);
+        text = QLatin1Char('x') + text + QLatin1Char('x');
+        ASSERT_EQ(deEscapeString(escapeString(text, QString())), text);
+    }
+    EXPECT_EQ(deEscapeString(QString()), QString());
+    EXPECT_EQ(deEscapeString(q("\"  blanks go  \"")), q("blanks go"));
+    EXPECT_EQ(deEscapeString(StrHlp::toHex(q("secret"))), q("secret"));
+    EXPECT_EQ(getDefaultEscapeChars(), q("\"\r\n\t\\"));
+    EXPECT_EQ(getDefaultSeparatorChars(), QString::fromLatin1("\t\v\f \0", 5));
+    EXPECT_EQ(getWhitespaceChars(), QString::fromLatin1("\t\n\v\f\r \0", 7));
+}
+
+TEST(CommandParsing, ParsesCommands)
+{
+    QString command;
+    auto params = parameters("set:Name=Cam1;Mode", &command);
+    EXPECT_EQ(command, q("set"));
+    EXPECT_EQ(params.size(), 2);
+    EXPECT_EQ(params.value(q("name")), QVariant(q("Cam1")));
+    EXPECT_TRUE(params.contains(q("Mode")) && !params.value(q("Mode")).isValid()) << "its case is kept";
+    params = parameters("a=1;b=2", &command);
+    EXPECT_EQ(command, QString());
+    EXPECT_EQ(params.size(), 2);
+    params = parameters("cmd:url=rtsp://h:554/x?a=b=c", &command);
+    EXPECT_EQ(command, q("cmd"));
+    EXPECT_EQ(params.value(q("url")), QVariant(q("rtsp://h:554/x?a=b=c")));
+    EXPECT_TRUE(parameters("", &command).isEmpty());
+    EXPECT_EQ(command, QString());
+    EXPECT_TRUE(parameters(":;;", &command).isEmpty());
+    EXPECT_EQ(parameters("c:a=1;A=2").value(q("a")), QVariant(q("2"))) << "a later one replaces";
+    EXPECT_EQ(parameters("c:==").size(), 0);
+    EXPECT_EQ(parameters("c:k=\"\"").value(q("k")), QVariant())
+        << "quotes protect one level of splitting only";
+    params = parameters(("login:user=u;password=" + StrHlp::toHex(q("geheim")).toStdString()).c_str());
+    EXPECT_EQ(params.value(q("password")), QVariant(q("geheim")));
+}
+
+TEST(CommandParsing, ParsesDefinitions)
+{
+    QMap<QString, QVariant> params{{q("old"), 1}};
+    EXPECT_TRUE(parseDefinition(q("Name=Cam1;Mode;x=a=b"), params, false));
+    EXPECT_EQ(params.keys(), QStringList({q("Mode"), q("Name"), q("x")})) << "keys keep their case";
+    EXPECT_EQ(params.value(q("x")), QVariant(q("a=b")));
+    const QString hex = StrHlp::toHex(q("p"));
+    parseDefinition(q("password=") + hex, params, false);
+    EXPECT_EQ(params.value(q("password")), QVariant(hex));
+    parseDefinition(q("password=") + hex, params, true);
+    EXPECT_EQ(params.value(q("password")), QVariant(q("p")));
+}
+
+TEST(CommandParsing, TakesAMillionParametersInLinearTime)
+{
+    const auto measure = [](int count) {
+        QString text = QStringLiteral("c:");
+        for (int i = 0; i < count; ++i)
+            text += QStringLiteral("k%1=v;").arg(i);
+        text
+            += QString(count, QLatin1Char(':')) + QStringLiteral("x=") + QStringLiteral("=y").repeated(count);
+        QString command;
+        QMap<QString, QVariant> params;
+        QElapsedTimer time;
+        time.start();
+        parseCommand(text, command, params);
+        EXPECT_EQ(params.size(), count + 1);
+        return time.elapsed();
+    };
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr int kMany = 100000;
+#else
+    constexpr int kMany = 1000000;
+#endif
+    const qint64 small = measure(kMany / 10);
+    EXPECT_LT(measure(kMany), 60 * std::max<qint64>(small, 10));
+}
