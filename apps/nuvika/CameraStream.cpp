@@ -2,6 +2,8 @@
 
 #include <KepNuvikaUtil/SocketError.h>
 
+#include <QtCore/QDateTime>
+
 #include <algorithm>
 
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
@@ -13,6 +15,8 @@ constexpr int kLongestPauseMs = 30000;
 constexpr int kSilenceMs = 10000;
 constexpr int kSnapshotIntervalMs = 500;
 constexpr int kHostNotFound = 11001;
+constexpr int kGapMs = 2000; // between two recorded periods
+constexpr std::size_t kMostPeriods = 1000;
 } // namespace
 
 CameraStream::CameraStream(const QString& name, const Target& target)
@@ -60,7 +64,20 @@ void CameraStream::takePicture(const char* data, int size)
     m_sample.pictures += 1;
     m_sample.bytes += size;
     m_picture = QByteArray(data, size);
+    extendRecording();
     emit picture(m_picture);
+}
+
+void CameraStream::extendRecording()
+{
+    const NTPTimestamp now = NTPTimestamp::fromDateTime(QDateTime::currentDateTimeUtc());
+    const NTPTimestamp gap = NTPTimestamp::fromMilliseconds(kGapMs);
+    if (!m_recorded.empty() && now >= m_recorded.back().end() && now - m_recorded.back().end() < gap)
+        m_recorded.back().end() = now;
+    else
+        m_recorded.emplace_back(now, now);
+    if (m_recorded.size() > kMostPeriods)
+        m_recorded.pop_front();
 }
 
 void CameraStream::takeAnswer(int status, const QByteArray& type, const char* data, int size)

@@ -4,11 +4,13 @@
 #include "Target.h"
 
 #include <KepNuvikaUtil/HttpClient.h>
+#include <KepNuvikaUtil/NTPRange.h>
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
+#include <list>
 #include <vector>
 
 class CameraStream : public QObject
@@ -36,6 +38,8 @@ public:
     quint64 bytes() const { return m_nBytes; }
     int interruptions() const { return m_nInterruptions; }
     const QByteArray& lastPicture() const { return m_picture; }
+    // Periods without a silence, by this host's clock.
+    const std::list<NTPRange>& recorded() const { return m_recorded; }
     const std::vector<Sample>& history() const { return m_history; } // oldest first
     Sample current() const { return m_history.empty() ? Sample{0, 0} : m_history.back(); }
 
@@ -46,6 +50,7 @@ private:
     void request();
     void takePicture(const char* data, int size);
     void takeAnswer(int status, const QByteArray& type, const char* data, int size);
+    void extendRecording();
     void interrupted(const QString& why);
 
     QString m_name;
@@ -61,6 +66,7 @@ private:
     Sample m_sample{0, 0};
     std::vector<Sample> m_history;
     QByteArray m_picture;
+    std::list<NTPRange> m_recorded;
     QElapsedTimer m_silence;
     QTimer m_retry;
 };

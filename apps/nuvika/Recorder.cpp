@@ -1,5 +1,7 @@
 #include "Recorder.h"
 
+#include <KepNuvikaUtil/CreateDbId.h>
+
 #include <QtCore/QDateTime>
 #include <QtCore/QFile>
 #include <QtCore/QJsonArray>
@@ -94,6 +96,12 @@ void Recorder::tick()
         camera->tick();
 }
 
+QString Recorder::identifier(int camera) const
+{
+    const QString& name = m_cameras[static_cast<std::size_t>(camera)]->name();
+    return CreateDbId(name, camera + 1, DbIdType::eCAM).getDbId();
+}
+
 int Recorder::receivingCameras() const
 {
     int count = 0;
@@ -183,6 +191,7 @@ QByteArray Recorder::stateJson() const
             bits.append(sample.bytes * 8);
         }
         QJsonObject entry{
+            {QStringLiteral("id"), identifier(list.size())},
             {QStringLiteral("name"), camera->name()},
             {QStringLiteral("address"), camera->address()},
             {QStringLiteral("state"), camera->state()},

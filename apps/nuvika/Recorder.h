@@ -30,6 +30,8 @@ public:
     void tick();
 
     const std::vector<std::unique_ptr<CameraStream>>& cameras() const { return m_cameras; }
+    // "cam_camera1_0001": stable as long as the camera's name and place are.
+    QString identifier(int camera) const;
     int receivingCameras() const;
     // Of its RTP stream; null without one.
     const RtpReceiver* rtp(int camera) const;

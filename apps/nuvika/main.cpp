@@ -1,6 +1,8 @@
 // nuvika: the library's command-line tool and live demo.
+#include "Control.h"
 #include "Exit.h"
 #include "Get.h"
+#include "Password.h"
 #include "Rtp.h"
 #include "Watch.h"
 
@@ -16,7 +18,10 @@ namespace
 constexpr char kUsage[] = R"(nuvika: cameras over HTTP and RTP, by KepNuvikaUtil
 
   nuvika demo [--cameras N] [--loss PERCENT] ...       simulated cameras, a recorder and its page
-  nuvika watch URL... [--save DIR] [--port P]          the same recorder on real cameras
+  nuvika watch URL... [--config FILE] [--save DIR]     the same recorder on real cameras
+  nuvika status HOST:PORT [--watch]                    a recorder's cameras, rates, losses, recorded periods
+  nuvika send HOST:PORT COMMAND                        any command to a recorder, its answer to standard output
+  nuvika password encode|decode                        a password as a marked hex string, for --config, and back
   nuvika rtp FILE.sdp [--seconds S]                    receives the RTP streams of a description
   nuvika sdp FILE                                      shows a description as it is understood
   nuvika get URL [-i] [--post FILE] [--put FILE]       one request to standard output
@@ -32,6 +37,12 @@ Command commandOf(const QString& name)
         return &runDemo;
     if (name == QLatin1String("watch"))
         return &runWatch;
+    if (name == QLatin1String("status"))
+        return &runStatus;
+    if (name == QLatin1String("send"))
+        return &runSend;
+    if (name == QLatin1String("password"))
+        return &runPassword;
     if (name == QLatin1String("rtp"))
         return &runRtp;
     if (name == QLatin1String("sdp"))

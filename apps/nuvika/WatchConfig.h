@@ -1,0 +1,16 @@
+// The configuration file of nuvika watch: a camera in each line, as a definition.
+//   name=Gate;url=http://192.0.2.17/live;user=viewer;password=ffb0b80b...
+// Empty lines and those that begin with # say nothing. Passwords stand as marked hex strings.
+#pragma once
+
+#include "Target.h"
+
+#include <vector>
+
+struct ConfiguredCamera {
+    QString name;
+    Target target;
+};
+
+// False with a sentence that names the line and the reason.
+bool readWatchConfig(const QString& file, std::vector<ConfiguredCamera>* cameras, QString* problem);

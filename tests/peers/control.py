@@ -1,0 +1,152 @@
+"""The command port, passwords and the configuration file; the openssl program reads and writes the crypto by itself."""
+import base64
+import hashlib
+import http.server
+import os
+import re
+import socket
+import struct
+import subprocess
+import threading
+import unittest
+
+from peers import PICTURE, PeerTest, TOOL, demo, process, tool
+
+# The keys are the system's own fixed ones: whoever has the program has them.
+FRAME_KEY = hashlib.sha256(bytes.fromhex("5ce1079a33b84fd2166da480fb29c75e")).hexdigest()[:32]
+PASSWORD_KEY = hashlib.sha256(bytes.fromhex("a91f74c20e58bd63f02b974ce5813ad6")).hexdigest()[:32]
+
+
+def openssl(direction, key, iv, data):
+    return subprocess.run(["openssl", "enc", direction, "-aes-128-cbc", "-K", key, "-iv", iv.hex()], input=data,
+                          stdout=subprocess.PIPE, check=True).stdout
+
+
+def read_exactly(s, size):
+    data = b""
+    while len(data) < size:
+        piece = s.recv(size - len(data))
+        if not piece:
+            raise EOFError
+        data += piece
+    return data
+
+
+def command_port(child):
+    return re.search(r":(\d+)$", child.stdout.readline().strip()).group(1)
+
+
+class Camera(http.server.BaseHTTPRequestHandler):
+    """A picture behind Basic credentials."""
+    password = ""
+
+    def do_GET(self):
+        wanted = "Basic " + base64.b64encode(b"viewer:" + self.password.encode()).decode()
+        good = self.headers.get("Authorization") == wanted
+        self.send_response(200 if good else 401)
+        if not good:
+            self.send_header("WWW-Authenticate", 'Basic realm="camera"')
+        self.send_header("Content-Type", "image/jpeg")
+        self.send_header("Content-Length", str(len(PICTURE) if good else 0))
+        self.end_headers()
+        if good:
+            self.wfile.write(PICTURE)
+
+    def log_message(self, *_):
+        pass
+
+
+class Control(PeerTest):
+    def encoded(self, text):
+        result = tool("password", "encode", input=text.encode() + b"\n")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result.stdout.decode().strip()
+
+    def test_openssl_reads_our_password_strings(self):
+        for text in ("secret", "with ; = : \" and ü"):
+            marked = bytes.fromhex(self.encoded(text))
+            marker, length, size, version, iv_size = struct.unpack(">5I", marked[:20])
+            self.assertEqual((marker, length, size, version, iv_size), (0xFFB0B80B, 2 * len(marked), len(marked) - 12, 0xFFFEEFEF, 16))
+            cipher_size, = struct.unpack(">I", marked[36:40])
+            self.assertEqual(cipher_size, len(marked) - 40)
+            self.assertEqual(openssl("-d", PASSWORD_KEY, marked[20:36], marked[40:]).decode(), text)
+
+    def test_we_read_password_strings_made_by_openssl(self):
+        iv = os.urandom(16)
+        cipher = openssl("-e", PASSWORD_KEY, iv, "geheim ß".encode())
+        token = struct.pack(">II", 0xFFFEEFEF, 16) + iv + struct.pack(">I", len(cipher)) + cipher
+        marked = struct.pack(">III", 0xFFB0B80B, 24 + 2 * len(token), len(token)) + token
+        result = tool("password", "decode", input=marked.hex().encode() + b"\n")
+        self.assertEqual(result.stdout.decode(), "geheim ß\n")
+        self.assertEqual(tool("password", "decode", input=b"plain\n").returncode, 1)
+        self.assertEqual(tool("password", "decode", input=b"").returncode, 26)
+        self.assertEqual(tool("password").returncode, 2)
+
+    def test_openssl_speaks_our_encrypted_frames(self):
+        listener = socket.socket()
+        self.addCleanup(listener.close)
+        listener.bind(("127.0.0.1", 0))
+        listener.listen()
+        with process([TOOL, "send", f"127.0.0.1:{listener.getsockname()[1]}", "do:it=now"], stdout=subprocess.PIPE) as child:
+            peer, _ = listener.accept()
+            with peer:
+                magic, length = struct.unpack(">4sI", read_exactly(peer, 8))
+                self.assertEqual(magic, b"GEUD")
+                token = read_exactly(peer, length)
+                self.assertEqual(token[:12], b"cVfX" + struct.pack(">II", 17, 16))
+                self.assertEqual(openssl("-d", FRAME_KEY, token[12:28], token[32:]), b"do:it=now")
+                iv = os.urandom(16)
+                cipher = openssl("-e", FRAME_KEY, iv, b"ok\nas you wish\n")
+                answer = b"cVfX" + struct.pack(">II", 17, 16) + iv + struct.pack(">I", len(cipher)) + cipher
+                for byte in b"GEUD" + struct.pack(">I", len(answer)) + answer:
+                    peer.send(bytes([byte]))
+                with child.stdout:
+                    self.assertEqual(child.stdout.read(), b"as you wish\n")
+            self.assertEqual(child.wait(10), 0)
+
+    def test_status_and_commands_of_a_recorder(self):
+        with demo("--cameras", "2") as (child, _):
+            port = command_port(child)
+            threading.Event().wait(3)
+            status = tool("status", f"127.0.0.1:{port}")
+            self.assertEqual(status.returncode, 0, status.stderr)
+            lines = status.stdout.decode().splitlines()
+            self.assertEqual([line.split()[0] for line in lines[1:]], ["cam_camera1_0001", "cam_camera2_0002"])
+            self.assertRegex(lines[1], r"camera 1 +\d+\.\d +0\.\d\d +0\.\d\d +0\.00 +receiving +\d\d:\d\d:\d\d-\d\d:\d\d:\d\d")
+            picture = tool("send", f"127.0.0.1:{port}", "snapshot:camera=cam_camera2_0002").stdout
+            self.assertTrue(picture.startswith(b"\xff\xd8") and picture.endswith(b"\xff\xd9"))
+            wrong = tool("send", f"127.0.0.1:{port}", "snapshot:camera=cam_x")
+            self.assertEqual((wrong.returncode, wrong.stderr.decode()), (1, 'nuvika: no camera "cam_x"; status lists them\n'))
+            wrong = tool("send", f"127.0.0.1:{port}", "dance")
+            self.assertEqual((wrong.returncode, wrong.stderr.decode()), (1, 'nuvika: no command "dance"; help lists them\n'))
+            with socket.create_connection(("127.0.0.1", int(port))) as stranger:
+                stranger.sendall(b"GET / HTTP/1.1\r\n\r\n" + b"GEUD" + struct.pack(">I", 4) + b"xxxx")
+            self.assertEqual(tool("send", f"127.0.0.1:{port}", "help").returncode, 0, "a stranger does no harm")
+        self.assertEqual(tool("status", f"127.0.0.1:{port}").returncode, 7)
+        self.assertEqual(tool("status", "nonsense").returncode, 2)
+
+    def test_watch_takes_its_cameras_from_a_file(self):
+        Camera.password = "semi;colon=\"quoted\""
+        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Camera) as server:
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            line = f"name=Gate 7;url=http://127.0.0.1:{server.server_address[1]}/picture;user=viewer;password="
+            good = self.write("good.conf", f"# the gate\n\n{line}{self.encoded(Camera.password)}\n")
+            result = tool("watch", "--config", good, "--port", "0", "--seconds", "3")
+            self.assertEqual(result.returncode, 0, result.stdout)
+            server.shutdown()
+        marked = self.encoded("x")
+        for text, reason in (
+                (f"{line}plain", "line 1: the password is no marked hex string: make one with nuvika password encode"),
+                (f"#\n{line}{marked[:-6]}", "line 2: the password's marked hex string is damaged"),
+                ("\n\nname=Gate", "line 3: a camera needs url=..."),
+                ("url=ftp://x/", "line 1: only http:// URLs are served, not ftp://"),
+                ("url=http://u:p@x/", "line 1: the password stands in the URL: use password=, made by nuvika password encode"),
+                ("url=http://x/;pasword=1", 'line 1: "pasword" is none of name, url, user, password'),
+                ("url=http://x/;user", 'line 1: "user" has no value')):
+            name = self.write("bad.conf", text + "\n")
+            result = tool("watch", "--config", name)
+            self.assertEqual((result.returncode, result.stderr.decode()), (2, f"nuvika: {name}, {reason}\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()
