@@ -1,10 +1,10 @@
 // The other end of every row, by plain system calls and always the same.
-//   far source|sink BYTES [medium] | echo | http   listens, prints its port, serves until it is ended
-//   far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all connections active, or one at a
-//   far datagrams PORT                             sends datagrams of 1200 bytes as fast as it can
-//   far drain                                      prints a port, and reads what comes there
-//   time far connects PORT COUNT                        opens and ends connections
-#include "Common.h"
+//   far source|sink|framesink BYTES [medium] | frames|eframes COUNT | echo | http   listens, prints its port,
+//   serves until it is ended far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all
+//   connections active, or one at a far datagrams PORT                             sends datagrams of 1200
+//   bytes as fast as it can far drain                                      prints a port, and reads what
+//   comes there time far connects PORT COUNT                        opens and ends connections
+#include "EncryptedFrame.h"
 
 #include <algorithm>
 #include <thread>
@@ -85,14 +85,22 @@ void serveOne(const std::string& mode, int s, long long bytes)
     const std::string block(1 << 18, 'x');
     if (mode == "source") {
         sendRepeated(s, block, bytes);
-    } else if (mode == "sink") {
+    } else if (mode == "frames" || mode == "eframes") {
+        const std::string frame = mode == "frames" ? plainFrame() : encryptedFrame();
+        std::string several;
+        for (int i = 0; i < 600; ++i)
+            several += frame;
+        sendRepeated(s, several, bytes * static_cast<long long>(frame.size()));
+        while (recv(s, buffer.data(), buffer.size(), 0) > 0) { }
+    } else if (mode == "sink" || mode == "framesink") {
         for (long long left = bytes; left > 0;) {
             const ssize_t n = recv(s, buffer.data(), buffer.size(), 0);
             if (n <= 0)
                 break;
             left -= n;
         }
-        writeAll(s, "k", 1);
+        const std::string done = mode == "sink" ? "k" : "FDTC" + bigEndian(1) + "k";
+        writeAll(s, done.data(), done.size());
         while (recv(s, buffer.data(), buffer.size(), 0) > 0) { }
     } else if (mode == "echo") {
         for (ssize_t n; (n = recv(s, buffer.data(), buffer.size(), 0)) > 0;)

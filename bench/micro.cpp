@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <boost/beast/http.hpp>
 #include <boost/pool/pool.hpp>
+#include <boost/tokenizer.hpp>
 #include <event2/buffer.h>
 
 #if defined(BENCH_POCO)
@@ -379,6 +380,115 @@ void sdpGstreamer(benchmark::State& state)
 BENCHMARK(sdpGstreamer);
 #endif
 
+// --- encryption tokens of 100 bytes
+// --------------------------------------------------------------------------
+
+constexpr int kTokenText = 100;
+
+void makeToken(
+    EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, const unsigned char* key, std::string& token)
+{
+    static unsigned char iv[16] = {};
+    static const std::string text(kTokenText, 't');
+    ++iv[0];
+    token.assign(32 + kTokenText + 16, '\0');
+    std::memcpy(&token[12], iv, sizeof iv);
+    int size = 0;
+    int rest = 0;
+    auto* out = reinterpret_cast<unsigned char*>(&token[32]);
+    EVP_EncryptInit_ex(context, cipher, nullptr, key, iv);
+    EVP_EncryptUpdate(context, out, &size, reinterpret_cast<const unsigned char*>(text.data()), kTokenText);
+    EVP_EncryptFinal_ex(context, out + size, &rest);
+    benchmark::DoNotOptimize(token.data());
+}
+void tokenLimit(benchmark::State& state) // the key's schedule is kept, only the IV changes
+{
+    const unsigned char key[16] = {1, 2, 3};
+    EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+    EVP_EncryptInit_ex(context, EVP_aes_128_cbc(), nullptr, key, nullptr);
+    for (auto _ : state) {
+        std::string token;
+        makeToken(context, nullptr, nullptr, token);
+    }
+    EVP_CIPHER_CTX_free(context);
+}
+void tokenNewContext(benchmark::State& state)
+{
+    const unsigned char key[16] = {1, 2, 3};
+    for (auto _ : state) {
+        EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+        std::string token;
+        makeToken(context, EVP_aes_128_cbc(), key, token);
+        EVP_CIPHER_CTX_free(context);
+    }
+}
+struct Tokens : BufferSocketFixedFifo {
+    Tokens() : BufferSocketFixedFifo(true) { }
+    using BufferSocketBase::encrypt;
+};
+void tokenNuvika(benchmark::State& state)
+{
+    Tokens tokens;
+    const QByteArray text(kTokenText, 't');
+    for (auto _ : state) {
+        QByteArray token;
+        tokens.encrypt(text.constData(), text.size(), token);
+        benchmark::DoNotOptimize(token.constData());
+    }
+}
+
+// --- a command line with 12 parameters ---------------------------------------------------------------------
+
+const QString kCommand = QStringLiteral(
+    "set:Name=Entrance;Url=rtsp://192.0.2.17:554/live;User=viewer;Profile=3;Width=1920;Height=1080;Rate=25;"
+    "Codec=H264;Bitrate=4000000;Multicast=0;Audio=1;Comment=second floor");
+
+void commandLimit(benchmark::State& state) // split at the first colon, at semicolons and equals signs
+{
+    for (auto _ : state) {
+        QMap<QString, QVariant> params;
+        const int colon = kCommand.indexOf(QLatin1Char(':'));
+        const QVector<QStringRef> items = kCommand.midRef(colon + 1).split(QLatin1Char(';'));
+        for (const QStringRef& item : items) {
+            const int equals = item.indexOf(QLatin1Char('='));
+            params.insert(item.left(equals).toString().toLower(), item.mid(equals + 1).toString());
+        }
+        benchmark::DoNotOptimize(params.size());
+    }
+}
+void commandNuvika(benchmark::State& state)
+{
+    QString command;
+    QMap<QString, QVariant> params;
+    for (auto _ : state) {
+        parseCommand(kCommand, command, params);
+        benchmark::DoNotOptimize(params.size());
+    }
+}
+void commandBoost(benchmark::State& state)
+{
+    const std::string text = kCommand.toStdString();
+    using Tokens = boost::tokenizer<boost::escaped_list_separator<char>>;
+    for (auto _ : state) {
+        QMap<QString, QVariant> params;
+        const std::size_t colon = text.find(':');
+        const std::string rest = text.substr(colon + 1);
+        const Tokens items(rest, boost::escaped_list_separator<char>('\\', ';', '"'));
+        for (const std::string& item : items) {
+            const std::size_t equals = item.find('=');
+            params.insert(QString::fromStdString(item.substr(0, equals)).toLower(),
+                QString::fromStdString(item.substr(equals + 1)));
+        }
+        benchmark::DoNotOptimize(params.size());
+    }
+}
+
+BENCHMARK(tokenLimit);
+BENCHMARK(tokenNewContext);
+BENCHMARK(tokenNuvika);
+BENCHMARK(commandLimit);
+BENCHMARK(commandNuvika);
+BENCHMARK(commandBoost);
 BENCHMARK(rtpLimit);
 BENCHMARK(rtpNuvika);
 BENCHMARK(sdpLimit);

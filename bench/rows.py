@@ -40,6 +40,9 @@ ROWS = [
     ("udp", "datagrams sent one by one, one each millisecond", "udppaced", "drain", 2000, 1,
      {"raw": "", "nuvika": "", "asio": "", "libuv": "", "qt": ""}),
     ("udp", "datagrams sent 30 at a time", "udpbatch", "drain", 600000, 1, {"raw": "", "nuvika": ""}),
+    ("msg", "framed 108-byte messages received", "msgrecv", "frames", 5000000, 1, {"raw": "", "nuvika": "", "qt": ""}),
+    ("msg", "framed 108-byte messages sent", "msgsend", "framesink", 5000000, 1, {"raw": "", "nuvika": "", "qt": ""}),
+    ("msg", "the same encrypted, received", "msgrecvenc", "eframes", 2000000, 1, {"raw": "", "nuvika": ""}),
     ("http", "HTTP GET of 200 bytes, one kept-alive connection", "http", "http", 30000, 1,
      {"raw": "small/200", "nuvika": "small/200", "curl": "small/200", "qt": "small/200"}),
     ("http", "the same with tracing on", "http", "http", 10000, 1, {"raw": "small/200", "nuvika": "small/200"}),
@@ -93,7 +96,8 @@ def run_once(row, name, scale):
                 line = child.stdout.readline()
     else:
         end = ["medium"] if "both ends" in title and name != "raw" else []
-        with started([program("far"), far, str(amount), *end]) as peer:
+        far_amount = amount * 108 if mode == "msgsend" else amount
+        with started([program("far"), far, str(far_amount), *end]) as peer:
             port = peer.stdout.readline().strip()
             result = subprocess.run([*near, mode, port, str(amount), str(connections), variant], env=environment,
                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, timeout=300)
@@ -103,7 +107,8 @@ def run_once(row, name, scale):
 
 
 def near_program(row, name):
-    return program(("near_udp_" if row[0] == "udp" else "near_") + name)
+    prefix = {"udp": "near_udp_", "msg": "near_msg_"}.get(row[0], "near_")
+    return program(prefix + name)
 
 
 def middle(values):
@@ -215,7 +220,9 @@ def micro_rows(repeats, scale):
             + [("fifoLimit", n) for n in ("fifoNuvika", "fifoEvbuffer")] + [("headLimit", n) for n in ("headNuvika", "headBeast")] \
             + [("digestLimit", n) for n in ("digestNuvika", "digestPoco") if n in times] \
             + [("rtpLimit", n) for n in ("rtpNuvika", "rtpGstreamer") if n in times] \
-            + [("sdpLimit", n) for n in ("sdpNuvika", "sdpNuvikaCached", "sdpGstreamer") if n in times]:
+            + [("sdpLimit", n) for n in ("sdpNuvika", "sdpNuvikaCached", "sdpGstreamer") if n in times] \
+            + [("tokenLimit", n) for n in ("tokenNuvika", "tokenNewContext")] \
+            + [("commandLimit", n) for n in ("commandNuvika", "commandBoost")]:
         print(f"| {limit[:-5]} | {name} | {times[name]:.0f} | {times[name] / times[limit]:.2f} |", flush=True)
 
 
@@ -231,9 +238,9 @@ def main():
     repeats, scale = (1, 0.01) if options.brief else (options.n, 1.0)
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 65536), hard))
-    groups = options.groups or ["tcp", "udp", "http", "idle", "server", "micro"]
+    groups = options.groups or ["tcp", "udp", "msg", "http", "idle", "server", "micro"]
     for group in groups:
-        if group in ("tcp", "udp", "http"):
+        if group in ("tcp", "udp", "msg", "http"):
             run_rows(group, repeats, scale)
         elif group == "idle":
             idle_rows(repeats, scale)
@@ -242,7 +249,7 @@ def main():
         elif group == "micro":
             micro_rows(repeats, scale)
         else:
-            sys.exit(f"bench/run: no group {group}: tcp, udp, http, idle, server, micro")
+            sys.exit(f"bench/run: no group {group}: tcp, udp, msg, http, idle, server, micro")
 
 
 if __name__ == "__main__":

@@ -6,16 +6,13 @@
 
 namespace
 {
-constexpr int kUsualToken = 32; // characters
-
 // One walk over a text; the tokens go to a list.
 class Tokeniser
 {
 public:
-    Tokeniser(const QString& text, QStringList* out, const QString& separators, bool bStrip)
+    Tokeniser(const QString& text, QStringList* out, QStringView separators, bool bStrip)
         : m_text(text), m_out(out), m_separators(separators), m_bStrip(bStrip)
     {
-        m_token.reserve(kUsualToken);
     }
 
     void run()
@@ -29,7 +26,14 @@ public:
 private:
     enum State { eBetween = 0, ePlain = 1, eQuoted = 2, eQuotedEscape = 3, ePlainEscape = 4 };
 
-    bool isSeparator(QChar c) const { return m_separators.contains(c); }
+    bool isSeparator(QChar c) const
+    {
+        for (const QChar separator : m_separators) {
+            if (c == separator)
+                return true;
+        }
+        return false;
+    }
     bool isOrdinary(QChar c) const
     {
         return c != QLatin1Char('"') && c != QLatin1Char('\\') && !isSeparator(c);
@@ -52,74 +56,125 @@ private:
     {
         const QChar c = m_text.at(m_at);
         if (m_state == eQuotedEscape || m_state == ePlainEscape) {
-            m_token += m_bStrip && isOrdinary(c) ? escapeValue(c) : c;
-            m_state = m_state == eQuotedEscape ? eQuoted : ePlain;
-            ++m_at;
+            takeEscaped(c);
         } else if (isSeparator(c)) {
-            takeSeparator(c);
-            ++m_at;
+            takeSeparator();
         } else if (c == QLatin1Char('"')) {
-            keepUnlessStripped(c);
+            keepUnlessStripped();
             m_state = m_state == eQuoted ? ePlain : eQuoted;
-            ++m_at;
         } else if (c == QLatin1Char('\\')) {
-            keepUnlessStripped(c);
+            keepUnlessStripped();
             m_state = m_state == eQuoted ? eQuotedEscape : ePlainEscape;
-            ++m_at;
         } else {
             takeOrdinary();
         }
     }
 
-    void takeSeparator(QChar c)
+    void takeEscaped(QChar c)
     {
-        if (m_state == eQuoted) {
-            m_token += c;
-        } else if (m_state == ePlain) {
-            endToken();
-            m_state = eBetween;
-        }
+        const QChar value = m_bStrip && isOrdinary(c) ? escapeValue(c) : c;
+        if (value == c)
+            keep(1);
+        else
+            replaceBy(value);
+        m_state = m_state == eQuotedEscape ? eQuoted : ePlain;
     }
 
-    void keepUnlessStripped(QChar c)
+    void takeSeparator()
     {
-        if (!m_bStrip)
-            m_token += c;
+        if (m_state == eQuoted) {
+            keep(1);
+            return;
+        }
+        if (m_state == ePlain)
+            endToken();
+        m_state = eBetween;
+        ++m_at;
+    }
+
+    void keepUnlessStripped()
+    {
+        if (m_bStrip)
+            ++m_at;
+        else
+            keep(1);
     }
 
     void takeOrdinary()
     {
-        const int begin = m_at;
-        do {
-            ++m_at;
-        } while (m_at < m_text.size() && isOrdinary(m_text.at(m_at)));
-        m_token.append(m_text.constData() + begin, m_at - begin);
+        int end = m_at + 1;
+        while (end < m_text.size() && isOrdinary(m_text.at(end)))
+            ++end;
+        keep(end - m_at);
         if (m_state == eBetween)
             m_state = ePlain;
     }
 
+    // The next characters belong to the token. While it stands in the text in one piece, it is not copied.
+    void keep(int count)
+    {
+        if (!m_bPieces && m_nLength == 0)
+            m_nBegin = m_at;
+        if (!m_bPieces && m_nBegin + m_nLength == m_at) {
+            m_nLength += count;
+        } else {
+            toPieces();
+            m_pieces.append(m_text.constData() + m_at, count);
+        }
+        m_at += count;
+    }
+
+    void replaceBy(QChar value)
+    {
+        toPieces();
+        m_pieces += value;
+        ++m_at;
+    }
+
+    void toPieces()
+    {
+        if (!m_bPieces)
+            m_pieces = QString(m_text.constData() + m_nBegin, m_nLength);
+        m_bPieces = true;
+    }
+
     void endToken()
     {
+        const QString token = m_bPieces ? m_pieces : QString(m_text.constData() + m_nBegin, m_nLength);
         const bool bBlankEnds
-            = !m_token.isEmpty() && (m_token.at(0).isSpace() || m_token.at(m_token.size() - 1).isSpace());
-        m_out->append(bBlankEnds ? m_token.trimmed() : QString(m_token.constData(), m_token.size()));
-        m_token.resize(0); // keeps its memory
+            = !token.isEmpty() && (token.at(0).isSpace() || token.at(token.size() - 1).isSpace());
+        m_out->append(bBlankEnds ? token.trimmed() : token);
+        m_bPieces = false;
+        m_nLength = 0;
     }
 
     const QString& m_text;
     QStringList* m_out;
-    const QString& m_separators;
-    bool m_bStrip;
+    const QStringView m_separators;
+    const bool m_bStrip;
     State m_state = eBetween;
     int m_at = 0;
-    QString m_token;
+    int m_nBegin = 0; // of the token, while it is one piece of the text
+    int m_nLength = 0;
+    bool m_bPieces = false;
+    QString m_pieces;
 };
+
+void tokenise(const QString& text, QStringList* out, QStringView separators, bool bStrip, bool bDecodeMarked)
+{
+    if (bDecodeMarked && StrHlp::containsMk(text)) {
+        const QString decoded = StrHlp::fromHexAll(text);
+        Tokeniser(decoded, out, separators, bStrip).run();
+    } else {
+        Tokeniser(text, out, separators, bStrip).run();
+    }
+}
 
 // The pieces of a text that only its first separator splits: those behind the second are joined again.
 QStringList splitOnce(const QString& text, QChar separator, bool bDecodeMarked)
 {
     QStringList pieces;
-    parseSubStrings(text, &pieces, QString(separator), true, bDecodeMarked);
+    tokenise(text, &pieces, QStringView(&separator, 1), true, bDecodeMarked);
     if (pieces.size() <= 2)
         return pieces;
     const QString first = pieces.takeFirst();
@@ -130,7 +185,7 @@ void parseParameters(
     const QString& text, bool bDecodeMarked, bool bLowerCase, QMap<QString, QVariant>* params)
 {
     QStringList items;
-    parseSubStrings(text, &items, QStringLiteral(";"), true, bDecodeMarked);
+    tokenise(text, &items, QStringView(u";"), true, bDecodeMarked);
     for (const QString& item : qAsConst(items)) {
         const QStringList pair = splitOnce(item, QLatin1Char('='), bDecodeMarked);
         if (pair.size() == 2)
@@ -150,8 +205,7 @@ QString getWhitespaceChars() { return QString::fromLatin1("\t\n\v\f\r \0", 7); }
 void parseSubStrings(
     const QString& text, QStringList* out, const QString& separators, bool bStrip, bool bDecodeMarked)
 {
-    const QString decoded = bDecodeMarked && StrHlp::containsMk(text) ? StrHlp::fromHexAll(text) : text;
-    Tokeniser(decoded, out, separators, bStrip).run();
+    tokenise(text, out, separators, bStrip, bDecodeMarked);
 }
 
 QString escapeString(const QString& text, const QString& extraChars)
@@ -182,7 +236,7 @@ QString escapeString(const QString& text, const QString& extraChars)
 QString deEscapeString(const QString& text)
 {
     QStringList l;
-    parseSubStrings(text, &l, QString(), true, true);
+    tokenise(text, &l, QStringView(), true, true);
     NUVIKA_ASSERT(l.size() <= 1);
     return l.value(0);
 }
