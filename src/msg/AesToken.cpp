@@ -64,12 +64,11 @@ QByteArray AesTokenWriter::failed(const char* text)
 
 QByteArray AesTokenWriter::encrypt(const char* data, int size)
 {
-    const int head = (m_kind.magic ? kWord : 0) + 2 * kWord + kIvSize + kWord; // before the cipher text
-    if (m_key.isEmpty() || !m_context || size < 0
-        || size > std::numeric_limits<int>::max() - head - 3 * kBlock)
+    std::array<unsigned char, 4 * kWord + kIvSize> head{}; // before the cipher text
+    constexpr int kMost = std::numeric_limits<int>::max() - static_cast<int>(head.size()) - 3 * kBlock;
+    if (m_key.isEmpty() || !m_context || size < 0 || size > kMost)
         return QByteArray();
-    QByteArray token(head + size + 3 * kBlock, Qt::Uninitialized);
-    auto* out = reinterpret_cast<unsigned char*>(token.data());
+    unsigned char* out = head.data();
     const auto put = [&out](quint32 value) {
         qToBigEndian<quint32>(value, out);
         out += kWord;
@@ -77,10 +76,12 @@ QByteArray AesTokenWriter::encrypt(const char* data, int size)
     if (m_kind.magic)
         put(*m_kind.magic);
     put(m_kind.nVersion);
-    advanceCounter();
     put(kIvSize);
+    advanceCounter();
     std::memcpy(out, m_counter.data(), kIvSize);
     out += kIvSize;
+    const auto headSize = static_cast<int>(out + kWord - head.data());
+    QByteArray token(headSize + size + 3 * kBlock, Qt::Uninitialized);
 
     // The key's schedule is kept: after the first token only the IV changes.
     const EVP_CIPHER* cipher = m_bKeyed ? nullptr : aesCipher();
@@ -88,7 +89,7 @@ QByteArray AesTokenWriter::encrypt(const char* data, int size)
     if (EVP_EncryptInit_ex(m_context.get(), cipher, nullptr, key, m_counter.data()) != 1)
         return failed(m_kind.encryptInitFailed);
     m_bKeyed = true;
-    const CipherSpace baEnc{out + kWord, size + 3 * kBlock};
+    const CipherSpace baEnc{reinterpret_cast<unsigned char*>(token.data()) + headSize, size + 3 * kBlock};
     const auto* plain = reinterpret_cast<const unsigned char*>(data);
     int updated = 0;
     int finished = 0;
@@ -105,7 +106,8 @@ QByteArray AesTokenWriter::encrypt(const char* data, int size)
     if (nBytesEncrypted == 0)
         return QByteArray();
     put(static_cast<quint32>(nBytesEncrypted));
-    token.resize(head + nBytesEncrypted);
+    std::memcpy(token.data(), head.data(), static_cast<std::size_t>(headSize));
+    token.resize(headSize + nBytesEncrypted);
     return token;
 }
 
