@@ -12,7 +12,7 @@ for folder, _, files in os.walk(os.path.join(top, "src")):
             continue
         with open(os.path.join(folder, name)) as file:
             text = file.read()
-        names.update(re.findall(r"class KEPNUVIKAUTIL_EXPORT (\w+)", text))
+        names.update(re.findall(r"(?:class|struct) KEPNUVIKAUTIL_EXPORT (\w+)", text))
         names.update(re.findall(r"KEPNUVIKAUTIL_EXPORT [\w:<>*& ]*?[ *&](\w+|operator[<>]+)\(", text))
         names.update(re.findall(r"KEPNUVIKAUTIL_EXPORT extern const \w+ (\w+);", text))
         names.update(re.findall(r"^namespace (\w+)", text, re.M))
