@@ -27,7 +27,7 @@ set_target_properties(nuvika_objects PROPERTIES
   POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 target_compile_definitions(nuvika_objects PRIVATE KEPNUVIKAUTIL_BUILD)
 target_include_directories(nuvika_objects PUBLIC "${NUVIKA_INCLUDE_DIR}" PRIVATE "${NUVIKA_SOURCE_DIR}")
-target_link_libraries(nuvika_objects PUBLIC Qt5::Core Qt5::Network Threads::Threads PRIVATE OpenSSL::Crypto nuvika_flags)
+target_link_libraries(nuvika_objects PUBLIC Qt5::Core Qt5::Network Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto nuvika_flags)
 
 add_library(KepNuvikaUtil SHARED $<TARGET_OBJECTS:nuvika_objects>)
 add_library(KepNuvikaUtil::KepNuvikaUtil ALIAS KepNuvikaUtil)
@@ -35,7 +35,7 @@ set_target_properties(KepNuvikaUtil PROPERTIES VERSION ${PROJECT_VERSION} SOVERS
   AUTOMOC OFF)
 target_include_directories(KepNuvikaUtil INTERFACE
   $<BUILD_INTERFACE:${NUVIKA_INCLUDE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-target_link_libraries(KepNuvikaUtil PUBLIC Qt5::Core Qt5::Network PRIVATE OpenSSL::Crypto Threads::Threads)
+target_link_libraries(KepNuvikaUtil PUBLIC Qt5::Core Qt5::Network PRIVATE OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
 if(NUVIKA_SANITIZE)
   target_link_options(KepNuvikaUtil PRIVATE -fsanitize=${NUVIKA_SANITIZE})
 else()
@@ -50,7 +50,7 @@ add_library(nuvika_static STATIC $<TARGET_OBJECTS:nuvika_objects>)
 set_target_properties(nuvika_static PROPERTIES AUTOMOC OFF)
 target_include_directories(nuvika_static PUBLIC "${NUVIKA_INCLUDE_DIR}" "${NUVIKA_SOURCE_DIR}")
 target_compile_definitions(nuvika_static PUBLIC KEPNUVIKAUTIL_BUILD)
-target_link_libraries(nuvika_static PUBLIC Qt5::Core Qt5::Network OpenSSL::Crypto Threads::Threads)
+target_link_libraries(nuvika_static PUBLIC Qt5::Core Qt5::Network OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
 
 install(TARGETS KepNuvikaUtil EXPORT KepNuvikaUtilTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${NUVIKA_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KepNuvikaUtil)

@@ -14,7 +14,7 @@
 #include "core/PoolOwner_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpTransport_p.h"
-#include "http/Watched_p.h"
+#include "core/Watched_p.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>

@@ -17,6 +17,7 @@ NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(int sendQueueHint, bool flag, QObje
     connect(socket, &NuvikaTcpSocket::disconnected, this, &NuvikaTcpSocketQueued::slotDisconnected);
     connect(socket, &NuvikaTcpSocket::error, this, &NuvikaTcpSocketQueued::slotError);
     connect(socket, &NuvikaTcpSocket::sigCanSend, this, &NuvikaTcpSocketQueued::slotCanSend);
+    connect(socket, &NuvikaTcpSocket::sigAllSent, this, &NuvikaTcpSocketQueued::sigAllSent);
 }
 
 NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(bool flag, QObject* parent)
@@ -42,6 +43,7 @@ void NuvikaTcpSocketQueued::discardQueue()
 {
     m_pQueue->clear();
     m_bEndOfData = false; // or a reused socket would end itself
+    m_bTellAllSent = false;
 }
 
 void NuvikaTcpSocketQueued::close()
@@ -71,6 +73,17 @@ void NuvikaTcpSocketQueued::slotCanSend()
         [this](const char* data, int size) { m_pSocket->sendData(data, size); });
     if (m_bEndOfData)
         finishSending();
+    if (m_bTellAllSent && m_pQueue->isEmpty()) {
+        m_bTellAllSent = false;
+        if (!m_pSocket->notifyWhenAllSent())
+            emit sigAllSent();
+    }
+}
+
+bool NuvikaTcpSocketQueued::notifyWhenAllSent()
+{
+    m_bTellAllSent = !m_pQueue->isEmpty();
+    return m_bTellAllSent || m_pSocket->notifyWhenAllSent();
 }
 
 void NuvikaTcpSocketQueued::finishSending()

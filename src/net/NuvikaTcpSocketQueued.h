@@ -49,12 +49,16 @@ public:
     void stallRecv();
     void resumeRecv();
     bool hasPendingInput() const;
+    /// Asks for one sigAllSent(). False when everything has left already (no signal follows then).
+    bool notifyWhenAllSent();
 
 signals:
     void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
     void connected();
     void disconnected();
     void error(int errorCode);
+    /// Everything handed over has been given to the system; once for each notifyWhenAllSent().
+    void sigAllSent();
 
 private slots:
     void slotDisconnected();
@@ -65,6 +69,7 @@ private:
     void discardQueue();
 
     bool m_bEndOfData = false;
+    bool m_bTellAllSent = false; // once the queue has drained
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
 };

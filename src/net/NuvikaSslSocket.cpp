@@ -1,0 +1,109 @@
+#include "net/NuvikaSslSocket_p.h"
+
+#include "core/Log_p.h"
+
+using namespace Nuvika;
+
+NuvikaSslSocket::NuvikaSslSocket(QObject* parent) : NuvikaSslSocket(0, parent) { }
+
+NuvikaSslSocket::NuvikaSslSocket(int sendQueueHint, QObject* parent)
+    : QObject(parent), d(std::make_unique<Private>(*this, sendQueueHint))
+{
+}
+
+NuvikaSslSocket::~NuvikaSslSocket() = default;
+
+// --- configuration ---------------------------------------------------------------------------------------
+
+bool NuvikaSslSocket::initSsl(bool server, SslProtocol protocol, const QString& certificateFileName,
+    const QString& certificateFilePath, const QString& passPhrase)
+{
+    if (protocol < eSslAny12 || protocol > eTls13) {
+        d->m_problem = QStringLiteral("there is no TLS protocol %1").arg(static_cast<int>(protocol));
+        NUVIKA_CRITICAL(lcNet, "NuvikaSslSocket::initSsl(): unknown protocol %d", static_cast<int>(protocol));
+        return false;
+    }
+    d->m_protocol = protocol;
+    TlsConfig config;
+    config.bServer = server;
+    config.nProtocol = protocol;
+    config.nVerify = d->m_verifyMode;
+    config.ownCertificate = certificateFileName.isEmpty() ? d->m_certificateFileName : certificateFileName;
+    config.trusted = certificateFilePath.isEmpty() ? d->m_certificateFilePath : certificateFilePath;
+    config.passPhrase = passPhrase;
+    return d->initialise(config);
+}
+
+void NuvikaSslSocket::setCertificateVerificationMode(SslVerifyCertificateMode mode)
+{
+    d->m_verifyMode = mode;
+}
+
+void NuvikaSslSocket::setCertificateFileName(const QString& certificateFileName)
+{
+    d->m_certificateFileName = certificateFileName;
+}
+
+void NuvikaSslSocket::setCertificateFilePath(const QString& certificateFilePath)
+{
+    d->m_certificateFilePath = certificateFilePath;
+}
+
+NuvikaSslSocket::SslProtocol NuvikaSslSocket::getSllProtocol() const { return d->m_protocol; }
+
+// --- the connection --------------------------------------------------------------------------------------
+
+void NuvikaSslSocket::connectToHost(const QString& host, unsigned short port)
+{
+    d->connectTo(host, port, [this, host, port] { d->m_socket.connectToHost(host, port); });
+}
+
+void NuvikaSslSocket::connectToHost(const QHostAddress& address, unsigned short port)
+{
+    d->connectTo(
+        address.toString(), port, [this, address, port] { d->m_socket.connectToHost(address, port); });
+}
+
+void NuvikaSslSocket::setSocketDescriptor(int socket) { d->accept(socket); }
+
+void NuvikaSslSocket::close() { d->close(); }
+
+bool NuvikaSslSocket::sendData(const char* data, int size) { return d->send(data, size); }
+
+void NuvikaSslSocket::sendEndOfData() { d->sendEndOfData(); }
+
+void NuvikaSslSocket::stallRecv() { d->stall(); }
+
+void NuvikaSslSocket::resumeRecv() { d->resume(); }
+
+bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
+
+// --- queries ---------------------------------------------------------------------------------------------
+
+NuvikaTcpSocket::STATE NuvikaSslSocket::getState() { return d->state(); }
+QString NuvikaSslSocket::errorString() { return d->m_problem; }
+QHostAddress NuvikaSslSocket::localAddress() { return d->m_socket.localAddress(); }
+unsigned short NuvikaSslSocket::localPort() const { return d->m_socket.localPort(); }
+QHostAddress NuvikaSslSocket::peerAddress() { return d->m_socket.peerAddress(); }
+unsigned short NuvikaSslSocket::peerPort() const { return d->m_socket.peerPort(); }
+const QString& NuvikaSslSocket::peerName() const { return d->m_socket.peerName(); }
+QString NuvikaSslSocket::protocolName() const { return d->m_protocolName; }
+QString NuvikaSslSocket::cipherName() const { return d->m_cipherName; }
+bool NuvikaSslSocket::isSessionResumed() const { return d->m_bResumed; }
+
+NuvikaSslSocket::PeerCertificate NuvikaSslSocket::peerCertificate() const
+{
+    PeerCertificate facts;
+    X509* certificate = d->m_pCertificate.get();
+    if (certificate == nullptr)
+        return facts;
+    facts.subject = nameText(X509_get_subject_name(certificate));
+    facts.issuer = nameText(X509_get_issuer_name(certificate));
+    facts.validFrom = timeOf(X509_get0_notBefore(certificate));
+    facts.validUntil = timeOf(X509_get0_notAfter(certificate));
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (X509_digest(certificate, EVP_sha256(), digest, &size) == 1)
+        facts.sha256 = QByteArray(reinterpret_cast<const char*>(digest), static_cast<int>(size));
+    return facts;
+}

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QDateTime>
+#include <QtCore/QObject>
+
+#include <memory>
+
+/// A TLS connection on a Qt event loop, over a NuvikaTcpSocketQueued: a client (connectToHost()) or the
+/// server's end of an accepted connection (setSocketDescriptor()).
+///
+/// Threads: every member is called on the owner thread, which needs an event loop. No call blocks.
+///
+/// Lifetime: a handler of any signal may close, reuse or delete the socket. Configuration is taken by the
+/// next connection; initSsl() must have succeeded before it. Connections of one configuration share what was
+/// read from files, on all threads; changed files are read again by the next initSsl(). Reconnects resume
+/// earlier sessions where the server allows it.
+///
+/// Sending never refuses bytes for lack of room. Receiving: dataReceived() does not nest; bytes that arrive
+/// while a handler runs an event loop follow when it has returned.
+///
+/// Errors: once per connection, by error(int); errorString() tells in a sentence why. The codes are
+/// SocketError's and: 5, no handshake within 10 seconds; 10013, a certificate was refused, by us or by the
+/// peer; 10053, any other failure of TLS. The state is eError then, and close() makes the socket usable
+/// again.
+class KEPNUVIKAUTIL_EXPORT NuvikaSslSocket : public QObject
+{
+    Q_OBJECT
+public:
+    /// Versions 1.0 and 1.1 are weak: they lower what is asked of keys and signatures, too.
+    enum SslProtocol {
+        eSslAny12 = 0, ///< any from TLS 1.2 up
+        eSslAny10 = 1, ///< any from TLS 1.0 up
+        eTls10 = 2,
+        eTls11 = 3,
+        eTls12 = 4,
+        eTls13 = 5
+    };
+
+    /// What is asked of the peer's certificate. A server asks clients for certificates only when it was given
+    /// trusted ones; they have no host name to compare.
+    enum SslVerifyCertificateMode {
+        eVerifyNone = 0, ///< anybody may be at the other end
+        eVerifyChain = 1, ///< issued, at any distance, by a trusted one
+        eVerifyChainAndHost = 2 ///< and for the name or address that was connected to; the default
+    };
+
+    struct PeerCertificate {
+        QString subject; ///< as in RFC 4514
+        QString issuer;
+        QDateTime validFrom; ///< UTC
+        QDateTime validUntil;
+        QByteArray sha256; ///< of the certificate, 32 bytes; empty when there is none
+    };
+
+    explicit NuvikaSslSocket(QObject* parent = nullptr);
+    /// \a sendQueueHint as in NuvikaTcpSocket.
+    explicit NuvikaSslSocket(int sendQueueHint, QObject* parent = nullptr);
+    /// Says goodbye to the peer as far as that needs no waiting.
+    ~NuvikaSslSocket() override;
+
+    /// Configures the connections to come. An empty string stands for the one that a setter has stored.
+    /// \param server this end is the server's.
+    /// \param certificateFileName PEM file with our certificate, its chain and its key; a client may have
+    /// none. \param certificateFilePath PEM file or folder of trusted certificates; none: the system's.
+    /// \param passPhrase of our key.
+    /// \return false behind a warning; errorString() tells why. A later connect then fails by error(10053).
+    bool initSsl(bool server, SslProtocol protocol, const QString& certificateFileName,
+        const QString& certificateFilePath, const QString& passPhrase);
+    /// For the next initSsl().
+    void setCertificateVerificationMode(SslVerifyCertificateMode mode);
+    void setCertificateFileName(const QString& certificateFileName);
+    void setCertificateFilePath(const QString& certificateFilePath);
+    SslProtocol getSllProtocol() const;
+
+    /// As NuvikaTcpSocket's; connected() follows the handshake. While a close is pending the connect waits.
+    void connectToHost(const QString& host, unsigned short port);
+    void connectToHost(const QHostAddress& address, unsigned short port);
+    void setSocketDescriptor(int socket);
+    /// Sends what is queued and close_notify, which a peer that does not read can hold up for 500 ms; to the
+    /// caller the socket is unconnected at once. Emits nothing.
+    void close();
+
+    /// False when not connected, after sendEndOfData(), and for a negative size.
+    bool sendData(const char* data, int size);
+    /// Ends the sending direction, by close_notify and then TCP's end, once everything queued has left.
+    void sendEndOfData();
+    /// As NuvikaTcpSocket's.
+    void stallRecv();
+    void resumeRecv();
+    bool hasPendingInput() const;
+
+    NuvikaTcpSocket::STATE getState();
+    QString errorString();
+    QHostAddress localAddress();
+    unsigned short localPort() const;
+    QHostAddress peerAddress();
+    unsigned short peerPort() const;
+    const QString& peerName() const;
+    /// Of the last handshake, also when the certificate was refused; a resumed session has the earlier one.
+    PeerCertificate peerCertificate() const;
+    /// "TLSv1.3", and the cipher's name; empty before a handshake.
+    QString protocolName() const;
+    QString cipherName() const;
+    bool isSessionResumed() const;
+
+signals:
+    void connected();
+    void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
+    /// \a unannounced: 0 behind the peer's close_notify; 1 without: what came last may have been cut off by
+    /// somebody on the path.
+    void disconnected(unsigned long unannounced);
+    void error(int errorCode);
+
+private:
+    class Private;
+    std::unique_ptr<Private> d;
+};

@@ -1,0 +1,79 @@
+// Private: the TLS socket's connection, between its session and its TCP socket.
+#pragma once
+
+#include <KepNuvikaUtil/NuvikaSslSocket.h>
+#include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
+
+#include "core/Watched_p.h"
+#include "net/TlsSession_p.h"
+
+#include <QtCore/QTimer>
+
+#include <functional>
+#include <optional>
+
+class NuvikaSslSocket::Private final : public Nuvika::TlsOutput
+{
+public:
+    Private(NuvikaSslSocket& owner, int nSendQueueHint);
+    virtual ~Private();
+
+    bool initialise(const Nuvika::TlsConfig& config);
+    void connectTo(const QString& host, quint16 port, const std::function<void()>& connectSocket);
+    void accept(int descriptor);
+    void close();
+    bool send(const char* data, int size);
+    void sendEndOfData();
+    void stall();
+    void resume();
+    bool hasPendingInput() const;
+    NuvikaTcpSocket::STATE state() const;
+
+    NuvikaTcpSocketQueued m_socket;
+    QString m_certificateFileName;
+    QString m_certificateFilePath;
+    SslProtocol m_protocol = eSslAny12;
+    SslVerifyCertificateMode m_verifyMode = eVerifyChainAndHost;
+    QString m_problem; // why it failed, in words
+    Nuvika::CertificatePointer m_pCertificate; // the peer's
+    QString m_protocolName;
+    QString m_cipherName;
+    bool m_bResumed = false;
+
+private:
+    enum State { eIdle, eConnecting, eHandshake, eOpen, eClosing, eFailed };
+
+    void sendEncrypted(const char* data, int size) override;
+    void beginConnection();
+    void beginHandshake();
+    void watchHandshake();
+    void received(const char* data, int size);
+    void takeInput(const char* data, int size);
+    bool continueHandshake(const Nuvika::Watched::Watch& watch);
+    bool deliver(const Nuvika::Watched::Watch& watch);
+    void tcpEnded(int code); // 0: in good order
+    void closeCompleted();
+    void endSession();
+    void fail(int code, const QString& problem);
+    void failLater(const QString& problem);
+
+    NuvikaSslSocket& m_owner;
+    std::shared_ptr<Nuvika::TlsLibrary> m_pLibrary = Nuvika::TlsLibrary::acquire();
+    std::shared_ptr<Nuvika::TlsContext> m_pContext; // of the last good initSsl()
+    std::unique_ptr<Nuvika::TlsSession> m_pSession;
+    State m_state = eIdle;
+    QString m_host;
+    quint16 m_nPort = 0;
+    QTimer m_handshakeTimer;
+    quint32 m_nHandshakeBegin = 0; // Clock::monotonicMs()
+    QTimer m_closeTimer;
+    std::function<void()> m_postponedConnect; // until the pending close has completed
+    bool m_bStalled = false; // by the user
+    bool m_bDelivering = false; // a handler of dataReceived() or connected() runs
+    QByteArray m_sideInput; // received meanwhile
+    bool m_bSideStalled = false;
+    std::optional<int> m_end; // of TCP, which came meanwhile
+    bool m_bReading = false; // what leaves now is nobody's wish but the peer's
+    int m_nAnswers = 0; // such bytes, while the peer does not read
+    Nuvika::Watched m_watched;
+};

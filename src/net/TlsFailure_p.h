@@ -1,0 +1,35 @@
+// Private: why TLS failed, as a code and in words for a person.
+#pragma once
+
+#include <QtCore/QDateTime>
+#include <QtCore/QString>
+
+#include <openssl/x509.h>
+
+namespace Nuvika
+{
+struct TlsFailure {
+    static constexpr int kHandshakeTimeout = 5;
+    static constexpr int kVerificationRefused = 10013;
+    static constexpr int kOther = 10053;
+
+    QString peer; // as it was called when connecting; empty on the server's side
+    int nCode = 0;
+    QString text;
+
+    // The verdict on the peer's certificate; the first one counts.
+    void refuse(X509_STORE_CTX* store);
+    // OpenSSL's last error, unless a certificate was refused.
+    void takeError();
+    void set(int code, const QString& words);
+    QString who() const { return peer.isEmpty() ? QStringLiteral("the peer") : peer; }
+
+private:
+    QString verdict(int error, int depth, X509* certificate) const;
+    void takeAlert(int alert);
+};
+
+// Control characters of a certificate come escaped.
+QString nameText(const X509_NAME* name);
+QDateTime timeOf(const ASN1_TIME* time);
+} // namespace Nuvika

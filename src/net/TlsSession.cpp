@@ -1,0 +1,273 @@
+#include "net/TlsSession_p.h"
+
+#include "core/Log_p.h"
+
+#include <QtCore/QUrl>
+#include <QtNetwork/QHostAddress>
+
+#include <algorithm>
+#include <cstring>
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+using namespace Nuvika;
+
+namespace
+{
+constexpr int kFlushAt = 128 * 1024; // encrypted bytes of one call to the socket
+
+// What one call of a session produces, before it goes to the socket in one piece.
+QByteArray& outgoing()
+{
+    thread_local QByteArray t_outgoing = [] {
+        QByteArray bytes;
+        bytes.reserve(kFlushAt + 32 * 1024);
+        return bytes;
+    }();
+    return t_outgoing;
+}
+} // namespace
+
+// --- memory under OpenSSL --------------------------------------------------------------------------------
+
+const BIO_METHOD* TlsSession::bioMethod()
+{
+    static const std::unique_ptr<BIO_METHOD, OpenSslFree<BIO_meth_free>> s_method = [] {
+        std::unique_ptr<BIO_METHOD, OpenSslFree<BIO_meth_free>> method(
+            BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "received bytes"));
+        BIO_meth_set_read(method.get(), &TlsSession::bioRead);
+        BIO_meth_set_write(method.get(), &TlsSession::bioWrite);
+        BIO_meth_set_ctrl(method.get(), &TlsSession::bioControl);
+        return method;
+    }();
+    return s_method.get();
+}
+
+int TlsSession::bioRead(BIO* bio, char* buffer, int size)
+{
+    auto* self = static_cast<TlsSession*>(BIO_get_data(bio));
+    BIO_clear_retry_flags(bio);
+    if (self->m_nInput == 0) {
+        BIO_set_retry_read(bio);
+        return -1;
+    }
+    const int count = std::min(size, self->m_nInput);
+    std::memcpy(buffer, self->m_pInput, static_cast<std::size_t>(count));
+    self->m_pInput += count;
+    self->m_nInput -= count;
+    return count;
+}
+
+int TlsSession::bioWrite(BIO* bio, const char* data, int size)
+{
+    outgoing().append(data, size);
+    if (outgoing().size() >= kFlushAt)
+        static_cast<TlsSession*>(BIO_get_data(bio))->flush();
+    return size;
+}
+
+long TlsSession::bioControl(BIO* /*bio*/, int command, long /*number*/, void* /*pointer*/)
+{
+    return command == BIO_CTRL_FLUSH ? 1 : 0;
+}
+
+void TlsSession::flush()
+{
+    QByteArray& bytes = outgoing();
+    if (!bytes.isEmpty())
+        m_output.sendEncrypted(bytes.constData(), bytes.size());
+    bytes.resize(0); // keeps its memory, which was reserved
+}
+
+// --- set-up ----------------------------------------------------------------------------------------------
+
+TlsSession::TlsSession(
+    std::shared_ptr<TlsContext> context, TlsOutput& output, const QString& host, quint16 port)
+    : m_pContext(std::move(context)), m_output(output), m_pSsl(SSL_new(m_pContext->handle()))
+{
+    m_failure.peer = host;
+    BIO* bio = BIO_new(bioMethod());
+    BIO_set_data(bio, this);
+    BIO_set_init(bio, 1);
+    SSL* ssl = m_pSsl.get();
+    SSL_set_bio(ssl, bio, bio); // both directions; owned by the connection
+    SSL_set_app_data(ssl, this);
+    const TlsConfig& config = m_pContext->config();
+    SSL_set_verify(ssl,
+        config.verifiesPeer() ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE,
+        &TlsSession::verified);
+    if (config.bServer) {
+        SSL_set_accept_state(ssl);
+        return;
+    }
+    SSL_set_connect_state(ssl);
+    m_peer = (host.toLower() + QLatin1Char(':') + QString::number(port)).toStdString();
+    setUpClient(host);
+}
+
+void TlsSession::setUpClient(const QString& host)
+{
+    SSL* ssl = m_pSsl.get();
+    QHostAddress address(host);
+    const bool bAddress = !address.isNull();
+    address.setScopeId(QString());
+    QByteArray name = bAddress ? address.toString().toLatin1() : QUrl::toAce(host);
+    if (name.endsWith('.'))
+        name.chop(1);
+    if (!bAddress)
+        SSL_set_tlsext_host_name(ssl, name.constData()); // addresses have no place there, RFC 6066, 3
+    if (m_pContext->config().nVerify == 2) {
+        X509_VERIFY_PARAM* parameters = SSL_get0_param(ssl);
+        X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+        // A name that cannot be compared must match nothing, so none is never set.
+        if (bAddress)
+            X509_VERIFY_PARAM_set1_ip_asc(parameters, name.constData());
+        else
+            X509_VERIFY_PARAM_set1_host(parameters, name.isEmpty() ? "." : name.constData(), 0);
+    }
+    const TlsSessionTicket session = m_pContext->session(m_peer);
+    if (session)
+        SSL_set_session(ssl, session.get());
+}
+
+TlsSession::~TlsSession()
+{
+    // However the connection ended, its session may be resumed.
+    if (m_pSsl && isOpen())
+        SSL_set_shutdown(m_pSsl.get(), SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
+}
+
+int TlsSession::newSession(SSL* ssl, SSL_SESSION* session)
+{
+    const auto* self = static_cast<TlsSession*>(SSL_get_app_data(ssl));
+    if (self == nullptr || self->m_peer.empty())
+        return 0; // a server's: OpenSSL keeps it
+    self->m_pContext->keepSession(self->m_peer, TlsSessionTicket(session));
+    return 1;
+}
+
+int TlsSession::verified(int bGood, X509_STORE_CTX* store)
+{
+    if (bGood == 1)
+        return 1;
+    const auto* ssl
+        = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    auto* self = static_cast<TlsSession*>(SSL_get_app_data(ssl));
+    self->m_failure.refuse(store);
+    if (X509* leaf = X509_STORE_CTX_get0_cert(store)) {
+        X509_up_ref(leaf);
+        self->m_pRefused.reset(leaf);
+    }
+    return 0;
+}
+
+CertificatePointer TlsSession::peerCertificate() const
+{
+    if (m_pRefused) {
+        X509_up_ref(m_pRefused.get());
+        return CertificatePointer(m_pRefused.get());
+    }
+    return CertificatePointer(SSL_get1_peer_certificate(m_pSsl.get()));
+}
+
+// --- bytes -----------------------------------------------------------------------------------------------
+
+void TlsSession::setInput(const char* data, int size)
+{
+    m_pInput = data;
+    m_nInput = size;
+}
+
+TlsSession::Result TlsSession::resultOf(int code)
+{
+    if (code > 0)
+        return eMore;
+    switch (SSL_get_error(m_pSsl.get(), code)) {
+    case SSL_ERROR_WANT_READ:
+    case SSL_ERROR_WANT_WRITE:
+        return eWantInput;
+    case SSL_ERROR_ZERO_RETURN:
+        return eClosed;
+    default:
+        m_failure.takeError();
+        return eFailed;
+    }
+}
+
+TlsSession::Result TlsSession::handshake()
+{
+    ERR_clear_error();
+    const Result result = resultOf(SSL_do_handshake(m_pSsl.get()));
+    flush();
+    return result;
+}
+
+TlsSession::Result TlsSession::read(char* buffer, int size, int* got)
+{
+    *got = 0;
+    Result result = eMore;
+    while (*got < size && result == eMore) {
+        ERR_clear_error();
+        const int count = SSL_read(m_pSsl.get(), buffer + *got, size - *got);
+        result = resultOf(count);
+        if (count > 0)
+            *got += count;
+    }
+    if (result != eFailed && !writeWaiting())
+        result = eFailed;
+    flush();
+    return result;
+}
+
+bool TlsSession::writeSome(const char* data, int size, int* written)
+{
+    *written = 0;
+    while (*written < size) {
+        ERR_clear_error();
+        const int count = SSL_write(m_pSsl.get(), data + *written, size - *written);
+        const Result result = resultOf(count);
+        if (result == eWantInput)
+            return true;
+        if (result != eMore)
+            return false;
+        *written += count;
+    }
+    return true;
+}
+
+bool TlsSession::write(const char* data, int size)
+{
+    if (m_bEndWaits || (SSL_get_shutdown(m_pSsl.get()) & SSL_SENT_SHUTDOWN) != 0)
+        return false;
+    int written = 0;
+    const bool bGood = !m_waiting.isEmpty() || writeSome(data, size, &written);
+    if (bGood)
+        m_waiting.append(data + written, size - written);
+    flush();
+    return bGood;
+}
+
+// Plain text waits only while a handshake within the connection does.
+bool TlsSession::writeWaiting()
+{
+    if (m_waiting.isEmpty())
+        return true;
+    int written = 0;
+    const bool bGood = writeSome(m_waiting.constData(), m_waiting.size(), &written);
+    m_waiting.remove(0, written);
+    if (bGood && m_waiting.isEmpty() && m_bEndWaits) {
+        m_bEndWaits = false;
+        SSL_shutdown(m_pSsl.get());
+    }
+    return bGood;
+}
+
+void TlsSession::endWriting()
+{
+    ERR_clear_error();
+    if (!m_waiting.isEmpty())
+        m_bEndWaits = true;
+    else if (isOpen() && (SSL_get_shutdown(m_pSsl.get()) & SSL_SENT_SHUTDOWN) == 0)
+        SSL_shutdown(m_pSsl.get());
+    flush();
+}

@@ -1,0 +1,80 @@
+// Private: one TLS connection over memory: received bytes in, bytes to send out, no socket and no signal.
+#pragma once
+
+#include "net/TlsContext_p.h"
+#include "net/TlsFailure_p.h"
+
+namespace Nuvika
+{
+// Takes what is to be sent; called from inside the session's members.
+class TlsOutput
+{
+public:
+    virtual void sendEncrypted(const char* data, int size) = 0;
+
+protected:
+    ~TlsOutput() = default;
+};
+
+class TlsSession
+{
+public:
+    enum Result {
+        eMore, // the buffer is full
+        eWantInput,
+        eClosed, // the peer's close_notify
+        eFailed // failure() tells why; an alert has left
+    };
+
+    // Host and port of the server, which a client verifies and resumes by; empty on the server's side.
+    TlsSession(std::shared_ptr<TlsContext> context, TlsOutput& output, const QString& host, quint16 port);
+    ~TlsSession();
+    TlsSession(const TlsSession&) = delete;
+    TlsSession& operator=(const TlsSession&) = delete;
+
+    // Received bytes, read in place until the next call.
+    void setInput(const char* data, int size);
+    bool hasInput() const { return m_nInput > 0 || SSL_has_pending(m_pSsl.get()) == 1; }
+
+    // eMore: the handshake has finished.
+    Result handshake();
+    bool isOpen() const { return SSL_is_init_finished(m_pSsl.get()) == 1; }
+    // Fills the buffer as far as whole records allow; what is in it counts whatever the result.
+    Result read(char* buffer, int size, int* got);
+    // False when the connection cannot send any more. Never refuses for lack of room.
+    bool write(const char* data, int size);
+    // Sends close_notify; the other direction stays open.
+    void endWriting();
+
+    const TlsFailure& failure() const { return m_failure; }
+    CertificatePointer peerCertificate() const;
+    bool isResumed() const { return SSL_session_reused(m_pSsl.get()) == 1; }
+    const char* protocol() const { return SSL_get_version(m_pSsl.get()); }
+    const char* cipher() const { return SSL_get_cipher_name(m_pSsl.get()); }
+
+    static int newSession(SSL* ssl, SSL_SESSION* session); // of SSL_CTX_sess_set_new_cb
+
+private:
+    static const BIO_METHOD* bioMethod();
+    static int bioRead(BIO* bio, char* buffer, int size);
+    static int bioWrite(BIO* bio, const char* data, int size);
+    static long bioControl(BIO* bio, int command, long number, void* pointer);
+    static int verified(int bGood, X509_STORE_CTX* store);
+    void setUpClient(const QString& host);
+    Result resultOf(int code);
+    bool writeWaiting();
+    bool writeSome(const char* data, int size, int* written);
+    void flush();
+
+    std::shared_ptr<TlsContext> m_pContext;
+    TlsOutput& m_output;
+    std::string m_peer; // "host:port"
+    std::unique_ptr<SSL, OpenSslFree<SSL_free>> m_pSsl;
+    const char* m_pInput = nullptr;
+    int m_nInput = 0;
+    QByteArray m_waiting; // plain text, while the server renegotiates
+    bool m_bEndWaits = false;
+    TlsFailure m_failure;
+    CertificatePointer m_pRefused;
+};
+} // namespace Nuvika

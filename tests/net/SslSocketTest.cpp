@@ -1,0 +1,586 @@
+#include "support/Certificates.h"
+#include "support/EventLoop.h"
+#include "support/LogCapture.h"
+#include "support/RawPeer.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/NuvikaSslSocket.h>
+#include <KepNuvikaUtil/NuvikaTcpServer.h>
+
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <vector>
+
+namespace
+{
+using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
+using Ssl = NuvikaSslSocket;
+
+Certificates& certificates()
+{
+    static Certificates s_certificates;
+    return s_certificates;
+}
+
+// A TLS socket that writes down what it says.
+struct Talker {
+    std::unique_ptr<Ssl> socket = std::make_unique<Ssl>();
+    QByteArray got;
+    int connections = 0;
+    std::vector<unsigned long> ends;
+    std::vector<int> errors;
+    std::function<void()> onConnected, onData, onEnd;
+
+    Talker()
+    {
+        QObject::connect(socket.get(), &Ssl::connected, [this] {
+            ++connections;
+            call(onConnected);
+        });
+        QObject::connect(socket.get(), &Ssl::dataReceived, [this](const char* data, int size, Marker) {
+            got.append(data, size);
+            call(onData);
+        });
+        QObject::connect(socket.get(), &Ssl::disconnected, [this](unsigned long how) {
+            ends.push_back(how);
+            call(onEnd);
+        });
+        QObject::connect(socket.get(), &Ssl::error, [this](int code) {
+            errors.push_back(code);
+            call(onEnd);
+        });
+    }
+    void send(const QByteArray& bytes) { EXPECT_TRUE(socket->sendData(bytes.constData(), bytes.size())); }
+    bool isOver() const { return !ends.empty() || !errors.empty(); }
+    std::string problem() const { return socket->errorString().toStdString(); }
+
+private:
+    static void call(const std::function<void()>& handler)
+    {
+        if (handler)
+            handler();
+    }
+};
+
+struct ServerWish {
+    Ssl::SslProtocol protocol = Ssl::eSslAny12;
+    QString certificate;
+    QString trusted;
+    bool bEcho = false;
+};
+
+// Accepts TLS connections.
+struct Server {
+    NuvikaTcpServer listener;
+    std::vector<std::unique_ptr<Talker>> talkers;
+    std::vector<int> descriptors;
+
+    explicit Server(const ServerWish& wish = {})
+    {
+        QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [this, wish](int descriptor) {
+            talkers.push_back(std::make_unique<Talker>());
+            Talker& talker = *talkers.back();
+            EXPECT_TRUE(talker.socket->initSsl(true, wish.protocol,
+                wish.certificate.isEmpty() ? certificates().forLocalhost() : wish.certificate, wish.trusted,
+                QString()))
+                << talker.problem();
+            if (wish.bEcho)
+                talker.onData = [&talker] { talker.send(std::exchange(talker.got, QByteArray())); };
+            descriptors.push_back(descriptor);
+            talker.socket->setSocketDescriptor(descriptor);
+        });
+        EXPECT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
+    }
+    Talker& first() { return *talkers.at(0); }
+    Talker& last() { return *talkers.back(); }
+};
+
+struct Client : Talker {
+    explicit Client(Ssl::SslProtocol protocol = Ssl::eSslAny12, const QString& certificate = QString(),
+        Ssl::SslVerifyCertificateMode mode = Ssl::eVerifyChainAndHost)
+    {
+        socket->setCertificateVerificationMode(mode);
+        EXPECT_TRUE(socket->initSsl(false, protocol, certificate, certificates().authority(), QString()));
+    }
+    void connectTo(unsigned short port)
+    {
+        socket->connectToHost(QHostAddress(QHostAddress::LocalHost), port);
+    }
+    // With the server's end, once both have finished the handshake.
+    void meet(Server& server)
+    {
+        const int before = connections;
+        connectTo(server.listener.serverPort());
+        ASSERT_TRUE(waitFor([&] {
+            return connections > before && !server.talkers.empty() && server.last().connections == 1;
+        })) << problem();
+    }
+};
+
+QByteArray text(int size)
+{
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>(i * 7 + i / 251);
+    return bytes;
+}
+} // namespace
+
+TEST(SslSocket, TalksInEveryProtocolAndResumes)
+{
+    const char* const names[] = {"TLSv1.3", "TLSv1.3", "TLSv1", "TLSv1.1", "TLSv1.2", "TLSv1.3"};
+    const QByteArray block = text(3000000);
+    for (int protocol = 0; protocol <= 5; ++protocol) {
+        Server server({static_cast<Ssl::SslProtocol>(protocol), {}, {}, true});
+        Client client(static_cast<Ssl::SslProtocol>(protocol));
+        EXPECT_EQ(client.socket->getSllProtocol(), protocol);
+        for (const bool bAgain : {false, true}) {
+            client.got.clear();
+            client.meet(server);
+            EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eConnected);
+            EXPECT_EQ(client.socket->protocolName(), QLatin1String(names[protocol]));
+            EXPECT_EQ(client.socket->isSessionResumed(), bAgain) << protocol;
+            EXPECT_EQ(client.socket->peerPort(), server.listener.serverPort());
+            client.send(block);
+            ASSERT_TRUE(waitFor([&] { return client.got.size() >= block.size(); })) << protocol;
+            EXPECT_EQ(client.got, block);
+            const Ssl::PeerCertificate peer = client.socket->peerCertificate();
+            EXPECT_EQ(peer.subject, QLatin1String("CN=cam-7"));
+            EXPECT_EQ(peer.issuer, QLatin1String("CN=Test authority"));
+            EXPECT_LT(peer.validFrom, QDateTime::currentDateTimeUtc());
+            EXPECT_GT(peer.validUntil, QDateTime::currentDateTimeUtc());
+            EXPECT_EQ(peer.sha256.size(), 32);
+            client.socket->close();
+            ASSERT_TRUE(waitFor([&] { return server.last().isOver(); }));
+            EXPECT_EQ(server.last().ends, std::vector<unsigned long>{0}) << "close_notify came";
+        }
+        EXPECT_TRUE(client.ends.empty()) << "close() says nothing";
+    }
+}
+
+TEST(SslSocket, RefusesCertificatesInWords)
+{
+    Certificates others(QStringLiteral("Somebody else"));
+    const QString local = QStringLiteral("DNS:localhost,IP:127.0.0.1");
+    struct Case {
+        QString file;
+        const char* words;
+        bool bChainIsGood;
+    };
+    const Case cases[] = {
+        {certificates().issue({QStringLiteral("old"), local, -30, -2}),
+            "the certificate of 127.0.0.1 expired on", false},
+        {certificates().issue({QStringLiteral("young"), local, 2, 30}), "is not valid before", false},
+        {certificates().issue({QStringLiteral("x"), QStringLiteral("DNS:other.example,IP:127.0.0.9")}),
+            "was issued to another host: other.example, 127.0.0.9", true},
+        {certificates().issue({QStringLiteral("bare\x1b[2J"), QString()}), "another host: CN=bare\\1B[2J",
+            true},
+        {others.issue({QStringLiteral("x"), local}), "was issued by CN=Somebody else, which is not trusted",
+            false},
+        {certificates().issue({QStringLiteral("x"), local, -1, 30, true}), "self-signed", false},
+    };
+    for (const Case& one : cases) {
+        for (const Ssl::SslProtocol protocol : {Ssl::eTls12, Ssl::eTls13}) {
+            Server server({protocol, one.file, {}, false});
+            Client client(protocol);
+            client.connectTo(server.listener.serverPort());
+            ASSERT_TRUE(waitFor([&] { return client.isOver() && server.last().isOver(); })) << one.words;
+            EXPECT_EQ(client.errors, std::vector<int>{10013}) << one.words;
+            EXPECT_NE(client.problem().find(one.words), std::string::npos) << client.problem();
+            EXPECT_EQ(client.connections, 0);
+            EXPECT_FALSE(client.socket->peerCertificate().subject.isEmpty()) << "what was refused";
+            EXPECT_EQ(server.last().errors.size(), 1U) << server.last().problem();
+
+            Client chain(protocol, QString(), Ssl::eVerifyChain);
+            chain.connectTo(server.listener.serverPort());
+            ASSERT_TRUE(waitFor([&] { return chain.isOver() || chain.connections > 0; }));
+            EXPECT_EQ(chain.connections, one.bChainIsGood ? 1 : 0) << one.words;
+
+            Client anybody(protocol, QString(), Ssl::eVerifyNone);
+            anybody.meet(server);
+        }
+    }
+    // Trusting the certificate itself, alone or in a folder of anything, is enough.
+    Server server({Ssl::eSslAny12, cases[5].file, {}, false});
+    Client client;
+    client.socket->initSsl(false, Ssl::eSslAny12, QString(), cases[5].file, QString());
+    client.meet(server);
+    client.socket->close();
+    client.socket->initSsl(false, Ssl::eSslAny12, QString(), certificates().folder(), QString());
+    client.meet(server);
+}
+
+TEST(SslSocket, ComparesTheNameThatWasAskedFor)
+{
+    Server server;
+    Client client;
+    seams::setName("cam-8.test", {"127.0.0.1"});
+    client.socket->connectToHost(QStringLiteral("cam-8.test"), server.listener.serverPort());
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(client.errors, std::vector<int>{10013});
+    EXPECT_NE(client.problem().find("the certificate of cam-8.test was issued to another host: localhost"),
+        std::string::npos)
+        << client.problem();
+    seams::setName("LocalHost.", {"127.0.0.1"});
+    client.socket->close();
+    client.socket->connectToHost(QStringLiteral("LocalHost."), server.listener.serverPort());
+    ASSERT_TRUE(waitFor([&] { return client.connections == 1; })) << client.problem();
+}
+
+TEST(SslSocket, AsksForClientCertificatesWhenToldWhomToTrust)
+{
+    Certificates others(QStringLiteral("Somebody else"));
+    const QString own = certificates().issue({QStringLiteral("recorder"), QString()});
+    const QString strange = others.issue({QStringLiteral("stranger"), QString()});
+    for (const Ssl::SslProtocol protocol : {Ssl::eTls12, Ssl::eTls13}) {
+        Server server({protocol, {}, certificates().authority(), false});
+        Client none(protocol);
+        none.connectTo(server.listener.serverPort());
+        ASSERT_TRUE(waitFor([&] { return none.isOver() && server.last().isOver(); }));
+        EXPECT_NE(none.problem().find("certificate of ours"), std::string::npos) << none.problem();
+        EXPECT_EQ(server.last().errors, std::vector<int>{10013});
+        EXPECT_EQ(server.last().problem(), "the peer has sent no certificate");
+
+        Client stranger(protocol, strange);
+        stranger.connectTo(server.listener.serverPort());
+        ASSERT_TRUE(waitFor([&] { return stranger.isOver() && server.last().isOver(); }));
+        EXPECT_EQ(stranger.errors, std::vector<int>{10013});
+        EXPECT_NE(stranger.problem().find("refuses our certificate"), std::string::npos)
+            << stranger.problem();
+        EXPECT_EQ(server.last().errors, std::vector<int>{10013});
+
+        Client known(protocol, own);
+        known.meet(server);
+        EXPECT_EQ(server.last().socket->peerCertificate().subject, QLatin1String("CN=recorder"));
+    }
+}
+
+TEST(SslSocket, SaysWhatIsWrongWithItsConfiguration)
+{
+    const QString locked
+        = certificates().issue({QStringLiteral("locked"), QString(), -1, 30, false, QByteArray("secret")});
+    Talker talker;
+    const auto init = [&](bool bServer, int protocol, const QString& own, const QString& trusted,
+                          const QString& phrase) {
+        return talker.socket->initSsl(bServer, static_cast<Ssl::SslProtocol>(protocol), own, trusted, phrase);
+    };
+    for (const int protocol : {-1, 6}) {
+        LogCapture log;
+        EXPECT_FALSE(init(false, protocol, {}, {}, {}));
+        EXPECT_EQ(log.count("unknown protocol", QtCriticalMsg), 1);
+    }
+    EXPECT_TRUE(init(false, 0, locked, {}, QStringLiteral("secret"))) << talker.problem();
+    EXPECT_FALSE(init(false, 0, locked, {}, QStringLiteral("wrong")));
+    EXPECT_NE(talker.problem().find("pass phrase"), std::string::npos) << talker.problem();
+    EXPECT_FALSE(init(false, 0, locked, {}, {})) << "and nobody is asked on a terminal";
+    EXPECT_FALSE(init(true, 0, {}, {}, {}));
+    EXPECT_EQ(talker.problem(), "a server needs a certificate");
+    EXPECT_FALSE(init(false, 0, certificates().authority(), {}, {})) << "it has no key";
+    EXPECT_FALSE(init(false, 0, QStringLiteral("missing.pem"), {}, {}));
+    EXPECT_FALSE(init(false, 0, {}, QStringLiteral("missing.pem"), {}));
+
+    RawListener listener;
+    talker.socket->connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
+    EXPECT_TRUE(talker.errors.empty()) << "never inside the call";
+    ASSERT_TRUE(waitFor([&] { return talker.isOver(); }));
+    EXPECT_EQ(talker.errors, std::vector<int>{10053});
+    EXPECT_NE(talker.problem().find("missing.pem"), std::string::npos) << talker.problem();
+
+    // What setters have stored stands in for empty strings.
+    talker.socket->close();
+    talker.socket->setCertificateFileName(certificates().forLocalhost());
+    EXPECT_TRUE(init(true, 0, {}, {}, {}));
+    talker.socket->setCertificateFilePath(QStringLiteral("missing.pem"));
+    EXPECT_FALSE(init(false, 0, {}, {}, {}));
+}
+
+TEST(SslSocket, GivesUpAHandshakeAfterTenSeconds)
+{
+    RawListener listener;
+    Client client;
+    client.connectTo(listener.port());
+    RawSocket peer;
+    ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
+    ASSERT_TRUE(waitFor([&] { return !peer.received().isEmpty(); })) << "the first flight";
+    seams::clockOffsetMs += 9000;
+    settle(600);
+    EXPECT_FALSE(client.isOver());
+    LogCapture log;
+    seams::clockOffsetMs += 1500;
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }, 2000));
+    EXPECT_EQ(client.errors, std::vector<int>{5});
+    EXPECT_GE(log.count("within 10 seconds", QtWarningMsg), 1);
+    EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eError);
+    settle(600);
+    EXPECT_EQ(client.errors.size(), 1U) << "once";
+}
+
+TEST(SslSocket, ReportsWhatEndsAHandshake)
+{
+    RawListener listener;
+    Client client;
+    const auto meet = [&] {
+        client.errors.clear();
+        client.socket->close();
+        client.connectTo(listener.port());
+        RawSocket peer;
+        waitFor([&] { return (peer = listener.accept()).isOpen(); });
+        waitFor([&] { return !peer.received().isEmpty(); });
+        return peer;
+    };
+    RawSocket peer = meet();
+    peer.write("HTTP/1.1 400 Bad Request\r\n\r\n");
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(client.errors, std::vector<int>{10053});
+    EXPECT_EQ(client.problem(), "127.0.0.1 does not speak TLS on this port");
+
+    peer = meet();
+    peer.close();
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(client.errors, std::vector<int>{10053});
+    EXPECT_NE(client.problem().find("closed the connection during the TLS handshake"), std::string::npos);
+
+    peer = meet();
+    peer.reset();
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(client.errors, std::vector<int>{10054});
+
+    Server server({Ssl::eTls12, {}, {}, false});
+    Client newer(Ssl::eTls13);
+    newer.connectTo(server.listener.serverPort());
+    ASSERT_TRUE(waitFor([&] { return newer.isOver() && server.last().isOver(); }));
+    EXPECT_NE(newer.problem().find("none of the TLS versions"), std::string::npos) << newer.problem();
+    EXPECT_NE(server.last().problem().find("none of the TLS versions"), std::string::npos);
+
+    RawSocket plain = RawSocket::connectTo(server.listener.serverPort());
+    plain.write("GET / HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(waitFor([&] { return server.talkers.size() == 2 && server.last().isOver(); }));
+    EXPECT_EQ(server.last().problem(), "the peer does not speak TLS on this port");
+}
+
+TEST(SslSocket, TellsAnEndWithoutAGoodbye)
+{
+    Server server;
+    Client client;
+    client.meet(server);
+    server.last().send("last words");
+    ::shutdown(server.descriptors.back(), SHUT_WR);
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(client.ends, std::vector<unsigned long>{1});
+    EXPECT_EQ(client.got, QByteArray("last words"));
+    EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eUnconnected);
+    client.meet(server);
+    const linger hard{1, 0};
+    setsockopt(server.descriptors.back(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    server.talkers.pop_back();
+    ASSERT_TRUE(waitFor([&] { return client.ends.size() + client.errors.size() == 2; }));
+    EXPECT_TRUE(client.errors == std::vector<int>{10054} || client.ends.back() == 0);
+}
+
+TEST(SslSocket, HalfClosesBehindWhatWasSent)
+{
+    Server server;
+    Client client;
+    client.meet(server);
+    const QByteArray block = text(2000000);
+    client.send(block);
+    client.socket->sendEndOfData();
+    EXPECT_FALSE(client.socket->sendData("x", 1));
+    ASSERT_TRUE(waitFor([&] { return server.last().isOver(); }));
+    EXPECT_EQ(server.last().got, block);
+    EXPECT_EQ(server.last().ends, std::vector<unsigned long>{0});
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(client.ends, std::vector<unsigned long>{0});
+}
+
+TEST(SslSocket, ClosesBehindWhatWasSentAndPostponesAConnect)
+{
+    Server server;
+    Client client;
+    client.meet(server);
+    Talker& reader = server.last();
+    reader.socket->stallRecv();
+    const QByteArray block = text(2000000);
+    client.send(block);
+    client.socket->close(); // much of it waits here
+    EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eUnconnected);
+    client.connectTo(server.listener.serverPort());
+    EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eConnecting);
+    settle();
+    EXPECT_EQ(server.talkers.size(), 1U) << "the connect waits for the close";
+    reader.socket->resumeRecv();
+    ASSERT_TRUE(waitFor([&] { return reader.isOver() && client.connections == 2; }));
+    EXPECT_EQ(reader.got, block) << "nothing was lost";
+    EXPECT_EQ(reader.ends, std::vector<unsigned long>{0});
+
+    // A peer that does not read holds the close up for half a second.
+    ASSERT_TRUE(waitFor([&] { return server.last().connections == 1; }));
+    server.last().socket->stallRecv();
+    client.send(block);
+    client.socket->close();
+    QElapsedTimer time;
+    time.start();
+    client.connectTo(server.listener.serverPort());
+    ASSERT_TRUE(waitFor([&] { return client.connections == 3; }));
+    EXPECT_GE(time.elapsed(), 450);
+    EXPECT_LT(time.elapsed(), 3000);
+    EXPECT_TRUE(client.ends.empty() && client.errors.empty());
+}
+
+TEST(SslSocket, HandlersMayDoAnything)
+{
+    Server server({Ssl::eSslAny12, {}, {}, true});
+    for (int handler = 0; handler < 3; ++handler) {
+        for (int deed = 0; deed < 3; ++deed) {
+            Client client;
+            bool bDone = false;
+            const auto act = [&] {
+                if (std::exchange(bDone, true))
+                    return;
+                client.socket->close();
+                if (deed == 1)
+                    client.socket.reset();
+                else if (deed == 2)
+                    client.connectTo(server.listener.serverPort());
+            };
+            client.onConnected = [&] {
+                if (handler == 0)
+                    act();
+                else
+                    client.send("hello");
+            };
+            client.onData = [&] {
+                if (handler == 1)
+                    act();
+                else if (handler == 2 && !bDone)
+                    server.last().socket->close();
+            };
+            client.onEnd = act;
+            client.connectTo(server.listener.serverPort());
+            ASSERT_TRUE(waitFor([&] { return bDone; })) << handler << deed;
+            if (deed == 2) {
+                EXPECT_TRUE(waitFor([&] { return client.connections == 2; })) << handler;
+            }
+            settle(5);
+        }
+    }
+}
+
+TEST(SslSocket, BytesThatArriveInsideAHandlerFollowIt)
+{
+    Server server;
+    Client client;
+    client.meet(server);
+    int depth = 0;
+    int deepest = 0;
+    client.onData = [&] {
+        deepest = std::max(deepest, ++depth);
+        if (client.got.size() < 100) {
+            server.last().send(text(3000000));
+            server.last().socket->close();
+            settle(200);
+            EXPECT_TRUE(client.ends.empty()) << "the end comes behind the bytes";
+        }
+        --depth;
+    };
+    server.last().send("begin");
+    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
+    EXPECT_EQ(deepest, 1);
+    EXPECT_EQ(client.got, "begin" + text(3000000));
+    EXPECT_EQ(client.ends, std::vector<unsigned long>{0});
+}
+
+TEST(SslSocket, StallsItsPeerAndLosesNothing)
+{
+    Server server;
+    Client client;
+    client.socket->stallRecv(); // the handshake goes on all the same
+    client.meet(server);
+    const QByteArray block = text(20000000);
+    server.last().send(block);
+    settle(100);
+    EXPECT_LT(client.got.size(), 2000000);
+    client.onData = [&] {
+        client.socket->stallRecv();
+        QTimer::singleShot(0, client.socket.get(), [&] { client.socket->resumeRecv(); });
+    };
+    client.socket->resumeRecv();
+    ASSERT_TRUE(waitFor([&] { return client.got.size() >= block.size(); }));
+    EXPECT_EQ(client.got, block);
+}
+
+TEST(SslSocket, FiveHundredConnectionsInOneThread)
+{
+    Server server({Ssl::eSslAny12, {}, {}, true});
+    std::vector<std::unique_ptr<Client>> clients;
+    const QByteArray block = text(20000);
+    for (int i = 0; i < 500; ++i) {
+        clients.push_back(std::make_unique<Client>());
+        Client& client = *clients.back();
+        client.onConnected = [&client, &block] { client.send(block); };
+        client.connectTo(server.listener.serverPort());
+    }
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return std::all_of(clients.begin(), clients.end(),
+                [&](const auto& client) { return client->got.size() == block.size(); });
+        },
+        60000));
+    for (const auto& client : clients) {
+        EXPECT_EQ(client->got, block);
+        EXPECT_FALSE(client->isOver()) << client->problem();
+    }
+}
+
+TEST(SslSocket, APeerThatOnlyAsksForAnswersIsLeft)
+{
+    RawListener listener;
+    Client client;
+    client.connectTo(listener.port());
+    RawSocket peer;
+    ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    const QByteArray file = certificates().forLocalhost().toLocal8Bit();
+    SSL_CTX_use_certificate_chain_file(context, file.constData());
+    SSL_CTX_use_PrivateKey_file(context, file.constData(), SSL_FILETYPE_PEM);
+    SSL* ssl = SSL_new(context);
+    SSL_set_bio(ssl, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+    SSL_set_accept_state(ssl);
+    const auto output = [&] {
+        QByteArray bytes(static_cast<int>(BIO_pending(SSL_get_wbio(ssl))), '\0');
+        BIO_read(SSL_get_wbio(ssl), bytes.data(), bytes.size());
+        return bytes;
+    };
+    ASSERT_TRUE(waitFor([&] {
+        const QByteArray bytes = peer.take();
+        BIO_write(SSL_get_rbio(ssl), bytes.constData(), bytes.size());
+        SSL_do_handshake(ssl);
+        peer.write(output());
+        return client.connections == 1 && SSL_is_init_finished(ssl) == 1;
+    }));
+    fcntl(peer.fd(), F_SETFL, O_NONBLOCK);
+    client.send(QByteArray(30000000, 'x')); // which the peer does not read
+    QByteArray questions;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            for (int i = 0; i < 500; ++i) {
+                SSL_key_update(ssl, SSL_KEY_UPDATE_REQUESTED);
+                SSL_do_handshake(ssl);
+                SSL_write(ssl, "?", 1);
+            }
+            questions += output();
+            const ssize_t sent = ::send(
+                peer.fd(), questions.constData(), static_cast<std::size_t>(questions.size()), MSG_NOSIGNAL);
+            if (sent > 0)
+                questions.remove(0, static_cast<int>(sent));
+            return client.isOver();
+        },
+        30000))
+        << client.got.size();
+    EXPECT_EQ(client.errors, std::vector<int>{10053});
+    EXPECT_EQ(client.problem(), "127.0.0.1 asks for answers that it does not read");
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+}
