@@ -28,6 +28,7 @@
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/LoggedInUser.h>
 #include <KepNuvikaUtil/MemBlockPool.h>
 #include <KepNuvikaUtil/NTPRange.h>

@@ -1,49 +1,24 @@
 #include <KepNuvikaUtil/HttpClient.h>
 
 #include "core/Log_p.h"
-#include "http/HttpRequestEngine_p.h"
-#include "http/QueuedTransport_p.h"
+#include "http/HttpRequests_p.h"
+#include "http/HttpSignals_p.h"
+#include "http/SocketTransport_p.h"
 
 using namespace Nuvika;
-using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
-// Turns the engine's reports into signals.
-class HttpClient::Private final : public HttpRequestListener
+class HttpClient::Private final : public HttpSignals<HttpClient>
 {
 public:
     Private(HttpClient& client, const QString& host, unsigned short port, int nSendQueueHint)
-        : m_client(client), socket(nSendQueueHint, false), transport(socket),
+        : HttpSignals(client), socket(nSendQueueHint, false), transport(socket),
           engine("HttpClient", transport, *this, host, port)
     {
     }
-
-    void responseHeader(int id, const HttpResponseHeader& header) override
-    {
-        emit m_client.responseHeaderReceived(id, header);
-    }
-    void finished(int id, const HttpResponseHeader& header, const char* content, int size) override
-    {
-        emit m_client.requestFinished(id, header, content, size, Marker());
-    }
-    void failed(int id) override { emit m_client.requestFailed(id); }
     void cancelled(int id) override { emit m_client.requestCancelled(id); }
-    void part(int id, const HttpResponseHeader& header, const char* type, const char* data, int size) override
-    {
-        emit m_client.multipartReplaceContent(id, header, type, data, size, Marker());
-    }
-    void chunk(int id, const HttpResponseHeader& header, const char* data, int size) override
-    {
-        emit m_client.contentChunk(id, header, data, size, Marker());
-    }
-    void socketError(int code) override { emit m_client.error(code); }
-    void uploadEnded() override { emit m_client.sendEndOfUploadContentFinished(); }
 
-private:
-    HttpClient& m_client;
-
-public:
     NuvikaTcpSocketQueued socket;
-    QueuedTransport transport;
+    SocketTransport<NuvikaTcpSocketQueued> transport;
     HttpRequestEngine engine;
 };
 
@@ -68,38 +43,6 @@ HttpClient::~HttpClient() { d->engine.shutdown(true); }
 
 // --- requests ------------------------------------------------------------------------------------------
 
-HttpRequestHeader HttpClient::makeHeader(const char* method, const QString& path) const
-{
-    HttpRequestHeader header(QString::fromLatin1(method), path);
-    header.addValue(QStringLiteral("Host"), d->engine.hostField());
-    return header;
-}
-
-namespace
-{
-void addConnection(HttpRequestHeader& header, bool bKeepAlive)
-{
-    header.addValue(
-        QStringLiteral("Connection"), bKeepAlive ? QStringLiteral("keep-alive") : QStringLiteral("close"));
-    if (bKeepAlive)
-        header.addValue(QStringLiteral("Keep-Alive"), QStringLiteral("300"));
-}
-
-void addContent(HttpRequestHeader& header, const QString& type, int size)
-{
-    header.addValue(QStringLiteral("Content-Type"), type);
-    header.addValue(QStringLiteral("Content-Length"), QString::number(size));
-    header.addValue(QStringLiteral("Accept-Encoding"), QStringLiteral("identity"));
-}
-} // namespace
-
-int HttpClient::send(
-    const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password)
-{
-    const SharedPoolBuffer body = content.isEmpty() ? SharedPoolBuffer() : d->engine.bodyBuffer(content);
-    return d->engine.request(header, false, &body, user, password, 0);
-}
-
 int HttpClient::request(const HttpRequestHeader& header, bool stream, const SharedPoolBuffer* body,
     const QString& user, const QString& password, int authMode)
 {
@@ -108,29 +51,26 @@ int HttpClient::request(const HttpRequestHeader& header, bool stream, const Shar
 
 int HttpClient::get(const QString& path, const QString& user, const QString& password, bool keepAlive)
 {
-    HttpRequestHeader header = makeHeader("GET", path);
-    addConnection(header, keepAlive && m_bKeepAlive);
-    return send(header, QByteArray(), user, password);
+    const QString host = d->engine.hostField();
+    return d->engine.request(
+        HttpRequests::get(path, host, keepAlive && m_bKeepAlive), QByteArray(), user, password);
 }
 
 int HttpClient::plainPost(const QString& path, const QByteArray& content, const QString& user,
     const QString& password, bool keepAlive)
 {
-    HttpRequestHeader header = makeHeader("POST", path);
-    header.addValue(QStringLiteral("Cache-Control"), QStringLiteral("no-cache"));
-    header.setContentLength(content.size());
-    if (!keepAlive || !m_bKeepAlive)
-        addConnection(header, false);
-    return send(header, content, user, password);
+    const QString host = d->engine.hostField();
+    return d->engine.request(HttpRequests::plainPost(path, host, content.size(), keepAlive && m_bKeepAlive),
+        content, user, password);
 }
 
 int HttpClient::put(const QString& path, const QByteArray& content, const QString& user,
     const QString& password, bool keepAlive, const QString& contentType)
 {
-    HttpRequestHeader header = makeHeader("PUT", path);
-    addContent(header, contentType, content.size());
-    addConnection(header, keepAlive && m_bKeepAlive);
-    return send(header, content, user, password);
+    HttpRequestHeader header = HttpRequests::make("PUT", path, d->engine.hostField());
+    HttpRequests::addContent(header, contentType, content.size());
+    HttpRequests::addConnection(header, keepAlive && m_bKeepAlive);
+    return d->engine.request(header, content, user, password);
 }
 
 int HttpClient::soapRequest(const QString& path, const QString& action, const QByteArray& content,
@@ -138,12 +78,10 @@ int HttpClient::soapRequest(const QString& path, const QString& action, const QB
 {
     NUVIKA_DEBUG(lcHttp, "HttpClient::soapRequest: path='%s' / action='%s' content='%s'",
         qUtf8Printable(path), qUtf8Printable(action), content.constData());
-    HttpRequestHeader header = makeHeader("POST", path);
-    const QString type
-        = QLatin1String("application/soap+xml; charset=utf-8; action=\"") + action + QLatin1Char('"');
-    addContent(header, type, content.size());
-    addConnection(header, keepAlive && m_bKeepAlive);
-    return send(header, content, user, password);
+    const QString host = d->engine.hostField();
+    return d->engine.request(
+        HttpRequests::soap(path, host, action, content.size(), keepAlive && m_bKeepAlive), content, user,
+        password);
 }
 
 bool HttpClient::sendUploadContentChunk(int id, const char* data, int size, bool last)
@@ -165,6 +103,8 @@ QHostAddress HttpClient::lastLocalAddress() const { return d->engine.lastLocalAd
 
 QHostAddress HttpClient::lastPeerAddress() const { return d->engine.lastPeerAddress(); }
 
+QString HttpClient::errorString() const { return d->m_problem; }
+
 // --- the socket ----------------------------------------------------------------------------------------
 
 void HttpClient::slotSockConnected() { d->engine.connected(); }
@@ -176,4 +116,4 @@ void HttpClient::slotSockDataReceived(const char* pData, int size, NuvikaTcpSock
 
 void HttpClient::slotSockDisconnected() { d->engine.disconnected(); }
 
-void HttpClient::slotSockError(int errorCode) { d->engine.socketError(errorCode); }
+void HttpClient::slotSockError(int errorCode) { d->engine.socketError(errorCode, d->socket.errorString()); }

@@ -15,12 +15,12 @@
 /// Every request operation returns an id, and the signals carry it. A body is delivered whole by
 /// requestFinished(), or piece by piece (stream flag, multipart streams).
 ///
-/// | answer                                | stream flag clear                     | stream flag set |
-/// |---------------------------------------|---------------------------------------|------------------------------|
-/// | with a length                         | requestFinished() with the content    | contentChunk(), the last
-/// one ends it | | chunked, or until the connection ends | requestFinished() with the content    |
-/// contentChunk(), then requestFinished() without content | | multipart/x-mixed-replace             |
-/// multipartReplaceContent() for each part, until shutdown() or the connection's end | as above |
+/// - An answer with a length: requestFinished() with the content; with the stream flag contentChunk(), whose
+///   last one ends it.
+/// - Chunked, or until the connection's end: the same; with the stream flag contentChunk(), then
+///   requestFinished() without content.
+/// - multipart/x-mixed-replace: multipartReplaceContent() for each part, until shutdown() or the connection's
+///   end; with the stream flag as above.
 ///
 /// Threads: owned by the thread that made it, which needs an event loop; the library must be initialised for
 /// host names. Content pointers hold during the emission only.
@@ -75,6 +75,8 @@ public:
 
     QHostAddress lastLocalAddress() const;
     QHostAddress lastPeerAddress() const;
+    /// Why error() was last emitted, in words.
+    QString errorString() const;
 
 signals:
     /// Not for a 401.
@@ -98,10 +100,6 @@ private slots:
 
 private:
     class Private;
-
-    HttpRequestHeader makeHeader(const char* method, const QString& path) const;
-    int send(const HttpRequestHeader& header, const QByteArray& content, const QString& user,
-        const QString& password);
 
     bool m_bKeepAlive;
     std::unique_ptr<Private> d;

@@ -31,13 +31,6 @@ QString HttpRequestEngine::hostField() const
     return m_nPort == 80 ? m_host : m_host + QLatin1Char(':') + QString::number(m_nPort);
 }
 
-SharedPoolBuffer HttpRequestEngine::bodyBuffer(const QByteArray& content)
-{
-    SharedPoolBuffer buffer = m_pPool->getBuffer();
-    buffer.setData(content.constData(), content.size());
-    return buffer;
-}
-
 // --- the queue -----------------------------------------------------------------------------------------
 
 int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
@@ -55,8 +48,7 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
     if (request.bOwnAuthorization)
         m_authenticator.reset();
     else if (!user.isEmpty() && !password.isEmpty())
-        request.header.setValue(
-            HttpCredentials::field(), QString::fromLatin1(HttpCredentials::basic(user, password)));
+        setAuthorization(request.header, HttpCredentials::basic(user, password));
     request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
         && request.body.isEmpty();
     request.bUpload = request.bUploadChunked
@@ -66,6 +58,30 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
     m_requests.push_back(std::move(request));
     triggerNextRequest();
     return id;
+}
+
+int HttpRequestEngine::request(
+    const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password)
+{
+    SharedPoolBuffer body;
+    if (!content.isEmpty()) {
+        body = m_pPool->getBuffer();
+        body.setData(content.constData(), content.size());
+    }
+    return request(header, false, &body, user, password, 0);
+}
+
+// A Connection value with a line end of its own ends the head: what stands behind it is lost.
+void HttpRequestEngine::setAuthorization(HttpRequestHeader& header, const QByteArray& value)
+{
+    const QString connection = QStringLiteral("Connection");
+    const QString ending = header.value(connection);
+    const bool bEndsHead = ending.endsWith(QLatin1Char('\n'));
+    if (bEndsHead)
+        header.removeValue(connection);
+    header.setValue(HttpCredentials::field(), QString::fromLatin1(value));
+    if (bEndsHead)
+        header.addValue(connection, ending);
 }
 
 void HttpRequestEngine::discardNonePendingRequest(int id)
@@ -134,7 +150,7 @@ void HttpRequestEngine::updateAuthorization(Request& request)
             static_cast<const char*>(request.body.getBuffer()), request.body.getBufferSize());
         const QByteArray value = m_authenticator.nextDigestMd5Response(header.method().toLatin1(),
             header.path().toLatin1(), request.user.toLatin1(), request.password.toLatin1(), body);
-        request.header.setValue(HttpCredentials::field(), QString::fromLatin1(value));
+        setAuthorization(request.header, value);
         NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;updated \"Authorization\":%s",
             request.nId, value.constData());
     } else if (header.hasKey(HttpCredentials::field())) {
@@ -216,13 +232,13 @@ void HttpRequestEngine::connected()
     triggerNextRequest();
 }
 
-void HttpRequestEngine::socketError(int code)
+void HttpRequestEngine::socketError(int code, const QString& problem)
 {
     if (m_state == eDisconnected)
         return;
     NUVIKA_DEBUG(lcHttp, "%s::slotSockError: code:%d", m_traceName, code);
     const Watched::Watch watch = m_watched.watch();
-    m_listener.socketError(code);
+    m_listener.socketError(code, problem);
     if (!watch.holds())
         return;
     m_transport.close(); // out of the error state; its own end is not announced again

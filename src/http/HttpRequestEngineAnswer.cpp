@@ -106,7 +106,7 @@ bool HttpRequestEngine::handle(HttpMessageReader::Event event)
     case HttpMessageReader::Event::End:
         return handleEnd();
     case HttpMessageReader::Event::Failed:
-        return failFront(true, ErrorCodes::kConnectionAborted);
+        return failFront(true);
     case HttpMessageReader::Event::NeedMore:
         break;
     }
@@ -120,7 +120,7 @@ bool HttpRequestEngine::handleHead()
     if (!m_responseHeader.isValid()) {
         NUVIKA_DEBUG(
             lcHttp, "%s::slotSockDataReceived: received invalid header; id:%d", m_traceName, front.nId);
-        return failFront(m_bCloseAfterResponse, ErrorCodes::kConnectionAborted);
+        return failFront(m_bCloseAfterResponse);
     }
     const int status = m_responseHeader.statusCode();
     if (status >= 100 && status < 200) { // the real head follows
@@ -137,7 +137,7 @@ bool HttpRequestEngine::handleHead()
     }
     m_reader.setBody(body);
     if (body.bInvalid)
-        return failFront(true, ErrorCodes::kConnectionAborted);
+        return failFront(true);
     m_state = body.kind == HttpBody::Chunked ? eWaitingChunk
         : body.bMultipart                    ? eWaitingMultipart
                                              : eWaitingContent;
@@ -167,7 +167,7 @@ HttpBody HttpRequestEngine::bodyOf(const Request& request)
 bool HttpRequestEngine::collect(const char* data, int size)
 {
     if (m_nContent + static_cast<std::size_t>(size) > static_cast<std::size_t>(m_limits.nContent))
-        return failFront(true, ErrorCodes::kConnectionAborted);
+        return failFront(true);
     if (m_nContent == 0 && size == m_nExpectedContentLength) {
         m_pWholeContent = data; // all of it, in place
         m_nContent = static_cast<std::size_t>(size);
@@ -259,7 +259,7 @@ bool HttpRequestEngine::finishFront(const char* content, int size)
     return watch.holds();
 }
 
-bool HttpRequestEngine::failFront(bool bClose, int nCode)
+bool HttpRequestEngine::failFront(bool bClose)
 {
     const int id = m_requests.front().nId;
     m_requests.pop_front();
@@ -269,7 +269,8 @@ bool HttpRequestEngine::failFront(bool bClose, int nCode)
     m_state = bClose ? eDisconnected : eConnected;
     m_bParsing = false;
     const Watched::Watch watch = m_watched.watch();
-    m_listener.socketError(nCode);
+    m_listener.socketError(
+        ErrorCodes::kConnectionAborted, QStringLiteral("the answer is no HTTP, or too large"));
     if (!watch.holds())
         return false;
     m_listener.failed(id);
@@ -313,6 +314,6 @@ void HttpRequestEngine::prepareRetry()
     if (value.isEmpty() && !front.user.isEmpty() && !front.password.isEmpty())
         value = HttpCredentials::basic(front.user, front.password);
     if (!value.isEmpty())
-        front.header.setValue(HttpCredentials::field(), QString::fromLatin1(value));
+        setAuthorization(front.header, value);
     front.bAuthorizationReady = true;
 }

@@ -12,9 +12,9 @@
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 
 #include "core/PoolOwner_p.h"
+#include "core/Watched_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpTransport_p.h"
-#include "core/Watched_p.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
@@ -34,7 +34,7 @@ public:
     virtual void part(int id, const HttpResponseHeader& header, const char* type, const char* data, int size)
         = 0;
     virtual void chunk(int id, const HttpResponseHeader& header, const char* data, int size) = 0;
-    virtual void socketError(int code) = 0;
+    virtual void socketError(int code, const QString& problem) = 0;
     virtual void uploadEnded() = 0;
 
 protected:
@@ -50,6 +50,8 @@ public:
     enum Authorization { eOwnAuthorization = 1 }; // the mode of request() that leaves "Authorization" alone
     int request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
         const QString& user, const QString& password, int nAuthMode);
+    int request(const HttpRequestHeader& header, const QByteArray& content, const QString& user,
+        const QString& password);
     bool sendUploadContentChunk(int id, const char* data, int size, bool bLast);
     void sendEndOfUploadContent();
     int numOfPendingRequests() const { return static_cast<int>(m_requests.size()); }
@@ -63,7 +65,6 @@ public:
         m_reader.setLimits(limits);
     }
     QString hostField() const;
-    SharedPoolBuffer bodyBuffer(const QByteArray& content);
     QHostAddress lastLocalAddress() const { return m_lastLocalAddress; }
     QHostAddress lastPeerAddress() const { return m_lastPeerAddress; }
 
@@ -71,7 +72,7 @@ public:
     void connected();
     void dataReceived(const char* data, int size);
     void disconnected();
-    void socketError(int code);
+    void socketError(int code, const QString& problem); // `problem`: in words
 
 private:
     enum State {
@@ -103,6 +104,7 @@ private:
     };
 
     void triggerNextRequest();
+    static void setAuthorization(HttpRequestHeader& header, const QByteArray& value);
     void updateAuthorization(Request& request);
     void writeRequest(Request& request);
     void clearReceiveState();
@@ -117,7 +119,7 @@ private:
     bool deliverContent();
     bool willRetry401() const;
     void prepareRetry();
-    bool failFront(bool bClose, int nCode);
+    bool failFront(bool bClose);
     bool finishFront(const char* content, int size);
     void endExchange();
     bool isExchanging() const { return m_state >= eWaitingHeader && m_state <= eWaitingChunk; }

@@ -1,22 +1,24 @@
-// Private: an HTTP transport over a queued TCP socket.
+// Private: an HTTP transport over a socket that queues, plain or TLS.
 #pragma once
 
+#include <KepNuvikaUtil/NuvikaSslSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "http/HttpTransport_p.h"
 
 namespace Nuvika
 {
-class QueuedTransport final : public HttpTransport
+template <class Socket>
+class SocketTransport : public HttpTransport
 {
 public:
-    explicit QueuedTransport(NuvikaTcpSocketQueued& socket) : m_socket(socket) { }
+    explicit SocketTransport(Socket& socket) : m_socket(socket) { }
     void connectToHost(const QString& host, unsigned short port) override
     {
         m_socket.connectToHost(host, port);
     }
     bool sendData(const char* data, int size) override { return m_socket.sendData(data, size); }
-    void sendEndOfData() override { m_socket.finishSending(); }
+    void sendEndOfData() override { endSending(m_socket); }
     void close() override { m_socket.close(); }
     void stallRecv() override { m_socket.stallRecv(); }
     void resumeRecv() override { m_socket.resumeRecv(); }
@@ -25,6 +27,9 @@ public:
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
 
 private:
-    NuvikaTcpSocketQueued& m_socket;
+    static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }
+    static void endSending(NuvikaSslSocket& socket) { socket.sendEndOfData(); }
+
+    Socket& m_socket;
 };
 } // namespace Nuvika
