@@ -15,29 +15,42 @@ constexpr int kLongestPauseMs = 30000;
 constexpr int kSilenceMs = 10000;
 constexpr int kSnapshotIntervalMs = 500;
 constexpr int kHostNotFound = 11001;
+constexpr int kVerificationRefused = 10013;
+constexpr int kConnectionAborted = 10053;
 constexpr int kGapMs = 2000; // between two recorded periods
 constexpr std::size_t kMostPeriods = 1000;
 } // namespace
 
 CameraStream::CameraStream(const QString& name, const Target& target)
-    : m_name(name), m_target(target), m_client(target.host, target.port, true)
+    : m_name(name), m_target(target), m_client(target.makeClient(true))
 {
     m_retry.setSingleShot(true);
     connect(&m_retry, &QTimer::timeout, this, &CameraStream::request);
-    connect(&m_client, &HttpClient::multipartReplaceContent, this,
+    connect(m_client.get(), &HttpsClient::multipartReplaceContent, this,
         [this](int, const HttpResponseHeader&, const char*, const char* data, int size, Marker) {
             takePicture(data, size);
         });
-    connect(&m_client, &HttpClient::requestFinished, this,
+    connect(m_client.get(), &HttpsClient::requestFinished, this,
         [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
             takeAnswer(header.statusCode(), header.contentType().toLatin1(), data, size);
         });
-    connect(&m_client, &HttpClient::error, this, [this](int code) { m_nError = code; });
-    connect(&m_client, &HttpClient::requestFailed, this, [this] {
-        interrupted(m_nError == kHostNotFound ? QStringLiteral("host not found")
-                : m_nError != 0               ? SocketError::format(m_nError).toLower()
-                                              : QStringLiteral("connection lost"));
-    });
+    connect(m_client.get(), &HttpsClient::error, this, [this](int code) { m_nError = code; });
+    connect(m_client.get(), &HttpsClient::requestFailed, this, [this] { interrupted(whyFailed()); });
+}
+
+QString CameraStream::whyFailed() const
+{
+    switch (m_nError) {
+    case 0:
+        return QStringLiteral("connection lost");
+    case kHostNotFound:
+        return QStringLiteral("host not found");
+    case kVerificationRefused:
+    case kConnectionAborted:
+        return m_client->errorString();
+    default:
+        return SocketError::format(m_nError).toLower();
+    }
 }
 
 void CameraStream::start() { request(); }
@@ -50,7 +63,7 @@ void CameraStream::request()
     header.addValue(
         QStringLiteral("Host"), QStringLiteral("%1:%2").arg(m_target.host, QString::number(m_target.port)));
     constexpr int kOnlyWhenAsked = 1; // no password before a challenge
-    m_client.request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
+    m_client->request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
 }
 
 void CameraStream::takePicture(const char* data, int size)
@@ -111,7 +124,7 @@ void CameraStream::tick()
         m_history.erase(m_history.begin());
     m_sample = {0, 0};
     if (!m_retry.isActive() && m_silence.elapsed() > kSilenceMs) {
-        m_client.shutdown();
+        m_client->shutdown();
         interrupted(QStringLiteral("silent for %1 seconds").arg(kSilenceMs / 1000));
     }
 }

@@ -1,9 +1,9 @@
-// One camera of the recorder: fetches its pictures by HTTP, for ever, with growing pauses between attempts.
+// One camera of the recorder: fetches its pictures by HTTP, plain or over TLS, for ever, with growing pauses
+// between attempts.
 #pragma once
 
 #include "Target.h"
 
-#include <KepNuvikaUtil/HttpClient.h>
 #include <KepNuvikaUtil/NTPRange.h>
 
 #include <QtCore/QElapsedTimer>
@@ -51,11 +51,12 @@ private:
     void takePicture(const char* data, int size);
     void takeAnswer(int status, const QByteArray& type, const char* data, int size);
     void extendRecording();
+    QString whyFailed() const;
     void interrupted(const QString& why);
 
     QString m_name;
     Target m_target;
-    HttpClient m_client;
+    std::unique_ptr<HttpsClient> m_client;
     QString m_state = QStringLiteral("connecting");
     bool m_bReceiving = false;
     int m_nError = 0;

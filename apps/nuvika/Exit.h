@@ -10,6 +10,9 @@ constexpr int kNoHost = 6;
 constexpr int kNoConnection = 7;
 constexpr int kHttpError = 22;
 constexpr int kFile = 26;
+constexpr int kTimeout = 28;
+constexpr int kTls = 35;
 constexpr int kLost = 56;
+constexpr int kCertificate = 60;
 constexpr int kLoginDenied = 67;
 } // namespace Exit

@@ -15,7 +15,7 @@
 
 namespace
 {
-constexpr char kUsage[] = R"(nuvika: cameras over HTTP and RTP, by KepNuvikaUtil
+constexpr char kUsage[] = R"(nuvika: cameras over HTTP(S) and RTP, by KepNuvikaUtil
 
   nuvika demo [--cameras N] [--loss PERCENT] ...       simulated cameras, a recorder and its page
   nuvika watch URL... [--config FILE] [--save DIR]     the same recorder on real cameras
@@ -25,6 +25,7 @@ constexpr char kUsage[] = R"(nuvika: cameras over HTTP and RTP, by KepNuvikaUtil
   nuvika rtp FILE.sdp [--seconds S]                    receives the RTP streams of a description
   nuvika sdp FILE                                      shows a description as it is understood
   nuvika get URL [-i] [--post FILE] [--put FILE]       one request to standard output
+  (https: --ca FILE, --cert FILE, --insecure)
 
 nuvika COMMAND --help tells more. NUVIKA_LOG=1 in the environment shows the library's log.
 )";

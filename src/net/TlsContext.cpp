@@ -20,6 +20,7 @@ using namespace Nuvika;
 namespace
 {
 constexpr std::size_t kMostSessions = 1000; // of one context
+constexpr std::size_t kMostContexts = 64; // that no socket uses
 constexpr long kSessionSeconds = 7200;
 constexpr long kServerSessions = 1024;
 
@@ -213,13 +214,14 @@ std::shared_ptr<TlsContext> TlsLibrary::context(const TlsConfig& config, QString
 {
     const QByteArray digest = digestOf(config);
     const std::lock_guard<std::mutex> lock(m_mutex);
-    std::shared_ptr<TlsContext> context = m_contexts[digest].lock();
-    if (!context) {
-        for (auto at = m_contexts.begin(); at != m_contexts.end();)
-            at = at->second.expired() ? m_contexts.erase(at) : std::next(at);
-        context = TlsContext::create(config, problem);
-        if (context)
-            m_contexts[digest] = context;
-    }
+    const auto found = m_contexts.find(digest);
+    if (found != m_contexts.end())
+        return found->second;
+    std::shared_ptr<TlsContext> context = TlsContext::create(config, problem);
+    if (!context)
+        return nullptr;
+    for (auto at = m_contexts.begin(); m_contexts.size() >= kMostContexts && at != m_contexts.end();)
+        at = at->second.use_count() == 1 ? m_contexts.erase(at) : std::next(at);
+    m_contexts[digest] = context;
     return context;
 }

@@ -60,8 +60,8 @@ private:
     std::map<std::string, TlsSessionTicket> m_sessions;
 };
 
-// What is set up once for the process, on first use, and given up when no socket holds it any more: the
-// contexts in use. OpenSSL itself is never cleaned up, our host may use it too.
+// What is set up once for the process, on first use, and given up when no socket is left: the contexts.
+// OpenSSL itself is never cleaned up, our host may use it too.
 class TlsLibrary
 {
 public:
@@ -70,6 +70,6 @@ public:
 
 private:
     std::mutex m_mutex;
-    std::map<QByteArray, std::weak_ptr<TlsContext>> m_contexts; // by a digest of all that they depend on
+    std::map<QByteArray, std::shared_ptr<TlsContext>> m_contexts; // by a digest of all that they depend on
 };
 } // namespace Nuvika

@@ -23,6 +23,9 @@ LoadModule auth_digest_module {modules}/mod_auth_digest.so
 LoadModule mime_module {modules}/mod_mime.so
 LoadModule filter_module {modules}/mod_filter.so
 LoadModule include_module {modules}/mod_include.so
+LoadModule alias_module {modules}/mod_alias.so
+LoadModule cgid_module {modules}/mod_cgid.so
+ScriptSock {folder}/cgi.sock
 User www-data
 Group www-data
 TypesConfig /etc/mime.types
@@ -34,6 +37,11 @@ AddType text/html .shtml
 AddOutputFilter INCLUDES .shtml
 <Directory "{folder}/www">
   Options +Includes
+  Require all granted
+</Directory>
+ScriptAlias /basic/form {folder}/cgi/form
+ScriptAlias /digest/form {folder}/cgi/form
+<Directory "{folder}/cgi">
   Require all granted
 </Directory>
 <Location /basic>
@@ -51,6 +59,18 @@ AddOutputFilter INCLUDES .shtml
 """
 
 
+# Says what it has understood of a form.
+FORM = """#!/usr/bin/python3
+import email, os, sys
+head = "Content-Type: " + os.environ["CONTENT_TYPE"] + "\\r\\n\\r\\n"
+body = sys.stdin.buffer.read(int(os.environ["CONTENT_LENGTH"]))
+part, = email.message_from_bytes(head.encode() + body).get_payload()
+content = part.get_payload(decode=True)
+print("Content-Type: text/plain\\n")
+print(part["Content-Disposition"], part["Content-Type"], len(content), set(content) == {ord("x")})
+"""
+
+
 class Apache(WebServerCases, PeerTest):
     def setUp(self):
         super().setUp()
@@ -60,6 +80,7 @@ class Apache(WebServerCases, PeerTest):
         self.write("digest.users", f"us@er:digest cameras:{ha1}\n")
         subprocess.run(["htpasswd", "-cb", os.path.join(self.folder, "basic.users"), "us@er", "se:cret"],
                        check=True, capture_output=True)
+        os.chmod(self.write("cgi/form", FORM), 0o755)
         self.write("httpd.conf", CONFIG.format(folder=self.folder, port=self.port, modules="/usr/lib/apache2/modules"))
         server = process(["apache2", "-d", self.folder, "-f", os.path.join(self.folder, "httpd.conf"), "-D", "FOREGROUND"])
         server.__enter__()
@@ -73,6 +94,14 @@ class Apache(WebServerCases, PeerTest):
         pictures, interruptions, code, text = watch([self.url("/digest/picture.jpg", "us%40er:se%3Acret@")], 4)
         self.assertGreaterEqual(pictures, 5, text)
         self.assertEqual((interruptions, code), (0, 0), text)
+
+    def test_form_upload_with_basic_and_digest(self):
+        body = self.write("body.bin", "x" * 50000)
+        for path in ("/basic/form", "/digest/form"):
+            result = tool("get", self.url(path, "us%40er:se%3Acret@"), "--form", body, "--type", "image/jpeg")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertEqual(result.stdout.decode(),
+                             'form-data; name="file"; filename="body.bin" image/jpeg 50000 True\n')
 
     def test_post_and_put_from_a_file(self):
         body = self.write("body.txt", "x" * 50000)

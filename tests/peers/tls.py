@@ -1,0 +1,281 @@
+"""TLS with other implementations at both ends: nginx, openssl's programs, Python's ssl, curl."""
+import contextlib
+import os
+import socket
+import ssl
+import struct
+import subprocess
+import sys
+import threading
+import unittest
+
+from peers import PICTURE, PeerTest, free_port, process, tool, wait_for_port, watch
+
+OUR_SERVER = sys.argv.pop(1) if len(sys.argv) > 1 else "tls_server"
+
+NGINX = """
+daemon off;
+user root;
+pid {folder}/nginx.pid;
+error_log {folder}/error.log;
+events {{ worker_connections 256; }}
+http {{
+  access_log off;
+  client_body_temp_path {folder}/body;
+  proxy_temp_path {folder}/proxy;
+  fastcgi_temp_path {folder}/fastcgi;
+  uwsgi_temp_path {folder}/uwsgi;
+  scgi_temp_path {folder}/scgi;
+  types {{ image/jpeg jpg; text/plain txt; }}
+  root {folder}/www;
+  keepalive_requests 3;
+  ssl_certificate {folder}/cam.pem;
+  ssl_certificate_key {folder}/cam.pem;
+  server {{ listen 127.0.0.1:{ports[0]} ssl; ssl_protocols TLSv1.2; }}
+  server {{ listen 127.0.0.1:{ports[1]} ssl; ssl_protocols TLSv1.3; }}
+  server {{
+    listen 127.0.0.1:{ports[2]} ssl;
+    ssl_client_certificate {folder}/ca.pem;
+    ssl_verify_client on;
+  }}
+}}
+"""
+
+AUTHORITY = """
+[ca]
+default_ca = authority
+[authority]
+database = {folder}/index
+new_certs_dir = {folder}
+default_md = sha256
+policy = any
+copy_extensions = copy
+rand_serial = yes
+[any]
+commonName = supplied
+"""
+
+
+def openssl(*arguments):
+    subprocess.run(["openssl", *arguments], check=True, capture_output=True)
+
+
+class Tls(PeerTest):
+    def setUp(self):
+        super().setUp()
+        self.write("www/hello.txt", "hello\n")
+        self.write("www/large.txt", "x" * 20000000)
+        self.write("www/picture.jpg", PICTURE)
+        self.write("index", "")
+        self.config = self.write("authority.cnf", AUTHORITY.format(folder=self.folder))
+        self.authority("ca")
+        self.cam = self.certificate("cam", "DNS:localhost,IP:127.0.0.1")
+        self.ca = self.path("ca.pem")
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def authority(self, name):
+        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+                self.path(name + ".key"), "-out", self.path(name + ".pem"), "-days", "10", "-subj", "/CN=authority " + name)
+
+    def certificate(self, name, hosts, ca="ca", dates=()):
+        key, request, signed = (self.path(name + end) for end in (".key", ".csr", ".crt"))
+        openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", key, "-out", request,
+                "-subj", "/CN=" + name, "-addext", "subjectAltName=" + hosts)
+        openssl("ca", "-batch", "-config", self.config, "-cert", self.path(ca + ".pem"), "-keyfile", self.path(ca + ".key"),
+                "-in", request, "-out", signed, "-notext", *(dates or ("-days", "5")))
+        with open(signed) as first, open(key) as second:
+            return self.write(name + ".pem", first.read() + second.read())
+
+    def nginx(self):
+        ports = [free_port() for _ in range(3)]
+        config = self.write("nginx.conf", NGINX.format(folder=self.folder, ports=ports))
+        server = process(["nginx", "-p", self.folder, "-c", config, "-e", self.path("error.log")])
+        server.__enter__()
+        self.addCleanup(server.__exit__, None, None, None)
+        wait_for_port(ports[0])
+        return ports
+
+    @contextlib.contextmanager
+    def s_server(self, certificate, *arguments, **options):
+        port = free_port()
+        with process(["openssl", "s_server", "-accept", f"127.0.0.1:{port}", "-cert", certificate, "-key", certificate,
+                      *arguments], **options) as child:
+            wait_for_port(port)
+            yield port, child
+
+    @contextlib.contextmanager
+    def python_server(self, serve):
+        """Each connection goes to serve(tls, raw) once its request has been read."""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.cam)
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            def accept():
+                with contextlib.suppress(OSError):
+                    while True:
+                        raw, _ = listener.accept()
+                        tls = context.wrap_socket(raw, server_side=True)
+                        tls.recv(65536)
+                        serve(tls)
+            thread = threading.Thread(target=accept, daemon=True)
+            thread.start()
+            yield listener.getsockname()[1]
+            listener.shutdown(socket.SHUT_RDWR)
+        thread.join(10)
+
+    def get(self, port, *arguments, host="127.0.0.1", path="/hello.txt", seconds=60):
+        return tool("get", f"https://{host}:{port}{path}", *arguments, seconds=seconds)
+
+    def await_line(self, child, part):
+        while part not in (line := child.stdout.readline()):
+            self.assertTrue(line, "ended early")
+
+    def check_refusal(self, result, code, *words):
+        text = result.stderr.decode()
+        self.assertEqual(result.returncode, code, text)
+        self.assertEqual(text.count("\n"), 1, "one sentence: " + text)
+        for word in words:
+            self.assertIn(word, text)
+        self.assertEqual(result.stdout, b"")
+
+    def test_nginx_of_each_protocol(self):
+        ports = self.nginx()
+        for port in ports[:2]:
+            for host in ("127.0.0.1", "localhost"):
+                result = self.get(port, "--ca", self.ca, host=host)
+                self.assertEqual((result.returncode, result.stdout), (0, b"hello\n"), result.stderr)
+            result = self.get(port, "--ca", self.ca, path="/large.txt")
+            self.assertEqual((result.returncode, len(result.stdout)), (0, 20000000), result.stderr)
+        self.check_refusal(self.get(ports[0]), 60, "was issued by CN=authority ca, which is not trusted")
+        self.assertEqual(self.get(ports[0], "--insecure").stdout, b"hello\n")
+        result = self.get(ports[2], "--ca", self.ca)
+        self.assertEqual(result.returncode, 22, "nginx answers 400 when our certificate is missing")
+        client = self.certificate("recorder", "DNS:recorder")
+        result = self.get(ports[2], "--ca", self.ca, "--cert", client)
+        self.assertEqual((result.returncode, result.stdout), (0, b"hello\n"), result.stderr)
+
+    def test_watch(self):
+        ports = self.nginx()
+        pictures, interruptions, code, text = watch([f"https://localhost:{ports[1]}/picture.jpg"], 4, "--ca", self.ca)
+        self.assertGreaterEqual(pictures, 5, text)
+        self.assertEqual((interruptions, code), (0, 0), text)
+        _, _, code, text = watch([f"https://localhost:{ports[1]}/picture.jpg"], 2)
+        self.assertIn("not trusted", text)
+        self.assertEqual(code, 1)
+
+    def test_certificates_that_are_refused(self):
+        self.authority("stranger")
+        expired = self.certificate("old", "IP:127.0.0.1", dates=("-startdate", "20200101000000Z", "-enddate", "20210203000000Z"))
+        other = self.certificate("other", "DNS:other.example")
+        unknown = self.certificate("unknown", "IP:127.0.0.1", ca="stranger")
+        openssl("x509", "-req", "-in", self.path("cam.csr"), "-signkey", self.path("cam.key"), "-days", "5", "-out", self.path("self.crt"))
+        with open(self.path("self.crt")) as first, open(self.path("cam.key")) as second:
+            own = self.write("self.pem", first.read() + second.read())
+        for certificate, words in ((expired, "expired on 2021-02-03 00:00 UTC"), (other, "another host: other.example"),
+                                   (unknown, "issued by CN=authority stranger, which is not trusted"), (own, "is self-signed")):
+            for protocol in ("-tls1_2", "-tls1_3"):
+                with self.s_server(certificate, protocol, "-www") as (port, _):
+                    self.check_refusal(self.get(port, "--ca", self.ca), 60, "the certificate of 127.0.0.1", words)
+                    self.assertEqual(self.get(port, "--insecure", path="/").returncode, 0)
+
+    def test_a_client_certificate_is_required(self):
+        for protocol in ("-tls1_2", "-tls1_3"):
+            with self.s_server(self.cam, protocol, "-www", "-Verify", "1", "-verify_return_error", "-CAfile", self.ca) as (port, _):
+                result = self.get(port, "--ca", self.ca, path="/")
+                self.assertIn(result.returncode, (35, 60))
+                self.assertIn("a certificate of ours", result.stderr.decode())
+                client = self.certificate("client" + protocol, "DNS:recorder")
+                self.assertEqual(self.get(port, "--ca", self.ca, "--cert", client, path="/").returncode, 0)
+
+    def test_no_common_protocol_and_no_tls(self):
+        with self.s_server(self.cam, "-tls1_1", "-cipher", "DEFAULT:@SECLEVEL=0", "-www") as (port, _):
+            self.check_refusal(self.get(port, "--ca", self.ca), 35, "none of the TLS versions")
+        with process([sys.executable, "-m", "http.server", "--bind", "127.0.0.1", str(port := free_port())]):
+            wait_for_port(port)
+            self.check_refusal(self.get(port, "--ca", self.ca), 35, "does not speak TLS on this port")
+
+    def test_a_server_that_renegotiates(self):
+        with self.s_server(self.cam, "-tls1_2", "-crlf", stdin=subprocess.PIPE, stdout=subprocess.PIPE) as (port, server):
+            bound = threading.Timer(60, server.kill)
+            bound.start()
+            result = {}
+            thread = threading.Thread(target=lambda: result.update(done=self.get(port, "--ca", self.ca)))
+            thread.start()
+            self.await_line(server, b"GET /hello.txt")
+            for line, answer in ((b"r\n", b"SSL_do_handshake"), (b"HTTP/1.0 200 OK\nContent-Length: 10\n\nafter it\n", None)):
+                server.stdin.write(line)
+                server.stdin.flush()
+                if answer:
+                    self.await_line(server, answer)
+            thread.join(60)
+            bound.cancel()
+        self.assertEqual((result["done"].returncode, result["done"].stdout), (0, b"after it\r\n"), result["done"].stderr)
+
+    def test_a_body_that_breaks_off(self):
+        def reset(tls):
+            tls.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\npart")
+            tls.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            os.close(tls.detach())
+
+        def vanish(tls):  # no close_notify
+            tls.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\npart")
+            os.close(tls.detach())
+
+        def until_end(tls):
+            tls.sendall(b"HTTP/1.1 200 OK\r\n\r\nuntil the end")
+            os.close(tls.detach())
+
+        for serve in (reset, vanish):
+            with self.python_server(serve) as port:
+                result = self.get(port, "--ca", self.ca)
+                self.assertIn(result.returncode, (7, 56), result.stderr)
+        with self.python_server(until_end) as port:
+            result = self.get(port, "--ca", self.ca)
+            self.assertEqual((result.returncode, result.stdout), (0, b"until the end"), result.stderr)
+
+    def test_a_server_that_stalls_in_the_handshake(self):
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            result = self.get(listener.getsockname()[1], "--ca", self.ca, seconds=90)
+        self.check_refusal(result, 28, "did not finish the TLS handshake within 10 seconds")
+
+    def check_resumption(self, port, session):
+        for store, words in (("-sess_out", b"New, TLSv1.2"), ("-sess_in", b"Reused, TLSv1.2")):
+            out = subprocess.run(["openssl", "s_client", "-connect", f"localhost:{port}", "-CAfile", self.ca, "-tls1_2",
+                                  "-verify_return_error", store, session], stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
+            self.assertEqual(out.returncode, 0, out.stderr)
+            self.assertIn(words, out.stdout)
+
+    def test_our_server_with_curl_and_openssl(self):
+        client = self.certificate("recorder", "DNS:recorder")
+        with process([OUR_SERVER, self.cam], stdout=subprocess.PIPE, text=True) as server:
+            port = server.stdout.readline().strip()
+            url = f"https://localhost:{port}"
+            for protocol in ("--tlsv1.2", "--tlsv1.3"):
+                curl = ["curl", "-sS", "--cacert", self.ca, protocol, "--tls-max", protocol[-3:]]
+                out = subprocess.run(curl + [url + "/", url + "/"], capture_output=True, timeout=30)
+                self.assertEqual((out.returncode, out.stdout), (0, b"xxxxxxxxxx"), out.stderr)
+                self.assertEqual(server.stdout.readline(), f"connected TLSv{protocol[-3:]}\n")
+                self.assertEqual(server.stdout.readline(), "disconnected 0\n")
+            out = subprocess.run(curl + [url + "/large"], capture_output=True, timeout=60)
+            self.assertEqual(len(out.stdout), 20000000, out.stderr)
+            self.assertEqual([server.stdout.readline() for _ in range(2)], ["connected TLSv1.3\n", "disconnected 0\n"])
+            session = self.path("session")
+            context = ssl.create_default_context(cafile=self.ca)
+            with context.wrap_socket(socket.create_connection(("127.0.0.1", int(port))), server_hostname="localhost"):
+                self.check_resumption(port, session)
+        with process([OUR_SERVER, self.cam, self.ca], stdout=subprocess.PIPE, text=True) as server:
+            port = server.stdout.readline().strip()
+            curl = ["curl", "-sS", "--cacert", self.ca, f"https://localhost:{port}/"]
+            out = subprocess.run(curl, capture_output=True, timeout=30)
+            self.assertNotEqual(out.returncode, 0)
+            self.assertEqual(server.stdout.readline(), "error the peer has sent no certificate\n")
+            out = subprocess.run(curl + ["--cert", client], capture_output=True, timeout=30)
+            self.assertEqual(out.stdout, b"xxxxx", out.stderr)
+            with socket.create_connection(("127.0.0.1", int(port))) as plain:
+                plain.sendall(b"GET / HTTP/1.0\r\n\r\n")
+                self.assertEqual([server.stdout.readline() for _ in range(3)][2], "error the peer does not speak TLS on this port\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
