@@ -64,6 +64,8 @@ private:
     double m_cpu = 0;
 };
 
+inline Stopwatch watch;
+
 inline sockaddr_in loopback(unsigned short port)
 {
     sockaddr_in address{};

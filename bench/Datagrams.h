@@ -34,8 +34,6 @@ private:
     double m_seconds = 0;
 };
 
-inline Stopwatch watch;
-
 struct Packets {
     std::array<std::array<char, kDatagramSize>, kBatchSize> bytes{};
 };

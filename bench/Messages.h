@@ -9,8 +9,6 @@ constexpr int kMessageSize = 100;
 constexpr int kFrameHead = 8;
 constexpr int kFrameSize = kFrameHead + kMessageSize;
 
-inline Stopwatch watch;
-
 inline unsigned int bigEndian(const char* bytes)
 {
     unsigned int value = 0;

@@ -1,10 +1,13 @@
 // The other end of every row, by plain system calls and always the same.
-//   far source|sink|framesink BYTES [medium] | frames|eframes COUNT | echo | http   listens, prints its port,
-//   serves until it is ended far load/one PORT ROUNDS CONNECTIONS           drives an echo server: all
-//   connections active, or one at a far datagrams PORT                             sends datagrams of 1200
-//   bytes as fast as it can far drain                                      prints a port, and reads what
-//   comes there time far connects PORT COUNT                        opens and ends connections
+//   far source|sink|framesink|tlssource|tlssink BYTES [medium]
+//   far frames|eframes COUNT
+//   far echo|http|tlsfull|tlsresumed          these listen, print their port, and serve until they are ended
+//   far load|one PORT ROUNDS CONNECTIONS      drives an echo server: all connections active, or one at a time
+//   far datagrams PORT                        sends datagrams of 1200 bytes as fast as it can
+//   far drain                                 prints a port, and reads what comes there
+//   far connects PORT COUNT                   opens and ends connections
 #include "EncryptedFrame.h"
+#include "Tls.h"
 
 #include <algorithm>
 #include <thread>
@@ -79,8 +82,34 @@ void serveHttp(int s)
     close(s);
 }
 
+void serveTls(const std::string& mode, int s, long long bytes)
+{
+    static SSL_CTX* const context = serverContext(mode != "tlsfull");
+    SSL* ssl = SSL_new(context);
+    SSL_set_fd(ssl, s);
+    std::vector<char> buffer(1 << 18, 'x');
+    if (SSL_accept(ssl) == 1) {
+        for (long long left = mode == "tlssource" || mode == "tlssink" ? bytes : 0; left > 0;) {
+            const int n = mode == "tlssource" ? SSL_write(ssl, buffer.data(), kBlock)
+                                              : SSL_read(ssl, buffer.data(), static_cast<int>(buffer.size()));
+            if (n <= 0)
+                break;
+            left -= n;
+        }
+        if (mode != "tlssource")
+            SSL_write(ssl, "k", 1);
+        while (SSL_read(ssl, buffer.data(), static_cast<int>(buffer.size())) > 0) { }
+    }
+    SSL_free(ssl);
+    close(s);
+}
+
 void serveOne(const std::string& mode, int s, long long bytes)
 {
+    if (mode.compare(0, 3, "tls") == 0) {
+        serveTls(mode, s, bytes);
+        return;
+    }
     std::vector<char> buffer(1 << 18);
     const std::string block(1 << 18, 'x');
     if (mode == "source") {

@@ -11,7 +11,6 @@ using asio::ip::tcp;
 
 namespace
 {
-Stopwatch watch;
 asio::io_context loop;
 long long left = 0;
 std::vector<char> buffer(1 << 16, 'x');

@@ -9,7 +9,6 @@ using namespace bench;
 
 namespace
 {
-Stopwatch watch;
 Arguments* args = nullptr;
 long long left = 0;
 int pinged = 0;

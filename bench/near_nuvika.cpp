@@ -14,7 +14,6 @@ using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 namespace
 {
-Stopwatch watch;
 
 NuvikaTcpSocket::LOAD_PROFILE profileOf(const Arguments& a)
 {

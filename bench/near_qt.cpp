@@ -13,7 +13,6 @@ using namespace bench;
 
 namespace
 {
-Stopwatch watch;
 void finish() { QCoreApplication::quit(); }
 
 void stream(const Arguments& a)

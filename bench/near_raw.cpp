@@ -11,7 +11,6 @@ using namespace bench;
 
 namespace
 {
-Stopwatch watch;
 constexpr std::size_t kBlock = 1 << 16;
 
 void receiveStream(const Arguments& a)

@@ -43,6 +43,10 @@ ROWS = [
     ("msg", "framed 108-byte messages received", "msgrecv", "frames", 5000000, 1, {"raw": "", "nuvika": "", "qt": ""}),
     ("msg", "framed 108-byte messages sent", "msgsend", "framesink", 5000000, 1, {"raw": "", "nuvika": "", "qt": ""}),
     ("msg", "the same encrypted, received", "msgrecvenc", "eframes", 2000000, 1, {"raw": "", "nuvika": ""}),
+    ("tls", "TLS stream received", "tlsrecv", "tlssource", 1000 * MB, 1, {"raw": "", "nuvika": "", "asio": "", "qt": ""}),
+    ("tls", "TLS stream sent", "tlssend", "tlssink", 1000 * MB, 1, {"raw": "", "nuvika": "", "asio": "", "qt": ""}),
+    ("tls", "full TLS handshakes", "tlshello", "tlsfull", 2000, 1, {"raw": "", "nuvika": "", "qt": ""}),
+    ("tls", "resumed TLS handshakes", "tlshello", "tlsresumed", 2000, 1, {"raw": "resumed", "nuvika": "resumed", "qt": "resumed"}),
     ("http", "HTTP GET of 200 bytes, one kept-alive connection", "http", "http", 30000, 1,
      {"raw": "small/200", "nuvika": "small/200", "curl": "small/200", "qt": "small/200"}),
     ("http", "the same with tracing on", "http", "http", 10000, 1, {"raw": "small/200", "nuvika": "small/200"}),
@@ -107,7 +111,7 @@ def run_once(row, name, scale):
 
 
 def near_program(row, name):
-    prefix = {"udp": "near_udp_", "msg": "near_msg_"}.get(row[0], "near_")
+    prefix = {"udp": "near_udp_", "msg": "near_msg_", "tls": "near_tls_"}.get(row[0], "near_")
     return program(prefix + name)
 
 
@@ -116,7 +120,7 @@ def middle(values):
 
 
 def shown(row, rate):
-    if row[2] in ("recv", "send"):
+    if row[2] in ("recv", "send", "tlsrecv", "tlssend"):
         return f"{rate / 1e6:.0f} MB/s"
     return f"{rate:.2f}/s" if rate < 100 else f"{rate:.0f}/s"
 
@@ -238,9 +242,9 @@ def main():
     repeats, scale = (1, 0.01) if options.brief else (options.n, 1.0)
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 65536), hard))
-    groups = options.groups or ["tcp", "udp", "msg", "http", "idle", "server", "micro"]
+    groups = options.groups or ["tcp", "udp", "msg", "tls", "http", "idle", "server", "micro"]
     for group in groups:
-        if group in ("tcp", "udp", "msg", "http"):
+        if group in ("tcp", "udp", "msg", "tls", "http"):
             run_rows(group, repeats, scale)
         elif group == "idle":
             idle_rows(repeats, scale)
@@ -249,7 +253,7 @@ def main():
         elif group == "micro":
             micro_rows(repeats, scale)
         else:
-            sys.exit(f"bench/run: no group {group}: tcp, udp, msg, http, idle, server, micro")
+            sys.exit(f"bench/run: no group {group}: tcp, udp, msg, tls, http, idle, server, micro")
 
 
 if __name__ == "__main__":

@@ -72,6 +72,8 @@ bool NuvikaSslSocket::sendData(const char* data, int size) { return d->send(data
 
 void NuvikaSslSocket::sendEndOfData() { d->sendEndOfData(); }
 
+bool NuvikaSslSocket::canSend() const { return d->canSend(); }
+
 void NuvikaSslSocket::stallRecv() { d->stall(); }
 
 void NuvikaSslSocket::resumeRecv() { d->resume(); }

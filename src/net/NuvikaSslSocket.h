@@ -88,6 +88,8 @@ public:
     bool sendData(const char* data, int size);
     /// Ends the sending direction, by close_notify and then TCP's end, once everything queued has left.
     void sendEndOfData();
+    /// Whether what is sent now waits for nothing; for senders of endless data, with sigCanSend().
+    bool canSend() const;
     /// As NuvikaTcpSocket's.
     void stallRecv();
     void resumeRecv();
@@ -114,6 +116,8 @@ signals:
     /// somebody on the path.
     void disconnected(unsigned long unannounced);
     void error(int errorCode);
+    /// canSend() is true again.
+    void sigCanSend();
 
 private:
     class Private;

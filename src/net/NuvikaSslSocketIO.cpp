@@ -54,6 +54,10 @@ NuvikaSslSocket::Private::Private(NuvikaSslSocket& owner, int nSendQueueHint)
         [this](const char* data, int size, Marker) { received(data, size); });
     connect(&m_socket, &NuvikaTcpSocketQueued::disconnected, &owner, [this] { tcpEnded(0); });
     connect(&m_socket, &NuvikaTcpSocketQueued::error, &owner, [this](int code) { tcpEnded(code); });
+    connect(&m_socket, &NuvikaTcpSocketQueued::sigCanSend, &owner, [this] {
+        if (canSend())
+            emit m_owner.sigCanSend();
+    });
     connect(&m_socket, &NuvikaTcpSocketQueued::sigAllSent, &owner, [this] {
         if (m_state == eClosing)
             closeCompleted();

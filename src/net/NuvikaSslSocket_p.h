@@ -24,6 +24,7 @@ public:
     void close();
     bool send(const char* data, int size);
     void sendEndOfData();
+    bool canSend() const { return m_state == eOpen && m_socket.canSend(); }
     void stall();
     void resume();
     bool hasPendingInput() const;

@@ -75,10 +75,16 @@ void NuvikaTcpSocketQueued::slotCanSend()
         finishSending();
     if (m_bTellAllSent && m_pQueue->isEmpty()) {
         m_bTellAllSent = false;
-        if (!m_pSocket->notifyWhenAllSent())
+        if (!m_pSocket->notifyWhenAllSent()) {
             emit sigAllSent();
+            return;
+        }
     }
+    if (canSend())
+        emit sigCanSend();
 }
+
+bool NuvikaTcpSocketQueued::canSend() const { return m_pQueue->isEmpty() && m_pSocket->canSend(); }
 
 bool NuvikaTcpSocketQueued::notifyWhenAllSent()
 {

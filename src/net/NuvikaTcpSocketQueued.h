@@ -51,6 +51,8 @@ public:
     bool hasPendingInput() const;
     /// Asks for one sigAllSent(). False when everything has left already (no signal follows then).
     bool notifyWhenAllSent();
+    /// Whether what is sent now waits for nothing; for senders of endless data, with sigCanSend().
+    bool canSend() const;
 
 signals:
     void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
@@ -59,6 +61,8 @@ signals:
     void error(int errorCode);
     /// Everything handed over has been given to the system; once for each notifyWhenAllSent().
     void sigAllSent();
+    /// canSend() is true again.
+    void sigCanSend();
 
 private slots:
     void slotDisconnected();
