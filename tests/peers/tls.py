@@ -12,6 +12,7 @@ import unittest
 from peers import PICTURE, PeerTest, free_port, process, tool, wait_for_port, watch
 
 OUR_SERVER = sys.argv.pop(1) if len(sys.argv) > 1 else "tls_server"
+EXAMPLE = sys.argv.pop(1) if len(sys.argv) > 1 else "example_https_get"
 
 NGINX = """
 daemon off;
@@ -154,6 +155,15 @@ class Tls(PeerTest):
         client = self.certificate("recorder", "DNS:recorder")
         result = self.get(ports[2], "--ca", self.ca, "--cert", client)
         self.assertEqual((result.returncode, result.stdout), (0, b"hello\n"), result.stderr)
+
+    def test_the_example(self):
+        port = self.nginx()[1]
+        environment = dict(os.environ, QT_LOGGING_RULES="nuvika.*=false")
+        for ca, code, words in ((self.ca, 0, b"200, 6 bytes\nhello\n"), (self.cam, 0, b"CN=cam, valid until"),
+                                (os.devnull, 1, b"cannot read trusted certificates")):
+            result = subprocess.run([EXAMPLE, "localhost", str(port), "/hello.txt", ca], capture_output=True, env=environment, timeout=30)
+            self.assertEqual(result.returncode, code, result.stderr)
+            self.assertIn(words, result.stdout + result.stderr)
 
     def test_watch(self):
         ports = self.nginx()
