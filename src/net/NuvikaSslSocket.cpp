@@ -19,8 +19,8 @@ bool NuvikaSslSocket::initSsl(bool server, SslProtocol protocol, const QString& 
     const QString& certificateFilePath, const QString& passPhrase)
 {
     if (protocol < eSslAny12 || protocol > eTls13) {
-        d->m_problem = QStringLiteral("there is no TLS protocol %1").arg(static_cast<int>(protocol));
         NUVIKA_CRITICAL(lcNet, "NuvikaSslSocket::initSsl(): unknown protocol %d", static_cast<int>(protocol));
+        d->refuse(QStringLiteral("there is no TLS protocol %1").arg(static_cast<int>(protocol)));
         return false;
     }
     d->m_protocol = protocol;

@@ -76,9 +76,16 @@ bool NuvikaSslSocket::Private::initialise(const TlsConfig& config)
     m_pContext = m_pLibrary->context(config, &problem);
     if (!m_pContext) {
         NUVIKA_WARNING(lcNet, "NuvikaSslSocket::initSsl(): %s", qUtf8Printable(problem));
-        m_problem = problem;
+        refuse(problem);
     }
     return m_pContext != nullptr;
+}
+
+void NuvikaSslSocket::Private::refuse(const QString& problem)
+{
+    m_pContext.reset();
+    m_problem = problem;
+    m_configurationProblem = problem;
 }
 
 NuvikaTcpSocket::STATE NuvikaSslSocket::Private::state() const
@@ -122,7 +129,7 @@ void NuvikaSslSocket::Private::connectTo(
         return;
     }
     if (!m_pContext) {
-        failLater(m_problem);
+        failLater();
         return;
     }
     beginConnection();
@@ -142,7 +149,7 @@ void NuvikaSslSocket::Private::accept(int descriptor)
     }
     m_socket.setSocketDescriptor(descriptor);
     if (!m_pContext) {
-        failLater(m_problem);
+        failLater();
         return;
     }
     beginConnection();
@@ -151,14 +158,12 @@ void NuvikaSslSocket::Private::accept(int descriptor)
     beginHandshake();
 }
 
-void NuvikaSslSocket::Private::failLater(const QString& problem)
+void NuvikaSslSocket::Private::failLater()
 {
-    const QString words
-        = problem.isEmpty() ? QStringLiteral("TLS was not initialised for this socket") : problem;
     m_state = eConnecting;
-    QTimer::singleShot(0, &m_owner, [this, words, watch = m_watched.watch()] {
+    QTimer::singleShot(0, &m_owner, [this, watch = m_watched.watch()] {
         if (watch.holds())
-            fail(TlsFailure::kOther, words);
+            fail(TlsFailure::kOther, m_configurationProblem);
     });
 }
 

@@ -19,6 +19,8 @@ public:
     virtual ~Private();
 
     bool initialise(const Nuvika::TlsConfig& config);
+    // The configuration is no good: connects fail until there is a better one.
+    void refuse(const QString& problem);
     void connectTo(const QString& host, quint16 port, const std::function<void()>& connectSocket);
     void accept(int descriptor);
     void close();
@@ -56,12 +58,13 @@ private:
     void closeCompleted();
     void endSession();
     void fail(int code, const QString& problem);
-    void failLater(const QString& problem);
+    void failLater();
 
     NuvikaSslSocket& m_owner;
     std::shared_ptr<Nuvika::TlsLibrary> m_pLibrary = Nuvika::TlsLibrary::acquire();
     std::shared_ptr<Nuvika::TlsContext> m_pContext; // of the last good initSsl()
     std::unique_ptr<Nuvika::TlsSession> m_pSession;
+    QString m_configurationProblem = QStringLiteral("initSsl() was not called");
     State m_state = eIdle;
     QString m_host;
     quint16 m_nPort = 0;

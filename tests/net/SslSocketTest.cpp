@@ -288,6 +288,14 @@ TEST(SslSocket, SaysWhatIsWrongWithItsConfiguration)
     EXPECT_EQ(talker.errors, std::vector<int>{10053});
     EXPECT_NE(talker.problem().find("missing.pem"), std::string::npos) << talker.problem();
 
+    talker.socket->close();
+    talker.errors.clear();
+    EXPECT_TRUE(init(false, 0, {}, {}, {}));
+    EXPECT_FALSE(init(false, 6, {}, {}, {}));
+    talker.socket->connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
+    ASSERT_TRUE(waitFor([&] { return talker.isOver(); }));
+    EXPECT_EQ(talker.problem(), "there is no TLS protocol 6") << "the earlier configuration does not hold";
+
     // What setters have stored stands in for empty strings.
     talker.socket->close();
     talker.socket->setCertificateFileName(certificates().forLocalhost());

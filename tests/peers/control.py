@@ -139,7 +139,7 @@ class Control(PeerTest):
                 (f"{line}plain", "line 1: the password is no marked hex string: make one with nuvika password encode"),
                 (f"#\n{line}{marked[:-6]}", "line 2: the password's marked hex string is damaged"),
                 ("\n\nname=Gate", "line 3: a camera needs url=..."),
-                ("url=ftp://x/", "line 1: only http:// URLs are served, not ftp://"),
+                ("url=ftp://x/", "line 1: only http:// and https:// URLs are served, not ftp://"),
                 ("url=http://u:p@x/", "line 1: the password stands in the URL: use password=, made by nuvika password encode"),
                 ("url=http://x/;pasword=1", 'line 1: "pasword" is none of name, url, user, password'),
                 ("url=http://x/;user", 'line 1: "user" has no value')):

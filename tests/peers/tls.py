@@ -245,9 +245,34 @@ class Tls(PeerTest):
             self.assertEqual((result.returncode, result.stdout), (0, b"until the end"), result.stderr)
 
     def test_a_server_that_stalls_in_the_handshake(self):
-        with socket.create_server(("127.0.0.1", 0)) as listener:
+        held = []
+
+        def relay(listener, port):  # the server's first bytes pass, and no more
+            with contextlib.suppress(OSError):
+                while True:
+                    near, _ = listener.accept()
+                    far = socket.create_connection(("127.0.0.1", port))
+                    held.extend((near, far))
+                    far.sendall(near.recv(65536))
+                    near.sendall(far.recv(300))
+
+        with self.s_server(self.cam, "-www") as (port, _), socket.create_server(("127.0.0.1", 0)) as listener:
+            thread = threading.Thread(target=relay, args=(listener, port), daemon=True)
+            thread.start()
             result = self.get(listener.getsockname()[1], "--ca", self.ca, seconds=90)
+            listener.shutdown(socket.SHUT_RDWR)
+            thread.join(10)
+        for s in held:
+            s.close()
+        self.assertGreaterEqual(len(held), 2)
         self.check_refusal(result, 28, "did not finish the TLS handshake within 10 seconds")
+
+    def test_the_server_learns_the_name(self):
+        other = self.certificate("other", "DNS:other.example")
+        with self.s_server(other, "-www", "-servername", "localhost", "-cert2", self.cam, "-key2", self.cam) as (port, _):
+            result = self.get(port, "--ca", self.ca, host="localhost", path="/")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.check_refusal(self.get(port, "--ca", self.ca, path="/"), 60, "another host: other.example")
 
     def check_resumption(self, port, session):
         for store, words in (("-sess_out", b"New, TLSv1.2"), ("-sess_in", b"Reused, TLSv1.2")):
