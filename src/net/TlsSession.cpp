@@ -119,11 +119,12 @@ void TlsSession::setUpClient(const QString& host)
     if (m_pContext->config().nVerify == 2) {
         X509_VERIFY_PARAM* parameters = SSL_get0_param(ssl);
         X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-        // A name that cannot be compared must match nothing, so none is never set.
-        if (bAddress)
-            X509_VERIFY_PARAM_set1_ip_asc(parameters, name.constData());
-        else
-            X509_VERIFY_PARAM_set1_host(parameters, name.isEmpty() ? "." : name.constData(), 0);
+        const bool bComparable = bAddress
+            ? X509_VERIFY_PARAM_set1_ip_asc(parameters, name.constData()) == 1
+            : !name.isEmpty() && !name.startsWith('.') // which would stand for any name below
+                && X509_VERIFY_PARAM_set1_host(parameters, name.constData(), 0) == 1;
+        if (!bComparable)
+            X509_VERIFY_PARAM_set1_host(parameters, "nobody.invalid", 0);
     }
     const TlsSessionTicket session = m_pContext->session(m_peer);
     if (session)

@@ -7,6 +7,8 @@
 #include <KepNuvikaUtil/NuvikaSslSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
+#include <QtCore/QUrl>
+
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -227,6 +229,26 @@ TEST(SslSocket, ComparesTheNameThatWasAskedFor)
     client.socket->close();
     client.socket->connectToHost(QStringLiteral("LocalHost."), server.listener.serverPort());
     ASSERT_TRUE(waitFor([&] { return client.connections == 1; })) << client.problem();
+}
+
+TEST(SslSocket, MatchesNamesAsTheyStand)
+{
+    Server server({Ssl::eSslAny12,
+        certificates().issue(
+            {QStringLiteral("x"), QStringLiteral("DNS:cam_7.test,DNS:*.wild.test,DNS:xn--bro-hoa.test")}),
+        {}, false});
+    const std::pair<const char*, bool> names[]
+        = {{"cam_7.test", true}, {"CAM_7.test.", true}, {"a.wild.test", true}, {"a.b.wild.test", false},
+            {"wild.test", false}, {".test", false}, {"b\u00fcro.test", true}};
+    for (const auto& [name, bMatches] : names) {
+        const QString host = QString::fromUtf8(name);
+        seams::setName(name, {"127.0.0.1"});
+        seams::setName(QUrl::toAce(host).toStdString(), {"127.0.0.1"});
+        Client client;
+        client.socket->connectToHost(host, server.listener.serverPort());
+        ASSERT_TRUE(waitFor([&] { return client.isOver() || client.connections == 1; })) << name;
+        EXPECT_EQ(client.connections == 1, bMatches) << name << ": " << client.problem();
+    }
 }
 
 TEST(SslSocket, AsksForClientCertificatesWhenToldWhomToTrust)
