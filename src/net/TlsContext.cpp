@@ -63,7 +63,7 @@ QByteArray digestOf(const TlsConfig& config)
     stream << config.bServer << config.nProtocol << config.nVerify << config.passPhrase;
     addFile(stream, config.ownCertificate);
     addFile(stream, config.trusted);
-    const QByteArray digest = QCryptographicHash::hash(bytes, QCryptographicHash::Sha256);
+    QByteArray digest = QCryptographicHash::hash(bytes, QCryptographicHash::Sha256);
     OPENSSL_cleanse(bytes.data(), static_cast<std::size_t>(bytes.size()));
     return digest;
 }
