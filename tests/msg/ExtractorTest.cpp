@@ -9,6 +9,12 @@
 
 namespace
 {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryIsCounted = false; // the sanitizers' allocators do not tell
+#else
+constexpr bool kMemoryIsCounted = true;
+#endif
+
 std::size_t inUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 
 void append(CommandExtractor& extractor, const QByteArray& bytes)
@@ -41,9 +47,9 @@ TEST(CommandExtractor, ShrinksTo16MiBOnceLittleIsLeft)
     CommandExtractor::Command command{};
     ASSERT_TRUE(extractor.getFirstCommand(&command));
     EXPECT_EQ(command.nSize, 32 << 20);
-    EXPECT_GT(inUse() - before, 32U << 20);
+    EXPECT_TRUE(!kMemoryIsCounted || inUse() - before > (32U << 20));
     extractor.removeFirstCommand();
-    EXPECT_LT(inUse() - before, 17U << 20) << "memory goes back";
+    EXPECT_TRUE(!kMemoryIsCounted || inUse() - before < (17U << 20)) << "memory goes back";
     extractor.removeFirstCommand(); // none outstanding: nothing happens
     ASSERT_TRUE(extractor.getFirstCommand(&command));
     EXPECT_EQ(QByteArray(command.pData, command.nSize), QByteArray("abc"));
