@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::size_t frames = 0;
     for (std::size_t from = 1; from < size; from += step) {
         const int piece = static_cast<int>(from + step < size ? step : size - from);
-        if (!extractor.append(reinterpret_cast<const char*>(data) + from, piece))
+        if (!extractor.feed(reinterpret_cast<const char*>(data) + from, piece))
             std::abort();
         CommandExtractor::Command command{};
         while (extractor.getFirstCommand(&command)) {

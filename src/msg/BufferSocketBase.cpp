@@ -89,7 +89,7 @@ void BufferSocketBase::takeInput(const char* data, int size)
     m_pDelivery = &delivery;
     QByteArray side;
     while (size > 0) {
-        if (!m_pExtractor->append(data, size)) {
+        if (!m_pExtractor->feed(data, size)) {
             NUVIKA_WARNING(lcMsg,
                 "BufferSocketBase::dataReceived(): Received tcp data token too long, aborting connection");
             m_pDelivery = nullptr;

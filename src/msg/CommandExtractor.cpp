@@ -8,16 +8,10 @@
 #include <cstring>
 #include <utility>
 
-void CommandExtractor::moveToFront()
-{
-    if (m_nOffset > 0 && m_nSize > 0)
-        std::memmove(m_pBuffer.get(), m_pBuffer.get() + m_nOffset, static_cast<std::size_t>(m_nSize));
-    m_nOffset = 0;
-}
+// --- what is held ----------------------------------------------------------------------------------------
 
 bool CommandExtractor::reallocate(int capacity)
 {
-    moveToFront();
     auto* storage = static_cast<char*>(std::realloc(m_pBuffer.get(), static_cast<std::size_t>(capacity)));
     if (storage == nullptr)
         return false;
@@ -35,60 +29,108 @@ bool CommandExtractor::append(const char* data, int size)
             = std::min<qint64>(std::max<qint64>(2 * qint64(m_nCapacity), needed), kMaxCapacity);
         if (capacity < needed || !reallocate(static_cast<int>(capacity)))
             return false;
-    } else if (m_nOffset + needed > m_nCapacity) {
-        moveToFront();
     }
-    std::memcpy(m_pBuffer.get() + m_nOffset + m_nSize, data, static_cast<std::size_t>(size));
+    std::memcpy(m_pBuffer.get() + m_nSize, data, static_cast<std::size_t>(size));
     m_nSize += size;
     return true;
 }
 
-bool CommandExtractor::getFirstCommand(Command* command)
+void CommandExtractor::shrink()
 {
-    if (m_nSize <= kHeadSize)
+    if (m_nSize < kShrinkBelow && m_nCapacity > kShrunkCapacity)
+        reallocate(kShrunkCapacity);
+}
+
+// --- frames ----------------------------------------------------------------------------------------------
+
+bool CommandExtractor::feed(const char* data, int size)
+{
+    NUVIKA_ASSERT(m_nFed == 0);
+    if (qint64(m_nSize) + size > kMaxCapacity)
         return false;
-    const char* head = m_pBuffer.get() + m_nOffset;
-    const auto magic = qFromBigEndian<quint32>(head);
-    const auto length = qFromBigEndian<quint32>(head + 4);
+    m_pFed = data;
+    m_nFed = size;
+    return true;
+}
+
+CommandExtractor::Look CommandExtractor::lookAt(const char* data, int size, Command* command)
+{
+    if (size <= kHeadSize)
+        return eIncomplete;
+    const auto magic = qFromBigEndian<quint32>(data);
+    const auto length = qFromBigEndian<quint32>(data + 4);
+    *command = {data + kHeadSize, static_cast<int>(length), magic == kMagicCrypted};
     if (magic != kMagicUncrypted && magic != kMagicCrypted) {
         NUVIKA_WARNING(lcMsg, "BufferSocket: Invalid MAGIC_KEY");
-        clear();
-        return false;
+        return eInvalid;
     }
     if (length >= kMaxCommand) {
         NUVIKA_WARNING(lcMsg, "BufferSocket: Invalid datagram size");
+        return eInvalid;
+    }
+    return static_cast<quint32>(size) < length + kHeadSize ? eIncomplete : eFrame;
+}
+
+// Moves what the held frame lacks behind it: the head and a byte first, which tell how much that is.
+bool CommandExtractor::completeFrame()
+{
+    for (;;) {
+        const qint64 wanted = m_nSize <= kHeadSize
+            ? kHeadSize + 1
+            : qint64(kHeadSize) + std::min(qFromBigEndian<quint32>(m_pBuffer.get() + 4), kMaxCommand);
+        const int count = static_cast<int>(std::min<qint64>(wanted - m_nSize, m_nFed));
+        if (count <= 0)
+            return true;
+        if (!append(m_pFed, count))
+            return false;
+        m_pFed += count;
+        m_nFed -= count;
+    }
+}
+
+bool CommandExtractor::getFirstCommand(Command* command)
+{
+    m_bHeld = m_nSize > 0;
+    if (m_bHeld && !completeFrame()) {
         clear();
         return false;
     }
-    if (static_cast<quint32>(m_nSize) < length + kHeadSize)
-        return false;
-    m_nFirstCmdSize = static_cast<int>(length);
-    m_bOutstanding = true;
-    *command = {head + kHeadSize, m_nFirstCmdSize, magic == kMagicCrypted};
-    return true;
+    const char* data = m_bHeld ? m_pBuffer.get() : m_pFed;
+    const Look look = lookAt(data, m_bHeld ? m_nSize : m_nFed, command);
+    if (look == eFrame) {
+        m_nFirstCmdSize = command->nSize;
+        m_bOutstanding = true;
+        return true;
+    }
+    if (look == eInvalid || (m_nFed > 0 && !append(m_pFed, std::exchange(m_nFed, 0))))
+        clear();
+    return false;
 }
 
 void CommandExtractor::removeFirstCommand()
 {
     if (!m_bOutstanding)
         return;
-    NUVIKA_ASSERT(m_nFirstCmdSize + 8 <= m_nSize);
-    m_nOffset += m_nFirstCmdSize + kHeadSize;
-    m_nSize -= m_nFirstCmdSize + kHeadSize;
-    m_nFirstCmdSize = 0;
+    const int frame = m_nFirstCmdSize + kHeadSize;
     m_bOutstanding = false;
-    if (m_nSize == 0)
-        m_nOffset = 0;
-    if (m_nSize < kShrinkBelow && m_nCapacity > kShrunkCapacity)
-        reallocate(kShrunkCapacity);
+    if (!m_bHeld) {
+        m_pFed += frame;
+        m_nFed -= frame;
+        return;
+    }
+    NUVIKA_ASSERT(m_nFirstCmdSize + 8 <= m_nSize);
+    m_nFirstCmdSize = 0;
+    m_nSize -= frame; // the byte that made an empty frame visible may be left
+    std::memmove(m_pBuffer.get(), m_pBuffer.get() + frame, static_cast<std::size_t>(m_nSize));
+    shrink();
 }
 
 CommandExtractor::Storage CommandExtractor::clear()
 {
+    m_nFed = 0;
     m_nSize = 0;
     m_nCapacity = 0;
     m_nFirstCmdSize = 0;
-    m_nOffset = 0;
     m_bOutstanding = false;
     return std::exchange(m_pBuffer, nullptr);
 }

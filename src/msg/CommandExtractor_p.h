@@ -29,10 +29,12 @@ public:
         bool bEncrypted;
     };
 
-    // False, with nothing taken, when more would be held than a peer may make us hold.
-    bool append(const char* data, int size);
+    // Further bytes of the stream, read where they are until getFirstCommand() says that there is no more:
+    // only a frame that comes in pieces is copied. False, with nothing taken, when more would be held than a
+    // peer may make us hold.
+    bool feed(const char* data, int size);
     // The first frame's payload, which stays in place until removeFirstCommand(). A frame is seen only with a
-    // byte behind its head. What is no frame empties the buffer, with a warning.
+    // byte behind its head. What is no frame discards everything, with a warning.
     bool getFirstCommand(Command* command);
     void removeFirstCommand();
     // Empty, without storage; the caller decides how long that lives on.
@@ -44,13 +46,20 @@ private:
     static constexpr int kShrinkBelow = 0x800000;
     static constexpr int kShrunkCapacity = 0x1000000;
 
-    void moveToFront();
-    bool reallocate(int capacity);
+    enum Look { eFrame, eIncomplete, eInvalid };
 
-    int m_nSize = 0; // bytes held, from the offset on
+    static Look lookAt(const char* data, int size, Command* command);
+    bool append(const char* data, int size);
+    bool completeFrame();
+    bool reallocate(int capacity);
+    void shrink();
+
+    const char* m_pFed = nullptr; // behind what is held
+    int m_nFed = 0;
+    int m_nSize = 0; // bytes held: at most one frame, and what made it visible
     int m_nCapacity = 0;
     int m_nFirstCmdSize = 0;
     Storage m_pBuffer;
-    int m_nOffset = 0; // bytes of delivered frames in front
     bool m_bOutstanding = false; // a frame, which may be of length 0, has been handed out
+    bool m_bHeld = false; // and is held here
 };
