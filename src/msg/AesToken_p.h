@@ -16,9 +16,19 @@ namespace Nuvika
 {
 using TokenBytes = std::array<unsigned char, 16>; // a seed, a key, an IV
 
+// A seed written byte by byte by the running code: it lies in no data of the program.
+template <unsigned char... Bytes>
+TokenBytes assembleSeed()
+{
+    TokenBytes seed{};
+    volatile unsigned char* at = seed.data();
+    ((*at++ = Bytes), ...);
+    return seed;
+}
+
 // What differs between the kinds of token.
 struct TokenKind {
-    TokenBytes (*seed)(); // assembled from single bytes by each call
+    TokenBytes (*seed)(); // assembled anew by each call
     QByteArray (*sha256)(const QByteArray&); // 32 bytes, or nothing behind a record of its own
     std::optional<quint32> magic;
     quint32 nVersion;

@@ -3,6 +3,9 @@
 #include "core/Log_p.h"
 #include "msg/BufferSocketCrypto_p.h"
 #include "msg/CommandExtractor_p.h"
+#include "msg/Frame_p.h"
+
+#include <QtCore/QtEndian>
 
 #include <optional>
 #include <utility>
@@ -175,6 +178,19 @@ void BufferSocketBase::decrypt(const char* token, int size, QByteArray& plain)
     if (!m_pDecrypter)
         m_pDecrypter = std::make_unique<BufferSocketDecrypter>();
     plain = m_pDecrypter->decrypt(token, size);
+}
+
+BufferSocketBase::Frame BufferSocketBase::frameOf(const char* data, int size)
+{
+    Frame frame{{}, {}, data, size};
+    if (m_bEncrypted) {
+        encrypt(data, size, frame.token);
+        frame.pPayload = frame.token.constData();
+        frame.nPayload = frame.token.size();
+    }
+    qToBigEndian<quint32>(m_bEncrypted ? magicKeyCrypted() : magicKeyUncrypted(), frame.head.data());
+    qToBigEndian<quint32>(static_cast<quint32>(frame.nPayload), frame.head.data() + 4);
+    return frame;
 }
 
 unsigned int BufferSocketBase::magicKeyUncrypted() { return CommandExtractor::kMagicUncrypted; }

@@ -74,6 +74,9 @@ protected:
     void decrypt(const char* token, int size, QByteArray& plain);
     static unsigned int magicKeyUncrypted();
     static unsigned int magicKeyCrypted();
+    struct Frame;
+    /// A message as it travels from this side.
+    Frame frameOf(const char* data, int size);
 
 private slots:
     void dataReceived(const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed);

@@ -4,30 +4,6 @@ using namespace Nuvika;
 
 namespace
 {
-// Each byte by itself, so that the seed stands nowhere whole.
-TokenBytes frameSeed()
-{
-    TokenBytes seed;
-    volatile unsigned char* byte = seed.data();
-    byte[0] = 0x5C;
-    byte[1] = 0xE1;
-    byte[2] = 0x07;
-    byte[3] = 0x9A;
-    byte[4] = 0x33;
-    byte[5] = 0xB8;
-    byte[6] = 0x4F;
-    byte[7] = 0xD2;
-    byte[8] = 0x16;
-    byte[9] = 0x6D;
-    byte[10] = 0xA4;
-    byte[11] = 0x80;
-    byte[12] = 0xFB;
-    byte[13] = 0x29;
-    byte[14] = 0xC7;
-    byte[15] = 0x5E;
-    return seed;
-}
-
 QByteArray frameDigest(const QByteArray& seed)
 {
     // The stray "1" has always been part of that text.
@@ -36,8 +12,9 @@ QByteArray frameDigest(const QByteArray& seed)
     return digest(sha256Digest(), seed.constData(), static_cast<std::size_t>(seed.size()), kTexts);
 }
 
-constexpr TokenKind kFrameToken{&frameSeed, &frameDigest, 0x63566658, 17,
-    "BufferSocketEncrypter::encrypt(): EVP_EncryptInit_ex failed",
+constexpr TokenKind kFrameToken{&assembleSeed<0x5C, 0xE1, 0x07, 0x9A, 0x33, 0xB8, 0x4F, 0xD2, 0x16, 0x6D,
+                                    0xA4, 0x80, 0xFB, 0x29, 0xC7, 0x5E>,
+    &frameDigest, 0x63566658, 17, "BufferSocketEncrypter::encrypt(): EVP_EncryptInit_ex failed",
     "BufferSocketEncrypter::encrypt(): EVP_EncryptUpdate failed",
     "BufferSocketEncrypter::encrypt(): EVP_EncryptFinal_ex failed",
     "BufferSocketDecrypter::decrypt(): EVP_DecryptInit_ex failed",

@@ -2,8 +2,6 @@
 
 #include "msg/Frame_p.h"
 
-using namespace Nuvika;
-
 BufferSocketFixedFifo::BufferSocketFixedFifo(bool bEncrypted, QObject* parent)
     : BufferSocketBase(bEncrypted, parent)
 {
@@ -22,13 +20,8 @@ bool BufferSocketFixedFifo::sendBuffer(const char* data, int size)
 {
     if (size < 0 || !m_socket.canSend()) // asked first: a refused message need not be encrypted
         return false;
-    QByteArray token;
-    if (m_bEncrypted) {
-        encrypt(data, size, token);
-        data = token.constData();
-        size = token.size();
-    }
-    const FrameHead head = frameHead(m_bEncrypted ? magicKeyCrypted() : magicKeyUncrypted(), size);
-    const KepNuvikaUtil::BUFFER ranges[] = {{head.data(), static_cast<qint32>(head.size())}, {data, size}};
+    const Frame frame = frameOf(data, size);
+    const KepNuvikaUtil::BUFFER ranges[]
+        = {{frame.head.data(), static_cast<qint32>(frame.head.size())}, {frame.pPayload, frame.nPayload}};
     return m_socket.sendData(ranges, 2);
 }

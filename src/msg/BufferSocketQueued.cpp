@@ -30,23 +30,19 @@ bool BufferSocketQueued::sendBuffer(const char* data, int size)
 {
     if (m_socket.getState() != NuvikaTcpSocket::eConnected || size < 0)
         return false;
-    QByteArray token;
-    if (m_bEncrypted) {
-        encrypt(data, size, token);
-        data = token.constData();
-        size = token.size();
-    }
-    const FrameHead head = frameHead(m_bEncrypted ? magicKeyCrypted() : magicKeyUncrypted(), size);
-    int headLeft = static_cast<int>(head.size());
+    const Frame frame = frameOf(data, size);
+    data = frame.pPayload;
+    size = frame.nPayload;
+    int headLeft = static_cast<int>(frame.head.size());
     while ((headLeft > 0 || size > 0) && m_pQueue->isEmpty() && m_socket.canSend()) {
         const int piece = std::min(size, ChunkQueue::kChunkSize);
-        const KepNuvikaUtil::BUFFER ranges[] = {{head.data(), headLeft}, {data, piece}};
+        const KepNuvikaUtil::BUFFER ranges[] = {{frame.head.data(), headLeft}, {data, piece}};
         m_socket.sendData(ranges, 2);
         headLeft = 0;
         data += piece;
         size -= piece;
     }
-    m_pQueue->append(head.data(), headLeft);
+    m_pQueue->append(frame.head.data(), headLeft);
     m_pQueue->append(data, size);
     return true;
 }

@@ -1,22 +1,17 @@
-// Private: the head of an outgoing frame, and what it announces.
+// Private: an outgoing frame.
 #pragma once
+
+#include <KepNuvikaUtil/BufferSocketBase.h>
 
 #include "msg/CommandExtractor_p.h"
 
 #include <QtCore/QByteArray>
-#include <QtCore/QtEndian>
 
 #include <array>
 
-namespace Nuvika
-{
-using FrameHead = std::array<char, CommandExtractor::kHeadSize>;
-
-inline FrameHead frameHead(quint32 magic, int payloadSize)
-{
-    FrameHead head;
-    qToBigEndian<quint32>(magic, head.data());
-    qToBigEndian<quint32>(static_cast<quint32>(payloadSize), head.data() + 4);
-    return head;
-}
-} // namespace Nuvika
+struct BufferSocketBase::Frame {
+    std::array<char, CommandExtractor::kHeadSize> head;
+    QByteArray token; // the payload of an encrypted frame
+    const char* pPayload; // the token, or the sender's own bytes
+    int nPayload;
+};

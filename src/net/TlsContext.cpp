@@ -1,6 +1,5 @@
 #include "net/TlsContext_p.h"
 
-#include "core/Log_p.h"
 #include "net/TlsSession_p.h"
 
 #include <QtCore/QCryptographicHash>

@@ -1,7 +1,5 @@
 #include "net/TlsSession_p.h"
 
-#include "core/Log_p.h"
-
 #include <QtCore/QUrl>
 #include <QtNetwork/QHostAddress>
 
