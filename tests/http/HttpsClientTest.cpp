@@ -153,7 +153,7 @@ TEST(HttpsClient, SendsJsonAndFieldsOfTheCallers)
         "GET /f HTTP/1.1\r\n" + x.host() + "Connection: close\r\nKeep-Alive: 300\r\nX-Camera: 7\r\n\r\n");
 }
 
-TEST(HttpsClient, UploadsFormsAsTold)
+TEST(HttpsClient, UploadsFormsWhoseHeadEndsEarly)
 {
     PlainExchange x;
     std::srand(1);

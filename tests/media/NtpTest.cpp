@@ -104,15 +104,6 @@ TEST(NtpTimestamp, CalculatesModulo64Bits)
 {
     EXPECT_EQ((raw(1) - raw(2)).toHostByteOrder(), ~quint64(0));
     EXPECT_EQ((raw(~quint64(0)) + raw(2)).toHostByteOrder(), 1U);
-    EXPECT_EQ(3 * seconds(2), seconds(6));
-    EXPECT_EQ((raw(quint64(1) << 63) * 2).toHostByteOrder(), 0U);
-    NTPTimestamp t = seconds(7);
-    t /= 2;
-    EXPECT_EQ(t, raw(quint64(7) << 31));
-    t *= 2;
-    t -= seconds(1);
-    t += seconds(2);
-    EXPECT_EQ(t, seconds(8));
     EXPECT_TRUE(seconds(1) < seconds(0x80000000)) << "unsigned";
 }
 

@@ -2,7 +2,6 @@
 #include <KepNuvikaUtil/NUVIKA_RECT.h>
 #include <KepNuvikaUtil/NUVIKA_SIZE.h>
 
-#include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -51,19 +50,6 @@ TEST(HMatrix2D, InvertsWhatIsNotSingular)
     const double nan = std::numeric_limits<double>::quiet_NaN();
     EXPECT_NE(HMatrix2D(nan, 1, 0, 0), HMatrix2D(nan, 1, 0, 0));
     EXPECT_EQ(HMatrix2D(-0.0, 1, 0, 0), HMatrix2D(0.0, 1, 0, 0));
-}
-
-TEST(HVector2D, Calculates)
-{
-    HVector2D v(1, 2);
-    v += HVector2D(3, 4) * 2 - HVector2D(1, 1) / 2;
-    EXPECT_EQ(v, HVector2D(6.5, 9.5));
-    v -= HVector2D(0.5, 0.5);
-    EXPECT_EQ(v + HVector2D(), HVector2D(6, 9));
-    EXPECT_EQ(v * HMatrix2D::fromScale(2, 1), HVector2D(12, 9));
-    v.transformBy(HMatrix2D::fromTranslation(1, 1));
-    EXPECT_EQ(v, HVector2D(7, 10));
-    EXPECT_TRUE(std::isinf((v / 0).x()));
 }
 
 TEST(Rectangles, ConvertBetweenInclusiveAndExclusive)

@@ -161,9 +161,8 @@ TEST(BufferSocket, TakesManySmallFramesInLinearTime)
     EXPECT_LT(large, 40 * std::max<qint64>(small, 5)) << small << " ms for a tenth";
 }
 
-TEST(BufferSocket, GivesMemoryBackAndRefusesToHoldTooMuch)
+TEST(BufferSocket, TakesTheLargestMessageThereIs)
 {
-    // What it holds while a handler waits is bounded by stalling; what a peer makes it hold by 200 MiB.
     LogCapture log;
     Connected<BufferSocketQueued> c(false, static_cast<int>(NuvikaTcpSocket::eHeavy));
     const QByteArray large(100 << 20, 'z'); // 104857600: one too many

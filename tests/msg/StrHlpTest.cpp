@@ -138,20 +138,13 @@ TEST(StrHlp, ReportsWhatTheCryptoLibraryRefuses)
 {
     const QString good = StrHlp::toHex(QStringLiteral("abc"));
     LogCapture log;
-    for (const char* function : {"EVP_EncryptInit_ex", "EVP_EncryptUpdate", "EVP_EncryptFinal_ex"}) {
-        seams::crypto(function).arm(1, 0);
-        EXPECT_EQ(StrHlp::toHex(QStringLiteral("abc")), kMarker + QStringLiteral("0000001800000000"))
-            << "an empty token";
-        EXPECT_TRUE(log.has(
-            qPrintable(QStringLiteral("PwdEncrypter::encrypt(): %1 failed").arg(QLatin1String(function))),
-            QtCriticalMsg));
-    }
-    for (const char* function : {"EVP_DecryptInit_ex", "EVP_DecryptUpdate", "EVP_DecryptFinal_ex"}) {
-        seams::crypto(function).arm(1, 0);
-        EXPECT_EQ(StrHlp::fromHex(good), good);
-        EXPECT_TRUE(log.has(
-            qPrintable(QStringLiteral("PwdDecrypter::decrypt(): %1 failed").arg(QLatin1String(function)))));
-    }
+    seams::crypto("EVP_EncryptFinal_ex").arm(1, 0);
+    EXPECT_EQ(StrHlp::toHex(QStringLiteral("abc")), kMarker + QStringLiteral("0000001800000000"))
+        << "an empty token";
+    EXPECT_TRUE(log.has("PwdEncrypter::encrypt(): EVP_EncryptFinal_ex failed", QtCriticalMsg));
+    seams::crypto("EVP_DecryptFinal_ex").arm(1, 0);
+    EXPECT_EQ(StrHlp::fromHex(good), good);
+    EXPECT_TRUE(log.has("PwdDecrypter::decrypt(): EVP_DecryptFinal_ex failed", QtWarningMsg));
     VariableBuffer in, out;
     in.setData("abc", 3);
     for (const char* function : {"EVP_DigestInit_ex", "EVP_DigestUpdate", "EVP_DigestFinal_ex"}) {

@@ -4,22 +4,10 @@ import hashlib
 import os
 import unittest
 
-from peers import PeerTest, free_port, process, wait_for_port
+from peers import NGINX_HEAD, PeerTest, free_port, process, wait_for_port
 from web_server_cases import WebServerCases
 
-CONFIG = """
-daemon off;
-user root;
-pid {folder}/nginx.pid;
-error_log {folder}/error.log;
-events {{ worker_connections 256; }}
-http {{
-  access_log off;
-  client_body_temp_path {folder}/body;
-  proxy_temp_path {folder}/proxy;
-  fastcgi_temp_path {folder}/fastcgi;
-  uwsgi_temp_path {folder}/uwsgi;
-  scgi_temp_path {folder}/scgi;
+CONFIG = NGINX_HEAD + """
   types {{ image/jpeg jpg; text/html html shtml; }}
   keepalive_requests 3;
   keepalive_timeout 2;

@@ -80,5 +80,21 @@ class PeerTest(unittest.TestCase):
         return path
 
 
+# An nginx that keeps to its folder; its http section is open.
+NGINX_HEAD = """
+daemon off;
+user root;
+pid {folder}/nginx.pid;
+error_log {folder}/error.log;
+events {{ worker_connections 256; }}
+http {{
+  access_log off;
+  client_body_temp_path {folder}/body;
+  proxy_temp_path {folder}/proxy;
+  fastcgi_temp_path {folder}/fastcgi;
+  uwsgi_temp_path {folder}/uwsgi;
+  scgi_temp_path {folder}/scgi;
+"""
+
 # The smallest picture that is one.
 PICTURE = bytes.fromhex("ffd8ffe000104a46494600010100000100010000ffd9")

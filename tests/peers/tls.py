@@ -9,24 +9,12 @@ import sys
 import threading
 import unittest
 
-from peers import PICTURE, PeerTest, free_port, process, tool, wait_for_port, watch
+from peers import NGINX_HEAD, PICTURE, PeerTest, free_port, process, tool, wait_for_port, watch
 
 OUR_SERVER = sys.argv.pop(1) if len(sys.argv) > 1 else "tls_server"
 EXAMPLE = sys.argv.pop(1) if len(sys.argv) > 1 else "example_https_get"
 
-NGINX = """
-daemon off;
-user root;
-pid {folder}/nginx.pid;
-error_log {folder}/error.log;
-events {{ worker_connections 256; }}
-http {{
-  access_log off;
-  client_body_temp_path {folder}/body;
-  proxy_temp_path {folder}/proxy;
-  fastcgi_temp_path {folder}/fastcgi;
-  uwsgi_temp_path {folder}/uwsgi;
-  scgi_temp_path {folder}/scgi;
+NGINX = NGINX_HEAD + """
   types {{ image/jpeg jpg; text/plain txt; }}
   root {folder}/www;
   keepalive_requests 3;
