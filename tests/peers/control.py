@@ -113,6 +113,10 @@ class Control(PeerTest):
             lines = status.stdout.decode().splitlines()
             self.assertEqual([line.split()[0] for line in lines[1:]], ["cam_camera1_0001", "cam_camera2_0002"])
             self.assertRegex(lines[1], r"camera 1 +\d+\.\d +0\.\d\d +0\.\d\d +0\.00 +receiving +\d\d:\d\d:\d\d-\d\d:\d\d:\d\d")
+            with process([TOOL, "status", f"127.0.0.1:{port}", "--watch"], stdout=subprocess.PIPE, text=True) as watching, watching.stdout:
+                for _ in range(3):
+                    while "cam_camera2_0002" not in (line := watching.stdout.readline()):
+                        self.assertTrue(line, "ended by itself")
             picture = tool("send", f"127.0.0.1:{port}", "snapshot:camera=cam_camera2_0002").stdout
             self.assertTrue(picture.startswith(b"\xff\xd8") and picture.endswith(b"\xff\xd9"))
             wrong = tool("send", f"127.0.0.1:{port}", "snapshot:camera=cam_x")
