@@ -2,6 +2,8 @@
 
 #include "net/TlsSession_p.h"
 
+#include <QtCore/QFile>
+
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
@@ -227,4 +229,23 @@ TEST(TlsSession, KeepsWhatIsWrittenWhileTheServerRenegotiates)
     server.converse(client);
     EXPECT_EQ(server.plain, QByteArray("in between and after"));
     EXPECT_EQ(SSL_get_shutdown(server.ssl) & SSL_RECEIVED_SHUTDOWN, SSL_RECEIVED_SHUTDOWN);
+}
+
+TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoesAndReadsChangedFilesAnew)
+{
+    auto library = TlsLibrary::acquire();
+    EXPECT_EQ(library, TlsLibrary::acquire());
+    TlsConfig config;
+    config.trusted = certificates().folder() + QStringLiteral("/changing.pem");
+    config.nVerify = 1;
+    QFile::copy(certificates().authority(), config.trusted);
+    QString problem;
+    std::weak_ptr<TlsContext> first = library->context(config, &problem);
+    EXPECT_EQ(library->context(config, &problem), first.lock());
+    QFile file(config.trusted);
+    ASSERT_TRUE(file.open(QIODevice::Append) && file.write("\n") == 1);
+    file.close();
+    EXPECT_NE(library->context(config, &problem), first.lock());
+    library.reset();
+    EXPECT_TRUE(first.expired());
 }
