@@ -10,19 +10,23 @@
 #include <QtCore/QtGlobal>
 
 #include <array>
+#include <cstddef>
 #include <optional>
+#include <tuple>
 
 namespace Nuvika
 {
 using TokenBytes = std::array<unsigned char, 16>; // a seed, a key, an IV
 
-// A seed written byte by byte by the running code: it lies in no data of the program.
-template <unsigned char... Bytes>
-TokenBytes assembleSeed()
+// A seed written byte by byte by the running code: it lies in no data and no name of the program.
+template <class... Bytes>
+TokenBytes assembleSeed(Bytes... bytes)
 {
+    static_assert(sizeof...(bytes) == std::tuple_size_v<TokenBytes>);
     TokenBytes seed{};
-    volatile unsigned char* at = seed.data();
-    ((*at++ = Bytes), ...);
+    std::size_t at = 0;
+    volatile unsigned char byte = 0; // or the compiler would put the bytes together again
+    ((byte = static_cast<unsigned char>(bytes), seed[at++] = byte), ...);
     return seed;
 }
 

@@ -4,6 +4,12 @@ using namespace Nuvika;
 
 namespace
 {
+TokenBytes frameSeed()
+{
+    return assembleSeed(
+        0x5C, 0xE1, 0x07, 0x9A, 0x33, 0xB8, 0x4F, 0xD2, 0x16, 0x6D, 0xA4, 0x80, 0xFB, 0x29, 0xC7, 0x5E);
+}
+
 QByteArray frameDigest(const QByteArray& seed)
 {
     // The stray "1" has always been part of that text.
@@ -12,9 +18,8 @@ QByteArray frameDigest(const QByteArray& seed)
     return digest(sha256Digest(), seed.constData(), static_cast<std::size_t>(seed.size()), kTexts);
 }
 
-constexpr TokenKind kFrameToken{&assembleSeed<0x5C, 0xE1, 0x07, 0x9A, 0x33, 0xB8, 0x4F, 0xD2, 0x16, 0x6D,
-                                    0xA4, 0x80, 0xFB, 0x29, 0xC7, 0x5E>,
-    &frameDigest, 0x63566658, 17, "BufferSocketEncrypter::encrypt(): EVP_EncryptInit_ex failed",
+constexpr TokenKind kFrameToken{&frameSeed, &frameDigest, 0x63566658, 17,
+    "BufferSocketEncrypter::encrypt(): EVP_EncryptInit_ex failed",
     "BufferSocketEncrypter::encrypt(): EVP_EncryptUpdate failed",
     "BufferSocketEncrypter::encrypt(): EVP_EncryptFinal_ex failed",
     "BufferSocketDecrypter::decrypt(): EVP_DecryptInit_ex failed",

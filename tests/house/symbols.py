@@ -1,4 +1,4 @@
-"""The library exports its public classes and functions, and nothing else."""
+"""The library exports its public classes and functions, and nothing else; no seed of a key lies in it in one piece."""
 import os
 import re
 import subprocess
@@ -25,5 +25,9 @@ for line in out.splitlines():
         continue
     if re.match(r"[\w~]+", symbol).group().lstrip("~") not in names:
         strangers.append(symbol)
+SEEDS = ("5ce1079a33b84fd2166da480fb29c75e", "a91f74c20e58bd63f02b974ce5813ad6")
+with open(library, "rb") as file:
+    content = file.read()
+strangers += [f"half of seed {seed}" for seed in SEEDS for half in (seed[:16], seed[16:]) if bytes.fromhex(half) in content]
 print("\n".join(strangers) or f"{len(out.splitlines())} symbols, all public")
 sys.exit(1 if strangers or not names else 0)
