@@ -30,5 +30,5 @@ void KepNuvikaUtilCleanup()
         thread->quit();
         thread->wait();
     }
-    Nuvika::WorkerPool::socketCalls().endWorkers(kWorkerPatience);
+    Nuvika::WorkerPool::endSocketCallWorkers(kWorkerPatience);
 }

@@ -6,9 +6,9 @@
 
 #include "core/Log_p.h"
 #include "core/MutexGuard_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
-#include "platform/Sockets_p.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -90,10 +90,10 @@ bool NuvikaTcpServerThread::bindTo(int nListening)
         ErrorCodes::setLastError(ErrorCodes::kInvalidArgument); // a null address would bind to everything
         return false;
     }
-    if (NuvikaLLSock::bind(nListening, &address.sa, sockAddrLength(address)) != 0)
+    if (DirectCalls::bind(nListening, &address.sa, sockAddrLength(address)) != 0)
         return false;
     int length = sizeof address;
-    if (NuvikaLLSock::getsockname(nListening, &address, &length) == 0)
+    if (DirectCalls::localName(nListening, &address, &length) == 0)
         NuvikaLLSock::getPortAndAddress(&address, &m_address, &m_nPort);
     else
         m_address.clear();

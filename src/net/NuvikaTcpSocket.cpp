@@ -4,12 +4,12 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/NuvikaTcpSocketAsyncHelper_p.h"
 #include "net/NuvikaTcpSocketConnect_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
 #include "net/NuvikaTcpSocketIO_p.h"
 #include "platform/Clock_p.h"
-#include "platform/Sockets_p.h"
 
 #include <QtCore/QThread>
 
@@ -73,7 +73,7 @@ void NuvikaTcpSocket::readAddresses(int socket)
 {
     NuvikaLLSock::ADDR_V4_V6 name{};
     int length = sizeof name;
-    if (NuvikaLLSock::getsockname(socket, &name, &length) == 0)
+    if (DirectCalls::localName(socket, &name, &length) == 0)
         NuvikaLLSock::getPortAndAddress(&name, &m_localAddress, &m_nLocalPort);
     name = {};
     length = sizeof name;

@@ -4,6 +4,7 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/InterfaceIndex_p.h"
 #include "net/NuvikaUdpReceiverIO_p.h"
 #include "net/SocketAddress_p.h"
@@ -42,7 +43,7 @@ private:
 
 bool setOption(int s, int name, int value)
 {
-    return NuvikaLLSock::setsockopt(s, SOL_SOCKET, name, &value, sizeof value) == 0;
+    return DirectCalls::setOption(s, SOL_SOCKET, name, &value, sizeof value) == 0;
 }
 
 bool join(int s, const NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& interfaceAddress)
@@ -51,12 +52,12 @@ bool join(int s, const NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& inte
         ipv6_mreq request{};
         request.ipv6mr_multiaddr = group.v6.sin6_addr;
         request.ipv6mr_interface = group.v6.sin6_scope_id;
-        return NuvikaLLSock::setsockopt(s, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &request, sizeof request) == 0;
+        return DirectCalls::setOption(s, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &request, sizeof request) == 0;
     }
     ip_mreq request{};
     request.imr_multiaddr = group.v4.sin_addr;
     request.imr_interface.s_addr = htonl(interfaceAddress.toIPv4Address());
-    return NuvikaLLSock::setsockopt(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
+    return DirectCalls::setOption(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 } // namespace
 
@@ -127,7 +128,7 @@ bool NuvikaUdpReceiver::create(unsigned short& port, const QHostAddress& address
         ErrorCodes::setLastError(ErrorCodes::kAddressNotAvailable);
         return fail(creation.bindFailed);
     }
-    if (NuvikaLLSock::bind(s.get(), &local.sa, sizeof local) != 0)
+    if (DirectCalls::bind(s.get(), &local.sa, sizeof local) != 0)
         return fail(creation.bindFailed);
     if (creation.bMulticast && !join(s.get(), local, creation.interfaceAddress)) {
         m_errorString = SocketError::formatLast();

@@ -21,6 +21,9 @@ int peerName(int s, void* address, int* length);
 int connect(int s, const sockaddr* address, int length);
 int listen(int s);
 int setNonBlocking(int s, bool bNonBlocking);
+// The last error stays as it was.
+bool isBlocking(int s);
+bool lingers(int s); // its close may wait
 
 // Reads and clears the pending error, as a code; 0 when there is none.
 int takePendingError(int s);

@@ -31,7 +31,7 @@ TEST(SocketCalls, FailuresOnTheWorkerAreTheCallersLastError)
 
 TEST(SocketCalls, ARefusedWorkItemGives10107AndOneMessage)
 {
-    Nuvika::WorkerPool::socketCalls().endWorkers(std::chrono::milliseconds(2000));
+    Nuvika::WorkerPool::endSocketCallWorkers(std::chrono::milliseconds(2000));
     RawSocket s(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int before = SocketError::getLast();
     seams::threadCreation.arm(7, EAGAIN);

@@ -19,7 +19,7 @@ TEST(WorkerPool, RunsManyItemsOfManyThreadsOnce)
                     std::atomic<int>* pRan;
                     WaitableEvent done;
                 } call{&ran, {}};
-                ASSERT_TRUE(WorkerPool::socketCalls().submit(
+                ASSERT_TRUE(WorkerPool::promptCalls().submit(
                     [](void* p) {
                         ++*static_cast<Call*>(p)->pRan;
                         static_cast<Call*>(p)->done.set();
@@ -41,9 +41,9 @@ TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
     static WaitableEvent all;
     inner = 0;
     for (int i = 0; i < 64; ++i) {
-        WorkerPool::socketCalls().submit(
+        WorkerPool::promptCalls().submit(
             [](void*) {
-                WorkerPool::socketCalls().submit(
+                WorkerPool::promptCalls().submit(
                     [](void*) {
                         if (++inner == 64)
                             all.set();
@@ -58,7 +58,7 @@ TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
 
 TEST(WorkerPool, RefusesOnlyWithoutAnyThreadAndStartsAgainAfterItsEnd)
 {
-    WorkerPool& pool = WorkerPool::socketCalls();
+    WorkerPool& pool = WorkerPool::promptCalls();
     pool.endWorkers(std::chrono::milliseconds(2000));
     seams::threadCreation.arm(1, EAGAIN);
     static std::atomic<int> ran{0};

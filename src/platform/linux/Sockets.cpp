@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
@@ -106,6 +107,20 @@ int Nuvika::Sockets::setNonBlocking(int s, bool bNonBlocking)
 {
     int value = bNonBlocking ? 1 : 0;
     return checked([&] { return ::ioctl(s, FIONBIO, &value); });
+}
+
+bool Nuvika::Sockets::isBlocking(int s)
+{
+    const int flags = fcntl(s, F_GETFL);
+    return flags != -1 && (flags & O_NONBLOCK) == 0;
+}
+
+bool Nuvika::Sockets::lingers(int s)
+{
+    linger value{};
+    socklen_t size = sizeof value;
+    return getsockopt(s, SOL_SOCKET, SO_LINGER, &value, &size) == 0 && value.l_onoff != 0
+        && value.l_linger > 0;
 }
 
 int Nuvika::Sockets::takePendingError(int s)
