@@ -1,5 +1,7 @@
 #include "platform/WaitableEvent_p.h"
 #include "platform/WorkerPool_p.h"
+#include "support/EventLoop.h"
+#include "support/RawPeer.h"
 #include "support/Seams.h"
 
 #include <cerrno>
@@ -54,6 +56,19 @@ TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
     }
     all.wait();
     EXPECT_EQ(inner, 64);
+}
+
+TEST(WorkerPool, WorkersThatStayIdleEnd)
+{
+    static WorkerPool& pool = *new WorkerPool(8, std::chrono::milliseconds(10)); // workers outlive this frame
+    const int before = runningThreads();
+    std::atomic<int> ran{0};
+    for (int i = 0; i < 8; ++i)
+        ASSERT_TRUE(pool.submit([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran));
+    EXPECT_TRUE(waitFor([&] { return ran == 8 && runningThreads() == before; })) << runningThreads();
+    EXPECT_TRUE(pool.submit([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran));
+    EXPECT_TRUE(waitFor([&] { return ran == 9; })) << "the next item finds a new one";
+    pool.endWorkers(std::chrono::milliseconds(2000));
 }
 
 TEST(WorkerPool, RefusesOnlyWithoutAnyThreadAndStartsAgainAfterItsEnd)

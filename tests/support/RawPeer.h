@@ -133,12 +133,15 @@ private:
     unsigned short m_nPort = 0;
 };
 
-inline int openDescriptors()
+// Of this process: what a test must not leave behind.
+inline int entriesOf(const char* folderName)
 {
     int count = 0;
-    DIR* folder = opendir("/proc/self/fd");
+    DIR* folder = opendir(folderName);
     while (readdir(folder) != nullptr)
         ++count;
     closedir(folder);
     return count;
 }
+inline int openDescriptors() { return entriesOf("/proc/self/fd"); }
+inline int runningThreads() { return entriesOf("/proc/self/task"); }

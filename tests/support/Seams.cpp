@@ -16,6 +16,7 @@ std::atomic<bool> bVirtualSleep{false};
 Fault threadCreation;
 Fault accepting;
 Fault sending;
+Fault sendingTo;
 Fault receiving;
 Fault settingOptions;
 Fault opening;
@@ -72,6 +73,7 @@ int __real_pthread_create(
     pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
 int __real_accept4(int fd, sockaddr* address, socklen_t* length, int flags);
 ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length);
 ssize_t __real_recv(int fd, void* data, size_t size, int flags);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
 
@@ -143,6 +145,11 @@ int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, ti
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)
 {
     return seams::sending.fires() ? -1 : __real_send(fd, data, size, flags);
+}
+
+ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length)
+{
+    return seams::sendingTo.fires() ? -1 : __real_sendto(fd, data, size, flags, to, length);
 }
 
 ssize_t __wrap_recv(int fd, void* data, size_t size, int flags)

@@ -44,6 +44,7 @@ struct Fault {
 extern Fault threadCreation;
 extern Fault accepting;
 extern Fault sending;
+extern Fault sendingTo;
 extern Fault receiving;
 extern Fault settingOptions;
 extern Fault opening;
