@@ -68,6 +68,7 @@ NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_
     m_state = eXFer;
     disableNonBlocking();
     Sockets::setNoDelay(nSocket);
+    Sockets::setUrgentInline(nSocket);
     setLoadProfile(sendProfile, recvProfile, nSendQueueHint);
     if (!m_bRecvStalled)
         postReceives();

@@ -7,6 +7,7 @@
 #include "net/DirectSocketCalls_p.h"
 #include "net/InterfaceIndex_p.h"
 #include "net/NuvikaUdpReceiverIO_p.h"
+#include "net/OwnerThread_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/Sockets_p.h"
@@ -71,10 +72,14 @@ struct NuvikaUdpReceiver::Creation {
     QHostAddress interfaceAddress;
 };
 
-NuvikaUdpReceiver::NuvikaUdpReceiver(QObject* parent) : QObject(parent) { }
+NuvikaUdpReceiver::NuvikaUdpReceiver(QObject* parent)
+    : QObject(parent), m_currentThreadId(QThread::currentThreadId())
+{
+}
 
 NuvikaUdpReceiver::~NuvikaUdpReceiver()
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     for (Delivery* delivery = m_pDelivery; delivery != nullptr; delivery = delivery->pOuter)
         delivery->bGone = true;
     close();
@@ -101,6 +106,7 @@ bool NuvikaUdpReceiver::createMulticast(
 
 bool NuvikaUdpReceiver::create(unsigned short& port, const QHostAddress& address, const Creation& creation)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     if (m_nSocket >= 0) {
         NUVIKA_WARNING(lcNet, "%s", creation.alreadyCreated);
         return false;
@@ -153,21 +159,39 @@ bool NuvikaUdpReceiver::fail(const char* format)
 
 void NuvikaUdpReceiver::close()
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     m_nSocket = -1;
     if (m_pIO != nullptr)
         std::exchange(m_pIO, nullptr)->detach();
 }
 
-int NuvikaUdpReceiver::socketDescriptor() { return m_nSocket; }
+int NuvikaUdpReceiver::socketDescriptor()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_nSocket;
+}
 
-QString NuvikaUdpReceiver::errorString() const { return m_errorString; }
+QString NuvikaUdpReceiver::errorString() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_errorString;
+}
 
-QHostAddress NuvikaUdpReceiver::localAddress() { return localNameOf(m_nSocket).address; }
+QHostAddress NuvikaUdpReceiver::localAddress()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return localNameOf(m_nSocket).address;
+}
 
-unsigned short NuvikaUdpReceiver::localPort() const { return localNameOf(m_nSocket).port; }
+unsigned short NuvikaUdpReceiver::localPort() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return localNameOf(m_nSocket).port;
+}
 
 bool NuvikaUdpReceiver::setReceiveBufferSize(int bytes)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     if (m_nSocket < 0) {
         NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::setReceiveBufferSize() failed; no socket created yet");
         return false;
@@ -180,6 +204,7 @@ bool NuvikaUdpReceiver::setReceiveBufferSize(int bytes)
 
 void NuvikaUdpReceiver::registerCallback(Callback callback, void* context)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     const Registration registration{callback, context};
     if (callback != nullptr
         && std::find(m_callbacks.begin(), m_callbacks.end(), registration) == m_callbacks.end())
@@ -188,6 +213,7 @@ void NuvikaUdpReceiver::registerCallback(Callback callback, void* context)
 
 void NuvikaUdpReceiver::removeCallback(Callback callback, void* context)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     const auto found = std::find(m_callbacks.begin(), m_callbacks.end(), Registration{callback, context});
     if (found == m_callbacks.end())
         return;

@@ -29,6 +29,8 @@ bool lingers(int s); // its close may wait
 int takePendingError(int s);
 // Small pieces leave at once: the engine's own queue does the coalescing.
 void setNoDelay(int s);
+// Urgent bytes stay in their place in the stream.
+void setUrgentInline(int s);
 // Keeps segments well below a small buffer: loopback segments of 64 KB would stall its window.
 void setSegmentLimit(int s, int bytes);
 // A restart does not wait for old connections; a port with a live listener stays refused.

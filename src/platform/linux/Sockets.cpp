@@ -134,6 +134,8 @@ int Nuvika::Sockets::takePendingError(int s)
 
 void Nuvika::Sockets::setNoDelay(int s) { setQuietly(s, IPPROTO_TCP, TCP_NODELAY, 1); }
 
+void Nuvika::Sockets::setUrgentInline(int s) { setQuietly(s, SOL_SOCKET, SO_OOBINLINE, 1); }
+
 void Nuvika::Sockets::setSegmentLimit(int s, int bytes) { setQuietly(s, IPPROTO_TCP, TCP_MAXSEG, bytes); }
 
 void Nuvika::Sockets::setReuseAddress(int s) { setQuietly(s, SOL_SOCKET, SO_REUSEADDR, 1); }
