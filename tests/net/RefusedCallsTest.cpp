@@ -1,6 +1,7 @@
 // What each class does when the system refuses one of its calls: descriptors, registrations, threads,
 // options, addresses. Nothing hangs, nothing is silent, nothing is left over, and the next use works.
 #include "support/RefusedCalls.h"
+#include "support/Certificates.h"
 
 #include <KepNuvikaUtil/HostLookup.h>
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
@@ -93,6 +94,34 @@ TEST(RefusedCalls, WhileDatagramsAreSentAndReceived)
             return {false, !sender.errorString().isEmpty()};
         waitFor([&] { return bReceived || log.has("NuvikaUdpReceiverIO::"); }, 3000);
         return {bReceived, log.has("NuvikaUdpReceiverIO::", QtWarningMsg)};
+    });
+}
+
+TEST(RefusedCalls, WhileTlsIsSetUp)
+{
+    Certificates certificates;
+    const QString certificate = certificates.forLocalhost();
+    refused::eachCall([&](const LogCapture& log) -> Outcome {
+        NuvikaSslSocket client;
+        NuvikaSslSocket accepted;
+        int connected = 0;
+        bool bError = false;
+        for (NuvikaSslSocket* socket : {&client, &accepted}) {
+            QObject::connect(socket, &NuvikaSslSocket::connected, [&] { ++connected; });
+            QObject::connect(socket, &NuvikaSslSocket::error, [&](int) { bError = true; });
+        }
+        const auto any = NuvikaSslSocket::eSslAny12;
+        if (!accepted.initSsl(true, any, certificate, {}, {})
+            || !client.initSsl(false, any, {}, certificates.authority(), {}))
+            return {false, !accepted.errorString().isEmpty() || !client.errorString().isEmpty()};
+        NuvikaTcpServer server;
+        QObject::connect(
+            &server, &NuvikaTcpServer::newConnectionDesc, [&](int s) { accepted.setSocketDescriptor(s); });
+        if (!server.listen(kLocal, 0))
+            return {false, log.has("NuvikaTcpServerThread::", QtCriticalMsg)};
+        client.connectToHost(QStringLiteral("127.0.0.1"), server.serverPort());
+        waitFor([&] { return connected == 2 || bError; }, 3000);
+        return {connected == 2, bError};
     });
 }
 

@@ -58,6 +58,25 @@ TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
     EXPECT_EQ(inner, 64);
 }
 
+TEST(WorkerPool, AHundredHangingLookupsDoNotHoldUpTheNext)
+{
+    static WaitableEvent release;
+    static std::atomic<int> ended{0};
+    constexpr int kHanging = 200;
+    for (int i = 0; i < kHanging; ++i)
+        WorkerPool::lookups().submit(
+            [](void*) {
+                release.wait();
+                ++ended;
+            },
+            nullptr);
+    static std::atomic<bool> bRan{false};
+    WorkerPool::lookups().submit([](void*) { bRan = true; }, nullptr);
+    EXPECT_TRUE(waitFor([] { return bRan.load(); }, 3000));
+    release.set();
+    EXPECT_TRUE(waitFor([] { return ended == kHanging; }));
+}
+
 TEST(WorkerPool, WorkersThatStayIdleEnd)
 {
     static WorkerPool& pool = *new WorkerPool(8, std::chrono::milliseconds(10)); // workers outlive this frame
