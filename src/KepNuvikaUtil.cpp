@@ -1,10 +1,13 @@
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
+#include "core/Log_p.h"
 #include "net/HostLookup_p.h"
 #include "platform/WorkerPool_p.h"
 
 #include <memory>
 #include <utility>
+
+using namespace Nuvika;
 
 namespace
 {
@@ -19,8 +22,11 @@ void KepNuvikaUtilInit()
     if (s_pLookupThread != nullptr)
         return;
     qRegisterMetaType<QHostInfo>("QHostInfo");
-    s_pLookupThread = std::make_unique<HostLookupManagerThread>().release();
-    s_pLookupThread->startAndWait();
+    auto thread = std::make_unique<HostLookupManagerThread>();
+    if (thread->startAndWait())
+        s_pLookupThread = thread.release();
+    else
+        NUVIKA_CRITICAL(lcCore, "KepNuvikaUtilInit(): no thread can be had");
 }
 
 void KepNuvikaUtilCleanup()
@@ -30,5 +36,5 @@ void KepNuvikaUtilCleanup()
         thread->quit();
         thread->wait();
     }
-    Nuvika::WorkerPool::socketCalls().endWorkers(kWorkerPatience);
+    WorkerPool::endSocketCallWorkers(kWorkerPatience);
 }

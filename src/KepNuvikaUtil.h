@@ -55,7 +55,8 @@
 #include <KepNuvikaUtil/WinRecords.h>
 
 /// Starts the host lookup service, without which sockets resolve no names, and returns when lookups can be
-/// posted. A second call while it runs does nothing.
+/// posted. A second call while it runs does nothing. When the system gives no thread, a critical record says
+/// so, lookups are refused, and a later call tries again.
 /// Threads: one controlling thread calls both, at the start and the end of the application.
 KEPNUVIKAUTIL_EXPORT void KepNuvikaUtilInit();
 

@@ -3,6 +3,7 @@
 #include <KepNuvikaUtil/DateTimeExt.h>
 
 #include "core/Log_p.h"
+#include "platform/Thread_p.h"
 
 #include <algorithm>
 
@@ -18,8 +19,10 @@ void ClockTickerThread::start(unsigned int tickIntervalMs)
     }
     stop();
     m_nTickIntervalMs = tickIntervalMs;
-    QThread::start(QThread::InheritPriority);
-    m_running.acquire();
+    if (Nuvika::Threads::start(*this))
+        m_running.acquire();
+    else
+        NUVIKA_CRITICAL(lcMedia, "ClockTickerThread::start(): no thread can be had");
 }
 
 void ClockTickerThread::stop()

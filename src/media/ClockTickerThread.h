@@ -23,7 +23,8 @@ public:
     ~ClockTickerThread() override;
 
     /// Starts, or starts again with another interval; returns when the thread runs. 0 counts as 1 ms. Refused
-    /// with a warning from inside onTick().
+    /// with a warning from inside onTick(). When the system gives no thread, a critical record says so and
+    /// isRunning() is false.
     void start(unsigned int tickIntervalMs);
     /// Returns when the thread has ended, up to one interval later. From inside onTick() it returns at once,
     /// and the thread ends behind that tick.

@@ -9,6 +9,7 @@
 #include "core/MutexGuard_p.h"
 #include "platform/Clock_p.h"
 #include "platform/Resolver_p.h"
+#include "platform/Thread_p.h"
 #include "platform/WorkerPool_p.h"
 
 #include <sys/socket.h>
@@ -170,10 +171,12 @@ void HostLookupManager::slotWorkerComplete(const QHostInfo& answer)
     }
 }
 
-void HostLookupManagerThread::startAndWait()
+bool HostLookupManagerThread::startAndWait()
 {
-    QThread::start(QThread::InheritPriority);
+    if (!Threads::start(*this))
+        return false;
     m_started.acquire(1);
+    return true;
 }
 
 void HostLookupManagerThread::run()

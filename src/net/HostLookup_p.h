@@ -70,8 +70,8 @@ class HostLookupManagerThread : public QThread
 {
     Q_OBJECT
 public:
-    // Returns when lookups can be posted.
-    void startAndWait();
+    // Returns when lookups can be posted; false when the system gives no thread.
+    bool startAndWait();
 
 protected:
     void run() override;

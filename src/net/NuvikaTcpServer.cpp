@@ -1,17 +1,21 @@
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
 #include "net/NuvikaTcpServerThread_p.h"
-#include "platform/Sockets_p.h"
+#include "net/OwnerThread_p.h"
 
 #include <QtCore/QPointer>
 
-NuvikaTcpServer::NuvikaTcpServer(QObject* parent) : QObject(parent) { }
+NuvikaTcpServer::NuvikaTcpServer(QObject* parent)
+    : QObject(parent), m_currentThreadId(QThread::currentThreadId())
+{
+}
 
-NuvikaTcpServer::~NuvikaTcpServer() = default;
+NuvikaTcpServer::~NuvikaTcpServer() { NUVIKA_ASSERT_OWNER_THREAD(); }
 
 bool NuvikaTcpServer::listen(const QHostAddress& address, unsigned short port)
 {
-    m_pThread.reset();
+    NUVIKA_ASSERT_OWNER_THREAD();
+    close();
     m_pThread = std::make_unique<NuvikaTcpServerThread>(this, address, port);
     m_bListening = m_pThread->start();
     return m_bListening;
@@ -19,15 +23,29 @@ bool NuvikaTcpServer::listen(const QHostAddress& address, unsigned short port)
 
 void NuvikaTcpServer::close()
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
+    ++m_nSession;
     m_pThread.reset();
     m_bListening = false;
 }
 
-bool NuvikaTcpServer::isListening() { return m_bListening; }
+bool NuvikaTcpServer::isListening()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_bListening;
+}
 
-QHostAddress NuvikaTcpServer::serverAddress() { return m_bListening ? m_pThread->address() : QHostAddress(); }
+QHostAddress NuvikaTcpServer::serverAddress()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_bListening ? m_pThread->address() : QHostAddress();
+}
 
-unsigned short NuvikaTcpServer::serverPort() const { return m_bListening ? m_pThread->port() : quint16{0}; }
+unsigned short NuvikaTcpServer::serverPort() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_bListening ? m_pThread->port() : quint16{0};
+}
 
 void NuvikaTcpServer::incomingConnection(int socketDescriptor) { emit newConnectionDesc(socketDescriptor); }
 
@@ -35,16 +53,15 @@ void NuvikaTcpServer::customEvent(QEvent* event)
 {
     if (event->type() != NuvikaTcpServerNotifyEvent::kType || !m_pThread)
         return;
-    QList<int> sockets = m_pThread->takePendingSockets();
-    const NuvikaTcpServerThread* thread = m_pThread.get();
+    const quint64 session = m_nSession;
     const QPointer<NuvikaTcpServer> guard(this);
-    while (!sockets.isEmpty()) {
-        incomingConnection(sockets.takeFirst());
-        if (guard && m_pThread.get() == thread)
-            continue;
-        // Closed or deleted in the handler: what was not handed out must not leak.
-        for (const int s : qAsConst(sockets))
-            Nuvika::Sockets::close(s);
-        return;
+    for (int left = m_pThread->announced(); left > 0; --left) {
+        const int s = m_pThread->takePendingSocket();
+        if (s < 0) // handed out by an event loop inside a handler
+            return;
+        incomingConnection(s);
+        // Closed or deleted in the handler: the thread has closed what was not handed out.
+        if (!guard || m_nSession != session)
+            return;
     }
 }

@@ -16,8 +16,9 @@ class NuvikaTcpServerThread;
 /// server's own. A burst of connections costs one event.
 /// Lifetime: destruction stops listening; connections that were accepted but not yet handed out are closed.
 /// A handler of newConnectionDesc() may close or delete the server.
-/// Errors: listen() returns false and logs why. Running out of descriptors is logged once, the connection
-/// waits, and accepting resumes when descriptors are free again.
+/// Errors: listen() returns false and logs why. Running out of descriptors or memory is logged once, the
+/// connection waits, and accepting resumes when they are free again. At most 4,096 accepted connections wait
+/// for an owner that is busy; further ones wait in the system's own queue.
 class KEPNUVIKAUTIL_EXPORT NuvikaTcpServer : public QObject
 {
     Q_OBJECT
@@ -48,4 +49,6 @@ protected:
 private:
     std::unique_ptr<NuvikaTcpServerThread> m_pThread;
     bool m_bListening = false;
+    Qt::HANDLE m_currentThreadId;
+    quint64 m_nSession = 0;
 };

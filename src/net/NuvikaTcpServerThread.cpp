@@ -6,9 +6,10 @@
 
 #include "core/Log_p.h"
 #include "core/MutexGuard_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
-#include "platform/Sockets_p.h"
+#include "platform/Thread_p.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -16,7 +17,7 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr int kOutOfDescriptorsPauseMs = 100;
+constexpr int kFailurePauseMs = 100;
 constexpr int kSegmentLimit = 16384; // keeps accepted medium sockets from stalling on loopback
 
 void logFailure(const char* format)
@@ -42,9 +43,16 @@ NuvikaTcpServerThread::~NuvikaTcpServerThread()
 
 bool NuvikaTcpServerThread::start()
 {
-    if (isRunning() || !m_wait.isValid())
+    if (isRunning())
         return false;
-    QThread::start(QThread::InheritPriority);
+    if (!m_wait.isValid()) {
+        logFailure("NuvikaTcpServerThread::start(); failed creating stop event: %s");
+        return false;
+    }
+    if (!Threads::start(*this)) {
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpServerThread::start(); no thread can be had");
+        return false;
+    }
     m_started.wait();
     return m_bStartResult;
 }
@@ -90,10 +98,10 @@ bool NuvikaTcpServerThread::bindTo(int nListening)
         ErrorCodes::setLastError(ErrorCodes::kInvalidArgument); // a null address would bind to everything
         return false;
     }
-    if (NuvikaLLSock::bind(nListening, &address.sa, sockAddrLength(address)) != 0)
+    if (DirectCalls::bind(nListening, &address.sa, sockAddrLength(address)) != 0)
         return false;
     int length = sizeof address;
-    if (NuvikaLLSock::getsockname(nListening, &address, &length) == 0)
+    if (DirectCalls::localName(nListening, &address, &length) == 0)
         NuvikaLLSock::getPortAndAddress(&address, &m_address, &m_nPort);
     else
         m_address.clear();
@@ -102,66 +110,91 @@ bool NuvikaTcpServerThread::bindTo(int nListening)
 
 void NuvikaTcpServerThread::acceptUntilStopped(int nListening)
 {
-    for (;;) {
-        switch (m_wait.wait(nListening)) {
-        case AcceptWait::Event::Stop:
-            NUVIKA_DEBUG(lcNet, "NuvikaTcpServerThread::run(); Leaving...");
-            return;
-        case AcceptWait::Event::Failed:
+    using Event = AcceptWait::Event;
+    for (Event event = Event::Woken; event != Event::Stop;) {
+        event = isFull() ? m_wait.pause(-1) : m_wait.wait(nListening);
+        if (event == Event::Connection && !acceptWaiting(nListening))
+            event = m_wait.pause(kFailurePauseMs);
+        if (event == Event::Failed) {
             logFailure("NuvikaTcpServerThread::run(); WSAWaitForMultipleEvents failed on listen socket: %s");
             return;
-        case AcceptWait::Event::Connection:
-            if (!acceptWaiting(nListening))
-                m_wait.waitForStop(kOutOfDescriptorsPauseMs);
-            break;
         }
     }
+    NUVIKA_DEBUG(lcNet, "NuvikaTcpServerThread::run(); Leaving...");
 }
 
-// False when the system is out of descriptors: the connection waits, and a pause keeps us from spinning.
+// Goes on without another wait while the owner lags behind. False after a failure that may last: the
+// connection waits in the kernel, and a pause keeps us from spinning.
 bool NuvikaTcpServerThread::acceptWaiting(int nListening)
 {
-    const int s = AcceptWait::accept(nListening);
-    if (s >= 0) {
-        m_bOutOfDescriptors = false;
-        queue(s);
-        return true;
+    for (int pending = 0; pending != 1 && pending < kMostPending;) {
+        const int s = AcceptWait::accept(nListening);
+        if (s < 0)
+            return isPassing(SocketError::getLast());
+        m_nFailure = 0;
+        pending = queue(s);
     }
-    const int code = SocketError::getLast();
-    if (code == ErrorCodes::kWouldBlock) // gone between the wait and the accept
+    return true;
+}
+
+// What lasts is told once, until a connection is accepted again.
+bool NuvikaTcpServerThread::isPassing(int code)
+{
+    if (code == ErrorCodes::kWouldBlock) // gone between the wait and the accept, or none is left
         return true;
-    const bool bOutOfDescriptors = code == ErrorCodes::kTooManyDescriptors;
-    if (!bOutOfDescriptors || !m_bOutOfDescriptors) {
+    if (code != m_nFailure)
         NUVIKA_WARNING(lcNet, "NuvikaTcpServerThread::run(); WSAAccept failed on listen socket: %s",
             qUtf8Printable(SocketError::format(code)));
-    }
-    m_bOutOfDescriptors = bOutOfDescriptors;
-    return !bOutOfDescriptors;
+    m_nFailure = code;
+    return code == ErrorCodes::kConnectionAborted; // the peer's doing, and over
 }
 
-void NuvikaTcpServerThread::queue(int nSocket)
+bool NuvikaTcpServerThread::isFull()
 {
-    bool bFirst = false;
+    const MutexGuard lock(m_mutex);
+    m_bWaitsForRoom = m_pendingSockets.size() >= kMostPending;
+    return m_bWaitsForRoom;
+}
+
+// Returns how many wait now.
+int NuvikaTcpServerThread::queue(int nSocket)
+{
+    bool bAnnounce = false;
+    int pending = 0;
     {
         const MutexGuard lock(m_mutex);
-        m_pendingSockets.append(nSocket);
-        bFirst = m_pendingSockets.size() == 1;
+        m_pendingSockets.enqueue(nSocket);
+        pending = m_pendingSockets.size();
+        bAnnounce = !m_bAnnounced;
+        m_bAnnounced = true;
     }
-    if (bFirst)
+    if (bAnnounce)
         QCoreApplication::postEvent(m_pServer, new NuvikaTcpServerNotifyEvent);
+    return pending;
 }
 
-QList<int> NuvikaTcpServerThread::takePendingSockets()
+int NuvikaTcpServerThread::announced()
 {
-    QList<int> sockets;
     const MutexGuard lock(m_mutex);
-    sockets.swap(m_pendingSockets);
-    return sockets;
+    m_bAnnounced = false;
+    return m_pendingSockets.size();
+}
+
+int NuvikaTcpServerThread::takePendingSocket()
+{
+    const MutexGuard lock(m_mutex);
+    if (m_pendingSockets.isEmpty())
+        return -1;
+    const int s = m_pendingSockets.dequeue();
+    if (m_bWaitsForRoom && m_pendingSockets.size() <= kMostPending / 2) {
+        m_bWaitsForRoom = false;
+        m_wait.wake();
+    }
+    return s;
 }
 
 void NuvikaTcpServerThread::closePending()
 {
-    const QList<int> sockets = takePendingSockets();
-    for (const int s : sockets)
+    for (int s = takePendingSocket(); s >= 0; s = takePendingSocket())
         Sockets::close(s);
 }

@@ -1,12 +1,15 @@
 // Private: the thread that accepts connections for a NuvikaTcpServer.
+//
+// What was accepted waits in a list of at most kMostPending connections until the owner hands it out; further
+// ones wait in the kernel.
 #pragma once
 
 #include "platform/AcceptWait_p.h"
 #include "platform/WaitableEvent_p.h"
 
 #include <QtCore/QEvent>
-#include <QtCore/QList>
 #include <QtCore/QMutex>
+#include <QtCore/QQueue>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 
@@ -24,11 +27,16 @@ class NuvikaTcpServerThread : public QThread
 {
     Q_OBJECT
 public:
+    static constexpr int kMostPending = 4096;
+
     NuvikaTcpServerThread(NuvikaTcpServer* pServer, const QHostAddress& address, unsigned short port);
     ~NuvikaTcpServerThread() override; // stops
 
     bool start(); // returns when it listens, or has failed to
-    QList<int> takePendingSockets();
+    // How many connections wait; a further one posts an event again.
+    int announced();
+    // The one that was accepted first, or -1.
+    int takePendingSocket();
     const QHostAddress& address() const { return m_address; }
     unsigned short port() const { return m_nPort; }
 
@@ -40,16 +48,20 @@ private:
     bool bindTo(int nListening);
     void acceptUntilStopped(int nListening);
     bool acceptWaiting(int nListening);
-    void queue(int nSocket);
+    bool isPassing(int code);
+    bool isFull();
+    int queue(int nSocket);
     void closePending();
 
     NuvikaTcpServer* m_pServer;
     QHostAddress m_address;
     quint16 m_nPort;
-    QList<int> m_pendingSockets; // guarded by the mutex
+    QQueue<int> m_pendingSockets; // guarded by the mutex
+    bool m_bAnnounced = false; // guarded by the mutex: an event is on its way
+    bool m_bWaitsForRoom = false; // guarded by the mutex
     Nuvika::WaitableEvent m_started;
     Nuvika::AcceptWait m_wait;
     QMutex m_mutex;
     bool m_bStartResult = false;
-    bool m_bOutOfDescriptors = false;
+    int m_nFailure = 0; // of the accepts since the last connection, already told
 };

@@ -4,18 +4,15 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/NuvikaTcpSocketAsyncHelper_p.h"
 #include "net/NuvikaTcpSocketConnect_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
 #include "net/NuvikaTcpSocketIO_p.h"
+#include "net/OwnerThread_p.h"
 #include "platform/Clock_p.h"
-#include "platform/Sockets_p.h"
-
-#include <QtCore/QThread>
 
 using namespace Nuvika;
-
-#define NUVIKA_ASSERT_OWNER_THREAD() NUVIKA_ASSERT(m_currentThreadId == QThread::currentThread())
 
 NuvikaTcpSocket::NuvikaTcpSocket(
     LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, bool flag, QObject* parent)
@@ -27,7 +24,7 @@ NuvikaTcpSocket::NuvikaTcpSocket(
     LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, int sendQueueHint, bool flag, QObject* parent)
     : QObject(parent), m_sendProfile(sendProfile), m_recvProfile(recvProfile),
       m_nSendQueueHint(sendQueueHint), m_pAsyncHelper(new NuvikaTcpSocketAsyncHelper(this)),
-      m_currentThreadId(QThread::currentThread()), m_bSingleReceive(flag)
+      m_currentThreadId(QThread::currentThreadId()), m_bSingleReceive(flag)
 {
     connect(m_pAsyncHelper, &NuvikaTcpSocketAsyncHelper::emitCanSend, this,
         &NuvikaTcpSocket::emitCanSendAsync, Qt::QueuedConnection);
@@ -73,7 +70,7 @@ void NuvikaTcpSocket::readAddresses(int socket)
 {
     NuvikaLLSock::ADDR_V4_V6 name{};
     int length = sizeof name;
-    if (NuvikaLLSock::getsockname(socket, &name, &length) == 0)
+    if (DirectCalls::localName(socket, &name, &length) == 0)
         NuvikaLLSock::getPortAndAddress(&name, &m_localAddress, &m_nLocalPort);
     name = {};
     length = sizeof name;

@@ -9,7 +9,6 @@
 class NuvikaTcpSocketAsyncHelper;
 class NuvikaTcpSocketConnect;
 class NuvikaTcpSocketIO;
-class QThread;
 
 /// A TCP stream socket on a Qt event loop: one connection at a time, outgoing (connectToHost()) or accepted
 /// (setSocketDescriptor()), everything reported by signals on the thread that made the object.
@@ -142,7 +141,7 @@ private:
     qint32 m_nError = 0;
     QString m_peerName;
     NuvikaTcpSocketAsyncHelper* m_pAsyncHelper; // owned, a child
-    QThread* m_currentThreadId;
+    Qt::HANDLE m_currentThreadId;
     quint64 m_nSession = 0;
     QHostAddress m_localAddress;
     QHostAddress m_peerAddress;

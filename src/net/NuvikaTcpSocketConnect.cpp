@@ -5,11 +5,11 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/InterfaceIndex_p.h"
 #include "net/NuvikaTcpSocketIO_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
-#include "platform/Sockets_p.h"
 
 #include <QtCore/QSocketNotifier>
 #include <QtNetwork/QAbstractSocket>
@@ -137,7 +137,7 @@ bool NuvikaTcpSocketConnect::openSocket(const QHostAddress& address)
 void NuvikaTcpSocketConnect::watchSocket()
 {
     NUVIKA_ASSERT(m_pNotifierWrite == 0);
-    NuvikaLLSock::setNonBlocking(m_nSocket, true);
+    DirectCalls::setNonBlocking(m_nSocket, true);
     m_pNotifierWrite = std::make_unique<QSocketNotifier>(m_nSocket, QSocketNotifier::Write);
     const uint connectId = nextConnectId();
     m_pNotifierWrite->setProperty(kConnectIdProperty, connectId);
@@ -159,9 +159,8 @@ bool NuvikaTcpSocketConnect::doConnect(const QHostAddress& address)
         target.v6.sin6_scope_id = scopeIndex(address);
 
     int code = 0;
-    const int result = NuvikaLLSock::WSAConnect(m_nSocket, &target.sa, sockAddrLength(target));
-    if (result != 0)
-        code = result == -1 ? SocketError::getLast() : result;
+    if (DirectCalls::connect(m_nSocket, &target.sa, sockAddrLength(target)) != 0)
+        code = SocketError::getLast();
     if (code == ErrorCodes::kWouldBlock) {
         // Reading clears it: a second connect would report something else.
         code = Sockets::takePendingError(m_nSocket);
@@ -255,7 +254,6 @@ void NuvikaTcpSocketConnect::closeSocket()
     dropNotifier();
     if (m_nSocket < 0)
         return;
-    if (NuvikaLLSock::closesocket(m_nSocket) == ErrorCodes::kCallFailure)
-        Sockets::close(m_nSocket);
+    DirectCalls::close(m_nSocket);
     m_nSocket = -1;
 }

@@ -1,10 +1,8 @@
 #include "net/NuvikaTcpSocketIO_p.h"
 
-#include <KepNuvikaUtil/SocketCalls.h>
-
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
-#include "platform/Sockets_p.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -70,6 +68,7 @@ NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_
     m_state = eXFer;
     disableNonBlocking();
     Sockets::setNoDelay(nSocket);
+    Sockets::setUrgentInline(nSocket);
     setLoadProfile(sendProfile, recvProfile, nSendQueueHint);
     if (!m_bRecvStalled)
         postReceives();
@@ -80,7 +79,7 @@ NuvikaTcpSocketIO::~NuvikaTcpSocketIO() = default;
 // The mode never matters to the transfers, none of which may block.
 void NuvikaTcpSocketIO::disableNonBlocking()
 {
-    if (!NuvikaLLSock::setNonBlocking(m_nSocket, false))
+    if (DirectCalls::setNonBlocking(m_nSocket, false) != 0)
         NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::disableNonBlocking() failed");
 }
 
@@ -88,11 +87,9 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
 {
     const SendProfile& sendValues = kSendProfiles[profileIndex(send)];
     const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
-    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &recvValues.nSocketBuffer, sizeof(int))
-        != 0)
+    if (DirectCalls::setOption(m_nSocket, SOL_SOCKET, SO_RCVBUF, &recvValues.nSocketBuffer, sizeof(int)) != 0)
         NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed");
-    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_SNDBUF, &sendValues.nSocketBuffer, sizeof(int))
-        != 0)
+    if (DirectCalls::setOption(m_nSocket, SOL_SOCKET, SO_SNDBUF, &sendValues.nSocketBuffer, sizeof(int)) != 0)
         NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
@@ -280,6 +277,6 @@ bool NuvikaTcpSocketIO::sendEndOfData()
 void NuvikaTcpSocketIO::finishEndOfData()
 {
     NUVIKA_ASSERT(m_pFifo->isEmpty());
-    NuvikaLLSock::shutdownWrite(m_nSocket);
+    DirectCalls::shutdownWrite(m_nSocket);
     m_endOfData = eDone;
 }

@@ -4,8 +4,10 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/InterfaceIndex_p.h"
 #include "net/NuvikaUdpReceiverIO_p.h"
+#include "net/OwnerThread_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/Sockets_p.h"
@@ -42,7 +44,7 @@ private:
 
 bool setOption(int s, int name, int value)
 {
-    return NuvikaLLSock::setsockopt(s, SOL_SOCKET, name, &value, sizeof value) == 0;
+    return DirectCalls::setOption(s, SOL_SOCKET, name, &value, sizeof value) == 0;
 }
 
 bool join(int s, const NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& interfaceAddress)
@@ -51,12 +53,12 @@ bool join(int s, const NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& inte
         ipv6_mreq request{};
         request.ipv6mr_multiaddr = group.v6.sin6_addr;
         request.ipv6mr_interface = group.v6.sin6_scope_id;
-        return NuvikaLLSock::setsockopt(s, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &request, sizeof request) == 0;
+        return DirectCalls::setOption(s, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &request, sizeof request) == 0;
     }
     ip_mreq request{};
     request.imr_multiaddr = group.v4.sin_addr;
     request.imr_interface.s_addr = htonl(interfaceAddress.toIPv4Address());
-    return NuvikaLLSock::setsockopt(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
+    return DirectCalls::setOption(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 } // namespace
 
@@ -70,10 +72,14 @@ struct NuvikaUdpReceiver::Creation {
     QHostAddress interfaceAddress;
 };
 
-NuvikaUdpReceiver::NuvikaUdpReceiver(QObject* parent) : QObject(parent) { }
+NuvikaUdpReceiver::NuvikaUdpReceiver(QObject* parent)
+    : QObject(parent), m_currentThreadId(QThread::currentThreadId())
+{
+}
 
 NuvikaUdpReceiver::~NuvikaUdpReceiver()
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     for (Delivery* delivery = m_pDelivery; delivery != nullptr; delivery = delivery->pOuter)
         delivery->bGone = true;
     close();
@@ -100,6 +106,7 @@ bool NuvikaUdpReceiver::createMulticast(
 
 bool NuvikaUdpReceiver::create(unsigned short& port, const QHostAddress& address, const Creation& creation)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     if (m_nSocket >= 0) {
         NUVIKA_WARNING(lcNet, "%s", creation.alreadyCreated);
         return false;
@@ -127,7 +134,7 @@ bool NuvikaUdpReceiver::create(unsigned short& port, const QHostAddress& address
         ErrorCodes::setLastError(ErrorCodes::kAddressNotAvailable);
         return fail(creation.bindFailed);
     }
-    if (NuvikaLLSock::bind(s.get(), &local.sa, sizeof local) != 0)
+    if (DirectCalls::bind(s.get(), &local.sa, sizeof local) != 0)
         return fail(creation.bindFailed);
     if (creation.bMulticast && !join(s.get(), local, creation.interfaceAddress)) {
         m_errorString = SocketError::formatLast();
@@ -152,21 +159,39 @@ bool NuvikaUdpReceiver::fail(const char* format)
 
 void NuvikaUdpReceiver::close()
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     m_nSocket = -1;
     if (m_pIO != nullptr)
         std::exchange(m_pIO, nullptr)->detach();
 }
 
-int NuvikaUdpReceiver::socketDescriptor() { return m_nSocket; }
+int NuvikaUdpReceiver::socketDescriptor()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_nSocket;
+}
 
-QString NuvikaUdpReceiver::errorString() const { return m_errorString; }
+QString NuvikaUdpReceiver::errorString() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_errorString;
+}
 
-QHostAddress NuvikaUdpReceiver::localAddress() { return localNameOf(m_nSocket).address; }
+QHostAddress NuvikaUdpReceiver::localAddress()
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return localNameOf(m_nSocket).address;
+}
 
-unsigned short NuvikaUdpReceiver::localPort() const { return localNameOf(m_nSocket).port; }
+unsigned short NuvikaUdpReceiver::localPort() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return localNameOf(m_nSocket).port;
+}
 
 bool NuvikaUdpReceiver::setReceiveBufferSize(int bytes)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     if (m_nSocket < 0) {
         NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::setReceiveBufferSize() failed; no socket created yet");
         return false;
@@ -179,6 +204,7 @@ bool NuvikaUdpReceiver::setReceiveBufferSize(int bytes)
 
 void NuvikaUdpReceiver::registerCallback(Callback callback, void* context)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     const Registration registration{callback, context};
     if (callback != nullptr
         && std::find(m_callbacks.begin(), m_callbacks.end(), registration) == m_callbacks.end())
@@ -187,6 +213,7 @@ void NuvikaUdpReceiver::registerCallback(Callback callback, void* context)
 
 void NuvikaUdpReceiver::removeCallback(Callback callback, void* context)
 {
+    NUVIKA_ASSERT_OWNER_THREAD();
     const auto found = std::find(m_callbacks.begin(), m_callbacks.end(), Registration{callback, context});
     if (found == m_callbacks.end())
         return;

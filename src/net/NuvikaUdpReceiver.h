@@ -93,4 +93,5 @@ private:
     NuvikaUdpReceiverIO* m_pIO = nullptr; // ends itself after detach()
     int m_nSocket = -1;
     QString m_errorString;
+    Qt::HANDLE m_currentThreadId;
 };

@@ -3,6 +3,7 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/Sockets_p.h"
@@ -20,12 +21,7 @@ constexpr int kSendBuffer = 65536;
 
 struct NuvikaUdpSender::Socket {
     explicit Socket(int nSocket) : s(nSocket) { }
-    ~Socket()
-    {
-        // Without a worker the descriptor must not leak: the plain call does it then.
-        if (NuvikaLLSock::closesocket(s) == ErrorCodes::kCallFailure)
-            Sockets::close(s);
-    }
+    ~Socket() { DirectCalls::close(s); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
@@ -39,7 +35,7 @@ NuvikaUdpSender::NuvikaUdpSender()
         return;
     setOption(SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer,
         "NuvikaUdpSender::NuvikaUdpSender(): SO_SNDBUF failed: %s");
-    if (!NuvikaLLSock::setNonBlocking(m_pSocket->s, true)) {
+    if (DirectCalls::setNonBlocking(m_pSocket->s, true) != 0) {
         m_errorString = SocketError::formatLast();
         NUVIKA_WARNING(
             lcNet, "NuvikaUdpSender::NuvikaUdpSender(): FIONBIO failed: %s", qUtf8Printable(m_errorString));
@@ -73,7 +69,7 @@ bool NuvikaUdpSender::bind(const NuvikaLLSock::ADDR_V4_V6& address)
     const bool bFamily = address.sa.sa_family != AF_UNSPEC;
     if (!bFamily)
         ErrorCodes::setLastError(ErrorCodes::kFamilyNotSupported);
-    if (!bFamily || NuvikaLLSock::bind(m_pSocket->s, &address.sa, sizeof address) != 0) {
+    if (!bFamily || DirectCalls::bind(m_pSocket->s, &address.sa, sizeof address) != 0) {
         m_errorString = SocketError::formatLast();
         NUVIKA_WARNING(lcNet, "NuvikaUdpSender::bind() failed; %s", qUtf8Printable(m_errorString));
         return false;
@@ -100,8 +96,8 @@ bool NuvikaUdpSender::sendTo(const void* data, int size, const NuvikaLLSock::ADD
         return false;
     if (size < 0)
         ErrorCodes::setLastError(ErrorCodes::kInvalidArgument);
-    else if (NuvikaLLSock::sendto(
-                 m_pSocket->s, data, static_cast<unsigned int>(size), 0, &destination.sa, sizeof destination)
+    else if (DirectCalls::sendTo(
+                 m_pSocket->s, data, static_cast<std::size_t>(size), 0, &destination.sa, sizeof destination)
         == size)
         return true;
     m_errorString = SocketError::formatLast();
@@ -119,19 +115,18 @@ int NuvikaUdpSender::sendMany(
         return 0;
     }
     const int sent
-        = NuvikaLLSock::sendmany(m_pSocket->s, datagrams, count, &destination.sa, sizeof destination);
+        = DirectCalls::sendMany(m_pSocket->s, datagrams, count, &destination.sa, sizeof destination);
     if (sent == count)
         return count;
-    const bool bRefused = sent == ErrorCodes::kCallFailure;
-    m_errorString = bRefused ? SocketError::format(sent) : SocketError::formatLast();
-    return bRefused ? 0 : std::max(sent, 0);
+    m_errorString = SocketError::formatLast();
+    return std::max(sent, 0);
 }
 
 bool NuvikaUdpSender::setOption(int level, int name, const void* value, int size, const char* failureText)
 {
     if (!checkSock())
         return false;
-    if (NuvikaLLSock::setsockopt(m_pSocket->s, level, name, value, size) == 0)
+    if (DirectCalls::setOption(m_pSocket->s, level, name, value, size) == 0)
         return true;
     m_errorString = SocketError::formatLast();
     NUVIKA_WARNING(lcNet, failureText, qUtf8Printable(m_errorString));

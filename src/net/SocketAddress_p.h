@@ -3,6 +3,8 @@
 
 #include <KepNuvikaUtil/SocketCalls.h>
 
+#include "net/DirectSocketCalls_p.h"
+
 namespace Nuvika
 {
 inline int sockAddrLength(const NuvikaLLSock::ADDR_V4_V6& address)
@@ -22,7 +24,7 @@ inline SocketName localNameOf(int s)
     SocketName name;
     NuvikaLLSock::ADDR_V4_V6 record{};
     int length = sizeof record;
-    if (s >= 0 && NuvikaLLSock::getsockname(s, &record, &length) == 0)
+    if (s >= 0 && DirectCalls::localName(s, &record, &length) == 0)
         NuvikaLLSock::getPortAndAddress(&record, &name.address, &name.port);
     return name;
 }

@@ -1,192 +1,68 @@
 #include <KepNuvikaUtil/SocketCalls.h>
 
-#include "core/Log_p.h"
+#include "net/DirectSocketCalls_p.h"
+#include "net/HandOver_p.h"
 #include "platform/ErrorCodes_p.h"
-#include "platform/Sockets_p.h"
-#include "platform/WaitableEvent_p.h"
 #include "platform/WorkerPool_p.h"
 
-#include <QtCore/QRunnable>
 #include <QtNetwork/QAbstractSocket>
 
 #include <cstring>
-#include <memory>
-#include <vector>
-
-#include <sys/uio.h>
 
 using namespace Nuvika;
 
 namespace
 {
-// One wrapped call. Lives on the caller's stack while the caller waits. The event is shared, because the
-// worker may still be inside set() when the caller has already returned.
-class SocketCall : public QRunnable
+template <class Call>
+int onWorker(const char* function, bool bMayBlock, const Call& call)
 {
-public:
-    SocketCall() : m_pDone(std::make_shared<WaitableEvent>()) { setAutoDelete(false); }
-
-    void run() final
-    {
-        const std::shared_ptr<WaitableEvent> done = m_pDone;
-        m_nResult = call();
-        if (failed(m_nResult))
-            m_nError = ErrorCodes::lastError();
-        done->set();
-    }
-
-    int execute(const char* refusedText)
-    {
-        const auto trampoline = [](void* item) { static_cast<QRunnable*>(item)->run(); };
-        if (!WorkerPool::socketCalls().submit(trampoline, static_cast<QRunnable*>(this))) {
-            NUVIKA_CRITICAL(lcNet, "%s", refusedText);
-            return ErrorCodes::kCallFailure;
-        }
-        m_pDone->wait();
-        if (failed(m_nResult))
-            ErrorCodes::setLastError(m_nError);
-        return m_nResult;
-    }
-
-private:
-    virtual int call() = 0;
-    virtual bool failed(int result) const { return result == -1; }
-
-    std::shared_ptr<WaitableEvent> m_pDone;
-    int m_nResult = 0;
-    int m_nError = 0;
-};
-
-struct DoBind final : SocketCall {
-    int s;
-    const sockaddr* addr;
-    int len;
-    DoBind(int s_, const sockaddr* addr_, int len_) : s(s_), addr(addr_), len(len_) { }
-    int call() override { return Sockets::bind(s, addr, len); }
-};
-
-struct DoClose final : SocketCall {
-    int s;
-    explicit DoClose(int s_) : s(s_) { }
-    int call() override { return Sockets::close(s); }
-};
-
-struct DoWriteShutdown final : SocketCall {
-    int s;
-    explicit DoWriteShutdown(int s_) : s(s_) { }
-    int call() override { return Sockets::shutdownWrite(s); }
-};
-
-struct DoSendTo final : SocketCall {
-    int s;
-    const void* data;
-    unsigned int len;
-    int flags;
-    const sockaddr* to;
-    int tolen;
-    DoSendTo(int s_, const void* data_, unsigned int len_, int flags_, const sockaddr* to_, int tolen_)
-        : s(s_), data(data_), len(len_), flags(flags_), to(to_), tolen(tolen_)
-    {
-    }
-    int call() override { return Sockets::sendTo(s, data, len, flags, to, tolen); }
-};
-
-struct DoSendMany final : SocketCall {
-    int s;
-    const KepNuvikaUtil::BUFFER* datagrams;
-    int count;
-    const sockaddr* to;
-    int tolen;
-    DoSendMany(int s_, const KepNuvikaUtil::BUFFER* datagrams_, int count_, const sockaddr* to_, int tolen_)
-        : s(s_), datagrams(datagrams_), count(count_), to(to_), tolen(tolen_)
-    {
-    }
-    int call() override
-    {
-        m_ranges.reserve(static_cast<std::size_t>(count));
-        for (int i = 0; i < count; ++i)
-            m_ranges.push_back(
-                {const_cast<char*>(datagrams[i].pData), static_cast<std::size_t>(datagrams[i].nLen)});
-        return Sockets::sendDatagrams(s, m_ranges.data(), count, to, tolen);
-    }
-    bool failed(int result) const override { return result < count; }
-
-private:
-    std::vector<iovec> m_ranges;
-};
-
-struct DoSetSockOpt final : SocketCall {
-    int s;
-    int level;
-    int optname;
-    const void* optval;
-    int optlen;
-    DoSetSockOpt(int s_, int level_, int optname_, const void* optval_, int optlen_)
-        : s(s_), level(level_), optname(optname_), optval(optval_), optlen(optlen_)
-    {
-    }
-    int call() override { return Sockets::setOption(s, level, optname, optval, optlen); }
-};
-
-struct DoGetSockName final : SocketCall {
-    int s;
-    const void* name;
-    int* namelen;
-    DoGetSockName(int s_, const void* name_, int* namelen_) : s(s_), name(name_), namelen(namelen_) { }
-    int call() override { return Sockets::localName(s, const_cast<void*>(name), namelen); }
-};
-
-struct DoWSAConnect final : SocketCall {
-    int s;
-    const sockaddr* addr;
-    int len;
-    DoWSAConnect(int s_, const sockaddr* addr_, int len_) : s(s_), addr(addr_), len(len_) { }
-    int call() override { return Sockets::connect(s, addr, len); }
-};
+    WorkerPool& pool = bMayBlock ? WorkerPool::blockingCalls() : WorkerPool::promptCalls();
+    return handOver(function, pool, call).value_or(ErrorCodes::kCallFailure);
+}
 } // namespace
 
 int NuvikaLLSock::bind(int s, const sockaddr* addr, int len)
 {
-    return DoBind(s, addr, len).execute("NuvikaLLSock::bind(): QueueUserWorkItem failed");
+    return onWorker("bind", false, [=] { return Sockets::bind(s, addr, len); });
 }
 
 int NuvikaLLSock::closesocket(int s)
 {
-    return DoClose(s).execute("NuvikaLLSock::closesocket(): QueueUserWorkItem failed");
+    return onWorker("closesocket", Sockets::lingers(s), [=] { return Sockets::close(s); });
 }
 
 int NuvikaLLSock::shutdownWrite(int s)
 {
-    return DoWriteShutdown(s).execute("NuvikaLLSock::shutdownWrite(): QueueUserWorkItem failed");
+    return onWorker("shutdownWrite", false, [=] { return Sockets::shutdownWrite(s); });
 }
 
 int NuvikaLLSock::sendto(int s, const void* data, unsigned int len, int flags, const sockaddr* to, int tolen)
 {
-    return DoSendTo(s, data, len, flags, to, tolen)
-        .execute("NuvikaLLSock::sendto(): QueueUserWorkItem failed");
+    return onWorker(
+        "sendto", Sockets::isBlocking(s), [=] { return Sockets::sendTo(s, data, len, flags, to, tolen); });
 }
 
 int NuvikaLLSock::sendmany(
     int s, const KepNuvikaUtil::BUFFER* datagrams, int count, const sockaddr* to, int tolen)
 {
-    return DoSendMany(s, datagrams, count, to, tolen)
-        .execute("NuvikaLLSock::sendmany(): QueueUserWorkItem failed");
+    return onWorker("sendmany", false, [=] { return DirectCalls::sendMany(s, datagrams, count, to, tolen); });
 }
 
 int NuvikaLLSock::setsockopt(int s, int level, int optname, const void* optval, int optlen)
 {
-    return DoSetSockOpt(s, level, optname, optval, optlen)
-        .execute("NuvikaLLSock::setsockopt(): QueueUserWorkItem failed");
+    return onWorker(
+        "setsockopt", false, [=] { return Sockets::setOption(s, level, optname, optval, optlen); });
 }
 
 int NuvikaLLSock::getsockname(int s, const void* name, int* namelen)
 {
-    return DoGetSockName(s, name, namelen).execute("NuvikaLLSock::getsockname(): QueueUserWorkItem failed");
+    return onWorker(
+        "getsockname", false, [=] { return Sockets::localName(s, const_cast<void*>(name), namelen); });
 }
 
 int NuvikaLLSock::WSAConnect(int s, const sockaddr* addr, int len)
 {
-    return DoWSAConnect(s, addr, len).execute("NuvikaLLSock::WSAConnect(): QueueUserWorkItem failed");
+    return onWorker("WSAConnect", Sockets::isBlocking(s), [=] { return Sockets::connect(s, addr, len); });
 }
 
 bool NuvikaLLSock::setNonBlocking(int s, bool nonBlocking)

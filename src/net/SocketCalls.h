@@ -1,7 +1,8 @@
 /// \file
-/// The socket calls that the library never issues on an owner thread. Each is handed to a worker thread while
-/// the caller waits: same arguments, same result and same last error (SocketError::getLast()) as the plain
-/// call. They never run an event loop, and may be called from any thread.
+/// Socket calls off the calling thread. Each is handed to a worker thread while the caller waits: same
+/// arguments, same result and same last error (SocketError::getLast()) as the plain call. They never run an
+/// event loop, and may be called from any thread. A call that cannot block never waits for one that does;
+/// those that do hold up each other only past some hundred.
 ///
 /// When no worker can be had, a call returns 10107 (not -1), logs one critical record and leaves the last
 /// error as it was.

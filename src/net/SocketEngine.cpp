@@ -1,10 +1,7 @@
 #include "net/SocketEngine_p.h"
 
-#include <KepNuvikaUtil/SocketCalls.h>
-
 #include "core/Log_p.h"
-#include "platform/ErrorCodes_p.h"
-#include "platform/Sockets_p.h"
+#include "net/DirectSocketCalls_p.h"
 
 using namespace Nuvika;
 
@@ -54,9 +51,7 @@ void SocketEngine::detach()
         m_state = eShutdownPending;
         ++m_nInsideCallback; // a port that has ended completes inside close()
         m_channel.close();
-        // Without a worker the descriptor must not leak: the plain call does it then.
-        if (NuvikaLLSock::closesocket(m_nSocket) == ErrorCodes::kCallFailure)
-            Sockets::close(m_nSocket);
+        DirectCalls::close(m_nSocket);
         --m_nInsideCallback;
     } else {
         NUVIKA_ASSERT(!hasPendingCompletions());

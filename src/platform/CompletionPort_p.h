@@ -10,11 +10,13 @@
 // 4. Cancelling completes what is outstanding with 995; until then the buffers belong to the port.
 // 5. A completion may post, cancel, close or destroy any object, its own included; a nested event loop inside
 //    a completion goes on serving everybody.
-// 6. A pass serves every ready socket once before it serves one twice, and returns to Qt within a budget: no
-//    socket and no timer starves.
+// 6. A pass serves every ready socket once before it serves one twice, and returns to Qt within a budget that
+//    is looked at after every completion: no socket and no timer starves.
 // 7. Closing a channel ends its connection at once; only the freeing waits for the loop. When a thread's port
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
-// 8. One system call fills all receives that are posted on a channel of datagrams. Each completes alone, but
+// 8. Nothing is silent: the transfers of a channel that the port could not take, or of a port that could not
+//    be opened, complete with the code. The next channel, and the next receive, try again.
+// 9. One system call fills all receives that are posted on a channel of datagrams. Each completes alone, but
 //    such a batch counts as one service.
 //
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
@@ -28,10 +30,13 @@
 
 #include <sys/uio.h>
 
+class QObject;
+
 namespace Nuvika
 {
 class Channel;
 class CompletionPort;
+class PassBudget;
 
 // One receive or send. Belongs to the poster, who keeps it and its buffers in place while it is busy.
 class Transfer
@@ -135,14 +140,16 @@ private:
 
     bool hasWork() const;
     void ready(unsigned int events);
-    bool serveOne(); // false: this channel is gone
-    bool serveBatch();
+    bool serveOne(PassBudget& budget); // false: this channel is gone
+    bool serveBatch(PassBudget& budget);
     Transfer* nextReceive();
     bool receiveSome(Transfer& transfer);
     bool receiveBatch();
     Transfer* nextSend();
     bool trySend(Transfer& transfer);
     void schedule();
+    void enterPort();
+    void leavePort();
 
     std::shared_ptr<CompletionPort> m_pPort;
     TransferHandler& m_handler;
@@ -151,12 +158,14 @@ private:
     Channel* m_pPrevious = nullptr; // neighbours in the port's line of channels with work
     Channel* m_pNext = nullptr;
     int m_nSocket;
+    int m_nAddError = 0; // the port could not take it: what every transfer completes with
     int m_nSendError = 0;
     const Kind m_kind;
     bool m_bInLine = false;
     bool m_bReadable = false;
     bool m_bWritable = true;
-    bool m_bEnding = false; // the peer has ended or the socket failed: read on until the system says so
+    // The peer has ended or sent an urgent byte, or the socket failed: read on until the system says so.
+    bool m_bReadOn = false;
     bool m_bSendsFirst = false;
 };
 
@@ -178,25 +187,29 @@ private:
 
     static void endCurrent();
     void attachToLoop();
-    void add(Channel& channel, int socket);
+    int open();
+    void closeDescriptors();
+    int add(Channel& channel, int socket);
     void remove(int socket);
     void schedule(Channel& channel);
     void appendToLine(Channel& channel);
     void takeOutOfLine(Channel& channel);
     Channel* takeFirstInLine();
     void wakeBeforePoll();
+    void passWithoutDescriptors();
     bool fetch();
     void pass();
-    void serveRound(std::size_t channels, std::uint64_t deadline);
+    void serveRound(std::size_t channels, PassBudget& budget);
     void end();
 
-    int m_nEpoll;
-    int m_nWake;
+    int m_nEpoll = -1;
+    int m_nWake = -1;
     bool m_bArmed = false;
     bool m_bEnded = false;
     Channel* m_pFirst = nullptr;
     Channel* m_pLast = nullptr;
     std::size_t m_nInLine = 0;
     std::unique_ptr<Notifier> m_pNotifier;
+    std::unique_ptr<QObject> m_pPassLater; // while such a pass is due
 };
 } // namespace Nuvika

@@ -21,11 +21,16 @@ int peerName(int s, void* address, int* length);
 int connect(int s, const sockaddr* address, int length);
 int listen(int s);
 int setNonBlocking(int s, bool bNonBlocking);
+// The last error stays as it was.
+bool isBlocking(int s);
+bool lingers(int s); // its close may wait
 
 // Reads and clears the pending error, as a code; 0 when there is none.
 int takePendingError(int s);
 // Small pieces leave at once: the engine's own queue does the coalescing.
 void setNoDelay(int s);
+// Urgent bytes stay in their place in the stream.
+void setUrgentInline(int s);
 // Keeps segments well below a small buffer: loopback segments of 64 KB would stall its window.
 void setSegmentLimit(int s, int bytes);
 // A restart does not wait for old connections; a port with a live listener stays refused.

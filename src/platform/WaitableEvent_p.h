@@ -10,8 +10,8 @@ class WaitableEvent
 {
 public:
     void set();
-    // Spins for at most kSpinNs while another CPU can run the other side, then sleeps.
-    void wait();
+    // Sleeps until it is set. `bSpin`: somebody is just about to set it, so spin first, for at most kSpinNs.
+    void wait(bool bSpin = false);
 
     static constexpr std::uint64_t kSpinNs = 20'000;
     // Runs `done` until it is true or the spin time is over; false at once where only one CPU is usable.

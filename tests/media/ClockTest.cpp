@@ -185,6 +185,20 @@ TEST(ClockTicker, TicksForHoursWithoutDrift)
     EXPECT_LT(skipped, kTicks / 100);
 }
 
+TEST(ClockTicker, WithoutAThreadItSaysSoAndDoesNotRun)
+{
+    Ticker ticker([](std::size_t) { return false; });
+    LogCapture log;
+    ticker.setStackSize(1); // too small: the system starts no such thread
+    ticker.start(1);
+    EXPECT_FALSE(ticker.isRunning());
+    EXPECT_TRUE(log.has("ClockTickerThread::start(): no thread can be had", QtCriticalMsg));
+    ticker.setStackSize(0);
+    ticker.start(1);
+    EXPECT_TRUE(ticker.isRunning() || ticker.isFinished()) << "the next start works";
+    ticker.stop();
+}
+
 TEST(ClockTicker, SkipsMissedTicksAndTakesAJumpForANewStart)
 {
     const VirtualTime time;

@@ -1,7 +1,9 @@
 // The port's contract, point by point.
 #include "platform/CompletionPort_p.h"
+#include "platform/Sockets_p.h"
 #include "support/EventLoop.h"
 #include "support/RawPeer.h"
+#include "support/RefusedCalls.h"
 
 #include <QtCore/QEventLoop>
 #include <QtCore/QThread>
@@ -29,14 +31,20 @@ struct Done {
 class End final : public TransferHandler
 {
 public:
-    End()
+    explicit End(Channel::Kind kind = Channel::eStream)
     {
         int fds[2];
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
+        const int type = kind == Channel::eStream ? SOCK_STREAM : SOCK_DGRAM;
+        socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, fds);
         m_fd = RawSocket(fds[0]);
         peer = RawSocket(fds[1]);
+        channel = std::make_unique<Channel>(m_fd.fd(), *this, kind);
+    }
+    explicit End(RawSocket socket) : m_fd(std::move(socket))
+    {
         channel = std::make_unique<Channel>(m_fd.fd(), *this);
     }
+    int fd() const { return m_fd.fd(); }
 
     void receive(int i) { channel->postReceive(receives[i], buffers[i], sizeof buffers[i]); }
     std::size_t send(int i, const void* data, std::size_t size)
@@ -62,7 +70,7 @@ public:
 
     std::unique_ptr<Channel> channel;
     RawSocket peer;
-    Transfer receives[2];
+    DatagramReceive receives[2];
     Transfer sends[2];
     char buffers[2][64];
     std::vector<Done> done;
@@ -225,6 +233,94 @@ TEST(CompletionPort, TwoThousandBusySocketsStarveNobodyAndNoTimer)
     for (auto& end : ends)
         end->channel->close();
     settle(10);
+}
+
+TEST(CompletionPort, TransfersOfAChannelItCouldNotTakeCompleteWithTheCode)
+{
+    struct Case {
+        const char* what;
+        seams::Fault& fault;
+        int error;
+        int code;
+    };
+    for (const Case& c : {Case{"no port", seams::portCreation, EMFILE, 10024},
+             Case{"no registration", seams::registering, ENOSPC, 10055}}) {
+        refused::Thread thread([&c] { // whose port is new
+            c.fault.arm(1000, c.error);
+            End end;
+            end.bPosting = true;
+            end.receive(0);
+            end.receive(1);
+            EXPECT_EQ(end.send(0, "x", 1), 0U);
+            end.bPosting = false;
+            EXPECT_TRUE(waitFor([&] { return end.done.size() == 3; }, 3000)) << c.what << " is silent";
+            for (const Done& d : end.done)
+                EXPECT_EQ(d.error, c.code) << c.what;
+            c.fault.arm(0, 0);
+            end.done.clear();
+            end.peer.write("again");
+            end.receive(0);
+            EXPECT_TRUE(waitFor([&] { return end.done.size() == 1; }, 3000)) << c.what << " is for good";
+            EXPECT_EQ(end.receives[0].bytes(), 5) << c.what;
+            end.channel->close();
+        });
+        thread.start();
+        thread.wait();
+    }
+}
+
+TEST(CompletionPort, SlowHandlersLeaveTimersTheirTurn)
+{
+    for (const auto kind : {Channel::eStream, Channel::eDatagrams}) {
+        std::vector<std::unique_ptr<End>> ends;
+        int sinceTick = 0;
+        int most = 0;
+        int handled = 0;
+        QTimer timer;
+        QObject::connect(&timer, &QTimer::timeout, [&] { sinceTick = 0; });
+        for (int i = 0; i < 10; ++i) {
+            ends.push_back(std::make_unique<End>(kind));
+            ends.back()->onDone = [&](const Done& d) {
+                QElapsedTimer busy;
+                busy.start();
+                while (busy.elapsed() < 2) { }
+                most = std::max(most, ++sinceTick);
+                handled += d.error == 0 ? 1 : 0;
+            };
+            for (int n = 0; n < 2; ++n) {
+                ends.back()->peer.write(QByteArray(64, 'x'));
+                ends.back()->receive(n);
+            }
+        }
+        timer.start(1);
+        EXPECT_TRUE(waitFor([&] { return handled == 20; }));
+        EXPECT_LE(most, 5) << "handlers of 2 ms between two ticks, kind " << kind;
+        for (auto& end : ends)
+            end->channel->close();
+    }
+}
+
+TEST(CompletionPort, DeliversWhatStandsBehindAnUrgentByteAtOnce)
+{
+    RawListener listener;
+    RawSocket peer = RawSocket::connectTo(listener.port());
+    End end(listener.accept());
+    Sockets::setUrgentInline(end.fd());
+    QByteArray received;
+    end.onDone = [&](const Done& d) {
+        const bool bFirst = d.transfer == &end.receives[0];
+        received.append(end.buffers[bFirst ? 0 : 1], d.bytes);
+        if (d.error == 0)
+            end.receive(bFirst ? 0 : 1);
+    };
+    peer.write("before");
+    ::send(peer.fd(), "!", 1, MSG_OOB);
+    peer.write("behind");
+    end.receive(0);
+    end.receive(1);
+    EXPECT_TRUE(waitFor([&] { return received == "before!behind"; }, 3000)) << received.constData();
+    end.channel->close();
+    settle(5);
 }
 
 TEST(CompletionPort, SeesThePeersEndBehindItsLastBytes)

@@ -1,5 +1,7 @@
 #include "platform/WaitableEvent_p.h"
 #include "platform/WorkerPool_p.h"
+#include "support/EventLoop.h"
+#include "support/RawPeer.h"
 #include "support/Seams.h"
 
 #include <cerrno>
@@ -19,7 +21,7 @@ TEST(WorkerPool, RunsManyItemsOfManyThreadsOnce)
                     std::atomic<int>* pRan;
                     WaitableEvent done;
                 } call{&ran, {}};
-                ASSERT_TRUE(WorkerPool::socketCalls().submit(
+                ASSERT_TRUE(WorkerPool::promptCalls().submit(
                     [](void* p) {
                         ++*static_cast<Call*>(p)->pRan;
                         static_cast<Call*>(p)->done.set();
@@ -41,9 +43,9 @@ TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
     static WaitableEvent all;
     inner = 0;
     for (int i = 0; i < 64; ++i) {
-        WorkerPool::socketCalls().submit(
+        WorkerPool::promptCalls().submit(
             [](void*) {
-                WorkerPool::socketCalls().submit(
+                WorkerPool::promptCalls().submit(
                     [](void*) {
                         if (++inner == 64)
                             all.set();
@@ -56,9 +58,41 @@ TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
     EXPECT_EQ(inner, 64);
 }
 
+TEST(WorkerPool, AHundredHangingLookupsDoNotHoldUpTheNext)
+{
+    static WaitableEvent release;
+    static std::atomic<int> ended{0};
+    constexpr int kHanging = 200;
+    for (int i = 0; i < kHanging; ++i)
+        WorkerPool::lookups().submit(
+            [](void*) {
+                release.wait();
+                ++ended;
+            },
+            nullptr);
+    static std::atomic<bool> bRan{false};
+    WorkerPool::lookups().submit([](void*) { bRan = true; }, nullptr);
+    EXPECT_TRUE(waitFor([] { return bRan.load(); }, 3000));
+    release.set();
+    EXPECT_TRUE(waitFor([] { return ended == kHanging; }));
+}
+
+TEST(WorkerPool, WorkersThatStayIdleEnd)
+{
+    static WorkerPool& pool = *new WorkerPool(8, std::chrono::milliseconds(10)); // workers outlive this frame
+    const int before = runningThreads();
+    std::atomic<int> ran{0};
+    for (int i = 0; i < 8; ++i)
+        ASSERT_TRUE(pool.submit([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran));
+    EXPECT_TRUE(waitFor([&] { return ran == 8 && runningThreads() == before; })) << runningThreads();
+    EXPECT_TRUE(pool.submit([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran));
+    EXPECT_TRUE(waitFor([&] { return ran == 9; })) << "the next item finds a new one";
+    pool.endWorkers(std::chrono::milliseconds(2000));
+}
+
 TEST(WorkerPool, RefusesOnlyWithoutAnyThreadAndStartsAgainAfterItsEnd)
 {
-    WorkerPool& pool = WorkerPool::socketCalls();
+    WorkerPool& pool = WorkerPool::promptCalls();
     pool.endWorkers(std::chrono::milliseconds(2000));
     seams::threadCreation.arm(1, EAGAIN);
     static std::atomic<int> ran{0};

@@ -1,6 +1,8 @@
 // The other end of a connection by plain system calls, so that only the near side is under test.
 #pragma once
 
+#include "support/Seams.h"
+
 #include <QtCore/QByteArray>
 
 #include <cerrno>
@@ -26,6 +28,7 @@ public:
 
     static RawSocket connectTo(unsigned short port)
     {
+        const seams::Exempt exempt;
         RawSocket s(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -124,6 +127,7 @@ public:
     unsigned short port() const { return m_nPort; }
     RawSocket accept() // not open when nobody waits
     {
+        const seams::Exempt exempt;
         return RawSocket(::accept4(m_socket.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     }
     void close() { m_socket.close(); }
@@ -133,12 +137,15 @@ private:
     unsigned short m_nPort = 0;
 };
 
-inline int openDescriptors()
+// Of this process: what a test must not leave behind.
+inline int entriesOf(const char* folderName)
 {
     int count = 0;
-    DIR* folder = opendir("/proc/self/fd");
+    DIR* folder = opendir(folderName);
     while (readdir(folder) != nullptr)
         ++count;
     closedir(folder);
     return count;
 }
+inline int openDescriptors() { return entriesOf("/proc/self/fd"); }
+inline int runningThreads() { return entriesOf("/proc/self/task"); }

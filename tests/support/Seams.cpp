@@ -7,7 +7,10 @@
 #include <ctime>
 #include <netdb.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+
+class QThread;
 
 namespace seams
 {
@@ -16,10 +19,13 @@ std::atomic<bool> bVirtualSleep{false};
 Fault threadCreation;
 Fault accepting;
 Fault sending;
+Fault sendingTo;
 Fault receiving;
 Fault settingOptions;
 Fault opening;
 Fault receivingMany;
+Fault registering;
+Fault portCreation;
 
 Fault& crypto(const char* function)
 {
@@ -38,6 +44,32 @@ bool Fault::fires()
     errno = nErrno;
     return true;
 }
+
+namespace
+{
+std::atomic<int> s_nUntilRefusal{0};
+std::atomic<const char*> s_pRefusedCall{nullptr};
+thread_local int t_nExempt = 0;
+
+bool refuses(const char* call, int error)
+{
+    if (t_nExempt > 0 || s_nUntilRefusal <= 0 || --s_nUntilRefusal != 0)
+        return false;
+    s_pRefusedCall = call;
+    errno = error;
+    return true;
+}
+bool refuses(Fault& fault, const char* call, int error) { return fault.fires() || refuses(call, error); }
+} // namespace
+
+void refuseNth(int n)
+{
+    s_pRefusedCall = nullptr;
+    s_nUntilRefusal = n;
+}
+const char* refusedCall() { return s_pRefusedCall; }
+Exempt::Exempt() { ++t_nExempt; }
+Exempt::~Exempt() { --t_nExempt; }
 
 Resolver& resolver()
 {
@@ -72,6 +104,7 @@ int __real_pthread_create(
     pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
 int __real_accept4(int fd, sockaddr* address, socklen_t* length, int flags);
 ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length);
 ssize_t __real_recv(int fd, void* data, size_t size, int flags);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
 
@@ -94,6 +127,8 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now)
 
 int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list)
 {
+    if (seams::refuses("getaddrinfo", 0))
+        return EAI_MEMORY;
     seams::Resolver& resolver = seams::resolver();
     std::unique_lock<std::mutex> lock(resolver.mutex);
     ++resolver.nCalls;
@@ -114,12 +149,15 @@ int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hi
 int __wrap_pthread_create(
     pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
 {
-    return seams::threadCreation.fires() ? EAGAIN : __real_pthread_create(thread, attributes, run, argument);
+    return seams::refuses(seams::threadCreation, "pthread_create", EAGAIN)
+        ? EAGAIN
+        : __real_pthread_create(thread, attributes, run, argument);
 }
 
 int __wrap_accept4(int fd, sockaddr* address, socklen_t* length, int flags)
 {
-    return seams::accepting.fires() ? -1 : __real_accept4(fd, address, length, flags);
+    return seams::refuses(seams::accepting, "accept4", EMFILE) ? -1
+                                                               : __real_accept4(fd, address, length, flags);
 }
 
 int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left)
@@ -132,7 +170,7 @@ int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, t
 
 int __wrap_socket(int family, int type, int protocol)
 {
-    return seams::opening.fires() ? -1 : __real_socket(family, type, protocol);
+    return seams::refuses(seams::opening, "socket", EMFILE) ? -1 : __real_socket(family, type, protocol);
 }
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)
@@ -145,6 +183,11 @@ ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)
     return seams::sending.fires() ? -1 : __real_send(fd, data, size, flags);
 }
 
+ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length)
+{
+    return seams::sendingTo.fires() ? -1 : __real_sendto(fd, data, size, flags, to, length);
+}
+
 ssize_t __wrap_recv(int fd, void* data, size_t size, int flags)
 {
     return seams::receiving.fires() ? -1 : __real_recv(fd, data, size, flags);
@@ -152,7 +195,41 @@ ssize_t __wrap_recv(int fd, void* data, size_t size, int flags)
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
 {
-    return seams::settingOptions.fires() ? -1 : __real_setsockopt(fd, level, name, value, length);
+    return seams::refuses(seams::settingOptions, "setsockopt", ENOBUFS)
+        ? -1
+        : __real_setsockopt(fd, level, name, value, length);
+}
+
+// Threads that Qt starts for the library.
+bool __real__ZN6Nuvika7Threads5startER7QThread(QThread& thread);
+bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
+{
+    return !seams::refuses(seams::threadCreation, "QThread::start", EAGAIN)
+        && __real__ZN6Nuvika7Threads5startER7QThread(thread);
+}
+
+#define NUVIKA_WRAP(function, error, parameters, arguments)                                                  \
+    int __real_##function parameters;                                                                        \
+    int __wrap_##function parameters                                                                         \
+    {                                                                                                        \
+        return seams::refuses(#function, error) ? -1 : __real_##function arguments;                          \
+    }
+
+int __real_epoll_create1(int flags);
+int __wrap_epoll_create1(int flags)
+{
+    return seams::refuses(seams::portCreation, "epoll_create1", EMFILE) ? -1 : __real_epoll_create1(flags);
+}
+NUVIKA_WRAP(eventfd, EMFILE, (unsigned int count, int flags), (count, flags))
+NUVIKA_WRAP(bind, ENOMEM, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
+NUVIKA_WRAP(listen, EADDRINUSE, (int fd, int backlog), (fd, backlog))
+
+int __real_epoll_ctl(int port, int operation, int fd, epoll_event* event);
+int __wrap_epoll_ctl(int port, int operation, int fd, epoll_event* event)
+{
+    const bool bRefused
+        = operation == EPOLL_CTL_ADD && seams::refuses(seams::registering, "epoll_ctl", ENOSPC);
+    return bRefused ? -1 : __real_epoll_ctl(port, operation, fd, event);
 }
 
 #define NUVIKA_WRAP_CRYPTO(function, parameters, arguments)                                                  \

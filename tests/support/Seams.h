@@ -44,10 +44,27 @@ struct Fault {
 extern Fault threadCreation;
 extern Fault accepting;
 extern Fault sending;
+extern Fault sendingTo;
 extern Fault receiving;
 extern Fault settingOptions;
 extern Fault opening;
 extern Fault receivingMany;
+extern Fault registering; // with a port
+extern Fault portCreation;
+
+// Of all calls that the system may refuse (descriptors, registrations, threads, options, addresses), the Nth
+// from now on fails once, with an error that is usual for it. 0: none.
+void refuseNth(int n);
+// The call that was refused, or null.
+const char* refusedCall();
+// The calls of a test's own peers, on this thread, are not counted.
+struct Exempt {
+    Exempt();
+    ~Exempt();
+    Exempt(const Exempt&) = delete;
+    Exempt& operator=(const Exempt&) = delete;
+};
+
 // Steps of the crypto library, by the name of its function.
 Fault& crypto(const char* function);
 } // namespace seams

@@ -13,36 +13,48 @@
 
 using namespace Nuvika;
 
-AcceptWait::AcceptWait() : m_nStop(eventfd(0, EFD_CLOEXEC)) { }
+AcceptWait::AcceptWait() : m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (m_nWake < 0)
+        ErrorCodes::setLastError(ErrorCodes::fromErrno(errno));
+}
 
 AcceptWait::~AcceptWait()
 {
-    if (m_nStop >= 0)
-        close(m_nStop);
+    if (m_nWake >= 0)
+        close(m_nWake);
 }
 
 void AcceptWait::stop()
 {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = write(m_nStop, &one, sizeof one);
+    m_bStop = true;
+    wake();
 }
 
-AcceptWait::Event AcceptWait::wait(int nListening)
+void AcceptWait::wake()
 {
-    std::array<pollfd, 2> set{{{m_nStop, POLLIN, 0}, {nListening, POLLIN, 0}}};
-    while (poll(set.data(), set.size(), -1) == -1) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = write(m_nWake, &one, sizeof one);
+}
+
+AcceptWait::Event AcceptWait::wait(int nListening) { return poll(nListening, -1); }
+
+AcceptWait::Event AcceptWait::pause(int milliseconds) { return poll(-1, milliseconds); }
+
+AcceptWait::Event AcceptWait::poll(int nListening, int milliseconds)
+{
+    std::array<pollfd, 2> set{{{m_nWake, POLLIN, 0}, {nListening, POLLIN, 0}}}; // a negative one is ignored
+    while (::poll(set.data(), set.size(), milliseconds) == -1) {
         if (errno != EINTR) {
             ErrorCodes::setLastError(ErrorCodes::fromErrno(errno));
             return Event::Failed;
         }
     }
-    return set[0].revents != 0 ? Event::Stop : Event::Connection;
-}
-
-bool AcceptWait::waitForStop(int milliseconds)
-{
-    pollfd stop{m_nStop, POLLIN, 0};
-    return poll(&stop, 1, milliseconds) == 1;
+    if (set[0].revents == 0)
+        return set[1].revents != 0 ? Event::Connection : Event::Woken;
+    std::uint64_t wakes = 0;
+    [[maybe_unused]] const auto got = read(m_nWake, &wakes, sizeof wakes);
+    return m_bStop ? Event::Stop : Event::Woken;
 }
 
 int AcceptWait::accept(int nListening)

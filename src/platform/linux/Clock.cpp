@@ -10,6 +10,8 @@ std::uint64_t Nuvika::Clock::monotonicNs()
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+std::uint64_t Nuvika::Clock::cycles() { return __builtin_ia32_rdtsc(); }
+
 std::uint32_t Nuvika::Clock::monotonicMs() { return static_cast<std::uint32_t>(monotonicNs() / 1'000'000U); }
 
 std::uint64_t Nuvika::Clock::wallClockMs()

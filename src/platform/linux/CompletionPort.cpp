@@ -1,8 +1,7 @@
 #include "platform/CompletionPort_p.h"
 
-#include "platform/Clock_p.h"
 #include "platform/ErrorCodes_p.h"
-#include "platform/Sockets_p.h"
+#include "platform/PassBudget_p.h"
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
@@ -10,7 +9,7 @@
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QThread>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 
 #include <sys/epoll.h>
@@ -22,277 +21,8 @@ using namespace Nuvika;
 namespace
 {
 constexpr std::size_t kEventsPerFetch = 256;
-constexpr std::uint64_t kPassBudgetNs = 3'000'000;
 constexpr std::uint64_t kFetchIntervalNs = 50'000; // a short round need not ask the kernel for more
-constexpr std::size_t kServedPerClockReading = 16;
 } // namespace
-
-// --- Transfer, TransferQueue ---------------------------------------------------------------------------
-
-void Transfer::begin()
-{
-    m_nBytes = 0;
-    m_nLeft = 0;
-    for (int i = 0; i < nRanges; ++i)
-        m_nLeft += ranges[static_cast<std::size_t>(i)].iov_len;
-    m_nFirstRange = 0;
-    m_nError = 0;
-    m_bDone = false;
-    m_bBusy = true;
-}
-
-void Transfer::advance(std::size_t bytes)
-{
-    m_nBytes += bytes;
-    m_nLeft -= bytes;
-    while (bytes > 0) {
-        iovec& range = ranges[static_cast<std::size_t>(m_nFirstRange)];
-        const std::size_t step = std::min(bytes, range.iov_len);
-        range.iov_base = static_cast<char*>(range.iov_base) + step;
-        range.iov_len -= step;
-        bytes -= step;
-        if (range.iov_len == 0)
-            ++m_nFirstRange;
-    }
-}
-
-void TransferQueue::append(Transfer& transfer)
-{
-    transfer.m_pNext = nullptr;
-    (m_pFirst == nullptr ? m_pFirst : m_pLast->m_pNext) = &transfer;
-    m_pLast = &transfer;
-}
-
-Transfer* TransferQueue::takeFirst()
-{
-    Transfer* transfer = m_pFirst;
-    m_pFirst = transfer->m_pNext;
-    transfer->m_bBusy = false;
-    return transfer;
-}
-
-void TransferQueue::finishAll(int nError)
-{
-    for (Transfer* transfer = m_pFirst; transfer != nullptr; transfer = transfer->m_pNext) {
-        if (!transfer->m_bDone)
-            transfer->finish(nError);
-    }
-}
-
-// --- Channel -------------------------------------------------------------------------------------------
-
-Channel::Channel(int socket, TransferHandler& handler, Kind kind)
-    : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket), m_kind(kind)
-{
-    m_pPort->add(*this, socket);
-}
-
-Channel::~Channel()
-{
-    if (m_nSocket >= 0)
-        m_pPort->remove(m_nSocket);
-    m_pPort->takeOutOfLine(*this);
-}
-
-bool Channel::hasWork() const
-{
-    return (!m_receives.isEmpty() && (m_bReadable || m_receives.firstIsDone()))
-        || (!m_sends.isEmpty() && (m_bWritable || m_sends.firstIsDone()));
-}
-
-void Channel::schedule()
-{
-    if (hasWork())
-        m_pPort->schedule(*this);
-}
-
-void Channel::ready(unsigned int events)
-{
-    if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0)
-        m_bEnding = true;
-    if ((events & EPOLLIN) != 0 || m_bEnding)
-        m_bReadable = true;
-    if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0)
-        m_bWritable = true;
-    schedule();
-}
-
-void Channel::postReceive(Transfer& transfer, void* buffer, std::size_t size)
-{
-    transfer.ranges[0] = {buffer, size};
-    transfer.nRanges = 1;
-    transfer.begin();
-    m_receives.append(transfer);
-    schedule();
-}
-
-std::size_t Channel::postSend(Transfer& transfer)
-{
-    transfer.begin();
-    const bool bNextToGo = m_sends.lastIsDone();
-    m_sends.append(transfer);
-    if (bNextToGo && m_bWritable)
-        trySend(transfer);
-    schedule();
-    return transfer.m_nBytes;
-}
-
-bool Channel::trySend(Transfer& transfer)
-{
-    while (!transfer.m_bDone) {
-        if (m_nSendError != 0) {
-            transfer.finish(m_nSendError);
-            break;
-        }
-        const auto first = static_cast<std::size_t>(transfer.m_nFirstRange);
-        const long sent
-            = Sockets::send(m_nSocket, &transfer.ranges[first], transfer.nRanges - transfer.m_nFirstRange);
-        if (sent >= 0) {
-            transfer.advance(static_cast<std::size_t>(sent));
-            if (transfer.m_nLeft == 0)
-                transfer.finish(0);
-        } else if (ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
-            m_bWritable = false;
-            return false;
-        } else {
-            // The call has consumed the socket's pending error: a later receive would see a plain end.
-            m_nSendError = ErrorCodes::lastError();
-        }
-    }
-    return true;
-}
-
-Transfer* Channel::nextSend()
-{
-    if (m_sends.isEmpty())
-        return nullptr;
-    if (m_sends.firstIsDone() || (m_bWritable && trySend(*m_sends.first())))
-        return m_sends.takeFirst();
-    return nullptr;
-}
-
-Transfer* Channel::nextReceive()
-{
-    if (m_receives.isEmpty())
-        return nullptr;
-    if (!m_receives.firstIsDone()) {
-        const bool bDone
-            = m_bReadable && (m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first()));
-        if (!bDone)
-            return nullptr;
-    }
-    return m_receives.takeFirst();
-}
-
-bool Channel::receiveSome(Transfer& transfer)
-{
-    const std::size_t size = transfer.m_nLeft;
-    const long got = Sockets::receive(m_nSocket, transfer.ranges[0].iov_base, size);
-    if (got < 0 && ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
-        m_bReadable = false;
-        return false;
-    }
-    // A short read has emptied the socket: the next byte raises a new edge. Not so behind the peer's end,
-    // whose edge has been seen.
-    if (static_cast<std::size_t>(std::max(got, 0L)) < size && !m_bEnding)
-        m_bReadable = false;
-    transfer.m_nBytes = static_cast<std::size_t>(std::max(got, 0L));
-    transfer.finish(got < 0 ? ErrorCodes::lastError() : got == 0 ? m_nSendError : 0);
-    return true;
-}
-
-bool Channel::receiveBatch()
-{
-    std::array<Sockets::ReceivedDatagram, Sockets::kMaxBatch> batch;
-    int count = 0;
-    for (Transfer* transfer = m_receives.first(); transfer != nullptr && count < Sockets::kMaxBatch;
-         transfer = TransferQueue::next(*transfer)) {
-        auto& receive = static_cast<DatagramReceive&>(*transfer);
-        batch[static_cast<std::size_t>(count++)] = {receive.ranges[0].iov_base, receive.m_nLeft,
-            receive.sender.data(), receive.sender.size(), 0, false};
-    }
-    const int got = Sockets::receiveDatagrams(m_nSocket, batch.data(), count);
-    if (got < 0) {
-        if (ErrorCodes::lastError() != ErrorCodes::kWouldBlock) {
-            m_receives.first()->finish(ErrorCodes::lastError());
-            return true;
-        }
-        m_bReadable = false;
-        return false;
-    }
-    m_bReadable = got == count; // fewer have emptied the socket: the next one raises a new edge
-    Transfer* transfer = m_receives.first();
-    for (int i = 0; i < got; ++i, transfer = TransferQueue::next(*transfer)) {
-        const Sockets::ReceivedDatagram& datagram = batch[static_cast<std::size_t>(i)];
-        transfer->m_nBytes = datagram.received;
-        transfer->finish(datagram.bTruncated ? ErrorCodes::kMessageSize : 0);
-    }
-    return true;
-}
-
-void Channel::cancelReceives()
-{
-    m_receives.finishAll(ErrorCodes::kCancelled);
-    schedule();
-}
-
-bool Channel::serveBatch()
-{
-    for (int served = 0; served < Sockets::kMaxBatch; ++served) {
-        Transfer* received = nextReceive();
-        if (received == nullptr)
-            break;
-        if (hasWork())
-            m_pPort->appendToLine(*this);
-        if (!m_handler.receiveCompleted(*received))
-            return false;
-        if (!m_receives.firstIsDone())
-            break;
-    }
-    if (!hasWork())
-        m_pPort->takeOutOfLine(*this);
-    return true;
-}
-
-bool Channel::serveOne()
-{
-    if (m_kind == eDatagrams)
-        return serveBatch();
-    Transfer* sent = m_bSendsFirst ? nextSend() : nullptr;
-    Transfer* received = sent == nullptr ? nextReceive() : nullptr;
-    if (sent == nullptr && received == nullptr && !m_bSendsFirst)
-        sent = nextSend();
-    m_bSendsFirst = received != nullptr;
-    if (hasWork())
-        m_pPort->appendToLine(*this);
-    if (received == nullptr)
-        return sent == nullptr || m_handler.sendCompleted(*sent);
-    if (!m_handler.receiveCompleted(*received))
-        return false;
-    // An answer that the handler sent has usually left already: it completes while its memory is at hand.
-    if (m_sends.firstIsDone() && m_nSocket >= 0) {
-        if (!m_handler.sendCompleted(*m_sends.takeFirst()))
-            return false;
-        if (!hasWork())
-            m_pPort->takeOutOfLine(*this);
-    }
-    return true;
-}
-
-void Channel::close()
-{
-    if (m_nSocket < 0)
-        return;
-    m_pPort->remove(m_nSocket);
-    m_nSocket = -1;
-    m_bReadable = false;
-    m_bWritable = false;
-    m_receives.finishAll(ErrorCodes::kCancelled);
-    m_sends.finishAll(ErrorCodes::kCancelled);
-    schedule();
-}
-
-// --- CompletionPort ------------------------------------------------------------------------------------
 
 // What Qt's dispatcher sees. It also listens for the moments in which the loop may go to sleep.
 class CompletionPort::Notifier : public QSocketNotifier
@@ -350,27 +80,47 @@ void CompletionPort::endCurrent()
         port->end();
 }
 
-CompletionPort::CompletionPort()
-    : m_nEpoll(epoll_create1(EPOLL_CLOEXEC)), m_nWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-{
-    // Edge-triggered: each write is one wake-up, and nobody needs to read it away.
-    epoll_event wake{};
-    wake.events = EPOLLIN | EPOLLET;
-    epoll_ctl(m_nEpoll, EPOLL_CTL_ADD, m_nWake, &wake);
-    attachToLoop();
-}
+CompletionPort::CompletionPort() { open(); }
 
 CompletionPort::~CompletionPort()
 {
     m_pNotifier.reset();
-    ::close(m_nWake);
-    ::close(m_nEpoll);
+    closeDescriptors();
+}
+
+// Returns 0 or a code. Descriptors may be short: the next channel tries again then.
+int CompletionPort::open()
+{
+    if (m_nEpoll >= 0)
+        return 0;
+    m_nEpoll = epoll_create1(EPOLL_CLOEXEC);
+    if (m_nEpoll >= 0)
+        m_nWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    // Edge-triggered: each write is one wake-up, and nobody needs to read it away.
+    epoll_event wake{};
+    wake.events = EPOLLIN | EPOLLET;
+    if (m_nWake < 0 || epoll_ctl(m_nEpoll, EPOLL_CTL_ADD, m_nWake, &wake) != 0) {
+        const int code = ErrorCodes::fromErrno(errno);
+        closeDescriptors();
+        return code;
+    }
+    attachToLoop();
+    return 0;
+}
+
+void CompletionPort::closeDescriptors()
+{
+    for (int* descriptor : {&m_nWake, &m_nEpoll}) {
+        if (*descriptor >= 0)
+            ::close(*descriptor);
+        *descriptor = -1;
+    }
 }
 
 void CompletionPort::attachToLoop()
 {
     QAbstractEventDispatcher* loop = QAbstractEventDispatcher::instance();
-    if (m_pNotifier || m_bEnded || loop == nullptr)
+    if (m_pNotifier || m_bEnded || m_nEpoll < 0 || loop == nullptr)
         return;
     m_pNotifier = std::make_unique<Notifier>(*this, m_nEpoll, loop);
     const QCoreApplication* application = QCoreApplication::instance();
@@ -378,17 +128,17 @@ void CompletionPort::attachToLoop()
         qAddPostRoutine(&CompletionPort::endCurrent);
 }
 
-void CompletionPort::add(Channel& channel, int socket)
+// Returns 0 or a code.
+int CompletionPort::add(Channel& channel, int socket)
 {
-    if (!m_pNotifier)
-        attachToLoop();
+    const int code = open();
+    if (code != 0)
+        return code;
+    attachToLoop();
     epoll_event event{};
-    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLPRI | EPOLLET;
     event.data.ptr = &channel;
-    if (epoll_ctl(m_nEpoll, EPOLL_CTL_ADD, socket, &event) != 0) {
-        // Served at once: its transfers will report what is wrong with the descriptor.
-        channel.m_bReadable = true;
-    }
+    return epoll_ctl(m_nEpoll, EPOLL_CTL_ADD, socket, &event) == 0 ? 0 : ErrorCodes::fromErrno(errno);
 }
 
 void CompletionPort::remove(int socket)
@@ -400,13 +150,32 @@ void CompletionPort::remove(int socket)
 void CompletionPort::schedule(Channel& channel)
 {
     if (m_bEnded) {
+        PassBudget budget;
         const bool bClosed = channel.m_nSocket < 0;
-        while (bClosed && channel.hasWork() && channel.serveOne()) { }
+        while (bClosed && channel.hasWork() && channel.serveOne(budget)) { }
         return;
     }
     appendToLine(channel);
-    if (!m_pNotifier)
+    if (m_nEpoll < 0)
+        passWithoutDescriptors();
+    else
         attachToLoop();
+}
+
+// What a port that could not be opened has to report comes by way of a posted event.
+void CompletionPort::passWithoutDescriptors()
+{
+    if (m_pPassLater)
+        return;
+    m_pPassLater = std::make_unique<QObject>();
+    const auto passNow = [this] {
+        const std::shared_ptr<CompletionPort> self = shared_from_this();
+        m_pPassLater.release()->deleteLater();
+        pass();
+        if (m_pFirst != nullptr && !m_bEnded)
+            passWithoutDescriptors();
+    };
+    QMetaObject::invokeMethod(m_pPassLater.get(), passNow, Qt::QueuedConnection);
 }
 
 void CompletionPort::appendToLine(Channel& channel)
@@ -465,24 +234,23 @@ bool CompletionPort::fetch()
 void CompletionPort::pass()
 {
     const std::shared_ptr<CompletionPort> self = shared_from_this(); // a handler may end the thread's port
-    std::uint64_t now = Clock::monotonicNs();
-    const std::uint64_t deadline = now + kPassBudgetNs;
-    std::uint64_t nextFetch = now;
+    PassBudget budget;
+    std::uint64_t nextFetch = budget.now();
     do {
-        if (now >= nextFetch) {
+        if (budget.now() >= nextFetch) {
             while (fetch()) { }
-            nextFetch = now + kFetchIntervalNs;
+            nextFetch = budget.now() + kFetchIntervalNs;
         }
-        serveRound(m_nInLine, deadline);
-        now = Clock::monotonicNs();
-    } while (m_pFirst != nullptr && now < deadline);
+        serveRound(m_nInLine, budget);
+        budget.readClock();
+    } while (m_pFirst != nullptr && !budget.isSpent());
 }
 
-void CompletionPort::serveRound(std::size_t channels, std::uint64_t deadline)
+void CompletionPort::serveRound(std::size_t channels, PassBudget& budget)
 {
-    for (std::size_t served = 1; served <= channels && m_pFirst != nullptr; ++served) {
-        takeFirstInLine()->serveOne();
-        if (served % kServedPerClockReading == 0 && Clock::monotonicNs() >= deadline)
+    for (std::size_t served = 0; served < channels && m_pFirst != nullptr; ++served) {
+        takeFirstInLine()->serveOne(budget);
+        if (budget.isSpent())
             return;
     }
 }
@@ -495,6 +263,7 @@ void CompletionPort::end()
         return;
     m_bEnded = true;
     m_pNotifier.reset();
+    m_pPassLater.reset();
     while (m_pFirst != nullptr)
         schedule(*takeFirstInLine());
 }

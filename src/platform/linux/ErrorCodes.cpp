@@ -45,6 +45,7 @@ constexpr SystemError kSystemErrors[] = {
     {EPIPE, 10054},
     {ENOBUFS, 10055},
     {ENOMEM, 10055},
+    {ENOSPC, 10055},
     {EISCONN, 10056},
     {ENOTCONN, 10057},
     {ESHUTDOWN, 10058},

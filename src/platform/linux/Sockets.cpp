@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
@@ -108,6 +109,20 @@ int Nuvika::Sockets::setNonBlocking(int s, bool bNonBlocking)
     return checked([&] { return ::ioctl(s, FIONBIO, &value); });
 }
 
+bool Nuvika::Sockets::isBlocking(int s)
+{
+    const int flags = fcntl(s, F_GETFL);
+    return flags != -1 && (flags & O_NONBLOCK) == 0;
+}
+
+bool Nuvika::Sockets::lingers(int s)
+{
+    linger value{};
+    socklen_t size = sizeof value;
+    return getsockopt(s, SOL_SOCKET, SO_LINGER, &value, &size) == 0 && value.l_onoff != 0
+        && value.l_linger > 0;
+}
+
 int Nuvika::Sockets::takePendingError(int s)
 {
     int error = 0;
@@ -118,6 +133,8 @@ int Nuvika::Sockets::takePendingError(int s)
 }
 
 void Nuvika::Sockets::setNoDelay(int s) { setQuietly(s, IPPROTO_TCP, TCP_NODELAY, 1); }
+
+void Nuvika::Sockets::setUrgentInline(int s) { setQuietly(s, SOL_SOCKET, SO_OOBINLINE, 1); }
 
 void Nuvika::Sockets::setSegmentLimit(int s, int bytes) { setQuietly(s, IPPROTO_TCP, TCP_MAXSEG, bytes); }
 

@@ -40,10 +40,10 @@ void Nuvika::WaitableEvent::set()
         futex(&m_nSet, FUTEX_WAKE_PRIVATE, INT_MAX);
 }
 
-void Nuvika::WaitableEvent::wait()
+void Nuvika::WaitableEvent::wait(bool bSpin)
 {
     const auto isSet = [this] { return m_nSet.load(std::memory_order_acquire) == kSet; };
-    if (spinUntil(isSet))
+    if (bSpin && spinUntil(isSet))
         return;
     std::uint32_t expected = kClear;
     m_nSet.compare_exchange_strong(expected, kSleeping, std::memory_order_acq_rel);

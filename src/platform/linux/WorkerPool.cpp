@@ -1,62 +1,91 @@
 #include "platform/WorkerPool_p.h"
 
+#include "platform/Thread_p.h"
 #include "platform/WaitableEvent_p.h"
 
 #include <memory>
-
-#include <csignal>
+#include <new>
 
 namespace
 {
-constexpr std::size_t kMaxSocketCallWorkers = 16;
-constexpr std::size_t kMaxLookupWorkers = 32;
+constexpr std::size_t kMaxPromptWorkers = 16;
+constexpr std::size_t kMaxBlockingWorkers = 256;
+constexpr std::size_t kMaxLookupWorkers = 256;
+constexpr std::chrono::milliseconds kIdleTime{10'000};
+constexpr std::size_t kStackSize = 512UL * 1024; // plenty for the resolver's plug-ins
 
 thread_local const Nuvika::WorkerPool* t_pPool = nullptr;
 } // namespace
 
 // Never destroyed: a worker that hangs in a call may outlive everything else.
-Nuvika::WorkerPool& Nuvika::WorkerPool::socketCalls()
+struct Nuvika::WorkerPool::Pools {
+    WorkerPool prompt{kMaxPromptWorkers, kIdleTime};
+    WorkerPool blocking{kMaxBlockingWorkers, kIdleTime};
+    WorkerPool lookups{kMaxLookupWorkers, kIdleTime};
+
+    Pools()
+    {
+        pthread_atfork([] { all().forEach([](WorkerPool& pool) { pool.m_mutex.lock(); }); },
+            [] { all().forEach([](WorkerPool& pool) { pool.m_mutex.unlock(); }); },
+            [] { all().forEach([](WorkerPool& pool) { pool.forget(); }); });
+    }
+    template <class Function>
+    void forEach(Function function)
+    {
+        for (WorkerPool* pool : {&prompt, &blocking, &lookups})
+            function(*pool);
+    }
+    static Pools& all()
+    {
+        static Pools& pools = *std::make_unique<Pools>().release();
+        return pools;
+    }
+};
+
+Nuvika::WorkerPool& Nuvika::WorkerPool::promptCalls() { return Pools::all().prompt; }
+
+Nuvika::WorkerPool& Nuvika::WorkerPool::blockingCalls() { return Pools::all().blocking; }
+
+Nuvika::WorkerPool& Nuvika::WorkerPool::lookups() { return Pools::all().lookups; }
+
+void Nuvika::WorkerPool::endSocketCallWorkers(std::chrono::milliseconds patience)
 {
-    static WorkerPool& pool = *std::unique_ptr<WorkerPool>(new WorkerPool(kMaxSocketCallWorkers)).release();
-    return pool;
+    promptCalls().endWorkers(patience);
+    blockingCalls().endWorkers(patience);
 }
 
-Nuvika::WorkerPool& Nuvika::WorkerPool::lookups()
+Nuvika::WorkerPool::WorkerPool(std::size_t maxWorkers, std::chrono::milliseconds idleTime)
+    : m_nMaxWorkers(maxWorkers), m_idleTime(idleTime)
 {
-    static WorkerPool& pool = *std::unique_ptr<WorkerPool>(new WorkerPool(kMaxLookupWorkers)).release();
-    return pool;
 }
 
-bool Nuvika::WorkerPool::submit(Function function, void* argument)
+bool Nuvika::WorkerPool::submit(Function function, void* argument, bool* pSpinning)
 {
     if (t_pPool == this) {
         function(argument);
         return true;
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     const std::size_t waiting = m_items.size() + 1;
     if (waiting > m_nSpinning + m_nSleeping && m_nWorkers < m_nMaxWorkers && !startWorker()
         && m_nWorkers == 0)
         return false;
     m_items.push_back({function, argument});
     m_nItems.store(waiting, std::memory_order_release);
-    if (waiting > m_nSpinning)
+    const bool bSpinning = waiting <= m_nSpinning;
+    lock.unlock();
+    if (!bSpinning)
         m_itemWaits.notify_one();
+    if (pSpinning != nullptr)
+        *pSpinning = bSpinning;
     return true;
 }
 
 bool Nuvika::WorkerPool::startWorker()
 {
-    // Signals are the host's affair: workers take none.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t thread{};
-    const bool bStarted = pthread_create(&thread, nullptr, &WorkerPool::threadMain, this) == 0;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (bStarted)
-        ++m_nWorkers;
+    const bool bStarted = Threads::start(&thread, kStackSize, &WorkerPool::threadMain, this);
+    m_nWorkers += bStarted ? 1 : 0;
     return bStarted;
 }
 
@@ -75,9 +104,13 @@ void Nuvika::WorkerPool::work()
         item.function(item.argument);
         lock.lock();
     }
+    std::vector<pthread_t> endedBefore{pthread_self()};
+    endedBefore.swap(m_ended);
     --m_nWorkers;
-    m_ended.push_back(pthread_self());
     m_workerEnded.notify_all();
+    lock.unlock();
+    for (const pthread_t thread : endedBefore)
+        pthread_join(thread, nullptr);
 }
 
 bool Nuvika::WorkerPool::takeItem(std::unique_lock<std::mutex>& lock, Item* item)
@@ -90,7 +123,7 @@ bool Nuvika::WorkerPool::takeItem(std::unique_lock<std::mutex>& lock, Item* item
         --m_nSpinning;
     }
     ++m_nSleeping;
-    m_itemWaits.wait(lock, [this] { return !m_items.empty() || m_bEnding; });
+    m_itemWaits.wait_for(lock, m_idleTime, [this] { return !m_items.empty() || m_bEnding; });
     --m_nSleeping;
     if (m_items.empty())
         return false;
@@ -113,4 +146,18 @@ void Nuvika::WorkerPool::endWorkers(std::chrono::milliseconds patience)
     }
     for (const pthread_t thread : ended)
         pthread_join(thread, nullptr);
+}
+
+// In the child of a fork: no worker came along, and what the condition variables know of them is not true
+// here.
+void Nuvika::WorkerPool::forget()
+{
+    new (&m_itemWaits) std::condition_variable;
+    new (&m_workerEnded) std::condition_variable;
+    m_items.clear();
+    m_ended.clear();
+    m_nWorkers = m_nSpinning = m_nSleeping = 0;
+    m_bEnding = false;
+    m_nItems.store(0, std::memory_order_release);
+    m_mutex.unlock();
 }

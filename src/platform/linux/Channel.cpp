@@ -1,0 +1,291 @@
+#include "platform/CompletionPort_p.h"
+
+#include "platform/ErrorCodes_p.h"
+#include "platform/PassBudget_p.h"
+#include "platform/Sockets_p.h"
+
+#include <algorithm>
+
+#include <sys/epoll.h>
+
+using namespace Nuvika;
+
+// --- Transfer, TransferQueue ---------------------------------------------------------------------------
+
+void Transfer::begin()
+{
+    m_nBytes = 0;
+    m_nLeft = 0;
+    for (int i = 0; i < nRanges; ++i)
+        m_nLeft += ranges[static_cast<std::size_t>(i)].iov_len;
+    m_nFirstRange = 0;
+    m_nError = 0;
+    m_bDone = false;
+    m_bBusy = true;
+}
+
+void Transfer::advance(std::size_t bytes)
+{
+    m_nBytes += bytes;
+    m_nLeft -= bytes;
+    while (bytes > 0) {
+        iovec& range = ranges[static_cast<std::size_t>(m_nFirstRange)];
+        const std::size_t step = std::min(bytes, range.iov_len);
+        range.iov_base = static_cast<char*>(range.iov_base) + step;
+        range.iov_len -= step;
+        bytes -= step;
+        if (range.iov_len == 0)
+            ++m_nFirstRange;
+    }
+}
+
+void TransferQueue::append(Transfer& transfer)
+{
+    transfer.m_pNext = nullptr;
+    (m_pFirst == nullptr ? m_pFirst : m_pLast->m_pNext) = &transfer;
+    m_pLast = &transfer;
+}
+
+Transfer* TransferQueue::takeFirst()
+{
+    Transfer* transfer = m_pFirst;
+    m_pFirst = transfer->m_pNext;
+    transfer->m_bBusy = false;
+    return transfer;
+}
+
+void TransferQueue::finishAll(int nError)
+{
+    for (Transfer* transfer = m_pFirst; transfer != nullptr; transfer = transfer->m_pNext) {
+        if (!transfer->m_bDone)
+            transfer->finish(nError);
+    }
+}
+
+// --- Channel -------------------------------------------------------------------------------------------
+
+Channel::Channel(int socket, TransferHandler& handler, Kind kind)
+    : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket), m_kind(kind)
+{
+    enterPort();
+}
+
+Channel::~Channel()
+{
+    leavePort();
+    m_pPort->takeOutOfLine(*this);
+}
+
+// What fails is tried again with the next receive. Until then the channel is served at once, so that every
+// transfer reports it.
+void Channel::enterPort()
+{
+    m_nAddError = m_pPort->add(*this, m_nSocket);
+    m_bReadable = m_nAddError != 0;
+}
+
+void Channel::leavePort()
+{
+    if (m_nSocket >= 0 && m_nAddError == 0)
+        m_pPort->remove(m_nSocket);
+    m_nSocket = -1;
+}
+
+bool Channel::hasWork() const
+{
+    return (!m_receives.isEmpty() && (m_bReadable || m_receives.firstIsDone()))
+        || (!m_sends.isEmpty() && (m_bWritable || m_sends.firstIsDone()));
+}
+
+void Channel::schedule()
+{
+    if (hasWork())
+        m_pPort->schedule(*this);
+}
+
+void Channel::ready(unsigned int events)
+{
+    if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR | EPOLLPRI)) != 0)
+        m_bReadOn = true;
+    if ((events & EPOLLIN) != 0 || m_bReadOn)
+        m_bReadable = true;
+    if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0)
+        m_bWritable = true;
+    schedule();
+}
+
+void Channel::postReceive(Transfer& transfer, void* buffer, std::size_t size)
+{
+    transfer.ranges[0] = {buffer, size};
+    transfer.nRanges = 1;
+    transfer.begin();
+    m_receives.append(transfer);
+    if (m_nAddError != 0 && m_nSocket >= 0)
+        enterPort();
+    schedule();
+}
+
+std::size_t Channel::postSend(Transfer& transfer)
+{
+    transfer.begin();
+    const bool bNextToGo = m_sends.lastIsDone();
+    m_sends.append(transfer);
+    if (bNextToGo && m_bWritable)
+        trySend(transfer);
+    schedule();
+    return transfer.m_nBytes;
+}
+
+bool Channel::trySend(Transfer& transfer)
+{
+    while (!transfer.m_bDone) {
+        if (m_nAddError != 0 || m_nSendError != 0) {
+            transfer.finish(m_nAddError != 0 ? m_nAddError : m_nSendError);
+            break;
+        }
+        const auto first = static_cast<std::size_t>(transfer.m_nFirstRange);
+        const long sent
+            = Sockets::send(m_nSocket, &transfer.ranges[first], transfer.nRanges - transfer.m_nFirstRange);
+        if (sent >= 0) {
+            transfer.advance(static_cast<std::size_t>(sent));
+            if (transfer.m_nLeft == 0)
+                transfer.finish(0);
+        } else if (ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
+            m_bWritable = false;
+            return false;
+        } else {
+            // The call has consumed the socket's pending error: a later receive would see a plain end.
+            m_nSendError = ErrorCodes::lastError();
+        }
+    }
+    return true;
+}
+
+Transfer* Channel::nextSend()
+{
+    if (m_sends.isEmpty())
+        return nullptr;
+    if (m_sends.firstIsDone() || (m_bWritable && trySend(*m_sends.first())))
+        return m_sends.takeFirst();
+    return nullptr;
+}
+
+Transfer* Channel::nextReceive()
+{
+    if (m_receives.isEmpty())
+        return nullptr;
+    if (!m_receives.firstIsDone()) {
+        if (m_nAddError != 0)
+            m_receives.first()->finish(m_nAddError);
+        else if (!m_bReadable || !(m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first())))
+            return nullptr;
+    }
+    return m_receives.takeFirst();
+}
+
+bool Channel::receiveSome(Transfer& transfer)
+{
+    const std::size_t size = transfer.m_nLeft;
+    const long got = Sockets::receive(m_nSocket, transfer.ranges[0].iov_base, size);
+    if (got < 0 && ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
+        m_bReadable = false;
+        return false;
+    }
+    // A short read has emptied the socket: the next byte raises a new edge. Not so behind the peer's end,
+    // whose edge has been seen, nor at an urgent byte, where a read stops.
+    if (static_cast<std::size_t>(std::max(got, 0L)) < size && !m_bReadOn)
+        m_bReadable = false;
+    transfer.m_nBytes = static_cast<std::size_t>(std::max(got, 0L));
+    transfer.finish(got < 0 ? ErrorCodes::lastError() : got == 0 ? m_nSendError : 0);
+    return true;
+}
+
+bool Channel::receiveBatch()
+{
+    std::array<Sockets::ReceivedDatagram, Sockets::kMaxBatch> batch;
+    int count = 0;
+    for (Transfer* transfer = m_receives.first(); transfer != nullptr && count < Sockets::kMaxBatch;
+         transfer = TransferQueue::next(*transfer)) {
+        auto& receive = static_cast<DatagramReceive&>(*transfer);
+        batch[static_cast<std::size_t>(count++)] = {receive.ranges[0].iov_base, receive.m_nLeft,
+            receive.sender.data(), receive.sender.size(), 0, false};
+    }
+    const int got = Sockets::receiveDatagrams(m_nSocket, batch.data(), count);
+    if (got < 0) {
+        if (ErrorCodes::lastError() != ErrorCodes::kWouldBlock) {
+            m_receives.first()->finish(ErrorCodes::lastError());
+            return true;
+        }
+        m_bReadable = false;
+        return false;
+    }
+    m_bReadable = got == count; // fewer have emptied the socket: the next one raises a new edge
+    Transfer* transfer = m_receives.first();
+    for (int i = 0; i < got; ++i, transfer = TransferQueue::next(*transfer)) {
+        const Sockets::ReceivedDatagram& datagram = batch[static_cast<std::size_t>(i)];
+        transfer->m_nBytes = datagram.received;
+        transfer->finish(datagram.bTruncated ? ErrorCodes::kMessageSize : 0);
+    }
+    return true;
+}
+
+void Channel::cancelReceives()
+{
+    m_receives.finishAll(ErrorCodes::kCancelled);
+    schedule();
+}
+
+bool Channel::serveBatch(PassBudget& budget)
+{
+    for (int served = 0; served < Sockets::kMaxBatch; ++served) {
+        Transfer* received = nextReceive();
+        if (received == nullptr)
+            break;
+        if (hasWork())
+            m_pPort->appendToLine(*this);
+        if (!m_handler.receiveCompleted(*received))
+            return false;
+        if (!m_receives.firstIsDone() || budget.isSpent())
+            break;
+    }
+    if (!hasWork())
+        m_pPort->takeOutOfLine(*this);
+    return true;
+}
+
+bool Channel::serveOne(PassBudget& budget)
+{
+    if (m_kind == eDatagrams)
+        return serveBatch(budget);
+    Transfer* sent = m_bSendsFirst ? nextSend() : nullptr;
+    Transfer* received = sent == nullptr ? nextReceive() : nullptr;
+    if (sent == nullptr && received == nullptr && !m_bSendsFirst)
+        sent = nextSend();
+    m_bSendsFirst = received != nullptr;
+    if (hasWork())
+        m_pPort->appendToLine(*this);
+    if (received == nullptr)
+        return sent == nullptr || m_handler.sendCompleted(*sent);
+    if (!m_handler.receiveCompleted(*received))
+        return false;
+    // An answer that the handler sent has usually left already: it completes while its memory is at hand.
+    if (m_sends.firstIsDone() && m_nSocket >= 0) {
+        if (!m_handler.sendCompleted(*m_sends.takeFirst()))
+            return false;
+        if (!hasWork())
+            m_pPort->takeOutOfLine(*this);
+    }
+    return true;
+}
+
+void Channel::close()
+{
+    if (m_nSocket < 0)
+        return;
+    leavePort();
+    m_bReadable = false;
+    m_bWritable = false;
+    m_receives.finishAll(ErrorCodes::kCancelled);
+    m_sends.finishAll(ErrorCodes::kCancelled);
+    schedule();
+}
