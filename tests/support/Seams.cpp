@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
@@ -13,6 +14,7 @@ namespace seams
 {
 std::atomic<long long> clockOffsetMs{0};
 std::atomic<bool> bVirtualSleep{false};
+std::atomic<int> streamPort{0};
 Fault threadCreation;
 Fault accepting;
 Fault sending;
@@ -132,7 +134,17 @@ int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, t
 
 int __wrap_socket(int family, int type, int protocol)
 {
-    return seams::opening.fires() ? -1 : __real_socket(family, type, protocol);
+    if (seams::opening.fires())
+        return -1;
+    const int s = __real_socket(family, type, protocol);
+    if (seams::streamPort != 0 && (type & SOCK_STREAM) != 0 && family == AF_INET) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(seams::streamPort));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    return s;
 }
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)
