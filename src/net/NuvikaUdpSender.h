@@ -9,7 +9,11 @@
 
 #include <memory>
 
-/// Sends datagrams, unicast or multicast, from one IPv4 UDP socket that never blocks.
+/// Sends datagrams, unicast or multicast, from one IPv4 UDP socket.
+///
+/// The socket that the constructor makes never blocks: a send that finds its buffer full fails. The one that
+/// replaces it after close() or a failed construction has the system's own buffer size, and sendTo() waits
+/// there while it is full; sendMany() never waits.
 ///
 /// Copies share the socket, and that it is bound; each has its own errorString(). The last of them closes it.
 /// close() lets go of one copy's share: the others go on sending.

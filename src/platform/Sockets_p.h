@@ -53,6 +53,8 @@ int receiveDatagrams(int s, ReceivedDatagram* datagrams, int count);
 int sendDatagrams(int s, const iovec* datagrams, int count, const sockaddr* to, int length);
 // A socket hears only the groups that it has joined itself, not those of the host's other sockets.
 void setOwnGroupsOnly(int s, int family);
+// Only what arrives over that interface is received.
+int bindToInterface(int s, unsigned int index);
 // An IPv6 socket is for IPv6 only.
 void setIPv6Only(int s);
 

@@ -1,5 +1,6 @@
 #include "support/EventLoop.h"
 #include "support/LogCapture.h"
+#include "support/OwnNetwork.h"
 #include "support/RawPeer.h"
 #include "support/Seams.h"
 
@@ -12,6 +13,8 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <net/if.h>
+#include <utility>
 #include <vector>
 
 namespace
@@ -277,6 +280,58 @@ TEST(UdpReceiver, JoinsAnIPv6GroupOnTheNamedInterface)
     }
     if (heardOn == 0)
         GTEST_SKIP() << "no interface here carries IPv6 groups";
+}
+
+TEST(UdpReceiver, HearsAnIPv6GroupOnTheChosenInterfaceOnly)
+{
+    const auto test = [] {
+        const QHostAddress interfaces[]
+            = {QHostAddress(QStringLiteral("fd00:1::1")), QHostAddress(QStringLiteral("fd00:2::1"))};
+        for (const char* group : {"ff12::77:1", "ff15::77:1", "ff1e::77:1"}) {
+            const QHostAddress address(QString::fromLatin1(group));
+            NuvikaUdpReceiver receivers[2];
+            Listener listeners[2];
+            unsigned short port = 0;
+            for (int i = 0; i < 2; ++i) {
+                listeners[i].listenTo(receivers[i]);
+                ASSERT_TRUE(receivers[i].createMulticast(port, address, interfaces[i]))
+                    << group << ": " << receivers[i].errorString().toStdString();
+            }
+            for (int i = 0; i < 2; ++i) {
+                RawSender sender(AF_INET6);
+                const unsigned int index = if_nametoindex(i == 0 ? "one" : "two");
+                setsockopt(sender.s.fd(), IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
+                sender.send(QByteArray::number(i), port, address);
+            }
+            EXPECT_TRUE(waitFor([&] { return !listeners[0].got.empty() && !listeners[1].got.empty(); }));
+            settle(10);
+            EXPECT_EQ(listeners[0].got, std::vector<QByteArray>{"0"}) << group << " of the other interface";
+            EXPECT_EQ(listeners[1].got, std::vector<QByteArray>{"1"}) << group << " of the other interface";
+        }
+    };
+    if (!inOwnNetwork(
+            {"link add one type veth peer name one.peer", "link add two type veth peer name two.peer",
+                "link set one up", "link set two up", "link set one.peer up", "link set two.peer up",
+                "addr add fd00:1::1/64 dev one nodad", "addr add fd00:2::1/64 dev two nodad"},
+            test))
+        GTEST_SKIP() << kNoOwnNetwork;
+}
+
+TEST(UdpReceiver, RefusesAnInterfaceThatIsNotThere)
+{
+    for (const auto& [group, interface] : {std::pair("239.255.77.1", "203.0.113.9"),
+             std::pair("ff12::77:1", "2001:db8::9"), std::pair("ff15::77:1", "2001:db8::9"),
+             std::pair("ff15::77:1", "fe80::9%none"), std::pair("ff15::77:1", "fe80::9%9999")}) {
+        NuvikaUdpReceiver receiver;
+        LogCapture log;
+        unsigned short port = 0;
+        EXPECT_FALSE(receiver.createMulticast(
+            port, QHostAddress(QString::fromLatin1(group)), QHostAddress(QString::fromLatin1(interface))))
+            << group << " on " << interface;
+        EXPECT_EQ(receiver.errorString(), QStringLiteral("No such device")) << group << " on " << interface;
+        EXPECT_TRUE(log.has(" failed: No such device")) << group << " on " << interface;
+        EXPECT_EQ(receiver.socketDescriptor(), -1);
+    }
 }
 
 TEST(UdpReceiver, SaysWhyItCannotBeCreated)

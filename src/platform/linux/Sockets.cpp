@@ -197,6 +197,12 @@ void Nuvika::Sockets::setOwnGroupsOnly(int s, int family)
         setQuietly(s, IPPROTO_IP, IP_MULTICAST_ALL, 0);
 }
 
+int Nuvika::Sockets::bindToInterface(int s, unsigned int index)
+{
+    const auto value = static_cast<int>(index);
+    return setOption(s, SOL_SOCKET, SO_BINDTOIFINDEX, &value, sizeof value);
+}
+
 void Nuvika::Sockets::setIPv6Only(int s) { setQuietly(s, IPPROTO_IPV6, IPV6_V6ONLY, 1); }
 
 bool Nuvika::Sockets::hasInput(int s)
