@@ -1,6 +1,7 @@
 #include <KepNuvikaUtil/SocketCalls.h>
 
 #include "core/Log_p.h"
+#include "platform/Datagrams_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/Sockets_p.h"
 #include "platform/WaitableEvent_p.h"
@@ -107,7 +108,8 @@ struct DoSendMany final : SocketCall {
         for (int i = 0; i < count; ++i)
             m_ranges.push_back(
                 {const_cast<char*>(datagrams[i].pData), static_cast<std::size_t>(datagrams[i].nLen)});
-        return Sockets::sendDatagrams(s, m_ranges.data(), count, to, tolen);
+        Datagrams::Runs runs = Datagrams::Runs::eNever;
+        return Datagrams::send(s, m_ranges.data(), 1, count, to, tolen, &runs);
     }
     bool failed(int result) const override { return result < count; }
 

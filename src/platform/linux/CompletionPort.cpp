@@ -84,6 +84,8 @@ void TransferQueue::finishAll(int nError)
 Channel::Channel(int socket, TransferHandler& handler, Kind kind)
     : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket), m_kind(kind)
 {
+    if (kind == eDatagrams)
+        DatagramBatch::acceptRuns(socket);
     m_pPort->add(*this, socket);
 }
 
@@ -96,7 +98,7 @@ Channel::~Channel()
 
 bool Channel::hasWork() const
 {
-    return (!m_receives.isEmpty() && (m_bReadable || m_receives.firstIsDone()))
+    return (!m_receives.isEmpty() && (m_bReadable || m_receives.firstIsDone() || m_pBatch))
         || (!m_sends.isEmpty() && (m_bWritable || m_sends.firstIsDone()));
 }
 
@@ -175,12 +177,8 @@ Transfer* Channel::nextReceive()
 {
     if (m_receives.isEmpty())
         return nullptr;
-    if (!m_receives.firstIsDone()) {
-        const bool bDone
-            = m_bReadable && (m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first()));
-        if (!bDone)
-            return nullptr;
-    }
+    if (!m_receives.firstIsDone() && !(m_bReadable && receiveSome(*m_receives.first())))
+        return nullptr;
     return m_receives.takeFirst();
 }
 
@@ -201,54 +199,53 @@ bool Channel::receiveSome(Transfer& transfer)
     return true;
 }
 
-bool Channel::receiveBatch()
+void Channel::receiveBatch()
 {
-    std::array<Sockets::ReceivedDatagram, Sockets::kMaxBatch> batch;
-    int count = 0;
-    for (Transfer* transfer = m_receives.first(); transfer != nullptr && count < Sockets::kMaxBatch;
-         transfer = TransferQueue::next(*transfer)) {
-        auto& receive = static_cast<DatagramReceive&>(*transfer);
-        batch[static_cast<std::size_t>(count++)] = {receive.ranges[0].iov_base, receive.m_nLeft,
-            receive.sender.data(), receive.sender.size(), 0, false};
-    }
-    const int got = Sockets::receiveDatagrams(m_nSocket, batch.data(), count);
-    if (got < 0) {
-        if (ErrorCodes::lastError() != ErrorCodes::kWouldBlock) {
-            m_receives.first()->finish(ErrorCodes::lastError());
-            return true;
-        }
+    const std::shared_ptr<DatagramBatch> batch = m_pPort->takeBatch();
+    if (batch->receive(m_nSocket)) {
+        m_bReadable = !batch->hasEmptiedSocket(); // the next one raises a new edge
+        m_pBatch = batch;
+    } else if (ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
         m_bReadable = false;
-        return false;
+    } else {
+        m_receives.first()->finish(ErrorCodes::lastError());
     }
-    m_bReadable = got == count; // fewer have emptied the socket: the next one raises a new edge
-    Transfer* transfer = m_receives.first();
-    for (int i = 0; i < got; ++i, transfer = TransferQueue::next(*transfer)) {
-        const Sockets::ReceivedDatagram& datagram = batch[static_cast<std::size_t>(i)];
-        transfer->m_nBytes = datagram.received;
-        transfer->finish(datagram.bTruncated ? ErrorCodes::kMessageSize : 0);
+}
+
+Transfer* Channel::nextDatagram()
+{
+    if (m_receives.isEmpty())
+        return nullptr;
+    if (!m_receives.firstIsDone()) {
+        if (!m_pBatch)
+            return nullptr;
+        auto& receive = static_cast<DatagramReceive&>(*m_receives.first());
+        receive.m_datagram = m_pBatch->takeNext();
+        if (m_pBatch->isEmpty())
+            m_pBatch.reset();
     }
-    return true;
+    return m_receives.takeFirst();
 }
 
 void Channel::cancelReceives()
 {
+    m_pBatch.reset();
     m_receives.finishAll(ErrorCodes::kCancelled);
     schedule();
 }
 
 bool Channel::serveBatch()
 {
-    for (int served = 0; served < Sockets::kMaxBatch; ++served) {
-        Transfer* received = nextReceive();
+    if (!m_pBatch && m_bReadable && !m_receives.isEmpty() && !m_receives.firstIsDone())
+        receiveBatch();
+    const std::shared_ptr<DatagramBatch> batch = m_pBatch; // its memory, until the last handler has returned
+    do {
+        Transfer* received = nextDatagram();
         if (received == nullptr)
             break;
-        if (hasWork())
-            m_pPort->appendToLine(*this);
         if (!m_handler.receiveCompleted(*received))
             return false;
-        if (!m_receives.firstIsDone())
-            break;
-    }
+    } while (batch && m_pBatch == batch);
     if (!hasWork())
         m_pPort->takeOutOfLine(*this);
     return true;
@@ -287,6 +284,7 @@ void Channel::close()
     m_nSocket = -1;
     m_bReadable = false;
     m_bWritable = false;
+    m_pBatch.reset();
     m_receives.finishAll(ErrorCodes::kCancelled);
     m_sends.finishAll(ErrorCodes::kCancelled);
     schedule();
@@ -476,6 +474,16 @@ void CompletionPort::pass()
         serveRound(m_nInLine, deadline);
         now = Clock::monotonicNs();
     } while (m_pFirst != nullptr && now < deadline);
+}
+
+std::shared_ptr<DatagramBatch> CompletionPort::takeBatch()
+{
+    for (const std::shared_ptr<DatagramBatch>& batch : m_batches) {
+        if (batch.use_count() == 1)
+            return batch;
+    }
+    m_batches.push_back(std::make_shared<DatagramBatch>());
+    return m_batches.back();
 }
 
 void CompletionPort::serveRound(std::size_t channels, std::uint64_t deadline)
