@@ -16,7 +16,7 @@ inline bool inOwnNetwork(const std::initializer_list<std::string>& ipArguments, 
     bool bMade = false;
     const std::unique_ptr<QThread> thread(QThread::create([&] {
         const auto ip = [](const std::string& arguments) {
-            return std::system(("ip " + arguments + " 2>/dev/null").c_str()) == 0;
+            return std::system(("ip " + arguments + " >/dev/null 2>&1").c_str()) == 0;
         };
         bMade = unshare(CLONE_NEWNET) == 0 && ip("link set lo up");
         for (const std::string& arguments : ipArguments)

@@ -22,6 +22,7 @@ Fault receiving;
 Fault settingOptions;
 Fault opening;
 Fault receivingMany;
+Fault sendingRuns;
 
 Fault& crypto(const char* function)
 {
@@ -80,6 +81,7 @@ int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left);
 int __real_socket(int family, int type, int protocol);
 int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
+int __real_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now)
 {
@@ -150,6 +152,12 @@ int __wrap_socket(int family, int type, int protocol)
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)
 {
     return seams::receivingMany.fires() ? -1 : __real_recvmmsg(fd, messages, count, flags, timeout);
+}
+
+int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags)
+{
+    const bool bRun = count > 0 && messages->msg_hdr.msg_controllen > 0;
+    return bRun && seams::sendingRuns.fires() ? -1 : __real_sendmmsg(fd, messages, count, flags);
 }
 
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)

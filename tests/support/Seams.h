@@ -52,6 +52,7 @@ extern Fault receiving;
 extern Fault settingOptions;
 extern Fault opening;
 extern Fault receivingMany;
+extern Fault sendingRuns; // calls that begin with a run of datagrams
 // Steps of the crypto library, by the name of its function.
 Fault& crypto(const char* function);
 } // namespace seams
