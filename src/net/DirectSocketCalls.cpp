@@ -1,6 +1,7 @@
 #include "net/DirectSocketCalls_p.h"
 
 #include "net/HandOver_p.h"
+#include "platform/Datagrams_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/WorkerPool_p.h"
 
@@ -45,7 +46,8 @@ int DirectCalls::sendMany(
     for (int i = 0; i < count; ++i)
         ranges.push_back(
             {const_cast<char*>(datagrams[i].pData), static_cast<std::size_t>(datagrams[i].nLen)});
-    return Sockets::sendDatagrams(s, ranges.data(), count, to, length);
+    Datagrams::Runs runs = Datagrams::Runs::eNever;
+    return Datagrams::send(s, ranges.data(), 1, count, to, length, &runs);
 }
 
 int DirectCalls::close(int s)

@@ -12,6 +12,8 @@
 #include "platform/Thread_p.h"
 #include "platform/WorkerPool_p.h"
 
+#include <iterator>
+
 #include <sys/socket.h>
 
 using namespace Nuvika;
@@ -25,6 +27,12 @@ constexpr std::chrono::milliseconds kWorkerPatience{2000};
 QMutex s_hlmMutex;
 HostLookupManager* s_pHlm = nullptr;
 
+bool isRunning()
+{
+    const MutexGuard lock(s_hlmMutex);
+    return s_pHlm != nullptr;
+}
+
 QString addressList(const QHostInfo& answer)
 {
     QStringList texts;
@@ -32,6 +40,24 @@ QString addressList(const QHostInfo& answer)
     for (const QHostAddress& address : addresses)
         texts.append(address.toString());
     return texts.join(QLatin1String(", "));
+}
+
+QHostInfo notFound(const QString& hostName)
+{
+    QHostInfo answer;
+    answer.setHostName(hostName);
+    answer.setError(QHostInfo::HostNotFound);
+    answer.setErrorString(QStringLiteral("Host not found"));
+    return answer;
+}
+
+// Hands the answer to the manager, if it is still there.
+void complete(HostLookupLink& link, const QHostInfo& answer)
+{
+    const MutexGuard lock(link.mutex);
+    if (link.pManager != nullptr)
+        QMetaObject::invokeMethod(
+            link.pManager, "slotWorkerComplete", Qt::QueuedConnection, Q_ARG(QHostInfo, answer));
 }
 
 QHostInfo resolve(const QString& hostName)
@@ -43,8 +69,7 @@ QHostInfo resolve(const QString& hostName)
     for (const sockaddr_storage& address : found)
         addresses.append(QHostAddress(reinterpret_cast<const sockaddr*>(&address)));
 
-    QHostInfo answer;
-    answer.setHostName(hostName);
+    QHostInfo answer = notFound(hostName);
     answer.setAddresses(addresses);
     if (code == 0 && !addresses.isEmpty()) {
         answer.setError(QHostInfo::NoError);
@@ -52,8 +77,8 @@ QHostInfo resolve(const QString& hostName)
         NUVIKA_DEBUG(lcNet, "HostLookup: looking up %s done; lookup result: %s", name.constData(),
             qUtf8Printable(addressList(answer)));
     } else {
-        answer.setError(QHostInfo::HostNotFound);
-        answer.setErrorString(code == 0 ? QStringLiteral("Host not found") : SocketError::format(code));
+        if (code != 0)
+            answer.setErrorString(SocketError::format(code));
         NUVIKA_WARNING(lcNet, "HostLookup: looking up %s failed: %s", name.constData(),
             qUtf8Printable(answer.errorString()));
     }
@@ -81,23 +106,25 @@ HostLookupManager::~HostLookupManager()
     m_pLink->pManager = nullptr;
 }
 
-int HostLookupManager::enqueue(const QString& hostName, QObject* receiver, const char* slot)
+HostLookupManager::Enqueued HostLookupManager::enqueue(const QString& hostName, const EmitterPtr& emitter)
 {
     const MutexGuard lock(m_mutex);
-    NUVIKA_ASSERT(!m_bShuttingDown);
-    const Request request{++m_nLastId, std::make_shared<HostLookupResultEmitter>()};
-    connect(request.pEmitter.get(), SIGNAL(sigResult(QHostInfo)), receiver, slot, Qt::QueuedConnection);
-    if (answerFromCache(hostName, request))
-        return request.nId;
-    request.pEmitter->moveToThread(thread()); // where it will emit and end
+    Enqueued result;
+    result.nId = ++m_nLastId;
+    result.bShuttingDown = m_bShuttingDown;
+    result.bCached = findInCache(hostName, &result.answer);
+    if (result.bCached) {
+        result.answer.setLookupId(result.nId);
+        return result;
+    }
     std::vector<Request>& requests = m_pending[hostName];
-    requests.push_back(request);
-    if (requests.size() == 1)
-        startWorker(hostName);
-    return request.nId;
+    requests.push_back({result.nId, emitter});
+    if (requests.size() == 1 && !startWorker(hostName))
+        result.pRefused = m_pLink;
+    return result;
 }
 
-bool HostLookupManager::answerFromCache(const QString& hostName, const Request& request)
+bool HostLookupManager::findInCache(const QString& hostName, QHostInfo* answer)
 {
     const auto cached = m_cache.find(hostName);
     if (cached == m_cache.end())
@@ -106,41 +133,40 @@ bool HostLookupManager::answerFromCache(const QString& hostName, const Request& 
         m_cache.erase(cached);
         return false;
     }
-    QHostInfo answer = cached->answer;
-    answer.setLookupId(request.nId);
-    emit request.pEmitter->sigResult(answer);
-    NUVIKA_DEBUG(lcNet, "HostLookup: %s found in cache; lookup result: %s", qUtf8Printable(hostName),
-        qUtf8Printable(addressList(answer)));
+    *answer = cached->answer;
     return true;
 }
 
-void HostLookupManager::startWorker(const QString& hostName)
+// Names that nobody asks for again go as well, in one look at all of them for each time that an answer lasts.
+void HostLookupManager::cache(const QHostInfo& answer)
+{
+    const quint32 now = Clock::monotonicMs();
+    if (now - m_nLastSweep >= kCacheMs) {
+        m_nLastSweep = now;
+        for (auto entry = m_cache.begin(); entry != m_cache.end();)
+            entry = now - entry->nTime >= kCacheMs ? m_cache.erase(entry) : std::next(entry);
+    }
+    QHostInfo kept = answer;
+    kept.setLookupId(-1);
+    m_cache.insert(answer.hostName(), CacheEntry{now, kept});
+}
+
+bool HostLookupManager::startWorker(const QString& hostName)
 {
     ++m_pLink->nWorkers;
     auto work = std::make_unique<Work>(Work{hostName, m_pLink});
     if (WorkerPool::lookups().submit(&HostLookupManager::worker, work.get())) {
         static_cast<void>(work.release()); // the worker's now
-        return;
+        return true;
     }
     --m_pLink->nWorkers;
-    NUVIKA_CRITICAL(lcNet, "HostLookup: looking up %s failed: no worker thread", qUtf8Printable(hostName));
-    QHostInfo answer;
-    answer.setHostName(hostName);
-    answer.setError(QHostInfo::HostNotFound);
-    answer.setErrorString(QStringLiteral("Host not found"));
-    QMetaObject::invokeMethod(this, "slotWorkerComplete", Qt::QueuedConnection, Q_ARG(QHostInfo, answer));
+    return false;
 }
 
 void HostLookupManager::worker(void* p)
 {
     const std::unique_ptr<Work> work(static_cast<Work*>(p));
-    const QHostInfo answer = resolve(work->hostName);
-    {
-        const MutexGuard lock(work->pLink->mutex);
-        if (work->pLink->pManager != nullptr)
-            QMetaObject::invokeMethod(
-                work->pLink->pManager, "slotWorkerComplete", Qt::QueuedConnection, Q_ARG(QHostInfo, answer));
-    }
+    complete(*work->pLink, resolve(work->hostName));
     --work->pLink->nWorkers;
 }
 
@@ -151,19 +177,12 @@ void HostLookupManager::slotWorkerComplete(const QHostInfo& answer)
         const MutexGuard lock(m_mutex);
         if (m_bShuttingDown)
             return;
-        const auto pending = m_pending.find(answer.hostName());
-        if (pending == m_pending.end()) {
-            NUVIKA_ASSERT(false);
-            return;
-        }
-        requests.swap(*pending);
-        m_pending.erase(pending);
-        if (answer.error() == QHostInfo::NoError) {
-            QHostInfo kept = answer;
-            kept.setLookupId(-1);
-            m_cache.insert(answer.hostName(), CacheEntry{Clock::monotonicMs(), kept});
-        }
+        requests = m_pending.take(answer.hostName());
+        if (answer.error() == QHostInfo::NoError)
+            cache(answer);
     }
+    if (requests.empty())
+        NUVIKA_ASSERT(false);
     for (const Request& request : requests) {
         QHostInfo copy = answer;
         copy.setLookupId(request.nId);
@@ -182,9 +201,9 @@ bool HostLookupManagerThread::startAndWait()
 void HostLookupManagerThread::run()
 {
     HostLookupManager manager;
+    NUVIKA_ASSERT(!s_pHlm); // nobody else writes it
     {
         const MutexGuard lock(s_hlmMutex);
-        NUVIKA_ASSERT(!s_pHlm);
         s_pHlm = &manager;
     }
     m_started.release(1);
@@ -196,8 +215,31 @@ void HostLookupManagerThread::run()
     WorkerPool::lookups().endWorkers(kWorkerPatience);
 }
 
+// A log handler of the host's may look up a name, and connecting, emitting and writing records run what is
+// the host's: no lock is held then.
 int NuvikaUtil::lookupHost(const QString& hostName, QObject* receiver, const char* slot)
 {
-    const MutexGuard lock(s_hlmMutex);
-    return s_pHlm == nullptr ? 0 : s_pHlm->enqueue(hostName, receiver, slot);
+    if (!isRunning())
+        return 0;
+    const auto emitter = std::make_shared<HostLookupResultEmitter>();
+    QObject::connect(emitter.get(), SIGNAL(sigResult(QHostInfo)), receiver, slot, Qt::QueuedConnection);
+    HostLookupManager::Enqueued enqueued;
+    {
+        const MutexGuard lock(s_hlmMutex);
+        if (s_pHlm == nullptr)
+            return 0;
+        enqueued = s_pHlm->enqueue(hostName, emitter);
+    }
+    if (enqueued.bShuttingDown)
+        nuvikaAssertPrint("!m_bShuttingDown", baseName(__FILE__), __LINE__);
+    if (enqueued.bCached) {
+        emit emitter->sigResult(enqueued.answer);
+        NUVIKA_DEBUG(lcNet, "HostLookup: %s found in cache; lookup result: %s", qUtf8Printable(hostName),
+            qUtf8Printable(addressList(enqueued.answer)));
+    } else if (enqueued.pRefused) {
+        NUVIKA_CRITICAL(
+            lcNet, "HostLookup: looking up %s failed: no worker thread", qUtf8Printable(hostName));
+        complete(*enqueued.pRefused, notFound(hostName));
+    }
+    return enqueued.nId;
 }

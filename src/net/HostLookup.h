@@ -15,6 +15,6 @@ namespace NuvikaUtil
 /// The answer's error() is QHostInfo::NoError or QHostInfo::HostNotFound; addresses() keeps the system's
 /// order. Requests for one name that meet share one system lookup; answers are kept for 60 seconds, failures
 /// are not. Names are compared as they stand. A receiver that is deleted gets no answer.
-/// Threads: any.
+/// Threads: any; a handler of log records may call it as well.
 KEPNUVIKAUTIL_EXPORT int lookupHost(const QString& hostName, QObject* receiver, const char* slot);
 } // namespace NuvikaUtil

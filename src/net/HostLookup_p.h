@@ -37,13 +37,23 @@ public:
     HostLookupManager();
     ~HostLookupManager() override;
 
-    int enqueue(const QString& hostName, QObject* receiver, const char* slot); // any thread
+    using EmitterPtr = std::shared_ptr<HostLookupResultEmitter>;
+    // What is left to do for a request once no lock is held.
+    struct Enqueued {
+        int nId = 0;
+        bool bShuttingDown = false;
+        bool bCached = false;
+        QHostInfo answer; // when cached
+        std::shared_ptr<HostLookupLink> pRefused; // the system gave no worker
+    };
+
+    // Any thread. Under the service's lock: writes no record and runs nothing of the host's.
+    Enqueued enqueue(const QString& hostName, const EmitterPtr& emitter);
 
 public slots:
     void slotWorkerComplete(const QHostInfo& answer);
 
 private:
-    using EmitterPtr = std::shared_ptr<HostLookupResultEmitter>;
     struct CacheEntry {
         quint32 nTime;
         QHostInfo answer;
@@ -54,11 +64,13 @@ private:
     };
     struct Work;
 
-    bool answerFromCache(const QString& hostName, const Request& request);
-    void startWorker(const QString& hostName);
+    bool findInCache(const QString& hostName, QHostInfo* answer);
+    void cache(const QHostInfo& answer);
+    bool startWorker(const QString& hostName);
     static void worker(void* work);
 
     QHash<QString, CacheEntry> m_cache;
+    quint32 m_nLastSweep = 0;
     QHash<QString, std::vector<Request>> m_pending;
     int m_nLastId = 0;
     QMutex m_mutex; // guards all the above and the flag

@@ -66,8 +66,13 @@ void NuvikaTcpSocket::connectToHost(const QHostAddress& address, unsigned short 
         m_pConnect->connectToHost(address, port);
 }
 
+// A peer that has reset already has no name: nothing of an earlier connection may stand for it.
 void NuvikaTcpSocket::readAddresses(int socket)
 {
+    m_localAddress.clear();
+    m_peerAddress.clear();
+    m_nLocalPort = 0;
+    m_nPeerPort = 0;
     NuvikaLLSock::ADDR_V4_V6 name{};
     int length = sizeof name;
     if (DirectCalls::localName(socket, &name, &length) == 0)

@@ -107,6 +107,11 @@ public:
     /// Bytes or the peer's end wait to be received: looks ahead of the signals, with one system call.
     bool hasPendingInput() const;
 
+    /// A parent is no flag: false stands before it.
+    template <class Object>
+    NuvikaTcpSocket(LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, Object* parent, QObject* = nullptr)
+        = delete;
+
 signals:
     /// The queue has room again. Always from the event loop, never from inside a transfer's completion.
     void sigCanSend();

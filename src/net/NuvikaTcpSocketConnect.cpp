@@ -15,6 +15,7 @@
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
+#include <cstring>
 
 using namespace Nuvika;
 
@@ -27,6 +28,11 @@ uint nextConnectId()
 {
     static std::atomic<uint> s_nConnectId{0};
     return ++s_nConnectId;
+}
+
+quint16 portOf(const NuvikaLLSock::ADDR_V4_V6& name)
+{
+    return ntohs(name.sa.sa_family == AF_INET6 ? name.v6.sin6_port : name.v4.sin_port);
 }
 
 bool isUsable(const QHostAddress& address)
@@ -149,6 +155,19 @@ void NuvikaTcpSocketConnect::watchSocket()
     m_timer.start(kStatusTimerMs);
 }
 
+// A closed port in the ephemeral range may be given to the very socket that connects to it. TCP lets the two
+// ends be one then, where a refusal is due.
+bool NuvikaTcpSocketConnect::isConnectedToItself() const
+{
+    NuvikaLLSock::ADDR_V4_V6 local{};
+    NuvikaLLSock::ADDR_V4_V6 peer{};
+    int length = sizeof local;
+    if (Sockets::localName(m_nSocket, &local, &length) != 0 || portOf(local) != m_nPort)
+        return false;
+    length = sizeof peer;
+    return Sockets::peerName(m_nSocket, &peer, &length) == 0 && std::memcmp(&local, &peer, sizeof local) == 0;
+}
+
 // True while the attempt goes on or has succeeded.
 bool NuvikaTcpSocketConnect::doConnect(const QHostAddress& address)
 {
@@ -169,7 +188,10 @@ bool NuvikaTcpSocketConnect::doConnect(const QHostAddress& address)
     } else if (code == ErrorCodes::kAlready) {
         return true;
     }
-    if (code == 0 || code == ErrorCodes::kIsConnected) {
+    const bool bConnected = code == 0 || code == ErrorCodes::kIsConnected;
+    if (bConnected && isConnectedToItself()) {
+        code = ErrorCodes::kConnectionRefused;
+    } else if (bConnected) {
         NUVIKA_DEBUG(lcNet, "NuvikaTcpSocketConnect: connect to %s:%hu success",
             qUtf8Printable(address.toString()), m_nPort);
         succeed();
@@ -243,10 +265,7 @@ void NuvikaTcpSocketConnect::slotErrorForwarder(int errorCode) { emit error(erro
 // Gone before the port takes the descriptor, and before the descriptor is closed.
 void NuvikaTcpSocketConnect::dropNotifier()
 {
-    if (!m_pNotifierWrite)
-        return;
-    m_pNotifierWrite->setEnabled(false);
-    m_pNotifierWrite.release()->deleteLater(); // it may be on the stack
+    m_pNotifierWrite.reset(); // never on the stack: its one slot only disables it and posts a call
 }
 
 void NuvikaTcpSocketConnect::closeSocket()

@@ -56,6 +56,7 @@ private:
     void tryNextAddress();
     bool openSocket(const QHostAddress& address);
     void watchSocket();
+    bool isConnectedToItself() const;
     bool doConnect(const QHostAddress& address);
     void succeed();
     void fail(int errorCode);

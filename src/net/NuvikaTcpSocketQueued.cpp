@@ -43,6 +43,7 @@ void NuvikaTcpSocketQueued::discardQueue()
 {
     m_pQueue->clear();
     m_bEndOfData = false; // or a reused socket would end itself
+    m_bFinished = false;
     m_bTellAllSent = false;
 }
 
@@ -54,7 +55,7 @@ void NuvikaTcpSocketQueued::close()
 
 bool NuvikaTcpSocketQueued::sendData(const char* data, int size)
 {
-    if (m_pSocket->getState() != NuvikaTcpSocket::eConnected || size < 0)
+    if (m_pSocket->getState() != NuvikaTcpSocket::eConnected || m_bFinished || size < 0)
         return false;
     while (size > 0 && m_pQueue->isEmpty() && m_pSocket->canSend()) {
         const int piece = std::min(size, ChunkQueue::kChunkSize);
@@ -71,7 +72,7 @@ void NuvikaTcpSocketQueued::slotCanSend()
 {
     m_pQueue->drain([this] { return m_pSocket->canSend(); },
         [this](const char* data, int size) { m_pSocket->sendData(data, size); });
-    if (m_bEndOfData)
+    if (m_bEndOfData && m_pQueue->isEmpty())
         finishSending();
     if (m_bTellAllSent && m_pQueue->isEmpty()) {
         m_bTellAllSent = false;
@@ -94,6 +95,9 @@ bool NuvikaTcpSocketQueued::notifyWhenAllSent()
 
 void NuvikaTcpSocketQueued::finishSending()
 {
+    if (m_pSocket->getState() != NuvikaTcpSocket::eConnected)
+        return;
+    m_bFinished = true;
     m_bEndOfData = !m_pQueue->isEmpty();
     if (!m_bEndOfData)
         m_pSocket->sendEndOfData();

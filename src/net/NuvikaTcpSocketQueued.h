@@ -28,7 +28,8 @@ public:
     void connectToHost(const QHostAddress& address, unsigned short port);
     void setSocketDescriptor(int socket);
     void close();
-    /// False only when not connected (nothing is kept then) and for a negative size.
+    /// False only when not connected, for a negative size, and once the sending direction was ended by
+    /// finishSending() or a half-close (nothing is kept then).
     bool sendData(const char* data, int size);
     /// Asks for the half-close that follows once the queue has drained. With nothing queued and a socket that
     /// never filled, nothing triggers it and the half-close does not happen.
@@ -54,6 +55,10 @@ public:
     /// Whether what is sent now waits for nothing; for senders of endless data, with sigCanSend().
     bool canSend() const;
 
+    /// A parent alone is no flag: false stands before it.
+    template <class Object>
+    explicit NuvikaTcpSocketQueued(Object* parent, QObject* = nullptr) = delete;
+
 signals:
     void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
     void connected();
@@ -74,6 +79,7 @@ private:
 
     bool m_bEndOfData = false;
     bool m_bTellAllSent = false; // once the queue has drained
+    bool m_bFinished = false; // nothing may follow what is queued
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
 };

@@ -47,6 +47,29 @@ bool setOption(int s, int name, int value)
     return DirectCalls::setOption(s, SOL_SOCKET, name, &value, sizeof value) == 0;
 }
 
+// The scope id of an IPv6 group is its interface. A group beyond link-local knows none, and the system
+// compares the group only: there the socket is bound to the interface itself.
+bool chooseInterface(int s, NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& interfaceAddress)
+{
+    if (interfaceAddress.isNull() || interfaceAddress == QHostAddress(QHostAddress::AnyIPv6))
+        return true; // the system's choice
+    group.v6.sin6_scope_id = interfaceIndexOf(interfaceAddress);
+    if (group.v6.sin6_scope_id == 0) {
+        ErrorCodes::setLastError(ErrorCodes::kNoDevice);
+        return false;
+    }
+    return Sockets::bindToInterface(s, group.v6.sin6_scope_id) == 0;
+}
+
+bool prepareMulticast(int s, NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& interfaceAddress)
+{
+    if (!setOption(s, SO_REUSEADDR, 1))
+        NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::createMulticast(): setting SO_REUSEADDR failed: %s",
+            qUtf8Printable(SocketError::formatLast()));
+    Sockets::setOwnGroupsOnly(s, group.sa.sa_family);
+    return group.sa.sa_family != AF_INET6 || chooseInterface(s, group, interfaceAddress);
+}
+
 bool join(int s, const NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& interfaceAddress)
 {
     if (group.sa.sa_family == AF_INET6) {
@@ -119,35 +142,34 @@ bool NuvikaUdpReceiver::create(unsigned short& port, const QHostAddress& address
         return fail(creation.socketFailed);
     if (!setOption(s.get(), SO_RCVBUF, kReceiveBuffer))
         NUVIKA_WARNING(lcNet, creation.bufferFailed, qUtf8Printable(SocketError::formatLast()));
-    if (creation.bMulticast) {
-        if (!setOption(s.get(), SO_REUSEADDR, 1))
-            NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::createMulticast(): setting SO_REUSEADDR failed: %s",
-                qUtf8Printable(SocketError::formatLast()));
-        Sockets::setOwnGroupsOnly(s.get(), family);
-    }
-    if (family == AF_INET6) {
-        Sockets::setIPv6Only(s.get());
-        local.v6.sin6_scope_id
-            = creation.bMulticast ? interfaceIndexOf(creation.interfaceAddress) : scopeIndex(address);
-    }
     if (local.sa.sa_family != family) { // a null address: the system would take it for every address
         ErrorCodes::setLastError(ErrorCodes::kAddressNotAvailable);
         return fail(creation.bindFailed);
     }
+    if (family == AF_INET6) {
+        Sockets::setIPv6Only(s.get());
+        local.v6.sin6_scope_id = scopeIndex(address);
+    }
+    if (creation.bMulticast && !prepareMulticast(s.get(), local, creation.interfaceAddress))
+        return failToJoin();
     if (DirectCalls::bind(s.get(), &local.sa, sizeof local) != 0)
         return fail(creation.bindFailed);
-    if (creation.bMulticast && !join(s.get(), local, creation.interfaceAddress)) {
-        m_errorString = SocketError::formatLast();
-        NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::createMulticast(): IP_ADD_MEMBERSHIP failed: %s",
-            qUtf8Printable(m_errorString));
-        return false;
-    }
+    if (creation.bMulticast && !join(s.get(), local, creation.interfaceAddress))
+        return failToJoin();
     m_nSocket = s.release();
     if (port == 0)
         port = localPort();
     m_pIO = new NuvikaUdpReceiverIO(this, m_nSocket); // ends itself after detach()
     m_pIO->startRecv();
     return true;
+}
+
+bool NuvikaUdpReceiver::failToJoin()
+{
+    m_errorString = SocketError::formatLast();
+    NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::createMulticast(): IP_ADD_MEMBERSHIP failed: %s",
+        qUtf8Printable(m_errorString));
+    return false;
 }
 
 bool NuvikaUdpReceiver::fail(const char* format)

@@ -44,8 +44,9 @@ public:
     /// Receives what comes to this address, which is not null. A \a port of 0 takes a free one, and holds it
     /// afterwards.
     bool createUnicast(unsigned short& port, const QHostAddress& localAddress);
-    /// Receives what comes to this group over the interface with that address; a null one leaves the choice
-    /// to the system. Several receivers may share a group and port, and each gets every datagram.
+    /// Receives what comes to this group over the interface with that address, and nothing of other
+    /// interfaces; a null one leaves the choice to the system, one that no interface has is refused. Several
+    /// receivers may share a group and port, and each gets every datagram.
     bool createMulticast(
         unsigned short& port, const QHostAddress& group, const QHostAddress& interfaceAddress);
     void close();
@@ -84,6 +85,7 @@ private:
 
     bool create(unsigned short& port, const QHostAddress& address, const Creation& creation);
     bool fail(const char* format);
+    bool failToJoin();
     void deliver(const Datagram& datagram);
     void sweep();
 

@@ -8,6 +8,7 @@
 #include "platform/ErrorCodes_p.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QTimer>
 
 #include <cstring>
 
@@ -18,6 +19,8 @@ namespace
 // The numbers of the library's boundary, whatever the system's are.
 constexpr quint16 kFamilyIPv4 = 2;
 constexpr quint16 kFamilyIPv6 = 23;
+
+constexpr int kRetryMs = 50;
 } // namespace
 
 NuvikaUdpReceiverIO::NuvikaUdpReceiverIO(NuvikaUdpReceiver* pOuter, int nSocket)
@@ -31,63 +34,62 @@ void NuvikaUdpReceiverIO::startRecv()
 {
     NUVIKA_ASSERT(m_state == eIdle);
     m_state = eXFer;
-    postIdle();
+    post();
 }
 
-void NuvikaUdpReceiverIO::post(ReceiveContext& context)
+// One receive is outstanding, also while a datagram is delivered, so that nested event loops go on; to a
+// depth that callbacks which always run one cannot exceed.
+void NuvikaUdpReceiverIO::post()
 {
-    if (context.nSize < m_nDatagramSize) {
-        context.buffer.reset(new char[static_cast<std::size_t>(m_nDatagramSize)]);
-        context.nSize = m_nDatagramSize;
-    }
-    postReceive(context, context.buffer.get(), static_cast<std::size_t>(context.nSize));
+    if (m_state == eXFer && !m_receive.isBusy() && m_nDepth < kMaxDepth)
+        postReceive(m_receive, nullptr, 0);
 }
 
-void NuvikaUdpReceiverIO::postIdle()
+// The system is short of memory: what waits there is received when it has some again.
+void NuvikaUdpReceiverIO::postLater(int nError)
 {
-    for (ReceiveContext& context : m_receives) {
-        if (!context.isBusy() && !context.bDelivering)
-            post(context);
+    if (!m_pRetry) {
+        NUVIKA_WARNING(lcNet, "NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; %s",
+            qUtf8Printable(SocketError::format(nError)));
+        m_pRetry = std::make_unique<QTimer>();
+        m_pRetry->setSingleShot(true);
+        QObject::connect(m_pRetry.get(), &QTimer::timeout, [this] { post(); });
     }
+    m_pRetry->start(kRetryMs);
 }
 
 void NuvikaUdpReceiverIO::grow()
 {
-    m_nDatagramSize *= 2;
+    if (m_nDatagramSize < kLargest)
+        m_nDatagramSize *= 2;
     cancelReceives();
 }
 
 void NuvikaUdpReceiverIO::received(Transfer& transfer)
 {
-    ReceiveContext& context = static_cast<ReceiveContext&>(transfer);
     const int nError = transfer.error();
-    if (nError == ErrorCodes::kMessageSize) {
-        if (context.nSize == m_nDatagramSize)
+    if (nError != 0 && nError != ErrorCodes::kCancelled) {
+        postLater(nError);
+        return;
+    }
+    if (nError == 0) {
+        m_pRetry.reset();
+        const DatagramBatch::Datagram datagram = m_receive.datagram();
+        if (datagram.bTruncated || datagram.size > static_cast<std::size_t>(m_nDatagramSize))
             grow();
-    } else if (nError != 0 && nError != ErrorCodes::kCancelled) {
-        NUVIKA_WARNING(lcNet, "NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; %s",
-            qUtf8Printable(SocketError::format(nError)));
-        m_bIdle = true; // until a later datagram shows that the socket still receives
-        return;
-    } else if (nError == 0 && transfer.bytes() > 0 && context.nSize >= m_nDatagramSize) {
-        deliver(context);
+        else if (datagram.size > 0)
+            deliver(datagram);
     }
-    if (m_state != eXFer)
-        return;
-    post(context);
-    if (m_bIdle) {
-        m_bIdle = false;
-        postIdle();
-    }
+    post();
 }
 
-void NuvikaUdpReceiverIO::deliver(ReceiveContext& context)
+void NuvikaUdpReceiverIO::deliver(const DatagramBatch::Datagram& datagram)
 {
     NuvikaLLSock::ADDR_V4_V6 sender;
-    std::memcpy(&sender, context.sender.data(), sizeof sender);
+    std::memcpy(&sender, datagram.sender, sizeof sender);
     NuvikaUdpSocketPacketReceivedEvent event;
-    event.pData = context.buffer.get();
-    event.nSize = context.bytes();
+    event.pData = datagram.data;
+    event.nSize = static_cast<qint32>(datagram.size);
     if (sender.sa.sa_family == AF_INET6) {
         event.nFamily = kFamilyIPv6;
         event.pIPv6 = sender.v6.sin6_addr.s6_addr;
@@ -97,9 +99,10 @@ void NuvikaUdpReceiverIO::deliver(ReceiveContext& context)
         event.nIPv4 = ntohl(sender.v4.sin_addr.s_addr);
         event.nPort = ntohs(sender.v4.sin_port);
     }
-    context.bDelivering = true; // a nested event loop posts the others, not this one
+    ++m_nDepth;
+    post();
     QCoreApplication::sendEvent(m_pOuter, &event);
-    context.bDelivering = false;
+    --m_nDepth;
 }
 
 void NuvikaUdpReceiverIO::sent(Transfer&) { }

@@ -1,4 +1,7 @@
-// Private: keeps ten datagram receives outstanding for its owner, the NuvikaUdpReceiver.
+// Private: receives datagrams for its owner, the NuvikaUdpReceiver.
+//
+// The bytes lie in the port, so a socket holds no buffers. A datagram above the told size is dropped all the
+// same: it doubles the size, and what had arrived by then is dropped with it.
 #pragma once
 
 #include "net/SocketEngine_p.h"
@@ -6,10 +9,10 @@
 #include <QtCore/QEvent>
 #include <QtCore/QtGlobal>
 
-#include <array>
 #include <memory>
 
 class NuvikaUdpReceiver;
+class QTimer;
 
 // Delivered at once.
 class NuvikaUdpSocketPacketReceivedEvent : public QEvent
@@ -36,25 +39,23 @@ public:
     void startRecv();
 
 private:
-    struct ReceiveContext : Nuvika::DatagramReceive {
-        std::unique_ptr<char[]> buffer;
-        int nSize = 0;
-        bool bDelivering = false;
-    };
     static constexpr int kFirstSize = 1500;
+    static constexpr int kLargest = 65536; // no datagram is longer
+    static constexpr int kMaxDepth = 10;
 
     ~NuvikaUdpReceiverIO() override;
 
-    void post(ReceiveContext& context);
-    void postIdle();
+    void post();
+    void postLater(int nError);
     void grow();
-    void deliver(ReceiveContext& context);
+    void deliver(const Nuvika::DatagramBatch::Datagram& datagram);
     void received(Nuvika::Transfer& transfer) override;
     void sent(Nuvika::Transfer& transfer) override;
     void cutOwner() override { m_pOuter = nullptr; }
 
     NuvikaUdpReceiver* m_pOuter;
-    std::array<ReceiveContext, 10> m_receives;
+    Nuvika::DatagramReceive m_receive;
     int m_nDatagramSize = kFirstSize;
-    bool m_bIdle = false; // a failed receive has left its context idle
+    int m_nDepth = 0; // deliveries on the stack, by nested event loops
+    std::unique_ptr<QTimer> m_pRetry; // made by a failed receive, until one succeeds
 };

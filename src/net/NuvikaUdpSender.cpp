@@ -5,10 +5,13 @@
 #include "core/Log_p.h"
 #include "net/DirectSocketCalls_p.h"
 #include "net/SocketAddress_p.h"
+#include "platform/Datagrams_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/Sockets_p.h"
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 
 #include <netinet/in.h>
 
@@ -17,6 +20,19 @@ using namespace Nuvika;
 namespace
 {
 constexpr int kSendBuffer = 65536;
+constexpr std::size_t kRangesPerCall = 1024;
+
+iovec rangeOf(const KepNuvikaUtil::BUFFER& buffer)
+{
+    return {const_cast<char*>(buffer.pData), static_cast<std::size_t>(buffer.nLen)};
+}
+
+bool arePackets(const KepNuvikaUtil::BUFFER* parts, int partsEach, int count)
+{
+    const auto bNegative = [](const KepNuvikaUtil::BUFFER& part) { return part.nLen < 0; };
+    return partsEach >= 1 && partsEach <= Datagrams::kMaxParts
+        && std::none_of(parts, parts + static_cast<std::ptrdiff_t>(count) * partsEach, bNegative);
+}
 } // namespace
 
 struct NuvikaUdpSender::Socket {
@@ -27,6 +43,7 @@ struct NuvikaUdpSender::Socket {
 
     const int s;
     bool bBound = false;
+    Datagrams::Runs runs = Datagrams::Runs::eUnknown;
 };
 
 NuvikaUdpSender::NuvikaUdpSender()
@@ -107,19 +124,34 @@ bool NuvikaUdpSender::sendTo(const void* data, int size, const NuvikaLLSock::ADD
 int NuvikaUdpSender::sendMany(
     const KepNuvikaUtil::BUFFER* datagrams, int count, const NuvikaLLSock::ADDR_V4_V6& destination)
 {
-    const auto bNegative = [](const KepNuvikaUtil::BUFFER& datagram) { return datagram.nLen < 0; };
+    return sendPackets(datagrams, 1, count, destination);
+}
+
+int NuvikaUdpSender::sendPackets(
+    const KepNuvikaUtil::BUFFER* parts, int partsEach, int count, const NuvikaLLSock::ADDR_V4_V6& destination)
+{
     if (count <= 0 || !checkBound())
         return 0;
-    if (std::any_of(datagrams, datagrams + count, bNegative)) {
+    if (!arePackets(parts, partsEach, count)) {
         m_errorString = SocketError::format(ErrorCodes::kInvalidArgument);
         return 0;
     }
-    const int sent
-        = DirectCalls::sendMany(m_pSocket->s, datagrams, count, &destination.sa, sizeof destination);
-    if (sent == count)
-        return count;
-    m_errorString = SocketError::formatLast();
-    return std::max(sent, 0);
+    std::array<iovec, kRangesPerCall> ranges;
+    int sent = 0;
+    while (sent < count) {
+        const int step = std::min(count - sent, static_cast<int>(kRangesPerCall) / partsEach);
+        const auto used = static_cast<std::ptrdiff_t>(step) * partsEach;
+        std::transform(parts, parts + used, ranges.begin(), rangeOf);
+        parts += used;
+        const int went = Datagrams::send(m_pSocket->s, ranges.data(), partsEach, step, &destination.sa,
+            sizeof destination, &m_pSocket->runs);
+        sent += std::max(went, 0);
+        if (went < step) {
+            m_errorString = SocketError::formatLast();
+            break;
+        }
+    }
+    return sent;
 }
 
 bool NuvikaUdpSender::setOption(int level, int name, const void* value, int size, const char* failureText)

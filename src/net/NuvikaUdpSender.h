@@ -9,13 +9,17 @@
 
 #include <memory>
 
-/// Sends datagrams, unicast or multicast, from one IPv4 UDP socket that never blocks.
+/// Sends datagrams, unicast or multicast, from one IPv4 UDP socket.
+///
+/// The socket that the constructor makes never blocks: a send that finds its buffer full fails. The one that
+/// replaces it after close() or a failed construction has the system's own buffer size, and sendTo() waits
+/// there while it is full; sendMany() and sendPackets() never wait.
 ///
 /// Copies share the socket, and that it is bound; each has its own errorString(). The last of them closes it.
 /// close() lets go of one copy's share: the others go on sending.
 ///
-/// Threads: one at a time for all copies together; no event loop is needed. Every socket call runs on a
-/// worker thread while the caller waits, which costs some microseconds: video goes by sendMany().
+/// Threads: one at a time for all copies together; no event loop is needed. sendTo() and the other calls run
+/// on a worker thread while the caller waits, which costs some microseconds: video goes by sendMany().
 ///
 /// Errors: false, with errorString(). The socket stays usable; after a close, or where construction failed,
 /// the next bind, option or send makes a new one.
@@ -45,11 +49,19 @@ public:
     QHostAddress localAddress();
     unsigned short localPort() const;
 
-    /// Sends each buffer as a datagram of its own, such as the packets of a picture: one hand-over, one
-    /// system call for up to 1024. Returns how many went, in order from the first; the socket's buffer may be
-    /// full for the rest, and errorString() tells.
+    /// Sends each buffer as a datagram of its own, such as the packets of a picture, and never waits. One
+    /// system call takes up to 1024; neighbours of one size (64 of them and 65507 bytes at most, each within
+    /// the route's MTU, the last may be shorter) pass through the system as one, which costs a fifth. Returns
+    /// how many went, in order from the first; the socket's buffer may be full for the rest, and
+    /// errorString() tells.
     int sendMany(
         const KepNuvikaUtil::BUFFER* datagrams, int count, const NuvikaLLSock::ADDR_V4_V6& destination);
+
+    /// As sendMany(), with datagrams that lie in pieces, so that an RTP sender need not copy a picture into
+    /// its packets: \a count datagrams of \a partsEach (1 to 16) consecutive parts, for instance a head and
+    /// a piece of the picture where it lies.
+    int sendPackets(const KepNuvikaUtil::BUFFER* parts, int partsEach, int count,
+        const NuvikaLLSock::ADDR_V4_V6& destination);
 
 private:
     struct Socket; // what copies share

@@ -16,17 +16,22 @@
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
 // 8. Nothing is silent: the transfers of a channel that the port could not take, or of a port that could not
 //    be opened, complete with the code. The next channel, and the next receive, try again.
-// 9. One system call fills all receives that are posted on a channel of datagrams. Each completes alone, but
-//    such a batch counts as one service.
+// 9. A channel of datagrams receives a batch with one system call. Each datagram completes a receive of its
+// own,
+//    but the batch counts as one service; what is left of it, a nested event loop goes on with. The bytes lie
+//    in the port until the handler returns.
 //
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
 // that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
 #pragma once
 
+#include "platform/Datagrams_p.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include <sys/uio.h>
 
@@ -74,14 +79,16 @@ private:
     bool m_bDone = false;
 };
 
-// A receive on a channel of datagrams. One that was longer than the buffer completes with 10040.
+// A receive on a channel of datagrams, posted without a buffer.
 class DatagramReceive : public Transfer
 {
 public:
-    static constexpr std::size_t kSenderSize = 28;
+    // What it completed with, until the handler returns.
+    const DatagramBatch::Datagram& datagram() const { return m_datagram; }
 
-    // The sender's sockaddr.
-    alignas(8) std::array<unsigned char, kSenderSize> sender{};
+private:
+    friend class Channel;
+    DatagramBatch::Datagram m_datagram{};
 };
 
 class TransferHandler
@@ -100,7 +107,6 @@ class TransferQueue
 public:
     bool isEmpty() const { return m_pFirst == nullptr; }
     Transfer* first() const { return m_pFirst; }
-    static Transfer* next(const Transfer& transfer) { return transfer.m_pNext; }
     bool firstIsDone() const { return m_pFirst != nullptr && m_pFirst->m_bDone; }
     bool lastIsDone() const { return m_pFirst == nullptr || m_pLast->m_bDone; }
     void append(Transfer& transfer);
@@ -126,7 +132,7 @@ public:
 
     // On a channel of datagrams every transfer is a DatagramReceive.
     void postReceive(Transfer& transfer, void* buffer, std::size_t size);
-    // Completes the receives that are still waiting with 995.
+    // Completes the receives that are still waiting with 995, and drops what is left of a batch.
     void cancelReceives();
     // Returns the bytes that left at once; the rest follows as the socket takes it.
     std::size_t postSend(Transfer& transfer);
@@ -144,7 +150,8 @@ private:
     bool serveBatch(PassBudget& budget);
     Transfer* nextReceive();
     bool receiveSome(Transfer& transfer);
-    bool receiveBatch();
+    void receiveBatch();
+    Transfer* nextDatagram();
     Transfer* nextSend();
     bool trySend(Transfer& transfer);
     void schedule();
@@ -155,6 +162,7 @@ private:
     TransferHandler& m_handler;
     TransferQueue m_receives;
     TransferQueue m_sends;
+    std::shared_ptr<DatagramBatch> m_pBatch; // while something of it is left
     Channel* m_pPrevious = nullptr; // neighbours in the port's line of channels with work
     Channel* m_pNext = nullptr;
     int m_nSocket;
@@ -199,6 +207,7 @@ private:
     void passWithoutDescriptors();
     bool fetch();
     void pass();
+    std::shared_ptr<DatagramBatch> takeBatch();
     void serveRound(std::size_t channels, PassBudget& budget);
     void end();
 
@@ -211,5 +220,7 @@ private:
     std::size_t m_nInLine = 0;
     std::unique_ptr<Notifier> m_pNotifier;
     std::unique_ptr<QObject> m_pPassLater; // while such a pass is due
+    // For each depth of delivery one, kept for reuse; those in use have another owner besides.
+    std::vector<std::shared_ptr<DatagramBatch>> m_batches;
 };
 } // namespace Nuvika

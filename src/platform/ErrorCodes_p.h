@@ -7,6 +7,7 @@
 namespace Nuvika::ErrorCodes
 {
 constexpr int kHandshakeTimeout = 5;
+constexpr int kNoDevice = 55;
 constexpr int kCancelled = 995;
 constexpr int kAccessDenied = 10013;
 constexpr int kInvalidArgument = 10022;
@@ -20,6 +21,7 @@ constexpr int kConnectionAborted = 10053;
 constexpr int kConnectionReset = 10054;
 constexpr int kIsConnected = 10056;
 constexpr int kCallFailure = 10107;
+constexpr int kConnectionRefused = 10061;
 constexpr int kHostNotFound = 11001;
 
 int fromErrno(int error);

@@ -40,24 +40,10 @@ void setReuseAddress(int s);
 long receive(int s, void* data, std::size_t size);
 long send(int s, const iovec* ranges, int count);
 
-// A buffer for one datagram and, after the call, what came into it.
-struct ReceivedDatagram {
-    void* data;
-    std::size_t size;
-    void* sender; // room for senderSize bytes
-    std::size_t senderSize;
-    std::size_t received; // bytes
-    bool bTruncated;
-};
-// The most datagrams of one call.
-constexpr int kMaxBatch = 16;
-// Datagrams received by one system call, or -1 as above.
-int receiveDatagrams(int s, ReceivedDatagram* datagrams, int count);
-// Sends each range as a datagram to one address, in as few system calls as the system allows. Returns how
-// many went; fewer than count leaves a last error, and -1 means that the first failed.
-int sendDatagrams(int s, const iovec* datagrams, int count, const sockaddr* to, int length);
 // A socket hears only the groups that it has joined itself, not those of the host's other sockets.
 void setOwnGroupsOnly(int s, int family);
+// Only what arrives over that interface is received.
+int bindToInterface(int s, unsigned int index);
 // An IPv6 socket is for IPv6 only.
 void setIPv6Only(int s);
 

@@ -6,7 +6,11 @@
 
 #include <QtCore/QThread>
 
+#include <atomic>
+#include <functional>
+#include <future>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <vector>
 
 namespace
@@ -82,6 +86,92 @@ TEST(HostLookup, FailuresAreNotCachedAndNamesAreCaseSensitive)
     lookUp("Gone.test", receiver);
     ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 3; }));
     EXPECT_NE(receiver.answers[1].addresses(), receiver.answers[2].addresses());
+}
+
+TEST(HostLookup, ForgetsNamesThatNobodyAsksForAgain)
+{
+    seams::setName("once.test", {"10.0.0.5"});
+    seams::setName("later.test", {"10.0.0.6"});
+    Receiver receiver;
+    const QString name = QStringLiteral("once.%1").arg(QLatin1String("test"));
+    NuvikaUtil::lookupHost(name, &receiver, SLOT(answer(QHostInfo)));
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 1; }));
+    receiver.answers.clear();
+    settle(10);
+    EXPECT_FALSE(name.isDetached()) << "the cache shares it";
+    seams::clockOffsetMs += 60001;
+    lookUp("later.test", receiver);
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 1; }));
+    EXPECT_TRUE(waitFor([&] { return name.isDetached(); }, 2000)) << "the cache still holds it";
+}
+
+// Looks a name up from another thread while each record is written, so that a lock which is held then shows
+// as a record that waits in vain.
+namespace
+{
+struct LookingHandler {
+    static inline Receiver* s_pReceiver = nullptr;
+    static inline std::vector<std::future<int>> s_lookups;
+    static inline std::atomic<int> s_nRecords{0};
+    static inline std::atomic<int> s_nBlocked{0};
+    static inline std::mutex s_mutex;
+    QtMessageHandler previous;
+
+    explicit LookingHandler(Receiver& receiver)
+    {
+        s_pReceiver = &receiver;
+        previous = qInstallMessageHandler(&handle);
+    }
+    ~LookingHandler()
+    {
+        qInstallMessageHandler(previous);
+        s_lookups.clear();
+    }
+    static void handle(QtMsgType, const QMessageLogContext&, const QString& text)
+    {
+        static thread_local bool t_bInside = false;
+        if (t_bInside || text.contains(QLatin1String("handler.test")))
+            return;
+        t_bInside = true;
+        auto lookup = std::async(std::launch::async, [] { return lookUp("handler.test", *s_pReceiver); });
+        ++s_nRecords;
+        s_nBlocked += lookup.wait_for(std::chrono::seconds(2)) == std::future_status::ready ? 0 : 1;
+        const std::lock_guard<std::mutex> lock(s_mutex);
+        s_lookups.push_back(std::move(lookup));
+        t_bInside = false;
+    }
+};
+} // namespace
+
+TEST(HostLookup, ALogHandlerMayLookUpANameWithAnyRecord)
+{
+    for (const char* name : {"handler.test", "found.test"})
+        seams::setName(name, {"10.0.0.7"});
+    seams::setName("missing.test", {});
+    Receiver receiver;
+    lookUp("found.test", receiver);
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 1; }));
+    const struct {
+        const char* what;
+        std::function<void()> lookUpIt;
+    } cases[] = {
+        {"found in cache", [&] { lookUp("found.test", receiver); }},
+        {"not found", [&] { lookUp("missing.test", receiver); }},
+        {"Qt's warning of a slot that is not there",
+            [&] { NuvikaUtil::lookupHost(QStringLiteral("found.test"), &receiver, SLOT(none())); }},
+    };
+    for (const auto& c : cases) {
+        Receiver inHandler;
+        LookingHandler::s_nRecords = 0;
+        LookingHandler::s_nBlocked = 0;
+        {
+            const LookingHandler handler(inHandler);
+            c.lookUpIt();
+            EXPECT_TRUE(waitFor([&] { return LookingHandler::s_nRecords > 0; })) << c.what;
+            EXPECT_TRUE(waitFor([&] { return !inHandler.answers.empty(); })) << c.what;
+        }
+        EXPECT_EQ(LookingHandler::s_nBlocked, 0) << c.what << ": a record is written under the lock";
+    }
 }
 
 TEST(HostLookup, AReceiverDeletedBeforeItsAnswerGetsNone)

@@ -11,6 +11,8 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <thread>
+#include <type_traits>
 
 #include <netinet/tcp.h>
 
@@ -207,6 +209,73 @@ TEST(TcpSocket, ReportsFailuresOnceWithWinsockCodes)
     EXPECT_EQ(failing.events.size(), 1) << "never inside the call";
     ASSERT_TRUE(waitFor([&] { return failing.events.size() == 2; }));
     EXPECT_EQ(failing.events.last(), QStringLiteral("error 10054"));
+}
+
+TEST(TcpSocket, AConnectionToItselfIsRefusedAndClosed)
+{
+    RawListener closed; // only to learn of a free port
+    const unsigned short port = closed.port();
+    closed.close();
+    seams::setName("itself.test", {"127.0.0.1"});
+    for (const char* host : {"127.0.0.1", "itself.test"}) {
+        Tcp c;
+        const int before = openDescriptors();
+        seams::streamPort = port;
+        c.socket->connectToHost(QString::fromLatin1(host), port);
+        EXPECT_TRUE(waitFor([&] { return c.events.size() == 1; }));
+        seams::streamPort = 0;
+        EXPECT_EQ(c.events, QStringList(QStringLiteral("error 10061"))) << host;
+        EXPECT_EQ(openDescriptors(), before) << "a descriptor is left over";
+    }
+}
+
+TEST(TcpSocket, APeerThatHasResetAlreadyLeavesNoOthersAddress)
+{
+    Tcp c;
+    c.open();
+    EXPECT_EQ(c.socket->peerPort(), c.listener.port());
+    c.socket->close();
+    RawSocket other = RawSocket::connectTo(c.listener.port());
+    RawSocket accepted;
+    ASSERT_TRUE(waitFor([&] { return (accepted = c.listener.accept()).isOpen(); }));
+    other.reset();
+    sockaddr_in unused{};
+    socklen_t size = sizeof unused;
+    ASSERT_TRUE(waitFor(
+        [&] { return getpeername(accepted.fd(), reinterpret_cast<sockaddr*>(&unused), &size) != 0; }));
+    c.socket->setSocketDescriptor(accepted.release());
+    EXPECT_TRUE(c.socket->peerAddress().isNull()) << c.socket->peerAddress().toString().toStdString();
+    EXPECT_EQ(c.socket->peerPort(), 0);
+    EXPECT_EQ(c.socket->localPort(), c.listener.port());
+}
+
+// Qt tells who makes and ends objects; see qhooks_p.h.
+extern Q_CORE_EXPORT quintptr qtHookData[];
+namespace
+{
+thread_local int t_nObjects = 0;
+}
+
+TEST(TcpSocket, ASocketDestroyedWhileConnectingInAnEndedThreadLeavesNothing)
+{
+    constexpr int kAdd = 3;
+    constexpr int kRemove = 4;
+    const quintptr previous[] = {qtHookData[kAdd], qtHookData[kRemove]};
+    qtHookData[kAdd] = reinterpret_cast<quintptr>(+[](QObject*) { ++t_nObjects; });
+    qtHookData[kRemove] = reinterpret_cast<quintptr>(+[](QObject*) { --t_nObjects; });
+    const RawListener listener;
+    int nLeft = -1;
+    std::thread([&] {
+        QEventLoop().processEvents(); // the thread's dispatcher, which stays
+        const int nBefore = t_nObjects;
+        auto socket = std::make_unique<NuvikaTcpSocket>();
+        socket->connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
+        socket.reset();
+        nLeft = t_nObjects - nBefore;
+    }).join();
+    qtHookData[kAdd] = previous[0];
+    qtHookData[kRemove] = previous[1];
+    EXPECT_EQ(nLeft, 0) << "objects that wait for a loop that will not run again";
 }
 
 TEST(TcpSocket, FailingSystemCallsAreReportedAndNothingElse)
@@ -454,6 +523,45 @@ TEST(QueuedSocket, HalfCloseWaitsForADrainThatMayNeverCome)
     c.socket->finishSending();
     EXPECT_TRUE(waitFor([&] { return other.atEnd(); }));
 }
+
+TEST(QueuedSocket, NothingIsTakenBehindTheEnd)
+{
+    for (const int size : {5, 12 << 20}) {
+        Queued c;
+        c.open();
+        const QByteArray data(size, 'x');
+        EXPECT_TRUE(c.socket->sendData(data.constData(), data.size()));
+        c.socket->finishSending();
+        EXPECT_FALSE(c.socket->sendData("y", 1));
+        ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }, 30000));
+        EXPECT_TRUE(c.peer.received() == data);
+        EXPECT_FALSE(c.socket->sendData("y", 1));
+        EXPECT_TRUE(c.socket->isDynamicDataQueueEmpty()) << "a byte that can never leave is kept";
+        EXPECT_FALSE(c.socket->notifyWhenAllSent()) << "no signal can follow";
+        c.socket->close();
+        c.peer = RawSocket();
+        c.open();
+        EXPECT_TRUE(c.socket->sendData("again", 5)) << "the next connection takes bytes";
+        EXPECT_TRUE(waitFor([&] { return c.peer.received() == "again"; }));
+    }
+}
+
+// A pointer would silently become the flag.
+using P = NuvikaTcpSocket::LOAD_PROFILE;
+static_assert(!std::is_constructible_v<NuvikaTcpSocketQueued, QObject*>);
+static_assert(!std::is_constructible_v<NuvikaTcpSocketQueued, NuvikaTcpSocket*>);
+static_assert(!std::is_constructible_v<NuvikaTcpSocketQueued, int, QObject*>);
+static_assert(!std::is_constructible_v<NuvikaTcpSocket, P, P, QObject*>);
+static_assert(!std::is_constructible_v<NuvikaTcpSocket, P, P, int, QObject*>);
+static_assert(!std::is_constructible_v<NuvikaTcpSocket, P, P, const char*>);
+static_assert(std::is_constructible_v<NuvikaTcpSocketQueued>);
+static_assert(std::is_constructible_v<NuvikaTcpSocketQueued, bool, NuvikaTcpSocket*>);
+static_assert(std::is_constructible_v<NuvikaTcpSocketQueued, bool, QObject*>);
+static_assert(std::is_constructible_v<NuvikaTcpSocketQueued, int, bool>);
+static_assert(std::is_constructible_v<NuvikaTcpSocketQueued, int, bool, QObject*>);
+static_assert(std::is_constructible_v<NuvikaTcpSocket, P, P>);
+static_assert(std::is_constructible_v<NuvikaTcpSocket, P, P, bool, NuvikaTcpSocket*>);
+static_assert(std::is_constructible_v<NuvikaTcpSocket, P, P, int, bool, QObject*>);
 
 TEST(QueuedSocket, AnErrorEmptiesTheQueue)
 {

@@ -1,5 +1,6 @@
 #include "support/EventLoop.h"
 #include "support/LogCapture.h"
+#include "support/OwnNetwork.h"
 #include "support/RawPeer.h"
 #include "support/Seams.h"
 
@@ -9,9 +10,16 @@
 
 #include <QtNetwork/QNetworkInterface>
 
+#include <algorithm>
+#include <cstring>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
+#include <net/if.h>
+#include <netinet/udp.h>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace
@@ -27,10 +35,27 @@ NuvikaLLSock::ADDR_V4_V6 addressOf(const QHostAddress& host, unsigned short port
     return address;
 }
 
+unsigned short portOf(const RawSocket& s)
+{
+    NuvikaLLSock::ADDR_V4_V6 name{};
+    socklen_t size = sizeof name;
+    getsockname(s.fd(), &name.sa, &size);
+    return ntohs(name.v4.sin_port);
+}
+
 // A plain socket that sends to the receiver under test.
 struct RawSender {
     RawSocket s;
     explicit RawSender(int family = AF_INET) : s(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) { }
+    unsigned short port() const { return portOf(s); }
+    // As one message, which the system cuts into datagrams of that size.
+    void sendRun(const QByteArray& bytes, int size, unsigned short port)
+    {
+        ASSERT_EQ(setsockopt(s.fd(), SOL_UDP, UDP_SEGMENT, &size, sizeof size), 0);
+        send(bytes, port);
+        size = 0;
+        setsockopt(s.fd(), SOL_UDP, UDP_SEGMENT, &size, sizeof size);
+    }
     void send(const QByteArray& bytes, unsigned short port, const QHostAddress& host = kLocal)
     {
         const auto to = addressOf(host, port);
@@ -90,7 +115,7 @@ TEST(UdpReceiver, ReceivesInOrderAndTellsTheSender)
         sender.send(QByteArray(1500, 'x'), receiver.port);
         seams::receivingMany.nCalls = 0;
         ASSERT_TRUE(receiver.waitForCount(41));
-        EXPECT_LE(seams::receivingMany.nCalls, 7) << "filled in batches of ten";
+        EXPECT_LE(seams::receivingMany.nCalls, 3) << "received in batches";
         for (int i = 0; i < 40; ++i)
             EXPECT_EQ(
                 receiver.listener.got[static_cast<std::size_t>(i)], "datagram " + QByteArray::number(i));
@@ -99,10 +124,7 @@ TEST(UdpReceiver, ReceivesInOrderAndTellsTheSender)
         EXPECT_EQ(datagram.nFamily, 2);
         EXPECT_EQ(datagram.nIPv4, 0x7F000001U);
         EXPECT_EQ(datagram.pIPv6, nullptr);
-        NuvikaLLSock::ADDR_V4_V6 name{};
-        socklen_t size = sizeof name;
-        getsockname(sender.s.fd(), &name.sa, &size);
-        EXPECT_EQ(datagram.nPort, ntohs(name.v4.sin_port));
+        EXPECT_EQ(datagram.nPort, sender.port());
         receiver.close();
         EXPECT_EQ(receiver.socketDescriptor(), -1);
         EXPECT_TRUE(receiver.localAddress().isNull());
@@ -155,6 +177,86 @@ TEST(UdpReceiver, DropsTruncatedDatagramsAndGrows)
     EXPECT_TRUE(second.listener.got.empty());
     sender.send(QByteArray(3001, 'c'), second.port);
     EXPECT_TRUE(second.waitForCount(1));
+}
+
+TEST(UdpReceiver, HandsOutARunAsItsDatagrams)
+{
+    Bound receiver;
+    RawSender sender;
+    RawSender other;
+    std::vector<QByteArray> expected;
+    const auto expect = [&](int count, int size) {
+        QByteArray run;
+        for (int i = 0; i < count; ++i) {
+            expected.push_back(QByteArray(size, static_cast<char>(expected.size())));
+            run += expected.back();
+        }
+        return run;
+    };
+    QByteArray picture = expect(30, 1200);
+    picture += expect(1, 700);
+    sender.sendRun(picture, 1200, receiver.port);
+    other.send(expect(1, 50), receiver.port);
+    sender.sendRun(expect(64, 1), 1, receiver.port);
+    other.sendRun(expect(2, 1500), 1500, receiver.port);
+    seams::receivingMany.nCalls = 0;
+    ASSERT_TRUE(receiver.waitForCount(expected.size()));
+    settle(10);
+    EXPECT_TRUE(receiver.listener.got == expected);
+    EXPECT_EQ(seams::receivingMany.nCalls, 1) << "all of it in one call";
+    EXPECT_EQ(receiver.listener.raw[30].nPort, sender.port());
+    EXPECT_EQ(receiver.listener.raw[31].nPort, other.port());
+}
+
+TEST(UdpReceiver, ALongDatagramInARunIsDroppedAndGrowsTheSize)
+{
+    Bound receiver;
+    RawSender sender;
+    const QByteArray run = QByteArray(8000, 'a') + "end";
+    sender.sendRun(run, 2000, receiver.port);
+    sender.send("behind", receiver.port);
+    settle(15);
+    EXPECT_TRUE(receiver.listener.got.empty()) << "what had arrived by then goes with it";
+    sender.sendRun(run, 2000, receiver.port);
+    ASSERT_TRUE(receiver.waitForCount(5)) << "1500 -> 3000, once";
+    EXPECT_EQ(receiver.listener.got.back(), "end");
+}
+
+TEST(UdpReceiver, ANestedLoopGoesOnWithARunAndACloseDropsIt)
+{
+    const QByteArray run = QByteArray(30, 'r');
+    {
+        Bound receiver;
+        RawSender sender;
+        int nDepth = 0;
+        int nDeepest = 0;
+        receiver.listener.react = [&](const QByteArray&) {
+            nDeepest = std::max(++nDepth, nDeepest);
+            const std::size_t before = receiver.listener.got.size();
+            waitFor([&] { return receiver.listener.got.size() > before; }, 50);
+            --nDepth;
+        };
+        sender.sendRun(run, 1, receiver.port);
+        ASSERT_TRUE(receiver.waitForCount(30));
+        EXPECT_GT(nDeepest, 1) << "the others are served meanwhile";
+        EXPECT_LE(nDeepest, 10) << "a peer that sends enough would use up the stack";
+    }
+    Bound receiver;
+    RawSender sender;
+    receiver.listener.react = [&](const QByteArray&) {
+        if (receiver.listener.got.size() == 3) {
+            receiver.close();
+            settle(10);
+        }
+    };
+    sender.sendRun(run, 1, receiver.port);
+    ASSERT_TRUE(receiver.waitForCount(3));
+    settle(20);
+    EXPECT_EQ(receiver.listener.got.size(), 3U);
+    ASSERT_TRUE(receiver.createUnicast(receiver.port, kLocal));
+    sender.send("new", receiver.port);
+    ASSERT_TRUE(receiver.waitForCount(4));
+    EXPECT_EQ(receiver.listener.got.back(), "new") << "nothing of the run comes back";
 }
 
 TEST(UdpReceiver, CallbacksMayChangeTheListAndEndTheReceiver)
@@ -279,6 +381,58 @@ TEST(UdpReceiver, JoinsAnIPv6GroupOnTheNamedInterface)
         GTEST_SKIP() << "no interface here carries IPv6 groups";
 }
 
+TEST(UdpReceiver, HearsAnIPv6GroupOnTheChosenInterfaceOnly)
+{
+    const auto test = [] {
+        const QHostAddress interfaces[]
+            = {QHostAddress(QStringLiteral("fd00:1::1")), QHostAddress(QStringLiteral("fd00:2::1"))};
+        for (const char* group : {"ff12::77:1", "ff15::77:1", "ff1e::77:1"}) {
+            const QHostAddress address(QString::fromLatin1(group));
+            NuvikaUdpReceiver receivers[2];
+            Listener listeners[2];
+            unsigned short port = 0;
+            for (int i = 0; i < 2; ++i) {
+                listeners[i].listenTo(receivers[i]);
+                ASSERT_TRUE(receivers[i].createMulticast(port, address, interfaces[i]))
+                    << group << ": " << receivers[i].errorString().toStdString();
+            }
+            for (int i = 0; i < 2; ++i) {
+                RawSender sender(AF_INET6);
+                const unsigned int index = if_nametoindex(i == 0 ? "one" : "two");
+                setsockopt(sender.s.fd(), IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index);
+                sender.send(QByteArray::number(i), port, address);
+            }
+            EXPECT_TRUE(waitFor([&] { return !listeners[0].got.empty() && !listeners[1].got.empty(); }));
+            settle(10);
+            EXPECT_EQ(listeners[0].got, std::vector<QByteArray>{"0"}) << group << " of the other interface";
+            EXPECT_EQ(listeners[1].got, std::vector<QByteArray>{"1"}) << group << " of the other interface";
+        }
+    };
+    if (!inOwnNetwork(
+            {"link add one type veth peer name one.peer", "link add two type veth peer name two.peer",
+                "link set one up", "link set two up", "link set one.peer up", "link set two.peer up",
+                "addr add fd00:1::1/64 dev one nodad", "addr add fd00:2::1/64 dev two nodad"},
+            test))
+        GTEST_SKIP() << kNoOwnNetwork;
+}
+
+TEST(UdpReceiver, RefusesAnInterfaceThatIsNotThere)
+{
+    for (const auto& [group, interface] : {std::pair("239.255.77.1", "203.0.113.9"),
+             std::pair("ff12::77:1", "2001:db8::9"), std::pair("ff15::77:1", "2001:db8::9"),
+             std::pair("ff15::77:1", "fe80::9%none"), std::pair("ff15::77:1", "fe80::9%9999")}) {
+        NuvikaUdpReceiver receiver;
+        LogCapture log;
+        unsigned short port = 0;
+        EXPECT_FALSE(receiver.createMulticast(
+            port, QHostAddress(QString::fromLatin1(group)), QHostAddress(QString::fromLatin1(interface))))
+            << group << " on " << interface;
+        EXPECT_EQ(receiver.errorString(), QStringLiteral("No such device")) << group << " on " << interface;
+        EXPECT_TRUE(log.has(" failed: No such device")) << group << " on " << interface;
+        EXPECT_EQ(receiver.socketDescriptor(), -1);
+    }
+}
+
 TEST(UdpReceiver, SaysWhyItCannotBeCreated)
 {
     const Bound portOfThisThread;
@@ -330,16 +484,19 @@ TEST(UdpReceiver, GoesOnAfterAFailedReceive)
     Bound receiver;
     RawSender sender;
     LogCapture log;
-    seams::receivingMany.arm(3, ENOMEM);
+    seams::receivingMany.arm(12, ENOMEM);
+    seams::receivingMany.nCalls = 0;
     for (int i = 0; i < 50; ++i)
         sender.send(QByteArray::number(i), receiver.port);
+    settle(20);
+    EXPECT_LE(seams::receivingMany.nCalls, 2) << "tried again and again without a pause";
     ASSERT_TRUE(receiver.waitForCount(50)) << "nothing that waits in the system is lost";
-    EXPECT_EQ(log.count("NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; ", QtWarningMsg), 3);
-    seams::receivingMany.nCalls = 0;
-    for (int i = 0; i < 40; ++i)
-        sender.send(QByteArray::number(i), receiver.port);
-    ASSERT_TRUE(receiver.waitForCount(90));
-    EXPECT_LE(seams::receivingMany.nCalls, 6) << "all ten receives are outstanding again";
+    EXPECT_EQ(log.count("NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; ", QtWarningMsg), 1);
+    seams::receivingMany.arm(1, ENOBUFS);
+    sender.send("x", receiver.port);
+    ASSERT_TRUE(receiver.waitForCount(51));
+    EXPECT_EQ(log.count("NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; ", QtWarningMsg), 2)
+        << "a new failure is told again";
 }
 
 TEST(UdpSender, BindsByItselfAndSends)
@@ -391,6 +548,152 @@ TEST(UdpSender, SendsManyWithOneCall)
     EXPECT_EQ(sender.sendMany(buffers.data(), 30, to), 0);
     EXPECT_EQ(sender.sendMany(buffers.data(), 1, addressOf(kLocal6, 1)), 0);
     ASSERT_TRUE(receiver.waitForCount(40));
+}
+
+namespace
+{
+// A plain socket that the sender under test sends to.
+struct RawReceiver {
+    RawSocket s{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    explicit RawReceiver(const QHostAddress& address = kLocal)
+    {
+        const int size = 1 << 20;
+        setsockopt(s.fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+        const auto local = addressOf(address, 0);
+        EXPECT_EQ(bind(s.fd(), &local.sa, sizeof local.v4), 0) << strerror(errno);
+    }
+    unsigned short port() const { return portOf(s); }
+    std::vector<QByteArray> take()
+    {
+        std::vector<QByteArray> got;
+        std::vector<char> buffer(65536);
+        for (ssize_t n = 0; (n = recv(s.fd(), buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;)
+            got.emplace_back(buffer.data(), static_cast<int>(n));
+        return got;
+    }
+};
+
+// Datagrams of these sizes, and the buffers that name them in so many parts each.
+struct Packets {
+    std::vector<QByteArray> bytes;
+    std::vector<KepNuvikaUtil::BUFFER> parts;
+    explicit Packets(const std::vector<int>& sizes, int partsEach = 1)
+    {
+        for (const int size : sizes)
+            bytes.push_back(QByteArray(size, static_cast<char>(bytes.size())));
+        for (const QByteArray& packet : bytes) {
+            for (int i = 0; i < partsEach; ++i) {
+                const int from = packet.size() * i / partsEach;
+                parts.push_back({packet.constData() + from, packet.size() * (i + 1) / partsEach - from});
+            }
+        }
+    }
+    int count() const { return static_cast<int>(bytes.size()); }
+};
+} // namespace
+
+TEST(UdpSender, EveryListArrivesAsItIs)
+{
+    const std::vector<int> picture(30, 1200);
+    std::vector<int> shorterLast = picture;
+    shorterLast.back() = 700;
+    const struct {
+        std::vector<int> sizes;
+        int runs; // calls that begin with one
+    } cases[]
+        = {{picture, 1}, {shorterLast, 1}, {{1200}, 0}, {{0, 0}, 0}, {{5, 9, 5, 9}, 0}, {{9, 9, 0, 9, 9}, 1},
+            {{9, 9, 5, 9, 9}, 1}, {std::vector<int>(65, 10), 1}, {std::vector<int>(200, 1), 1},
+            {{30000, 30000, 30000}, 1}, {{65507, 65507}, 0}, {std::vector<int>(64, 1023), 1}};
+    NuvikaUdpSender sender;
+    RawReceiver receiver;
+    const auto to = addressOf(kLocal, receiver.port());
+    for (const auto& c : cases) {
+        for (const int partsEach : {1, 2, 16}) {
+            const Packets packets(c.sizes, partsEach);
+            seams::sendingRuns.nCalls = 0;
+            EXPECT_EQ(
+                sender.sendPackets(packets.parts.data(), partsEach, packets.count(), to), packets.count());
+            EXPECT_TRUE(receiver.take() == packets.bytes) << testing::PrintToString(c.sizes);
+            if (partsEach == 1) {
+                EXPECT_EQ(seams::sendingRuns.nCalls, c.runs) << testing::PrintToString(c.sizes);
+            }
+        }
+    }
+    const Packets packets(picture, 2);
+    for (const int partsEach : {0, -1, 17})
+        EXPECT_EQ(sender.sendPackets(packets.parts.data(), partsEach, 1, to), 0);
+    EXPECT_EQ(sender.errorString(), QStringLiteral("Invalid argument"));
+}
+
+TEST(UdpSender, ARefusedRunGoesAsDatagrams)
+{
+    const Packets packets(std::vector<int>(70, 100));
+    RawReceiver receiver;
+    const auto to = addressOf(kLocal, receiver.port());
+    const struct {
+        int nError;
+        int nTriedAgain; // runs that a second list tries
+    } cases[]
+        = {{EIO, 0}, {ENOPROTOOPT, 0}, {EINVAL, 1}, {EMSGSIZE, 1}, {EPERM, 1}, {ENOBUFS, 1}, {EAGAIN, 1}};
+    for (const auto& c : cases) {
+        NuvikaUdpSender sender;
+        for (int i = 0; i < 2; ++i) {
+            seams::sendingRuns.nCalls = 0;
+            seams::sendingRuns.arm(1, c.nError);
+            EXPECT_EQ(sender.sendMany(packets.parts.data(), 70, to), 70) << strerror(c.nError);
+            EXPECT_TRUE(receiver.take() == packets.bytes) << strerror(c.nError);
+        }
+        EXPECT_EQ(seams::sendingRuns.nCalls, c.nTriedAgain) << strerror(c.nError);
+        seams::sendingRuns.arm(0, 0);
+    }
+    NuvikaUdpSender sender;
+    seams::sendingRuns.nCalls = 0;
+    EXPECT_TRUE(sender.bind(0, kLocal));
+    seams::settingOptions.arm(1, ENOPROTOOPT);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(sender.sendMany(packets.parts.data(), 70, to), 70);
+    EXPECT_EQ(seams::sendingRuns.nCalls, 0)
+        << "a kernel that does not know runs might take one for a datagram";
+    EXPECT_EQ(receiver.take().size(), 140U);
+}
+
+TEST(UdpSender, ListsPassARouteWithSmallPackets)
+{
+    const auto test = [] {
+        // The far end of the wire has a network of its own; its socket is used from here.
+        std::unique_ptr<RawReceiver> far;
+        std::promise<pid_t> thread;
+        std::promise<void> moved;
+        std::thread other([&] {
+            const bool bMade = unshare(CLONE_NEWNET) == 0;
+            thread.set_value(bMade ? gettid() : 0);
+            moved.get_future().wait();
+            if (bMade && std::system("ip addr add 10.77.0.2/24 dev far && ip link set far up") == 0)
+                far = std::make_unique<RawReceiver>(QHostAddress(QStringLiteral("10.77.0.2")));
+        });
+        const std::string id = std::to_string(thread.get_future().get());
+        EXPECT_EQ(std::system(("ip link set far netns " + id).c_str()), 0);
+        moved.set_value();
+        other.join();
+        ASSERT_NE(far, nullptr);
+        NuvikaUdpSender sender;
+        const auto to = addressOf(QHostAddress(QStringLiteral("10.77.0.2")), far->port());
+        for (const int size : {100, 1472, 1473, 4000}) {
+            const Packets packets(std::vector<int>(10, size));
+            ASSERT_EQ(sender.sendMany(packets.parts.data(), 10, to), 10) << size;
+            std::vector<QByteArray> got;
+            waitFor([&] {
+                for (const QByteArray& datagram : far->take())
+                    got.push_back(datagram);
+                return got.size() >= 10;
+            });
+            EXPECT_TRUE(got == packets.bytes) << size;
+        }
+    };
+    if (!inOwnNetwork(
+            {"link add near type veth peer name far", "addr add 10.77.0.1/24 dev near", "link set near up"},
+            test))
+        GTEST_SKIP() << kNoOwnNetwork;
 }
 
 TEST(UdpSender, CopiesShareOneSocket)

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -16,6 +17,7 @@ namespace seams
 {
 std::atomic<long long> clockOffsetMs{0};
 std::atomic<bool> bVirtualSleep{false};
+std::atomic<int> streamPort{0};
 Fault threadCreation;
 Fault accepting;
 Fault sending;
@@ -26,6 +28,7 @@ Fault opening;
 Fault receivingMany;
 Fault registering;
 Fault portCreation;
+Fault sendingRuns;
 
 Fault& crypto(const char* function)
 {
@@ -111,6 +114,7 @@ int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left);
 int __real_socket(int family, int type, int protocol);
 int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
+int __real_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now)
 {
@@ -170,12 +174,28 @@ int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, t
 
 int __wrap_socket(int family, int type, int protocol)
 {
-    return seams::refuses(seams::opening, "socket", EMFILE) ? -1 : __real_socket(family, type, protocol);
+    if (seams::refuses(seams::opening, "socket", EMFILE))
+        return -1;
+    const int s = __real_socket(family, type, protocol);
+    if (seams::streamPort != 0 && (type & SOCK_STREAM) != 0 && family == AF_INET) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(seams::streamPort));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    return s;
 }
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)
 {
     return seams::receivingMany.fires() ? -1 : __real_recvmmsg(fd, messages, count, flags, timeout);
+}
+
+int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags)
+{
+    const bool bRun = count > 0 && messages->msg_hdr.msg_controllen > 0;
+    return bRun && seams::sendingRuns.fires() ? -1 : __real_sendmmsg(fd, messages, count, flags);
 }
 
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)

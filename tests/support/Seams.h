@@ -16,6 +16,10 @@ extern std::atomic<long long> clockOffsetMs;
 // Sleeping moves the clock instead of taking time.
 extern std::atomic<bool> bVirtualSleep;
 
+// The stream sockets that are opened next get this port on loopback, so that one may be asked to connect to
+// itself; 0 leaves it to the system.
+extern std::atomic<int> streamPort;
+
 // Names that the resolver knows; any other is asked of the system.
 struct Resolver {
     std::mutex mutex;
@@ -49,6 +53,7 @@ extern Fault receiving;
 extern Fault settingOptions;
 extern Fault opening;
 extern Fault receivingMany;
+extern Fault sendingRuns; // calls that begin with a run of datagrams
 extern Fault registering; // with a port
 extern Fault portCreation;
 

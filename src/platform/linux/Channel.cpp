@@ -67,6 +67,8 @@ void TransferQueue::finishAll(int nError)
 Channel::Channel(int socket, TransferHandler& handler, Kind kind)
     : m_pPort(CompletionPort::current()), m_handler(handler), m_nSocket(socket), m_kind(kind)
 {
+    if (kind == eDatagrams)
+        DatagramBatch::acceptRuns(socket);
     enterPort();
 }
 
@@ -93,7 +95,7 @@ void Channel::leavePort()
 
 bool Channel::hasWork() const
 {
-    return (!m_receives.isEmpty() && (m_bReadable || m_receives.firstIsDone()))
+    return (!m_receives.isEmpty() && (m_bReadable || m_receives.firstIsDone() || m_pBatch))
         || (!m_sends.isEmpty() && (m_bWritable || m_sends.firstIsDone()));
 }
 
@@ -177,7 +179,7 @@ Transfer* Channel::nextReceive()
     if (!m_receives.firstIsDone()) {
         if (m_nAddError != 0)
             m_receives.first()->finish(m_nAddError);
-        else if (!m_bReadable || !(m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first())))
+        else if (!m_bReadable || !receiveSome(*m_receives.first()))
             return nullptr;
     }
     return m_receives.takeFirst();
@@ -200,55 +202,58 @@ bool Channel::receiveSome(Transfer& transfer)
     return true;
 }
 
-bool Channel::receiveBatch()
+void Channel::receiveBatch()
 {
-    std::array<Sockets::ReceivedDatagram, Sockets::kMaxBatch> batch;
-    int count = 0;
-    for (Transfer* transfer = m_receives.first(); transfer != nullptr && count < Sockets::kMaxBatch;
-         transfer = TransferQueue::next(*transfer)) {
-        auto& receive = static_cast<DatagramReceive&>(*transfer);
-        batch[static_cast<std::size_t>(count++)] = {receive.ranges[0].iov_base, receive.m_nLeft,
-            receive.sender.data(), receive.sender.size(), 0, false};
-    }
-    const int got = Sockets::receiveDatagrams(m_nSocket, batch.data(), count);
-    if (got < 0) {
-        if (ErrorCodes::lastError() != ErrorCodes::kWouldBlock) {
-            m_receives.first()->finish(ErrorCodes::lastError());
-            return true;
-        }
+    const std::shared_ptr<DatagramBatch> batch = m_pPort->takeBatch();
+    if (batch->receive(m_nSocket)) {
+        m_bReadable = !batch->hasEmptiedSocket(); // the next one raises a new edge
+        m_pBatch = batch;
+    } else if (ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
         m_bReadable = false;
-        return false;
+    } else {
+        m_receives.first()->finish(ErrorCodes::lastError());
     }
-    m_bReadable = got == count; // fewer have emptied the socket: the next one raises a new edge
-    Transfer* transfer = m_receives.first();
-    for (int i = 0; i < got; ++i, transfer = TransferQueue::next(*transfer)) {
-        const Sockets::ReceivedDatagram& datagram = batch[static_cast<std::size_t>(i)];
-        transfer->m_nBytes = datagram.received;
-        transfer->finish(datagram.bTruncated ? ErrorCodes::kMessageSize : 0);
+}
+
+Transfer* Channel::nextDatagram()
+{
+    if (m_receives.isEmpty())
+        return nullptr;
+    if (!m_receives.firstIsDone()) {
+        if (!m_pBatch)
+            return nullptr;
+        auto& receive = static_cast<DatagramReceive&>(*m_receives.first());
+        receive.m_datagram = m_pBatch->takeNext();
+        if (m_pBatch->isEmpty())
+            m_pBatch.reset();
     }
-    return true;
+    return m_receives.takeFirst();
 }
 
 void Channel::cancelReceives()
 {
+    m_pBatch.reset();
     m_receives.finishAll(ErrorCodes::kCancelled);
     schedule();
 }
 
 bool Channel::serveBatch(PassBudget& budget)
 {
-    for (int served = 0; served < Sockets::kMaxBatch; ++served) {
-        Transfer* received = nextReceive();
+    if (m_nAddError != 0 && !m_receives.isEmpty() && !m_receives.firstIsDone())
+        m_receives.first()->finish(m_nAddError);
+    else if (!m_pBatch && m_bReadable && !m_receives.isEmpty() && !m_receives.firstIsDone())
+        receiveBatch();
+    const std::shared_ptr<DatagramBatch> batch = m_pBatch; // its memory, until the last handler has returned
+    do {
+        Transfer* received = nextDatagram();
         if (received == nullptr)
             break;
-        if (hasWork())
-            m_pPort->appendToLine(*this);
         if (!m_handler.receiveCompleted(*received))
             return false;
-        if (!m_receives.firstIsDone() || budget.isSpent())
-            break;
-    }
-    if (!hasWork())
+    } while (batch && m_pBatch == batch && !budget.isSpent());
+    if (hasWork())
+        m_pPort->appendToLine(*this);
+    else
         m_pPort->takeOutOfLine(*this);
     return true;
 }
@@ -285,6 +290,7 @@ void Channel::close()
     leavePort();
     m_bReadable = false;
     m_bWritable = false;
+    m_pBatch.reset();
     m_receives.finishAll(ErrorCodes::kCancelled);
     m_sends.finishAll(ErrorCodes::kCancelled);
     schedule();

@@ -246,6 +246,16 @@ void CompletionPort::pass()
     } while (m_pFirst != nullptr && !budget.isSpent());
 }
 
+std::shared_ptr<DatagramBatch> CompletionPort::takeBatch()
+{
+    for (const std::shared_ptr<DatagramBatch>& batch : m_batches) {
+        if (batch.use_count() == 1)
+            return batch;
+    }
+    m_batches.push_back(std::make_shared<DatagramBatch>());
+    return m_batches.back();
+}
+
 void CompletionPort::serveRound(std::size_t channels, PassBudget& budget)
 {
     for (std::size_t served = 0; served < channels && m_pFirst != nullptr; ++served) {

@@ -56,6 +56,7 @@ constexpr SystemError kSystemErrors[] = {
     {EHOSTDOWN, 10064},
     {EHOSTUNREACH, 10065},
     {ECANCELED, 995},
+    {ENODEV, 55},
 };
 
 struct ResolverError {

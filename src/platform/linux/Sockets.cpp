@@ -2,8 +2,6 @@
 
 #include "platform/ErrorCodes_p.h"
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -156,62 +154,18 @@ long Nuvika::Sockets::send(int s, const iovec* ranges, int count)
     return checked([&] { return ::sendmsg(s, &message, kFlags); });
 }
 
-int Nuvika::Sockets::receiveDatagrams(int s, ReceivedDatagram* datagrams, int count)
-{
-    std::array<mmsghdr, kMaxBatch> messages;
-    std::array<iovec, kMaxBatch> ranges;
-    const auto wanted = static_cast<std::size_t>(std::min(count, kMaxBatch));
-    for (std::size_t i = 0; i < wanted; ++i) {
-        ranges[i] = {datagrams[i].data, datagrams[i].size};
-        msghdr& head = messages[i].msg_hdr;
-        head = msghdr{};
-        head.msg_name = datagrams[i].sender;
-        head.msg_namelen = static_cast<socklen_t>(datagrams[i].senderSize);
-        head.msg_iov = &ranges[i];
-        head.msg_iovlen = 1;
-    }
-    const int got = checked([&] {
-        return ::recvmmsg(s, messages.data(), static_cast<unsigned int>(wanted), MSG_DONTWAIT, nullptr);
-    });
-    for (std::size_t i = 0; got > 0 && i < static_cast<std::size_t>(got); ++i) {
-        datagrams[i].received = messages[i].msg_len;
-        datagrams[i].bTruncated = (messages[i].msg_hdr.msg_flags & MSG_TRUNC) != 0;
-    }
-    return got;
-}
-
-int Nuvika::Sockets::sendDatagrams(int s, const iovec* datagrams, int count, const sockaddr* to, int length)
-{
-    constexpr int kMost = 1024; // of one call
-    std::array<mmsghdr, kMost> messages; // 64 KiB
-    int sent = 0;
-    while (sent < count) {
-        const int step = std::min(count - sent, kMost);
-        for (int i = 0; i < step; ++i) {
-            msghdr& head = messages[static_cast<std::size_t>(i)].msg_hdr;
-            head = msghdr{};
-            head.msg_name = const_cast<sockaddr*>(to);
-            head.msg_namelen = static_cast<socklen_t>(length);
-            head.msg_iov = const_cast<iovec*>(datagrams + sent + i);
-            head.msg_iovlen = 1;
-        }
-        const int went = checked([&] {
-            return ::sendmmsg(
-                s, messages.data(), static_cast<unsigned int>(step), MSG_DONTWAIT | MSG_NOSIGNAL);
-        });
-        if (went <= 0)
-            return sent > 0 ? sent : -1;
-        sent += went;
-    }
-    return sent;
-}
-
 void Nuvika::Sockets::setOwnGroupsOnly(int s, int family)
 {
     if (family == AF_INET6)
         setQuietly(s, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
     else
         setQuietly(s, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+}
+
+int Nuvika::Sockets::bindToInterface(int s, unsigned int index)
+{
+    const auto value = static_cast<int>(index);
+    return setOption(s, SOL_SOCKET, SO_BINDTOIFINDEX, &value, sizeof value);
 }
 
 void Nuvika::Sockets::setIPv6Only(int s) { setQuietly(s, IPPROTO_IPV6, IPV6_V6ONLY, 1); }
