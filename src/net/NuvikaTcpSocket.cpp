@@ -8,6 +8,7 @@
 #include "net/NuvikaTcpSocketConnect_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
 #include "net/NuvikaTcpSocketIO_p.h"
+#include "net/ReceivePlacer_p.h"
 #include "platform/Clock_p.h"
 #include "platform/Sockets_p.h"
 
@@ -250,6 +251,8 @@ void NuvikaTcpSocket::customEvent(QEvent* event)
         break;
     }
 }
+
+void ReceivePlacer::set(NuvikaTcpSocket& socket, ReceivePlacer* placer) { socket.m_pPlacer = placer; }
 
 void NuvikaTcpSocket::emitCanSend() { emit m_pAsyncHelper->emitCanSend(m_nSession); }
 

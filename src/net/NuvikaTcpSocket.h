@@ -10,6 +10,10 @@ class NuvikaTcpSocketAsyncHelper;
 class NuvikaTcpSocketConnect;
 class NuvikaTcpSocketIO;
 class QThread;
+namespace Nuvika
+{
+class ReceivePlacer;
+}
 
 /// A TCP stream socket on a Qt event loop: one connection at a time, outgoing (connectToHost()) or accepted
 /// (setSocketDescriptor()), everything reported by signals on the thread that made the object.
@@ -25,7 +29,7 @@ class QThread;
 /// sigCanSend(). Nothing taken is lost while the connection lives; close() discards what is still queued,
 /// sendEndOfData() sends it first.
 ///
-/// Receiving: dataReceived() points into the socket's own buffer, which is used again as soon as the handlers
+/// Receiving: dataReceived() points into a buffer of the thread, which is used again as soon as the handlers
 /// have returned. With a nested event loop inside a handler, a second dataReceived() may be delivered within
 /// the first.
 ///
@@ -151,4 +155,7 @@ private:
     quint32 m_nFirstFailure = 0;
     bool m_bSingleReceive;
     bool m_bRecvStalled = false;
+    Nuvika::ReceivePlacer* m_pPlacer = nullptr; // of the library's own readers
+    friend class Nuvika::ReceivePlacer;
+    friend class NuvikaTcpSocketIO;
 };

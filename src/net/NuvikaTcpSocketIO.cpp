@@ -4,6 +4,7 @@
 
 #include "core/Log_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
+#include "net/ReceivePlacer_p.h"
 #include "platform/Sockets_p.h"
 
 #include <QtCore/QCoreApplication>
@@ -96,8 +97,6 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
         NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
-    for (ReceiveContext& context : m_receives)
-        context.buffer.reset(new char[m_nReceiveSize]); // not initialised: received bytes fill it
     const unsigned int chunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
     m_pFifo = std::make_unique<DynamicByteFifo>(sendValues.nChunkSize, chunks);
@@ -125,7 +124,7 @@ void NuvikaTcpSocketIO::postReceives()
     for (std::size_t i = 0; i < count; ++i) {
         ReceiveContext& context = m_receives[i];
         if (!context.transfer.isBusy() && !context.bDelivering)
-            postReceive(context.transfer, context.buffer.get(), m_nReceiveSize);
+            postReceive(context.transfer, m_nReceiveSize);
     }
 }
 
@@ -148,11 +147,19 @@ void NuvikaTcpSocketIO::received(Transfer& transfer)
         return;
     }
     context->bDelivering = true;
-    NuvikaTcpSocketDataReceivedEvent event(context->buffer.get(), transfer.bytes());
+    const int nPlaced = transfer.bytesInTarget();
+    if (nPlaced > 0)
+        m_pOuter->m_pPlacer->placed(nPlaced);
+    NuvikaTcpSocketDataReceivedEvent event(transfer.rest(), transfer.bytes() - nPlaced);
     notifyOwner(event);
     context->bDelivering = false;
     if (m_state == eXFer && !m_bRecvStalled)
-        postReceive(transfer, context->buffer.get(), m_nReceiveSize);
+        postReceive(transfer, m_nReceiveSize);
+}
+
+iovec NuvikaTcpSocketIO::receiveTarget()
+{
+    return m_state == eXFer && m_pOuter->m_pPlacer != nullptr ? m_pOuter->m_pPlacer->target() : iovec{};
 }
 
 // --- sending -------------------------------------------------------------------------------------------

@@ -1,7 +1,7 @@
 // Private: moves the bytes of one connected TCP socket for its owner, the NuvikaTcpSocket.
 //
-//   receiving: two receives are posted; a received buffer is delivered in place, inside the completion, and
-//              posted again when the handler has returned.
+//   receiving: two receives are posted; what one brought is delivered where the port put it, inside the
+//              completion, and the receive is posted again when the handler has returned.
 //   sending:   bytes are copied once, into the FIFO; up to two sends describe its front and go out of it in
 //              place. What the system took leaves the FIFO at once. A send that is not complete waits for the
 //              loop, and what is queued meanwhile leaves with the next one.
@@ -45,7 +45,6 @@ public:
 private:
     struct ReceiveContext {
         Nuvika::Transfer transfer;
-        std::unique_ptr<char[]> buffer;
         bool bDelivering = false;
     };
     struct SendContext {
@@ -67,6 +66,7 @@ private:
     void notifyOwner(QEvent& event);
 
     void received(Nuvika::Transfer& transfer) override;
+    iovec receiveTarget() override;
     void sent(Nuvika::Transfer& transfer) override;
     void cutOwner() override { m_pOuter = nullptr; }
 

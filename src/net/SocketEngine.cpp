@@ -15,7 +15,13 @@ SocketEngine::SocketEngine(int nSocket, Channel::Kind kind)
 
 SocketEngine::~SocketEngine() = default;
 
-void SocketEngine::postReceive(Transfer& transfer, void* buffer, std::size_t size)
+void SocketEngine::postReceive(Transfer& transfer, std::size_t size)
+{
+    ++m_nBusy;
+    m_channel.postReceive(transfer, size);
+}
+
+void SocketEngine::postReceive(DatagramReceive& transfer, void* buffer, std::size_t size)
 {
     ++m_nBusy;
     m_channel.postReceive(transfer, buffer, size);

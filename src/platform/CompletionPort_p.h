@@ -17,9 +17,15 @@
 // 8. One system call fills all receives that are posted on a channel of datagrams. Each completes alone, but
 //    such a batch counts as one service.
 //
+// 9. A receive on a stream names how much it takes, not where to. What it brought lies in memory of the port
+//    that is there only during the completion, so that an idle socket holds none. A handler may name memory
+//    of its own for the first bytes.
+//
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
 // that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
 #pragma once
+
+#include "platform/ReceiveMemory_p.h"
 
 #include <array>
 #include <cstddef>
@@ -43,6 +49,10 @@ public:
     // The outcome, from the completion on.
     int error() const { return m_nError; }
     int bytes() const { return static_cast<int>(m_nBytes); }
+    // Of a receive on a stream, during its completion: how many of its bytes lie in the handler's target, and
+    // where the rest lies.
+    int bytesInTarget() const { return static_cast<int>(m_nInTarget); }
+    const char* rest() const { return m_pRest; }
 
     // What to send, filled before the post.
     std::array<iovec, kMaxRanges> ranges{};
@@ -63,6 +73,8 @@ private:
     Transfer* m_pNext = nullptr;
     std::size_t m_nBytes = 0;
     std::size_t m_nLeft = 0;
+    std::size_t m_nInTarget = 0;
+    const char* m_pRest = nullptr;
     int m_nFirstRange = 0;
     int m_nError = 0;
     bool m_bBusy = false;
@@ -85,6 +97,8 @@ public:
     // The transfer is no longer busy. Returns false when the channel that reports was destroyed meanwhile.
     virtual bool receiveCompleted(Transfer& transfer) = 0;
     virtual bool sendCompleted(Transfer& transfer) = 0;
+    // Right before a stream is read: where its next bytes are wanted, or an empty range for anywhere.
+    virtual iovec receiveTarget() { return {}; }
 
 protected:
     ~TransferHandler() = default;
@@ -119,8 +133,9 @@ public:
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    // On a channel of datagrams every transfer is a DatagramReceive.
-    void postReceive(Transfer& transfer, void* buffer, std::size_t size);
+    // On a stream; ReceiveMemory::kSize bytes at most.
+    void postReceive(Transfer& transfer, std::size_t size);
+    void postReceive(DatagramReceive& transfer, void* buffer, std::size_t size);
     // Completes the receives that are still waiting with 995.
     void cancelReceives();
     // Returns the bytes that left at once; the rest follows as the socket takes it.
@@ -137,8 +152,9 @@ private:
     void ready(unsigned int events);
     bool serveOne(); // false: this channel is gone
     bool serveBatch();
-    Transfer* nextReceive();
-    bool receiveSome(Transfer& transfer);
+    void post(Transfer& receive);
+    Transfer* nextReceive(ReceiveMemory::Lease& memory);
+    bool receiveSome(Transfer& transfer, ReceiveMemory::Lease& memory);
     bool receiveBatch();
     Transfer* nextSend();
     bool trySend(Transfer& transfer);
@@ -197,6 +213,7 @@ private:
     Channel* m_pFirst = nullptr;
     Channel* m_pLast = nullptr;
     std::size_t m_nInLine = 0;
+    ReceiveMemory m_receiveMemory;
     std::unique_ptr<Notifier> m_pNotifier;
 };
 } // namespace Nuvika

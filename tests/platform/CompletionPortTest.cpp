@@ -25,6 +25,8 @@ struct Done {
     int bytes;
 };
 
+constexpr std::size_t kReceiveSize = 64;
+
 // One end of a socket pair in the port, the other in the test's hand.
 class End final : public TransferHandler
 {
@@ -38,7 +40,7 @@ public:
         channel = std::make_unique<Channel>(m_fd.fd(), *this);
     }
 
-    void receive(int i) { channel->postReceive(receives[i], buffers[i], sizeof buffers[i]); }
+    void receive(int i) { channel->postReceive(receives[i], kReceiveSize); }
     std::size_t send(int i, const void* data, std::size_t size)
     {
         sends[i].ranges[0] = {const_cast<void*>(data), size};
@@ -64,7 +66,6 @@ public:
     RawSocket peer;
     Transfer receives[2];
     Transfer sends[2];
-    char buffers[2][64];
     std::vector<Done> done;
     std::function<void(const Done&)> onDone;
     bool bPosting = false;
@@ -248,7 +249,6 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
         RawSocket peer;
         std::unique_ptr<Channel> channel;
         Transfer receive;
-        char buffer[16];
         int* pDone = nullptr;
         bool receiveCompleted(Transfer& t) override
         {
@@ -276,7 +276,7 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
             engine->peer = RawSocket(fds[1]);
             engine->pDone = &done;
             engine->channel = std::make_unique<Channel>(fds[0], *engine);
-            engine->channel->postReceive(engine->receive, engine->buffer, sizeof engine->buffer);
+            engine->channel->postReceive(engine->receive, kReceiveSize);
         }
         engines[0]->channel->close(); // waits for a loop that never runs
         EXPECT_EQ(done, 0);

@@ -117,12 +117,23 @@ void Channel::ready(unsigned int events)
     schedule();
 }
 
-void Channel::postReceive(Transfer& transfer, void* buffer, std::size_t size)
+void Channel::postReceive(Transfer& transfer, std::size_t size)
+{
+    transfer.ranges[0] = {nullptr, size};
+    post(transfer);
+}
+
+void Channel::postReceive(DatagramReceive& transfer, void* buffer, std::size_t size)
 {
     transfer.ranges[0] = {buffer, size};
-    transfer.nRanges = 1;
-    transfer.begin();
-    m_receives.append(transfer);
+    post(transfer);
+}
+
+void Channel::post(Transfer& receive)
+{
+    receive.nRanges = 1;
+    receive.begin();
+    m_receives.append(receive);
     schedule();
 }
 
@@ -171,32 +182,42 @@ Transfer* Channel::nextSend()
     return nullptr;
 }
 
-Transfer* Channel::nextReceive()
+Transfer* Channel::nextReceive(ReceiveMemory::Lease& memory)
 {
     if (m_receives.isEmpty())
         return nullptr;
     if (!m_receives.firstIsDone()) {
-        const bool bDone
-            = m_bReadable && (m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first()));
+        const bool bDone = m_bReadable
+            && (m_kind == eDatagrams ? receiveBatch() : receiveSome(*m_receives.first(), memory));
         if (!bDone)
             return nullptr;
     }
     return m_receives.takeFirst();
 }
 
-bool Channel::receiveSome(Transfer& transfer)
+bool Channel::receiveSome(Transfer& transfer, ReceiveMemory::Lease& memory)
 {
     const std::size_t size = transfer.m_nLeft;
-    const long got = Sockets::receive(m_nSocket, transfer.ranges[0].iov_base, size);
+    char* rest = memory.take(m_pPort->m_receiveMemory);
+    if (rest == nullptr) {
+        transfer.finish(ErrorCodes::kNoBuffers);
+        return true;
+    }
+    iovec target = m_handler.receiveTarget();
+    target.iov_len = std::min(target.iov_len, size);
+    const long got = Sockets::receive(m_nSocket, target, {rest, size - target.iov_len});
     if (got < 0 && ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
         m_bReadable = false;
         return false;
     }
+    const auto bytes = static_cast<std::size_t>(std::max(got, 0L));
     // A short read has emptied the socket: the next byte raises a new edge. Not so behind the peer's end,
     // whose edge has been seen.
-    if (static_cast<std::size_t>(std::max(got, 0L)) < size && !m_bEnding)
+    if (bytes < size && !m_bEnding)
         m_bReadable = false;
-    transfer.m_nBytes = static_cast<std::size_t>(std::max(got, 0L));
+    transfer.m_nBytes = bytes;
+    transfer.m_nInTarget = std::min(bytes, target.iov_len);
+    transfer.m_pRest = rest;
     transfer.finish(got < 0 ? ErrorCodes::lastError() : got == 0 ? m_nSendError : 0);
     return true;
 }
@@ -239,7 +260,8 @@ void Channel::cancelReceives()
 bool Channel::serveBatch()
 {
     for (int served = 0; served < Sockets::kMaxBatch; ++served) {
-        Transfer* received = nextReceive();
+        ReceiveMemory::Lease unused;
+        Transfer* received = nextReceive(unused);
         if (received == nullptr)
             break;
         if (hasWork())
@@ -259,7 +281,8 @@ bool Channel::serveOne()
     if (m_kind == eDatagrams)
         return serveBatch();
     Transfer* sent = m_bSendsFirst ? nextSend() : nullptr;
-    Transfer* received = sent == nullptr ? nextReceive() : nullptr;
+    ReceiveMemory::Lease memory; // of what is received, until the handler has returned
+    Transfer* received = sent == nullptr ? nextReceive(memory) : nullptr;
     if (sent == nullptr && received == nullptr && !m_bSendsFirst)
         sent = nextSend();
     m_bSendsFirst = received != nullptr;
