@@ -5,11 +5,13 @@
 #include "core/Log_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
 #include "net/ReceivePlacer_p.h"
+#include "net/SendFifoCache_p.h"
 #include "platform/Sockets_p.h"
 
 #include <QtCore/QCoreApplication>
 
 #include <algorithm>
+#include <utility>
 
 #include <sys/socket.h>
 
@@ -66,7 +68,8 @@ int NuvikaTcpSocketIO::segmentLimit(LOAD_PROFILE sendProfile, LOAD_PROFILE recvP
 
 NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
     LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled)
-    : SocketEngine(nSocket), m_pOuter(pOuter), m_bSingleReceive(bSingleReceive), m_bRecvStalled(bStalled)
+    : SocketEngine(nSocket), m_pOuter(pOuter), m_sendProfile(sendProfile), m_bSingleReceive(bSingleReceive),
+      m_bRecvStalled(bStalled)
 {
     m_state = eXFer;
     disableNonBlocking();
@@ -97,9 +100,8 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
         NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
-    const unsigned int chunks
+    m_nFifoChunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
-    m_pFifo = std::make_unique<DynamicByteFifo>(sendValues.nChunkSize, chunks);
 }
 
 void NuvikaTcpSocketIO::notifyOwner(QEvent& event)
@@ -185,8 +187,8 @@ bool NuvikaTcpSocketIO::sendData(const char* data, int size)
         return !isFull();
     if (isFull())
         return false;
-    m_pFifo->put(reinterpret_cast<const unsigned char*>(data), static_cast<unsigned int>(size), true);
-    startSends();
+    const KepNuvikaUtil::BUFFER buffer{data, size};
+    queue(&buffer, 1);
     return true;
 }
 
@@ -199,9 +201,31 @@ bool NuvikaTcpSocketIO::sendData(const KepNuvikaUtil::BUFFER* buffers, int count
     const auto hasBytes = [](const KepNuvikaUtil::BUFFER& range) { return range.nLen > 0; };
     if (!std::any_of(buffers, buffers + count, hasBytes))
         return true;
+    queue(buffers, count);
+    return true;
+}
+
+void NuvikaTcpSocketIO::queue(const KepNuvikaUtil::BUFFER* buffers, int count)
+{
+    const SendProfile& values = kSendProfiles[profileIndex(m_sendProfile)];
+    if (!m_pFifo && m_nFifoChunks == values.nChunks)
+        m_pFifo = SendFifoCache::ofThisThread().take(
+            profileIndex(m_sendProfile), values.nChunkSize, values.nChunks);
+    else if (!m_pFifo)
+        m_pFifo = std::make_unique<DynamicByteFifo>(values.nChunkSize, m_nFifoChunks);
     m_pFifo->put(buffers, count, true);
     startSends();
-    return true;
+    if (!m_pFifo->isEmpty())
+        m_channel.wakeForSends(); // whoever waits behind finished sends leaves with the next pass
+    releaseFifoIfEmpty();
+}
+
+void NuvikaTcpSocketIO::releaseFifoIfEmpty()
+{
+    const std::size_t profile = profileIndex(m_sendProfile);
+    if (!m_pFifo || !m_pFifo->isEmpty() || m_nFifoChunks != kSendProfiles[profile].nChunks)
+        return;
+    SendFifoCache::ofThisThread().give(profile, std::move(m_pFifo));
 }
 
 void NuvikaTcpSocketIO::startSends()
@@ -214,7 +238,7 @@ void NuvikaTcpSocketIO::startSends()
 
 void NuvikaTcpSocketIO::fillAndSend(SendContext& context)
 {
-    if (m_channel.isSendBlocked())
+    if (m_channel.isSendBlocked() || !m_pFifo)
         return;
     Transfer& transfer = context.transfer;
     transfer.nRanges = Transfer::kMaxRanges;
@@ -222,6 +246,7 @@ void NuvikaTcpSocketIO::fillAndSend(SendContext& context)
     NUVIKA_ASSERT(size <= m_nSendSize);
     if (size == 0)
         return;
+    transfer.bQuiet = m_endOfData == eNone && !m_bTellAllSent;
     const auto taken = static_cast<unsigned int>(postSend(transfer));
     m_pFifo->consume(taken);
     context.nInFifo = size - taken;
@@ -241,9 +266,10 @@ void NuvikaTcpSocketIO::sent(Transfer& transfer)
         return;
     }
     const bool bWasFull = isFull();
-    m_pFifo->consume(context->nInFifo);
-    context->nInFifo = 0;
+    if (context->nInFifo > 0)
+        m_pFifo->consume(std::exchange(context->nInFifo, 0U));
     startSends();
+    releaseFifoIfEmpty();
     if (bWasFull && !isFull()) {
         NUVIKA_ASSERT(m_pOuter);
         NuvikaTcpSocketCanSendEvent event;
@@ -266,7 +292,13 @@ bool NuvikaTcpSocketIO::hasBusySend() const
         m_sends.begin(), m_sends.end(), [](const SendContext& context) { return context.transfer.isBusy(); });
 }
 
-bool NuvikaTcpSocketIO::isAllSent() const { return m_pFifo->isEmpty() && !hasBusySend(); }
+bool NuvikaTcpSocketIO::isAllSent() const { return (!m_pFifo || m_pFifo->isEmpty()) && !hasBusySend(); }
+
+void NuvikaTcpSocketIO::tellWhenAllSent()
+{
+    m_bTellAllSent = true;
+    m_channel.wakeForSends();
+}
 
 bool NuvikaTcpSocketIO::sendEndOfData()
 {
@@ -279,14 +311,16 @@ bool NuvikaTcpSocketIO::sendEndOfData()
         return false;
     }
     m_endOfData = eRequested;
-    if (!hasBusySend())
+    if (hasBusySend())
+        m_channel.wakeForSends();
+    else
         finishEndOfData();
     return true;
 }
 
 void NuvikaTcpSocketIO::finishEndOfData()
 {
-    NUVIKA_ASSERT(m_pFifo->isEmpty());
+    NUVIKA_ASSERT(!m_pFifo || m_pFifo->isEmpty());
     NuvikaLLSock::shutdownWrite(m_nSocket);
     m_endOfData = eDone;
 }

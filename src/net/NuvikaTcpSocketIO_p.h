@@ -4,7 +4,8 @@
 //              completion, and the receive is posted again when the handler has returned.
 //   sending:   bytes are copied once, into the FIFO; up to two sends describe its front and go out of it in
 //              place. What the system took leaves the FIFO at once. A send that is not complete waits for the
-//              loop, and what is queued meanwhile leaves with the next one.
+//              loop, and what is queued meanwhile leaves with the next one. There is a FIFO only while bytes
+//              wait in it. A send that left whole, and of which nobody must hear, wakes nobody.
 #pragma once
 
 #include <KepNuvikaUtil/Buffer.h>
@@ -31,10 +32,10 @@ public:
     bool sendData(const char* data, int size);
     bool sendData(const KepNuvikaUtil::BUFFER* buffers, int count);
     bool sendEndOfData();
-    bool isFull() const { return m_pFifo->isFull(); }
+    bool isFull() const { return m_pFifo && m_pFifo->isFull(); }
     bool isAllSent() const;
     bool hasPendingInput() const { return Nuvika::Sockets::hasInput(m_nSocket); }
-    void tellWhenAllSent() { m_bTellAllSent = true; }
+    void tellWhenAllSent();
     void stallRecv() { m_bRecvStalled = true; }
     void resumeRecv();
 
@@ -58,6 +59,8 @@ private:
     void disableNonBlocking();
     void setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint);
     void postReceives();
+    void queue(const KepNuvikaUtil::BUFFER* buffers, int count);
+    void releaseFifoIfEmpty();
     void fillAndSend(SendContext& context);
     void startSends();
     bool hasBusySend() const;
@@ -75,6 +78,8 @@ private:
     EndOfData m_endOfData = eNone;
     NuvikaTcpSocket* m_pOuter;
     std::unique_ptr<DynamicByteFifo> m_pFifo;
+    LOAD_PROFILE m_sendProfile;
+    unsigned int m_nFifoChunks = 0;
     unsigned int m_nSendSize = 0;
     std::size_t m_nReceiveSize = 0;
     bool m_bSingleReceive;

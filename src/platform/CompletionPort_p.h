@@ -6,7 +6,10 @@
 // 1. A posted transfer completes exactly once, on the posting thread, only from inside that thread's event
 //    loop, never inside the call that posted it.
 // 2. Transfers of one direction complete in the order in which they were posted.
-// 3. A send is tried at once; only its completion waits for the loop.
+// 3. A send is tried at once; only its completion waits for the loop. A quiet one that left whole does not
+// wake
+//    the loop either: it completes with the next pass or before the loop sleeps, or once somebody wants to
+//    know.
 // 4. Cancelling completes what is outstanding with 995; until then the buffers belong to the port.
 // 5. A completion may post, cancel, close or destroy any object, its own included; a nested event loop inside
 //    a completion goes on serving everybody.
@@ -31,6 +34,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include <sys/uio.h>
 
@@ -54,6 +58,7 @@ public:
     int bytesInTarget() const { return static_cast<int>(m_nInTarget); }
     const char* rest() const { return m_pRest; }
 
+    bool bQuiet = false; // a send of which nobody waits to hear
     // What to send, filled before the post.
     std::array<iovec, kMaxRanges> ranges{};
     int nRanges = 0;
@@ -142,6 +147,8 @@ public:
     std::size_t postSend(Transfer& transfer);
     // A send that was posted has bytes left: a further one would only wait behind it.
     bool isSendBlocked() const { return !m_sends.lastIsDone(); }
+    // Somebody waits for the quiet sends now.
+    void wakeForSends();
     // Cancels what is outstanding and leaves the port: the descriptor may be closed right after.
     void close();
 
@@ -152,6 +159,7 @@ private:
     void ready(unsigned int events);
     bool serveOne(); // false: this channel is gone
     bool serveBatch();
+    void completeQuietSends();
     void post(Transfer& receive);
     Transfer* nextReceive(ReceiveMemory::Lease& memory);
     bool receiveSome(Transfer& transfer, ReceiveMemory::Lease& memory);
@@ -169,6 +177,8 @@ private:
     int m_nSocket;
     int m_nSendError = 0;
     const Kind m_kind;
+    static constexpr std::size_t kNotQuiet = ~std::size_t{0};
+    std::size_t m_nQuiet = kNotQuiet; // its place among the port's quiet channels
     bool m_bInLine = false;
     bool m_bReadable = false;
     bool m_bWritable = true;
@@ -198,6 +208,9 @@ private:
     void remove(int socket);
     void schedule(Channel& channel);
     void appendToLine(Channel& channel);
+    void noteQuiet(Channel& channel);
+    void forgetQuiet(Channel& channel);
+    void completeQuietSends();
     void takeOutOfLine(Channel& channel);
     Channel* takeFirstInLine();
     void wakeBeforePoll();
@@ -214,6 +227,7 @@ private:
     Channel* m_pLast = nullptr;
     std::size_t m_nInLine = 0;
     ReceiveMemory m_receiveMemory;
+    std::vector<Channel*> m_quiet; // have finished sends of which nobody waits to hear
     std::unique_ptr<Notifier> m_pNotifier;
 };
 } // namespace Nuvika

@@ -3,6 +3,7 @@
 #include "support/EventLoop.h"
 #include "support/RawPeer.h"
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QEventLoop>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
@@ -50,6 +51,7 @@ public:
 
     bool receiveCompleted(Transfer& t) override { return completed('r', t); }
     bool sendCompleted(Transfer& t) override { return completed('s', t); }
+    iovec receiveTarget() override { return target; }
     bool completed(char direction, Transfer& t)
     {
         EXPECT_FALSE(bPosting) << "completed inside the call that posted it";
@@ -66,6 +68,7 @@ public:
     RawSocket peer;
     Transfer receives[2];
     Transfer sends[2];
+    iovec target{};
     std::vector<Done> done;
     std::function<void(const Done&)> onDone;
     bool bPosting = false;
@@ -292,4 +295,87 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
     thread.start();
     thread.wait();
     EXPECT_EQ(done, 2);
+}
+
+namespace
+{
+// How often the loop woke up between what a timer did and the next timer.
+int wakesAfter(const std::function<void()>& act)
+{
+    int wakes = 0;
+    QEventLoop loop;
+    QObject counter; // ends the counting
+    QTimer::singleShot(10, [&] {
+        act();
+        QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, &counter,
+            [&wakes] { ++wakes; });
+    });
+    QTimer::singleShot(40, &loop, &QEventLoop::quit);
+    loop.exec();
+    return wakes;
+}
+} // namespace
+
+TEST(CompletionPort, AQuietSendThatLeavesWholeWakesNobodyAndIsFreeBeforeTheLoopSleeps)
+{
+    End end;
+    settle();
+    for (Transfer& send : end.sends)
+        send.bQuiet = true;
+    const int quiet = wakesAfter([&] {
+        end.send(0, "a", 1);
+        end.send(1, "b", 1);
+        EXPECT_TRUE(end.done.empty());
+    });
+    EXPECT_EQ(quiet, wakesAfter([] {}));
+    EXPECT_EQ(end.done.size(), 2U);
+    EXPECT_FALSE(end.sends[0].isBusy());
+    EXPECT_EQ(end.peer.received(), "ab");
+
+    const int waitedFor = wakesAfter([&] {
+        end.send(0, "c", 1);
+        end.channel->wakeForSends(); // somebody waits now
+    });
+    EXPECT_GT(waitedFor, quiet);
+    EXPECT_EQ(end.done.size(), 3U);
+    end.send(0, "d", 1);
+    end.channel->close();
+    settle();
+    EXPECT_EQ(end.done.size(), 4U) << "closing completes quiet ones, too, once";
+}
+
+TEST(CompletionPort, ReceivesWhereTheHandlerWantsItAndTheRestInMemoryOfThePort)
+{
+    End end;
+    char place[4] = {};
+    end.target = {place, sizeof place};
+    end.receive(0);
+    std::string rest;
+    end.onDone = [&](const Done& d) {
+        EXPECT_EQ(d.bytes, 6);
+        EXPECT_EQ(d.transfer->bytesInTarget(), 4);
+        rest.assign(d.transfer->rest(), static_cast<std::size_t>(d.bytes - 4));
+    };
+    end.peer.write("abcdef");
+    ASSERT_TRUE(waitFor([&] { return end.done.size() == 1; }));
+    EXPECT_EQ(std::string(place, sizeof place), "abcd");
+    EXPECT_EQ(rest, "ef");
+    end.channel->close();
+}
+
+TEST(CompletionPort, ANestedLoopReceivesIntoMemoryOfItsOwn)
+{
+    End outer;
+    End inner;
+    outer.receive(0);
+    inner.receive(0);
+    outer.onDone = [&](const Done& d) {
+        inner.peer.write("inner");
+        ASSERT_TRUE(waitFor([&] { return inner.done.size() == 1; }));
+        EXPECT_EQ(std::string(d.transfer->rest(), 5), "outer") << "overwritten by the nested loop";
+    };
+    outer.peer.write("outer");
+    ASSERT_TRUE(waitFor([&] { return outer.done.size() == 1; }));
+    outer.channel->close();
+    inner.channel->close();
 }

@@ -92,6 +92,7 @@ Channel::~Channel()
     if (m_nSocket >= 0)
         m_pPort->remove(m_nSocket);
     m_pPort->takeOutOfLine(*this);
+    m_pPort->forgetQuiet(*this);
 }
 
 bool Channel::hasWork() const
@@ -144,7 +145,10 @@ std::size_t Channel::postSend(Transfer& transfer)
     m_sends.append(transfer);
     if (bNextToGo && m_bWritable)
         trySend(transfer);
-    schedule();
+    if (transfer.bQuiet && transfer.m_bDone && transfer.m_nError == 0)
+        m_pPort->noteQuiet(*this);
+    else
+        schedule();
     return transfer.m_nBytes;
 }
 
@@ -302,11 +306,28 @@ bool Channel::serveOne()
     return true;
 }
 
+void Channel::wakeForSends()
+{
+    m_pPort->forgetQuiet(*this);
+    schedule();
+}
+
+void Channel::completeQuietSends()
+{
+    while (m_sends.firstIsDone()) {
+        if (!m_handler.sendCompleted(*m_sends.takeFirst()))
+            return;
+    }
+    if (!hasWork())
+        m_pPort->takeOutOfLine(*this);
+}
+
 void Channel::close()
 {
     if (m_nSocket < 0)
         return;
     m_pPort->remove(m_nSocket);
+    m_pPort->forgetQuiet(*this);
     m_nSocket = -1;
     m_bReadable = false;
     m_bWritable = false;
@@ -461,9 +482,39 @@ Channel* CompletionPort::takeFirstInLine()
     return channel;
 }
 
+void CompletionPort::noteQuiet(Channel& channel)
+{
+    if (channel.m_nQuiet != Channel::kNotQuiet || m_bEnded)
+        return;
+    channel.m_nQuiet = m_quiet.size();
+    m_quiet.push_back(&channel);
+}
+
+void CompletionPort::forgetQuiet(Channel& channel)
+{
+    const std::size_t place = channel.m_nQuiet;
+    if (place == Channel::kNotQuiet)
+        return;
+    m_quiet[place] = m_quiet.back();
+    m_quiet[place]->m_nQuiet = place;
+    m_quiet.pop_back();
+    channel.m_nQuiet = Channel::kNotQuiet;
+}
+
+// Their handlers free what the sends occupied, and call nobody.
+void CompletionPort::completeQuietSends()
+{
+    while (!m_quiet.empty()) {
+        Channel* channel = m_quiet.back();
+        forgetQuiet(*channel);
+        channel->completeQuietSends();
+    }
+}
+
 // Channels in line are unknown to the kernel: while there are any, Qt's poll must not sleep.
 void CompletionPort::wakeBeforePoll()
 {
+    completeQuietSends();
     if (m_pFirst == nullptr || m_bArmed)
         return;
     const std::uint64_t one = 1;
@@ -488,6 +539,7 @@ bool CompletionPort::fetch()
 void CompletionPort::pass()
 {
     const std::shared_ptr<CompletionPort> self = shared_from_this(); // a handler may end the thread's port
+    completeQuietSends();
     std::uint64_t now = Clock::monotonicNs();
     const std::uint64_t deadline = now + kPassBudgetNs;
     std::uint64_t nextFetch = now;
