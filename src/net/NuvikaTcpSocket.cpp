@@ -51,7 +51,7 @@ bool NuvikaTcpSocket::prepareConnect(const QString& host, unsigned short port)
     }
     m_peerName = QStringLiteral("%1:%2").arg(host, QString::number(port));
     NUVIKA_ASSERT(m_pConnect == 0);
-    m_pConnect = new NuvikaTcpSocketConnect(m_sendProfile, m_recvProfile, this);
+    m_pConnect = new NuvikaTcpSocketConnect(m_sendProfile, m_recvProfile, m_systemBuffers, this);
     connect(m_pConnect, &NuvikaTcpSocketConnect::connected, this, &NuvikaTcpSocket::slotConnected);
     connect(m_pConnect, &NuvikaTcpSocketConnect::error, this, &NuvikaTcpSocket::slotError);
     m_state = eConnecting;
@@ -91,8 +91,8 @@ void NuvikaTcpSocket::setSocketDescriptor(int socket)
     }
     readAddresses(socket);
     NUVIKA_ASSERT(m_pIOSocket == 0);
-    m_pIOSocket = new NuvikaTcpSocketIO(
-        this, socket, m_sendProfile, m_recvProfile, m_nSendQueueHint, m_bSingleReceive, m_bRecvStalled);
+    m_pIOSocket = new NuvikaTcpSocketIO(this, socket, m_sendProfile, m_recvProfile, m_systemBuffers,
+        m_nSendQueueHint, m_bSingleReceive, m_bRecvStalled);
     m_state = eConnected;
     emitCanSend();
 }
@@ -223,6 +223,12 @@ void NuvikaTcpSocket::resumeRecv()
     m_bRecvStalled = false;
     if (m_pIOSocket != nullptr)
         m_pIOSocket->resumeRecv();
+}
+
+void NuvikaTcpSocket::setSystemBuffers(SYSTEM_BUFFERS buffers)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_systemBuffers = buffers;
 }
 
 // --- events of the engine ------------------------------------------------------------------------------

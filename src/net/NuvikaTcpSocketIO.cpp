@@ -67,7 +67,8 @@ int NuvikaTcpSocketIO::segmentLimit(LOAD_PROFILE sendProfile, LOAD_PROFILE recvP
 }
 
 NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
-    LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled)
+    LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, int nSendQueueHint,
+    bool bSingleReceive, bool bStalled)
     : SocketEngine(nSocket), m_pOuter(pOuter), m_sendProfile(sendProfile), m_bSingleReceive(bSingleReceive),
       m_bRecvStalled(bStalled)
 {
@@ -75,6 +76,9 @@ NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_
     disableNonBlocking();
     Sockets::setNoDelay(nSocket);
     setLoadProfile(sendProfile, recvProfile, nSendQueueHint);
+    if (buffers == NuvikaTcpSocket::eAsProfile)
+        setSystemBuffers(kReceiveProfiles[profileIndex(recvProfile)].nSocketBuffer,
+            kSendProfiles[profileIndex(sendProfile)].nSocketBuffer);
     if (!m_bRecvStalled)
         postReceives();
 }
@@ -92,16 +96,18 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
 {
     const SendProfile& sendValues = kSendProfiles[profileIndex(send)];
     const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
-    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &recvValues.nSocketBuffer, sizeof(int))
-        != 0)
-        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed");
-    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_SNDBUF, &sendValues.nSocketBuffer, sizeof(int))
-        != 0)
-        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
     m_nFifoChunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
+}
+
+void NuvikaTcpSocketIO::setSystemBuffers(int nReceive, int nSend)
+{
+    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &nReceive, sizeof nReceive) != 0)
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed");
+    if (NuvikaLLSock::setsockopt(m_nSocket, SOL_SOCKET, SO_SNDBUF, &nSend, sizeof nSend) != 0)
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
 }
 
 void NuvikaTcpSocketIO::notifyOwner(QEvent& event)

@@ -27,7 +27,8 @@ public:
 
     // A hint below 1 leaves the profile's own bound of the FIFO.
     NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
-        LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled);
+        LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, int nSendQueueHint,
+        bool bSingleReceive, bool bStalled);
 
     bool sendData(const char* data, int size);
     bool sendData(const KepNuvikaUtil::BUFFER* buffers, int count);
@@ -58,6 +59,7 @@ private:
 
     void disableNonBlocking();
     void setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint);
+    void setSystemBuffers(int nReceive, int nSend);
     void postReceives();
     void queue(const KepNuvikaUtil::BUFFER* buffers, int count);
     void releaseFifoIfEmpty();

@@ -125,3 +125,8 @@ const QString& NuvikaTcpSocketQueued::peerName() const { return m_pSocket->peerN
 void NuvikaTcpSocketQueued::stallRecv() { m_pSocket->stallRecv(); }
 void NuvikaTcpSocketQueued::resumeRecv() { m_pSocket->resumeRecv(); }
 bool NuvikaTcpSocketQueued::hasPendingInput() const { return m_pSocket->hasPendingInput(); }
+
+void NuvikaTcpSocketQueued::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    m_pSocket->setSystemBuffers(buffers);
+}

@@ -53,6 +53,8 @@ public:
     bool notifyWhenAllSent();
     /// Whether what is sent now waits for nothing; for senders of endless data, with sigCanSend().
     bool canSend() const;
+    /// As NuvikaTcpSocket's.
+    void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
 signals:
     void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
