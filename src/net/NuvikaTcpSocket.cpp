@@ -258,7 +258,7 @@ void NuvikaTcpSocket::customEvent(QEvent* event)
     }
 }
 
-void ReceivePlacer::set(NuvikaTcpSocket& socket, ReceivePlacer* placer) { socket.m_pPlacer = placer; }
+void ReceivePlacer::set(NuvikaTcpSocket& socket, ReceivePlacer& placer) { socket.m_pPlacer = &placer; }
 
 void NuvikaTcpSocket::emitCanSend() { emit m_pAsyncHelper->emitCanSend(m_nSession); }
 

@@ -98,6 +98,8 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
     const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
+    if (m_pOuter->m_pPlacer != nullptr)
+        m_nReceiveSize = std::min(2 * m_nReceiveSize, ReceiveMemory::kSize);
     m_nFifoChunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
 }

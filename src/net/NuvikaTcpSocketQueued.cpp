@@ -1,6 +1,7 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "net/ChunkQueue_p.h"
+#include "net/ReceivePlacer_p.h"
 
 #include <algorithm>
 
@@ -113,6 +114,11 @@ void NuvikaTcpSocketQueued::slotError(int errorCode)
 {
     discardQueue();
     emit error(errorCode);
+}
+
+void Nuvika::ReceivePlacer::set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer)
+{
+    set(*socket.m_pSocket, placer);
 }
 
 NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState() { return m_pSocket->getState(); }

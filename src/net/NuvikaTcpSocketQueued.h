@@ -8,6 +8,7 @@
 namespace Nuvika
 {
 class ChunkQueue;
+class ReceivePlacer;
 }
 
 /// A TCP socket whose sendData() never refuses bytes for lack of room: what the socket cannot take at once
@@ -78,4 +79,5 @@ private:
     bool m_bTellAllSent = false; // once the queue has drained
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
+    friend class Nuvika::ReceivePlacer;
 };

@@ -1,24 +1,27 @@
-// Private: a reader that knows where a connection's next bytes belong gets them there without a copy.
+// Private: what the library's own readers (HTTP, TLS) ask of the socket that they read.
 #pragma once
 
 #include <sys/uio.h>
 
 class NuvikaTcpSocket;
+class NuvikaTcpSocketQueued;
 
 namespace Nuvika
 {
+// A reader never nests its handlers, so its socket takes in one receive what its two would take. And where
+// the reader knows to which place the next bytes belong, they are received there.
 class ReceivePlacer
 {
 public:
-    // Where the bytes are wanted that come next; an empty range for anywhere. Asked right before each
-    // receive.
-    virtual iovec target() = 0;
+    // Right before each receive: that place, or an empty range for anywhere.
+    virtual iovec target() { return {}; }
     // So many bytes came, and lie there. Calls nobody: dataReceived() follows at once with what came behind
     // them, be it nothing.
-    virtual void placed(int bytes) = 0;
+    virtual void placed(int) { }
 
-    // From now on, until it is unset.
-    static void set(NuvikaTcpSocket& socket, ReceivePlacer* placer);
+    // Before connecting or taking a descriptor, for good.
+    static void set(NuvikaTcpSocket& socket, ReceivePlacer& placer);
+    static void set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer);
 
 protected:
     ~ReceivePlacer() = default;
