@@ -1,7 +1,5 @@
 #include "http/MultipartReader_p.h"
 
-#include "http/HttpLimits_p.h"
-
 #include <algorithm>
 #include <cstring>
 #include <strings.h>
@@ -175,6 +173,7 @@ bool MultipartReader::isBoundaryLine(bool* bClosing)
 
 MultipartReader::Event MultipartReader::readBoundary()
 {
+    m_buffer.clear(); // the part before has been read
     bool bTooLong = false;
     const bool bLine = readLine(m_boundary.size() + kBoundaryLineSlack, &bTooLong);
     if (!bLine && !bTooLong)
@@ -239,9 +238,8 @@ MultipartReader::Event MultipartReader::readHead()
 void MultipartReader::beginContent()
 {
     m_state = m_nPartLength >= 0 ? State::Sized : State::Unsized;
-    if (m_buffer.capacity() > HttpLimits::kKeptContent && m_nPart < m_buffer.capacity() / 4)
-        std::string().swap(m_buffer); // one large part is no reason to keep its memory for ever
-    m_buffer.clear();
+    if (m_state == State::Sized)
+        m_buffer.expect(static_cast<std::size_t>(m_nPartLength));
     m_match = LineMatch::Dashes;
     m_nMatched = 0;
     m_nRead = 0;
@@ -263,11 +261,24 @@ MultipartReader::Event MultipartReader::readSized()
     const std::size_t n = std::min(length - m_buffer.size(), m_nIn);
     const char* start = m_pIn;
     consume(n);
-    if (m_buffer.empty() && n == length)
+    if (m_buffer.isEmpty() && n == length)
         return finishPart(start, n);
     m_buffer.append(start, n);
     m_nLookedAt += n;
     return m_buffer.size() == length ? finishPart(m_buffer.data(), length) : Event::NeedMore;
+}
+
+iovec MultipartReader::target(std::size_t most)
+{
+    if (m_state != State::Sized || m_nIn > 0 || most == 0)
+        return {};
+    return m_buffer.room(std::min(static_cast<std::size_t>(m_nPartLength) - m_buffer.size(), most));
+}
+
+void MultipartReader::placed(std::size_t size)
+{
+    m_buffer.grow(size);
+    feed(nullptr, 0);
 }
 
 // A part without a length ends where a line starts with the boundary.
@@ -342,7 +353,7 @@ MultipartReader::Event MultipartReader::finishUnsized(const char* begin)
         m_lineStart = "--" + m_boundary;
     }
     const char* data = begin;
-    if (!m_buffer.empty()) {
+    if (!m_buffer.isEmpty()) {
         if (m_nLineAt > m_buffer.size()) {
             m_nLookedAt += m_nLineAt - m_buffer.size();
             m_buffer.append(begin, m_nLineAt - m_buffer.size());

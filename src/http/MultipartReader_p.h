@@ -10,6 +10,8 @@
 
 #include <KepNuvikaUtil/HttpReadLimits.h>
 
+#include "http/ContentMemory_p.h"
+
 #include <QtCore/QByteArray>
 
 #include <cstddef>
@@ -35,6 +37,11 @@ public:
         m_nIn = size;
     }
     Event next();
+
+    // Where the next bytes of the stream belong, when they are a part's of known length; at most so many. An
+    // empty range for nowhere in particular. What was received there is told by placed(); next() follows.
+    iovec target(std::size_t most);
+    void placed(std::size_t size);
 
     // Of the part just reported; valid until the next call.
     const char* data() const { return m_pPart; }
@@ -78,7 +85,7 @@ private:
     std::size_t m_nHeadSize = 0;
     long long m_nPartLength = -1;
     std::string m_contentType;
-    std::string m_buffer; // the part so far, when it came in pieces
+    ContentMemory m_buffer; // the part so far, when it came in pieces
     LineMatch m_match = LineMatch::Dashes;
     std::size_t m_nMatched = 0; // of the dashes (two suffice), then of the boundary
     std::size_t m_nRead = 0; // of the part

@@ -5,6 +5,7 @@
 
 class NuvikaTcpSocket;
 class NuvikaTcpSocketQueued;
+class NuvikaSslSocket;
 
 namespace Nuvika
 {
@@ -22,6 +23,7 @@ public:
     // Before connecting or taking a descriptor, for good.
     static void set(NuvikaTcpSocket& socket, ReceivePlacer& placer);
     static void set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer);
+    static void set(NuvikaSslSocket& socket, ReceivePlacer& placer);
 
 protected:
     ~ReceivePlacer() = default;
