@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <limits>
 
 using namespace Nuvika;
 
@@ -266,6 +267,30 @@ HttpMessageReader::Event HttpMessageReader::nextPart()
     if (m_state == State::Length && m_nLeft == 0)
         return finish();
     return Event::NeedMore;
+}
+
+std::size_t HttpMessageReader::contentAhead() const
+{
+    if (m_nIn > 0 || m_bPartsWait)
+        return 0;
+    if (m_state == State::UntilEnd)
+        return std::numeric_limits<std::size_t>::max();
+    return m_state == State::Length || m_state == State::ChunkData ? static_cast<std::size_t>(m_nLeft) : 0;
+}
+
+void HttpMessageReader::contentPlaced(std::size_t size)
+{
+    if (m_state != State::UntilEnd)
+        m_nLeft -= static_cast<long long>(size);
+    if (m_state == State::ChunkData && m_nLeft == 0)
+        m_state = State::ChunkEnd;
+}
+
+void HttpMessageReader::partPlaced(std::size_t size)
+{
+    contentPlaced(size);
+    m_multipart.placed(size);
+    m_bPartsWait = true;
 }
 
 HttpMessageReader::Event HttpMessageReader::readLength()

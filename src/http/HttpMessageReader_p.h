@@ -56,6 +56,13 @@ public:
         m_nIn = static_cast<std::size_t>(size);
     }
     Event next();
+    // How many of the next bytes to be received are content for certain; 0 while something waits to be read.
+    std::size_t contentAhead() const;
+    // Where they belong in a part of known length, and what was received there; next() follows.
+    iovec partTarget() { return m_body.bMultipart ? m_multipart.target(contentAhead()) : iovec{}; }
+    void partPlaced(std::size_t size);
+    // So many bytes of content were received elsewhere; next() follows.
+    void contentPlaced(std::size_t size);
     void setBody(const HttpBody& body);
     // The connection has ended: true when that completes the message.
     bool endOfStream();

@@ -20,6 +20,7 @@ HttpRequestEngine::HttpRequestEngine(const char* traceName, HttpTransport& trans
     HttpRequestListener& listener, const QString& host, unsigned short port)
     : m_traceName(traceName), m_transport(transport), m_listener(listener), m_host(host), m_nPort(port)
 {
+    m_transport.setPlacer(*this);
     m_idle.start();
     m_uploadEndTimer.setSingleShot(true);
     QObject::connect(&m_uploadEndTimer, &QTimer::timeout, &m_uploadEndTimer, [this] { endUpload(); });

@@ -50,6 +50,13 @@ void HttpRequestEngine::dataReceived(const char* data, int size)
         parseSideInput();
 }
 
+iovec HttpRequestEngine::target()
+{
+    return m_bParsing || !m_sideInput.isEmpty() || !isExchanging() ? iovec{} : m_reader.partTarget();
+}
+
+void HttpRequestEngine::placed(int bytes) { m_reader.partPlaced(static_cast<std::size_t>(bytes)); }
+
 bool HttpRequestEngine::parseSideInput()
 {
     while (!m_sideInput.isEmpty()) {

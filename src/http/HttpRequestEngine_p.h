@@ -15,6 +15,7 @@
 #include "core/Watched_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpTransport_p.h"
+#include "net/ReceivePlacer_p.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
@@ -41,7 +42,7 @@ protected:
     ~HttpRequestListener() = default;
 };
 
-class HttpRequestEngine
+class HttpRequestEngine final : public ReceivePlacer
 {
 public:
     HttpRequestEngine(const char* traceName, HttpTransport& transport, HttpRequestListener& listener,
@@ -69,6 +70,8 @@ public:
     QHostAddress lastPeerAddress() const { return m_lastPeerAddress; }
 
     // Of the transport.
+    iovec target() override;
+    void placed(int bytes) override;
     void connected();
     void dataReceived(const char* data, int size);
     void disconnected();

@@ -6,10 +6,14 @@
 
 namespace Nuvika
 {
+class ReceivePlacer;
+
 class HttpTransport
 {
 public:
     virtual ~HttpTransport() = default;
+    // Knows where the bytes belong that come next.
+    virtual void setPlacer(ReceivePlacer& placer) = 0;
     virtual void connectToHost(const QString& host, unsigned short port) = 0;
     virtual bool sendData(const char* data, int size) = 0;
     virtual void sendEndOfData() = 0;

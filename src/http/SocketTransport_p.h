@@ -5,6 +5,7 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "http/HttpTransport_p.h"
+#include "net/ReceivePlacer_p.h"
 
 namespace Nuvika
 {
@@ -13,6 +14,7 @@ class SocketTransport : public HttpTransport
 {
 public:
     explicit SocketTransport(Socket& socket) : m_socket(socket) { }
+    void setPlacer(ReceivePlacer& placer) override { ReceivePlacer::set(m_socket, placer); }
     void connectToHost(const QString& host, unsigned short port) override
     {
         m_socket.connectToHost(host, port);

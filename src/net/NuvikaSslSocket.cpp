@@ -1,4 +1,5 @@
 #include "net/NuvikaSslSocket_p.h"
+#include "net/ReceivePlacer_p.h"
 
 #include "core/Log_p.h"
 
@@ -77,6 +78,8 @@ bool NuvikaSslSocket::canSend() const { return d->canSend(); }
 void NuvikaSslSocket::stallRecv() { d->stall(); }
 
 void NuvikaSslSocket::resumeRecv() { d->resume(); }
+
+void ReceivePlacer::set(NuvikaSslSocket&, ReceivePlacer&) { }
 
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
 

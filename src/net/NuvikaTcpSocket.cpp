@@ -10,6 +10,7 @@
 #include "net/NuvikaTcpSocketEvents_p.h"
 #include "net/NuvikaTcpSocketIO_p.h"
 #include "net/OwnerThread_p.h"
+#include "net/ReceivePlacer_p.h"
 #include "platform/Clock_p.h"
 
 using namespace Nuvika;
@@ -47,7 +48,7 @@ bool NuvikaTcpSocket::prepareConnect(const QString& host, unsigned short port)
     }
     m_peerName = QStringLiteral("%1:%2").arg(host, QString::number(port));
     NUVIKA_ASSERT(m_pConnect == 0);
-    m_pConnect = new NuvikaTcpSocketConnect(m_sendProfile, m_recvProfile, this);
+    m_pConnect = new NuvikaTcpSocketConnect(m_sendProfile, m_recvProfile, m_systemBuffers, this);
     connect(m_pConnect, &NuvikaTcpSocketConnect::connected, this, &NuvikaTcpSocket::slotConnected);
     connect(m_pConnect, &NuvikaTcpSocketConnect::error, this, &NuvikaTcpSocket::slotError);
     m_state = eConnecting;
@@ -92,8 +93,8 @@ void NuvikaTcpSocket::setSocketDescriptor(int socket)
     }
     readAddresses(socket);
     NUVIKA_ASSERT(m_pIOSocket == 0);
-    m_pIOSocket = new NuvikaTcpSocketIO(
-        this, socket, m_sendProfile, m_recvProfile, m_nSendQueueHint, m_bSingleReceive, m_bRecvStalled);
+    m_pIOSocket = new NuvikaTcpSocketIO(this, socket, m_sendProfile, m_recvProfile, m_systemBuffers,
+        m_nSendQueueHint, m_bSingleReceive, m_bRecvStalled);
     m_state = eConnected;
     emitCanSend();
 }
@@ -226,6 +227,12 @@ void NuvikaTcpSocket::resumeRecv()
         m_pIOSocket->resumeRecv();
 }
 
+void NuvikaTcpSocket::setSystemBuffers(SYSTEM_BUFFERS buffers)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_systemBuffers = buffers;
+}
+
 // --- events of the engine ------------------------------------------------------------------------------
 
 void NuvikaTcpSocket::customEvent(QEvent* event)
@@ -252,6 +259,8 @@ void NuvikaTcpSocket::customEvent(QEvent* event)
         break;
     }
 }
+
+void ReceivePlacer::set(NuvikaTcpSocket& socket, ReceivePlacer& placer) { socket.m_pPlacer = &placer; }
 
 void NuvikaTcpSocket::emitCanSend() { emit m_pAsyncHelper->emitCanSend(m_nSession); }
 

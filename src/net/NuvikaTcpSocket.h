@@ -9,6 +9,10 @@
 class NuvikaTcpSocketAsyncHelper;
 class NuvikaTcpSocketConnect;
 class NuvikaTcpSocketIO;
+namespace Nuvika
+{
+class ReceivePlacer;
+}
 
 /// A TCP stream socket on a Qt event loop: one connection at a time, outgoing (connectToHost()) or accepted
 /// (setSocketDescriptor()), everything reported by signals on the thread that made the object.
@@ -24,7 +28,7 @@ class NuvikaTcpSocketIO;
 /// sigCanSend(). Nothing taken is lost while the connection lives; close() discards what is still queued,
 /// sendEndOfData() sends it first.
 ///
-/// Receiving: dataReceived() points into the socket's own buffer, which is used again as soon as the handlers
+/// Receiving: dataReceived() points into a buffer of the thread, which is used again as soon as the handlers
 /// have returned. With a nested event loop inside a handler, a second dataReceived() may be delivered within
 /// the first.
 ///
@@ -51,8 +55,15 @@ public:
     ///
     /// On Linux, buffers that hold few of a path's segments stall (loopback has segments of 64 KiB): a medium
     /// connecting side limits its segments to 16384 bytes, a light one on loopback to 1448, a heavy one needs
-    /// no limit. An accepted light socket on loopback stays slow.
+    /// no limit. An accepted light socket on loopback stays slow. Over long paths a fixed buffer bounds the
+    /// rate (64 KiB are 1.3 MB/s at 50 ms): see setSystemBuffers().
     enum LOAD_PROFILE { eLight = 0, eMedium = 1, eHeavy = 2 };
+
+    /// Who sizes the system's buffers.
+    enum SYSTEM_BUFFERS {
+        eAsProfile = 0, ///< the load profile: fixed, so that many connections cost little
+        eTuned = 1 ///< the system, by each path's rate and delay, up to its own limits
+    };
 
     /// Last argument of every signal that hands out received bytes: they are valid only during the emission.
     /// The type is never registered with Qt, so that a queued connection to such a signal fails.
@@ -106,6 +117,9 @@ public:
     bool notifyWhenAllSent();
     /// Bytes or the peer's end wait to be received: looks ahead of the signals, with one system call.
     bool hasPendingInput() const;
+    /// For connections that begin from now on; set it before connecting or taking a descriptor. eAsProfile
+    /// unless told otherwise. For accepted connections the server's setting counts as well.
+    void setSystemBuffers(SYSTEM_BUFFERS buffers);
 
     /// A parent is no flag: false stands before it.
     template <class Object>
@@ -155,4 +169,8 @@ private:
     quint32 m_nFirstFailure = 0;
     bool m_bSingleReceive;
     bool m_bRecvStalled = false;
+    SYSTEM_BUFFERS m_systemBuffers = eAsProfile;
+    Nuvika::ReceivePlacer* m_pPlacer = nullptr; // of the library's own readers
+    friend class Nuvika::ReceivePlacer;
+    friend class NuvikaTcpSocketIO;
 };

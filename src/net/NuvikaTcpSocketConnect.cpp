@@ -43,9 +43,9 @@ bool isUsable(const QHostAddress& address)
 }
 } // namespace
 
-NuvikaTcpSocketConnect::NuvikaTcpSocketConnect(
-    NuvikaTcpSocket::LOAD_PROFILE sendProfile, NuvikaTcpSocket::LOAD_PROFILE recvProfile, QObject* parent)
-    : QObject(parent), m_sendProfile(sendProfile), m_recvProfile(recvProfile),
+NuvikaTcpSocketConnect::NuvikaTcpSocketConnect(NuvikaTcpSocket::LOAD_PROFILE sendProfile,
+    NuvikaTcpSocket::LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, QObject* parent)
+    : QObject(parent), m_sendProfile(sendProfile), m_recvProfile(recvProfile), m_systemBuffers(buffers),
       m_nLastError(ErrorCodes::kHostNotFound)
 {
     using AsyncHelper = NuvikaTcpSocketConnectAysncHelper;
@@ -135,7 +135,7 @@ bool NuvikaTcpSocketConnect::openSocket(const QHostAddress& address)
         return false;
     // It only works when set before the connection is made.
     const int limit = NuvikaTcpSocketIO::segmentLimit(m_sendProfile, m_recvProfile, address.isLoopback());
-    if (limit > 0)
+    if (limit > 0 && m_systemBuffers == NuvikaTcpSocket::eAsProfile)
         Sockets::setSegmentLimit(m_nSocket, limit);
     return true;
 }

@@ -29,7 +29,7 @@ class NuvikaTcpSocketConnect : public QObject
     Q_OBJECT
 public:
     NuvikaTcpSocketConnect(NuvikaTcpSocket::LOAD_PROFILE sendProfile,
-        NuvikaTcpSocket::LOAD_PROFILE recvProfile, QObject* parent);
+        NuvikaTcpSocket::LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, QObject* parent);
     ~NuvikaTcpSocketConnect() override;
 
     void connectToHost(const QString& host, unsigned short port);
@@ -65,6 +65,7 @@ private:
 
     NuvikaTcpSocket::LOAD_PROFILE m_sendProfile;
     NuvikaTcpSocket::LOAD_PROFILE m_recvProfile;
+    NuvikaTcpSocket::SYSTEM_BUFFERS m_systemBuffers;
     State m_state = eIdle;
     quint16 m_nPort = 0;
     int m_nLookupId = 0;

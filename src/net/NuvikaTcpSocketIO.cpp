@@ -3,10 +3,14 @@
 #include "core/Log_p.h"
 #include "net/DirectSocketCalls_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
+#include "net/ReceivePlacer_p.h"
+#include "net/SendFifoCache_p.h"
+#include "platform/Sockets_p.h"
 
 #include <QtCore/QCoreApplication>
 
 #include <algorithm>
+#include <utility>
 
 #include <sys/socket.h>
 
@@ -62,14 +66,19 @@ int NuvikaTcpSocketIO::segmentLimit(LOAD_PROFILE sendProfile, LOAD_PROFILE recvP
 }
 
 NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
-    LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled)
-    : SocketEngine(nSocket), m_pOuter(pOuter), m_bSingleReceive(bSingleReceive), m_bRecvStalled(bStalled)
+    LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, int nSendQueueHint,
+    bool bSingleReceive, bool bStalled)
+    : SocketEngine(nSocket), m_pOuter(pOuter), m_sendProfile(sendProfile), m_bSingleReceive(bSingleReceive),
+      m_bRecvStalled(bStalled)
 {
     m_state = eXFer;
     disableNonBlocking();
     Sockets::setNoDelay(nSocket);
     Sockets::setUrgentInline(nSocket);
     setLoadProfile(sendProfile, recvProfile, nSendQueueHint);
+    if (buffers == NuvikaTcpSocket::eAsProfile)
+        setSystemBuffers(kReceiveProfiles[profileIndex(recvProfile)].nSocketBuffer,
+            kSendProfiles[profileIndex(sendProfile)].nSocketBuffer);
     if (!m_bRecvStalled)
         postReceives();
 }
@@ -87,17 +96,20 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
 {
     const SendProfile& sendValues = kSendProfiles[profileIndex(send)];
     const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
-    if (DirectCalls::setOption(m_nSocket, SOL_SOCKET, SO_RCVBUF, &recvValues.nSocketBuffer, sizeof(int)) != 0)
-        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed");
-    if (DirectCalls::setOption(m_nSocket, SOL_SOCKET, SO_SNDBUF, &sendValues.nSocketBuffer, sizeof(int)) != 0)
-        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
-    for (ReceiveContext& context : m_receives)
-        context.buffer.reset(new char[m_nReceiveSize]); // not initialised: received bytes fill it
-    const unsigned int chunks
+    if (m_pOuter->m_pPlacer != nullptr)
+        m_nReceiveSize = std::min(2 * m_nReceiveSize, ReceiveMemory::kSize);
+    m_nFifoChunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
-    m_pFifo = std::make_unique<DynamicByteFifo>(sendValues.nChunkSize, chunks);
+}
+
+void NuvikaTcpSocketIO::setSystemBuffers(int nReceive, int nSend)
+{
+    if (DirectCalls::setOption(m_nSocket, SOL_SOCKET, SO_RCVBUF, &nReceive, sizeof nReceive) != 0)
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_RCVBUF failed");
+    if (DirectCalls::setOption(m_nSocket, SOL_SOCKET, SO_SNDBUF, &nSend, sizeof nSend) != 0)
+        NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::setLoadProfile: setting SO_SNDBUF failed");
 }
 
 void NuvikaTcpSocketIO::notifyOwner(QEvent& event)
@@ -122,7 +134,7 @@ void NuvikaTcpSocketIO::postReceives()
     for (std::size_t i = 0; i < count; ++i) {
         ReceiveContext& context = m_receives[i];
         if (!context.transfer.isBusy() && !context.bDelivering)
-            postReceive(context.transfer, context.buffer.get(), m_nReceiveSize);
+            postReceive(context.transfer, m_nReceiveSize);
     }
 }
 
@@ -145,11 +157,19 @@ void NuvikaTcpSocketIO::received(Transfer& transfer)
         return;
     }
     context->bDelivering = true;
-    NuvikaTcpSocketDataReceivedEvent event(context->buffer.get(), transfer.bytes());
+    const int nPlaced = transfer.bytesInTarget();
+    if (nPlaced > 0)
+        m_pOuter->m_pPlacer->placed(nPlaced);
+    NuvikaTcpSocketDataReceivedEvent event(transfer.rest(), transfer.bytes() - nPlaced);
     notifyOwner(event);
     context->bDelivering = false;
     if (m_state == eXFer && !m_bRecvStalled)
-        postReceive(transfer, context->buffer.get(), m_nReceiveSize);
+        postReceive(transfer, m_nReceiveSize);
+}
+
+iovec NuvikaTcpSocketIO::receiveTarget()
+{
+    return m_state == eXFer && m_pOuter->m_pPlacer != nullptr ? m_pOuter->m_pPlacer->target() : iovec{};
 }
 
 // --- sending -------------------------------------------------------------------------------------------
@@ -175,8 +195,8 @@ bool NuvikaTcpSocketIO::sendData(const char* data, int size)
         return !isFull();
     if (isFull())
         return false;
-    m_pFifo->put(reinterpret_cast<const unsigned char*>(data), static_cast<unsigned int>(size), true);
-    startSends();
+    const KepNuvikaUtil::BUFFER buffer{data, size};
+    queue(&buffer, 1);
     return true;
 }
 
@@ -189,9 +209,31 @@ bool NuvikaTcpSocketIO::sendData(const KepNuvikaUtil::BUFFER* buffers, int count
     const auto hasBytes = [](const KepNuvikaUtil::BUFFER& range) { return range.nLen > 0; };
     if (!std::any_of(buffers, buffers + count, hasBytes))
         return true;
+    queue(buffers, count);
+    return true;
+}
+
+void NuvikaTcpSocketIO::queue(const KepNuvikaUtil::BUFFER* buffers, int count)
+{
+    const SendProfile& values = kSendProfiles[profileIndex(m_sendProfile)];
+    if (!m_pFifo && m_nFifoChunks == values.nChunks)
+        m_pFifo = SendFifoCache::ofThisThread().take(
+            profileIndex(m_sendProfile), values.nChunkSize, values.nChunks);
+    else if (!m_pFifo)
+        m_pFifo = std::make_unique<DynamicByteFifo>(values.nChunkSize, m_nFifoChunks);
     m_pFifo->put(buffers, count, true);
     startSends();
-    return true;
+    if (!m_pFifo->isEmpty())
+        m_channel.wakeForSends(); // whoever waits behind finished sends leaves with the next pass
+    releaseFifoIfEmpty();
+}
+
+void NuvikaTcpSocketIO::releaseFifoIfEmpty()
+{
+    const std::size_t profile = profileIndex(m_sendProfile);
+    if (!m_pFifo || !m_pFifo->isEmpty() || m_nFifoChunks != kSendProfiles[profile].nChunks)
+        return;
+    SendFifoCache::ofThisThread().give(profile, std::move(m_pFifo));
 }
 
 void NuvikaTcpSocketIO::startSends()
@@ -204,14 +246,15 @@ void NuvikaTcpSocketIO::startSends()
 
 void NuvikaTcpSocketIO::fillAndSend(SendContext& context)
 {
-    if (m_channel.isSendBlocked())
+    if (m_channel.isSendBlocked() || !m_pFifo)
         return;
-    Transfer& transfer = context.transfer;
-    transfer.nRanges = Transfer::kMaxRanges;
+    SendTransfer& transfer = context.transfer;
+    transfer.nRanges = SendTransfer::kMaxRanges;
     const unsigned int size = m_pFifo->peek(transfer.ranges.data(), &transfer.nRanges, m_nSendSize);
     NUVIKA_ASSERT(size <= m_nSendSize);
     if (size == 0)
         return;
+    transfer.bQuiet = m_endOfData == eNone && !m_bTellAllSent;
     const auto taken = static_cast<unsigned int>(postSend(transfer));
     m_pFifo->consume(taken);
     context.nInFifo = size - taken;
@@ -231,9 +274,10 @@ void NuvikaTcpSocketIO::sent(Transfer& transfer)
         return;
     }
     const bool bWasFull = isFull();
-    m_pFifo->consume(context->nInFifo);
-    context->nInFifo = 0;
+    if (context->nInFifo > 0)
+        m_pFifo->consume(std::exchange(context->nInFifo, 0U));
     startSends();
+    releaseFifoIfEmpty();
     if (bWasFull && !isFull()) {
         NUVIKA_ASSERT(m_pOuter);
         NuvikaTcpSocketCanSendEvent event;
@@ -256,7 +300,13 @@ bool NuvikaTcpSocketIO::hasBusySend() const
         m_sends.begin(), m_sends.end(), [](const SendContext& context) { return context.transfer.isBusy(); });
 }
 
-bool NuvikaTcpSocketIO::isAllSent() const { return m_pFifo->isEmpty() && !hasBusySend(); }
+bool NuvikaTcpSocketIO::isAllSent() const { return (!m_pFifo || m_pFifo->isEmpty()) && !hasBusySend(); }
+
+void NuvikaTcpSocketIO::tellWhenAllSent()
+{
+    m_bTellAllSent = true;
+    m_channel.wakeForSends();
+}
 
 bool NuvikaTcpSocketIO::sendEndOfData()
 {
@@ -269,14 +319,16 @@ bool NuvikaTcpSocketIO::sendEndOfData()
         return false;
     }
     m_endOfData = eRequested;
-    if (!hasBusySend())
+    if (hasBusySend())
+        m_channel.wakeForSends();
+    else
         finishEndOfData();
     return true;
 }
 
 void NuvikaTcpSocketIO::finishEndOfData()
 {
-    NUVIKA_ASSERT(m_pFifo->isEmpty());
+    NUVIKA_ASSERT(!m_pFifo || m_pFifo->isEmpty());
     DirectCalls::shutdownWrite(m_nSocket);
     m_endOfData = eDone;
 }

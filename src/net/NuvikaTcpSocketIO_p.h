@@ -1,10 +1,11 @@
 // Private: moves the bytes of one connected TCP socket for its owner, the NuvikaTcpSocket.
 //
-//   receiving: two receives are posted; a received buffer is delivered in place, inside the completion, and
-//              posted again when the handler has returned.
+//   receiving: two receives are posted; what one brought is delivered where the port put it, inside the
+//              completion, and the receive is posted again when the handler has returned.
 //   sending:   bytes are copied once, into the FIFO; up to two sends describe its front and go out of it in
 //              place. What the system took leaves the FIFO at once. A send that is not complete waits for the
-//              loop, and what is queued meanwhile leaves with the next one.
+//              loop, and what is queued meanwhile leaves with the next one. There is a FIFO only while bytes
+//              wait in it. A send that left whole, and of which nobody must hear, wakes nobody.
 #pragma once
 
 #include <KepNuvikaUtil/Buffer.h>
@@ -26,15 +27,16 @@ public:
 
     // A hint below 1 leaves the profile's own bound of the FIFO.
     NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
-        LOAD_PROFILE recvProfile, int nSendQueueHint, bool bSingleReceive, bool bStalled);
+        LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, int nSendQueueHint,
+        bool bSingleReceive, bool bStalled);
 
     bool sendData(const char* data, int size);
     bool sendData(const KepNuvikaUtil::BUFFER* buffers, int count);
     bool sendEndOfData();
-    bool isFull() const { return m_pFifo->isFull(); }
+    bool isFull() const { return m_pFifo && m_pFifo->isFull(); }
     bool isAllSent() const;
     bool hasPendingInput() const { return Nuvika::Sockets::hasInput(m_nSocket); }
-    void tellWhenAllSent() { m_bTellAllSent = true; }
+    void tellWhenAllSent();
     void stallRecv() { m_bRecvStalled = true; }
     void resumeRecv();
 
@@ -45,11 +47,10 @@ public:
 private:
     struct ReceiveContext {
         Nuvika::Transfer transfer;
-        std::unique_ptr<char[]> buffer;
         bool bDelivering = false;
     };
     struct SendContext {
-        Nuvika::Transfer transfer;
+        Nuvika::SendTransfer transfer;
         unsigned int nInFifo = 0; // bytes of this send that still lie in the FIFO
     };
     enum EndOfData { eNone = 0, eRequested = 1, eDone = 2 };
@@ -58,7 +59,10 @@ private:
 
     void disableNonBlocking();
     void setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint);
+    void setSystemBuffers(int nReceive, int nSend);
     void postReceives();
+    void queue(const KepNuvikaUtil::BUFFER* buffers, int count);
+    void releaseFifoIfEmpty();
     void fillAndSend(SendContext& context);
     void startSends();
     bool hasBusySend() const;
@@ -67,6 +71,7 @@ private:
     void notifyOwner(QEvent& event);
 
     void received(Nuvika::Transfer& transfer) override;
+    iovec receiveTarget() override;
     void sent(Nuvika::Transfer& transfer) override;
     void cutOwner() override { m_pOuter = nullptr; }
 
@@ -75,6 +80,8 @@ private:
     EndOfData m_endOfData = eNone;
     NuvikaTcpSocket* m_pOuter;
     std::unique_ptr<DynamicByteFifo> m_pFifo;
+    LOAD_PROFILE m_sendProfile;
+    unsigned int m_nFifoChunks = 0;
     unsigned int m_nSendSize = 0;
     std::size_t m_nReceiveSize = 0;
     bool m_bSingleReceive;

@@ -1,6 +1,7 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "net/ChunkQueue_p.h"
+#include "net/ReceivePlacer_p.h"
 
 #include <algorithm>
 
@@ -119,6 +120,11 @@ void NuvikaTcpSocketQueued::slotError(int errorCode)
     emit error(errorCode);
 }
 
+void Nuvika::ReceivePlacer::set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer)
+{
+    set(*socket.m_pSocket, placer);
+}
+
 NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState() { return m_pSocket->getState(); }
 QString NuvikaTcpSocketQueued::errorString() { return m_pSocket->errorString(); }
 QHostAddress NuvikaTcpSocketQueued::localAddress() { return m_pSocket->localAddress(); }
@@ -129,3 +135,8 @@ const QString& NuvikaTcpSocketQueued::peerName() const { return m_pSocket->peerN
 void NuvikaTcpSocketQueued::stallRecv() { m_pSocket->stallRecv(); }
 void NuvikaTcpSocketQueued::resumeRecv() { m_pSocket->resumeRecv(); }
 bool NuvikaTcpSocketQueued::hasPendingInput() const { return m_pSocket->hasPendingInput(); }
+
+void NuvikaTcpSocketQueued::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    m_pSocket->setSystemBuffers(buffers);
+}

@@ -8,7 +8,8 @@
 namespace Nuvika
 {
 class ChunkQueue;
-}
+class ReceivePlacer;
+} // namespace Nuvika
 
 /// A TCP socket whose sendData() never refuses bytes for lack of room: what the socket cannot take at once
 /// waits in an unbounded queue of 1 MiB chunks. The order of bytes is kept.
@@ -54,6 +55,8 @@ public:
     bool notifyWhenAllSent();
     /// Whether what is sent now waits for nothing; for senders of endless data, with sigCanSend().
     bool canSend() const;
+    /// As NuvikaTcpSocket's.
+    void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
     /// A parent alone is no flag: false stands before it.
     template <class Object>
@@ -82,4 +85,5 @@ private:
     bool m_bFinished = false; // nothing may follow what is queued
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
+    friend class Nuvika::ReceivePlacer;
 };

@@ -42,7 +42,7 @@ void NuvikaUdpReceiverIO::startRecv()
 void NuvikaUdpReceiverIO::post()
 {
     if (m_state == eXFer && !m_receive.isBusy() && m_nDepth < kMaxDepth)
-        postReceive(m_receive, nullptr, 0);
+        postReceive(m_receive, 0);
 }
 
 // The system is short of memory: what waits there is received when it has some again.

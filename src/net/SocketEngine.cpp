@@ -12,13 +12,13 @@ SocketEngine::SocketEngine(int nSocket, Channel::Kind kind)
 
 SocketEngine::~SocketEngine() = default;
 
-void SocketEngine::postReceive(Transfer& transfer, void* buffer, std::size_t size)
+void SocketEngine::postReceive(Transfer& transfer, std::size_t size)
 {
     ++m_nBusy;
-    m_channel.postReceive(transfer, buffer, size);
+    m_channel.postReceive(transfer, size);
 }
 
-std::size_t SocketEngine::postSend(Transfer& transfer)
+std::size_t SocketEngine::postSend(SendTransfer& transfer)
 {
     ++m_nBusy;
     return m_channel.postSend(transfer);

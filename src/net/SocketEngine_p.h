@@ -21,8 +21,8 @@ protected:
     explicit SocketEngine(int nSocket, Nuvika::Channel::Kind kind = Nuvika::Channel::eStream);
     virtual ~SocketEngine();
 
-    void postReceive(Nuvika::Transfer& transfer, void* buffer, std::size_t size);
-    std::size_t postSend(Nuvika::Transfer& transfer);
+    void postReceive(Nuvika::Transfer& transfer, std::size_t size);
+    std::size_t postSend(Nuvika::SendTransfer& transfer);
     void cancelReceives() { m_channel.cancelReceives(); }
     bool hasPendingCompletions() const { return m_nBusy > 0; }
 

@@ -6,7 +6,10 @@
 // 1. A posted transfer completes exactly once, on the posting thread, only from inside that thread's event
 //    loop, never inside the call that posted it.
 // 2. Transfers of one direction complete in the order in which they were posted.
-// 3. A send is tried at once; only its completion waits for the loop.
+// 3. A send is tried at once; only its completion waits for the loop. A quiet one that left whole does not
+// wake
+//    the loop either: it completes with the next pass or before the loop sleeps, or once somebody wants to
+//    know.
 // 4. Cancelling completes what is outstanding with 995; until then the buffers belong to the port.
 // 5. A completion may post, cancel, close or destroy any object, its own included; a nested event loop inside
 //    a completion goes on serving everybody.
@@ -16,16 +19,18 @@
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
 // 8. Nothing is silent: the transfers of a channel that the port could not take, or of a port that could not
 //    be opened, complete with the code. The next channel, and the next receive, try again.
-// 9. A channel of datagrams receives a batch with one system call. Each datagram completes a receive of its
-// own,
-//    but the batch counts as one service; what is left of it, a nested event loop goes on with. The bytes lie
-//    in the port until the handler returns.
+// 9. Received bytes lie in memory of the port, which is there only until the handler returns, so that an idle
+//    socket holds none. A receive on a stream names how much it takes; a handler may name memory of its own
+//    for the first bytes.
+// 10. A channel of datagrams receives a batch with one system call. Each datagram completes a receive of its
+//    own, but the batch counts as one service; what is left of it, a nested event loop goes on with.
 //
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
 // that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
 #pragma once
 
 #include "platform/Datagrams_p.h"
+#include "platform/ReceiveMemory_p.h"
 
 #include <array>
 #include <cstddef>
@@ -43,40 +48,57 @@ class Channel;
 class CompletionPort;
 class PassBudget;
 
-// One receive or send. Belongs to the poster, who keeps it and its buffers in place while it is busy.
+// One receive or send. Belongs to the poster, who keeps it in place while it is busy.
 class Transfer
 {
 public:
-    static constexpr int kMaxRanges = 16;
-
     bool isBusy() const { return m_bBusy; }
     // The outcome, from the completion on.
     int error() const { return m_nError; }
     int bytes() const { return static_cast<int>(m_nBytes); }
-
-    // What to send, filled before the post.
-    std::array<iovec, kMaxRanges> ranges{};
-    int nRanges = 0;
+    // Of a receive on a stream, during its completion: how many of its bytes lie in the handler's target, and
+    // where the rest lies.
+    int bytesInTarget() const { return static_cast<int>(m_nInTarget); }
+    const char* rest() const { return m_pRest; }
 
 private:
+    friend class SendTransfer;
     friend class Channel;
     friend class TransferQueue;
 
-    void begin();
+    void begin(std::size_t size);
     void finish(int nError)
     {
         m_nError = nError;
         m_bDone = true;
     }
-    void advance(std::size_t bytes);
 
     Transfer* m_pNext = nullptr;
     std::size_t m_nBytes = 0;
     std::size_t m_nLeft = 0;
-    int m_nFirstRange = 0;
+    std::size_t m_nInTarget = 0;
+    const char* m_pRest = nullptr;
     int m_nError = 0;
     bool m_bBusy = false;
     bool m_bDone = false;
+};
+
+class SendTransfer : public Transfer
+{
+public:
+    static constexpr int kMaxRanges = 16;
+
+    // What to send, filled before the post; the bytes stay in place while it is busy.
+    std::array<iovec, kMaxRanges> ranges{};
+    int nRanges = 0;
+    bool bQuiet = false; // nobody waits to hear of it
+
+private:
+    friend class Channel;
+
+    void advance(std::size_t bytes);
+
+    int m_nFirstRange = 0;
 };
 
 // A receive on a channel of datagrams, posted without a buffer.
@@ -97,6 +119,8 @@ public:
     // The transfer is no longer busy. Returns false when the channel that reports was destroyed meanwhile.
     virtual bool receiveCompleted(Transfer& transfer) = 0;
     virtual bool sendCompleted(Transfer& transfer) = 0;
+    // Right before a stream is read: where its next bytes are wanted, or an empty range for anywhere.
+    virtual iovec receiveTarget() { return {}; }
 
 protected:
     ~TransferHandler() = default;
@@ -130,14 +154,17 @@ public:
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    // On a channel of datagrams every transfer is a DatagramReceive.
-    void postReceive(Transfer& transfer, void* buffer, std::size_t size);
+    // On a stream; ReceiveMemory::kSize bytes at most. On a channel of datagrams every receive is a
+    // DatagramReceive, and the size is nothing.
+    void postReceive(Transfer& transfer, std::size_t size);
     // Completes the receives that are still waiting with 995, and drops what is left of a batch.
     void cancelReceives();
     // Returns the bytes that left at once; the rest follows as the socket takes it.
-    std::size_t postSend(Transfer& transfer);
+    std::size_t postSend(SendTransfer& transfer);
     // A send that was posted has bytes left: a further one would only wait behind it.
     bool isSendBlocked() const { return !m_sends.lastIsDone(); }
+    // Somebody waits for the quiet sends now.
+    void wakeForSends();
     // Cancels what is outstanding and leaves the port: the descriptor may be closed right after.
     void close();
 
@@ -148,12 +175,13 @@ private:
     void ready(unsigned int events);
     bool serveOne(PassBudget& budget); // false: this channel is gone
     bool serveBatch(PassBudget& budget);
-    Transfer* nextReceive();
-    bool receiveSome(Transfer& transfer);
+    void completeQuietSends();
+    Transfer* nextReceive(ReceiveMemory::Lease& memory);
+    bool receiveSome(Transfer& transfer, ReceiveMemory::Lease& memory);
     void receiveBatch();
     Transfer* nextDatagram();
     Transfer* nextSend();
-    bool trySend(Transfer& transfer);
+    bool trySend(SendTransfer& transfer);
     void schedule();
     void enterPort();
     void leavePort();
@@ -169,6 +197,8 @@ private:
     int m_nAddError = 0; // the port could not take it: what every transfer completes with
     int m_nSendError = 0;
     const Kind m_kind;
+    static constexpr std::size_t kNotQuiet = ~std::size_t{0};
+    std::size_t m_nQuiet = kNotQuiet; // its place among the port's quiet channels
     bool m_bInLine = false;
     bool m_bReadable = false;
     bool m_bWritable = true;
@@ -201,6 +231,9 @@ private:
     void remove(int socket);
     void schedule(Channel& channel);
     void appendToLine(Channel& channel);
+    void noteQuiet(Channel& channel);
+    void forgetQuiet(Channel& channel);
+    void completeQuietSends();
     void takeOutOfLine(Channel& channel);
     Channel* takeFirstInLine();
     void wakeBeforePoll();
@@ -218,6 +251,8 @@ private:
     Channel* m_pFirst = nullptr;
     Channel* m_pLast = nullptr;
     std::size_t m_nInLine = 0;
+    ReceiveMemory m_receiveMemory;
+    std::vector<Channel*> m_quiet; // have finished sends of which nobody waits to hear
     std::unique_ptr<Notifier> m_pNotifier;
     std::unique_ptr<QObject> m_pPassLater; // while such a pass is due
     // For each depth of delivery one, kept for reuse; those in use have another owner besides.

@@ -19,6 +19,7 @@ constexpr int kFamilyNotSupported = 10047;
 constexpr int kAddressNotAvailable = 10049;
 constexpr int kConnectionAborted = 10053;
 constexpr int kConnectionReset = 10054;
+constexpr int kNoBuffers = 10055;
 constexpr int kIsConnected = 10056;
 constexpr int kCallFailure = 10107;
 constexpr int kConnectionRefused = 10061;

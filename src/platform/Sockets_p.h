@@ -37,7 +37,8 @@ void setSegmentLimit(int s, int bytes);
 void setReuseAddress(int s);
 
 // Transfers that never block. Bytes moved, or -1 with kWouldBlock or another code as last error.
-long receive(int s, void* data, std::size_t size);
+// Into the first range, then into the second; either may be empty.
+long receive(int s, const iovec& first, const iovec& second);
 long send(int s, const iovec* ranges, int count);
 
 // A socket hears only the groups that it has joined itself, not those of the host's other sockets.

@@ -5,6 +5,7 @@
 #include "support/RawPeer.h"
 #include "support/RefusedCalls.h"
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QEventLoop>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
@@ -27,6 +28,8 @@ struct Done {
     int bytes;
 };
 
+constexpr std::size_t kReceiveSize = 64;
+
 // One end of a socket pair in the port, the other in the test's hand.
 class End final : public TransferHandler
 {
@@ -46,7 +49,7 @@ public:
     }
     int fd() const { return m_fd.fd(); }
 
-    void receive(int i) { channel->postReceive(receives[i], buffers[i], sizeof buffers[i]); }
+    void receive(int i) { channel->postReceive(receives[i], kReceiveSize); }
     std::size_t send(int i, const void* data, std::size_t size)
     {
         sends[i].ranges[0] = {const_cast<void*>(data), size};
@@ -56,6 +59,7 @@ public:
 
     bool receiveCompleted(Transfer& t) override { return completed('r', t); }
     bool sendCompleted(Transfer& t) override { return completed('s', t); }
+    iovec receiveTarget() override { return target; }
     bool completed(char direction, Transfer& t)
     {
         EXPECT_FALSE(bPosting) << "completed inside the call that posted it";
@@ -71,8 +75,8 @@ public:
     std::unique_ptr<Channel> channel;
     RawSocket peer;
     DatagramReceive receives[2];
-    Transfer sends[2];
-    char buffers[2][64];
+    SendTransfer sends[2];
+    iovec target{};
     std::vector<Done> done;
     std::function<void(const Done&)> onDone;
     bool bPosting = false;
@@ -344,7 +348,6 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
         RawSocket peer;
         std::unique_ptr<Channel> channel;
         Transfer receive;
-        char buffer[16];
         int* pDone = nullptr;
         bool receiveCompleted(Transfer& t) override
         {
@@ -372,7 +375,7 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
             engine->peer = RawSocket(fds[1]);
             engine->pDone = &done;
             engine->channel = std::make_unique<Channel>(fds[0], *engine);
-            engine->channel->postReceive(engine->receive, engine->buffer, sizeof engine->buffer);
+            engine->channel->postReceive(engine->receive, kReceiveSize);
         }
         engines[0]->channel->close(); // waits for a loop that never runs
         EXPECT_EQ(done, 0);
@@ -388,4 +391,87 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
     thread.start();
     thread.wait();
     EXPECT_EQ(done, 2);
+}
+
+namespace
+{
+// How often the loop woke up between what a timer did and the next timer.
+int wakesAfter(const std::function<void()>& act)
+{
+    int wakes = 0;
+    QEventLoop loop;
+    QObject counter; // ends the counting
+    QTimer::singleShot(10, [&] {
+        act();
+        QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, &counter,
+            [&wakes] { ++wakes; });
+    });
+    QTimer::singleShot(40, &loop, &QEventLoop::quit);
+    loop.exec();
+    return wakes;
+}
+} // namespace
+
+TEST(CompletionPort, AQuietSendThatLeavesWholeWakesNobodyAndIsFreeBeforeTheLoopSleeps)
+{
+    End end;
+    settle();
+    for (SendTransfer& send : end.sends)
+        send.bQuiet = true;
+    const int quiet = wakesAfter([&] {
+        end.send(0, "a", 1);
+        end.send(1, "b", 1);
+        EXPECT_TRUE(end.done.empty());
+    });
+    EXPECT_EQ(quiet, wakesAfter([] {}));
+    EXPECT_EQ(end.done.size(), 2U);
+    EXPECT_FALSE(end.sends[0].isBusy());
+    EXPECT_EQ(end.peer.received(), "ab");
+
+    const int waitedFor = wakesAfter([&] {
+        end.send(0, "c", 1);
+        end.channel->wakeForSends(); // somebody waits now
+    });
+    EXPECT_GT(waitedFor, quiet);
+    EXPECT_EQ(end.done.size(), 3U);
+    end.send(0, "d", 1);
+    end.channel->close();
+    settle();
+    EXPECT_EQ(end.done.size(), 4U) << "closing completes quiet ones, too, once";
+}
+
+TEST(CompletionPort, ReceivesWhereTheHandlerWantsItAndTheRestInMemoryOfThePort)
+{
+    End end;
+    char place[4] = {};
+    end.target = {place, sizeof place};
+    end.receive(0);
+    std::string rest;
+    end.onDone = [&](const Done& d) {
+        EXPECT_EQ(d.bytes, 6);
+        EXPECT_EQ(d.transfer->bytesInTarget(), 4);
+        rest.assign(d.transfer->rest(), static_cast<std::size_t>(d.bytes - 4));
+    };
+    end.peer.write("abcdef");
+    ASSERT_TRUE(waitFor([&] { return end.done.size() == 1; }));
+    EXPECT_EQ(std::string(place, sizeof place), "abcd");
+    EXPECT_EQ(rest, "ef");
+    end.channel->close();
+}
+
+TEST(CompletionPort, ANestedLoopReceivesIntoMemoryOfItsOwn)
+{
+    End outer;
+    End inner;
+    outer.receive(0);
+    inner.receive(0);
+    outer.onDone = [&](const Done& d) {
+        inner.peer.write("inner");
+        ASSERT_TRUE(waitFor([&] { return inner.done.size() == 1; }));
+        EXPECT_EQ(std::string(d.transfer->rest(), 5), "outer") << "overwritten by the nested loop";
+    };
+    outer.peer.write("outer");
+    ASSERT_TRUE(waitFor([&] { return outer.done.size() == 1; }));
+    outer.channel->close();
+    inner.channel->close();
 }

@@ -12,19 +12,16 @@ using namespace Nuvika;
 
 // --- Transfer, TransferQueue ---------------------------------------------------------------------------
 
-void Transfer::begin()
+void Transfer::begin(std::size_t size)
 {
     m_nBytes = 0;
-    m_nLeft = 0;
-    for (int i = 0; i < nRanges; ++i)
-        m_nLeft += ranges[static_cast<std::size_t>(i)].iov_len;
-    m_nFirstRange = 0;
+    m_nLeft = size;
     m_nError = 0;
     m_bDone = false;
     m_bBusy = true;
 }
 
-void Transfer::advance(std::size_t bytes)
+void SendTransfer::advance(std::size_t bytes)
 {
     m_nBytes += bytes;
     m_nLeft -= bytes;
@@ -76,6 +73,7 @@ Channel::~Channel()
 {
     leavePort();
     m_pPort->takeOutOfLine(*this);
+    m_pPort->forgetQuiet(*this);
 }
 
 // What fails is tried again with the next receive. Until then the channel is served at once, so that every
@@ -116,29 +114,34 @@ void Channel::ready(unsigned int events)
     schedule();
 }
 
-void Channel::postReceive(Transfer& transfer, void* buffer, std::size_t size)
+void Channel::postReceive(Transfer& transfer, std::size_t size)
 {
-    transfer.ranges[0] = {buffer, size};
-    transfer.nRanges = 1;
-    transfer.begin();
+    transfer.begin(size);
     m_receives.append(transfer);
     if (m_nAddError != 0 && m_nSocket >= 0)
         enterPort();
     schedule();
 }
 
-std::size_t Channel::postSend(Transfer& transfer)
+std::size_t Channel::postSend(SendTransfer& transfer)
 {
-    transfer.begin();
+    std::size_t size = 0;
+    for (int i = 0; i < transfer.nRanges; ++i)
+        size += transfer.ranges[static_cast<std::size_t>(i)].iov_len;
+    transfer.begin(size);
+    transfer.m_nFirstRange = 0;
     const bool bNextToGo = m_sends.lastIsDone();
     m_sends.append(transfer);
     if (bNextToGo && m_bWritable)
         trySend(transfer);
-    schedule();
+    if (transfer.bQuiet && transfer.m_bDone && transfer.m_nError == 0)
+        m_pPort->noteQuiet(*this);
+    else
+        schedule();
     return transfer.m_nBytes;
 }
 
-bool Channel::trySend(Transfer& transfer)
+bool Channel::trySend(SendTransfer& transfer)
 {
     while (!transfer.m_bDone) {
         if (m_nAddError != 0 || m_nSendError != 0) {
@@ -167,37 +170,47 @@ Transfer* Channel::nextSend()
 {
     if (m_sends.isEmpty())
         return nullptr;
-    if (m_sends.firstIsDone() || (m_bWritable && trySend(*m_sends.first())))
+    if (m_sends.firstIsDone() || (m_bWritable && trySend(static_cast<SendTransfer&>(*m_sends.first()))))
         return m_sends.takeFirst();
     return nullptr;
 }
 
-Transfer* Channel::nextReceive()
+Transfer* Channel::nextReceive(ReceiveMemory::Lease& memory)
 {
     if (m_receives.isEmpty())
         return nullptr;
     if (!m_receives.firstIsDone()) {
         if (m_nAddError != 0)
             m_receives.first()->finish(m_nAddError);
-        else if (!m_bReadable || !receiveSome(*m_receives.first()))
+        else if (!m_bReadable || !receiveSome(*m_receives.first(), memory))
             return nullptr;
     }
     return m_receives.takeFirst();
 }
 
-bool Channel::receiveSome(Transfer& transfer)
+bool Channel::receiveSome(Transfer& transfer, ReceiveMemory::Lease& memory)
 {
     const std::size_t size = transfer.m_nLeft;
-    const long got = Sockets::receive(m_nSocket, transfer.ranges[0].iov_base, size);
+    char* rest = memory.take(m_pPort->m_receiveMemory);
+    if (rest == nullptr) {
+        transfer.finish(ErrorCodes::kNoBuffers);
+        return true;
+    }
+    iovec target = m_handler.receiveTarget();
+    target.iov_len = std::min(target.iov_len, size);
+    const long got = Sockets::receive(m_nSocket, target, {rest, size - target.iov_len});
     if (got < 0 && ErrorCodes::lastError() == ErrorCodes::kWouldBlock) {
         m_bReadable = false;
         return false;
     }
+    const auto bytes = static_cast<std::size_t>(std::max(got, 0L));
     // A short read has emptied the socket: the next byte raises a new edge. Not so behind the peer's end,
     // whose edge has been seen, nor at an urgent byte, where a read stops.
-    if (static_cast<std::size_t>(std::max(got, 0L)) < size && !m_bReadOn)
+    if (bytes < size && !m_bReadOn)
         m_bReadable = false;
-    transfer.m_nBytes = static_cast<std::size_t>(std::max(got, 0L));
+    transfer.m_nBytes = bytes;
+    transfer.m_nInTarget = std::min(bytes, target.iov_len);
+    transfer.m_pRest = rest;
     transfer.finish(got < 0 ? ErrorCodes::lastError() : got == 0 ? m_nSendError : 0);
     return true;
 }
@@ -263,7 +276,8 @@ bool Channel::serveOne(PassBudget& budget)
     if (m_kind == eDatagrams)
         return serveBatch(budget);
     Transfer* sent = m_bSendsFirst ? nextSend() : nullptr;
-    Transfer* received = sent == nullptr ? nextReceive() : nullptr;
+    ReceiveMemory::Lease memory; // of what is received, until the handler has returned
+    Transfer* received = sent == nullptr ? nextReceive(memory) : nullptr;
     if (sent == nullptr && received == nullptr && !m_bSendsFirst)
         sent = nextSend();
     m_bSendsFirst = received != nullptr;
@@ -283,11 +297,28 @@ bool Channel::serveOne(PassBudget& budget)
     return true;
 }
 
+void Channel::wakeForSends()
+{
+    m_pPort->forgetQuiet(*this);
+    schedule();
+}
+
+void Channel::completeQuietSends()
+{
+    while (m_sends.firstIsDone()) {
+        if (!m_handler.sendCompleted(*m_sends.takeFirst()))
+            return;
+    }
+    if (!hasWork())
+        m_pPort->takeOutOfLine(*this);
+}
+
 void Channel::close()
 {
     if (m_nSocket < 0)
         return;
     leavePort();
+    m_pPort->forgetQuiet(*this);
     m_bReadable = false;
     m_bWritable = false;
     m_pBatch.reset();

@@ -207,9 +207,39 @@ Channel* CompletionPort::takeFirstInLine()
     return channel;
 }
 
+void CompletionPort::noteQuiet(Channel& channel)
+{
+    if (channel.m_nQuiet != Channel::kNotQuiet || m_bEnded)
+        return;
+    channel.m_nQuiet = m_quiet.size();
+    m_quiet.push_back(&channel);
+}
+
+void CompletionPort::forgetQuiet(Channel& channel)
+{
+    const std::size_t place = channel.m_nQuiet;
+    if (place == Channel::kNotQuiet)
+        return;
+    m_quiet[place] = m_quiet.back();
+    m_quiet[place]->m_nQuiet = place;
+    m_quiet.pop_back();
+    channel.m_nQuiet = Channel::kNotQuiet;
+}
+
+// Their handlers free what the sends occupied, and call nobody.
+void CompletionPort::completeQuietSends()
+{
+    while (!m_quiet.empty()) {
+        Channel* channel = m_quiet.back();
+        forgetQuiet(*channel);
+        channel->completeQuietSends();
+    }
+}
+
 // Channels in line are unknown to the kernel: while there are any, Qt's poll must not sleep.
 void CompletionPort::wakeBeforePoll()
 {
+    completeQuietSends();
     if (m_pFirst == nullptr || m_bArmed)
         return;
     const std::uint64_t one = 1;
@@ -234,6 +264,7 @@ bool CompletionPort::fetch()
 void CompletionPort::pass()
 {
     const std::shared_ptr<CompletionPort> self = shared_from_this(); // a handler may end the thread's port
+    completeQuietSends();
     PassBudget budget;
     std::uint64_t nextFetch = budget.now();
     do {

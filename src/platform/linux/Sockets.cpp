@@ -2,6 +2,7 @@
 
 #include "platform/ErrorCodes_p.h"
 
+#include <array>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -138,9 +139,15 @@ void Nuvika::Sockets::setSegmentLimit(int s, int bytes) { setQuietly(s, IPPROTO_
 
 void Nuvika::Sockets::setReuseAddress(int s) { setQuietly(s, SOL_SOCKET, SO_REUSEADDR, 1); }
 
-long Nuvika::Sockets::receive(int s, void* data, std::size_t size)
+long Nuvika::Sockets::receive(int s, const iovec& first, const iovec& second)
 {
-    return checked([&] { return ::recv(s, data, size, MSG_DONTWAIT); });
+    if (first.iov_len == 0)
+        return checked([&] { return ::recv(s, second.iov_base, second.iov_len, MSG_DONTWAIT); });
+    std::array<iovec, 2> ranges{first, second};
+    msghdr message{};
+    message.msg_iov = ranges.data();
+    message.msg_iovlen = second.iov_len > 0 ? 2 : 1;
+    return checked([&] { return ::recvmsg(s, &message, MSG_DONTWAIT); });
 }
 
 long Nuvika::Sockets::send(int s, const iovec* ranges, int count)
