@@ -192,6 +192,7 @@ private:
     int add(Channel& channel, int socket);
     void remove(int socket);
     void schedule(Channel& channel);
+    static void completeIfClosed(Channel& channel);
     void appendToLine(Channel& channel);
     void takeOutOfLine(Channel& channel);
     Channel* takeFirstInLine();
