@@ -80,7 +80,7 @@ void CompletionPort::endCurrent()
         port->end();
 }
 
-CompletionPort::CompletionPort() { open(); }
+CompletionPort::CompletionPort() = default;
 
 CompletionPort::~CompletionPort()
 {
@@ -88,7 +88,7 @@ CompletionPort::~CompletionPort()
     closeDescriptors();
 }
 
-// Returns 0 or a code. Descriptors may be short: the next channel tries again then.
+// With the first channel. Returns 0 or a code: descriptors may be short, and the next channel tries again.
 int CompletionPort::open()
 {
     if (m_nEpoll >= 0)
