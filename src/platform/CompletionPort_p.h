@@ -230,6 +230,7 @@ private:
     int add(Channel& channel, int socket);
     void remove(int socket);
     void schedule(Channel& channel);
+    static void completeIfClosed(Channel& channel);
     void appendToLine(Channel& channel);
     void noteQuiet(Channel& channel);
     void forgetQuiet(Channel& channel);

@@ -80,7 +80,7 @@ void CompletionPort::endCurrent()
         port->end();
 }
 
-CompletionPort::CompletionPort() { open(); }
+CompletionPort::CompletionPort() = default;
 
 CompletionPort::~CompletionPort()
 {
@@ -88,7 +88,7 @@ CompletionPort::~CompletionPort()
     closeDescriptors();
 }
 
-// Returns 0 or a code. Descriptors may be short: the next channel tries again then.
+// With the first channel. Returns 0 or a code: descriptors may be short, and the next channel tries again.
 int CompletionPort::open()
 {
     if (m_nEpoll >= 0)
@@ -150,9 +150,7 @@ void CompletionPort::remove(int socket)
 void CompletionPort::schedule(Channel& channel)
 {
     if (m_bEnded) {
-        PassBudget budget;
-        const bool bClosed = channel.m_nSocket < 0;
-        while (bClosed && channel.hasWork() && channel.serveOne(budget)) { }
+        completeIfClosed(channel);
         return;
     }
     appendToLine(channel);
@@ -160,6 +158,13 @@ void CompletionPort::schedule(Channel& channel)
         passWithoutDescriptors();
     else
         attachToLoop();
+}
+
+void CompletionPort::completeIfClosed(Channel& channel)
+{
+    PassBudget budget;
+    const bool bClosed = channel.m_nSocket < 0;
+    while (bClosed && channel.hasWork() && channel.serveOne(budget)) { }
 }
 
 // What a port that could not be opened has to report comes by way of a posted event.
@@ -306,5 +311,5 @@ void CompletionPort::end()
     m_pNotifier.reset();
     m_pPassLater.reset();
     while (m_pFirst != nullptr)
-        schedule(*takeFirstInLine());
+        completeIfClosed(*takeFirstInLine());
 }
