@@ -125,7 +125,7 @@ public:
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    // On a channel of datagrams every transfer is a DatagramReceive.
+    // On a channel of datagrams every transfer is a DatagramReceive, and has no buffer.
     void postReceive(Transfer& transfer, void* buffer, std::size_t size);
     // Completes the receives that are still waiting with 995, and drops what is left of a batch.
     void cancelReceives();
