@@ -15,9 +15,8 @@
 // 7. Closing a channel ends its connection at once; only the freeing waits for the loop. When a thread's port
 //    ends, closed channels complete at once, so that nothing waits for a loop that will not run again.
 // 8. A channel of datagrams receives a batch with one system call. Each datagram completes a receive of its
-// own,
-//    but the batch counts as one service; what is left of it, a nested event loop goes on with. The bytes lie
-//    in the port until the handler returns.
+//    own, but the batch counts as one service; what is left of it, a nested event loop goes on with. The
+//    bytes lie in the port until the handler returns.
 //
 // One channel is served with one receive (and a send that its handler has just finished) at a time: a channel
 // that has more work goes to the end of the line before its handler runs, so a nested loop finds it there.
@@ -207,7 +206,7 @@ private:
     Channel* m_pLast = nullptr;
     std::size_t m_nInLine = 0;
     std::unique_ptr<Notifier> m_pNotifier;
-    // For each depth of delivery one, kept for reuse; those in use have another owner besides.
+    // For each depth of delivery one, some kept for reuse; those in use have another owner besides.
     std::vector<std::shared_ptr<DatagramBatch>> m_batches;
 };
 } // namespace Nuvika
