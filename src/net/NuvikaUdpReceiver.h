@@ -13,9 +13,13 @@ class NuvikaUdpReceiverIO;
 /// Receives datagrams on one UDP socket, IPv4 or IPv6, unicast or multicast, and hands each to registered
 /// callbacks, without a copy.
 ///
-/// Ten receives are outstanding, filled together by one system call. A datagram longer than their buffers
-/// (1500 bytes at first) is dropped; their size doubles then, and whatever had arrived into smaller buffers
-/// by that moment is dropped with it. Empty datagrams are not handed out.
+/// One system call takes what has arrived, up to 32 datagrams or runs of them. A datagram longer than the
+/// size that is expected (1500 bytes at first) is dropped; the size doubles then, and what the same call had
+/// received behind it is dropped with it. Empty datagrams are not handed out. A receive that fails, as
+/// without memory, is tried again 50 ms later, and logged once until one succeeds.
+///
+/// Memory: the bytes lie in buffers that all receivers of a thread share; with event loops that callbacks
+/// run, up to ten deep.
 ///
 /// Threads: every member is called on the owner thread, which needs an event loop; callbacks run there.
 ///

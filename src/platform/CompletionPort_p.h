@@ -256,7 +256,7 @@ private:
     std::vector<Channel*> m_quiet; // have finished sends of which nobody waits to hear
     std::unique_ptr<Notifier> m_pNotifier;
     std::unique_ptr<QObject> m_pPassLater; // while such a pass is due
-    // For each depth of delivery one, kept for reuse; those in use have another owner besides.
+    // For each depth of delivery one, some kept for reuse; those in use have another owner besides.
     std::vector<std::shared_ptr<DatagramBatch>> m_batches;
 };
 } // namespace Nuvika

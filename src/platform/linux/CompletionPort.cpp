@@ -21,6 +21,7 @@ using namespace Nuvika;
 namespace
 {
 constexpr std::size_t kEventsPerFetch = 256;
+constexpr std::size_t kKeptBatches = 4; // of those that nested event loops needed
 constexpr std::uint64_t kFetchIntervalNs = 50'000; // a short round need not ask the kernel for more
 } // namespace
 
@@ -284,6 +285,8 @@ void CompletionPort::pass()
 
 std::shared_ptr<DatagramBatch> CompletionPort::takeBatch()
 {
+    while (m_batches.size() > kKeptBatches && m_batches.back().use_count() == 1)
+        m_batches.pop_back();
     for (const std::shared_ptr<DatagramBatch>& batch : m_batches) {
         if (batch.use_count() == 1)
             return batch;

@@ -201,6 +201,7 @@ private:
     static void addSegmentSize(msghdr& head, Control& control, std::size_t size)
     {
         const auto segment = static_cast<std::uint16_t>(size);
+        control = {}; // its padding is read as well
         head.msg_control = control.bytes.data();
         head.msg_controllen = sizeof control.bytes;
         cmsghdr* record = CMSG_FIRSTHDR(&head);
