@@ -1,12 +1,18 @@
 #include "support/Certificates.h"
+#include "support/Seams.h"
 
 #include "net/TlsSession_p.h"
 
 #include <QtCore/QFile>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace Nuvika;
 
@@ -233,21 +239,139 @@ TEST(TlsSession, KeepsWhatIsWrittenWhileTheServerRenegotiates)
     EXPECT_EQ(SSL_get_shutdown(server.ssl) & SSL_RECEIVED_SHUTDOWN, SSL_RECEIVED_SHUTDOWN);
 }
 
-TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoesAndReadsChangedFilesAnew)
+namespace
+{
+// A client by plain OpenSSL calls over memory, which offers whatever it got last for as long as it likes.
+struct PlainClient {
+    std::unique_ptr<SSL_CTX, OpenSslFree<SSL_CTX_free>> context{SSL_CTX_new(TLS_client_method())};
+    TlsSessionTicket last;
+
+    PlainClient(int version, const QString& certificate)
+    {
+        SSL_CTX_set_max_proto_version(context.get(), version);
+        const QByteArray file = certificate.toLocal8Bit();
+        SSL_CTX_use_certificate_chain_file(context.get(), file.constData());
+        SSL_CTX_use_PrivateKey_file(context.get(), file.constData(), SSL_FILETYPE_PEM);
+    }
+    // Whether the server has resumed what is offered.
+    bool isResumedBy(const std::shared_ptr<TlsContext>& serverContext)
+    {
+        End server(serverContext);
+        const std::unique_ptr<SSL, OpenSslFree<SSL_free>> ssl(SSL_new(context.get()));
+        SSL_set_bio(ssl.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+        SSL_set_connect_state(ssl.get());
+        if (last)
+            SSL_set_session(ssl.get(), last.get());
+        for (int i = 0; i < 4; ++i) {
+            char byte = 0;
+            SSL_do_handshake(ssl.get());
+            SSL_read(ssl.get(), &byte, 1);
+            QByteArray bytes(static_cast<int>(BIO_pending(SSL_get_wbio(ssl.get()))), '\0');
+            BIO_read(SSL_get_wbio(ssl.get()), bytes.data(), bytes.size());
+            server.feed(bytes, 1 << 20);
+            const QByteArray answer = server.take();
+            BIO_write(SSL_get_rbio(ssl.get()), answer.constData(), answer.size());
+        }
+        EXPECT_TRUE(server.bOpen) << server.session->failure().text.toStdString();
+        last.reset(SSL_get1_session(ssl.get()));
+        const bool bResumed = SSL_session_reused(ssl.get()) == 1;
+        SSL_shutdown(ssl.get());
+        return bResumed;
+    }
+};
+} // namespace
+
+TEST(TlsSession, AVerdictOnACertificateHoldsForTwoHoursHoweverOftenItsSessionIsResumed)
+{
+    const long long minutes = 60000;
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        const auto clientContext = contextOf(false, version == TLS1_2_VERSION ? 4 : 5);
+        const auto serverContext = contextOf(true, 0);
+        const auto isResumed = [&] {
+            End client(clientContext);
+            End server(serverContext);
+            converse(client, server, 1 << 20);
+            EXPECT_TRUE(client.bOpen) << client.session->failure().text.toStdString();
+            return client.session->isResumed();
+        };
+        TlsConfig config = serverContext->config();
+        config.nVerify = 1;
+        config.trusted = certificates().authority();
+        QString problem;
+        const auto verifying = TlsContext::create(config, &problem);
+        PlainClient known(version, certificates().forLocalhost());
+        for (const bool bExpected : {false, true, false, true}) {
+            EXPECT_EQ(isResumed(), bExpected) << "by our client " << version;
+            EXPECT_EQ(known.isResumedBy(verifying), bExpected) << "by our server " << version;
+            seams::clockOffsetMs += 90 * minutes;
+        }
+    }
+}
+
+TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoes)
 {
     auto library = TlsLibrary::acquire();
     EXPECT_EQ(library, TlsLibrary::acquire());
     TlsConfig config;
-    config.trusted = certificates().folder() + QStringLiteral("/changing.pem");
+    config.trusted = certificates().authority();
     config.nVerify = 1;
-    QFile::copy(certificates().authority(), config.trusted);
     QString problem;
-    std::weak_ptr<TlsContext> first = library->context(config, &problem);
-    EXPECT_EQ(library->context(config, &problem), first.lock());
-    QFile file(config.trusted);
-    ASSERT_TRUE(file.open(QIODevice::Append) && file.write("\n") == 1);
-    file.close();
-    EXPECT_NE(library->context(config, &problem), first.lock());
+    std::weak_ptr<TlsContext> context = library->context(config, &problem);
+    EXPECT_EQ(library->context(config, &problem), context.lock());
     library.reset();
-    EXPECT_TRUE(first.expired());
+    EXPECT_TRUE(context.expired());
+}
+
+TEST(TlsLibrary, ReadsFilesAgainThatHaveChanged)
+{
+    Certificates others(QStringLiteral("Somebody else"));
+    QTemporaryDir folder;
+    const QString file = folder.filePath(QStringLiteral("ca.pem"));
+    const auto fill = [&](const QString& from, QIODevice::OpenMode mode) {
+        QFile source(from);
+        QFile target(file);
+        ASSERT_TRUE(source.open(QIODevice::ReadOnly) && target.open(mode));
+        target.write(source.readAll());
+    };
+    fill(certificates().authority(), QIODevice::WriteOnly);
+    auto library = TlsLibrary::acquire();
+    QString problem;
+    TlsConfig configs[3];
+    configs[0].trusted = file;
+    configs[1].trusted = folder.path();
+    qputenv("SSL_CERT_FILE", file.toLocal8Bit()); // which is then the system's
+    std::shared_ptr<TlsContext> before[3];
+    for (int i = 0; i < 3; ++i) {
+        configs[i].nVerify = 1;
+        before[i] = library->context(configs[i], &problem);
+    }
+    fill(others.authority(), QIODevice::WriteOnly | QIODevice::Append); // in place: the folder's time stays
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NE(library->context(configs[i], &problem), before[i]) << i << problem.toStdString();
+    qunsetenv("SSL_CERT_FILE");
+}
+
+TEST(TlsLibrary, AFileThatIsSlowToReadHoldsUpNobodyElse)
+{
+    QTemporaryDir folder;
+    const QByteArray pipe = folder.filePath(QStringLiteral("slow.pem")).toLocal8Bit();
+    ASSERT_EQ(mkfifo(pipe.constData(), 0600), 0);
+    auto library = TlsLibrary::acquire();
+    QString slowProblem;
+    std::thread slow([&] {
+        TlsConfig config;
+        config.nVerify = 1;
+        config.trusted = QFile::decodeName(pipe);
+        library->context(config, &slowProblem);
+    });
+    const int writer = open(pipe.constData(), O_WRONLY); // returns when the other has begun to read
+    auto other = std::async(std::launch::async, [&] {
+        QString problem;
+        return library->context(TlsConfig(), &problem);
+    });
+    EXPECT_EQ(other.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    close(writer);
+    slow.join();
+    EXPECT_NE(other.get(), nullptr);
+    EXPECT_NE(slowProblem, QString());
 }
