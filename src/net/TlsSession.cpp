@@ -239,7 +239,18 @@ TlsSession::Result TlsSession::read(char* buffer, int size, int* got)
     if (result != eFailed && !writeWaiting())
         result = eFailed;
     flush();
+    if (result == eWantInput)
+        releaseBuffers();
     return result;
+}
+
+// A ticket that comes gives OpenSSL a buffer to write from, 16 KiB until somebody writes. Within a record
+// there is one to read into, which OpenSSL before 3.0.14 would have lost.
+void TlsSession::releaseBuffers()
+{
+    const bool bWithinRecord = std::strcmp(SSL_rstate_string(m_pSsl.get()), "RB") == 0;
+    if (!bWithinRecord)
+        SSL_free_buffers(m_pSsl.get());
 }
 
 bool TlsSession::writeSome(const char* data, int size, int* written)

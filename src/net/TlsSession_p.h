@@ -70,6 +70,7 @@ private:
     bool setUpClient(const QString& host, quint16 port);
     bool expectHost(const QByteArray& name, bool bAddress);
     Result resultOf(int code);
+    void releaseBuffers();
     bool writeWaiting();
     bool writeSome(const char* data, int size, int* written);
     void flush();
