@@ -128,7 +128,7 @@ void NuvikaSslSocket::Private::connectTo(
         return;
     }
     if (!m_pContext) {
-        failLater(TlsFailure::kOther, m_configurationProblem);
+        failSetUp(m_configurationProblem);
         return;
     }
     beginConnection();
@@ -148,13 +148,20 @@ void NuvikaSslSocket::Private::accept(int descriptor)
     }
     m_socket.setSocketDescriptor(descriptor);
     if (!m_pContext) {
-        failLater(TlsFailure::kOther, m_configurationProblem);
+        failSetUp(m_configurationProblem);
         return;
     }
     beginConnection();
     m_host.clear();
     m_nPort = 0;
     beginHandshake();
+}
+
+void NuvikaSslSocket::Private::failSetUp(const QString& problem)
+{
+    m_socket.close(); // or its signals would come first
+    m_state = eConnecting;
+    failLater(TlsFailure::kOther, problem);
 }
 
 void NuvikaSslSocket::Private::failLater(int code, const QString& problem)
@@ -170,8 +177,7 @@ void NuvikaSslSocket::Private::beginHandshake()
     QString problem;
     m_pSession = TlsSession::create(m_pContext, *this, m_host, m_nPort, &problem);
     if (!m_pSession) {
-        m_state = eConnecting;
-        failLater(TlsFailure::kOther, problem);
+        failSetUp(problem);
         return;
     }
     m_state = eHandshake;
@@ -251,9 +257,7 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
     const ReadBuffer buffer;
     for (;;) {
         int got = 0;
-        m_bReading = true;
-        const TlsSession::Result result = m_pSession->read(buffer.data(), kReadSize, &got);
-        m_bReading = false;
+        const TlsSession::Result result = readSome(buffer.data(), &got);
         if (got > 0)
             emit m_owner.dataReceived(buffer.data(), got, Marker());
         if (watch.holds() && waitingHasEnded() && canSend())
@@ -282,6 +286,14 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
             return false;
         }
     }
+}
+
+TlsSession::Result NuvikaSslSocket::Private::readSome(char* buffer, int* got)
+{
+    m_bReading = true;
+    const TlsSession::Result result = m_pSession->read(buffer, kReadSize, got);
+    m_bReading = false;
+    return result == TlsSession::eFailed || m_pSession->writeWaiting() ? result : TlsSession::eFailed;
 }
 
 void NuvikaSslSocket::Private::stall()

@@ -57,12 +57,14 @@ private:
     void received(const char* data, int size);
     bool continueHandshake(const Nuvika::Watched::Watch& watch);
     bool deliver(const Nuvika::Watched::Watch& watch);
+    Nuvika::TlsSession::Result readSome(char* buffer, int* got);
     bool waitingHasEnded();
     void tcpEnded(int code); // 0: in good order
     void closeCompleted();
     void endSession();
     void fail(int code, const QString& problem);
     void failWithSession();
+    void failSetUp(const QString& problem);
     void failLater(int code, const QString& problem);
 
     NuvikaSslSocket& m_owner;

@@ -95,7 +95,9 @@ QByteArray digestOf(const TlsConfig& config)
     QDataStream stream(&bytes, QIODevice::WriteOnly);
     stream << config.bServer << config.nProtocol << config.nVerify << config.passPhrase;
     addFile(stream, QFileInfo(config.ownCertificate));
-    if (config.trusted.isEmpty()) {
+    if (!config.verifiesPeer()) {
+        stream << config.trusted;
+    } else if (config.trusted.isEmpty()) {
         addFile(stream, systemPlace(X509_get_default_cert_file_env(), X509_get_default_cert_file()));
         addFile(stream, systemPlace(X509_get_default_cert_dir_env(), X509_get_default_cert_dir()));
     } else {

@@ -236,8 +236,6 @@ TlsSession::Result TlsSession::read(char* buffer, int size, int* got)
         if (count > 0)
             *got += count;
     }
-    if (result != eFailed && !writeWaiting())
-        result = eFailed;
     flush();
     if (result == eWantInput)
         releaseBuffers();
@@ -292,14 +290,14 @@ bool TlsSession::writeWaiting()
     if (!isWaiting())
         return true;
     int written = 0;
-    if (!writeSome(m_waiting.constData(), m_waiting.size(), &written))
-        return false;
+    const bool bGood = writeSome(m_waiting.constData(), m_waiting.size(), &written);
     m_waiting.remove(0, written);
     if (m_bEndWaits && m_waiting.isEmpty() && isOpen()) {
         m_bEndWaits = false;
         SSL_shutdown(m_pSsl.get());
     }
-    return true;
+    flush();
+    return bGood;
 }
 
 void TlsSession::endWriting()

@@ -50,6 +50,8 @@ public:
     // What was written, or the end, waits until the peer goes on with a message or a handshake that it has
     // begun within the connection.
     bool isWaiting() const { return !m_waiting.isEmpty() || m_bEndWaits; }
+    // To be called after a read, which may have been the step. False as write().
+    bool writeWaiting();
 
     const TlsFailure& failure() const { return m_failure; }
     CertificatePointer peerCertificate() const;
@@ -71,7 +73,6 @@ private:
     bool expectHost(const QByteArray& name, bool bAddress);
     Result resultOf(int code);
     void releaseBuffers();
-    bool writeWaiting();
     bool writeSome(const char* data, int size, int* written);
     void flush();
 

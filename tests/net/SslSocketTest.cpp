@@ -187,6 +187,7 @@ TEST(SslSocket, SaysWhatIsWrongWithItsConfiguration)
     RawListener listener;
     talker.socket->connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
     EXPECT_TRUE(talker.errors.empty()) << "never inside the call";
+    EXPECT_EQ(talker.socket->getState(), NuvikaTcpSocket::eConnecting);
     ASSERT_TRUE(waitFor([&] { return talker.isOver(); }));
     EXPECT_EQ(talker.errors, std::vector<int>{10053});
     EXPECT_NE(talker.problem().find("missing.pem"), std::string::npos) << talker.problem();

@@ -72,6 +72,7 @@ struct End final : TlsOutput {
             char buffer[20000];
             int got = 0;
             result = session->read(buffer, sizeof buffer, &got);
+            EXPECT_TRUE(result == TlsSession::eFailed || session->writeWaiting());
             plain.append(buffer, got);
             if (result == TlsSession::eWantInput)
                 break;
