@@ -129,6 +129,16 @@ TEST(SslSocket, MatchesNamesAsTheyStand)
     }
 }
 
+TEST(SslSocket, ComparesTheCommonNameWhereACertificateNamesNoHosts)
+{
+    Server server(
+        {Ssl::eSslAny12, certificates().issue({QStringLiteral("cam-9.test"), QString()}), {}, false});
+    seams::setName("cam-9.test", {"127.0.0.1"});
+    Client client;
+    client.socket->connectToHost(QStringLiteral("cam-9.test"), server.listener.serverPort());
+    ASSERT_TRUE(waitFor([&] { return client.connections == 1; })) << client.problem();
+}
+
 TEST(SslSocket, AsksForClientCertificatesWhenToldWhomToTrust)
 {
     Certificates others(QStringLiteral("Somebody else"));
