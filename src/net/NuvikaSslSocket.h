@@ -16,15 +16,21 @@
 ///
 /// Lifetime: a handler of any signal may close, reuse or delete the socket. Configuration is taken by the
 /// next connection; initSsl() must have succeeded before it. Connections of one configuration share what was
-/// read from files, on all threads; changed files are read again by the next initSsl(). Reconnects resume
-/// earlier sessions where the server allows it.
+/// read from files, on all threads. The next initSsl() reads again what has changed: a file, a file of a
+/// folder; of the system's trusted certificates, the list of its folder. Reconnects resume earlier sessions
+/// where the server allows it, within two hours of the peer's verification.
 ///
-/// Sending never refuses bytes for lack of room. Receiving: dataReceived() does not nest; bytes that arrive
-/// while a handler runs an event loop follow when it has returned.
+/// Sending never refuses bytes for lack of room. While the peer has begun a handshake within the connection,
+/// or a part of one, what is sent waits, and canSend() is false: for 10 seconds and for 64 MiB, then the
+/// connection fails. A TLS 1.2 server may do so to ask for a client's certificate (Apache and IIS do, where
+/// one folder wants it); our servers do not, and refuse it to their clients.
+///
+/// Receiving: dataReceived() does not nest; bytes that arrive while a handler runs an event loop follow when
+/// it has returned.
 ///
 /// Errors: once per connection, by error(int); errorString() tells in a sentence why. The codes are
-/// SocketError's and: 5, no handshake within 10 seconds; 10013, a certificate was refused, by us or by the
-/// peer; 10053, any other failure of TLS. The state is eError then, and close() makes the socket usable
+/// SocketError's and: 5, a handshake took more than 10 seconds; 10013, a certificate was refused, by us or by
+/// the peer; 10053, any other failure of TLS. The state is eError then, and close() makes the socket usable
 /// again.
 class KEPNUVIKAUTIL_EXPORT NuvikaSslSocket : public QObject
 {
@@ -81,10 +87,12 @@ public:
     void connectToHost(const QHostAddress& address, unsigned short port);
     void setSocketDescriptor(int socket);
     /// Sends what is queued and close_notify, which a peer that does not read can hold up for 500 ms; to the
-    /// caller the socket is unconnected at once. Emits nothing.
+    /// caller the socket is unconnected at once. What waits for the peer's handshake is discarded. Emits
+    /// nothing.
     void close();
 
-    /// False when not connected, after sendEndOfData(), and for a negative size.
+    /// False when not connected, after sendEndOfData(), for a negative size, and when the connection cannot
+    /// send any more; error(int) follows then.
     bool sendData(const char* data, int size);
     /// Ends the sending direction, by close_notify and then TCP's end, once everything queued has left.
     void sendEndOfData();
@@ -102,7 +110,7 @@ public:
     QHostAddress peerAddress();
     unsigned short peerPort() const;
     const QString& peerName() const;
-    /// Of the last handshake, also when the certificate was refused; a resumed session has the earlier one.
+    /// Of the last connection, also when the certificate was refused; a resumed session has the earlier one.
     PeerCertificate peerCertificate() const;
     /// "TLSv1.3", and the cipher's name; empty before a handshake.
     QString protocolName() const;
@@ -113,7 +121,7 @@ signals:
     void connected();
     void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
     /// \a unannounced: 0 behind the peer's close_notify; 1 without: what came last may have been cut off by
-    /// somebody on the path.
+    /// somebody on the path. Either way what is still queued for the peer is discarded.
     void disconnected(unsigned long unannounced);
     void error(int errorCode);
     /// canSend() is true again.

@@ -1,6 +1,4 @@
-#include "core/Log_p.h"
 #include "net/NuvikaSslSocket_p.h"
-#include "platform/Clock_p.h"
 
 #include <utility>
 
@@ -9,11 +7,7 @@ using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 namespace
 {
-constexpr int kHandshakeTickMs = 500;
-constexpr quint32 kHandshakeMs = 10000;
-constexpr int kCloseMs = 500;
 constexpr int kReadSize = 64 * 1024; // plain text handed out at a time: four full records
-constexpr int kSideInputLimit = 1 << 20;
 constexpr int kAnswersLimit = 64 * 1024;
 
 // Plain text on its way to a handler. The thread keeps one such buffer, not every connection; a second one
@@ -41,213 +35,27 @@ private:
 };
 } // namespace
 
-NuvikaSslSocket::Private::Private(NuvikaSslSocket& owner, int nSendQueueHint)
-    : m_socket(nSendQueueHint, false), m_owner(owner)
-{
-    m_handshakeTimer.setInterval(kHandshakeTickMs);
-    m_closeTimer.setSingleShot(true);
-    m_closeTimer.setInterval(kCloseMs);
-    connect(&m_handshakeTimer, &QTimer::timeout, &owner, [this] { watchHandshake(); });
-    connect(&m_closeTimer, &QTimer::timeout, &owner, [this] { closeCompleted(); });
-    connect(&m_socket, &NuvikaTcpSocketQueued::connected, &owner, [this] { beginHandshake(); });
-    connect(&m_socket, &NuvikaTcpSocketQueued::dataReceived, &owner,
-        [this](const char* data, int size, Marker) { received(data, size); });
-    connect(&m_socket, &NuvikaTcpSocketQueued::disconnected, &owner, [this] { tcpEnded(0); });
-    connect(&m_socket, &NuvikaTcpSocketQueued::error, &owner, [this](int code) { tcpEnded(code); });
-    connect(&m_socket, &NuvikaTcpSocketQueued::sigCanSend, &owner, [this] {
-        if (canSend())
-            emit m_owner.sigCanSend();
-    });
-    connect(&m_socket, &NuvikaTcpSocketQueued::sigAllSent, &owner, [this] {
-        if (m_state == eClosing)
-            closeCompleted();
-    });
-}
-
-NuvikaSslSocket::Private::~Private()
-{
-    if (m_pSession)
-        m_pSession->endWriting();
-}
-
-bool NuvikaSslSocket::Private::initialise(const TlsConfig& config)
-{
-    QString problem;
-    m_pContext = m_pLibrary->context(config, &problem);
-    if (!m_pContext) {
-        NUVIKA_WARNING(lcNet, "NuvikaSslSocket::initSsl(): %s", qUtf8Printable(problem));
-        refuse(problem);
-    }
-    return m_pContext != nullptr;
-}
-
-void NuvikaSslSocket::Private::refuse(const QString& problem)
-{
-    m_pContext.reset();
-    m_problem = problem;
-    m_configurationProblem = problem;
-}
-
-NuvikaTcpSocket::STATE NuvikaSslSocket::Private::state() const
-{
-    switch (m_state) {
-    case eOpen:
-        return NuvikaTcpSocket::eConnected;
-    case eConnecting:
-    case eHandshake:
-        return NuvikaTcpSocket::eConnecting;
-    case eFailed:
-        return NuvikaTcpSocket::eError;
-    case eClosing:
-        return m_postponedConnect ? NuvikaTcpSocket::eConnecting : NuvikaTcpSocket::eUnconnected;
-    default:
-        return NuvikaTcpSocket::eUnconnected;
-    }
-}
-
-// --- beginning -------------------------------------------------------------------------------------------
-
-void NuvikaSslSocket::Private::beginConnection()
-{
-    m_problem.clear();
-    m_pCertificate.reset();
-    m_protocolName.clear();
-    m_cipherName.clear();
-    m_bResumed = false;
-    m_socket.resumeRecv(); // until the handshake is over
-}
-
-void NuvikaSslSocket::Private::connectTo(
-    const QString& host, quint16 port, const std::function<void()>& connectSocket)
-{
-    if (m_state == eClosing && !m_postponedConnect) {
-        m_postponedConnect = [this, host, port, connectSocket] { connectTo(host, port, connectSocket); };
-        return;
-    }
-    if (m_state != eIdle) {
-        NUVIKA_WARNING(lcNet, "NuvikaSslSocket::connectToHost() failed: invalid state");
-        return;
-    }
-    if (!m_pContext) {
-        failLater();
-        return;
-    }
-    beginConnection();
-    m_host = host;
-    m_nPort = port;
-    m_state = eConnecting;
-    connectSocket();
-}
-
-void NuvikaSslSocket::Private::accept(int descriptor)
-{
-    if (m_state == eClosing && !m_postponedConnect)
-        closeCompleted(); // who hands a connection over does not want to wait
-    if (m_state != eIdle) {
-        NUVIKA_WARNING(lcNet, "NuvikaSslSocket::setSocketDescriptor() failed: invalid state");
-        return;
-    }
-    m_socket.setSocketDescriptor(descriptor);
-    if (!m_pContext) {
-        failLater();
-        return;
-    }
-    beginConnection();
-    m_host.clear();
-    m_nPort = 0;
-    beginHandshake();
-}
-
-void NuvikaSslSocket::Private::failLater()
-{
-    m_state = eConnecting;
-    QTimer::singleShot(0, &m_owner, [this, watch = m_watched.watch()] {
-        if (watch.holds())
-            fail(TlsFailure::kOther, m_configurationProblem);
-    });
-}
-
-void NuvikaSslSocket::Private::beginHandshake()
-{
-    m_state = eHandshake;
-    m_pSession = std::make_unique<TlsSession>(m_pContext, *this, m_host, m_nPort);
-    m_nHandshakeBegin = Clock::monotonicMs();
-    m_handshakeTimer.start();
-    continueHandshake(m_watched.watch());
-}
-
-void NuvikaSslSocket::Private::watchHandshake()
-{
-    if (m_state != eHandshake || Clock::monotonicMs() - m_nHandshakeBegin <= kHandshakeMs)
-        return;
-    const QString problem = QStringLiteral("%1 did not finish the TLS handshake within 10 seconds")
-                                .arg(m_pSession->failure().who());
-    NUVIKA_WARNING(lcNet, "NuvikaSslSocket: %s", qUtf8Printable(problem));
-    fail(TlsFailure::kHandshakeTimeout, problem);
-}
-
-// False when this connection is over.
-bool NuvikaSslSocket::Private::continueHandshake(const Watched::Watch& watch)
-{
-    if (m_state != eHandshake)
-        return true;
-    const TlsSession::Result result = m_pSession->handshake();
-    if (result == TlsSession::eWantInput)
-        return true;
-    m_pCertificate = m_pSession->peerCertificate();
-    if (result != TlsSession::eMore) {
-        const TlsFailure failure = m_pSession->failure();
-        fail(failure.nCode != 0 ? failure.nCode : TlsFailure::kOther,
-            failure.nCode != 0 ? failure.text
-                               : QStringLiteral("%1 ended the TLS handshake").arg(failure.who()));
-        return false;
-    }
-    m_handshakeTimer.stop();
-    m_state = eOpen;
-    m_protocolName = QString::fromLatin1(m_pSession->protocol());
-    m_cipherName = QString::fromLatin1(m_pSession->cipher());
-    m_bResumed = m_pSession->isResumed();
-    if (m_bStalled)
-        m_socket.stallRecv();
-    emit m_owner.connected();
-    return watch.holds();
-}
-
 // --- receiving -------------------------------------------------------------------------------------------
 
 void NuvikaSslSocket::Private::received(const char* data, int size)
 {
-    if (!m_pSession)
-        return; // a close is pending
-    if (!m_bDelivering) {
-        takeInput(data, size);
-        return;
-    }
-    m_sideInput.append(data, size);
-    if (m_sideInput.size() > kSideInputLimit && !m_bSideStalled) {
-        m_bSideStalled = true;
-        m_socket.stallRecv();
-    }
+    if (m_pSession) // or a close is pending
+        m_input.received(data, size);
 }
 
-void NuvikaSslSocket::Private::takeInput(const char* data, int size)
+int NuvikaSslSocket::Private::readInput(const char* data, int size)
 {
     const Watched::Watch watch = m_watched.watch();
-    m_bDelivering = true;
-    QByteArray side;
-    while (size > 0) {
-        m_pSession->setInput(data, size);
-        if (!continueHandshake(watch) || !deliver(watch))
-            return;
-        if (std::exchange(m_bSideStalled, false) && !m_bStalled)
-            m_socket.resumeRecv();
-        side = std::exchange(m_sideInput, QByteArray());
-        data = side.constData();
-        size = side.size();
-    }
-    m_bDelivering = false;
-    if (m_end)
-        tcpEnded(*std::exchange(m_end, std::nullopt));
+    m_pSession->setInput(data, size);
+    return continueHandshake(watch) && deliver(watch) ? size : kOver;
+}
+
+void NuvikaSslSocket::Private::stallSource(bool bStall)
+{
+    if (bStall)
+        m_socket.stallRecv();
+    else
+        m_socket.resumeRecv();
 }
 
 // False when this connection is over.
@@ -258,11 +66,11 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
     const ReadBuffer buffer;
     for (;;) {
         int got = 0;
-        m_bReading = true;
-        const TlsSession::Result result = m_pSession->read(buffer.data(), kReadSize, &got);
-        m_bReading = false;
+        const TlsSession::Result result = readSome(buffer.data(), &got);
         if (got > 0)
             emit m_owner.dataReceived(buffer.data(), got, Marker());
+        if (watch.holds() && waitingHasEnded() && canSend())
+            emit m_owner.sigCanSend();
         if (!watch.holds())
             return false;
         if (m_nAnswers > kAnswersLimit) {
@@ -283,29 +91,37 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
             emit m_owner.disconnected(0);
             return false;
         case TlsSession::eFailed:
-            fail(m_pSession->failure().nCode, QString(m_pSession->failure().text));
+            failWithSession();
             return false;
         }
     }
+}
+
+TlsSession::Result NuvikaSslSocket::Private::readSome(char* buffer, int* got)
+{
+    m_bReading = true;
+    const TlsSession::Result result = m_pSession->read(buffer, kReadSize, got);
+    m_bReading = false;
+    return result == TlsSession::eFailed || m_pSession->writeWaiting() ? result : TlsSession::eFailed;
 }
 
 void NuvikaSslSocket::Private::stall()
 {
     m_bStalled = true;
     if (m_state == eOpen)
-        m_socket.stallRecv();
+        m_input.setStalled(PendingInput::eByOwner, true);
 }
 
 void NuvikaSslSocket::Private::resume()
 {
     m_bStalled = false;
-    if (m_state == eOpen && !m_bSideStalled)
-        m_socket.resumeRecv();
+    if (m_state == eOpen)
+        m_input.setStalled(PendingInput::eByOwner, false);
 }
 
 bool NuvikaSslSocket::Private::hasPendingInput() const
 {
-    return m_socket.hasPendingInput() || (m_pSession && m_pSession->hasInput()) || !m_sideInput.isEmpty();
+    return m_socket.hasPendingInput() || (m_pSession && m_pSession->hasInput()) || !m_input.isEmpty();
 }
 
 // --- sending ---------------------------------------------------------------------------------------------
@@ -321,7 +137,17 @@ void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
 
 bool NuvikaSslSocket::Private::send(const char* data, int size)
 {
-    return m_state == eOpen && size >= 0 && m_pSession->write(data, size);
+    if (m_state != eOpen || size < 0)
+        return false;
+    const TlsFailure& failure = m_pSession->failure();
+    const bool bFailed = failure.nCode != 0;
+    if (!m_pSession->write(data, size)) {
+        if (!bFailed && failure.nCode != 0)
+            failLater(failure.nCode, QString(failure.text));
+        return false;
+    }
+    waitingHasEnded();
+    return true;
 }
 
 void NuvikaSslSocket::Private::sendEndOfData()
@@ -329,7 +155,23 @@ void NuvikaSslSocket::Private::sendEndOfData()
     if (m_state != eOpen)
         return;
     m_pSession->endWriting();
-    m_socket.finishSending();
+    m_bEndOfData = true;
+    waitingHasEnded();
+}
+
+// After all that may change it: what waits to be sent has a time limit, and TCP's end stands behind it.
+bool NuvikaSslSocket::Private::waitingHasEnded()
+{
+    const bool bWaited = m_handshakeTimer.isActive();
+    if (m_pSession->isWaiting()) {
+        if (!bWaited)
+            limitHandshake();
+        return false;
+    }
+    m_handshakeTimer.stop();
+    if (std::exchange(m_bEndOfData, false))
+        m_socket.finishSending();
+    return bWaited;
 }
 
 // --- ending ----------------------------------------------------------------------------------------------
@@ -341,10 +183,8 @@ void NuvikaSslSocket::Private::endSession()
     m_handshakeTimer.stop();
     m_closeTimer.stop();
     m_pSession.reset();
-    m_bDelivering = false;
-    m_sideInput.clear();
-    m_bSideStalled = false;
-    m_end.reset();
+    m_input.reset();
+    m_bEndOfData = false;
     m_nAnswers = 0;
 }
 
@@ -382,10 +222,11 @@ void NuvikaSslSocket::Private::tcpEnded(int code)
         closeCompleted();
         return;
     }
-    if (m_bDelivering) { // the bytes before the end come first
-        m_end = code;
-        return;
-    }
+    m_input.ended(code); // behind the bytes before it
+}
+
+void NuvikaSslSocket::Private::readEnd(int code)
+{
     if (code != 0) {
         fail(code, m_socket.errorString());
     } else if (m_state == eHandshake) {
@@ -406,4 +247,13 @@ void NuvikaSslSocket::Private::fail(int code, const QString& problem)
     m_problem = problem;
     m_state = eFailed;
     emit m_owner.error(code);
+}
+
+void NuvikaSslSocket::Private::failWithSession()
+{
+    const TlsFailure failure = m_pSession->failure();
+    if (failure.nCode != 0)
+        fail(failure.nCode, failure.text);
+    else
+        fail(TlsFailure::kOther, QStringLiteral("%1 ended the TLS connection").arg(failure.who()));
 }

@@ -5,14 +5,14 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "core/Watched_p.h"
+#include "net/PendingInput_p.h"
 #include "net/TlsSession_p.h"
 
 #include <QtCore/QTimer>
 
 #include <functional>
-#include <optional>
 
-class NuvikaSslSocket::Private final : public Nuvika::TlsOutput
+class NuvikaSslSocket::Private final : public Nuvika::TlsOutput, public Nuvika::InputReader
 {
 public:
     Private(NuvikaSslSocket& owner, int nSendQueueHint);
@@ -26,7 +26,7 @@ public:
     void close();
     bool send(const char* data, int size);
     void sendEndOfData();
-    bool canSend() const { return m_state == eOpen && m_socket.canSend(); }
+    bool canSend() const { return m_state == eOpen && !m_pSession->isWaiting() && m_socket.canSend(); }
     void stall();
     void resume();
     bool hasPendingInput() const;
@@ -47,18 +47,25 @@ private:
     enum State { eIdle, eConnecting, eHandshake, eOpen, eClosing, eFailed };
 
     void sendEncrypted(const char* data, int size) override;
+    int readInput(const char* data, int size) override;
+    void readEnd(int code) override; // of TCP
+    void stallSource(bool bStall) override;
     void beginConnection();
     void beginHandshake();
+    void limitHandshake();
     void watchHandshake();
     void received(const char* data, int size);
-    void takeInput(const char* data, int size);
     bool continueHandshake(const Nuvika::Watched::Watch& watch);
     bool deliver(const Nuvika::Watched::Watch& watch);
+    Nuvika::TlsSession::Result readSome(char* buffer, int* got);
+    bool waitingHasEnded();
     void tcpEnded(int code); // 0: in good order
     void closeCompleted();
     void endSession();
     void fail(int code, const QString& problem);
-    void failLater();
+    void failWithSession();
+    void failSetUp(const QString& problem);
+    void failLater(int code, const QString& problem);
 
     NuvikaSslSocket& m_owner;
     std::shared_ptr<Nuvika::TlsLibrary> m_pLibrary = Nuvika::TlsLibrary::acquire();
@@ -72,11 +79,9 @@ private:
     quint32 m_nHandshakeBegin = 0; // Clock::monotonicMs()
     QTimer m_closeTimer;
     std::function<void()> m_postponedConnect; // until the pending close has completed
-    bool m_bStalled = false; // by the user
-    bool m_bDelivering = false; // a handler of dataReceived() or connected() runs
-    QByteArray m_sideInput; // received meanwhile
-    bool m_bSideStalled = false;
-    std::optional<int> m_end; // of TCP, which came meanwhile
+    Nuvika::PendingInput m_input{*this};
+    bool m_bStalled = false; // by the user, from the handshake's end on
+    bool m_bEndOfData = false; // TCP's end is still to be sent
     bool m_bReading = false; // what leaves now is nobody's wish but the peer's
     int m_nAnswers = 0; // such bytes, while the peer does not read
     Nuvika::Watched m_watched;

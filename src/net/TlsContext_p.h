@@ -4,6 +4,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,6 +22,13 @@ struct OpenSslFree {
 };
 using TlsSessionTicket = std::unique_ptr<SSL_SESSION, OpenSslFree<SSL_SESSION_free>>;
 using CertificatePointer = std::unique_ptr<X509, OpenSslFree<X509_free>>;
+using BioMethodPointer = std::unique_ptr<BIO_METHOD, OpenSslFree<BIO_meth_free>>;
+
+// A session, and when its peer's certificate was verified, which resuming does not do again.
+struct KeptSession {
+    TlsSessionTicket ticket;
+    std::uint64_t nVerifiedNs = 0; // Clock::monotonicNs()
+};
 
 struct TlsConfig {
     bool bServer = false;
@@ -44,20 +52,27 @@ public:
     SSL_CTX* handle() const { return m_pHandle.get(); }
     const TlsConfig& config() const { return m_config; }
 
-    // A session with that peer ("host:port") to resume, or null. One of TLS 1.3 is given out once.
-    TlsSessionTicket session(const std::string& peer);
-    void keepSession(const std::string& peer, TlsSessionTicket session);
+    // What a session's bytes go through.
+    const BIO_METHOD* bioMethod() const { return m_pBioMethod.get(); }
+
+    // A session with that peer ("host:port") to resume, or null. One of TLS 1.3 is given out once; none
+    // whose peer was verified more than two hours ago.
+    KeptSession session(const std::string& peer);
+    void keepSession(const std::string& peer, KeptSession session);
 
 private:
     explicit TlsContext(const TlsConfig& config) : m_config(config) { }
     bool load(QString* problem);
+    bool prepare();
     bool loadOwnCertificate(QString* problem);
     bool loadTrusted(QString* problem);
+    bool loadTrustedFiles(QString* problem);
 
     TlsConfig m_config; // the pass phrase is dropped after loading
     std::unique_ptr<SSL_CTX, OpenSslFree<SSL_CTX_free>> m_pHandle;
+    BioMethodPointer m_pBioMethod;
     std::mutex m_mutex;
-    std::map<std::string, TlsSessionTicket> m_sessions;
+    std::map<std::string, KeptSession> m_sessions;
 };
 
 // What is set up once for the process, on first use, and given up when no socket is left: the contexts.
@@ -66,9 +81,12 @@ class TlsLibrary
 {
 public:
     static std::shared_ptr<TlsLibrary> acquire();
+    // Reads files, without holding up other threads: two that ask for a new one at the same time both read.
     std::shared_ptr<TlsContext> context(const TlsConfig& config, QString* problem);
 
 private:
+    std::shared_ptr<TlsContext> known(const QByteArray& digest);
+
     std::mutex m_mutex;
     std::map<QByteArray, std::shared_ptr<TlsContext>> m_contexts; // by a digest of all that they depend on
 };

@@ -56,10 +56,21 @@ QString dateText(const ASN1_TIME* time)
 }
 } // namespace
 
+QString Nuvika::openSslReason()
+{
+    const unsigned long first = ERR_get_error(); // the cause; others follow from it
+    ERR_clear_error();
+    if (ERR_SYSTEM_ERROR(first))
+        return qt_error_string(ERR_GET_REASON(first));
+    const char* reason = ERR_reason_error_string(first);
+    return QString::fromLatin1(reason != nullptr ? reason : "unknown error");
+}
+
 QString Nuvika::nameText(const X509_NAME* name)
 {
     const std::unique_ptr<BIO, OpenSslFree<BIO_free>> text(BIO_new(BIO_s_mem()));
-    X509_NAME_print_ex(text.get(), name, 0, kNameStyle);
+    if (!text || X509_NAME_print_ex(text.get(), name, 0, kNameStyle) < 0)
+        return QString();
     char* bytes = nullptr;
     const long size = BIO_get_mem_data(text.get(), &bytes);
     return QString::fromUtf8(bytes, static_cast<int>(size));

@@ -29,6 +29,8 @@ private:
     void takeAlert(int alert);
 };
 
+// What OpenSSL says about the call that has just failed; the system's reason where it has one.
+QString openSslReason();
 // Control characters of a certificate come escaped.
 QString nameText(const X509_NAME* name);
 QDateTime timeOf(const ASN1_TIME* time);

@@ -1,5 +1,7 @@
 #include "net/TlsSession_p.h"
 
+#include "platform/Clock_p.h"
+
 #include <QtCore/QUrl>
 #include <QtNetwork/QHostAddress>
 
@@ -13,6 +15,7 @@ using namespace Nuvika;
 namespace
 {
 constexpr int kFlushAt = 128 * 1024; // encrypted bytes of one call to the socket
+constexpr int kMostWaiting = 64 * 1024 * 1024; // plain text
 
 // What one call of a session produces, before it goes to the socket in one piece.
 QByteArray& outgoing()
@@ -28,17 +31,15 @@ QByteArray& outgoing()
 
 // --- memory under OpenSSL --------------------------------------------------------------------------------
 
-const BIO_METHOD* TlsSession::bioMethod()
+BioMethodPointer TlsSession::makeBioMethod()
 {
-    static const std::unique_ptr<BIO_METHOD, OpenSslFree<BIO_meth_free>> s_method = [] {
-        std::unique_ptr<BIO_METHOD, OpenSslFree<BIO_meth_free>> method(
-            BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "received bytes"));
+    BioMethodPointer method(BIO_meth_new(BIO_TYPE_SOURCE_SINK, "received bytes"));
+    if (method) {
         BIO_meth_set_read(method.get(), &TlsSession::bioRead);
         BIO_meth_set_write(method.get(), &TlsSession::bioWrite);
         BIO_meth_set_ctrl(method.get(), &TlsSession::bioControl);
-        return method;
-    }();
-    return s_method.get();
+    }
+    return method;
 }
 
 int TlsSession::bioRead(BIO* bio, char* buffer, int size)
@@ -79,31 +80,45 @@ void TlsSession::flush()
 
 // --- set-up ----------------------------------------------------------------------------------------------
 
-TlsSession::TlsSession(
-    std::shared_ptr<TlsContext> context, TlsOutput& output, const QString& host, quint16 port)
+TlsSession::TlsSession(std::shared_ptr<TlsContext> context, TlsOutput& output)
     : m_pContext(std::move(context)), m_output(output), m_pSsl(SSL_new(m_pContext->handle()))
 {
-    m_failure.peer = host;
-    BIO* bio = BIO_new(bioMethod());
-    BIO_set_data(bio, this);
-    BIO_set_init(bio, 1);
-    SSL* ssl = m_pSsl.get();
-    SSL_set_bio(ssl, bio, bio); // both directions; owned by the connection
-    SSL_set_app_data(ssl, this);
-    const TlsConfig& config = m_pContext->config();
-    SSL_set_verify(ssl,
-        config.verifiesPeer() ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE,
-        &TlsSession::verified);
-    if (config.bServer) {
-        SSL_set_accept_state(ssl);
-        return;
-    }
-    SSL_set_connect_state(ssl);
-    m_peer = (host.toLower() + QLatin1Char(':') + QString::number(port)).toStdString();
-    setUpClient(host);
 }
 
-void TlsSession::setUpClient(const QString& host)
+std::unique_ptr<TlsSession> TlsSession::create(std::shared_ptr<TlsContext> context, TlsOutput& output,
+    const QString& host, quint16 port, QString* problem)
+{
+    ERR_clear_error();
+    const bool bServer = context->config().bServer;
+    std::unique_ptr<TlsSession> session(new TlsSession(std::move(context), output));
+    session->m_failure.peer = host;
+    if (session->setUp() && (bServer || session->setUpClient(host, port)))
+        return session;
+    *problem
+        = QStringLiteral("TLS with %1 cannot be set up: %2").arg(session->m_failure.who(), openSslReason());
+    return nullptr;
+}
+
+bool TlsSession::setUp()
+{
+    SSL* ssl = m_pSsl.get();
+    BIO* bio = ssl != nullptr ? BIO_new(m_pContext->bioMethod()) : nullptr;
+    if (bio == nullptr)
+        return false;
+    BIO_set_data(bio, this);
+    BIO_set_init(bio, 1);
+    SSL_set_bio(ssl, bio, bio); // both directions; owned by the connection
+    const TlsConfig& config = m_pContext->config();
+    if (config.verifiesPeer())
+        SSL_set_verify(ssl, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, &TlsSession::verified);
+    if (config.bServer)
+        SSL_set_accept_state(ssl);
+    else
+        SSL_set_connect_state(ssl);
+    return SSL_set_app_data(ssl, this) == 1;
+}
+
+bool TlsSession::setUpClient(const QString& host, quint16 port)
 {
     SSL* ssl = m_pSsl.get();
     QHostAddress address(host);
@@ -112,21 +127,28 @@ void TlsSession::setUpClient(const QString& host)
     QByteArray name = bAddress ? address.toString().toLatin1() : QUrl::toAce(host);
     if (name.endsWith('.'))
         name.chop(1);
-    if (!bAddress)
-        SSL_set_tlsext_host_name(ssl, name.constData()); // addresses have no place there, RFC 6066, 3
-    if (m_pContext->config().nVerify == 2) {
-        X509_VERIFY_PARAM* parameters = SSL_get0_param(ssl);
-        X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-        const bool bComparable = bAddress
-            ? X509_VERIFY_PARAM_set1_ip_asc(parameters, name.constData()) == 1
-            : !name.isEmpty() && !name.startsWith('.') // which would stand for any name below
-                && X509_VERIFY_PARAM_set1_host(parameters, name.constData(), 0) == 1;
-        if (!bComparable)
-            X509_VERIFY_PARAM_set1_host(parameters, "nobody.invalid", 0);
-    }
-    const TlsSessionTicket session = m_pContext->session(m_peer);
-    if (session)
-        SSL_set_session(ssl, session.get());
+    // Addresses have no place there, RFC 6066, 3.
+    if (!bAddress && !name.isEmpty() && SSL_set_tlsext_host_name(ssl, name.constData()) != 1)
+        return false;
+    if (m_pContext->config().nVerify == 2 && !expectHost(name, bAddress))
+        return false;
+    m_peer = (host.toLower() + QLatin1Char(':') + QString::number(port)).toStdString();
+    const KeptSession session = m_pContext->session(m_peer);
+    m_nVerifiedNs = session.nVerifiedNs;
+    if (session.ticket)
+        SSL_set_session(ssl, session.ticket.get()); // a full handshake where that fails
+    return true;
+}
+
+bool TlsSession::expectHost(const QByteArray& name, bool bAddress)
+{
+    X509_VERIFY_PARAM* parameters = SSL_get0_param(m_pSsl.get());
+    X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    const bool bComparable = bAddress
+        ? X509_VERIFY_PARAM_set1_ip_asc(parameters, name.constData()) == 1
+        : !name.isEmpty() && !name.startsWith('.') // which would stand for any name below
+            && X509_VERIFY_PARAM_set1_host(parameters, name.constData(), 0) == 1;
+    return bComparable || X509_VERIFY_PARAM_set1_host(parameters, "nobody.invalid", 0) == 1;
 }
 
 TlsSession::~TlsSession()
@@ -141,7 +163,9 @@ int TlsSession::newSession(SSL* ssl, SSL_SESSION* session)
     const auto* self = static_cast<TlsSession*>(SSL_get_app_data(ssl));
     if (self == nullptr || self->m_peer.empty())
         return 0; // a server's: OpenSSL keeps it
-    self->m_pContext->keepSession(self->m_peer, TlsSessionTicket(session));
+    const bool bResumed = SSL_session_reused(ssl) == 1;
+    self->m_pContext->keepSession(
+        self->m_peer, {TlsSessionTicket(session), bResumed ? self->m_nVerifiedNs : Clock::monotonicNs()});
     return 1;
 }
 
@@ -212,10 +236,19 @@ TlsSession::Result TlsSession::read(char* buffer, int size, int* got)
         if (count > 0)
             *got += count;
     }
-    if (result != eFailed && !writeWaiting())
-        result = eFailed;
     flush();
+    if (result == eWantInput)
+        releaseBuffers();
     return result;
+}
+
+// A ticket that comes gives OpenSSL a buffer to write from, 16 KiB until somebody writes. Within a record
+// there is one to read into, which OpenSSL before 3.0.14 would have lost.
+void TlsSession::releaseBuffers()
+{
+    const bool bWithinRecord = std::strcmp(SSL_rstate_string(m_pSsl.get()), "RB") == 0;
+    if (!bWithinRecord)
+        SSL_free_buffers(m_pSsl.get());
 }
 
 bool TlsSession::writeSome(const char* data, int size, int* written)
@@ -239,34 +272,42 @@ bool TlsSession::write(const char* data, int size)
     if (m_bEndWaits || (SSL_get_shutdown(m_pSsl.get()) & SSL_SENT_SHUTDOWN) != 0)
         return false;
     int written = 0;
-    const bool bGood = !m_waiting.isEmpty() || writeSome(data, size, &written);
+    bool bGood = !m_waiting.isEmpty() || writeSome(data, size, &written);
+    if (bGood && size - written > kMostWaiting - m_waiting.size()) {
+        m_failure.set(TlsFailure::kOther,
+            QStringLiteral("%1 does not go on with a handshake, and holds up more than 64 MiB")
+                .arg(m_failure.who()));
+        bGood = false;
+    }
     if (bGood)
         m_waiting.append(data + written, size - written);
     flush();
     return bGood;
 }
 
-// Plain text waits only while a handshake within the connection does.
 bool TlsSession::writeWaiting()
 {
-    if (m_waiting.isEmpty())
+    if (!isWaiting())
         return true;
     int written = 0;
     const bool bGood = writeSome(m_waiting.constData(), m_waiting.size(), &written);
     m_waiting.remove(0, written);
-    if (bGood && m_waiting.isEmpty() && m_bEndWaits) {
+    if (m_bEndWaits && m_waiting.isEmpty() && isOpen()) {
         m_bEndWaits = false;
         SSL_shutdown(m_pSsl.get());
     }
+    flush();
     return bGood;
 }
 
 void TlsSession::endWriting()
 {
     ERR_clear_error();
-    if (!m_waiting.isEmpty())
+    if ((SSL_get_shutdown(m_pSsl.get()) & SSL_SENT_SHUTDOWN) != 0)
+        return;
+    if (!m_waiting.isEmpty() || !isOpen())
         m_bEndWaits = true;
-    else if (isOpen() && (SSL_get_shutdown(m_pSsl.get()) & SSL_SENT_SHUTDOWN) == 0)
+    else
         SSL_shutdown(m_pSsl.get());
     flush();
 }

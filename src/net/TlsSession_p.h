@@ -26,8 +26,10 @@ public:
         eFailed // failure() tells why; an alert has left
     };
 
-    // Host and port of the server, which a client verifies and resumes by; empty on the server's side.
-    TlsSession(std::shared_ptr<TlsContext> context, TlsOutput& output, const QString& host, quint16 port);
+    // Host and port of the server, which a client verifies and resumes by; empty on the server's side. Null
+    // with the reason.
+    static std::unique_ptr<TlsSession> create(std::shared_ptr<TlsContext> context, TlsOutput& output,
+        const QString& host, quint16 port, QString* problem);
     ~TlsSession();
     TlsSession(const TlsSession&) = delete;
     TlsSession& operator=(const TlsSession&) = delete;
@@ -41,10 +43,15 @@ public:
     bool isOpen() const { return SSL_is_init_finished(m_pSsl.get()) == 1; }
     // Fills the buffer as far as whole records allow; what is in it counts whatever the result.
     Result read(char* buffer, int size, int* got);
-    // False when the connection cannot send any more. Never refuses for lack of room.
+    // False when the connection cannot send any more: after endWriting(), or failure() tells why.
     bool write(const char* data, int size);
     // Sends close_notify; the other direction stays open.
     void endWriting();
+    // What was written, or the end, waits until the peer goes on with a message or a handshake that it has
+    // begun within the connection.
+    bool isWaiting() const { return !m_waiting.isEmpty() || m_bEndWaits; }
+    // To be called after a read, which may have been the step. False as write().
+    bool writeWaiting();
 
     const TlsFailure& failure() const { return m_failure; }
     CertificatePointer peerCertificate() const;
@@ -53,16 +60,19 @@ public:
     const char* cipher() const { return SSL_get_cipher_name(m_pSsl.get()); }
 
     static int newSession(SSL* ssl, SSL_SESSION* session); // of SSL_CTX_sess_set_new_cb
+    static BioMethodPointer makeBioMethod(); // null when it cannot be made
 
 private:
-    static const BIO_METHOD* bioMethod();
+    TlsSession(std::shared_ptr<TlsContext> context, TlsOutput& output);
     static int bioRead(BIO* bio, char* buffer, int size);
     static int bioWrite(BIO* bio, const char* data, int size);
     static long bioControl(BIO* bio, int command, long number, void* pointer);
     static int verified(int bGood, X509_STORE_CTX* store);
-    void setUpClient(const QString& host);
+    bool setUp();
+    bool setUpClient(const QString& host, quint16 port);
+    bool expectHost(const QByteArray& name, bool bAddress);
     Result resultOf(int code);
-    bool writeWaiting();
+    void releaseBuffers();
     bool writeSome(const char* data, int size, int* written);
     void flush();
 
@@ -72,7 +82,8 @@ private:
     std::unique_ptr<SSL, OpenSslFree<SSL_free>> m_pSsl;
     const char* m_pInput = nullptr;
     int m_nInput = 0;
-    QByteArray m_waiting; // plain text, while the server renegotiates
+    std::uint64_t m_nVerifiedNs = 0; // of the session that we offer to resume
+    QByteArray m_waiting; // plain text
     bool m_bEndWaits = false;
     TlsFailure m_failure;
     CertificatePointer m_pRefused;

@@ -1,12 +1,18 @@
 #include "support/Certificates.h"
+#include "support/Seams.h"
 
 #include "net/TlsSession_p.h"
 
 #include <QtCore/QFile>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace Nuvika;
 
@@ -38,10 +44,12 @@ struct End final : TlsOutput {
     QByteArray plain;
     TlsSession::Result result = TlsSession::eWantInput;
     bool bOpen = false;
-    TlsSession session;
+    QString problem;
+    std::unique_ptr<TlsSession> session;
 
     explicit End(const std::shared_ptr<TlsContext>& context)
-        : session(context, *this, context->config().bServer ? QString() : QStringLiteral("localhost"), 443)
+        : session(TlsSession::create(context, *this,
+            context->config().bServer ? QString() : QStringLiteral("localhost"), 443, &problem))
     {
     }
     void sendEncrypted(const char* data, int size) override { sent.append(data, size); }
@@ -50,20 +58,21 @@ struct End final : TlsOutput {
     {
         for (int at = 0; at < bytes.size() && result == TlsSession::eWantInput; at += piece) {
             const QByteArray cut = bytes.mid(at, piece);
-            session.setInput(cut.constData(), cut.size());
+            session->setInput(cut.constData(), cut.size());
             work();
         }
     }
     void work()
     {
         if (!bOpen) {
-            result = session.handshake();
+            result = session->handshake();
             bOpen = result == TlsSession::eMore;
         }
         while (bOpen && (result == TlsSession::eMore || result == TlsSession::eWantInput)) {
             char buffer[20000];
             int got = 0;
-            result = session.read(buffer, sizeof buffer, &got);
+            result = session->read(buffer, sizeof buffer, &got);
+            EXPECT_TRUE(result == TlsSession::eFailed || session->writeWaiting());
             plain.append(buffer, got);
             if (result == TlsSession::eWantInput)
                 break;
@@ -100,17 +109,17 @@ TEST(TlsSession, WorksHoweverItsBytesAreCut)
             End client(clientContext);
             End server(serverContext);
             converse(client, server, piece);
-            ASSERT_TRUE(client.bOpen && server.bOpen)
-                << client.session.failure().text.toStdString() << server.session.failure().text.toStdString();
-            ASSERT_TRUE(client.session.write(up.constData(), up.size()));
-            ASSERT_TRUE(server.session.write(down.constData(), down.size()));
+            ASSERT_TRUE(client.bOpen && server.bOpen) << client.session->failure().text.toStdString()
+                                                      << server.session->failure().text.toStdString();
+            ASSERT_TRUE(client.session->write(up.constData(), up.size()));
+            ASSERT_TRUE(server.session->write(down.constData(), down.size()));
             converse(client, server, piece);
             EXPECT_EQ(server.plain, up) << piece;
             EXPECT_EQ(client.plain, down) << piece;
-            client.session.endWriting();
+            client.session->endWriting();
             converse(client, server, piece);
             EXPECT_EQ(server.result, TlsSession::eClosed);
-            EXPECT_FALSE(client.session.write("x", 1)) << "the end was announced";
+            EXPECT_FALSE(client.session->write("x", 1)) << "the end was announced";
         }
     }
 }
@@ -143,7 +152,7 @@ TEST(TlsSession, ADamagedOrCutOffHandshakeNeverOpens)
             converse(client, server, 1 << 20);
             opened += client.bOpen ? 1 : 0;
             EXPECT_TRUE(client.bOpen || client.result == TlsSession::eWantInput
-                || !client.session.failure().text.isEmpty())
+                || !client.session->failure().text.isEmpty())
                 << at;
         }
         EXPECT_GT(size, 500);
@@ -202,7 +211,7 @@ TEST(TlsSession, FollowsKeyUpdates)
         SSL_key_update(server.ssl, SSL_KEY_UPDATE_REQUESTED);
         SSL_write(server.ssl, "down", 4);
         server.converse(client);
-        client.session.write("up", 2);
+        client.session->write("up", 2);
         server.converse(client);
     }
     EXPECT_EQ(client.plain, QByteArray("downdowndown"));
@@ -221,31 +230,149 @@ TEST(TlsSession, KeepsWhatIsWrittenWhileTheServerRenegotiates)
     client.feed(server.take(), 1 << 20);
     const QByteArray early = client.take();
     ASSERT_FALSE(early.isEmpty()) << "the new handshake has begun";
-    ASSERT_TRUE(client.session.write("in between ", 11));
-    ASSERT_TRUE(client.session.write("and after", 9));
+    ASSERT_TRUE(client.session->write("in between ", 11));
+    ASSERT_TRUE(client.session->write("and after", 9));
     EXPECT_TRUE(client.sent.isEmpty()) << "which waits for the handshake's end";
-    client.session.endWriting();
+    client.session->endWriting();
     server.feed(early);
     server.converse(client);
     EXPECT_EQ(server.plain, QByteArray("in between and after"));
     EXPECT_EQ(SSL_get_shutdown(server.ssl) & SSL_RECEIVED_SHUTDOWN, SSL_RECEIVED_SHUTDOWN);
 }
 
-TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoesAndReadsChangedFilesAnew)
+namespace
+{
+// A client by plain OpenSSL calls over memory, which offers whatever it got last for as long as it likes.
+struct PlainClient {
+    std::unique_ptr<SSL_CTX, OpenSslFree<SSL_CTX_free>> context{SSL_CTX_new(TLS_client_method())};
+    TlsSessionTicket last;
+
+    PlainClient(int version, const QString& certificate)
+    {
+        SSL_CTX_set_max_proto_version(context.get(), version);
+        const QByteArray file = certificate.toLocal8Bit();
+        SSL_CTX_use_certificate_chain_file(context.get(), file.constData());
+        SSL_CTX_use_PrivateKey_file(context.get(), file.constData(), SSL_FILETYPE_PEM);
+    }
+    // Whether the server has resumed what is offered.
+    bool isResumedBy(const std::shared_ptr<TlsContext>& serverContext)
+    {
+        End server(serverContext);
+        const std::unique_ptr<SSL, OpenSslFree<SSL_free>> ssl(SSL_new(context.get()));
+        SSL_set_bio(ssl.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+        SSL_set_connect_state(ssl.get());
+        if (last)
+            SSL_set_session(ssl.get(), last.get());
+        for (int i = 0; i < 4; ++i) {
+            char byte = 0;
+            SSL_do_handshake(ssl.get());
+            SSL_read(ssl.get(), &byte, 1);
+            QByteArray bytes(static_cast<int>(BIO_pending(SSL_get_wbio(ssl.get()))), '\0');
+            BIO_read(SSL_get_wbio(ssl.get()), bytes.data(), bytes.size());
+            server.feed(bytes, 1 << 20);
+            const QByteArray answer = server.take();
+            BIO_write(SSL_get_rbio(ssl.get()), answer.constData(), answer.size());
+        }
+        EXPECT_TRUE(server.bOpen) << server.session->failure().text.toStdString();
+        last.reset(SSL_get1_session(ssl.get()));
+        const bool bResumed = SSL_session_reused(ssl.get()) == 1;
+        SSL_shutdown(ssl.get());
+        return bResumed;
+    }
+};
+} // namespace
+
+TEST(TlsSession, AVerdictOnACertificateHoldsForTwoHoursHoweverOftenItsSessionIsResumed)
+{
+    const long long minutes = 60000;
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        const auto clientContext = contextOf(false, version == TLS1_2_VERSION ? 4 : 5);
+        const auto serverContext = contextOf(true, 0);
+        const auto isResumed = [&] {
+            End client(clientContext);
+            End server(serverContext);
+            converse(client, server, 1 << 20);
+            EXPECT_TRUE(client.bOpen) << client.session->failure().text.toStdString();
+            return client.session->isResumed();
+        };
+        TlsConfig config = serverContext->config();
+        config.nVerify = 1;
+        config.trusted = certificates().authority();
+        QString problem;
+        const auto verifying = TlsContext::create(config, &problem);
+        PlainClient known(version, certificates().forLocalhost());
+        for (const bool bExpected : {false, true, false, true}) {
+            EXPECT_EQ(isResumed(), bExpected) << "by our client " << version;
+            EXPECT_EQ(known.isResumedBy(verifying), bExpected) << "by our server " << version;
+            seams::clockOffsetMs += 90 * minutes;
+        }
+    }
+}
+
+TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoes)
 {
     auto library = TlsLibrary::acquire();
     EXPECT_EQ(library, TlsLibrary::acquire());
     TlsConfig config;
-    config.trusted = certificates().folder() + QStringLiteral("/changing.pem");
+    config.trusted = certificates().authority();
     config.nVerify = 1;
-    QFile::copy(certificates().authority(), config.trusted);
     QString problem;
-    std::weak_ptr<TlsContext> first = library->context(config, &problem);
-    EXPECT_EQ(library->context(config, &problem), first.lock());
-    QFile file(config.trusted);
-    ASSERT_TRUE(file.open(QIODevice::Append) && file.write("\n") == 1);
-    file.close();
-    EXPECT_NE(library->context(config, &problem), first.lock());
+    std::weak_ptr<TlsContext> context = library->context(config, &problem);
+    EXPECT_EQ(library->context(config, &problem), context.lock());
     library.reset();
-    EXPECT_TRUE(first.expired());
+    EXPECT_TRUE(context.expired());
+}
+
+TEST(TlsLibrary, ReadsFilesAgainThatHaveChanged)
+{
+    Certificates others(QStringLiteral("Somebody else"));
+    QTemporaryDir folder;
+    const QString file = folder.filePath(QStringLiteral("ca.pem"));
+    const auto fill = [&](const QString& from, QIODevice::OpenMode mode) {
+        QFile source(from);
+        QFile target(file);
+        ASSERT_TRUE(source.open(QIODevice::ReadOnly) && target.open(mode));
+        target.write(source.readAll());
+    };
+    fill(certificates().authority(), QIODevice::WriteOnly);
+    auto library = TlsLibrary::acquire();
+    QString problem;
+    TlsConfig configs[3];
+    configs[0].trusted = file;
+    configs[1].trusted = folder.path();
+    qputenv("SSL_CERT_FILE", file.toLocal8Bit()); // which is then the system's
+    std::shared_ptr<TlsContext> before[3];
+    for (int i = 0; i < 3; ++i) {
+        configs[i].nVerify = 1;
+        before[i] = library->context(configs[i], &problem);
+    }
+    fill(others.authority(), QIODevice::WriteOnly | QIODevice::Append); // in place: the folder's time stays
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NE(library->context(configs[i], &problem), before[i]) << i << problem.toStdString();
+    qunsetenv("SSL_CERT_FILE");
+}
+
+TEST(TlsLibrary, AFileThatIsSlowToReadHoldsUpNobodyElse)
+{
+    QTemporaryDir folder;
+    const QByteArray pipe = folder.filePath(QStringLiteral("slow.pem")).toLocal8Bit();
+    ASSERT_EQ(mkfifo(pipe.constData(), 0600), 0);
+    auto library = TlsLibrary::acquire();
+    QString slowProblem;
+    std::thread slow([&] {
+        TlsConfig config;
+        config.nVerify = 1;
+        config.trusted = QFile::decodeName(pipe);
+        library->context(config, &slowProblem);
+    });
+    const int writer = open(pipe.constData(), O_WRONLY); // returns when the other has begun to read
+    auto other = std::async(std::launch::async, [&] {
+        QString problem;
+        return library->context(TlsConfig(), &problem);
+    });
+    EXPECT_EQ(other.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    close(writer);
+    slow.join();
+    EXPECT_NE(other.get(), nullptr);
+    EXPECT_NE(slowProblem, QString());
 }

@@ -1,6 +1,8 @@
 #include "support/Seams.h"
 
 #include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 
 #include <cerrno>
 #include <cstring>
@@ -252,12 +254,14 @@ int __wrap_epoll_ctl(int port, int operation, int fd, epoll_event* event)
     return bRefused ? -1 : __real_epoll_ctl(port, operation, fd, event);
 }
 
-#define NUVIKA_WRAP_CRYPTO(function, parameters, arguments)                                                  \
-    int __real_##function parameters;                                                                        \
-    int __wrap_##function parameters                                                                         \
+#define NUVIKA_WRAP_OPENSSL(type, function, parameters, arguments)                                           \
+    type __real_##function parameters;                                                                       \
+    type __wrap_##function parameters                                                                        \
     {                                                                                                        \
-        return seams::crypto(#function).fires() ? 0 : __real_##function arguments;                           \
+        return seams::crypto(#function).fires() ? type{} : __real_##function arguments;                      \
     }
+#define NUVIKA_WRAP_CRYPTO(function, parameters, arguments)                                                  \
+    NUVIKA_WRAP_OPENSSL(int, function, parameters, arguments)
 
 NUVIKA_WRAP_CRYPTO(EVP_DigestInit_ex, (EVP_MD_CTX * c, const EVP_MD* m, ENGINE* e), (c, m, e))
 NUVIKA_WRAP_CRYPTO(EVP_DigestUpdate, (EVP_MD_CTX * c, const void* d, size_t n), (c, d, n))
@@ -272,4 +276,21 @@ NUVIKA_WRAP_CRYPTO(EVP_EncryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out,
 NUVIKA_WRAP_CRYPTO(EVP_DecryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
 NUVIKA_WRAP_CRYPTO(EVP_DecryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
 NUVIKA_WRAP_CRYPTO(EVP_DecryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
+
+using SslContext = SSL_CTX*;
+using SslPointer = SSL*;
+using BioPointer = BIO*;
+using BioMethod = BIO_METHOD*;
+NUVIKA_WRAP_OPENSSL(SslContext, SSL_CTX_new, (const SSL_METHOD* m), (m))
+NUVIKA_WRAP_OPENSSL(SslPointer, SSL_new, (SSL_CTX * c), (c))
+NUVIKA_WRAP_OPENSSL(BioPointer, BIO_new, (const BIO_METHOD* m), (m))
+NUVIKA_WRAP_OPENSSL(BioMethod, BIO_meth_new, (int type, const char* name), (type, name))
+NUVIKA_WRAP_OPENSSL(long, SSL_ctrl, (SSL * s, int command, long n, void* p), (s, command, n, p))
+NUVIKA_WRAP_CRYPTO(SSL_set_ex_data, (SSL * s, int index, void* data), (s, index, data))
+NUVIKA_WRAP_CRYPTO(
+    SSL_CTX_set_session_id_context, (SSL_CTX * c, const unsigned char* id, unsigned int n), (c, id, n))
+NUVIKA_WRAP_CRYPTO(SSL_CTX_set_default_verify_paths, (SSL_CTX * c), (c))
+NUVIKA_WRAP_CRYPTO(SSL_CTX_load_verify_file, (SSL_CTX * c, const char* file), (c, file))
+NUVIKA_WRAP_CRYPTO(X509_VERIFY_PARAM_set1_host, (X509_VERIFY_PARAM * p, const char* n, size_t s), (p, n, s))
+NUVIKA_WRAP_CRYPTO(X509_VERIFY_PARAM_set1_ip_asc, (X509_VERIFY_PARAM * p, const char* a), (p, a))
 }
