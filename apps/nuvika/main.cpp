@@ -1,10 +1,10 @@
 // nuvika: the library's command-line tool and live demo.
-#include "Control.h"
-#include "Exit.h"
-#include "Get.h"
-#include "Password.h"
-#include "Rtp.h"
-#include "Watch.h"
+#include "base/Exit.h"
+#include "commands/Control.h"
+#include "commands/Get.h"
+#include "commands/Password.h"
+#include "commands/Rtp.h"
+#include "commands/Watch.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 

@@ -1,6 +1,6 @@
 #include "Password.h"
 
-#include "Exit.h"
+#include "base/Exit.h"
 
 #include <KepNuvikaUtil/StrHlp.h>
 

@@ -1,9 +1,9 @@
 // The recorder: its cameras, the page that shows them, and what keeps their pictures.
 #pragma once
 
-#include "CameraMedia.h"
-#include "CameraStream.h"
-#include "WebServer.h"
+#include "cameras/CameraMedia.h"
+#include "cameras/CameraStream.h"
+#include "page/WebServer.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QHash>

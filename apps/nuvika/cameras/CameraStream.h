@@ -2,7 +2,7 @@
 // between attempts.
 #pragma once
 
-#include "Target.h"
+#include "base/Target.h"
 
 #include <KepNuvikaUtil/NTPRange.h>
 

@@ -6,7 +6,7 @@
 
 #include "DigestGuard.h"
 #include "RtpSource.h"
-#include "WebServer.h"
+#include "page/WebServer.h"
 
 #include <QtCore/QList>
 #include <QtCore/QPointer>

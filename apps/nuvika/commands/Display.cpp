@@ -1,6 +1,6 @@
 #include "Display.h"
 
-#include "Recorder.h"
+#include "recording/Recorder.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,7 +1,7 @@
 #include "Control.h"
 
-#include "Exit.h"
-#include "Interrupt.h"
+#include "base/Exit.h"
+#include "base/Interrupt.h"
 
 #include <KepNuvikaUtil/BufferSocketQueued.h>
 #include <KepNuvikaUtil/CommandParsing.h>

@@ -1,13 +1,13 @@
 #include "Watch.h"
 
-#include "CommandServer.h"
 #include "Display.h"
-#include "Exit.h"
-#include "Interrupt.h"
-#include "Options.h"
-#include "Recorder.h"
-#include "SimulatedCamera.h"
 #include "WatchConfig.h"
+#include "base/Exit.h"
+#include "base/Interrupt.h"
+#include "base/Options.h"
+#include "recording/CommandServer.h"
+#include "recording/Recorder.h"
+#include "simulation/SimulatedCamera.h"
 
 #include <KepNuvikaUtil/SocketError.h>
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "RtpReceiver.h"
-#include "Target.h"
+#include "base/Target.h"
 
 #include <KepNuvikaUtil/HttpClient.h>
 

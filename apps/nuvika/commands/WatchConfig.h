@@ -3,7 +3,7 @@
 // Empty lines and those that begin with # say nothing. Passwords stand as marked hex strings.
 #pragma once
 
-#include "Target.h"
+#include "base/Target.h"
 
 #include <vector>
 

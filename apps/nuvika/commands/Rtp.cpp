@@ -1,9 +1,9 @@
 #include "Rtp.h"
 
-#include "Exit.h"
-#include "Interrupt.h"
-#include "Options.h"
-#include "RtpReceiver.h"
+#include "base/Exit.h"
+#include "base/Interrupt.h"
+#include "base/Options.h"
+#include "cameras/RtpReceiver.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>

@@ -1,8 +1,8 @@
 #include "Get.h"
 
-#include "Exit.h"
-#include "Options.h"
-#include "Target.h"
+#include "base/Exit.h"
+#include "base/Options.h"
+#include "base/Target.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
