@@ -1,11 +1,34 @@
 #include "Options.h"
 
+#include "Exit.h"
+#include "Output.h"
 #include "Target.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QFileInfo>
 
-#include <cstdio>
+std::optional<int> readOptions(
+    QCommandLineParser& parser, const char* command, const QStringList& line, const Arguments& arguments)
+{
+    parser.addHelpOption();
+    const bool bRead = parser.parse(line);
+    if (bRead && (parser.isSet(QStringLiteral("help")) || parser.isSet(QStringLiteral("help-all")))) {
+        Output::write(parser.helpText().toUtf8());
+        return Exit::kOk;
+    }
+    const int given = parser.positionalArguments().size();
+    if (bRead && given >= arguments.least && given <= arguments.most)
+        return std::nullopt;
+    QString mistake
+        = QStringLiteral("%1 takes %2").arg(QLatin1String(command), QLatin1String(arguments.takes));
+    if (!bRead) {
+        mistake = parser.errorText();
+        mistake = mistake.left(1).toLower() + mistake.mid(1);
+        mistake.chop(mistake.endsWith(QLatin1Char('.')) ? 1 : 0);
+    }
+    Output::complain(QStringLiteral("%1 (nuvika %2 --help tells more)").arg(mistake, QLatin1String(command)));
+    return Exit::kUsage;
+}
 
 int numberOf(const QCommandLineParser& parser, const char* name, int fallback, int least, int most)
 {
@@ -16,7 +39,8 @@ int numberOf(const QCommandLineParser& parser, const char* name, int fallback, i
     const int value = parser.value(option).toInt(&bNumber);
     if (bNumber && value >= least && value <= most)
         return value;
-    std::fprintf(stderr, "nuvika: --%s takes a number from %d to %d\n", name, least, most);
+    Output::complain(QStringLiteral("--%1 takes a number from %2 to %3")
+                         .arg(option, QString::number(least), QString::number(most)));
     return -1;
 }
 
@@ -36,8 +60,8 @@ bool checkTlsOptions(const QCommandLineParser& parser)
 {
     for (const char* option : {"ca", "cert"}) {
         const QString name = parser.value(QLatin1String(option));
-        if (!name.isEmpty() && !QFileInfo(name).isReadable()) {
-            std::fprintf(stderr, "nuvika: cannot read %s\n", qUtf8Printable(name));
+        if (parser.isSet(QLatin1String(option)) && !QFileInfo(name).isReadable()) {
+            Output::complain(QStringLiteral("cannot read \"%1\"").arg(name));
             return false;
         }
     }

@@ -22,5 +22,8 @@ struct Target {
     static bool parse(const QString& url, Target* target, QString* problem);
     // Without the credentials.
     QString shown() const;
+    // What a Host field says (RFC 9110, section 7.2): an IPv6 address in brackets, the port unless it is the
+    // scheme's own.
+    QString authority() const;
     std::unique_ptr<HttpsClient> makeClient(bool bKeepAlive) const;
 };

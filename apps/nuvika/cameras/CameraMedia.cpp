@@ -31,8 +31,7 @@ bool CameraMedia::openUnicast()
     MediaDescription media; // before the camera has told: where it may send to
     media.kind = QStringLiteral("video");
     auto receiver = std::make_unique<RtpReceiver>(media);
-    QString problem;
-    if (!receiver->open(QHostAddress(QHostAddress::LocalHost), &problem))
+    if (!receiver->open(QHostAddress(QHostAddress::LocalHost), &m_problem))
         return false;
     attach(std::move(receiver));
     return true;
@@ -56,8 +55,7 @@ void CameraMedia::ask()
         = QStringLiteral("/stream.sdp?rtp=%1&rtcp=%2")
               .arg(QString::number(m_receiver->rtpPort()), QString::number(m_receiver->rtcpPort()));
     HttpRequestHeader header(QStringLiteral("GET"), path);
-    header.addValue(
-        QStringLiteral("Host"), QStringLiteral("%1:%2").arg(m_camera.host, QString::number(m_camera.port)));
+    header.addValue(QStringLiteral("Host"), m_camera.authority());
     header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
     m_client.request(header, false, nullptr, m_camera.user, m_camera.password, kOnlyWhenAsked);
 }
@@ -74,7 +72,6 @@ void CameraMedia::takeDescription(const QString& text)
     if (!media.front().address.isMulticast())
         return;
     auto receiver = std::make_unique<RtpReceiver>(media.front());
-    QString problem;
-    if (receiver->open(QHostAddress(QHostAddress::LocalHost), &problem))
+    if (receiver->open(QHostAddress(QHostAddress::LocalHost), &m_problem))
         attach(std::move(receiver));
 }

@@ -20,8 +20,10 @@ public:
     explicit CameraMedia(const Target& camera);
 
     void start();
-    // Null until the camera has answered.
+    // Null where none could be made; problem() tells why.
     const RtpReceiver* receiver() const { return m_receiver.get(); }
+    RtpReceiver* receiver() { return m_receiver.get(); }
+    const QString& problem() const { return m_problem; }
     const QString& description() const { return m_description; }
     // Mbit/s of the last seconds, oldest first.
     const std::deque<double>& rates() const { return m_rates; }
@@ -36,6 +38,7 @@ private:
     HttpClient m_client;
     QTimer m_askAgain;
     QString m_description;
+    QString m_problem;
     std::unique_ptr<RtpReceiver> m_receiver;
     std::deque<double> m_rates;
 };

@@ -1,5 +1,7 @@
 #include "CameraStream.h"
 
+#include "PictureKind.h"
+
 #include <KepNuvikaUtil/SocketError.h>
 
 #include <QtCore/QDateTime>
@@ -18,7 +20,19 @@ constexpr int kHostNotFound = 11001;
 constexpr int kVerificationRefused = 10013;
 constexpr int kConnectionAborted = 10053;
 constexpr int kGapMs = 2000; // between two recorded periods
-constexpr std::size_t kMostPeriods = 1000;
+
+QString noPicture(const QByteArray& type, int size)
+{
+    constexpr int kLongest = 40; // of what the camera says
+    if (size == 0)
+        return QStringLiteral("sends nothing in place of pictures");
+    if (type.isEmpty())
+        return QStringLiteral("sends what is no picture");
+    const QString shown = QString::fromLatin1(type.left(kLongest));
+    return (type.toLower().startsWith("image/") ? QStringLiteral("sends %1 that is no picture")
+                                                : QStringLiteral("sends %1, no pictures"))
+        .arg(shown);
+}
 } // namespace
 
 CameraStream::CameraStream(const QString& name, const Target& target)
@@ -27,8 +41,8 @@ CameraStream::CameraStream(const QString& name, const Target& target)
     m_retry.setSingleShot(true);
     connect(&m_retry, &QTimer::timeout, this, &CameraStream::request);
     connect(m_client.get(), &HttpsClient::multipartReplaceContent, this,
-        [this](int, const HttpResponseHeader&, const char*, const char* data, int size, Marker) {
-            takePicture(data, size);
+        [this](int, const HttpResponseHeader&, const char* type, const char* data, int size, Marker) {
+            takePicture(type, data, size);
         });
     connect(m_client.get(), &HttpsClient::requestFinished, this,
         [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
@@ -60,49 +74,39 @@ void CameraStream::request()
     m_nError = 0;
     m_silence.start();
     HttpRequestHeader header(QStringLiteral("GET"), m_target.path);
-    header.addValue(
-        QStringLiteral("Host"), QStringLiteral("%1:%2").arg(m_target.host, QString::number(m_target.port)));
+    header.addValue(QStringLiteral("Host"), m_target.authority());
     constexpr int kOnlyWhenAsked = 1; // no password before a challenge
     m_client->request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
 }
 
-void CameraStream::takePicture(const char* data, int size)
+bool CameraStream::takePicture(const QByteArray& type, const char* data, int size)
 {
-    m_silence.start();
+    m_silence.start(); // whatever it is, the camera lives
+    m_bReceiving = pictureKindOf(QByteArray::fromRawData(data, size)) != nullptr;
+    m_state = m_bReceiving ? QStringLiteral("receiving") : noPicture(type, size);
+    if (!m_bReceiving)
+        return false;
     m_nPauseMs = 0;
-    m_bReceiving = true;
-    m_state = QStringLiteral("receiving");
     ++m_nPictures;
     m_nBytes += static_cast<quint64>(size);
     m_sample.pictures += 1;
     m_sample.bytes += size;
     m_picture = QByteArray(data, size);
-    extendRecording();
-    emit picture(m_picture);
-}
-
-void CameraStream::extendRecording()
-{
     const NTPTimestamp now = NTPTimestamp::fromDateTime(QDateTime::currentDateTimeUtc());
-    const NTPTimestamp gap = NTPTimestamp::fromMilliseconds(kGapMs);
-    if (!m_recorded.empty() && now >= m_recorded.back().end() && now - m_recorded.back().end() < gap)
-        m_recorded.back().end() = now;
-    else
-        m_recorded.emplace_back(now, now);
-    if (m_recorded.size() > kMostPeriods)
-        m_recorded.pop_front();
+    m_recorded.add(now, now, NTPTimestamp::fromMilliseconds(kGapMs));
+    emit picture(m_picture);
+    return true;
 }
 
 void CameraStream::takeAnswer(int status, const QByteArray& type, const char* data, int size)
 {
-    if (status == 200 && type.toLower().startsWith("image/")) {
-        takePicture(data, size);
+    if (status == 200 && takePicture(type, data, size)) {
         m_retry.start(kSnapshotIntervalMs); // a camera of single pictures is asked again
     } else if (status == 401) {
         interrupted(m_target.user.isEmpty() ? QStringLiteral("asks for a password")
                                             : QStringLiteral("wrong user or password"));
     } else if (status == 200) {
-        interrupted(QStringLiteral("sends no pictures"));
+        interrupted(noPicture(type, size));
     } else {
         interrupted(QStringLiteral("answers with status %1").arg(status));
     }

@@ -2,15 +2,15 @@
 // between attempts.
 #pragma once
 
+#include "Periods.h"
 #include "base/Target.h"
 
-#include <KepNuvikaUtil/NTPRange.h>
+#include <KepNuvikaUtil/NTPTimestamp.h>
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
-#include <list>
 #include <vector>
 
 class CameraStream : public QObject
@@ -39,18 +39,18 @@ public:
     int interruptions() const { return m_nInterruptions; }
     const QByteArray& lastPicture() const { return m_picture; }
     // Periods without a silence, by this host's clock.
-    const std::list<NTPRange>& recorded() const { return m_recorded; }
+    const Periods<NTPTimestamp>& recorded() const { return m_recorded; }
     const std::vector<Sample>& history() const { return m_history; } // oldest first
     Sample current() const { return m_history.empty() ? Sample{0, 0} : m_history.back(); }
 
 signals:
-    void picture(const QByteArray& jpeg);
+    void picture(const QByteArray& bytes);
 
 private:
     void request();
-    void takePicture(const char* data, int size);
+    // False for what is no picture; the state tells.
+    bool takePicture(const QByteArray& type, const char* data, int size);
     void takeAnswer(int status, const QByteArray& type, const char* data, int size);
-    void extendRecording();
     QString whyFailed() const;
     void interrupted(const QString& why);
 
@@ -67,7 +67,7 @@ private:
     Sample m_sample{0, 0};
     std::vector<Sample> m_history;
     QByteArray m_picture;
-    std::list<NTPRange> m_recorded;
+    Periods<NTPTimestamp> m_recorded;
     QElapsedTimer m_silence;
     QTimer m_retry;
 };

@@ -60,12 +60,19 @@ bool RtpReceiver::open(const QHostAddress& interfaceAddress, QString* problem)
     return true;
 }
 
+void RtpReceiver::finish()
+{
+    const QSignalBlocker silent(this);
+    m_statistics.report();
+}
+
 bool RtpReceiver::isOurSource(unsigned int ssrc)
 {
     if (m_ssrc != ssrc) {
         if (m_ssrc && m_sinceSource.elapsed() < kSourceTimeoutMs)
             return false;
         if (m_ssrc) { // a sender that started again: other numbers, another clock
+            finish();
             m_statistics.restart();
             m_timeline = RtpTimeline(m_media.clockRate, m_media.kind == QLatin1String("audio"));
         }

@@ -34,8 +34,13 @@ public:
     unsigned short rtpPort() const { return m_rtp.localPort(); }
     unsigned short rtcpPort() const { return m_rtcp.localPort(); }
 
+    // Counts what came since the last second, before the figures are shown for the last time.
+    void finish();
+
     const MediaDescription& media() const { return m_media; }
     const Figures& figures() const { return m_figures; }
+    // Anything of the stream, be it a sender report.
+    bool hasHeard() const { return m_figures.allPackets > 0 || m_figures.reports > 0; }
     const RtpTimeline& timeline() const { return m_timeline; }
 
 signals:

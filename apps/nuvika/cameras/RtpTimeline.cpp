@@ -61,34 +61,12 @@ void RtpTimeline::record(quint32 nFrom, quint32 nTicks)
 {
     if (!m_mapper.hasTimeBase() || nTicks == 0)
         return;
-    NTPRange range(m_mapper.clockToNtp(nFrom, kRealTime), m_mapper.clockToNtp(nFrom + nTicks, kRealTime));
-    if (!m_recorded.empty()) {
-        NTPRange& last = m_recorded.back();
-        const NTPTimestamp jitter = NTPTimestamp::fromMilliseconds(kReportJitterMs);
-        if (range.begin() <= last.end() + jitter && range.end() + jitter >= last.end()) {
-            last.end() = std::max(last.end(), range.end());
-            return;
-        }
-    }
-    m_recorded.push_back(range);
-    combineRanges(&m_recorded); // a sender whose clock was set back
+    m_recorded.add(m_mapper.clockToNtp(nFrom, kRealTime), m_mapper.clockToNtp(nFrom + nTicks, kRealTime),
+        NTPTimestamp::fromMilliseconds(kReportJitterMs));
 }
 
 void RtpTimeline::limitTo(const NTPTimestamp& length)
 {
-    const NTPTimestamp oldest = m_now - length;
-    while (!m_recorded.empty() && m_now > length && m_recorded.front().end() < oldest)
-        m_recorded.pop_front();
-    constexpr std::size_t kMost = 10000; // whatever the sender says about its clock
-    while (m_recorded.size() > kMost)
-        m_recorded.pop_front();
-}
-
-std::list<NTPRange> RtpTimeline::recorded() const { return m_recorded; }
-
-std::list<NTPRange> RtpTimeline::gaps() const
-{
-    std::list<NTPRange> holes;
-    gapsFromCombinedRanges(m_recorded, &holes);
-    return holes;
+    const NTPTimestamp oldest = m_now > length ? m_now - length : NTPTimestamp();
+    m_recorded.limitTo(oldest, m_now + length); // further ahead: from before the sender's clock was set back
 }

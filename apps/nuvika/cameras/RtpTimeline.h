@@ -1,10 +1,10 @@
 // Which periods of a stream have been received whole, in the sender's time.
 #pragma once
 
-#include <KepNuvikaUtil/ClockToNtpMapper32.h>
-#include <KepNuvikaUtil/NTPRange.h>
+#include "Periods.h"
 
-#include <list>
+#include <KepNuvikaUtil/ClockToNtpMapper32.h>
+
 #include <optional>
 
 class RTPPacket;
@@ -22,11 +22,11 @@ public:
     void takeReport(const NTPTimestamp& ntp, unsigned int rtpTimestamp);
     // The sender's wall clock at the newest packet; null before the first report.
     NTPTimestamp senderClock() const { return m_now; }
-    // Forgets what is older than this before the newest packet.
+    // Forgets what is further away than this from the newest packet.
     void limitTo(const NTPTimestamp& length);
 
-    std::list<NTPRange> recorded() const;
-    std::list<NTPRange> gaps() const;
+    const Periods<NTPTimestamp>& recorded() const { return m_recorded; }
+    int gaps() const { return m_recorded.gaps(); }
 
 private:
     struct Unit {
@@ -45,5 +45,5 @@ private:
     Unit m_unit{0, true, false};
     quint32 m_nLastTicks = 0; // that a unit covered
     NTPTimestamp m_now;
-    std::list<NTPRange> m_recorded; // in order, disjoint
+    Periods<NTPTimestamp> m_recorded;
 };

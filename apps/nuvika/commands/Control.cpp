@@ -2,6 +2,8 @@
 
 #include "base/Exit.h"
 #include "base/Interrupt.h"
+#include "base/Options.h"
+#include "base/Output.h"
 
 #include <KepNuvikaUtil/BufferSocketQueued.h>
 #include <KepNuvikaUtil/CommandParsing.h>
@@ -12,7 +14,6 @@
 #include <QtCore/QTimer>
 #include <QtCore/QUrl>
 
-#include <cstdio>
 #include <functional>
 
 #include <unistd.h>
@@ -33,18 +34,21 @@ public:
     CommandClient(const QString& host, unsigned short port, Handler handler)
         : m_handler(std::move(handler)), m_socket(true)
     {
-        connect(&m_socket, &BufferSocketBase::connected, this, [this] { flush(); });
+        connect(&m_socket, &BufferSocketBase::connected, this, [this] {
+            m_bConnected = true;
+            flush();
+        });
         connect(&m_socket, &BufferSocketBase::incomingBuffer, this,
             [this](const char* data, int size, Marker) { take(QByteArray(data, size)); });
         connect(&m_socket, &BufferSocketBase::disconnected, this,
             [] { fail(Exit::kLost, QStringLiteral("the recorder has ended the connection")); });
-        connect(&m_socket, &BufferSocketBase::error, this, [](int code) {
-            fail(code == kHostNotFound ? Exit::kNoHost : Exit::kNoConnection,
-                SocketError::format(code).toLower());
+        connect(&m_socket, &BufferSocketBase::error, this, [this](int code) {
+            const int refused = code == kHostNotFound ? Exit::kNoHost : Exit::kNoConnection;
+            fail(m_bConnected ? Exit::kLost : refused, SocketError::format(code).toLower());
         });
         m_patience.setSingleShot(true);
         connect(&m_patience, &QTimer::timeout, this,
-            [] { fail(Exit::kLost, QStringLiteral("no answer within %1 s").arg(kPatienceMs / 1000)); });
+            [] { fail(Exit::kTimeout, QStringLiteral("no answer within %1 s").arg(kPatienceMs / 1000)); });
         m_socket.connectToHost(host, port);
     }
 
@@ -75,16 +79,20 @@ private:
         QMap<QString, QVariant> params;
         parseCommand(QString::fromUtf8(head), command, params);
         const QString reason = params.value(QStringLiteral("reason")).toString();
-        fail(Exit::kFailure, reason.isEmpty() ? QStringLiteral("an answer that cannot be read") : reason);
+        if (reason.isEmpty())
+            fail(Exit::kLost, QStringLiteral("an answer that cannot be read"));
+        else
+            fail(Exit::kFailure, reason);
     }
 
     static void fail(int code, const QString& reason)
     {
-        std::fprintf(stderr, "nuvika: %s\n", qUtf8Printable(reason));
+        Output::complain(reason);
         QCoreApplication::exit(code);
     }
 
     Handler m_handler;
+    bool m_bConnected = false;
     QByteArray m_pending;
     QTimer m_patience;
     BufferSocketQueued m_socket;
@@ -95,9 +103,10 @@ bool parseAddress(const QString& text, QString* host, unsigned short* port)
     const QUrl url(QStringLiteral("tcp://") + text);
     *host = url.host();
     *port = static_cast<unsigned short>(url.port(0));
-    if (!host->isEmpty() && *port != 0 && url.path().isEmpty())
+    if (!host->isEmpty() && *port != 0 && url.path().isEmpty() && url.userInfo().isEmpty() && !url.hasQuery()
+        && !url.hasFragment())
         return true;
-    std::fprintf(stderr, "nuvika: \"%s\" is no HOST:PORT\n", qUtf8Printable(text));
+    Output::complain(QStringLiteral("\"%1\" is no HOST:PORT").arg(text));
     return false;
 }
 
@@ -120,21 +129,20 @@ QString shownPeriods(const QString& recorded)
 int showStatus(const QByteArray& body)
 {
     const QStringList lines = QString::fromUtf8(body).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    std::printf("%-24s %-14s %7s %8s %11s %7s  %-12s %s\n", "identifier", "name", "per s", "Mbit/s",
+    Output::print("%-24s %-14s %7s %8s %11s %7s  %-12s %s\n", "identifier", "name", "per s", "Mbit/s",
         "RTP Mbit/s", "lost %", "state", "recorded (UTC)");
     for (const QString& line : lines) {
         QMap<QString, QVariant> camera;
         parseDefinition(line, camera, false);
         const auto value = [&camera](const char* key) {
             const QString text = camera.value(QLatin1String(key)).toString();
-            return (text.isEmpty() ? QStringLiteral("-") : text).toUtf8();
+            return Output::shown(text.isEmpty() ? QStringLiteral("-") : text);
         };
-        std::printf("%-24s %-14s %7s %8s %11s %7s  %-12s %s\n", value("id").constData(),
+        Output::print("%-24s %-14s %7s %8s %11s %7s  %-12s %s\n", value("id").constData(),
             value("name").constData(), value("pictureRate").constData(), value("megabits").constData(),
             value("rtpMegabits").constData(), value("lossPercent").constData(), value("state").constData(),
-            qUtf8Printable(shownPeriods(camera.value(QStringLiteral("recorded")).toString())));
+            Output::shown(shownPeriods(camera.value(QStringLiteral("recorded")).toString())).constData());
     }
-    std::fflush(stdout);
     return lines.size() + 1;
 }
 } // namespace
@@ -144,14 +152,14 @@ int runStatus(const QStringList& arguments)
     QCommandLineParser parser;
     parser.setApplicationDescription(
         QStringLiteral("Prints the cameras of a recorder: rates, losses, recorded periods."));
-    parser.addHelpOption();
     parser.addOption({QStringLiteral("watch"), QStringLiteral("Again each second, until Ctrl-C.")});
     parser.addPositionalArgument(
         QStringLiteral("HOST:PORT"), QStringLiteral("The command port that the recorder prints."));
-    parser.process(arguments);
+    if (const auto code = readOptions(parser, "status", arguments, {1, 1, "one HOST:PORT"}))
+        return *code;
     QString host;
     unsigned short port = 0;
-    if (!parseAddress(parser.positionalArguments().value(0), &host, &port))
+    if (!parseAddress(parser.positionalArguments().first(), &host, &port))
         return Exit::kUsage;
     const bool bWatch = parser.isSet(QStringLiteral("watch"));
     const bool bTerminal = isatty(STDOUT_FILENO) == 1;
@@ -159,9 +167,12 @@ int runStatus(const QStringList& arguments)
     QTimer again;
     CommandClient client(host, port, [&](const QByteArray& body) {
         if (bTerminal && lines > 0)
-            std::printf("\x1b[%dA\x1b[J", lines);
+            Output::print("\x1b[%dA\x1b[J", lines);
         lines = showStatus(body);
-        bWatch ? again.start(1000) : QCoreApplication::exit(Exit::kOk);
+        if (bWatch && Output::flush())
+            again.start(1000);
+        else
+            QCoreApplication::exit(Exit::kOk);
     });
     again.setSingleShot(true);
     QObject::connect(&again, &QTimer::timeout, [&client] { client.ask(QStringLiteral("status")); });
@@ -176,24 +187,31 @@ int runSend(const QStringList& arguments)
     parser.setApplicationDescription(
         QStringLiteral("Sends one command line to a recorder and writes its answer to standard output:\n"
                        "  nuvika send HOST:PORT 'snapshot:camera=cam_camera1_0001' > picture.jpg\n"
-                       "  nuvika send HOST:PORT help"));
-    parser.addHelpOption();
+                       "  nuvika send HOST:PORT help\n"
+                       "Colons, semicolons, equals signs, quotes and backslashes in a value stand behind a "
+                       "backslash.\n"
+                       "A password as a marked hex string is decoded before the line is split: escape the "
+                       "password\n"
+                       "before nuvika password encode makes one of it."));
     parser.addPositionalArgument(
         QStringLiteral("HOST:PORT"), QStringLiteral("The command port that the recorder prints."));
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("command:key=value;key=value"));
-    parser.process(arguments);
-    QString host;
-    unsigned short port = 0;
-    if (parser.positionalArguments().size() != 2) {
-        std::fprintf(stderr, "nuvika: send takes HOST:PORT and a command (nuvika send --help tells more)\n");
+    constexpr char kTakes[] = "HOST:PORT and a command";
+    if (const auto code = readOptions(parser, "send", arguments, {2, 2, kTakes}))
+        return *code;
+    const QString command = parser.positionalArguments().last();
+    if (command.trimmed().isEmpty()) {
+        Output::complain(QStringLiteral("send takes %1, which is not empty").arg(QLatin1String(kTakes)));
         return Exit::kUsage;
     }
+    QString host;
+    unsigned short port = 0;
     if (!parseAddress(parser.positionalArguments().first(), &host, &port))
         return Exit::kUsage;
     CommandClient client(host, port, [](const QByteArray& body) {
-        std::fwrite(body.constData(), 1, static_cast<std::size_t>(body.size()), stdout);
+        Output::write(body);
         QCoreApplication::exit(Exit::kOk);
     });
-    client.ask(parser.positionalArguments().last());
+    client.ask(command);
     return QCoreApplication::exec();
 }

@@ -1,9 +1,9 @@
 #include "Display.h"
 
+#include "base/Output.h"
 #include "recording/Recorder.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include <unistd.h>
 
@@ -29,8 +29,14 @@ QString rtpTotal(const Recorder& recorder)
         }
     }
     const double loss = packets + lost == 0 ? 0.0 : 100.0 * lost / (packets + lost);
-    return bAny ? QStringLiteral("  RTP %1 Mbit/s, %2 % lost").arg(rate, 0, 'f', 2).arg(loss, 0, 'f', 2)
-                : QString();
+    return bAny ? QString::asprintf("  RTP %.2f Mbit/s, %.2f %% lost", rate, loss) : QString();
+}
+
+// A name in a column, as wide as its characters.
+QByteArray column(const QString& name)
+{
+    constexpr int kWidth = 14;
+    return QString::fromUtf8(Output::shown(name)).leftJustified(kWidth).toUtf8();
 }
 } // namespace
 
@@ -38,55 +44,49 @@ Display::Display() : m_bTerminal(isatty(STDOUT_FILENO) == 1) { }
 
 void Display::show(const Recorder& recorder, int seconds)
 {
-    const auto& cameras = recorder.cameras();
-    const CameraStream::Sample total = recorder.total();
-    if (!m_bTerminal) {
-        std::printf("%4d s  %d of %d cameras receiving  %6.1f pictures/s  %7.2f Mbit/s%s\n", seconds,
-            recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures,
-            megabits(total.bytes), qUtf8Printable(rtpTotal(recorder)));
-        std::fflush(stdout);
-        return;
+    if (m_bTerminal) {
+        showTable(recorder, seconds);
+    } else {
+        const CameraStream::Sample total = recorder.total();
+        const QString unsaved = recorder.saved().shown();
+        Output::print("%4d s  %d of %d cameras receiving  %6.1f pictures/s  %7.2f Mbit/s%s%s\n", seconds,
+            recorder.receivingCameras(), static_cast<int>(recorder.cameras().size()), total.pictures,
+            megabits(total.bytes), qUtf8Printable(rtpTotal(recorder)),
+            qUtf8Printable(unsaved.isEmpty() ? unsaved : QLatin1String("  ") + unsaved));
     }
+    Output::flush();
+}
+
+void Display::showTable(const Recorder& recorder, int seconds)
+{
+    constexpr char kFormat[] = "\x1b[2K%s %9s %7s %8s %11s %7s  %s\n";
     if (m_nLines > 0)
-        std::printf("\x1b[%dA", m_nLines);
-    m_nLines = 0;
-    const auto line = [this](const QString& text) {
-        std::printf("\x1b[2K%s\n", qUtf8Printable(text));
-        ++m_nLines;
-    };
-    line(QStringLiteral("%1 %2 %3 %4 %5 %6  %7")
-             .arg(QStringLiteral("camera"), -14)
-             .arg(QStringLiteral("pictures"), 9)
-             .arg(QStringLiteral("per s"), 7)
-             .arg(QStringLiteral("Mbit/s"), 8)
-             .arg(QStringLiteral("RTP Mbit/s"), 11)
-             .arg(QStringLiteral("lost %"), 7)
-             .arg(QStringLiteral("state")));
+        Output::print("\x1b[%dA", m_nLines);
+    Output::print(kFormat, column(QStringLiteral("camera")).constData(), "pictures", "per s", "Mbit/s",
+        "RTP Mbit/s", "lost %", "state");
+    const auto& cameras = recorder.cameras();
     const std::size_t rows = std::min<std::size_t>(cameras.size(), kMaxRows);
     for (std::size_t i = 0; i < rows; ++i) {
         const CameraStream& camera = *cameras[i];
         const RtpReceiver* rtp = recorder.rtp(static_cast<int>(i));
-        line(QStringLiteral("%1 %2 %3 %4 %5 %6  %7")
-                 .arg(camera.name(), -14)
-                 .arg(camera.pictures(), 9)
-                 .arg(camera.current().pictures, 7, 'f', 0)
-                 .arg(megabits(camera.current().bytes), 8, 'f', 2)
-                 .arg(rtp != nullptr ? QString::number(rtp->figures().megabits, 'f', 2) : QStringLiteral("-"),
-                     11)
-                 .arg(rtp != nullptr ? QString::number(rtp->figures().lossPercent, 'f', 2)
-                                     : QStringLiteral("-"),
-                     7)
-                 .arg(camera.state()));
+        Output::print(kFormat, column(camera.name()).constData(),
+            QByteArray::number(camera.pictures()).constData(),
+            QByteArray::number(camera.current().pictures, 'f', 0).constData(),
+            QByteArray::number(megabits(camera.current().bytes), 'f', 2).constData(),
+            rtp != nullptr ? QByteArray::number(rtp->figures().megabits, 'f', 2).constData() : "-",
+            rtp != nullptr ? QByteArray::number(rtp->figures().lossPercent, 'f', 2).constData() : "-",
+            Output::shown(camera.state()).constData());
     }
-    if (rows < cameras.size())
-        line(QStringLiteral("... and %1 more").arg(cameras.size() - rows));
-    line(QStringLiteral("%1 of %2 receiving, %3 pictures/s, %4 Mbit/s, %5 s")
-             .arg(recorder.receivingCameras())
-             .arg(cameras.size())
-             .arg(total.pictures, 0, 'f', 0)
-             .arg(megabits(total.bytes), 0, 'f', 2)
-             .arg(seconds));
-    std::fflush(stdout);
+    m_nLines = static_cast<int>(rows) + 2;
+    if (rows < cameras.size()) {
+        Output::print("\x1b[2K... and %d more\n", static_cast<int>(cameras.size() - rows));
+        ++m_nLines;
+    }
+    const CameraStream::Sample total = recorder.total();
+    const QString unsaved = recorder.saved().shown();
+    Output::print("\x1b[2K%d of %d receiving, %.0f pictures/s, %.2f Mbit/s, %d s%s\n",
+        recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures, megabits(total.bytes),
+        seconds, qUtf8Printable(unsaved.isEmpty() ? unsaved : QLatin1String(", ") + unsaved));
 }
 
 void Display::summary(const Recorder& recorder, int seconds)
@@ -99,23 +99,22 @@ void Display::summary(const Recorder& recorder, int seconds)
         bytes += camera->bytes();
         interruptions += camera->interruptions();
         if (camera->pictures() == 0)
-            std::printf("%s delivered nothing: %s\n", qUtf8Printable(camera->name()),
-                qUtf8Printable(camera->state()));
+            Output::print("%s delivered nothing: %s\n", Output::shown(camera->name()).constData(),
+                Output::shown(camera->state()).constData());
     }
     for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
         const RtpReceiver* rtp = recorder.rtp(i);
         if (rtp != nullptr && (rtp->figures().allLost > 0 || rtp->figures().allPackets == 0))
-            std::printf("%s by RTP: %llu packets, %llu lost, %d gaps in what was recorded\n",
-                qUtf8Printable(recorder.cameras()[static_cast<std::size_t>(i)]->name()),
+            Output::print("%s by RTP: %llu packets, %llu lost, %d gaps in what was recorded\n",
+                Output::shown(recorder.cameras()[static_cast<std::size_t>(i)]->name()).constData(),
                 static_cast<unsigned long long>(rtp->figures().allPackets),
-                static_cast<unsigned long long>(rtp->figures().allLost),
-                static_cast<int>(rtp->timeline().gaps().size()));
+                static_cast<unsigned long long>(rtp->figures().allLost), rtp->timeline().gaps());
     }
-    std::printf("%d seconds, %d cameras, %llu pictures, %.1f MB, %d interruptions\n", seconds,
+    for (const QString& problem : {recorder.mediaProblem(), recorder.saved().shown()}) {
+        if (!problem.isEmpty())
+            Output::print("%s\n", Output::shown(problem).constData());
+    }
+    Output::print("%d seconds, %d cameras, %llu pictures, %.1f MB, %d interruptions\n", seconds,
         static_cast<int>(recorder.cameras().size()), static_cast<unsigned long long>(pictures),
         static_cast<double>(bytes) / 1e6, interruptions);
-    if (recorder.unsavedPictures() > 0)
-        std::printf("%llu pictures could not be saved\n",
-            static_cast<unsigned long long>(recorder.unsavedPictures()));
-    std::fflush(stdout);
 }

@@ -12,6 +12,8 @@ public:
     void summary(const Recorder& recorder, int seconds);
 
 private:
+    void showTable(const Recorder& recorder, int seconds);
+
     bool m_bTerminal;
     int m_nLines = 0; // of the table on the screen
 };

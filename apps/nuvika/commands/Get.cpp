@@ -2,6 +2,7 @@
 
 #include "base/Exit.h"
 #include "base/Options.h"
+#include "base/Output.h"
 #include "base/Target.h"
 
 #include <QtCore/QCommandLineParser>
@@ -9,8 +10,6 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QTimer>
-
-#include <cstdio>
 
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
@@ -27,7 +26,8 @@ public:
         connect(m_client.get(), &HttpsClient::contentChunk, this,
             [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
                 takeHead(header);
-                std::fwrite(data, 1, static_cast<std::size_t>(size), stdout);
+                if (!write(data, size))
+                    return;
                 // A body of known length ends with its last piece, without another signal.
                 QTimer::singleShot(0, this, [this] {
                     if (m_client->numOfPendingRequests() == 0)
@@ -37,8 +37,8 @@ public:
         connect(m_client.get(), &HttpsClient::requestFinished, this,
             [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
                 takeHead(header);
-                std::fwrite(data, 1, static_cast<std::size_t>(size), stdout);
-                finish();
+                if (write(data, size))
+                    finish();
             });
         connect(m_client.get(), &HttpsClient::error, this, [this](int code) { m_nError = code; });
         connect(m_client.get(), &HttpsClient::requestFailed, this, [this] { fail(); });
@@ -47,9 +47,7 @@ public:
     void send(const QString& method, const QByteArray& body, const QString& contentType)
     {
         HttpRequestHeader header(method, m_target.path);
-        header.addValue(QStringLiteral("Host"),
-            m_target.port == 80 ? m_target.host
-                                : QStringLiteral("%1:%2").arg(m_target.host, QString::number(m_target.port)));
+        header.addValue(QStringLiteral("Host"), m_target.authority());
         header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
         header.addValue(QStringLiteral("Accept"), QStringLiteral("*/*"));
         SharedPoolBuffer content;
@@ -81,21 +79,28 @@ private:
             return;
         m_nStatus = header.statusCode();
         if (m_bHead)
-            std::fputs(header.toString().toLatin1().constData(), stdout);
+            Output::write(header.toString().toLatin1());
+    }
+    // Nothing more is wanted of an answer that cannot be written.
+    static bool write(const char* data, int size)
+    {
+        const bool bWritten = Output::write(QByteArray::fromRawData(data, size));
+        if (!bWritten)
+            QCoreApplication::exit(Exit::kWrite);
+        return bWritten;
     }
     void finish()
     {
-        std::fflush(stdout);
+        Output::flush(); // before what else is to be said
         int code = Exit::kOk;
         if (m_nStatus == 401) {
-            std::fprintf(stderr,
-                m_target.user.isEmpty() ? "nuvika: %s asks for a user and a password\n"
-                                        : "nuvika: %s refuses this user or password\n",
-                qUtf8Printable(m_target.shown()));
+            Output::complain((m_target.user.isEmpty() ? QStringLiteral("%1 asks for a user and a password")
+                                                      : QStringLiteral("%1 refuses this user or password"))
+                                 .arg(m_target.shown()));
             code = Exit::kLoginDenied;
         } else if (m_nStatus >= 400) {
-            std::fprintf(
-                stderr, "nuvika: %s answered with status %d\n", qUtf8Printable(m_target.shown()), m_nStatus);
+            Output::complain(QStringLiteral("%1 answered with status %2")
+                                 .arg(m_target.shown(), QString::number(m_nStatus)));
             code = Exit::kHttpError;
         }
         QCoreApplication::exit(code);
@@ -118,7 +123,7 @@ private:
         } else if (m_target.bTls && m_nError == 5) {
             code = Exit::kTimeout;
         }
-        std::fprintf(stderr, "nuvika: %s: %s\n", qUtf8Printable(m_target.shown()), qUtf8Printable(reason));
+        Output::complain(QStringLiteral("%1: %2").arg(m_target.shown(), reason));
         QCoreApplication::exit(code);
     }
 
@@ -130,18 +135,31 @@ private:
     std::unique_ptr<HttpsClient> m_client;
 };
 
-bool readFile(const QString& name, QByteArray* content)
+// The method and the body that the options name; a code to end with when they cannot be had.
+std::optional<int> readBody(const QCommandLineParser& parser, QString* method, QByteArray* body)
 {
+    QString name;
+    for (const char* option : {"post", "put", "form"}) {
+        if (!parser.isSet(QLatin1String(option)))
+            continue;
+        if (!name.isNull()) {
+            Output::complain(QStringLiteral("get takes one of --post, --put and --form"));
+            return Exit::kUsage;
+        }
+        *method = QString::fromLatin1(option).toUpper();
+        name = parser.value(QLatin1String(option));
+    }
+    if (*method == QLatin1String("GET"))
+        return std::nullopt;
     QFile file(name);
     const bool bOpen
         = name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
-    if (!bOpen) {
-        std::fprintf(
-            stderr, "nuvika: cannot read %s: %s\n", qUtf8Printable(name), qUtf8Printable(file.errorString()));
-        return false;
-    }
-    *content = file.readAll();
-    return true;
+    if (bOpen)
+        *body = file.readAll();
+    if (bOpen && file.error() == QFile::NoError)
+        return std::nullopt;
+    Output::complain(QStringLiteral("cannot read %1: %2").arg(name, file.errorString()));
+    return Exit::kRead;
 }
 } // namespace
 
@@ -151,7 +169,6 @@ int runGet(const QStringList& arguments)
     parser.setApplicationDescription(
         QStringLiteral("Sends one request and writes the answer's body to standard output.\n"
                        "Credentials in the URL answer a Basic or Digest challenge."));
-    parser.addHelpOption();
     parser.addPositionalArgument(
         QStringLiteral("URL"), QStringLiteral("http[s]://user:password@host:port/path"));
     parser.addOptions({
@@ -165,31 +182,21 @@ int runGet(const QStringList& arguments)
             QStringLiteral("application/octet-stream")},
     });
     addTlsOptions(parser);
-    parser.process(arguments);
-    if (!checkTlsOptions(parser))
-        return Exit::kFile;
-    const QStringList urls = parser.positionalArguments();
-    if (urls.size() != 1) {
-        std::fprintf(stderr, "nuvika: get takes one URL (nuvika get --help tells more)\n");
-        return Exit::kUsage;
-    }
+    if (const auto code = readOptions(parser, "get", arguments, {1, 1, "one URL"}))
+        return *code;
     Target target;
     QString problem;
-    if (!Target::parse(urls.first(), &target, &problem)) {
-        std::fprintf(stderr, "nuvika: %s\n", qUtf8Printable(problem));
+    if (!Target::parse(parser.positionalArguments().first(), &target, &problem)) {
+        Output::complain(problem);
         return Exit::kUsage;
     }
+    if (!checkTlsOptions(parser))
+        return Exit::kRead;
     applyTlsOptions(parser, &target);
     QString method = QStringLiteral("GET");
     QByteArray body;
-    for (const char* option : {"post", "put", "form"}) {
-        const QString name = QLatin1String(option);
-        if (!parser.isSet(name))
-            continue;
-        method = name.toUpper();
-        if (!readFile(parser.value(name), &body))
-            return Exit::kFile;
-    }
+    if (const auto code = readBody(parser, &method, &body))
+        return *code;
     GetCommand command(target, parser.isSet(QStringLiteral("include")));
     const QString type = parser.value(QStringLiteral("type"));
     if (parser.isSet(QStringLiteral("form")))

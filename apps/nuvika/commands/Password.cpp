@@ -1,30 +1,46 @@
 #include "Password.h"
 
 #include "base/Exit.h"
+#include "base/Options.h"
+#include "base/Output.h"
 
 #include <KepNuvikaUtil/StrHlp.h>
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QFile>
 
-#include <cstdio>
+#include <unistd.h>
 
 namespace
 {
-constexpr qint64 kLongest = 65536;
+constexpr qint64 kLongestPassword = 65536;
+constexpr qint64 kLongestMarked = 4 * kLongestPassword; // what such a password becomes is shorter
 
 // One line of standard input, without its end; a password on a command line would be there for everybody to
-// see.
-bool readLine(QString* line)
+// see. Bytes that would not come back as they are make no password.
+int readLine(qint64 longest, QString* line)
 {
     QFile input;
-    if (!input.open(stdin, QIODevice::ReadOnly))
-        return false;
-    QByteArray bytes = input.readLine(kLongest);
-    while (bytes.endsWith('\n') || bytes.endsWith('\r'))
-        bytes.chop(1);
+    QByteArray bytes;
+    if (input.open(STDIN_FILENO, QIODevice::ReadOnly)) // by its stdio handle it would end lines at zero bytes
+        bytes = input.readLine(longest + 3); // its end, and the zero that Qt adds
+    if (bytes.endsWith('\n'))
+        bytes.chop(bytes.endsWith("\r\n") ? 2 : 1);
     *line = QString::fromUtf8(bytes);
-    return !line->isEmpty();
+    if (bytes.isEmpty()) {
+        Output::complain(QStringLiteral("nothing on standard input"));
+        return Exit::kRead;
+    }
+    QString refused;
+    if (bytes.size() > longest)
+        refused = QStringLiteral("the line is longer than %1 bytes").arg(longest);
+    else if (bytes.contains('\0'))
+        refused = QStringLiteral("the line holds a zero byte");
+    else if (line->toUtf8() != bytes)
+        refused = QStringLiteral("the line is not plain UTF-8");
+    if (!refused.isEmpty())
+        Output::complain(refused);
+    return refused.isEmpty() ? Exit::kOk : Exit::kFailure;
 }
 } // namespace
 
@@ -36,25 +52,24 @@ int runPassword(const QStringList& arguments)
         "standard input. The key is the same in every copy of this program: the string keeps a password "
         "from\n"
         "a casual reader of a file, and from nobody who has this program."));
-    parser.addHelpOption();
     parser.addPositionalArgument(QStringLiteral("encode|decode"), QStringLiteral("Which way."));
-    parser.process(arguments);
-    const QString way = parser.positionalArguments().value(0);
+    constexpr char kTakes[] = "encode or decode, and the text from standard input";
+    if (const auto code = readOptions(parser, "password", arguments, {1, 1, kTakes}))
+        return *code;
+    const QString way = parser.positionalArguments().first();
     const bool bEncode = way == QLatin1String("encode");
-    if (parser.positionalArguments().size() != 1 || (!bEncode && way != QLatin1String("decode"))) {
-        std::fprintf(stderr, "nuvika: password takes encode or decode, and the text from standard input\n");
+    if (!bEncode && way != QLatin1String("decode")) {
+        Output::complain(QStringLiteral("password takes %1").arg(QLatin1String(kTakes)));
         return Exit::kUsage;
     }
     QString line;
-    if (!readLine(&line)) {
-        std::fprintf(stderr, "nuvika: nothing on standard input\n");
-        return Exit::kFile;
-    }
+    if (const int code = readLine(bEncode ? kLongestPassword : kLongestMarked, &line); code != Exit::kOk)
+        return code;
     const QString result = bEncode ? StrHlp::toHex(line) : StrHlp::fromHex(line);
     if (!bEncode && (result.isEmpty() || result == line)) {
-        std::fprintf(stderr, "nuvika: that is no marked hex string, or a damaged one\n");
+        Output::complain(QStringLiteral("that is no marked hex string, or a damaged one"));
         return Exit::kFailure;
     }
-    std::printf("%s\n", qUtf8Printable(result));
+    Output::write(result.toUtf8() + '\n');
     return Exit::kOk;
 }

@@ -3,16 +3,20 @@
 #include "base/Exit.h"
 #include "base/Interrupt.h"
 #include "base/Options.h"
+#include "base/Output.h"
 #include "cameras/RtpReceiver.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
+#include <QtCore/QHash>
 #include <QtCore/QTimer>
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+
+#include <unistd.h>
 
 namespace
 {
@@ -24,13 +28,14 @@ bool readDescription(const QString& name, QString* text)
     QFile file(name);
     const bool bOpen
         = name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
-    if (!bOpen) {
-        std::fprintf(
-            stderr, "nuvika: cannot read %s: %s\n", qUtf8Printable(name), qUtf8Printable(file.errorString()));
-        return false;
-    }
-    *text = QString::fromUtf8(file.read(kLargestDescription));
-    return true;
+    const QByteArray bytes = bOpen ? file.read(kLargestDescription + 1) : QByteArray();
+    *text = QString::fromUtf8(bytes);
+    const bool bTooLarge = bytes.size() > kLargestDescription;
+    if (file.error() == QFile::NoError && !bTooLarge)
+        return true;
+    Output::complain(QStringLiteral("cannot read %1: %2")
+                         .arg(name, bTooLarge ? QStringLiteral("it is too large") : file.errorString()));
+    return false;
 }
 
 // The lines of one section, numbered as the file has them.
@@ -53,47 +58,108 @@ std::vector<Section> sectionsOf(QString text)
     return sections;
 }
 
-// Both have the same sections: a media line is always understood.
+// The lines of `given` that `understood` lacks, section by section: a media line is always understood.
 int reportDropped(const QString& given, const QString& understood)
 {
     int dropped = 0;
     const std::vector<Section> all = sectionsOf(given);
     std::vector<Section> kept = sectionsOf(understood);
+    kept.resize(std::max(kept.size(), all.size()));
     for (std::size_t i = 0; i < all.size(); ++i) {
-        auto& rest = kept.at(i).lines;
+        QHash<QString, int> rest; // how often each line was kept
+        for (const auto& line : kept[i].lines)
+            ++rest[line.second];
         for (const auto& line : all[i].lines) {
-            const auto found = std::find_if(
-                rest.begin(), rest.end(), [&line](const auto& other) { return other.second == line.second; });
-            if (found != rest.end()) {
-                rest.erase(found);
+            if (rest[line.second]-- > 0)
                 continue;
-            }
-            std::fprintf(stderr, "line %d dropped: %s\n", line.first, qUtf8Printable(line.second));
+            std::fprintf(stderr, "line %d dropped: %s\n", line.first, Output::shown(line.second).constData());
             ++dropped;
         }
     }
     return dropped;
 }
 
+// A terminal sees nothing that it would obey; a file or a program gets the description as it is.
+void writeDescription(const QString& text)
+{
+    if (isatty(STDOUT_FILENO) != 1) {
+        Output::write(text.toUtf8());
+        return;
+    }
+    QStringList lines = text.split(QStringLiteral("\r\n"));
+    lines.removeLast();
+    for (const QString& line : qAsConst(lines))
+        Output::write(Output::shown(line) + '\n');
+}
+
 void show(const RtpReceiver& stream, int second)
 {
     const RtpReceiver::Figures& f = stream.figures();
     const NTPTimestamp clock = stream.timeline().senderClock();
-    std::printf("%4d s  %-20s  %8.3f Mbit/s  %6u packets  %5u lost (%.2f %%)  sender's clock %s\n", second,
-        qUtf8Printable(stream.media().shown()), f.megabits, f.packets, f.lost, f.lossPercent,
+    Output::print("%4d s  %-20s  %8.3f Mbit/s  %6u packets  %5u lost (%.2f %%)  sender's clock %s\n", second,
+        Output::shown(stream.media().shown()).constData(), f.megabits, f.packets, f.lost, f.lossPercent,
         clock.isNull() ? "unknown yet" : qUtf8Printable(clock.toString(false) + QLatin1Char('Z')));
-    std::fflush(stdout);
+    if (!Output::flush())
+        QCoreApplication::exit(Exit::kOk);
 }
 
 void summarise(const RtpReceiver& stream)
 {
     const RtpReceiver::Figures& f = stream.figures();
     const quint64 sent = f.allPackets + f.allLost;
-    std::printf("%s: %llu packets, %llu lost (%.2f %%), %u sender reports, %d gaps\n",
-        qUtf8Printable(stream.media().shown()), static_cast<unsigned long long>(f.allPackets),
+    Output::print("%s: %llu packets, %llu lost (%.2f %%), %u sender reports, %d gaps\n",
+        Output::shown(stream.media().shown()).constData(), static_cast<unsigned long long>(f.allPackets),
         static_cast<unsigned long long>(f.allLost),
         sent == 0 ? 0.0 : 100.0 * static_cast<double>(f.allLost) / static_cast<double>(sent), f.reports,
-        static_cast<int>(stream.timeline().gaps().size()));
+        stream.timeline().gaps());
+}
+
+using Streams = std::vector<std::unique_ptr<RtpReceiver>>;
+
+// False with a message.
+bool openStreams(const QString& text, const QHostAddress& interfaceAddress, Streams* streams)
+{
+    QStringList problems;
+    const std::vector<MediaDescription> media = MediaDescription::of(SDP::fromSDPString(text), &problems);
+    if (media.empty())
+        problems.append(QStringLiteral("the description names no RTP stream"));
+    for (const QString& problem : qAsConst(problems))
+        Output::complain(problem);
+    for (const MediaDescription& m : media) {
+        streams->push_back(std::make_unique<RtpReceiver>(m));
+        QString problem;
+        if (!streams->back()->open(interfaceAddress, &problem)) {
+            Output::complain(problem);
+            return false;
+        }
+    }
+    return !media.empty();
+}
+
+int receive(const Streams& streams, int seconds)
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    for (const auto& stream : streams) {
+        const RtpReceiver* receiver = stream.get();
+        QObject::connect(receiver, &RtpReceiver::updated, receiver,
+            [receiver, &elapsed] { show(*receiver, static_cast<int>((elapsed.elapsed() + 500) / 1000)); });
+    }
+    constexpr int kFiguresMs = 200; // the last second's figures come first
+    if (seconds > 0)
+        QTimer::singleShot(seconds * 1000 + kFiguresMs, [] { QCoreApplication::quit(); });
+    const Interrupt interrupt([] { QCoreApplication::quit(); });
+    Output::print("Receiving %d streams.\n", static_cast<int>(streams.size()));
+    if (Output::flush())
+        QCoreApplication::exec();
+    bool bAll = true;
+    for (const auto& stream : streams) {
+        stream->disconnect();
+        stream->finish();
+        summarise(*stream);
+        bAll = bAll && stream->figures().allPackets > 0;
+    }
+    return bAll ? Exit::kOk : Exit::kFailure;
 }
 } // namespace
 
@@ -103,21 +169,17 @@ int runSdp(const QStringList& arguments)
     parser.setApplicationDescription(
         QStringLiteral("Writes a session description as the library understands it to standard output,\n"
                        "and the lines that it dropped to standard error."));
-    parser.addHelpOption();
     parser.addPositionalArgument(
         QStringLiteral("FILE"), QStringLiteral("An SDP file; - for standard input."));
-    parser.process(arguments);
-    if (parser.positionalArguments().size() != 1) {
-        std::fprintf(stderr, "nuvika: sdp takes one file (nuvika sdp --help tells more)\n");
-        return Exit::kUsage;
-    }
+    if (const auto code = readOptions(parser, "sdp", arguments, {1, 1, "one file"}))
+        return *code;
     QString text;
     if (!readDescription(parser.positionalArguments().first(), &text))
-        return Exit::kFile;
+        return Exit::kRead;
     SDP sdp = SDP::fromSDPString(text);
     const QString understood = sdp.toString();
-    std::fputs(qUtf8Printable(understood), stdout);
-    std::fflush(stdout);
+    writeDescription(understood);
+    Output::flush(); // before what was dropped
     const int dropped = reportDropped(text, understood);
     std::fprintf(stderr, "%d session lines, %d time descriptions, %d media descriptions; %d lines dropped\n",
         sdp.getSessionParamNames().size(), sdp.getNumTimeDesc(), sdp.getNumMediaDesc(), dropped);
@@ -131,59 +193,24 @@ int runRtp(const QStringList& arguments)
         "Receives the RTP streams that a session description names, and prints each second the rate, the "
         "loss,\n"
         "the packets and the sender's clock. Exit code 0 when every stream delivered packets."));
-    parser.addHelpOption();
     parser.addOption(
         {QStringLiteral("seconds"), QStringLiteral("End after S seconds."), QStringLiteral("S")});
     parser.addOption({QStringLiteral("interface"),
         QStringLiteral("Receive over the interface with this address only."), QStringLiteral("ADDRESS")});
     parser.addPositionalArgument(
         QStringLiteral("FILE"), QStringLiteral("An SDP file; - for standard input."));
-    parser.process(arguments);
+    if (const auto code = readOptions(parser, "rtp", arguments, {1, 1, "one SDP file"}))
+        return *code;
     const int seconds = numberOf(parser, "seconds", 0, 1, 1000000);
     const QHostAddress interfaceAddress(parser.value(QStringLiteral("interface")));
     const bool bInterface = !parser.isSet(QStringLiteral("interface")) || !interfaceAddress.isNull();
     if (!bInterface)
-        std::fprintf(stderr, "nuvika: --interface takes an IP address\n");
-    if (parser.positionalArguments().size() != 1)
-        std::fprintf(stderr, "nuvika: rtp takes one SDP file (nuvika rtp --help tells more)\n");
-    if (seconds < 0 || !bInterface || parser.positionalArguments().size() != 1)
+        Output::complain(QStringLiteral("--interface takes an IP address"));
+    if (seconds < 0 || !bInterface)
         return Exit::kUsage;
     QString text;
     if (!readDescription(parser.positionalArguments().first(), &text))
-        return Exit::kFile;
-
-    QStringList problems;
-    const std::vector<MediaDescription> media = MediaDescription::of(SDP::fromSDPString(text), &problems);
-    for (const QString& problem : problems)
-        std::fprintf(stderr, "nuvika: %s\n", qUtf8Printable(problem));
-    if (media.empty()) {
-        std::fprintf(stderr, "nuvika: the description names no RTP stream\n");
-        return Exit::kFailure;
-    }
-    std::vector<std::unique_ptr<RtpReceiver>> streams;
-    QElapsedTimer elapsed;
-    elapsed.start();
-    for (const MediaDescription& m : media) {
-        streams.push_back(std::make_unique<RtpReceiver>(m));
-        const RtpReceiver& stream = *streams.back();
-        QString problem;
-        if (!streams.back()->open(interfaceAddress, &problem)) {
-            std::fprintf(stderr, "nuvika: %s\n", qUtf8Printable(problem));
-            return Exit::kFailure;
-        }
-        QObject::connect(&stream, &RtpReceiver::updated,
-            [&stream, &elapsed] { show(stream, static_cast<int>((elapsed.elapsed() + 500) / 1000)); });
-    }
-    constexpr int kFiguresMs = 200; // the last second's figures come first
-    if (seconds > 0)
-        QTimer::singleShot(seconds * 1000 + kFiguresMs, [] { QCoreApplication::quit(); });
-    const Interrupt interrupt([] { QCoreApplication::quit(); });
-    std::printf("Receiving %d streams.\n", static_cast<int>(streams.size()));
-    std::fflush(stdout);
-    QCoreApplication::exec();
-    for (const auto& stream : streams)
-        summarise(*stream);
-    const bool bAll = std::all_of(
-        streams.begin(), streams.end(), [](const auto& stream) { return stream->figures().allPackets > 0; });
-    return bAll ? Exit::kOk : Exit::kFailure;
+        return Exit::kRead;
+    Streams streams;
+    return openStreams(text, interfaceAddress, &streams) ? receive(streams, seconds) : Exit::kFailure;
 }

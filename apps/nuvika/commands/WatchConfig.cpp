@@ -1,5 +1,7 @@
 #include "WatchConfig.h"
 
+#include "base/Exit.h"
+
 #include <KepNuvikaUtil/CommandParsing.h>
 #include <KepNuvikaUtil/StrHlp.h>
 
@@ -15,18 +17,42 @@ const QStringList& knownKeys()
     return keys;
 }
 
+// Takes the quotes and backslashes of a value away; equals signs are part of it. Nothing is decoded: a
+// password may hold what splits a line.
+QString plainValue(const QString& value)
+{
+    QStringList whole;
+    parseSubStrings(value, &whole, QString(), true, false);
+    return whole.value(0);
+}
+
+// The reason, or nothing.
+QString readFields(const QString& line, QMap<QString, QString>* fields)
+{
+    QStringList items;
+    parseSubStrings(line, &items, QStringLiteral(";"), true, false);
+    for (const QString& item : qAsConst(items)) {
+        const QString key = item.section(QLatin1Char('='), 0, 0).trimmed();
+        const QString value = plainValue(item.section(QLatin1Char('='), 1));
+        if (!knownKeys().contains(key))
+            return QStringLiteral("\"%1\" is none of name, url, user, password").arg(key);
+        if (value.isEmpty())
+            return QStringLiteral("\"%1\" has no value").arg(key);
+        if (fields->contains(key))
+            return QStringLiteral("\"%1\" stands twice").arg(key);
+        fields->insert(key, value);
+    }
+    return QString();
+}
+
 // The reason, or nothing.
 QString readCamera(const QString& line, ConfiguredCamera* camera)
 {
-    QMap<QString, QVariant> params;
-    parseDefinition(line, params, false); // a decoded password may hold what splits a line
-    for (auto param = params.cbegin(); param != params.cend(); ++param) {
-        if (!knownKeys().contains(param.key()))
-            return QStringLiteral("\"%1\" is none of name, url, user, password").arg(param.key());
-        if (!param.value().isValid())
-            return QStringLiteral("\"%1\" has no value").arg(param.key());
-    }
-    const QString url = params.value(QStringLiteral("url")).toString();
+    QMap<QString, QString> params;
+    const QString mistake = readFields(line, &params);
+    if (!mistake.isEmpty())
+        return mistake;
+    const QString url = params.value(QStringLiteral("url"));
     if (url.isEmpty())
         return QStringLiteral("a camera needs url=...");
     QString problem;
@@ -35,12 +61,12 @@ QString readCamera(const QString& line, ConfiguredCamera* camera)
     if (!camera->target.password.isEmpty())
         return QStringLiteral(
             "the password stands in the URL: use password=, made by nuvika password encode");
-    camera->name = params.value(QStringLiteral("name")).toString();
+    camera->name = params.value(QStringLiteral("name"));
     if (params.contains(QStringLiteral("user")))
-        camera->target.user = params.value(QStringLiteral("user")).toString();
+        camera->target.user = params.value(QStringLiteral("user"));
     if (!params.contains(QStringLiteral("password")))
         return QString();
-    const QString password = params.value(QStringLiteral("password")).toString();
+    const QString password = params.value(QStringLiteral("password"));
     if (!StrHlp::hasMk(password))
         return QStringLiteral("the password is no marked hex string: make one with nuvika password encode");
     camera->target.password = StrHlp::fromHex(password);
@@ -50,15 +76,17 @@ QString readCamera(const QString& line, ConfiguredCamera* camera)
 }
 } // namespace
 
-bool readWatchConfig(const QString& name, std::vector<ConfiguredCamera>* cameras, QString* problem)
+int readWatchConfig(const QString& name, std::vector<ConfiguredCamera>* cameras, QString* problem)
 {
     QFile file(name);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > kLargest) {
-        *problem = QStringLiteral("cannot read %1: %2")
-                       .arg(name, file.isOpen() ? QStringLiteral("it is too large") : file.errorString());
-        return false;
+    const bool bOpen = file.open(QIODevice::ReadOnly);
+    const QByteArray bytes = bOpen ? file.read(kLargest + 1) : QByteArray();
+    if (file.error() != QFile::NoError || bytes.size() > kLargest) {
+        *problem = QStringLiteral("cannot read \"%1\": %2")
+                       .arg(name, bytes.isEmpty() ? file.errorString() : QStringLiteral("it is too large"));
+        return Exit::kRead;
     }
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    const QStringList lines = QString::fromUtf8(bytes).split(QLatin1Char('\n'));
     for (int i = 0; i < lines.size(); ++i) {
         const QString line = lines.at(i).trimmed();
         if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
@@ -67,11 +95,11 @@ bool readWatchConfig(const QString& name, std::vector<ConfiguredCamera>* cameras
         const QString reason = readCamera(line, &camera);
         if (!reason.isEmpty()) {
             *problem = QStringLiteral("%1, line %2: %3").arg(name, QString::number(i + 1), reason);
-            return false;
+            return Exit::kUsage;
         }
         cameras->push_back(camera);
     }
     if (cameras->empty())
         *problem = QStringLiteral("%1 names no camera").arg(name);
-    return !cameras->empty();
+    return cameras->empty() ? Exit::kUsage : Exit::kOk;
 }

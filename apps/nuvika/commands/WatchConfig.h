@@ -1,6 +1,7 @@
 // The configuration file of nuvika watch: a camera in each line, as a definition.
 //   name=Gate;url=http://192.0.2.17/live;user=viewer;password=ffb0b80b...
-// Empty lines and those that begin with # say nothing. Passwords stand as marked hex strings.
+// A value that holds semicolons or blanks at its ends stands in quotes. Empty lines and those that begin with
+// # say nothing. Passwords stand as marked hex strings.
 #pragma once
 
 #include "base/Target.h"
@@ -12,5 +13,5 @@ struct ConfiguredCamera {
     Target target;
 };
 
-// False with a sentence that names the line and the reason.
-bool readWatchConfig(const QString& file, std::vector<ConfiguredCamera>* cameras, QString* problem);
+// An exit code; a sentence that names the line and the reason where it is not Exit::kOk.
+int readWatchConfig(const QString& file, std::vector<ConfiguredCamera>* cameras, QString* problem);

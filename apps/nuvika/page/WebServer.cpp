@@ -15,6 +15,8 @@ const char* reason(int code)
         return "Unauthorized";
     case 404:
         return "Not Found";
+    case 421:
+        return "Misdirected Request";
     default:
         return "Error";
     }
@@ -73,11 +75,11 @@ void WebServer::beginPictures(HttpResponseClient& connection)
     connection.response(header, true, nullptr);
 }
 
-void WebServer::sendPicture(HttpResponseClient& connection, const QByteArray& jpeg)
+void WebServer::sendPicture(HttpResponseClient& connection, const QByteArray& picture, const char* type)
 {
-    const QByteArray head = QByteArray("--") + kBoundary
-        + "\r\nContent-Type: image/jpeg\r\nContent-Length: " + QByteArray::number(jpeg.size()) + "\r\n\r\n";
+    const QByteArray head = QByteArray("--") + kBoundary + "\r\nContent-Type: " + type
+        + "\r\nContent-Length: " + QByteArray::number(picture.size()) + "\r\n\r\n";
     const std::array<KepNuvikaUtil::BUFFER, 3> ranges{
-        {{head.constData(), head.size()}, {jpeg.constData(), jpeg.size()}, {"\r\n", 2}}};
+        {{head.constData(), head.size()}, {picture.constData(), picture.size()}, {"\r\n", 2}}};
     connection.sendContent(ranges.data(), static_cast<int>(ranges.size()));
 }

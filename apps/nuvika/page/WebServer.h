@@ -22,7 +22,7 @@ public:
     void answer(HttpResponseClient& connection, int code, const QByteArray& body, const char* type);
     // The head of an endless stream of pictures, and one picture of it.
     static void beginPictures(HttpResponseClient& connection);
-    static void sendPicture(HttpResponseClient& connection, const QByteArray& jpeg);
+    static void sendPicture(HttpResponseClient& connection, const QByteArray& picture, const char* type);
 
 private:
     void accept(int descriptor);

@@ -27,11 +27,12 @@ QByteArray error(const QString& reason)
     return "error:reason=" + protectedValue(reason, 3).toUtf8() + '\n';
 }
 
-QString periods(const std::list<NTPRange>& ranges)
+QString shown(const Periods<NTPTimestamp>& periods)
 {
     QStringList texts;
-    for (auto range = ranges.rbegin(); range != ranges.rend() && texts.size() < kMaxPeriods; ++range)
-        texts.prepend(range->begin().toString(false) + QLatin1Char('/') + range->end().toString(false));
+    const auto& all = periods.all();
+    for (auto period = all.rbegin(); period != all.rend() && texts.size() < kMaxPeriods; ++period)
+        texts.prepend(period->first.toString(false) + QLatin1Char('/') + period->second.toString(false));
     return texts.join(QLatin1Char(','));
 }
 } // namespace
@@ -83,7 +84,8 @@ QByteArray CommandServer::status() const
         const CameraStream& camera = *m_recorder.cameras()[static_cast<std::size_t>(i)];
         const RtpReceiver* rtp = m_recorder.rtp(i);
         const CameraStream::Sample sample = camera.current();
-        const std::list<NTPRange> recorded = rtp != nullptr ? rtp->timeline().recorded() : camera.recorded();
+        const Periods<NTPTimestamp>& recorded
+            = rtp != nullptr ? rtp->timeline().recorded() : camera.recorded();
         const auto add = [&text](const char* key, const QString& value) {
             text += QLatin1String(key) + QLatin1Char('=') + protectedValue(value, 2) + QLatin1Char(';');
         };
@@ -99,7 +101,7 @@ QByteArray CommandServer::status() const
             add("lossPercent", QString::number(rtp->figures().lossPercent, 'f', 2));
             add("lost", QString::number(rtp->figures().allLost));
         }
-        add("recorded", periods(recorded));
+        add("recorded", shown(recorded));
         text += QLatin1Char('\n');
     }
     return text.toUtf8();

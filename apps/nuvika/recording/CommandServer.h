@@ -1,5 +1,6 @@
 // The recorder's command port: framed, encrypted messages. A command line comes, an answer goes:
-//   status                        one line for each camera, as a definition
+//   status                        one line for each camera, as a definition: split it with parseDefinition()
+//                                 that decodes nothing, since a name may look like a marked hex string
 //   snapshot:camera=IDENTIFIER    the camera's last picture
 //   help                          what there is
 // An answer is a line, "ok" or "error:reason=...", and what belongs to it.

@@ -1,42 +1,17 @@
 #include "Recorder.h"
 
+#include "PictureFile.h"
+#include "StateJson.h"
+#include "cameras/PictureKind.h"
+
 #include <KepNuvikaUtil/CreateDbId.h>
 
 #include <QtCore/QDateTime>
+#include <QtCore/QDir>
 #include <QtCore/QFile>
-#include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
+#include <QtCore/QFileInfo>
 
-namespace
-{
-double unixMs(const NTPTimestamp& t) { return t.toUnixTime() * 1000; }
-
-// Times in milliseconds since 1970, by the camera's clock.
-QJsonObject mediaJson(const CameraMedia& media)
-{
-    const RtpReceiver* receiver = media.receiver();
-    if (receiver == nullptr)
-        return QJsonObject();
-    QJsonArray rates;
-    for (const double rate : media.rates())
-        rates.append(rate);
-    QJsonArray periods;
-    const std::list<NTPRange> recorded = receiver->timeline().recorded();
-    for (const NTPRange& range : recorded)
-        periods.append(QJsonArray{unixMs(range.begin()), unixMs(range.end())});
-    const RtpReceiver::Figures& figures = receiver->figures();
-    return {
-        {QStringLiteral("rates"), rates},
-        {QStringLiteral("loss"), figures.lossPercent},
-        {QStringLiteral("packets"), static_cast<double>(figures.allPackets)},
-        {QStringLiteral("lost"), static_cast<double>(figures.allLost)},
-        {QStringLiteral("now"), unixMs(receiver->timeline().senderClock())},
-        {QStringLiteral("periods"), periods},
-        {QStringLiteral("gaps"), static_cast<int>(receiver->timeline().gaps().size())},
-    };
-}
-} // namespace
+#include <algorithm>
 
 Recorder::Recorder()
     : m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) {
@@ -52,11 +27,9 @@ void Recorder::addCamera(const QString& name, const Target& target)
 {
     const int number = static_cast<int>(m_cameras.size());
     m_cameras.push_back(std::make_unique<CameraStream>(name, target));
-    connect(m_cameras.back().get(), &CameraStream::picture, this, [this, number](const QByteArray& jpeg) {
-        showPicture(number, jpeg);
-        if (m_folder)
-            save(number, jpeg);
-    });
+    m_viewers.emplace_back();
+    connect(m_cameras.back().get(), &CameraStream::picture, this,
+        [this, number](const QByteArray& picture) { takePicture(number, picture); });
 }
 
 void Recorder::receiveMedia(const Target& target)
@@ -76,10 +49,15 @@ const RtpReceiver* Recorder::rtp(int camera) const
     return own == nullptr ? nullptr : own->receiver();
 }
 
-bool Recorder::saveTo(const QString& folder)
+bool Recorder::saveTo(const QString& folder, QString* problem)
 {
-    m_folder = std::make_unique<QDir>(folder);
-    return m_folder->mkpath(QStringLiteral("."));
+    *problem = QStringLiteral("cannot save pictures in \"%1\"").arg(folder);
+    if (folder.isEmpty() || !QDir().mkpath(folder) || !QFileInfo(folder).isWritable())
+        return false;
+    m_saver = std::make_unique<PictureSaver>([folder](const QString& name, const QByteArray& bytes) {
+        return writePictureFile(folder, name, bytes);
+    });
+    return m_saver->start();
 }
 
 void Recorder::start()
@@ -94,6 +72,43 @@ void Recorder::tick()
 {
     for (const auto& camera : m_cameras)
         camera->tick();
+    for (Viewers& viewers : m_viewers) // also where no picture comes that would find them gone
+        viewers.prune();
+}
+
+void Recorder::finish()
+{
+    if (m_saver)
+        m_saver->finish();
+    for (const auto& media : m_media) {
+        if (media.second->receiver() != nullptr)
+            media.second->receiver()->finish();
+    }
+}
+
+bool Recorder::haveAllDelivered() const
+{
+    return std::all_of(m_cameras.begin(), m_cameras.end(), [](const auto& camera) {
+        return camera->pictures() > 0;
+    }) && std::all_of(m_media.begin(), m_media.end(), [](const auto& media) {
+        const RtpReceiver* receiver = media.second->receiver();
+        return receiver != nullptr && receiver->hasHeard();
+    });
+}
+
+QString Recorder::mediaProblem() const
+{
+    int deaf = 0;
+    QString why;
+    for (const auto& media : m_media) {
+        if (media.second->receiver() != nullptr)
+            continue;
+        ++deaf;
+        why = media.second->problem();
+    }
+    return deaf == 0 ? QString()
+                     : QStringLiteral("%1 of %2 RTP streams are not received: %3")
+                           .arg(QString::number(deaf), QString::number(m_media.size()), why);
 }
 
 QString Recorder::identifier(int camera) const
@@ -120,50 +135,41 @@ CameraStream::Sample Recorder::total() const
     return sum;
 }
 
-void Recorder::showPicture(int camera, const QByteArray& jpeg)
+void Recorder::takePicture(int camera, const QByteArray& picture)
 {
-    QList<QPointer<HttpResponseClient>>& viewers = m_viewers[camera];
-    for (int i = viewers.size() - 1; i >= 0; --i) {
-        HttpResponseClient* viewer = viewers.at(i);
-        if (viewer == nullptr || !viewer->isConnected())
-            viewers.removeAt(i);
-        else if (viewer->canSendContent())
-            WebServer::sendPicture(*viewer, jpeg);
-        else
-            ++m_nSkipped;
-    }
-}
-
-void Recorder::save(int camera, const QByteArray& jpeg)
-{
+    const PictureKind* kind = pictureKindOf(picture);
+    m_nSkipped += static_cast<quint64>(m_viewers[static_cast<std::size_t>(camera)].send(picture, kind->type));
+    if (!m_saver)
+        return;
     const QString time = QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd-HHmmss-zzz"));
-    const CameraStream& stream = *m_cameras.at(static_cast<std::size_t>(camera));
-    QFile file(
-        m_folder->filePath(QStringLiteral("camera%1-%2-%3.jpg")
-                               .arg(QString::number(camera + 1), time, QString::number(stream.pictures()))));
-    if (!file.open(QIODevice::WriteOnly) || file.write(jpeg) != jpeg.size())
-        ++m_nUnsaved;
+    const quint64 count = m_cameras[static_cast<std::size_t>(camera)]->pictures();
+    m_saver->save(
+        QStringLiteral("camera%1-%2-%3.%4")
+            .arg(QString::number(camera + 1), time, QString::number(count), QLatin1String(kind->ending)),
+        picture);
 }
 
 void Recorder::handle(HttpResponseClient& connection, const HttpRequestHeader& request)
 {
+    if (!m_hosts.allow(request.value(QStringLiteral("Host")))) {
+        m_server.answer(connection, 421, "this name is not served here\n", "text/plain");
+        return;
+    }
     const QString path = request.path().section(QLatin1Char('?'), 0, 0);
-    const int camera = path.section(QLatin1Char('/'), 2, 2).toInt();
-    const bool bKnown = camera >= 1 && camera <= static_cast<int>(m_cameras.size());
+    const int number = path.section(QLatin1Char('/'), 2, 2).toInt();
+    const bool bKnown = number >= 1 && number <= static_cast<int>(m_cameras.size());
+    const auto camera = static_cast<std::size_t>(number) - 1;
+    const QByteArray last = bKnown ? m_cameras[camera]->lastPicture() : QByteArray();
     if (path == QLatin1String("/")) {
         m_server.answer(connection, 200, m_page, "text/html; charset=utf-8");
     } else if (path == QLatin1String("/state.json")) {
-        m_server.answer(connection, 200, stateJson(), "application/json");
+        m_server.answer(connection, 200, stateJson(*this), "application/json");
     } else if (path.startsWith(QLatin1String("/live/")) && bKnown) {
-        WebServer::beginPictures(connection);
-        m_viewers[camera - 1].append(&connection);
-        const QByteArray& last = m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture();
+        m_viewers[camera].add(connection);
         if (!last.isEmpty())
-            WebServer::sendPicture(connection, last);
-    } else if (path.startsWith(QLatin1String("/picture/")) && bKnown
-        && !m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture().isEmpty()) {
-        m_server.answer(
-            connection, 200, m_cameras[static_cast<std::size_t>(camera - 1)]->lastPicture(), "image/jpeg");
+            WebServer::sendPicture(connection, last, pictureKindOf(last)->type);
+    } else if (path.startsWith(QLatin1String("/picture/")) && !last.isEmpty()) {
+        m_server.answer(connection, 200, last, pictureKindOf(last)->type);
     } else if (const CameraMedia* described = mediaOfPath(path)) {
         m_server.answer(connection, 200, described->description().toUtf8(), "application/sdp");
     } else {
@@ -178,34 +184,4 @@ const CameraMedia* Recorder::mediaOfPath(const QString& path) const
     if (!path.startsWith(QLatin1String(kLead)) || !path.endsWith(QLatin1String(".sdp")))
         return nullptr;
     return media(path.mid(static_cast<int>(sizeof kLead) - 1).chopped(4).toInt() - 1);
-}
-
-QByteArray Recorder::stateJson() const
-{
-    QJsonArray list;
-    for (const auto& camera : m_cameras) {
-        QJsonArray pictures;
-        QJsonArray bits;
-        for (const CameraStream::Sample& sample : camera->history()) {
-            pictures.append(sample.pictures);
-            bits.append(sample.bytes * 8);
-        }
-        QJsonObject entry{
-            {QStringLiteral("id"), identifier(list.size())},
-            {QStringLiteral("name"), camera->name()},
-            {QStringLiteral("address"), camera->address()},
-            {QStringLiteral("state"), camera->state()},
-            {QStringLiteral("receiving"), camera->isReceiving()},
-            {QStringLiteral("pictures"), static_cast<double>(camera->pictures())},
-            {QStringLiteral("interruptions"), camera->interruptions()},
-            {QStringLiteral("pictureRates"), pictures},
-            {QStringLiteral("bitRates"), bits},
-        };
-        if (const CameraMedia* own = media(list.size()))
-            entry.insert(QStringLiteral("rtp"), mediaJson(*own));
-        list.append(entry);
-    }
-    const QJsonObject state{
-        {QStringLiteral("cameras"), list}, {QStringLiteral("skipped"), static_cast<double>(m_nSkipped)}};
-    return QJsonDocument(state).toJson(QJsonDocument::Compact);
 }

@@ -38,6 +38,9 @@ private:
     NuvikaLLSock::ADDR_V4_V6 m_rtcp;
     int m_nLossPercent;
     NuvikaUdpSender m_sender;
+    QByteArray m_name; // of the source, in its reports
+    quint32 m_nSent = 0; // packets, and bytes of their payloads, as sender reports count them
+    quint32 m_nSentOctets = 0;
     quint32 m_nSsrc;
     quint32 m_nFirstTime; // of the media clock, at random as RFC 3550 asks
     quint16 m_nSeqNum;

@@ -40,8 +40,7 @@ void SimulatedCamera::handle(HttpResponseClient& connection, const HttpRequestHe
     } else if (request.path() == QLatin1String("/snapshot.jpg")) {
         m_server.answer(connection, 200, Picture::frame(m_nNumber, m_nFrame), "image/jpeg");
     } else if (request.path() == QLatin1String("/live")) {
-        WebServer::beginPictures(connection);
-        m_viewers.append(&connection);
+        m_viewers.add(connection);
     } else if (request.path().startsWith(QLatin1String("/stream.sdp"))) {
         const QString query = request.path().section(QLatin1Char('?'), 1);
         const QByteArray description = openStream(connection.peerAddress(), query);
@@ -90,11 +89,5 @@ void SimulatedCamera::tick()
         m_sources.erase(std::remove_if(m_sources.begin(), m_sources.end(),
                             [](const auto& source) { return source->isOver(); }),
             m_sources.end());
-    for (int i = m_viewers.size() - 1; i >= 0; --i) {
-        HttpResponseClient* viewer = m_viewers.at(i);
-        if (viewer == nullptr || !viewer->isConnected())
-            m_viewers.removeAt(i);
-        else if (viewer->canSendContent()) // a slow viewer skips this picture
-            WebServer::sendPicture(*viewer, Picture::frame(m_nNumber, m_nFrame));
-    }
+    m_viewers.send(Picture::frame(m_nNumber, m_nFrame), "image/jpeg");
 }

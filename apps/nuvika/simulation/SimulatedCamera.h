@@ -6,10 +6,9 @@
 
 #include "DigestGuard.h"
 #include "RtpSource.h"
+#include "page/Viewers.h"
 #include "page/WebServer.h"
 
-#include <QtCore/QList>
-#include <QtCore/QPointer>
 #include <QtCore/QTimer>
 
 #include <memory>
@@ -42,7 +41,7 @@ private:
     Media m_media;
     DigestGuard m_guard;
     QTimer m_timer;
-    QList<QPointer<HttpResponseClient>> m_viewers;
+    Viewers m_viewers;
     std::vector<std::unique_ptr<RtpSource>> m_sources;
     WebServer m_server;
 };
