@@ -1,13 +1,13 @@
 #include "Get.h"
 
 #include "base/Exit.h"
+#include "base/Input.h"
 #include "base/Options.h"
 #include "base/Output.h"
 #include "base/Target.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QTimer>
 
@@ -15,6 +15,8 @@ using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 namespace
 {
+constexpr qint64 kLargestBody = 1 << 30; // it is sent in one piece
+
 class GetCommand : public QObject
 {
 public:
@@ -151,14 +153,10 @@ std::optional<int> readBody(const QCommandLineParser& parser, QString* method, Q
     }
     if (*method == QLatin1String("GET"))
         return std::nullopt;
-    QFile file(name);
-    const bool bOpen
-        = name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
-    if (bOpen)
-        *body = file.readAll();
-    if (bOpen && file.error() == QFile::NoError)
+    QString problem;
+    if (readInput(name, kLargestBody, body, &problem))
         return std::nullopt;
-    Output::complain(QStringLiteral("cannot read %1: %2").arg(name, file.errorString()));
+    Output::complain(problem);
     return Exit::kRead;
 }
 } // namespace

@@ -1,6 +1,7 @@
 #include "Rtp.h"
 
 #include "base/Exit.h"
+#include "base/Input.h"
 #include "base/Interrupt.h"
 #include "base/Options.h"
 #include "base/Output.h"
@@ -8,7 +9,6 @@
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QFile>
 #include <QtCore/QHash>
 #include <QtCore/QTimer>
 
@@ -25,17 +25,13 @@ constexpr qint64 kLargestDescription = 1 << 20;
 // Descriptions are UTF-8 (RFC 8866). False with a message on standard error.
 bool readDescription(const QString& name, QString* text)
 {
-    QFile file(name);
-    const bool bOpen
-        = name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
-    const QByteArray bytes = bOpen ? file.read(kLargestDescription + 1) : QByteArray();
+    QByteArray bytes;
+    QString problem;
+    const bool bRead = readInput(name, kLargestDescription, &bytes, &problem);
+    if (!bRead)
+        Output::complain(problem);
     *text = QString::fromUtf8(bytes);
-    const bool bTooLarge = bytes.size() > kLargestDescription;
-    if (file.error() == QFile::NoError && !bTooLarge)
-        return true;
-    Output::complain(QStringLiteral("cannot read %1: %2")
-                         .arg(name, bTooLarge ? QStringLiteral("it is too large") : file.errorString()));
-    return false;
+    return bRead;
 }
 
 // The lines of one section, numbered as the file has them.

@@ -1,11 +1,10 @@
 #include "WatchConfig.h"
 
 #include "base/Exit.h"
+#include "base/Input.h"
 
 #include <KepNuvikaUtil/CommandParsing.h>
 #include <KepNuvikaUtil/StrHlp.h>
-
-#include <QtCore/QFile>
 
 namespace
 {
@@ -78,14 +77,9 @@ QString readCamera(const QString& line, ConfiguredCamera* camera)
 
 int readWatchConfig(const QString& name, std::vector<ConfiguredCamera>* cameras, QString* problem)
 {
-    QFile file(name);
-    const bool bOpen = file.open(QIODevice::ReadOnly);
-    const QByteArray bytes = bOpen ? file.read(kLargest + 1) : QByteArray();
-    if (file.error() != QFile::NoError || bytes.size() > kLargest) {
-        *problem = QStringLiteral("cannot read \"%1\": %2")
-                       .arg(name, bytes.isEmpty() ? file.errorString() : QStringLiteral("it is too large"));
+    QByteArray bytes;
+    if (!readInput(name, kLargest, &bytes, problem))
         return Exit::kRead;
-    }
     const QStringList lines = QString::fromUtf8(bytes).split(QLatin1Char('\n'));
     for (int i = 0; i < lines.size(); ++i) {
         const QString line = lines.at(i).trimmed();

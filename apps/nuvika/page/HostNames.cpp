@@ -26,8 +26,10 @@ bool HostNames::add(const QString& name)
 {
     const QHostAddress address(name);
     const QString known = address.protocol() == QAbstractSocket::IPv6Protocol ? name.toLower() : nameOf(name);
+    const bool bHasPort
+        = known != name.toLower() && !name.endsWith(QLatin1Char(']')) && !name.endsWith(QLatin1Char('.'));
     m_names.append(known);
-    return !known.isEmpty() && !name.contains(QLatin1Char(' '));
+    return !known.isEmpty() && !bHasPort && !known.contains(QLatin1Char(' '));
 }
 
 bool HostNames::allow(const QString& field) const

@@ -1,34 +1,32 @@
 #include "PictureSaver.h"
 
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <system_error>
+#include <utility>
 
 namespace
 {
-constexpr std::chrono::seconds kPatience(10);
-
-struct Picture {
-    QString name;
-    QByteArray bytes;
-    qint64 cost() const { return bytes.size() + 256; } // with what keeps it
-};
+// What a picture that waits takes, with what keeps it.
+qint64 cost(const PictureFile& picture) { return picture.bytes.size() + 256; }
 } // namespace
 
 struct PictureSaver::Queue {
     Writer writer;
     mutable std::mutex mutex;
     std::condition_variable changed;
-    std::deque<Picture> waiting; // the first is being written
-    qint64 nBytes = 0;
+    std::deque<PictureFile> waiting;
+    std::size_t nInWork = 0;
+    qint64 nBytes = 0; // of both
     bool bEnding = false;
-    bool bEnded = false; // the thread needs nothing more
+    bool bGivenUp = false; // nobody counts any more
+    bool bEnded = false;
     Figures figures;
 
     void run();
-    void took(const QString& problem);
+    std::vector<PictureFile> takeBatch();
+    void count(const std::vector<PictureFile>& batch);
 };
 
 void PictureSaver::Queue::run()
@@ -36,30 +34,41 @@ void PictureSaver::Queue::run()
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         changed.wait(lock, [this] { return bEnding || !waiting.empty(); });
-        if (waiting.empty())
+        std::vector<PictureFile> batch = takeBatch();
+        if (batch.empty())
             break;
-        const Picture picture = waiting.front();
         lock.unlock();
-        const QString problem = writer(picture.name, picture.bytes);
+        writer(&batch);
         lock.lock();
-        if (waiting.empty())
-            break; // given up meanwhile
-        took(problem);
+        if (!bGivenUp)
+            count(batch);
     }
     bEnded = true;
     changed.notify_all();
 }
 
-void PictureSaver::Queue::took(const QString& problem)
+std::vector<PictureFile> PictureSaver::Queue::takeBatch()
 {
-    nBytes -= waiting.front().cost();
-    waiting.pop_front();
-    ++(problem.isEmpty() ? figures.saved : figures.failed);
-    if (!problem.isEmpty())
-        figures.problem = problem;
+    std::vector<PictureFile> batch;
+    for (; !waiting.empty() && batch.size() < kBatch; waiting.pop_front())
+        batch.push_back(std::move(waiting.front()));
+    nInWork = batch.size();
+    return batch;
 }
 
-PictureSaver::PictureSaver(Writer writer) : m_queue(std::make_shared<Queue>())
+void PictureSaver::Queue::count(const std::vector<PictureFile>& batch)
+{
+    nInWork = 0;
+    for (const PictureFile& picture : batch) {
+        nBytes -= cost(picture);
+        ++(picture.problem.isEmpty() ? figures.saved : figures.failed);
+        if (!picture.problem.isEmpty())
+            figures.problem = picture.problem;
+    }
+}
+
+PictureSaver::PictureSaver(Writer writer, std::chrono::milliseconds patience)
+    : m_queue(std::make_shared<Queue>()), m_patience(patience)
 {
     m_queue->writer = std::move(writer);
 }
@@ -76,13 +85,14 @@ bool PictureSaver::start()
 
 void PictureSaver::save(const QString& name, const QByteArray& bytes)
 {
-    Picture picture{name, bytes};
+    PictureFile picture{name, bytes, QString()};
     const std::lock_guard<std::mutex> lock(m_queue->mutex);
-    if (m_queue->bEnding || m_queue->nBytes + picture.cost() > kMostBytes) {
+    const bool bFull = m_queue->nBytes > 0 && m_queue->nBytes + cost(picture) > kMostBytes;
+    if (m_queue->bEnding || bFull) {
         ++m_queue->figures.dropped;
         return;
     }
-    m_queue->nBytes += picture.cost();
+    m_queue->nBytes += cost(picture);
     m_queue->waiting.push_back(std::move(picture));
     m_queue->changed.notify_all();
 }
@@ -94,13 +104,14 @@ void PictureSaver::finish()
     std::unique_lock<std::mutex> lock(m_queue->mutex);
     m_queue->bEnding = true;
     m_queue->changed.notify_all();
-    if (m_queue->changed.wait_for(lock, kPatience, [this] { return m_queue->bEnded; })) {
+    if (m_queue->changed.wait_for(lock, m_patience, [this] { return m_queue->bEnded; })) {
         lock.unlock();
         m_thread.join();
         return;
     }
-    m_queue->figures.dropped += m_queue->waiting.size();
+    m_queue->figures.dropped += m_queue->waiting.size() + m_queue->nInWork;
     m_queue->waiting.clear();
+    m_queue->bGivenUp = true;
     lock.unlock();
     m_thread.detach();
 }

@@ -54,9 +54,8 @@ bool Recorder::saveTo(const QString& folder, QString* problem)
     *problem = QStringLiteral("cannot save pictures in \"%1\"").arg(folder);
     if (folder.isEmpty() || !QDir().mkpath(folder) || !QFileInfo(folder).isWritable())
         return false;
-    m_saver = std::make_unique<PictureSaver>([folder](const QString& name, const QByteArray& bytes) {
-        return writePictureFile(folder, name, bytes);
-    });
+    m_saver = std::make_unique<PictureSaver>(
+        [folder](std::vector<PictureFile>* batch) { writePictureFiles(folder, batch); });
     return m_saver->start();
 }
 

@@ -1,0 +1,19 @@
+#include "Input.h"
+
+#include <QtCore/QFile>
+
+bool readInput(const QString& name, qint64 most, QByteArray* bytes, QString* problem)
+{
+    QFile file(name);
+    QString reason = QStringLiteral("it has no name");
+    if (!name.isEmpty()) {
+        const bool bOpen = name == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly)
+                                                      : file.open(QIODevice::ReadOnly);
+        *bytes = bOpen ? file.read(most + 1) : QByteArray();
+        if (file.error() == QFile::NoError && bytes->size() <= most)
+            return true;
+        reason = file.error() == QFile::NoError ? QStringLiteral("it is too large") : file.errorString();
+    }
+    *problem = QStringLiteral("cannot read \"%1\": %2").arg(name, reason);
+    return false;
+}
