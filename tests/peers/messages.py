@@ -84,7 +84,7 @@ class Messages(PeerTest):
 
     def test_output_that_cannot_be_written(self):
         description = self.write("x.sdp", "v=0\no=- 1 1 IN IP4 0.0.0.0\ns=x\nm=audio 9 RTP/AVP 0\n")
-        with demo("--cameras", "1") as (recorder, page):
+        with demo("--cameras", "1") as (recorder, page), recorder.stdout:
             commands = f"127.0.0.1:{recorder.stdout.readline().strip().rsplit(':', 1)[1]}"
             for arguments in (["--help"], ["get", "--help"], ["sdp", description], ["password", "encode"], ["send", commands, "help"],
                               ["status", commands], ["status", commands, "--watch"], ["get", f"http://127.0.0.1:{page}/"],
@@ -97,7 +97,6 @@ class Messages(PeerTest):
                         self.assertEqual(result.returncode, 23, result.stderr)
                         reason = b"No space left on device" if output else b"Bad file descriptor"
                         self.assertEqual(result.stderr.splitlines()[-1], b"nuvika: cannot write standard output: " + reason)
-            recorder.stdout.close()
 
     def test_numbers_look_the_same_in_every_country(self):
         subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", self.folder + "/de_DE.UTF-8"], check=True, capture_output=True)

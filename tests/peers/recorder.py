@@ -24,9 +24,9 @@ def part(content, kind="image/jpeg"):
 
 
 @contextlib.contextmanager
-def camera(*parts, seen=None):
+def camera(*parts, seen=None, host="127.0.0.1"):
     """Sends these parts to each client that has asked, and then nothing more; yields its URL."""
-    with socket.create_server(("127.0.0.1", 0)) as server, contextlib.ExitStack() as clients:
+    with socket.create_server((host, 0), family=socket.AF_INET6 if ":" in host else socket.AF_INET) as server, contextlib.ExitStack() as clients:
         def serve():
             with contextlib.suppress(OSError):
                 while True:
@@ -35,10 +35,10 @@ def camera(*parts, seen=None):
                     while b"\r\n\r\n" not in request:
                         request += client.recv(65536)
                     if seen is not None:
-                        seen.append(request.split(b"\r\n")[0].decode())
+                        seen.append(request.decode())
                     client.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=x\r\n\r\n" + b"".join(parts) + b"--x")
         threading.Thread(target=serve, daemon=True).start()
-        yield f"http://127.0.0.1:{server.getsockname()[1]}/live"
+        yield f"http://{f'[{host}]' if ':' in host else host}:{server.getsockname()[1]}/live"
         server.shutdown(socket.SHUT_RDWR)
 
 
@@ -113,14 +113,24 @@ class Recorder(PeerTest):
                 with contextlib.suppress(OSError):
                     while piece := screen.read(65536):
                         text += piece
-        self.assertEqual(sorted(seen), ["GET /live?a;b== HTTP/1.1", "GET /live?token=YWJj==&a=b=c HTTP/1.1"])
+        self.assertEqual(sorted(request.splitlines()[0] for request in seen), ["GET /live?a;b== HTTP/1.1", "GET /live?token=YWJj==&a=b=c HTTP/1.1"])
         self.assertRegex(text.decode(), r"\x1b\[2KGate %2 A%B +1 ")
         self.assertRegex(text.decode(), r"\x1b\[2Ksemi;colon +1 ")
         twice = self.write("twice.conf", "url=http://a/;url=http://b/\n")
         self.assertEqual(tool("watch", "--config", twice).stderr.decode(), f'nuvika: {twice}, line 1: "url" stands twice\n')
 
+    def test_ipv6_addresses_stand_in_brackets(self):
+        seen = []
+        with camera(part(PICTURE), seen=seen, host="::1") as url:
+            host = url.split("/")[2]
+            self.assertEqual(tool("watch", url, "--port", "0", "--seconds", "1").returncode, 0)
+            with process([TOOL, "get", url]):
+                wait_for(lambda: len(seen) == 2, "both have asked")
+        for request in seen:
+            self.assertIn(f"\r\nHost: {host}\r\n", request)
+
     def test_the_page_answers_to_its_own_names_only(self):
-        with demo("--cameras", "1", "--host", "Cams.example", "--host", "2001:db8::1") as (_, port):
+        with demo("--cameras", "1", "--host", "Cams.example", "--host", "2001:db8::1") as (child, port), child.stdout:
             for host, status in (("localhost", 200), (f"localhost:{port}", 200), ("LOCALHOST.", 200), ("a.localhost:80", 200), ("127.0.0.1", 200),
                                  ("127.1.2.3:1", 200), ("[::1]", 200), (f"[::1]:{port}", 200), ("cams.EXAMPLE:8080", 200), ("[2001:db8::1]:80", 200),
                                  ("evil.example", 421), ("localhost.evil.example", 421), ("127.0.0.1.evil.example", 421), ("cams.example.org", 421),
@@ -152,6 +162,11 @@ class Recorder(PeerTest):
         told = rb"\d+ of 10 RTP streams are not received: cannot receive on 127\.0\.0\.1 port 0: Too many open files\n"
         self.assertRegex(low.stderr, rb"\Anuvika: " + told + rb"\Z")
         self.assertRegex(low.stdout, told)
+        with process([TOOL, "demo", "--cameras", "10", "--port", "0"], stdout=subprocess.PIPE, text=True, preexec_fn=limit(90, 90)) as child, child.stdout:
+            port = int(re.search(r":(\d+)/", child.stdout.readline()).group(1))
+            self.assertIn("RTP", child.stdout.readline() + child.stdout.readline())
+            problems = [c["rtp"].get("problem") for c in cameras(port)]
+        self.assertIn("cannot receive on 127.0.0.1 port 0: Too many open files", problems)
 
     def test_sender_reports_count_what_was_sent(self):
         group = socket.inet_aton("239.255.77.1") + socket.inet_aton("127.0.0.1")
@@ -165,7 +180,7 @@ class Recorder(PeerTest):
                 s.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)
                 s.settimeout(20)
                 sockets.append(s)
-            with demo("--cameras", "1", "--multicast", "--loss", "10"):
+            with demo("--cameras", "1", "--multicast", "--loss", "10") as (child, _), child.stdout:
                 reports = [sockets[1].recv(2000) for _ in range(3)]
             packets = []
             sockets[0].settimeout(0.5)

@@ -42,7 +42,7 @@ CameraStream::CameraStream(const QString& name, const Target& target)
     connect(&m_retry, &QTimer::timeout, this, &CameraStream::request);
     connect(m_client.get(), &HttpsClient::multipartReplaceContent, this,
         [this](int, const HttpResponseHeader&, const char* type, const char* data, int size, Marker) {
-            takePicture(type, data, size);
+            takePart(type, data, size);
         });
     connect(m_client.get(), &HttpsClient::requestFinished, this,
         [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
@@ -79,13 +79,13 @@ void CameraStream::request()
     m_client->request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
 }
 
-bool CameraStream::takePicture(const QByteArray& type, const char* data, int size)
+bool CameraStream::takePicture(const char* data, int size)
 {
-    m_silence.start(); // whatever it is, the camera lives
-    m_bReceiving = pictureKindOf(QByteArray::fromRawData(data, size)) != nullptr;
-    m_state = m_bReceiving ? QStringLiteral("receiving") : noPicture(type, size);
-    if (!m_bReceiving)
+    if (pictureKindOf(QByteArray::fromRawData(data, size)) == nullptr)
         return false;
+    m_silence.start();
+    m_bReceiving = true;
+    m_state = QStringLiteral("receiving");
     m_nPauseMs = 0;
     ++m_nPictures;
     m_nBytes += static_cast<quint64>(size);
@@ -98,9 +98,18 @@ bool CameraStream::takePicture(const QByteArray& type, const char* data, int siz
     return true;
 }
 
+void CameraStream::takePart(const QByteArray& type, const char* data, int size)
+{
+    if (takePicture(data, size))
+        return;
+    m_silence.start(); // whatever it sends, the camera lives
+    m_bReceiving = false;
+    m_state = noPicture(type, size);
+}
+
 void CameraStream::takeAnswer(int status, const QByteArray& type, const char* data, int size)
 {
-    if (status == 200 && takePicture(type, data, size)) {
+    if (status == 200 && takePicture(data, size)) {
         m_retry.start(kSnapshotIntervalMs); // a camera of single pictures is asked again
     } else if (status == 401) {
         interrupted(m_target.user.isEmpty() ? QStringLiteral("asks for a password")

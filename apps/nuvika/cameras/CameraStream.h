@@ -48,8 +48,9 @@ signals:
 
 private:
     void request();
-    // False for what is no picture; the state tells.
-    bool takePicture(const QByteArray& type, const char* data, int size);
+    // False for what is no picture.
+    bool takePicture(const char* data, int size);
+    void takePart(const QByteArray& type, const char* data, int size);
     void takeAnswer(int status, const QByteArray& type, const char* data, int size);
     QString whyFailed() const;
     void interrupted(const QString& why);

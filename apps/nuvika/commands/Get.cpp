@@ -137,6 +137,26 @@ private:
     std::unique_ptr<HttpsClient> m_client;
 };
 
+void addOptions(QCommandLineParser& parser)
+{
+    parser.setApplicationDescription(
+        QStringLiteral("Sends one request and writes the answer's body to standard output.\n"
+                       "Credentials in the URL answer a Basic or Digest challenge."));
+    parser.addPositionalArgument(
+        QStringLiteral("URL"), QStringLiteral("http[s]://user:password@host:port/path"));
+    parser.addOptions({
+        {{QStringLiteral("i"), QStringLiteral("include")}, QStringLiteral("Write the head too.")},
+        {QStringLiteral("post"), QStringLiteral("POST the content of FILE (- for standard input)."),
+            QStringLiteral("FILE")},
+        {QStringLiteral("put"), QStringLiteral("PUT the content of FILE."), QStringLiteral("FILE")},
+        {QStringLiteral("form"), QStringLiteral("Upload FILE as a form's field \"file\"."),
+            QStringLiteral("FILE")},
+        {QStringLiteral("type"), QStringLiteral("Content type of that file."), QStringLiteral("TYPE"),
+            QStringLiteral("application/octet-stream")},
+    });
+    addTlsOptions(parser);
+}
+
 // The method and the body that the options name; a code to end with when they cannot be had.
 std::optional<int> readBody(const QCommandLineParser& parser, QString* method, QByteArray* body)
 {
@@ -164,22 +184,7 @@ std::optional<int> readBody(const QCommandLineParser& parser, QString* method, Q
 int runGet(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        QStringLiteral("Sends one request and writes the answer's body to standard output.\n"
-                       "Credentials in the URL answer a Basic or Digest challenge."));
-    parser.addPositionalArgument(
-        QStringLiteral("URL"), QStringLiteral("http[s]://user:password@host:port/path"));
-    parser.addOptions({
-        {{QStringLiteral("i"), QStringLiteral("include")}, QStringLiteral("Write the head too.")},
-        {QStringLiteral("post"), QStringLiteral("POST the content of FILE (- for standard input)."),
-            QStringLiteral("FILE")},
-        {QStringLiteral("put"), QStringLiteral("PUT the content of FILE."), QStringLiteral("FILE")},
-        {QStringLiteral("form"), QStringLiteral("Upload FILE as a form's field \"file\"."),
-            QStringLiteral("FILE")},
-        {QStringLiteral("type"), QStringLiteral("Content type of that file."), QStringLiteral("TYPE"),
-            QStringLiteral("application/octet-stream")},
-    });
-    addTlsOptions(parser);
+    addOptions(parser);
     if (const auto code = readOptions(parser, "get", arguments, {1, 1, "one URL"}))
         return *code;
     Target target;

@@ -8,11 +8,10 @@
 #include "base/Output.h"
 #include "recording/CommandServer.h"
 #include "recording/Recorder.h"
-#include "simulation/SimulatedCamera.h"
+#include "simulation/CameraThread.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QThread>
 #include <QtCore/QTimer>
 
 namespace
@@ -75,41 +74,6 @@ int runRecorder(Recorder& recorder, const RecorderOptions& options)
         return Exit::kWrite;
     return recorder.haveAllDelivered() || elapsed == 0 ? Exit::kOk : Exit::kFailure;
 }
-
-// The cameras live on a thread of their own, so that the recorder's thread does the recorder's work only.
-class CameraThread : public QThread
-{
-public:
-    CameraThread(int count, const SimulatedCamera::Media& media)
-    {
-        start();
-        m_context.moveToThread(this);
-        QMetaObject::invokeMethod(
-            &m_context,
-            [this, count, media] {
-                for (int i = 0; i < count; ++i) {
-                    m_cameras.push_back(std::make_unique<SimulatedCamera>(i, media));
-                    if (!m_cameras.back()->listen())
-                        return;
-                    m_ports.push_back(m_cameras.back()->port());
-                }
-            },
-            Qt::BlockingQueuedConnection);
-    }
-    ~CameraThread() override
-    {
-        QMetaObject::invokeMethod(
-            &m_context, [this] { m_cameras.clear(); }, Qt::BlockingQueuedConnection);
-        quit();
-        wait();
-    }
-    const std::vector<unsigned short>& ports() const { return m_ports; }
-
-private:
-    QObject m_context;
-    std::vector<std::unique_ptr<SimulatedCamera>> m_cameras;
-    std::vector<unsigned short> m_ports;
-};
 
 void addCommonOptions(QCommandLineParser& parser)
 {

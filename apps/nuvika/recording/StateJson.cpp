@@ -15,7 +15,7 @@ QJsonObject mediaJson(const CameraMedia& media)
 {
     const RtpReceiver* receiver = media.receiver();
     if (receiver == nullptr)
-        return QJsonObject();
+        return {{QStringLiteral("problem"), media.problem()}};
     QJsonArray rates;
     for (const double rate : media.rates())
         rates.append(rate);
