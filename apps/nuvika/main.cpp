@@ -1,16 +1,20 @@
 // nuvika: the library's command-line tool and live demo.
-#include "Control.h"
-#include "Exit.h"
-#include "Get.h"
-#include "Password.h"
-#include "Rtp.h"
-#include "Watch.h"
+#include "base/Descriptors.h"
+#include "base/Exit.h"
+#include "base/Output.h"
+#include "commands/Control.h"
+#include "commands/Get.h"
+#include "commands/Password.h"
+#include "commands/Rtp.h"
+#include "commands/Watch.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
 
+#include <clocale>
+#include <csignal>
 #include <cstdio>
 
 namespace
@@ -28,6 +32,8 @@ constexpr char kUsage[] = R"(nuvika: cameras over HTTP(S) and RTP, by KepNuvikaU
   (https: --ca FILE, --cert FILE, --insecure)
 
 nuvika COMMAND --help tells more. NUVIKA_LOG=1 in the environment shows the library's log.
+
+Exit codes:
 )";
 
 using Command = int (*)(const QStringList&);
@@ -54,20 +60,27 @@ Command commandOf(const QString& name)
 
 int main(int argc, char** argv)
 {
+    Descriptors::holdStandardOnes();
+    Descriptors::raiseLimit();
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow fails like a full disk
     QCoreApplication application(argc, argv);
+    std::setlocale(LC_NUMERIC, "C"); // one decimal point, wherever a number was made
     QCoreApplication::setApplicationName(QStringLiteral("nuvika"));
     if (qEnvironmentVariableIsEmpty("NUVIKA_LOG"))
         QLoggingCategory::setFilterRules(QStringLiteral("nuvika.*=false"));
     QStringList arguments = QCoreApplication::arguments();
     const QString name = arguments.size() > 1 ? arguments.takeAt(1) : QString();
+    if (name == QLatin1String("--help") || name == QLatin1String("-h")) {
+        Output::write(kUsage + Exit::table());
+        return Output::finish(Exit::kOk);
+    }
     const Command command = commandOf(name);
     if (command == nullptr) {
-        const bool bHelp = name == QLatin1String("--help") || name == QLatin1String("-h");
-        std::fputs(kUsage, bHelp ? stdout : stderr);
-        return bHelp ? Exit::kOk : Exit::kUsage;
+        std::fprintf(stderr, "%s%s", kUsage, Exit::table().constData());
+        return Exit::kUsage;
     }
     KepNuvikaUtilInit();
     const int result = command(arguments);
     KepNuvikaUtilCleanup();
-    return result;
+    return Output::finish(result);
 }

@@ -80,7 +80,7 @@ void RtpStatistics::slotPrintStats()
     const quint32 received = m_nReceived;
     const quint32 lost = m_nLost;
     reset();
-    const double dataRate = bytes * 8.0 * 0.001 / elapsed;
+    const double dataRate = bytes * 8.0 * 0.001 / std::max(elapsed, 1U);
     const quint32 total = lost + received;
     const double looseRate = total == 0 ? 0.0 : static_cast<double>(lost * 100U) / total;
     if (m_bLog) {

@@ -56,4 +56,8 @@ private:
     QTimer m_printTimer;
     std::optional<quint16> m_lastSeqNum;
     QString m_description;
+
+public:
+    /// Reports the interval so far at once, as its end would, and counts afresh.
+    void report() { slotPrintStats(); }
 };

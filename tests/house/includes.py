@@ -7,6 +7,9 @@ TOP = sys.argv[1]
 FLOOR = {"platform": 1, "core": 2, "misc": 2, "media": 3, "net": 3, "msg": 4, "http": 4, "text": 5, "": 6}
 NO_SOCKETS = {"media", "misc"}
 SYSTEM = re.compile(r"<((?:sys|linux|net|netinet|arpa)/[\w/]+\.h|(?:netdb|pthread|poll|unistd|sched|pwd|fcntl|dirent|signal)\.h|csignal)>")
+# The rooms of the tool; its main stands above them.
+TOOL = os.path.join(TOP, "apps", "nuvika")
+TOOL_FLOOR = {"base": 1, "page": 2, "cameras": 2, "recording": 3, "simulation": 3, "commands": 4, ".": 5}
 ALLOWED = {"core": {"sys/uio.h"}, "net": {"sys/uio.h", "netinet/in.h", "sys/socket.h"}}
 
 rooms, faults = {}, []
@@ -48,6 +51,17 @@ for folder, _, files in os.walk(os.path.join(TOP, "src")):
     for name in files:
         if name.endswith((".h", ".cpp")):
             check(os.path.join(folder, name), room)
+for folder, _, files in os.walk(TOOL):
+    room = os.path.relpath(folder, TOOL)
+    for name in files:
+        if not name.endswith((".h", ".cpp")):
+            continue
+        with open(os.path.join(folder, name)) as file:
+            for number, line in enumerate(file, 1):
+                include = re.match(r'\s*#include\s+"(?:(\w+)/)?\w+\.h"', line)
+                other = include and (include.group(1) or room)
+                if other and other != room and TOOL_FLOOR[other] >= TOOL_FLOOR[room]:
+                    faults.append(f"apps/nuvika/{room}/{name}:{number}: {room} includes {other}")
 for user in ("apps", "examples", "bench"):
     for folder, _, files in os.walk(os.path.join(TOP, user)):
         for name in files:

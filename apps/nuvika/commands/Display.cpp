@@ -1,0 +1,120 @@
+#include "Display.h"
+
+#include "base/Output.h"
+#include "recording/Recorder.h"
+
+#include <algorithm>
+
+#include <unistd.h>
+
+namespace
+{
+constexpr int kMaxRows = 20;
+
+double megabits(double bytes) { return bytes * 8 / 1e6; }
+
+// The figures of all RTP streams together; empty without any.
+QString rtpTotal(const Recorder& recorder)
+{
+    double rate = 0;
+    unsigned int packets = 0;
+    unsigned int lost = 0;
+    bool bAny = false;
+    for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
+        if (const RtpReceiver* rtp = recorder.rtp(i)) {
+            bAny = true;
+            rate += rtp->figures().megabits;
+            packets += rtp->figures().packets;
+            lost += rtp->figures().lost;
+        }
+    }
+    const double loss = packets + lost == 0 ? 0.0 : 100.0 * lost / (packets + lost);
+    return bAny ? QString::asprintf("  RTP %.2f Mbit/s, %.2f %% lost", rate, loss) : QString();
+}
+
+// A name in a column, as wide as its characters.
+QByteArray column(const QString& name)
+{
+    constexpr int kWidth = 14;
+    return QString::fromUtf8(Output::shown(name)).leftJustified(kWidth).toUtf8();
+}
+} // namespace
+
+Display::Display() : m_bTerminal(isatty(STDOUT_FILENO) == 1) { }
+
+void Display::show(const Recorder& recorder, int seconds)
+{
+    if (m_bTerminal) {
+        showTable(recorder, seconds);
+    } else {
+        const CameraStream::Sample total = recorder.total();
+        const QString unsaved = recorder.saved().shown();
+        Output::print("%4d s  %d of %d cameras receiving  %6.1f pictures/s  %7.2f Mbit/s%s%s\n", seconds,
+            recorder.receivingCameras(), static_cast<int>(recorder.cameras().size()), total.pictures,
+            megabits(total.bytes), qUtf8Printable(rtpTotal(recorder)),
+            qUtf8Printable(unsaved.isEmpty() ? unsaved : QLatin1String("  ") + unsaved));
+    }
+    Output::flush();
+}
+
+void Display::showTable(const Recorder& recorder, int seconds)
+{
+    constexpr char kFormat[] = "\x1b[2K%s %9s %7s %8s %11s %7s  %s\n";
+    if (m_nLines > 0)
+        Output::print("\x1b[%dA", m_nLines);
+    Output::print(kFormat, column(QStringLiteral("camera")).constData(), "pictures", "per s", "Mbit/s",
+        "RTP Mbit/s", "lost %", "state");
+    const auto& cameras = recorder.cameras();
+    const std::size_t rows = std::min<std::size_t>(cameras.size(), kMaxRows);
+    for (std::size_t i = 0; i < rows; ++i) {
+        const CameraStream& camera = *cameras[i];
+        const RtpReceiver* rtp = recorder.rtp(static_cast<int>(i));
+        Output::print(kFormat, column(camera.name()).constData(),
+            QByteArray::number(camera.pictures()).constData(),
+            QByteArray::number(camera.current().pictures, 'f', 0).constData(),
+            QByteArray::number(megabits(camera.current().bytes), 'f', 2).constData(),
+            rtp != nullptr ? QByteArray::number(rtp->figures().megabits, 'f', 2).constData() : "-",
+            rtp != nullptr ? QByteArray::number(rtp->figures().lossPercent, 'f', 2).constData() : "-",
+            Output::shown(camera.state()).constData());
+    }
+    m_nLines = static_cast<int>(rows) + 2;
+    if (rows < cameras.size()) {
+        Output::print("\x1b[2K... and %d more\n", static_cast<int>(cameras.size() - rows));
+        ++m_nLines;
+    }
+    const CameraStream::Sample total = recorder.total();
+    const QString unsaved = recorder.saved().shown();
+    Output::print("\x1b[2K%d of %d receiving, %.0f pictures/s, %.2f Mbit/s, %d s%s\n",
+        recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures, megabits(total.bytes),
+        seconds, qUtf8Printable(unsaved.isEmpty() ? unsaved : QLatin1String(", ") + unsaved));
+}
+
+void Display::summary(const Recorder& recorder, int seconds)
+{
+    quint64 pictures = 0;
+    quint64 bytes = 0;
+    int interruptions = 0;
+    for (const auto& camera : recorder.cameras()) {
+        pictures += camera->pictures();
+        bytes += camera->bytes();
+        interruptions += camera->interruptions();
+        if (camera->pictures() == 0)
+            Output::print("%s delivered nothing: %s\n", Output::shown(camera->name()).constData(),
+                Output::shown(camera->state()).constData());
+    }
+    for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
+        const RtpReceiver* rtp = recorder.rtp(i);
+        if (rtp != nullptr && (rtp->figures().allLost > 0 || rtp->figures().allPackets == 0))
+            Output::print("%s by RTP: %llu packets, %llu lost, %d gaps in what was recorded\n",
+                Output::shown(recorder.cameras()[static_cast<std::size_t>(i)]->name()).constData(),
+                static_cast<unsigned long long>(rtp->figures().allPackets),
+                static_cast<unsigned long long>(rtp->figures().allLost), rtp->timeline().gaps());
+    }
+    for (const QString& problem : {recorder.mediaProblem(), recorder.saved().shown()}) {
+        if (!problem.isEmpty())
+            Output::print("%s\n", Output::shown(problem).constData());
+    }
+    Output::print("%d seconds, %d cameras, %llu pictures, %.1f MB, %d interruptions\n", seconds,
+        static_cast<int>(recorder.cameras().size()), static_cast<unsigned long long>(pictures),
+        static_cast<double>(bytes) / 1e6, interruptions);
+}

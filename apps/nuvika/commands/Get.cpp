@@ -1,0 +1,210 @@
+#include "Get.h"
+
+#include "base/Exit.h"
+#include "base/Input.h"
+#include "base/Options.h"
+#include "base/Output.h"
+#include "base/Target.h"
+
+#include <QtCore/QCommandLineParser>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QFileInfo>
+#include <QtCore/QTimer>
+
+using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
+
+namespace
+{
+constexpr qint64 kLargestBody = 1 << 30; // it is sent in one piece
+
+class GetCommand : public QObject
+{
+public:
+    GetCommand(const Target& target, bool bHead)
+        : m_target(target), m_bHead(bHead), m_client(target.makeClient(false))
+    {
+        connect(m_client.get(), &HttpsClient::responseHeaderReceived, this,
+            [this](int, const HttpResponseHeader& header) { takeHead(header); });
+        connect(m_client.get(), &HttpsClient::contentChunk, this,
+            [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
+                takeHead(header);
+                if (!write(data, size))
+                    return;
+                // A body of known length ends with its last piece, without another signal.
+                QTimer::singleShot(0, this, [this] {
+                    if (m_client->numOfPendingRequests() == 0)
+                        finish();
+                });
+            });
+        connect(m_client.get(), &HttpsClient::requestFinished, this,
+            [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
+                takeHead(header);
+                if (write(data, size))
+                    finish();
+            });
+        connect(m_client.get(), &HttpsClient::error, this, [this](int code) { m_nError = code; });
+        connect(m_client.get(), &HttpsClient::requestFailed, this, [this] { fail(); });
+    }
+
+    void send(const QString& method, const QByteArray& body, const QString& contentType)
+    {
+        HttpRequestHeader header(method, m_target.path);
+        header.addValue(QStringLiteral("Host"), m_target.authority());
+        header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
+        header.addValue(QStringLiteral("Accept"), QStringLiteral("*/*"));
+        SharedPoolBuffer content;
+        if (!contentType.isEmpty()) {
+            header.addValue(QStringLiteral("Content-Type"), contentType);
+            header.setContentLength(body.size());
+            content = m_pool->getBuffer();
+            content.setData(body.constData(), body.size());
+        }
+        // Credentials only in answer to a challenge: a password is not sent in the clear to who asks for
+        // none.
+        constexpr int kOwnAuthorization = 1;
+        m_client->request(header, true, &content, m_target.user, m_target.password, kOwnAuthorization);
+    }
+    // Unlike the others, a form carries credentials at once.
+    void sendForm(const QString& file, const QByteArray& content, const QString& contentType)
+    {
+        const QString disposition = QStringLiteral("name=\"file\"; filename=\"%1\"")
+                                        .arg(QFileInfo(file).fileName().remove(QLatin1Char('"')));
+        m_client->postMultipartFormData(
+            m_target.path, content, disposition, contentType, m_target.user, m_target.password);
+    }
+    ~GetCommand() override { m_pool->release(); }
+
+private:
+    void takeHead(const HttpResponseHeader& header)
+    {
+        if (m_nStatus != 0)
+            return;
+        m_nStatus = header.statusCode();
+        if (m_bHead)
+            Output::write(header.toString().toLatin1());
+    }
+    // Nothing more is wanted of an answer that cannot be written.
+    static bool write(const char* data, int size)
+    {
+        const bool bWritten = Output::write(QByteArray::fromRawData(data, size));
+        if (!bWritten)
+            QCoreApplication::exit(Exit::kWrite);
+        return bWritten;
+    }
+    void finish()
+    {
+        Output::flush(); // before what else is to be said
+        int code = Exit::kOk;
+        if (m_nStatus == 401) {
+            Output::complain((m_target.user.isEmpty() ? QStringLiteral("%1 asks for a user and a password")
+                                                      : QStringLiteral("%1 refuses this user or password"))
+                                 .arg(m_target.shown()));
+            code = Exit::kLoginDenied;
+        } else if (m_nStatus >= 400) {
+            Output::complain(QStringLiteral("%1 answered with status %2")
+                                 .arg(m_target.shown(), QString::number(m_nStatus)));
+            code = Exit::kHttpError;
+        }
+        QCoreApplication::exit(code);
+    }
+    void fail()
+    {
+        int code = Exit::kNoConnection;
+        QString reason = m_client->errorString();
+        if (m_nError == 11001) {
+            code = Exit::kNoHost;
+            reason = QStringLiteral("no host \"%1\" is known").arg(m_target.host);
+        } else if (m_nError == 0) {
+            code = Exit::kLost;
+            reason = QStringLiteral("the connection was lost before the answer was complete");
+        } else if (m_nError == 10053) {
+            const bool bConnected = !m_client->lastPeerAddress().isNull();
+            code = bConnected ? Exit::kLost : Exit::kTls;
+        } else if (m_target.bTls && m_nError == 10013) {
+            code = Exit::kCertificate;
+        } else if (m_target.bTls && m_nError == 5) {
+            code = Exit::kTimeout;
+        }
+        Output::complain(QStringLiteral("%1: %2").arg(m_target.shown(), reason));
+        QCoreApplication::exit(code);
+    }
+
+    Target m_target;
+    bool m_bHead;
+    int m_nStatus = 0;
+    int m_nError = 0;
+    SharedBufferPool* m_pool = new SharedBufferPool; // released, never deleted
+    std::unique_ptr<HttpsClient> m_client;
+};
+
+void addOptions(QCommandLineParser& parser)
+{
+    parser.setApplicationDescription(
+        QStringLiteral("Sends one request and writes the answer's body to standard output.\n"
+                       "Credentials in the URL answer a Basic or Digest challenge."));
+    parser.addPositionalArgument(
+        QStringLiteral("URL"), QStringLiteral("http[s]://user:password@host:port/path"));
+    parser.addOptions({
+        {{QStringLiteral("i"), QStringLiteral("include")}, QStringLiteral("Write the head too.")},
+        {QStringLiteral("post"), QStringLiteral("POST the content of FILE (- for standard input)."),
+            QStringLiteral("FILE")},
+        {QStringLiteral("put"), QStringLiteral("PUT the content of FILE."), QStringLiteral("FILE")},
+        {QStringLiteral("form"), QStringLiteral("Upload FILE as a form's field \"file\"."),
+            QStringLiteral("FILE")},
+        {QStringLiteral("type"), QStringLiteral("Content type of that file."), QStringLiteral("TYPE"),
+            QStringLiteral("application/octet-stream")},
+    });
+    addTlsOptions(parser);
+}
+
+// The method and the body that the options name; a code to end with when they cannot be had.
+std::optional<int> readBody(const QCommandLineParser& parser, QString* method, QByteArray* body)
+{
+    QString name;
+    for (const char* option : {"post", "put", "form"}) {
+        if (!parser.isSet(QLatin1String(option)))
+            continue;
+        if (!name.isNull()) {
+            Output::complain(QStringLiteral("get takes one of --post, --put and --form"));
+            return Exit::kUsage;
+        }
+        *method = QString::fromLatin1(option).toUpper();
+        name = parser.value(QLatin1String(option));
+    }
+    if (*method == QLatin1String("GET"))
+        return std::nullopt;
+    QString problem;
+    if (readInput(name, kLargestBody, body, &problem))
+        return std::nullopt;
+    Output::complain(problem);
+    return Exit::kRead;
+}
+} // namespace
+
+int runGet(const QStringList& arguments)
+{
+    QCommandLineParser parser;
+    addOptions(parser);
+    if (const auto code = readOptions(parser, "get", arguments, {1, 1, "one URL"}))
+        return *code;
+    Target target;
+    QString problem;
+    if (!Target::parse(parser.positionalArguments().first(), &target, &problem)) {
+        Output::complain(problem);
+        return Exit::kUsage;
+    }
+    if (!checkTlsOptions(parser))
+        return Exit::kRead;
+    applyTlsOptions(parser, &target);
+    QString method = QStringLiteral("GET");
+    QByteArray body;
+    if (const auto code = readBody(parser, &method, &body))
+        return *code;
+    GetCommand command(target, parser.isSet(QStringLiteral("include")));
+    const QString type = parser.value(QStringLiteral("type"));
+    if (parser.isSet(QStringLiteral("form")))
+        command.sendForm(parser.value(QStringLiteral("form")), body, type);
+    else
+        command.send(method, body, method == QLatin1String("GET") ? QString() : type);
+    return QCoreApplication::exec();
+}

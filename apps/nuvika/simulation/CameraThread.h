@@ -1,0 +1,23 @@
+// Simulated cameras on a thread of their own, so that the recorder's thread does the recorder's work only.
+#pragma once
+
+#include "SimulatedCamera.h"
+
+#include <QtCore/QThread>
+
+class CameraThread : public QThread
+{
+public:
+    CameraThread(int count, const SimulatedCamera::Media& media);
+    ~CameraThread() override;
+
+    // Of those that could listen: the first ones.
+    const std::vector<unsigned short>& ports() const { return m_ports; }
+
+private:
+    void makeCameras(int count, const SimulatedCamera::Media& media);
+
+    QObject m_context; // lives on the thread
+    std::vector<std::unique_ptr<SimulatedCamera>> m_cameras;
+    std::vector<unsigned short> m_ports;
+};
