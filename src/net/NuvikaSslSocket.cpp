@@ -79,7 +79,7 @@ void NuvikaSslSocket::stallRecv() { d->stall(); }
 
 void NuvikaSslSocket::resumeRecv() { d->resume(); }
 
-void ReceivePlacer::set(NuvikaSslSocket&, ReceivePlacer&) { }
+void ReceivePlacer::set(NuvikaSslSocket& socket, ReceivePlacer& placer) { socket.d->m_pPlacer = &placer; }
 
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
 

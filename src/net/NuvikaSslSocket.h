@@ -9,6 +9,11 @@
 
 #include <memory>
 
+namespace Nuvika
+{
+class ReceivePlacer;
+}
+
 /// A TLS connection on a Qt event loop, over a NuvikaTcpSocketQueued: a client (connectToHost()) or the
 /// server's end of an accepted connection (setSocketDescriptor()).
 ///
@@ -130,4 +135,5 @@ signals:
 private:
     class Private;
     std::unique_ptr<Private> d;
+    friend class Nuvika::ReceivePlacer;
 };

@@ -15,6 +15,7 @@ constexpr int kCloseMs = 500;
 NuvikaSslSocket::Private::Private(NuvikaSslSocket& owner, int nSendQueueHint)
     : m_socket(nSendQueueHint, false), m_owner(owner)
 {
+    ReceivePlacer::set(m_socket, m_encrypted);
     m_handshakeTimer.setInterval(kHandshakeTickMs);
     m_closeTimer.setSingleShot(true);
     m_closeTimer.setInterval(kCloseMs);

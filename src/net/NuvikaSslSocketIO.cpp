@@ -1,5 +1,6 @@
 #include "net/NuvikaSslSocket_p.h"
 
+#include <algorithm>
 #include <utility>
 
 using namespace Nuvika;
@@ -65,10 +66,7 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
         return true;
     const ReadBuffer buffer;
     for (;;) {
-        int got = 0;
-        const TlsSession::Result result = readSome(buffer.data(), &got);
-        if (got > 0)
-            emit m_owner.dataReceived(buffer.data(), got, Marker());
+        const TlsSession::Result result = deliverSome(buffer.data());
         if (watch.holds() && waitingHasEnded() && canSend())
             emit m_owner.sigCanSend();
         if (!watch.holds())
@@ -97,10 +95,27 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
     }
 }
 
-TlsSession::Result NuvikaSslSocket::Private::readSome(char* buffer, int* got)
+// Plain text goes where the reader wants it, else through the buffer.
+TlsSession::Result NuvikaSslSocket::Private::deliverSome(char* buffer)
+{
+    const iovec target = m_pPlacer != nullptr ? m_pPlacer->target() : iovec{};
+    const bool bPlaced = target.iov_len > 0;
+    int got = 0;
+    const TlsSession::Result result = bPlaced ? readSome(static_cast<char*>(target.iov_base),
+                                          std::min<std::size_t>(target.iov_len, kReadSize), &got)
+                                              : readSome(buffer, kReadSize, &got);
+    if (got > 0 && bPlaced)
+        m_pPlacer->placed(std::exchange(got, 0));
+    else if (got == 0)
+        return result;
+    emit m_owner.dataReceived(buffer, got, Marker());
+    return result;
+}
+
+TlsSession::Result NuvikaSslSocket::Private::readSome(char* buffer, std::size_t size, int* got)
 {
     m_bReading = true;
-    const TlsSession::Result result = m_pSession->read(buffer, kReadSize, got);
+    const TlsSession::Result result = m_pSession->read(buffer, static_cast<int>(size), got);
     m_bReading = false;
     return result == TlsSession::eFailed || m_pSession->writeWaiting() ? result : TlsSession::eFailed;
 }

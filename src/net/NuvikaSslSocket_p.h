@@ -6,6 +6,7 @@
 
 #include "core/Watched_p.h"
 #include "net/PendingInput_p.h"
+#include "net/ReceivePlacer_p.h"
 #include "net/TlsSession_p.h"
 
 #include <QtCore/QTimer>
@@ -33,6 +34,7 @@ public:
     NuvikaTcpSocket::STATE state() const;
 
     NuvikaTcpSocketQueued m_socket;
+    Nuvika::ReceivePlacer* m_pPlacer = nullptr; // of who reads the plain text
     QString m_certificateFileName;
     QString m_certificateFilePath;
     SslProtocol m_protocol = eSslAny12;
@@ -57,7 +59,8 @@ private:
     void received(const char* data, int size);
     bool continueHandshake(const Nuvika::Watched::Watch& watch);
     bool deliver(const Nuvika::Watched::Watch& watch);
-    Nuvika::TlsSession::Result readSome(char* buffer, int* got);
+    Nuvika::TlsSession::Result deliverSome(char* buffer);
+    Nuvika::TlsSession::Result readSome(char* buffer, std::size_t size, int* got);
     bool waitingHasEnded();
     void tcpEnded(int code); // 0: in good order
     void closeCompleted();
@@ -80,6 +83,7 @@ private:
     QTimer m_closeTimer;
     std::function<void()> m_postponedConnect; // until the pending close has completed
     Nuvika::PendingInput m_input{*this};
+    Nuvika::ReceivePlacer m_encrypted; // takes what the two receives of the TCP socket would take in one
     bool m_bStalled = false; // by the user, from the handshake's end on
     bool m_bEndOfData = false; // TCP's end is still to be sent
     bool m_bReading = false; // what leaves now is nobody's wish but the peer's
