@@ -78,6 +78,7 @@ void NuvikaSslSocket::stallRecv() { d->stall(); }
 
 void NuvikaSslSocket::resumeRecv() { d->resume(); }
 
+bool NuvikaSslSocket::notifyWhenAllSent() { return d->notifyWhenAllSent(); }
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
 
 // --- queries ---------------------------------------------------------------------------------------------

@@ -54,6 +54,8 @@ public:
     bool isReading() const { return m_bReading; }
     bool isEmpty() const { return waiting() == 0; }
     bool hasEnded() const { return m_end.has_value(); }
+    // Bytes or the end came behind those that readInput() is reading.
+    bool hasMore() const { return !m_arrived.isEmpty() || hasEnded(); }
 
 private:
     int waiting() const { return m_front.size() - m_nRead + m_arrived.size(); }
