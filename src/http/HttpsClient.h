@@ -79,6 +79,10 @@ public:
     QString errorString() const;
     /// Of the last TLS handshake, also when it was refused.
     NuvikaSslSocket::PeerCertificate peerCertificate() const;
+    /// Of the answer that requestFinished() told last: its body ended with the connection, and that ended
+    /// without TLS's goodbye or by an error(). Somebody on the path may have cut it off; many cameras just
+    /// never say goodbye, so that it is no failure.
+    bool lastAnswerMayBeCut() const;
 
 signals:
     /// Not for a 401.
