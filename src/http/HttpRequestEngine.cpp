@@ -87,8 +87,8 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
         setAuthorization(request.header, HttpCredentials::basic(user, password));
     request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
         && request.body.isEmpty();
-    request.nUploadLeft = static_cast<long long>(header.contentLength())
-        - static_cast<long long>(request.body.getBufferSize());
+    const long long length = header.value(QStringLiteral("content-length")).toLongLong(); // above 4 GiB, too
+    request.nUploadLeft = length - request.body.getBufferSize();
     request.bUpload = request.bUploadChunked || (header.hasContentLength() && request.nUploadLeft > 0);
     return enqueue(std::move(request));
 }

@@ -14,7 +14,7 @@ bool isBeyondLatin1(QChar c) { return c.unicode() > 0xFF; }
 
 QString problem(const char* what, const char* why) { return QLatin1String(what) + QLatin1String(why); }
 
-bool isForRequestLine(char c)
+bool isForRequestLine(int c)
 {
     constexpr char kNever[] = "\"#<>\\^`{|}";
     return c > ' ' && c < 0x7F && std::find(std::begin(kNever), std::end(kNever), c) == std::end(kNever);
@@ -23,6 +23,8 @@ bool isForRequestLine(char c)
 
 QString HttpRequests::encodedPath(const QString& path)
 {
+    if (std::all_of(path.begin(), path.end(), [](QChar c) { return isForRequestLine(c.unicode()); }))
+        return path;
     QString encoded;
     encoded.reserve(path.size());
     for (const char c : path.toUtf8()) {
