@@ -104,19 +104,6 @@ int HttpRequestEngine::request(
     return request(header, false, &body, user, password, 0);
 }
 
-// A Connection value with a line end of its own ends the head: what stands behind it is lost.
-void HttpRequestEngine::setAuthorization(HttpRequestHeader& header, const QByteArray& value)
-{
-    const QString connection = QStringLiteral("Connection");
-    const QString ending = header.value(connection);
-    const bool bEndsHead = ending.endsWith(QLatin1Char('\n'));
-    if (bEndsHead)
-        header.removeValue(connection);
-    header.setValue(HttpCredentials::field(), QString::fromLatin1(value));
-    if (bEndsHead)
-        header.addValue(connection, ending);
-}
-
 void HttpRequestEngine::discardNonePendingRequest(int id)
 {
     const auto found
@@ -199,24 +186,6 @@ void HttpRequestEngine::beginFront()
 bool HttpRequestEngine::isConnectionStale() const
 {
     return m_bUsed && (m_input.hasMore() || m_transport.hasPendingInput());
-}
-
-void HttpRequestEngine::updateAuthorization(Request& request)
-{
-    const HttpRequestHeader& header = request.header;
-    if (!m_authenticator.isNull() && !request.bOwnAuthorization && !request.bAuthorizationReady) {
-        const QByteArray body = QByteArray::fromRawData(
-            static_cast<const char*>(request.body.getBuffer()), request.body.getBufferSize());
-        const QByteArray value = m_authenticator.nextDigestMd5Response(header.method().toLatin1(),
-            header.path().toLatin1(), request.user.toLatin1(), request.password.toLatin1(), body);
-        setAuthorization(request.header, value);
-        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;updated \"Authorization\":%s",
-            request.nId, value.constData());
-    } else if (header.hasKey(HttpCredentials::field())) {
-        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;preset \"Authorization\":%s",
-            request.nId, qUtf8Printable(header.value(HttpCredentials::field())));
-    }
-    request.bAuthorizationReady = false;
 }
 
 void HttpRequestEngine::writeRequest(Request& request)

@@ -1,9 +1,7 @@
-// The receiving half of the request engine: what the server answers, and the one answer to a 401.
+// The receiving half of the request engine: what the server answers.
 #include "http/HttpRequestEngine_p.h"
 
 #include "core/Log_p.h"
-#include "http/HttpChallenge_p.h"
-#include "http/HttpCredentials_p.h"
 #include "http/HttpLimits_p.h"
 #include "platform/ErrorCodes_p.h"
 
@@ -15,21 +13,6 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr int kMax401 = 1;
-
-// The values of a field in raw head bytes, as they came.
-QList<QByteArray> rawFieldValues(const char* head, int size, const char* name)
-{
-    const QByteArray prefix = QByteArray(name) + ':';
-    QList<QByteArray> values;
-    for (const QByteArray& line : QByteArray::fromRawData(head, size).split('\n')) {
-        if (line.size() >= prefix.size()
-            && qstrnicmp(line.constData(), prefix.constData(), uint(prefix.size())) == 0)
-            values.append(line.mid(prefix.size()).trimmed());
-    }
-    return values;
-}
-
 bool areLineEnds(const char* data, int size)
 {
     return std::all_of(data, data + size, [](char c) { return c == '\r' || c == '\n'; });
@@ -124,26 +107,6 @@ void HttpRequestEngine::handleHead()
         const auto header = m_pResponseHeader;
         m_listener.responseHeader(front.nId, *header);
     }
-}
-
-// What the status says about credentials.
-void HttpRequestEngine::handleLogin(HttpBody* body)
-{
-    Request& front = m_requests.front();
-    const int status = m_pResponseHeader->statusCode();
-    const bool bDenied = status == 400 || status == 401 || status == 403;
-    if (std::exchange(m_bChallengeOnTrial, false) && bDenied)
-        m_authenticator.reset(); // kept is only what was accepted
-    if (status != 401) {
-        front.m_authFailedCounter = 0;
-        return;
-    }
-    m_bRetry401 = ++front.m_authFailedCounter <= kMax401 && !front.bUploadStarted;
-    m_challenge = chooseChallenge(rawFieldValues(m_reader.data(), m_reader.size(), "WWW-Authenticate"));
-    if (m_bRetry401)
-        body->bMultipart = false;
-    else
-        m_authenticator.reset();
 }
 
 HttpBody HttpRequestEngine::bodyOf(const Request& request)
@@ -310,24 +273,4 @@ void HttpRequestEngine::keepOrClose()
     else
         m_state = eConnected;
     m_bUsed = true;
-}
-
-// --- 401 -----------------------------------------------------------------------------------------------
-
-void HttpRequestEngine::prepareRetry()
-{
-    Request& front = m_requests.front();
-    front.bPending = false;
-    m_bCloseAfterResponse = m_bCloseAfterResponse || front.owesBody();
-    const QByteArray body = QByteArray::fromRawData(
-        static_cast<const char*>(front.body.getBuffer()), front.body.getBufferSize());
-    m_authenticator.reset();
-    QByteArray value = m_authenticator.digestMd5Response(m_challenge, front.header.method().toLatin1(),
-        front.header.path().toLatin1(), front.user.toLatin1(), front.password.toLatin1(), body);
-    m_bChallengeOnTrial = !value.isEmpty();
-    if (value.isEmpty() && !front.user.isEmpty() && !front.password.isEmpty())
-        value = HttpCredentials::basic(front.user, front.password);
-    if (!value.isEmpty())
-        setAuthorization(front.header, value);
-    front.bAuthorizationReady = true;
 }
