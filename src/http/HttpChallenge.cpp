@@ -134,7 +134,7 @@ QByteArray Nuvika::chooseQop(const QByteArray& list)
 {
     Bytes chosen;
     for (const Bytes& item : list.split(',')) {
-        const Bytes token = item.trimmed().toLower();
+        Bytes token = item.trimmed().toLower();
         if (token == "auth")
             return token;
         if (token == "auth-int" || chosen != "auth-int")

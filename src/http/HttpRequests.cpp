@@ -46,7 +46,7 @@ QString HttpRequests::problemOfText(const char* what, const QString& text)
 
 QString HttpRequests::problemOfLine(const char* what, const QString& text)
 {
-    const QString found = problemOfText(what, text);
+    QString found = problemOfText(what, text);
     if (!found.isEmpty())
         return found;
     if (std::any_of(text.begin(), text.end(), isBeyondLatin1))
