@@ -18,6 +18,8 @@ public:
             const std::shared_ptr<const int> session = m_pSession.lock();
             return session && *session == m_nSession;
         }
+        // The object is there, in whatever session.
+        bool lives() const { return !m_pSession.expired(); }
 
     private:
         friend class Watched;

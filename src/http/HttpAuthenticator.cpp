@@ -48,21 +48,6 @@ void appendQuoted(QByteArray* target, const QByteArray& text)
     }
     *target += '"';
 }
-
-QString chooseQop(const QByteArray& list)
-{
-    QString chosen;
-    for (const QByteArray& item : list.split(',')) {
-        const QByteArray token = item.trimmed().toLower();
-        if (token == "auth")
-            return QStringLiteral("auth");
-        if (token == "auth-int")
-            chosen = QStringLiteral("auth-int");
-        else if (chosen != QLatin1String("auth-int"))
-            chosen = QString::fromLatin1(token);
-    }
-    return chosen;
-}
 } // namespace
 
 void HttpAuthenticator::reset() { *this = HttpAuthenticator(); }
@@ -85,10 +70,9 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
         else if (parameter.first == "realm")
             parsed.m_realm = value;
         else if (parameter.first == "qop")
-            parsed.m_qop = chooseQop(parameter.second);
+            parsed.m_qop = QString::fromLatin1(chooseQop(parameter.second));
     }
-    if (!parsed.m_qop.isEmpty() && parsed.m_qop != QLatin1String("auth")
-        && parsed.m_qop != QLatin1String("auth-int")) {
+    if (!isSupportedQop(parsed.m_qop.toLatin1())) {
         NUVIKA_WARNING(lcHttp, "HttpAuthenticator::parseChallenge: [%s] unsupported qop '%s'!", kTag,
             qUtf8Printable(parsed.m_qop));
         return false;

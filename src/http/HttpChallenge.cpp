@@ -1,5 +1,7 @@
 #include "http/HttpChallenge_p.h"
 
+#include <algorithm>
+
 namespace
 {
 using Bytes = QByteArray;
@@ -64,18 +66,35 @@ QList<Bytes> splitChallenges(const Bytes& value)
     return challenges;
 }
 
+constexpr int kNotAnswerable = -1;
+
+bool isBasic(const Bytes& challenge)
+{
+    const Bytes word = challenge.trimmed().left(6).toLower();
+    return word.startsWith("basic") && (word.size() == 5 || isBlank(word.at(5)));
+}
+
 int rank(const Bytes& challenge)
 {
+    // Parts of it are sent back: no byte may end our line there.
+    if (std::any_of(challenge.begin(), challenge.end(),
+            [](char c) { return c != '\t' && static_cast<unsigned char>(c) < ' '; }))
+        return kNotAnswerable;
     int at = 0;
     if (!Nuvika::isDigestChallenge(challenge, &at))
-        return 0;
+        return isBasic(challenge) ? 0 : kNotAnswerable;
+    int best = 1;
     for (const auto& parameter : Nuvika::parseChallengeParameters(challenge.mid(at))) {
-        if (parameter.first == "algorithm") {
-            const Bytes algorithm = parameter.second.toLower();
-            return algorithm == "md5" || algorithm == "md5-sess" ? 3 : 1;
+        const Bytes value = parameter.second.toLower();
+        if (parameter.first == "algorithm" && !value.isEmpty()) {
+            if (value != "md5" && value != "md5-sess")
+                return kNotAnswerable;
+            best = 2;
+        } else if (parameter.first == "qop" && !Nuvika::isSupportedQop(Nuvika::chooseQop(value))) {
+            return kNotAnswerable;
         }
     }
-    return 2;
+    return best;
 }
 } // namespace
 
@@ -111,15 +130,34 @@ bool Nuvika::isDigestChallenge(const QByteArray& challenge, int* parametersAt)
     return true;
 }
 
+QByteArray Nuvika::chooseQop(const QByteArray& list)
+{
+    Bytes chosen;
+    for (const Bytes& item : list.split(',')) {
+        Bytes token = item.trimmed().toLower();
+        if (token == "auth")
+            return token;
+        if (token == "auth-int" || chosen != "auth-int")
+            chosen = token;
+    }
+    return chosen;
+}
+
+bool Nuvika::isSupportedQop(const QByteArray& qop)
+{
+    return qop.isEmpty() || qop == "auth" || qop == "auth-int";
+}
+
 QByteArray Nuvika::chooseChallenge(const QList<QByteArray>& fieldValues)
 {
     Bytes best;
-    int bestRank = -1;
+    int bestRank = kNotAnswerable;
     for (const Bytes& value : fieldValues) {
         for (const Bytes& challenge : splitChallenges(value)) {
-            if (rank(challenge) > bestRank) {
+            const int r = rank(challenge);
+            if (r > bestRank) {
                 best = challenge;
-                bestRank = rank(challenge);
+                bestRank = r;
             }
         }
     }

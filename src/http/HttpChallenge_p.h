@@ -13,7 +13,12 @@ QList<QPair<QByteArray, QByteArray>> parseChallengeParameters(const QByteArray& 
 // Begins with "digest" as a word of its own, in any case, behind blanks. Gives the offset behind the word.
 bool isDigestChallenge(const QByteArray& challenge, int* parametersAt);
 
+// The one of a list that is taken: "auth" before "auth-int" before any other, in lower case.
+QByteArray chooseQop(const QByteArray& list);
+bool isSupportedQop(const QByteArray& qop);
+
 // The challenge of a 401 that can be answered best: Digest with MD5 or MD5-sess, Digest without an algorithm,
-// another Digest, and else the first. One field may hold several challenges.
+// Basic; in what order they stand does not matter, but among equals the first. Empty when there is none. One
+// field may hold several challenges.
 QByteArray chooseChallenge(const QList<QByteArray>& fieldValues);
 } // namespace Nuvika

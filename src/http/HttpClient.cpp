@@ -37,6 +37,7 @@ HttpClient::HttpClient(
         Qt::DirectConnection);
     connect(socket, &NuvikaTcpSocketQueued::disconnected, this, &HttpClient::slotSockDisconnected);
     connect(socket, &NuvikaTcpSocketQueued::error, this, &HttpClient::slotSockError);
+    connect(socket, &NuvikaTcpSocketQueued::sigAllSent, this, [this] { d->engine.allSent(); });
 }
 
 HttpClient::~HttpClient() { d->engine.shutdown(true); }
@@ -103,7 +104,7 @@ QHostAddress HttpClient::lastLocalAddress() const { return d->engine.lastLocalAd
 
 QHostAddress HttpClient::lastPeerAddress() const { return d->engine.lastPeerAddress(); }
 
-QString HttpClient::errorString() const { return d->m_problem; }
+QString HttpClient::errorString() const { return d->engine.problem(); }
 
 // --- the socket ----------------------------------------------------------------------------------------
 
@@ -114,6 +115,6 @@ void HttpClient::slotSockDataReceived(const char* pData, int size, NuvikaTcpSock
     d->engine.dataReceived(pData, size);
 }
 
-void HttpClient::slotSockDisconnected() { d->engine.disconnected(); }
+void HttpClient::slotSockDisconnected() { d->engine.disconnected(HttpRequestEngine::eAnnounced); }
 
 void HttpClient::slotSockError(int errorCode) { d->engine.socketError(errorCode, d->socket.errorString()); }

@@ -25,20 +25,35 @@
 /// Threads: owned by the thread that made it, which needs an event loop; the library must be initialised for
 /// host names. Content pointers hold during the emission only.
 /// Lifetime: a handler of any signal may shut down or delete the client, or queue further requests.
+///
+/// Paths: characters that cannot stand in a request line are percent-encoded, those beyond ASCII as UTF-8;
+/// what is encoded stays. A request that would not arrive as it was meant (a line end in a path, a field or a
+/// user name, characters beyond Latin-1 in fields or credentials) is not sent: a warning in the log, and
+/// requestFailed() from the event loop.
+///
 /// Errors: a request whose connection is lost three times, whose answer is no HTTP or exceeds a limit
-/// (setReadLimits()), ends in requestFailed(); error() tells the code
-/// (10053 for an answer that cannot be read). A 401 is answered once with credentials; a second one is
-/// delivered by requestFinished(). There is no time limit on an answer: shutdown() ends a request that takes
-/// too long.
+/// (setReadLimits()), ends in requestFailed(), and errorString() tells why; error() tells the code, where
+/// there is one (10053 for an answer that cannot be read). There is no time limit on an answer: shutdown()
+/// ends a request that takes too long.
+///
+/// Repetitions: a request whose connection is lost is sent again, whatever it asks for: a POST may act three
+/// times. An answer that was being delivered begins anew, with another responseHeaderReceived() and all its
+/// pieces. Only an upload of which pieces were sent is given up at once. A failed connect counts as a loss,
+/// and so does a refused certificate or any failed set-up of TLS: three error() for one request then.
+///
+/// Credentials: a 401 is answered once, by the best challenge that can be: Digest with MD5, else Basic. A
+/// second one in a row is delivered by requestFinished(). A challenge is kept for the requests that follow
+/// when its answer was accepted.
 class KEPNUVIKAUTIL_EXPORT HttpClient : public QObject
 {
     Q_OBJECT
 public:
+    /// \a host: a name or an address; an IPv6 address with or without brackets.
     HttpClient(const QString& host, unsigned short port, bool keepAlive, QObject* parent = nullptr);
     /// \a sendQueueHint as in NuvikaTcpSocket.
     HttpClient(const QString& host, unsigned short port, bool keepAlive, int sendQueueHint,
         QObject* parent = nullptr);
-    /// As shutdown().
+    /// As shutdown(). A handler of requestCancelled() must not delete the client again.
     ~HttpClient() override;
 
     /// Sends a head as it stands, with a body. \a authMode 1 leaves the head's own "Authorization" alone;
@@ -56,18 +71,22 @@ public:
         const QString& user, const QString& password, bool keepAlive);
 
     /// Sends a further piece of the upload that is at the front of the queue; \a last: the body is complete,
-    /// and the answer is awaited as for any request. False when that is not the request being sent.
+    /// and the answer is awaited as for any request. False when that is not the request being sent, and for
+    /// more than was announced or behind the last piece. A server that answers before the body is complete
+    /// ends the request; its connection is closed then.
     bool sendUploadContentChunk(int id, const char* data, int size, bool last);
     /// The other end of an upload: the client half-closes, ignores what the server still sends, and emits
-    /// sendEndOfUploadContentFinished() at the connection's end (after 5 s at the latest). The request has
-    /// left the queue then.
+    /// sendEndOfUploadContentFinished() at the connection's end, 5 s after everything has left at the latest.
+    /// The request has left the queue then. error() before it: the connection ended earlier, and the upload
+    /// was cut.
     void sendEndOfUploadContent();
 
     /// Queued requests, the one being sent included.
     int numOfPendingRequests() const;
     /// Removes a request that was not written yet; no signal follows.
     void discardNonePendingRequest(int id);
-    /// Removes every request, with requestCancelled() for each, and closes the connection.
+    /// Closes the connection and removes every request, with requestCancelled() for each. What a handler of
+    /// that queues is a new request.
     void shutdown();
 
     /// For the answers to come; see HttpReadLimits for the defaults.
@@ -75,7 +94,8 @@ public:
 
     QHostAddress lastLocalAddress() const;
     QHostAddress lastPeerAddress() const;
-    /// Why error() was last emitted, in words.
+    /// Why a request failed, a connection was lost or error() was emitted last, in words. Empty once another
+    /// request has begun.
     QString errorString() const;
 
 signals:

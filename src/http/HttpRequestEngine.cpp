@@ -1,45 +1,81 @@
+// The queue of the request engine: what is asked, and when it goes out.
 #include "http/HttpRequestEngine_p.h"
 
 #include "core/Log_p.h"
 #include "http/HttpCredentials_p.h"
-#include "http/HttpLimits_p.h"
+#include "http/HttpRequests_p.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 using namespace Nuvika;
 
 namespace
 {
 constexpr int kBodyWithHead = 1024; // shorter bodies leave in one write with the head
-constexpr int kMaxLosses = 3;
-constexpr qint64 kFreshMs = 2; // a connection that was just heard of is not looked at again
-constexpr int kUploadEndMs = 5000;
+
+QString withoutBrackets(const QString& host)
+{
+    const bool bBrackets = host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'));
+    return bBrackets ? host.mid(1, host.size() - 2) : host;
+}
 } // namespace
 
 HttpRequestEngine::HttpRequestEngine(const char* traceName, HttpTransport& transport,
     HttpRequestListener& listener, const QString& host, unsigned short port)
-    : m_traceName(traceName), m_transport(transport), m_listener(listener), m_host(host), m_nPort(port)
+    : m_traceName(traceName), m_transport(transport), m_listener(listener), m_host(withoutBrackets(host)),
+      m_nPort(port)
 {
     m_transport.setPlacer(*this);
-    m_idle.start();
     m_uploadEndTimer.setSingleShot(true);
-    QObject::connect(&m_uploadEndTimer, &QTimer::timeout, &m_uploadEndTimer, [this] { endUpload(); });
+    m_refusalTimer.setSingleShot(true);
+    QObject::connect(&m_uploadEndTimer, &QTimer::timeout, &m_uploadEndTimer, [this] { endUpload(false); });
+    QObject::connect(&m_refusalTimer, &QTimer::timeout, &m_refusalTimer, [this] { failRefused(); });
 }
 
-// No port on 80, the port everywhere else, 443 included.
+// No port on 80, the port everywhere else, 443 included. An IPv6 address stands in brackets, without its
+// scope, which is nobody else's business (RFC 6874).
 QString HttpRequestEngine::hostField() const
 {
-    return m_nPort == 80 ? m_host : m_host + QLatin1Char(':') + QString::number(m_nPort);
+    const bool bAddress = m_host.contains(QLatin1Char(':'));
+    const QString host
+        = bAddress ? QLatin1Char('[') + m_host.section(QLatin1Char('%'), 0, 0) + QLatin1Char(']') : m_host;
+    return m_nPort == 80 ? host : host + QLatin1Char(':') + QString::number(m_nPort);
 }
 
-// --- the queue -----------------------------------------------------------------------------------------
+// --- asking ----------------------------------------------------------------------------------------------
+
+int HttpRequestEngine::enqueue(Request request)
+{
+    const int id = ++m_nLastId;
+    request.nId = id;
+    if (!request.problem.isEmpty()) {
+        NUVIKA_WARNING(
+            lcHttp, "%s::request: refused: %s; id:%d", m_traceName, qUtf8Printable(request.problem), id);
+        m_refusalTimer.start(0);
+    }
+    m_requests.push_back(std::move(request));
+    triggerNextRequest();
+    return id;
+}
+
+int HttpRequestEngine::refuse(const QString& problem)
+{
+    Request request;
+    request.problem = problem;
+    return enqueue(std::move(request));
+}
 
 int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
     const QString& user, const QString& password, int nAuthMode)
 {
     Request request;
-    request.nId = ++m_nLastId;
+    request.problem = HttpRequests::problemOf(header, user, password);
     request.header = header;
+    const QString path = HttpRequests::encodedPath(header.path());
+    if (path != header.path())
+        request.header.setRequest(header.method(), path, header.majorVersion(), header.minorVersion());
     request.bStream = bStream;
     if (body != nullptr)
         request.body = *body;
@@ -52,13 +88,10 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
         setAuthorization(request.header, HttpCredentials::basic(user, password));
     request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
         && request.body.isEmpty();
-    request.bUpload = request.bUploadChunked
-        || (header.hasContentLength()
-            && header.contentLength() > static_cast<unsigned int>(request.body.getBufferSize()));
-    const int id = request.nId;
-    m_requests.push_back(std::move(request));
-    triggerNextRequest();
-    return id;
+    const long long length = header.value(QStringLiteral("content-length")).toLongLong(); // above 4 GiB, too
+    request.nUploadLeft = length - request.body.getBufferSize();
+    request.bUpload = request.bUploadChunked || (header.hasContentLength() && request.nUploadLeft > 0);
+    return enqueue(std::move(request));
 }
 
 int HttpRequestEngine::request(
@@ -72,19 +105,6 @@ int HttpRequestEngine::request(
     return request(header, false, &body, user, password, 0);
 }
 
-// A Connection value with a line end of its own ends the head: what stands behind it is lost.
-void HttpRequestEngine::setAuthorization(HttpRequestHeader& header, const QByteArray& value)
-{
-    const QString connection = QStringLiteral("Connection");
-    const QString ending = header.value(connection);
-    const bool bEndsHead = ending.endsWith(QLatin1Char('\n'));
-    if (bEndsHead)
-        header.removeValue(connection);
-    header.setValue(HttpCredentials::field(), QString::fromLatin1(value));
-    if (bEndsHead)
-        header.addValue(connection, ending);
-}
-
 void HttpRequestEngine::discardNonePendingRequest(int id)
 {
     const auto found
@@ -95,70 +115,78 @@ void HttpRequestEngine::discardNonePendingRequest(int id)
     m_requests.erase(found);
 }
 
+// Cancelled are the requests of this moment; what a handler queues belongs to a new session.
 void HttpRequestEngine::shutdown(bool bTell)
 {
-    m_watched.endSession();
-    const Watched::Watch watch = m_watched.watch();
+    const std::deque<Request> removed = std::exchange(m_requests, {});
+    m_session.endSession();
     m_uploadEndTimer.stop();
-    while (!m_requests.empty()) {
-        const int id = m_requests.front().nId;
-        m_requests.pop_front();
+    closeConnection();
+    clearReceiveState();
+    const Watched::Watch watch = m_session.watch();
+    for (const Request& request : removed) {
         // The other client's text differs by two letters.
-        NUVIKA_DEBUG(
-            lcHttp, "%s::shutdown: %s pending request; id:%d", m_traceName, bTell ? "removed" : "remove", id);
-        if (!bTell)
-            continue;
-        m_listener.cancelled(id);
-        if (!watch.holds())
+        NUVIKA_DEBUG(lcHttp, "%s::shutdown: %s pending request; id:%d", m_traceName,
+            bTell ? "removed" : "remove", request.nId);
+        if (bTell)
+            m_listener.cancelled(request.nId);
+        if (!watch.lives())
             return;
     }
-    clearReceiveState();
-    m_sideInput.clear();
-    m_bParsing = false; // whoever parses sees the new session and leaves
-    m_bEndWaits = false;
-    m_state = eDisconnected;
-    m_transport.close();
 }
+
+// One for each turn of the event loop: a handler may queue another.
+void HttpRequestEngine::failRefused()
+{
+    const auto isRefused = [](const Request& r) { return !r.problem.isEmpty(); };
+    const auto found = std::find_if(m_requests.begin(), m_requests.end(), isRefused);
+    if (found == m_requests.end())
+        return;
+    if (std::any_of(std::next(found), m_requests.end(), isRefused))
+        m_refusalTimer.start(0);
+    const int id = found->nId;
+    m_problem = found->problem;
+    m_requests.erase(found);
+    const Watched::Watch watch = m_session.watch();
+    m_listener.failed(id);
+    if (watch.holds())
+        triggerNextRequest();
+}
+
+// --- sending ---------------------------------------------------------------------------------------------
 
 void HttpRequestEngine::triggerNextRequest()
 {
-    if (m_requests.empty())
+    if (m_requests.empty() || !m_requests.front().problem.isEmpty())
         return;
-    if (m_state == eConnected && m_idle.elapsed() > kFreshMs && m_transport.hasPendingInput()) {
-        // The server has ended the idle connection, or talks unasked: the next request takes a new one.
-        m_transport.close();
-        m_state = eDisconnected;
-    }
+    if (m_state == eConnected && isConnectionStale())
+        closeConnection();
     if (m_state == eDisconnected) {
         NUVIKA_DEBUG(lcHttp, "%s::triggerNextRequest(): connect to host %s; request id:%d", m_traceName,
             qUtf8Printable(m_host), m_requests.front().nId);
+        beginFront();
         m_state = eConnecting;
         m_transport.connectToHost(m_host, m_nPort);
         return;
     }
     if (m_state != eConnected)
         return;
+    beginFront();
     clearReceiveState();
     updateAuthorization(m_requests.front());
     writeRequest(m_requests.front());
 }
 
-void HttpRequestEngine::updateAuthorization(Request& request)
+void HttpRequestEngine::beginFront()
 {
-    const HttpRequestHeader& header = request.header;
-    if (!m_authenticator.isNull() && !request.bOwnAuthorization && !request.bAuthorizationReady) {
-        const QByteArray body = QByteArray::fromRawData(
-            static_cast<const char*>(request.body.getBuffer()), request.body.getBufferSize());
-        const QByteArray value = m_authenticator.nextDigestMd5Response(header.method().toLatin1(),
-            header.path().toLatin1(), request.user.toLatin1(), request.password.toLatin1(), body);
-        setAuthorization(request.header, value);
-        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;updated \"Authorization\":%s",
-            request.nId, value.constData());
-    } else if (header.hasKey(HttpCredentials::field())) {
-        NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;preset \"Authorization\":%s",
-            request.nId, qUtf8Printable(header.value(HttpCredentials::field())));
-    }
-    request.bAuthorizationReady = false;
+    if (!std::exchange(m_requests.front().bBegun, true))
+        m_problem.clear();
+}
+
+// The server has ended the kept connection, or says what nobody asked for.
+bool HttpRequestEngine::isConnectionStale() const
+{
+    return m_bUsed && (m_input.hasMore() || m_transport.hasPendingInput());
 }
 
 void HttpRequestEngine::writeRequest(Request& request)
@@ -175,157 +203,4 @@ void HttpRequestEngine::writeRequest(Request& request)
     m_transport.sendData(head.constData(), head.size());
     if (!bHeadCarriesBody && !request.body.isEmpty())
         m_transport.sendData(body, request.body.getBufferSize());
-}
-
-// --- uploads -------------------------------------------------------------------------------------------
-
-bool HttpRequestEngine::sendUploadContentChunk(int id, const char* data, int size, bool bLast)
-{
-    if (m_requests.empty() || m_requests.front().nId != id || !m_requests.front().bUpload
-        || !m_requests.front().bPending || m_state < eConnected || m_state == eUploadEnded || size < 0)
-        return false;
-    m_requests.front().bUploadStarted = true;
-    if (!m_requests.front().bUploadChunked)
-        return m_transport.sendData(data, size);
-    QByteArray framed;
-    if (size > 0)
-        framed = QByteArray::number(size, 16) + "\r\n" + QByteArray(data, size) + "\r\n";
-    if (bLast)
-        framed += "0\r\n\r\n";
-    return m_transport.sendData(framed.constData(), framed.size());
-}
-
-// The other ending of an upload: the server's answer is not awaited.
-void HttpRequestEngine::sendEndOfUploadContent()
-{
-    if (m_requests.empty() || !m_requests.front().bPending || m_state < eConnected || m_state == eUploadEnded)
-        return;
-    m_state = eUploadEnded;
-    m_transport.sendEndOfData();
-    m_uploadEndTimer.start(kUploadEndMs);
-}
-
-void HttpRequestEngine::endUpload()
-{
-    m_uploadEndTimer.stop();
-    if (m_state != eUploadEnded)
-        return;
-    m_transport.close();
-    m_state = eDisconnected;
-    if (!m_requests.empty())
-        m_requests.pop_front();
-    clearReceiveState();
-    const Watched::Watch watch = m_watched.watch();
-    m_listener.uploadEnded();
-    if (watch.holds())
-        triggerNextRequest();
-}
-
-// --- the connection ------------------------------------------------------------------------------------
-
-void HttpRequestEngine::connected()
-{
-    NUVIKA_ASSERT(m_state == eConnecting);
-    m_lastLocalAddress = m_transport.localAddress();
-    m_lastPeerAddress = m_transport.peerAddress();
-    m_state = eConnected;
-    m_idle.start();
-    triggerNextRequest();
-}
-
-void HttpRequestEngine::socketError(int code, const QString& problem)
-{
-    if (m_state == eDisconnected)
-        return;
-    NUVIKA_DEBUG(lcHttp, "%s::slotSockError: code:%d", m_traceName, code);
-    const Watched::Watch watch = m_watched.watch();
-    m_listener.socketError(code, problem);
-    if (!watch.holds())
-        return;
-    m_transport.close(); // out of the error state; its own end is not announced again
-    disconnected();
-}
-
-void HttpRequestEngine::disconnected()
-{
-    if (m_bParsing) { // in a loop that a handler runs: the bytes before the end come first
-        m_bEndWaits = true;
-        return;
-    }
-    NUVIKA_ASSERT(m_state != eDisconnected);
-    connectionLost();
-}
-
-void HttpRequestEngine::connectionLost()
-{
-    if (m_state == eUploadEnded) {
-        endUpload();
-        return;
-    }
-    const Watched::Watch watch = m_watched.watch();
-    const bool bComplete = isExchanging() && m_state != eWaitingHeader && m_reader.endOfStream();
-    if (bComplete || (isExchanging() && m_bRetry401)) { // a 401 is answered whatever became of its body
-        if (m_nExpectedContentLength == -1 && m_state == eWaitingContent) {
-            NUVIKA_DEBUG(lcHttp,
-                "%s::slotSockDisconnected(): if (m_state == eWaitingContent && m_nExpectedContentLength == "
-                "-1)",
-                m_traceName);
-            NUVIKA_ASSERT(!m_requests.empty());
-        }
-        if (m_bRetry401) {
-            NUVIKA_DEBUG(lcHttp,
-                "%s::slotSockDisconnected(): if (m_responseHeader.statusCode() == 401 && "
-                "m_requests.front().m_authFailedCounter <= 1)",
-                m_traceName);
-            prepareRetry();
-        } else {
-            NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected: remove request; id:%d", m_traceName,
-                m_requests.front().nId);
-            if (!deliverContent())
-                return;
-        }
-    } else if (m_state == eConnecting || isExchanging()) {
-        if (!countLoss())
-            return;
-    }
-    m_state = eDisconnected;
-    NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected(): eDisconnected", m_traceName);
-    clearReceiveState();
-    NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected(): triggerNextRequest()", m_traceName);
-    triggerNextRequest();
-}
-
-// The front request has lost its connection. False when nothing of this engine may be touched any more.
-bool HttpRequestEngine::countLoss()
-{
-    if (m_requests.empty())
-        return true;
-    Request& front = m_requests.front();
-    front.bPending = false;
-    ++front.m_requestFailedCounter;
-    if (front.m_requestFailedCounter < kMaxLosses && !front.bUploadStarted)
-        return true;
-    const int id = front.nId;
-    NUVIKA_DEBUG(
-        lcHttp, "%s::slotSockDisconnected(): req->m_requestFailedCounter >= 3; id:%d", m_traceName, id);
-    m_requests.pop_front();
-    m_state = eDisconnected;
-    const Watched::Watch watch = m_watched.watch();
-    m_listener.failed(id);
-    // The handler may have queued a request, which found no connection and has begun a new one.
-    return watch.holds() && m_state == eDisconnected;
-}
-
-void HttpRequestEngine::clearReceiveState()
-{
-    m_reader.reset();
-    m_content.clear();
-    if (m_nContent > static_cast<std::size_t>(HttpLimits::kKeptContent))
-        m_content.clearAndSqueeze(0); // one large body is no reason to keep its memory for ever
-    m_nContent = 0;
-    m_pWholeContent = nullptr;
-    m_nExpectedContentLength = -1;
-    m_bRetry401 = false;
-    m_bCloseAfterResponse = false;
-    m_challenge.clear();
 }

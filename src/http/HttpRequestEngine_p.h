@@ -3,7 +3,8 @@
 //
 // One request at a time over one connection that is kept where the server allows it. A 401 is answered once,
 // a connection lost three times gives the request up. Everything is reported to a listener, which may delete
-// the engine from inside any report.
+// the engine, shut it down or queue requests from inside any report: what must be true of the engine then is
+// true before the report, or `m_session` (until shutdown) and `m_connection` (one connection) tell.
 #pragma once
 
 #include <KepNuvikaUtil/HttpAuthenticator.h>
@@ -15,9 +16,9 @@
 #include "core/Watched_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpTransport_p.h"
+#include "net/PendingInput_p.h"
 #include "net/ReceivePlacer_p.h"
 
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
 
 #include <deque>
@@ -35,14 +36,14 @@ public:
     virtual void part(int id, const HttpResponseHeader& header, const char* type, const char* data, int size)
         = 0;
     virtual void chunk(int id, const HttpResponseHeader& header, const char* data, int size) = 0;
-    virtual void socketError(int code, const QString& problem) = 0;
+    virtual void socketError(int code) = 0;
     virtual void uploadEnded() = 0;
 
 protected:
     ~HttpRequestListener() = default;
 };
 
-class HttpRequestEngine final : public ReceivePlacer
+class HttpRequestEngine final : public ReceivePlacer, private InputReader
 {
 public:
     HttpRequestEngine(const char* traceName, HttpTransport& transport, HttpRequestListener& listener,
@@ -53,6 +54,8 @@ public:
         const QString& user, const QString& password, int nAuthMode);
     int request(const HttpRequestHeader& header, const QByteArray& content, const QString& user,
         const QString& password);
+    // A request that fails for this reason, from the event loop.
+    int refuse(const QString& problem);
     bool sendUploadContentChunk(int id, const char* data, int size, bool bLast);
     void sendEndOfUploadContent();
     int numOfPendingRequests() const { return static_cast<int>(m_requests.size()); }
@@ -68,14 +71,20 @@ public:
     QString hostField() const;
     QHostAddress lastLocalAddress() const { return m_lastLocalAddress; }
     QHostAddress lastPeerAddress() const { return m_lastPeerAddress; }
+    // Of the last failure, in words.
+    QString problem() const { return m_problem; }
+    // The answer that was finished last ended with a connection that ended unannounced.
+    bool mayAnswerBeCut() const { return m_bMayBeCut; }
 
     // Of the transport.
     iovec target() override;
     void placed(int bytes) override;
+    enum End { eAnnounced = 0, eUnannounced = 1 }; // of a TLS connection without a goodbye
     void connected();
-    void dataReceived(const char* data, int size);
-    void disconnected();
+    void dataReceived(const char* data, int size) { m_input.received(data, size); }
+    void disconnected(End end);
     void socketError(int code, const QString& problem); // `problem`: in words
+    void allSent();
 
 private:
     enum State {
@@ -91,73 +100,100 @@ private:
 
     struct Request {
         int nId = 0;
+        QString problem; // why it must not be sent
         HttpRequestHeader header;
         SharedPoolBuffer body;
         QString user;
         QString password;
+        bool bBegun = false;
         bool bPending = false;
         bool bStream = false;
         bool bUpload = false;
         bool bUploadChunked = false;
         bool bUploadStarted = false; // pieces have gone that nobody keeps: it cannot be sent again
+        bool bUploadComplete = false; // the last piece has gone
+        long long nUploadLeft = 0; // of the announced length
         bool bOwnAuthorization = false;
         bool bAuthorizationReady = false;
-        int m_authFailedCounter = 0;
+        int m_authFailedCounter = 0; // in a row
         int m_requestFailedCounter = 0;
+
+        bool owesBody() const { return bUpload && (bUploadChunked ? !bUploadComplete : nUploadLeft > 0); }
     };
 
+    // The queue.
+    int enqueue(Request request);
+    void failRefused();
     void triggerNextRequest();
+    void beginFront();
+    bool isConnectionStale() const;
     static void setAuthorization(HttpRequestHeader& header, const QByteArray& value);
     void updateAuthorization(Request& request);
     void writeRequest(Request& request);
+
+    // The connection.
+    int readInput(const char* data, int size) override;
+    void readEnd(int code) override;
+    void stallSource(bool bStall) override;
+    void closeConnection();
+    void connectionLost(bool bUnannounced, const QString& reason);
+    void countLoss(const QString& reason);
+    void connectionEnded();
     void clearReceiveState();
-    bool processInput();
-    bool handle(HttpMessageReader::Event event);
-    bool handleHead();
-    HttpBody bodyOf(const Request& request);
-    bool handleContent();
-    bool handlePart();
-    bool handleEnd();
-    bool collect(const char* data, int size);
-    bool deliverContent();
-    bool willRetry401() const;
-    void prepareRetry();
-    bool failFront(bool bClose);
-    bool finishFront(const char* content, int size);
-    void endExchange();
+    QString lossReason() const;
+    void endUpload(bool bCut);
+
+    // The answer.
     bool isExchanging() const { return m_state >= eWaitingHeader && m_state <= eWaitingChunk; }
-    bool parseSideInput();
-    void connectionLost();
-    bool countLoss();
-    void endUpload();
+    void handle(HttpMessageReader::Event event);
+    void handleHead();
+    void handleLogin(HttpBody* body);
+    HttpBody bodyOf(const Request& request);
+    void handleContent();
+    void handlePart();
+    void handleEnd();
+    bool collect(const char* data, int size);
+    bool isStreamedByLength() const;
+    Request takeFront();
+    void finishStreamed();
+    bool finishFront();
+    void failFront(const QString& problem, bool bClose);
+    void keepOrClose();
+    void prepareRetry();
 
     const char* m_traceName;
     HttpTransport& m_transport;
     HttpRequestListener& m_listener;
-    QString m_host;
+    QString m_host; // an IPv6 address without its brackets
     quint16 m_nPort;
     std::deque<Request> m_requests;
     int m_nLastId = 0;
     State m_state = eDisconnected;
+    bool m_bUsed = false; // the connection has carried an answer
     HttpReadLimits m_limits;
+    PendingInput m_input{*this};
+    QString m_endProblem; // of the end that waits there
     HttpMessageReader m_reader;
-    HttpResponseHeader m_responseHeader;
+    std::shared_ptr<const HttpResponseHeader> m_pResponseHeader; // a handler may hold on to it
     QByteArray m_challenge;
-    VariableBuffer m_content; // a collected body
+    std::unique_ptr<VariableBuffer> m_pContent = std::make_unique<VariableBuffer>(); // a collected body
     std::size_t m_nContent = 0;
     const char* m_pWholeContent = nullptr; // the body, when it came in one piece
     long long m_nExpectedContentLength = -1;
+    int m_nResponseContentOffset = 0;
     bool m_bRetry401 = false; // the body of this answer is swallowed
     bool m_bCloseAfterResponse = false;
+    bool m_bMayBeCut = false;
     HttpAuthenticator m_authenticator;
+    bool m_bChallengeOnTrial = false; // no answer has accepted it yet
     QHostAddress m_lastLocalAddress;
     QHostAddress m_lastPeerAddress;
-    QElapsedTimer m_idle; // since the last byte came
-    bool m_bParsing = false;
-    bool m_bEndWaits = false; // the connection ended while a handler was running
-    QByteArray m_sideInput; // received while a handler was running
+    QString m_problem;
+    bool m_bUploadSent = false; // all of it has left
     QTimer m_uploadEndTimer;
+    QTimer m_refusalTimer;
     PoolOwner m_pPool{new SharedBufferPool};
-    Watched m_watched;
+    Watched m_session;
+    Watched m_connection;
 };
 } // namespace Nuvika

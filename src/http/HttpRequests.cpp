@@ -1,6 +1,79 @@
 #include "http/HttpRequests_p.h"
 
+#include <algorithm>
+
 using namespace Nuvika;
+
+namespace
+{
+// The form upload's: it ends the head, as is wanted.
+const QLatin1String kEndingConnection("Keep-Alive\r\n");
+
+bool isLineEnd(QChar c) { return c == QLatin1Char('\r') || c == QLatin1Char('\n') || c.isNull(); }
+bool isBeyondLatin1(QChar c) { return c.unicode() > 0xFF; }
+
+QString problem(const char* what, const char* why) { return QLatin1String(what) + QLatin1String(why); }
+
+bool isForRequestLine(int c)
+{
+    constexpr char kNever[] = "\"#<>\\^`{|}";
+    return c > ' ' && c < 0x7F && std::find(std::begin(kNever), std::end(kNever), c) == std::end(kNever);
+}
+} // namespace
+
+QString HttpRequests::encodedPath(const QString& path)
+{
+    if (std::all_of(path.begin(), path.end(), [](QChar c) { return isForRequestLine(c.unicode()); }))
+        return path;
+    QString encoded;
+    encoded.reserve(path.size());
+    for (const char c : path.toUtf8()) {
+        if (isForRequestLine(c)) {
+            encoded += QLatin1Char(c);
+        } else {
+            encoded += QLatin1Char('%');
+            encoded += QString::fromLatin1(QByteArray(1, c).toHex().toUpper());
+        }
+    }
+    return encoded;
+}
+
+QString HttpRequests::problemOfText(const char* what, const QString& text)
+{
+    const bool bEnds = std::any_of(text.begin(), text.end(), isLineEnd);
+    return bEnds ? problem(what, " holds a line end or a NUL") : QString();
+}
+
+QString HttpRequests::problemOfLine(const char* what, const QString& text)
+{
+    QString found = problemOfText(what, text);
+    if (!found.isEmpty())
+        return found;
+    if (std::any_of(text.begin(), text.end(), isBeyondLatin1))
+        return problem(what, " holds characters beyond Latin-1");
+    return QString();
+}
+
+QString HttpRequests::problemOf(const HttpRequestHeader& header, const QString& user, const QString& password)
+{
+    QString found = problemOfText("the path", header.path());
+    if (found.isEmpty())
+        found = problemOfLine("the method", header.method());
+    if (found.isEmpty())
+        found = problemOfLine("the user name", user);
+    if (found.isEmpty() && std::any_of(password.begin(), password.end(), isBeyondLatin1))
+        found = problem("the password", " holds characters beyond Latin-1");
+    for (const auto& field : header.values()) {
+        if (!found.isEmpty())
+            break;
+        found = problemOfLine("a field's name", field.first);
+        const bool bEndsHead = field.second == kEndingConnection
+            && field.first.compare(QLatin1String("connection"), Qt::CaseInsensitive) == 0;
+        if (found.isEmpty() && !bEndsHead)
+            found = problemOfLine("a field's value", field.second);
+    }
+    return found;
+}
 
 HttpRequestHeader HttpRequests::make(const char* method, const QString& path, const QString& host)
 {

@@ -29,14 +29,8 @@ public:
     {
         emit m_client.contentChunk(id, header, data, size, Marker());
     }
-    void socketError(int code, const QString& problem) override
-    {
-        m_problem = problem;
-        emit m_client.error(code);
-    }
+    void socketError(int code) override { emit m_client.error(code); }
     void uploadEnded() override { emit m_client.sendEndOfUploadContentFinished(); }
-
-    QString m_problem; // of the last error, in words
 
 protected:
     ~HttpSignals() = default;

@@ -85,6 +85,7 @@ void HttpsClient::prepareForNonSllMode(const QString& host, unsigned short port,
     connect(
         socket, &NuvikaTcpSocketQueued::disconnected, this, qOverload<>(&HttpsClient::slotSockDisconnected));
     connect(socket, &NuvikaTcpSocketQueued::error, this, &HttpsClient::slotSockError);
+    connect(socket, &NuvikaTcpSocketQueued::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
     d->m_pTransport = std::make_unique<ClientTransport<NuvikaTcpSocketQueued>>(
         *socket, [this](const QString& name, unsigned short number) { connectToHost(name, number); });
     prepareForAllModes(host, port, keepAlive);
@@ -101,6 +102,7 @@ void HttpsClient::prepareForSllMode(
     connect(socket, &NuvikaSslSocket::disconnected, this,
         qOverload<unsigned long>(&HttpsClient::slotSockDisconnected));
     connect(socket, &NuvikaSslSocket::error, this, &HttpsClient::slotSockError);
+    connect(socket, &NuvikaSslSocket::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
     d->m_pTransport = std::make_unique<ClientTransport<NuvikaSslSocket>>(
         *socket, [this](const QString& name, unsigned short number) { connectToHost(name, number); });
     prepareForAllModes(host, port, keepAlive);
@@ -227,6 +229,11 @@ int HttpsClient::soapRequest(const QString& path, const QString& action, const Q
 int HttpsClient::postMultipartFormData(const QString& path, const QByteArray& content,
     const QString& disposition, const QString& contentType, const QString& user, const QString& password)
 {
+    QString problem = HttpRequests::problemOfText("the disposition", disposition);
+    if (problem.isEmpty())
+        problem = HttpRequests::problemOfText("the part's content type", contentType);
+    if (!problem.isEmpty())
+        return d->m_pEngine->refuse(problem);
     const QByteArray boundary = "----------------nuvika" + QByteArray::number(std::rand() % 100000);
     const QByteArray body = "--" + boundary + "\r\nContent-Disposition: form-data; " + disposition.toUtf8()
         + "\r\nContent-Type: " + contentType.toUtf8() + "\r\n\r\n" + content + "\r\n--" + boundary + "--\r\n";
@@ -266,7 +273,9 @@ QHostAddress HttpsClient::lastLocalAddress() const { return d->m_pEngine->lastLo
 
 QHostAddress HttpsClient::lastPeerAddress() const { return d->m_pEngine->lastPeerAddress(); }
 
-QString HttpsClient::errorString() const { return d->m_problem; }
+bool HttpsClient::lastAnswerMayBeCut() const { return d->m_pEngine->mayAnswerBeCut(); }
+
+QString HttpsClient::errorString() const { return d->m_pEngine->problem(); }
 
 NuvikaSslSocket::PeerCertificate HttpsClient::peerCertificate() const
 {
@@ -284,10 +293,11 @@ void HttpsClient::slotSockDataReceived(const char* pData, int size, NuvikaTcpSoc
 
 void HttpsClient::slotSockDisconnected() { slotSockDisconnected(0); }
 
-void HttpsClient::slotSockDisconnected(unsigned long /*unannounced*/)
+void HttpsClient::slotSockDisconnected(unsigned long unannounced)
 {
     d->m_pTransport->close();
-    d->m_pEngine->disconnected();
+    d->m_pEngine->disconnected(
+        unannounced == 0 ? HttpRequestEngine::eAnnounced : HttpRequestEngine::eUnannounced);
 }
 
 void HttpsClient::slotSockError(int errorCode)

@@ -12,11 +12,13 @@
 #include <memory>
 
 /// HttpClient, plain or over TLS, with JSON requests, requests with fields of the caller's and form-data
-/// uploads. How requests are queued, answered and reported, threads, lifetime and errors: as HttpClient, but
-/// that shutdown() says nothing about the requests it removes.
+/// uploads. How requests are queued, repeated, answered and reported, threads, lifetime and errors: as
+/// HttpClient, but that shutdown() says nothing about the requests it removes.
 ///
 /// TLS: error() may also tell 5, 10013 and 10053 of NuvikaSslSocket, and errorString() the reason in a
-/// sentence. A body that ends with the connection may have been cut off where the server says no goodbye.
+/// sentence. A refused certificate and a wrong pass phrase are tried as often as a lost connection: three
+/// error() for one request, 30 s where the handshake stalls. A body that ends with the connection may have
+/// been cut off where the server says no goodbye: lastAnswerMayBeCut().
 ///
 /// "Host" carries the port unless it is 80: also 443 is written out.
 class KEPNUVIKAUTIL_EXPORT HttpsClient : public QObject
@@ -56,7 +58,7 @@ public:
         const QString& user, const QString& password, bool keepAlive);
     /// A form of one part (RFC 7578).
     /// \param disposition behind "form-data; ", such as name="file"; filename="a.bin"
-    /// \param contentType of the part
+    /// \param contentType of the part. Refused where one of the two holds a line end.
     int postMultipartFormData(const QString& path, const QByteArray& content, const QString& disposition,
         const QString& contentType, const QString& user, const QString& password);
 
@@ -75,10 +77,14 @@ public:
 
     QHostAddress lastLocalAddress() const;
     QHostAddress lastPeerAddress() const;
-    /// Why error() was last emitted, in words.
+    /// As HttpClient's.
     QString errorString() const;
     /// Of the last TLS handshake, also when it was refused.
     NuvikaSslSocket::PeerCertificate peerCertificate() const;
+    /// Of the answer that requestFinished() told last: its body ended with the connection, and that ended
+    /// without TLS's goodbye or by an error(). Somebody on the path may have cut it off; many cameras just
+    /// never say goodbye, so that it is no failure.
+    bool lastAnswerMayBeCut() const;
 
 signals:
     /// Not for a 401.

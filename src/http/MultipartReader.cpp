@@ -1,5 +1,7 @@
 #include "http/MultipartReader_p.h"
 
+#include "http/HttpLimits_p.h"
+
 #include <algorithm>
 #include <cstring>
 #include <strings.h>

@@ -81,6 +81,7 @@ void NuvikaSslSocket::resumeRecv() { d->resume(); }
 
 void ReceivePlacer::set(NuvikaSslSocket& socket, ReceivePlacer& placer) { socket.d->m_pPlacer = &placer; }
 
+bool NuvikaSslSocket::notifyWhenAllSent() { return d->notifyWhenAllSent(); }
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
 
 // --- queries ---------------------------------------------------------------------------------------------

@@ -121,6 +121,8 @@ public:
     QString protocolName() const;
     QString cipherName() const;
     bool isSessionResumed() const;
+    /// Asks for one sigAllSent(). False when everything has left already (no signal follows then).
+    bool notifyWhenAllSent();
 
 signals:
     void connected();
@@ -131,6 +133,8 @@ signals:
     void error(int errorCode);
     /// canSend() is true again.
     void sigCanSend();
+    /// Everything handed over has been given to the system; once for each notifyWhenAllSent().
+    void sigAllSent();
 
 private:
     class Private;

@@ -33,6 +33,8 @@ NuvikaSslSocket::Private::Private(NuvikaSslSocket& owner, int nSendQueueHint)
     connect(&m_socket, &NuvikaTcpSocketQueued::sigAllSent, &owner, [this] {
         if (m_state == eClosing)
             closeCompleted();
+        else
+            emit m_owner.sigAllSent();
     });
 }
 

@@ -31,6 +31,7 @@ public:
     void stall();
     void resume();
     bool hasPendingInput() const;
+    bool notifyWhenAllSent() { return m_state == eOpen && m_socket.notifyWhenAllSent(); }
     NuvikaTcpSocket::STATE state() const;
 
     NuvikaTcpSocketQueued m_socket;

@@ -32,7 +32,7 @@ void PendingInput::release()
 void PendingInput::read(const char* data, int size)
 {
     m_bReading = true;
-    if (size > 0) {
+    if (data != nullptr) {
         const int n = m_reader.readInput(data, size);
         if (n == InputReader::kOver)
             return;

@@ -17,8 +17,9 @@ class InputReader
 public:
     static constexpr int kOver = -1;
 
-    // Reads the bytes, and calls out as it likes. Returns how many were read: all of them, fewer only after
-    // hold(); or kOver when the reader is gone or reset() was called meanwhile.
+    // Reads the bytes (none, where they were received elsewhere), and calls out as it likes. Returns how many
+    // were read: all of them, fewer only after hold(); or kOver when the reader is gone or reset() was called
+    // meanwhile.
     virtual int readInput(const char* data, int size) = 0;
     // The connection's end, behind all bytes: a code as of error(int), 0 in good order. May destroy
     // everything.
@@ -54,6 +55,8 @@ public:
     bool isReading() const { return m_bReading; }
     bool isEmpty() const { return waiting() == 0; }
     bool hasEnded() const { return m_end.has_value(); }
+    // Bytes or the end came behind those that readInput() is reading.
+    bool hasMore() const { return !m_arrived.isEmpty() || hasEnded(); }
 
 private:
     int waiting() const { return m_front.size() - m_nRead + m_arrived.size(); }

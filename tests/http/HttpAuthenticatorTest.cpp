@@ -97,16 +97,21 @@ TEST(HttpAuthenticator, ReadsChallengesAsTheyAreSent)
 
 TEST(HttpChallenge, ChoosesTheOneThatCanBeAnswered)
 {
-    using Nuvika::chooseChallenge;
     const QByteArray basic = "Basic realm=\"x, y\"";
     const QByteArray md5Line = "Digest realm=\"r\", algorithm=MD5, nonce=\"n\"";
     const QByteArray sha = "Digest realm=\"r\", algorithm=SHA-256, nonce=\"n\"";
     const QByteArray bare = "Digest realm=\"r\", nonce=\"n\"";
-    EXPECT_EQ(chooseChallenge({basic, sha, md5Line}), md5Line);
-    EXPECT_EQ(chooseChallenge({md5Line, basic}), md5Line);
-    EXPECT_EQ(chooseChallenge({sha, bare, basic}), bare);
-    EXPECT_EQ(chooseChallenge({basic}), basic);
-    EXPECT_EQ(chooseChallenge({basic + ", " + bare}).trimmed(), bare) << "two challenges in one field";
-    EXPECT_EQ(chooseChallenge({bare + ", " + basic}), bare);
-    EXPECT_TRUE(chooseChallenge({}).isEmpty());
+    const QByteArray token = "Digest realm=\"r\", nonce=\"n\", qop=\"token\"";
+    const QByteArray control = "Digest realm=\"r\rX: y\", nonce=\"n\"";
+    const QByteArray other = "Negotiate";
+    const struct {
+        QList<QByteArray> fields;
+        QByteArray chosen;
+    } cases[] = {{{basic, sha, md5Line}, md5Line}, {{md5Line, basic}, md5Line}, {{sha, bare, basic}, bare},
+        {{basic}, basic}, {{basic + ", " + bare}, bare}, {{bare + ", " + basic}, bare}, {{sha, basic}, basic},
+        {{sha + ", " + basic}, basic}, {{token, basic}, basic}, {{control, basic}, basic},
+        {{other, basic}, basic}, {{sha}, ""}, {{token}, ""}, {{other}, ""}, {{"Basically x=y"}, ""},
+        {{}, ""}};
+    for (const auto& c : cases)
+        EXPECT_EQ(Nuvika::chooseChallenge(c.fields).trimmed(), c.chosen) << c.fields.join(" | ").constData();
 }

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 namespace
 {
@@ -80,6 +81,7 @@ struct PlainExchange {
 struct TlsServer {
     struct Connection {
         NuvikaSslSocket socket;
+        int descriptor;
         QByteArray got;
     };
     NuvikaTcpServer listener;
@@ -92,6 +94,7 @@ struct TlsServer {
         QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [this, certificate](int descriptor) {
             connections.push_back(std::make_unique<Connection>());
             Connection& c = *connections.back();
+            c.descriptor = descriptor;
             QObject::connect(
                 &c.socket, &NuvikaSslSocket::dataReceived, [this, &c](const char* data, int size, Marker) {
                     c.got.append(data, size);
@@ -294,11 +297,92 @@ TEST(HttpsClient, BodiesMayEndWithTheConnection)
     events.watch(*client);
     client->get(QStringLiteral("/"), QString(), QString(), true);
     ASSERT_TRUE(events.expect({QStringLiteral("done1 200 until the end")}));
+    EXPECT_FALSE(client->lastAnswerMayBeCut());
+    server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
+        TlsServer::answer(c, "HTTP/1.1 200 OK\r\n\r\nuntil ");
+        ::shutdown(c.descriptor, SHUT_WR); // without TLS's goodbye, as whoever sits on the path could do it
+    };
+    client->get(QStringLiteral("/"), QString(), QString(), true);
+    ASSERT_TRUE(events.expect({QStringLiteral("done2 200 until ")}));
+    EXPECT_TRUE(client->lastAnswerMayBeCut());
     server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
         TlsServer::answer(c, "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\nnot all of it");
         c.socket.close();
     };
     client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.expect({QStringLiteral("failed2")})) << "three times too short";
-    EXPECT_EQ(server.requests.size(), 4);
+    ASSERT_TRUE(events.expect({QStringLiteral("failed3")})) << "three times too short";
+    EXPECT_EQ(server.requests.size(), 5);
+    EXPECT_FALSE(client->lastAnswerMayBeCut()) << "a length tells";
+}
+
+TEST(HttpsClient, AStallOverTlsEndsWithTheSessionThatCausedIt)
+{
+    TlsServer server;
+    const QByteArray piece(1 << 20, 'x');
+    server.onRequest = [&](TlsServer::Connection& c, const QByteArray& head) {
+        TlsServer::answer(c,
+            head.startsWith("GET /much")
+                ? QByteArray("HTTP/1.1 200 OK\r\ncontent-length: 100000000\r\n\r\nbegin")
+                : sized("heard"));
+    };
+    auto client = server.client();
+    Events events;
+    events.watch(*client);
+    bool bFirst = true;
+    QObject::connect(client.get(), &HttpsClient::contentChunk,
+        [&](int, const HttpResponseHeader&, const char*, int, Marker) {
+            if (!std::exchange(bFirst, false))
+                return;
+            for (int i = 0; i < 6; ++i)
+                TlsServer::answer(*server.connections.back(), piece);
+            settle(100); // until receiving is stalled
+            client->shutdown();
+        });
+    client->request(HttpRequestHeader(QStringLiteral("GET"), QStringLiteral("/much")), true, nullptr,
+        QString(), QString(), 0);
+    ASSERT_TRUE(waitFor([&] { return !bFirst && client->numOfPendingRequests() == 0; }));
+    client->get(QStringLiteral("/"), QString(), QString(), true);
+    ASSERT_TRUE(events.expect({QStringLiteral("done2 200 heard")}));
+}
+
+TEST(HttpsClient, AnUploadOverTlsEndsWhenAllOfItHasLeft)
+{
+    TlsServer server;
+    qint64 nReceived = 0;
+    TlsServer::Connection* pServer = nullptr;
+    server.onRequest = [&](TlsServer::Connection& c, const QByteArray&) {
+        pServer = &c;
+        c.socket.stallRecv();
+        QObject::connect(&c.socket, &NuvikaSslSocket::dataReceived, [&](const char*, int size, Marker) {
+            nReceived += size;
+            pServer->got.clear();
+        });
+    };
+    auto client = server.client();
+    bool bEnded = false;
+    QObject::connect(client.get(), &HttpsClient::sendEndOfUploadContentFinished, [&] { bEnded = true; });
+    HttpRequestHeader header(QStringLiteral("PUT"), QStringLiteral("/up"));
+    const QByteArray much(16 << 20, 'u');
+    header.setContentLength(much.size());
+    const int id = client->request(header, false, nullptr, QString(), QString(), 0);
+    ASSERT_TRUE(waitFor([&] { return pServer != nullptr; }));
+    EXPECT_TRUE(client->sendUploadContentChunk(id, much.constData(), much.size(), true));
+    client->sendEndOfUploadContent();
+    settle(5300); // the time limit is 5 s, from when everything has left
+    EXPECT_FALSE(bEnded);
+    pServer->socket.resumeRecv();
+    ASSERT_TRUE(waitFor([&] { return bEnded; }));
+    EXPECT_EQ(nReceived, much.size());
+}
+
+TEST(HttpsClient, FormsWhoseFieldsHoldALineEndAreRefused)
+{
+    PlainExchange x;
+    const QString good = QStringLiteral("name=\"f\"");
+    const QString bad = QStringLiteral("image/jpeg\r\nX: y");
+    x.client.postMultipartFormData(QStringLiteral("/"), "x", good, bad, QString(), QString());
+    ASSERT_TRUE(x.events.expect({QStringLiteral("failed1")}));
+    x.client.postMultipartFormData(QStringLiteral("/"), "x", bad, good, QString(), QString());
+    ASSERT_TRUE(x.events.expect({QStringLiteral("failed2")}));
+    EXPECT_EQ(x.client.errorString().toStdString(), "the disposition holds a line end or a NUL");
 }

@@ -55,9 +55,13 @@ TEST(PendingInput, KeepsTheOrderOfBytesAndEndAroundANestedLoop)
     Reader reader;
     reader.step = [&](char c) {
         if (c == 'b') {
+            EXPECT_FALSE(reader.input.hasMore()) << "the rest of what is being read is not behind it";
             reader.input.received("de", 2);
+            EXPECT_TRUE(reader.input.hasMore());
             reader.input.ended(10054);
             EXPECT_EQ(reader.read, "ab") << "nothing nests";
+        } else if (c == 'e') {
+            EXPECT_TRUE(reader.input.hasMore()) << "the end";
         }
         return true;
     };

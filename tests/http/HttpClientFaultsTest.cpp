@@ -1,0 +1,443 @@
+// What servers, paths and handlers do wrong, and what becomes of the client then.
+#include "http/HttpExchange.h"
+#include "support/LogCapture.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <fcntl.h>
+#include <thread>
+
+namespace
+{
+const QByteArray kForeign = "HTTP/1.1 200 OK\r\ncontent-length: 7\r\n\r\nforeign";
+
+HttpRequestHeader upload(const char* announcement, const char* value)
+{
+    HttpRequestHeader header(QStringLiteral("PUT"), QStringLiteral("/up"));
+    header.addValue(QLatin1String(announcement), QLatin1String(value));
+    return header;
+}
+
+int send(Exchange& x, const HttpRequestHeader& header, bool bStream = false)
+{
+    return x.client->request(header, bStream, nullptr, QString(), QString(), 0);
+}
+
+QByteArray text(const QString& string) { return string.toUtf8(); }
+} // namespace
+
+TEST(HttpClientFaults, AConnectionIsUsedAgainOnlyWhereNothingIsOwedOrUnasked)
+{
+    const QByteArray one = sized("one");
+    using Step = std::function<void(Exchange&)>;
+    const auto get = [](Exchange& x) { x.get(); };
+    const auto startUpload = [](const char* field, const char* value, const char* piece, bool bLast) {
+        return [=](Exchange& x) {
+            const int id = send(x, upload(field, value));
+            x.request();
+            x.client->sendUploadContentChunk(id, piece, int(strlen(piece)), bLast);
+        };
+    };
+    const auto whenDone = [](const Step& step) {
+        return [step](Exchange& x) {
+            x.onEvent = [&x, step](const QString& event) {
+                if (event.startsWith(QLatin1String("done1")))
+                    step(x);
+            };
+            x.get();
+        };
+    };
+    const Step idle;
+    const struct {
+        const char* what;
+        Step ask;
+        QByteArray answer;
+        Step then;
+        bool bKept;
+    } cases[] = {
+        {"a complete answer", get, one, idle, true},
+        {"line ends behind the answer", get, one + "\r\n", idle, true},
+        {"an invalid head, and nothing behind it", get, "nonsense\r\n\r\n", idle, true},
+        {"an invalid head, and something behind it", get, "nonsense\r\n\r\n<html>", idle, false},
+        {"another answer behind the answer", get, one + kForeign, idle, false},
+        {"our own Connection: close, which the server does not repeat",
+            [](Exchange& x) { x.client->get(QStringLiteral("/"), QString(), QString(), false); }, one, idle,
+            false},
+        {"half an answer while nothing is awaited", get, one,
+            [](Exchange& x) {
+                x.server.write(kForeign.left(20));
+                settle();
+            },
+            false},
+        {"another answer while the handler runs a loop", whenDone([](Exchange& x) {
+             x.server.write(kForeign);
+             settle();
+         }),
+            one, idle, false},
+        {"another answer before the handler asks again", whenDone([](Exchange& x) {
+             x.server.write(kForeign);
+             x.get("/second");
+         }),
+            one, idle, false},
+        {"a refusal before the upload was complete", startUpload("content-length", "8", "1234", false), one,
+            idle, false},
+        {"a refusal before the chunks were complete",
+            startUpload("transfer-encoding", "chunked", "1234", false), one, idle, false},
+        {"an answer to a complete upload", startUpload("content-length", "4", "1234", true), one, idle, true},
+        {"an answer to complete chunks", startUpload("transfer-encoding", "chunked", "1234", true), one, idle,
+            true},
+    };
+    for (const auto& c : cases) {
+        Exchange x;
+        c.ask(x);
+        if (x.nConnections == 0)
+            x.request();
+        x.server.write(c.answer);
+        ASSERT_TRUE(waitFor([&] {
+            return !x.events.filter(QStringLiteral("done1")).isEmpty()
+                || x.events.contains(QStringLiteral("failed1"));
+        })) << c.what;
+        if (c.then)
+            c.then(x);
+        else
+            x.server.take(); // of an upload
+        if (x.client->numOfPendingRequests() == 0)
+            x.get("/second");
+        EXPECT_TRUE(x.request().contains("GET /second")) << c.what;
+        EXPECT_EQ(x.nConnections, c.bKept ? 1 : 2) << c.what;
+        x.server.write(sized("two"));
+        ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("done2 200 two")); }))
+            << c.what << ": " << text(x.events.join(QStringLiteral(" / "))).constData();
+    }
+}
+
+TEST(HttpClientFaults, AStallEndsWithTheSessionThatCausedIt)
+{
+    Exchange x;
+    bool bFirst = true;
+    x.onEvent = [&](const QString& event) {
+        if (!event.startsWith(QLatin1String("chunk")) || !std::exchange(bFirst, false))
+            return;
+        ASSERT_EQ(fcntl(x.server.fd(), F_SETFL, O_NONBLOCK), 0);
+        const QByteArray much(1 << 16, 'x');
+        for (int i = 0; i < 100; ++i) { // until receiving is stalled
+            x.server.write(much);
+            settle(1);
+        }
+        x.client->shutdown();
+    };
+    send(x, HttpRequestHeader(QStringLiteral("GET"), QStringLiteral("/")), true);
+    x.request();
+    x.server.write(ok("content-length: 100000000\r\n", "begin"));
+    ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("cancelled1")); }));
+    x.events.clear();
+    x.onEvent = nullptr;
+    x.get();
+    x.request();
+    x.server.write(sized("heard"));
+    ASSERT_TRUE(x.expect(list({"head2 200", "done2 200 heard"})));
+}
+
+TEST(HttpClientFaults, ARequestMadeByAHandlerOfAFailureIsLeftAlone)
+{
+    for (const bool bLosses : {true, false}) {
+        Exchange x;
+        x.onEvent = [&](const QString& event) {
+            if (event != QLatin1String("failed1"))
+                return;
+            x.get("/new");
+            x.request();
+            x.server.write(ok("content-length: 4\r\n", "ab"));
+            waitFor([&] { return x.events.contains(QStringLiteral("head2 200")); });
+        };
+        x.get();
+        for (int i = 0; i < (bLosses ? 3 : 1); ++i) {
+            x.request();
+            if (bLosses)
+                x.server.close();
+            else
+                x.server.write(ok("content-length: x\r\n"));
+        }
+        ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("head2 200")); })) << bLosses;
+        settle(5);
+        x.server.write("cd");
+        ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("done2 200 abcd")); }))
+            << "in the middle of its body, losses: " << bLosses;
+    }
+}
+
+TEST(HttpClientFaults, CancelledAreTheRequestsOfTheMoment)
+{
+    for (const bool bAgain : {true, false}) {
+        Exchange x;
+        x.onEvent = [&](const QString& event) {
+            if (!event.startsWith(QLatin1String("cancelled")) || x.events.size() > 4)
+                return;
+            if (bAgain)
+                x.get("/again");
+            else
+                x.client->shutdown();
+        };
+        x.get();
+        x.get();
+        x.request();
+        x.client->shutdown();
+        ASSERT_TRUE(x.expect(list({"cancelled1", "cancelled2"}))) << bAgain;
+        x.onEvent = nullptr;
+        if (!bAgain)
+            continue;
+        for (const char* done : {"done3 200 x", "done4 200 x"}) {
+            EXPECT_TRUE(x.request().startsWith("GET /again"));
+            x.server.write(sized("x"));
+            ASSERT_TRUE(waitFor([&] { return x.events.contains(QLatin1String(done)); })) << done;
+        }
+    }
+}
+
+TEST(HttpClientFaults, ErrorStringTellsWhyTheLastRequestFailed)
+{
+    const char* const silent = "the server ended the connection without an answer";
+    const char* const inside = "the server ended the connection in its answer";
+    const struct {
+        QByteArray answer;
+        const char* reason;
+    } cases[] = {{"", silent}, {"HTTP/1.1 200 O", silent}, {"garbage", silent},
+        {ok("content-length: 100\r\n", "short"), inside},
+        {ok("transfer-encoding: chunked\r\n", "5\r\nab"), inside},
+        {"garbage\r\n\r\n", "the answer is no HTTP"},
+        {ok("content-length: x\r\n"), "the answer's length cannot be read"},
+        {ok("content-type: multipart/x-mixed-replace\r\n", "--"),
+            "the multipart answer has no boundary, or one of more than 70 characters"}};
+    Exchange x;
+    QString inHandler;
+    x.onEvent = [&](const QString& event) {
+        if (event.startsWith(QLatin1String("failed")))
+            inHandler = x.client->errorString();
+    };
+    int id = 0;
+    for (const auto& c : cases) {
+        x.get();
+        EXPECT_TRUE(x.client->errorString().isEmpty()) << "reset when a request begins";
+        const QString failed = QStringLiteral("failed%1").arg(++id);
+        for (int i = 0; i < 3 && !x.events.contains(failed); ++i) {
+            x.request();
+            x.server.write(c.answer);
+            waitFor([&] { return x.events.contains(failed); }, 20);
+            x.server.close();
+        }
+        ASSERT_TRUE(waitFor([&] { return x.events.contains(failed); })) << c.answer.constData();
+        EXPECT_EQ(text(inHandler), c.reason) << c.answer.constData();
+    }
+}
+
+TEST(HttpClientFaults, EachChallengeIsAnsweredOnItsOwn)
+{
+    const QByteArray denied = "HTTP/1.1 401 Unauthorized\r\ncontent-length: 0\r\n";
+    const QByteArray digest = denied + "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n\r\n";
+    Exchange x;
+    const auto get = [&] { x.client->get(QStringLiteral("/"), kUser, kPassword, true); };
+    get();
+    for (int i = 0; i < 3; ++i) { // a stream that reconnects after its nonce has expired
+        x.request();
+        x.server.write(digest);
+        EXPECT_TRUE(x.request().contains("Authorization: Digest")) << "reconnect " << i;
+        x.server.write(ok("content-type: multipart/x-mixed-replace;boundary=b\r\n",
+            "--b\r\ncontent-length: 1\r\n\r\n" + QByteArray::number(i)));
+        const QString part = QStringLiteral("part  %1").arg(i);
+        ASSERT_TRUE(waitFor([&] { return x.events.contains(part); }))
+            << text(x.events.join(QStringLiteral(" / "))).constData();
+        if (i < 2)
+            x.server.close();
+    }
+    x.client->shutdown();
+
+    get();
+    x.request();
+    x.server.write(digest);
+    x.request();
+    x.server.write("HTTP/1.1 400 Bad Request\r\ncontent-length: 0\r\n\r\n");
+    ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("done2 400 ")); }));
+    get();
+    EXPECT_TRUE(x.request().contains("Authorization: Basic")) << "the challenge was not accepted";
+    x.server.write(denied
+        + "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256\r\nWWW-Authenticate: Basic "
+          "realm=\"r\"\r\n\r\n");
+    EXPECT_TRUE(x.request().contains("Authorization: Basic")) << "no MD5 under the name of SHA-256";
+}
+
+TEST(HttpClientFaults, RefusesWhatWouldNotArriveAsItWasMeant)
+{
+    HttpRequestHeader split(QStringLiteral("GET"), QStringLiteral("/"));
+    HttpRequestHeader name(split);
+    HttpRequestHeader beyond(split);
+    split.addValue(QStringLiteral("X-A"), QStringLiteral("a\r\nX-B: b"));
+    name.addValue(QStringLiteral("X-A: b\nX-B"), QStringLiteral("c"));
+    beyond.addValue(QStringLiteral("X-A"), QString(QChar(0x20AC)));
+    const QString path = QStringLiteral("/ HTTP/1.1\r\nX: y\r\n\r\nGET /");
+    const QString euro(QChar(0x20AC));
+    const struct {
+        std::function<int(HttpClient&)> ask;
+        const char* reason;
+    } cases[] = {
+        {[&](HttpClient& c) { return c.get(path, QString(), QString(), true); },
+            "the path holds a line end or a NUL"},
+        {[&](HttpClient& c) { return c.get(QStringLiteral("/"), QStringLiteral("a\nb"), kPassword, true); },
+            "the user name holds a line end or a NUL"},
+        {[&](HttpClient& c) { return c.get(QStringLiteral("/"), euro, kPassword, true); },
+            "the user name holds characters beyond Latin-1"},
+        {[&](HttpClient& c) { return c.get(QStringLiteral("/"), kUser, euro, true); },
+            "the password holds characters beyond Latin-1"},
+        {[&](HttpClient& c) { return c.request(split, false, nullptr, QString(), QString(), 0); },
+            "a field's value holds a line end or a NUL"},
+        {[&](HttpClient& c) { return c.request(name, false, nullptr, QString(), QString(), 0); },
+            "a field's name holds a line end or a NUL"},
+        {[&](HttpClient& c) { return c.request(beyond, false, nullptr, QString(), QString(), 0); },
+            "a field's value holds characters beyond Latin-1"},
+    };
+    Exchange x;
+    for (const auto& c : cases) {
+        LogCapture log;
+        const int id = c.ask(*x.client);
+        EXPECT_TRUE(log.has(c.reason, QtWarningMsg)) << c.reason;
+        EXPECT_TRUE(x.events.isEmpty()) << "from the event loop: " << c.reason;
+        ASSERT_TRUE(x.expect({QStringLiteral("failed%1").arg(id)})) << c.reason;
+        EXPECT_EQ(text(x.client->errorString()), c.reason);
+    }
+    EXPECT_FALSE(x.listener.accept().isOpen()) << "nothing was sent";
+}
+
+TEST(HttpClientFaults, PathsAreSentAsTheyCanStandInARequestLine)
+{
+    const struct {
+        QString path;
+        QByteArray sent;
+    } cases[] = {{QStringLiteral("/a b?c=d e"), "/a%20b?c=d%20e"},
+        {QString::fromUtf8("/caf\xC3\xA9/\xE2\x82\xAC"), "/caf%C3%A9/%E2%82%AC"},
+        {QStringLiteral("/done%20it?%1&a=[1]&b='*'~"), "/done%20it?%1&a=[1]&b='*'~"},
+        {QStringLiteral("/\"<>\\^`{|}#\t"), "/%22%3C%3E%5C%5E%60%7B%7C%7D%23%09"}};
+    for (const auto& c : cases) {
+        Exchange x;
+        x.client->get(c.path, kUser, kPassword, true);
+        EXPECT_TRUE(x.request().startsWith("GET " + c.sent + " HTTP/1.1\r\n")) << c.sent.constData();
+        x.server.write("HTTP/1.1 401 No\r\nWWW-Authenticate: Digest realm=\"r\", "
+                       "nonce=\"n\"\r\ncontent-length: 0\r\n\r\n");
+        EXPECT_TRUE(x.request().contains("uri=\"" + c.sent + "\"")) << c.sent.constData();
+    }
+}
+
+TEST(HttpClientFaults, AnIPv6AddressStandsInBracketsInHostAndNowhereElse)
+{
+    RawSocket listener(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    socklen_t size = sizeof address;
+    ASSERT_EQ(bind(listener.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    getsockname(listener.fd(), reinterpret_cast<sockaddr*>(&address), &size);
+    listen(listener.fd(), 1);
+    const QByteArray host = "Host: [::1]:" + QByteArray::number(ntohs(address.sin6_port)) + "\r\n";
+    for (const char* name : {"::1", "[::1]"}) {
+        HttpClient client(QLatin1String(name), ntohs(address.sin6_port), true);
+        client.get(QStringLiteral("/"), QString(), QString(), true);
+        ASSERT_TRUE(waitFor([&] { return !client.lastPeerAddress().isNull(); })) << name;
+        RawSocket server(::accept(listener.fd(), nullptr, nullptr));
+        ASSERT_TRUE(waitFor([&] { return server.received().contains("\r\n\r\n"); })) << name;
+        EXPECT_TRUE(server.received().contains(host)) << server.received().constData();
+    }
+}
+
+TEST(HttpClientFaults, TheLastStreamedPieceFollowsTheCloseOfItsConnection)
+{
+    Exchange x;
+    x.onEvent = [&](const QString& event) {
+        if (event != QLatin1String("chunk cd"))
+            return;
+        for (int i = 0; i < 1000 && !x.server.atEnd(); ++i)
+            ::usleep(1000); // no event loop runs meanwhile
+        EXPECT_TRUE(x.server.atEnd());
+    };
+    send(x, HttpRequestHeader(QStringLiteral("GET"), QStringLiteral("/")), true);
+    x.request();
+    x.server.write(ok("content-length: 4\r\nconnection: close\r\n", "ab"));
+    waitFor([&] { return x.events.size() == 2; });
+    x.server.write("cd");
+    ASSERT_TRUE(x.expect(list({"head1 200", "chunk ab", "chunk cd"})));
+}
+
+TEST(HttpClientFaults, ContentStaysWhileItsHandlerRunsWhateverThatDoes)
+{
+    for (const bool bDelete : {false, true}) {
+        Exchange x;
+        const QByteArray mine(3 << 20, 'm');
+        bool bDone = false;
+        QObject::connect(x.client.get(), &HttpClient::requestFinished,
+            [&](int id, const HttpResponseHeader& header, const char* content, int size, Marker) {
+                if (id != 1)
+                    return;
+                if (bDelete) {
+                    x.client.reset();
+                } else {
+                    x.client->shutdown();
+                    x.get();
+                    x.request();
+                    x.server.write("HTTP/1.1 404 No\r\ncontent-length: 3145728\r\n\r\n");
+                    x.server.write(QByteArray(3 << 20, 'o').left(100000));
+                    waitFor([&] { return x.events.contains(QStringLiteral("head2 404")); });
+                    settle();
+                }
+                EXPECT_EQ(header.statusCode(), 200);
+                EXPECT_TRUE(QByteArray::fromRawData(content, size) == mine);
+                bDone = true;
+            });
+        x.get();
+        x.request();
+        std::thread sender([&] { x.server.write(sized(mine)); });
+        EXPECT_TRUE(waitFor([&] { return bDone; })) << bDelete;
+        sender.join();
+    }
+}
+
+TEST(HttpClientFaults, NoMoreOfAnUploadIsSentThanWasAnnounced)
+{
+    Exchange x;
+    const int id = send(x, upload("content-length", "6"));
+    x.request();
+    EXPECT_TRUE(x.client->sendUploadContentChunk(id, "1234", 4, false));
+    EXPECT_FALSE(x.client->sendUploadContentChunk(id, "567", 3, true)) << "too many";
+    EXPECT_TRUE(x.client->sendUploadContentChunk(id, "56", 2, true));
+    EXPECT_FALSE(x.client->sendUploadContentChunk(id, "7", 1, false)) << "behind the last";
+    ASSERT_TRUE(waitFor([&] { return x.server.received() == "123456"; }));
+    x.server.take();
+    x.server.write(sized("ok"));
+    ASSERT_TRUE(x.expect(list({"head1 200", "done1 200 ok"})));
+    const int chunked = send(x, upload("transfer-encoding", "chunked"));
+    x.request();
+    EXPECT_TRUE(x.client->sendUploadContentChunk(chunked, "a", 1, true));
+    EXPECT_FALSE(x.client->sendUploadContentChunk(chunked, "b", 1, true));
+}
+
+TEST(HttpClientFaults, TheEndOfAnUploadWaitsForASlowReaderAndTellsOfACut)
+{
+    const QByteArray much(16 << 20, 'u');
+    for (const bool bRead : {true, false}) {
+        Exchange x;
+        const int id = send(x, upload("content-length", "16777216"));
+        x.request();
+        EXPECT_TRUE(x.client->sendUploadContentChunk(id, much.constData(), much.size(), true));
+        x.client->sendEndOfUploadContent();
+        if (bRead) {
+            settle(5300); // the time limit is 5 s, from when everything has left
+            EXPECT_TRUE(x.events.isEmpty());
+            ASSERT_TRUE(waitFor([&] { return x.server.atEnd(); }));
+            EXPECT_EQ(x.server.received().size(), much.size());
+            x.server.close();
+            ASSERT_TRUE(x.expect(list({"upload ended"})));
+            EXPECT_TRUE(x.client->errorString().isEmpty());
+        } else {
+            x.server.shutdownWrite();
+            ASSERT_TRUE(x.expect(list({"error 10053", "upload ended"})));
+            EXPECT_EQ(
+                text(x.client->errorString()), "the server ended the connection before the upload had left");
+        }
+    }
+}
