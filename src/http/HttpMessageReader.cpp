@@ -3,6 +3,7 @@
 #include <KepNuvikaUtil/HttpHeader.h>
 
 #include "http/HttpLimits_p.h"
+#include "http/HttpStrict_p.h"
 
 #include <algorithm>
 #include <cctype>
@@ -49,6 +50,23 @@ QByteArray boundaryOf(const QString& contentType)
     }
     return text.toLatin1();
 }
+
+// The members of a field's comma-separated list, which may stand in several fields.
+QStringList listOf(const HttpHeader& header, const QString& key)
+{
+    QStringList members;
+    for (const QString& value : header.allValues(key)) {
+        for (const QString& member : value.split(QLatin1Char(',')))
+            members.append(member.trimmed());
+    }
+    members.removeAll(QString());
+    return members;
+}
+
+bool isChunked(const QString& coding)
+{
+    return coding.compare(QLatin1String("chunked"), Qt::CaseInsensitive) == 0;
+}
 } // namespace
 
 HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
@@ -62,7 +80,9 @@ HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
             || std::any_of(
                 lengths.begin(), lengths.end(), [&](const QString& l) { return l != lengths.first(); });
     }
-    if (header.value(kTransferEncoding) == QLatin1String("chunked")) {
+    const bool bExact = header.value(kTransferEncoding) == QLatin1String("chunked");
+    const QStringList codings = lengths.isEmpty() ? listOf(header, kTransferEncoding) : QStringList();
+    if (lengths.isEmpty() ? !codings.isEmpty() && isChunked(codings.last()) : bExact) {
         body.kind = Chunked;
         body.bAmbiguous = !lengths.isEmpty();
         body.bInvalid = false;
@@ -79,12 +99,20 @@ void HttpBody::detectMultipart(const HttpHeader& header)
     boundary = boundaryOf(header.value(QStringLiteral("content-type")));
 }
 
+// Chunks framed twice, or in a coding that has no end, are framed for others than us.
+bool Nuvika::hasForeignCoding(const HttpHeader& header)
+{
+    const QStringList codings = listOf(header, kTransferEncoding);
+    const bool bOnce = std::count_if(codings.begin(), codings.end(), isChunked) == 1;
+    return header.hasKey(kTransferEncoding) && (!bOnce || !isChunked(codings.last()));
+}
+
 bool Nuvika::wantsClose(const HttpHeader& header)
 {
-    const QString connection = header.value(kConnection);
-    if (connection.compare(QLatin1String("close"), Qt::CaseInsensitive) == 0)
+    const QStringList options = listOf(header, kConnection);
+    if (options.contains(QLatin1String("close"), Qt::CaseInsensitive))
         return true;
-    const bool bKeepAlive = connection.compare(QLatin1String("keep-alive"), Qt::CaseInsensitive) == 0;
+    const bool bKeepAlive = options.contains(QLatin1String("keep-alive"), Qt::CaseInsensitive);
     const bool bOldVersion
         = header.majorVersion() < 1 || (header.majorVersion() == 1 && header.minorVersion() < 1);
     return bOldVersion && !bKeepAlive;
@@ -111,6 +139,8 @@ HttpMessageReader::Event HttpMessageReader::finish()
 {
     m_state = State::Head;
     m_lineEnd = LineEnd::Start;
+    if (m_body.bMultipart)
+        m_multipart = MultipartReader(); // gives a large part's memory back
     return Event::End;
 }
 
@@ -142,6 +172,7 @@ HttpMessageReader::Event HttpMessageReader::next()
             event = readChunkData();
             break;
         case State::ChunkEnd:
+        case State::ChunkEndLf:
             event = readChunkEnd();
             break;
         case State::Trailer:
@@ -205,7 +236,7 @@ HttpMessageReader::Event HttpMessageReader::readHead()
 
 void HttpMessageReader::setBody(const HttpBody& body)
 {
-    m_head.clear();
+    m_head = std::string(); // up to the limit of a head, which an idle connection is not to keep
     m_line.clear();
     m_body = body;
     m_nLeft = body.nLength;
@@ -313,7 +344,7 @@ HttpMessageReader::Event HttpMessageReader::readChunkSize()
         return fail();
     if (!bLine)
         return Event::NeedMore;
-    if (!parseChunkSize())
+    if (!parseChunkSize() || (m_grade == Strict && !isStrictChunkLine(m_line)))
         return fail();
     m_line.clear();
     m_state = m_nLeft == 0 ? State::Trailer : State::ChunkData;
@@ -333,9 +364,11 @@ HttpMessageReader::Event HttpMessageReader::readChunkEnd()
 {
     const char c = *m_pIn++;
     --m_nIn;
-    if (c == '\n')
+    if (c == '\n' && (m_grade == Lenient || m_state == State::ChunkEndLf))
         m_state = State::ChunkSize;
-    else if (c != '\r')
+    else if (c == '\r' && (m_grade == Lenient || m_state == State::ChunkEnd))
+        m_state = State::ChunkEndLf;
+    else
         return fail();
     return Event::NeedMore;
 }
@@ -350,9 +383,10 @@ HttpMessageReader::Event HttpMessageReader::readTrailer()
         return Event::NeedMore;
     m_nTrailerSize += m_line.size();
     const bool bEmpty = m_line == "\r\n" || m_line == "\n";
-    m_line.clear();
-    if (m_nTrailerSize > static_cast<std::size_t>(m_limits.nHead))
+    if (m_nTrailerSize > static_cast<std::size_t>(m_limits.nHead)
+        || (m_grade == Strict && !isStrictTrailerLine(m_line)))
         return fail();
+    m_line.clear();
     return bEmpty ? finish() : Event::NeedMore;
 }
 
