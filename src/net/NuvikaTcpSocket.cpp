@@ -4,6 +4,7 @@
 #include <KepNuvikaUtil/SocketError.h>
 
 #include "core/Log_p.h"
+#include "net/HalfClose_p.h"
 #include "net/NuvikaTcpSocketAsyncHelper_p.h"
 #include "net/NuvikaTcpSocketConnect_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
@@ -12,6 +13,8 @@
 #include "platform/Sockets_p.h"
 
 #include <QtCore/QThread>
+
+#include <utility>
 
 using namespace Nuvika;
 
@@ -159,6 +162,11 @@ void NuvikaTcpSocket::slotError(int errorCode)
 
 void NuvikaTcpSocket::slotDisconnected()
 {
+    if (m_peerEnded && m_state == eConnected) {
+        const std::function<void()> peerEnded = m_peerEnded; // may destroy this socket
+        peerEnded();
+        return;
+    }
     releaseConnection();
     if (m_state == eUnconnected || m_state == eError)
         return;
@@ -260,6 +268,18 @@ void NuvikaTcpSocket::emitCanSendAsync(quint64 sessionId)
     NUVIKA_ASSERT(m_pIOSocket);
     if (canSend())
         emit sigCanSend();
+}
+
+// --- half-closed connections ---------------------------------------------------------------------------
+
+void HalfClose::setHandler(NuvikaTcpSocket& socket, std::function<void()> peerEnded)
+{
+    socket.m_peerEnded = std::move(peerEnded);
+}
+
+quint64 HalfClose::bytesSent(const NuvikaTcpSocket& socket)
+{
+    return socket.m_pIOSocket == nullptr ? 0 : socket.m_pIOSocket->bytesSent();
 }
 
 // --- queries -------------------------------------------------------------------------------------------

@@ -6,6 +6,12 @@
 #include <QtCore/QObject>
 #include <QtNetwork/QHostAddress>
 
+#include <functional>
+
+namespace Nuvika
+{
+class HalfClose;
+}
 class NuvikaTcpSocketAsyncHelper;
 class NuvikaTcpSocketConnect;
 class NuvikaTcpSocketIO;
@@ -151,4 +157,7 @@ private:
     quint32 m_nFirstFailure = 0;
     bool m_bSingleReceive;
     bool m_bRecvStalled = false;
+
+    friend class Nuvika::HalfClose;
+    std::function<void()> m_peerEnded; // instead of the end at the peer's end
 };

@@ -233,6 +233,7 @@ void NuvikaTcpSocketIO::sent(Transfer& transfer)
         notifyOwner(event);
         return;
     }
+    m_nCompleted += static_cast<quint64>(transfer.bytes());
     const bool bWasFull = isFull();
     m_pFifo->consume(context->nInFifo);
     context->nInFifo = 0;
@@ -257,6 +258,16 @@ bool NuvikaTcpSocketIO::hasBusySend() const
 {
     return std::any_of(
         m_sends.begin(), m_sends.end(), [](const SendContext& context) { return context.transfer.isBusy(); });
+}
+
+quint64 NuvikaTcpSocketIO::bytesSent() const
+{
+    quint64 bytes = m_nCompleted;
+    for (const SendContext& context : m_sends) {
+        if (context.transfer.isBusy())
+            bytes += static_cast<quint64>(context.transfer.bytes());
+    }
+    return bytes;
 }
 
 bool NuvikaTcpSocketIO::isAllSent() const { return m_pFifo->isEmpty() && !hasBusySend(); }

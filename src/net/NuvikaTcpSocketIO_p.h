@@ -33,6 +33,7 @@ public:
     bool sendEndOfData();
     bool isFull() const { return m_pFifo->isFull(); }
     bool isAllSent() const;
+    quint64 bytesSent() const;
     bool hasPendingInput() const { return Nuvika::Sockets::hasInput(m_nSocket); }
     void tellWhenAllSent() { m_bTellAllSent = true; }
     void stallRecv() { m_bRecvStalled = true; }
@@ -80,4 +81,5 @@ private:
     bool m_bSingleReceive;
     bool m_bRecvStalled;
     bool m_bTellAllSent = false;
+    quint64 m_nCompleted = 0; // bytes of sends that are complete
 };
