@@ -139,8 +139,7 @@ HttpMessageReader::Event HttpMessageReader::finish()
 {
     m_state = State::Head;
     m_lineEnd = LineEnd::Start;
-    if (m_body.bMultipart)
-        m_multipart = MultipartReader(); // gives a large part's memory back
+    m_multipart.reset(); // a large part's memory
     return Event::End;
 }
 
@@ -236,13 +235,13 @@ HttpMessageReader::Event HttpMessageReader::readHead()
 
 void HttpMessageReader::setBody(const HttpBody& body)
 {
-    m_head = std::string(); // up to the limit of a head, which an idle connection is not to keep
+    std::string().swap(m_head); // up to the limit of a head, which an idle connection is not to keep
     m_line.clear();
     m_body = body;
     m_nLeft = body.nLength;
     m_nTrailerSize = 0;
     if (body.bMultipart)
-        m_multipart.start(body.boundary, m_limits);
+        m_multipart.emplace().start(body.boundary, m_limits);
     switch (body.kind) {
     case HttpBody::None:
         m_nLeft = 0;
@@ -272,17 +271,17 @@ HttpMessageReader::Event HttpMessageReader::deliver(std::size_t size)
     m_nIn -= size;
     if (!m_body.bMultipart)
         return Event::Content;
-    m_multipart.feed(m_pData, m_nData);
+    m_multipart->feed(m_pData, m_nData);
     m_bPartsWait = true;
     return Event::NeedMore;
 }
 
 HttpMessageReader::Event HttpMessageReader::nextPart()
 {
-    switch (m_multipart.next()) {
+    switch (m_multipart->next()) {
     case MultipartReader::Event::Part:
-        m_pData = m_multipart.data();
-        m_nData = static_cast<std::size_t>(m_multipart.size());
+        m_pData = m_multipart->data();
+        m_nData = static_cast<std::size_t>(m_multipart->size());
         return Event::Part;
     case MultipartReader::Event::Skipped:
         return Event::PartSkipped;

@@ -9,6 +9,7 @@
 #include "http/MultipartReader_p.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 class HttpHeader;
@@ -77,7 +78,7 @@ public:
 
     const char* data() const { return m_pData; }
     int size() const { return static_cast<int>(m_nData); }
-    const char* contentType() const { return m_multipart.contentType(); }
+    const char* contentType() const { return m_multipart->contentType(); }
 
 private:
     enum class State {
@@ -119,7 +120,7 @@ private:
     std::size_t m_nTrailerSize = 0;
     long long m_nLeft = 0; // of the body or the chunk
     HttpBody m_body;
-    MultipartReader m_multipart;
+    std::optional<MultipartReader> m_multipart; // while the body is one
     bool m_bPartsWait = false;
     const char* m_pData = nullptr;
     std::size_t m_nData = 0;

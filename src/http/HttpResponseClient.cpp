@@ -41,8 +41,9 @@ void HttpResponseClient::Private::respond(
     const HttpResponseHeader& header, bool bMore, KepNuvikaUtil::BUFFER body)
 {
     HttpExchange* exchange = isOpen() ? exchangeToAnswer() : nullptr;
-    if (header.statusCode() >= 100 && header.statusCode() < 200 && exchange != nullptr) {
-        interim(*exchange, header.toString().toLatin1());
+    if (isOpen() && header.statusCode() >= 100 && header.statusCode() < 200) {
+        if (exchange != nullptr)
+            interim(*exchange, header.toString().toLatin1());
         return;
     }
     if (exchange == nullptr && isOpen() && !m_bNoMoreRequests)
@@ -241,6 +242,7 @@ void HttpResponseClient::Private::lost(int code)
     if (m_state == eDisconnected)
         return;
     m_exchanges.clear();
+    m_nFinishing = 0;
     m_writer.discard();
     m_input.hold();
     m_input.ended(code);

@@ -107,7 +107,10 @@ bool HttpResponseWriter::drain()
     return true;
 }
 
-bool HttpResponseWriter::isAllSent() { return m_queue.isEmpty() && !m_socket.notifyWhenAllSent(); }
+bool HttpResponseWriter::isAllSent()
+{
+    return m_queue.isEmpty() && (m_bDiscards || !m_socket.notifyWhenAllSent());
+}
 
 quint64 HttpResponseWriter::progress() const { return m_nWritten + HalfClose::bytesSent(m_socket); }
 
