@@ -14,10 +14,10 @@ using namespace Nuvika;
 
 namespace
 {
-QByteArray outcome(const QByteArray& stream, int piece)
+QByteArray outcome(const QByteArray& stream, int piece, HttpMessageReader::Grade grade)
 {
     using Event = HttpMessageReader::Event;
-    HttpMessageReader reader;
+    HttpMessageReader reader(grade);
     QByteArray log;
     QByteArray content;
     for (int at = 0; at < stream.size(); at += piece) {
@@ -50,11 +50,14 @@ QByteArray outcome(const QByteArray& stream, int piece)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const QByteArray stream(reinterpret_cast<const char*>(data), static_cast<int>(size));
-    const QByteArray whole = outcome(stream, std::max(stream.size(), 1));
-    for (const int piece : {1, 7}) {
-        if (outcome(stream, piece) != whole)
-            std::abort();
+    for (const auto grade : {HttpMessageReader::Lenient, HttpMessageReader::Strict}) {
+        const QByteArray whole = outcome(stream, std::max(stream.size(), 1), grade);
+        for (const int piece : {1, 7}) {
+            if (outcome(stream, piece, grade) != whole)
+                std::abort();
+        }
     }
+    HttpRequestHeader::fromBytes(stream.constData(), stream.size()).toString();
     const QByteArray challenge = stream.left(stream.indexOf('\n'));
     HttpAuthenticator authenticator;
     authenticator.digestMd5Response(challenge, "GET", "/", "user", "password", QByteArray());

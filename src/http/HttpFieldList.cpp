@@ -1,26 +1,40 @@
 #include "http/HttpFieldList_p.h"
 
+#include <algorithm>
+
 namespace
 {
 constexpr int kUsualFields = 16;
-constexpr int kSpareText = 4096; // replaced values stay in the text until there are this many of them
+constexpr int kSpareText = 4096; // replaced values stay in the text until they are that long and half of it
 } // namespace
+
+bool Nuvika::HttpFieldList::isNamed(const Field& field, QStringView key) const
+{
+    return field.name.nSize == key.size() && part(field.name).compare(key, Qt::CaseInsensitive) == 0;
+}
 
 int Nuvika::HttpFieldList::find(QStringView key, int from) const
 {
-    for (int i = from; i < size(); ++i) {
-        if (m_fields[static_cast<std::size_t>(i)].name.nSize == key.size()
-            && name(i).compare(key, Qt::CaseInsensitive) == 0)
-            return i;
-    }
-    return -1;
+    const auto found = std::find_if(m_fields.begin() + std::min(from, size()), m_fields.end(),
+        [&](const Field& field) { return isNamed(field, key); });
+    return found == m_fields.end() ? -1 : static_cast<int>(found - m_fields.begin());
+}
+
+void Nuvika::HttpFieldList::removeAll(QStringView key)
+{
+    const QString kept = key.toString(); // it may be a part of this text
+    m_fields.erase(std::remove_if(m_fields.begin(), m_fields.end(),
+                       [&](const Field& field) { return isNamed(field, QStringView(kept)); }),
+        m_fields.end());
 }
 
 void Nuvika::HttpFieldList::setValue(int i, QStringView value)
 {
     const QString kept = value.toString(); // it may be a part of this text
-    m_fields[static_cast<std::size_t>(i)].value = add(QStringView(kept));
-    if (m_text.size() > kSpareText)
+    Part& part = m_fields[static_cast<std::size_t>(i)].value;
+    m_nSpare += part.nSize;
+    part = add(QStringView(kept));
+    if (m_nSpare > std::max(kSpareText, m_text.size() / 2))
         compact();
 }
 

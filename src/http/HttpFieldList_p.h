@@ -28,10 +28,12 @@ public:
     }
     void setValue(int i, QStringView value);
     void removeAt(int i) { m_fields.erase(m_fields.begin() + i); }
+    void removeAll(QStringView key);
     void clear()
     {
         m_fields.clear();
         m_text.clear();
+        m_nSpare = 0;
     }
     void reserve(int textSize);
 
@@ -57,7 +59,10 @@ private:
     void append(QLatin1String text) { m_text.append(text); }
     void compact();
 
+    bool isNamed(const Field& field, QStringView key) const;
+
     QString m_text;
     std::vector<Field> m_fields;
+    int m_nSpare = 0; // characters of the text that are no field's any more
 };
 } // namespace Nuvika

@@ -3,8 +3,9 @@
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 
 #include "http/HttpHeader_p.h"
+#include "http/HttpStrict_p.h"
 
-#include <cstring>
+using namespace Nuvika::HeadLines;
 
 namespace
 {
@@ -16,27 +17,7 @@ constexpr int kMinStatusLine = 10; // HTTP/1.1 2
 QString toText(QStringView view) { return view.toString(); }
 QString toText(QLatin1String view) { return view; }
 
-QChar charAt(QStringView view, int i) { return view.at(i); }
-QChar charAt(QLatin1String view, int i) { return QChar(view.at(i)); }
-
 bool isDigit(QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); }
-
-int findChar(QLatin1String view, char c, int from)
-{
-    const void* found = std::memchr(view.data() + from, c, static_cast<std::size_t>(view.size() - from));
-    return found == nullptr ? -1 : static_cast<int>(static_cast<const char*>(found) - view.data());
-}
-
-int findChar(QStringView view, char c, int from)
-{
-    return static_cast<int>(view.indexOf(QLatin1Char(c), from));
-}
-
-template <class View>
-int length(View view)
-{
-    return static_cast<int>(view.size());
-}
 
 // "HTTP/x.y" at the start of a text of at least 8 characters.
 template <class View>
@@ -49,84 +30,6 @@ bool parseVersion(View text, int* major, int* minor)
     *minor = charAt(text, 7).digitValue();
     return true;
 }
-
-template <class View>
-View trimmed(View text)
-{
-    int start = 0;
-    int end = length(text);
-    while (start < end && charAt(text, start).isSpace())
-        ++start;
-    while (end > start && charAt(text, end - 1).isSpace())
-        --end;
-    return text.mid(start, end - start);
-}
-
-// The end of the line that starts at `from`, and where the next one starts.
-template <class View>
-int lineEnd(View text, int from, bool bCrLf, int* next)
-{
-    for (int at = from; (at = findChar(text, '\n', at)) >= 0; ++at) {
-        if (bCrLf && (at == from || charAt(text, at - 1) != QLatin1Char('\r')))
-            continue;
-        *next = at + 1;
-        return bCrLf ? at - 1 : at;
-    }
-    *next = length(text);
-    return length(text);
-}
-
-// The words of a line without the white space around them.
-template <class View>
-View nextWord(View line, int* from)
-{
-    int start = *from;
-    while (start < length(line) && charAt(line, start).isSpace())
-        ++start;
-    int end = start;
-    while (end < length(line) && !charAt(line, end).isSpace())
-        ++end;
-    *from = end;
-    return line.mid(start, end - start);
-}
-
-// Calls parseLine(line, number) for each logical line of a head: continuation lines are joined to theirs.
-template <class View, class ParseLine>
-bool parseHead(View text, ParseLine parseLine)
-{
-    const int firstEnd = length(text) == 0 ? -1 : findChar(text, '\n', 0);
-    const bool bCrLf = firstEnd > 0 && charAt(text, firstEnd - 1) == QLatin1Char('\r');
-    const View head = trimmed(text);
-
-    View line;
-    QString joined; // the logical line, once a continuation was added to it
-    bool bHaveLine = false;
-    int number = 0;
-    const auto flush = [&] {
-        return !bHaveLine
-            || (joined.isNull() ? parseLine(line, number++) : parseLine(QStringView(joined), number++));
-    };
-    for (int from = 0; from < length(head);) {
-        const int start = from;
-        const int end = lineEnd(head, start, bCrLf, &from);
-        const View piece = head.mid(start, end - start);
-        if (piece.isEmpty())
-            continue;
-        if (charAt(piece, 0).isSpace()) {
-            if (bHaveLine)
-                joined
-                    = (joined.isNull() ? toText(line) : joined) + QLatin1Char(' ') + toText(trimmed(piece));
-            continue;
-        }
-        if (!flush())
-            return false;
-        line = piece;
-        joined = QString();
-        bHaveLine = true;
-    }
-    return flush();
-}
-
 } // namespace
 
 // --- parsing -------------------------------------------------------------------------------------------
@@ -137,7 +40,7 @@ bool HttpHeaderPrivate::parseField(View line)
     const int colon = findChar(line, ':', 0);
     if (colon < 0)
         return false;
-    m_fields.append(trimmed(line.left(colon)), trimmed(line.mid(colon + 1)));
+    m_fields.append(trimmed(line.left(colon), m_blanks), trimmed(line.mid(colon + 1), m_blanks));
     return true;
 }
 
@@ -147,11 +50,11 @@ bool HttpRequestHeaderPrivate::parseRequest(View line, int number)
     if (number != 0)
         return parseField(line);
     int at = 0;
-    m_method = toText(nextWord(line, &at));
-    const View path = nextWord(line, &at);
+    m_method = toText(nextWord(line, &at, m_blanks));
+    const View path = nextWord(line, &at, m_blanks);
     if (!path.isEmpty())
         m_path = toText(path);
-    return parseVersion(nextWord(line, &at), &m_nMajor, &m_nMinor);
+    return parseVersion(nextWord(line, &at, m_blanks), &m_nMajor, &m_nMinor);
 }
 
 template <class View>
@@ -171,7 +74,7 @@ bool HttpResponseHeaderPrivate::parseStatus(View line, int number)
 
 bool HttpHeader::parse(const QString& str)
 {
-    const bool bParsed = parseHead(QStringView(str),
+    const bool bParsed = forEach(QStringView(str), d_ptr->m_blanks,
         [this](QStringView line, int number) { return parseLine(line.toString(), number); });
     if (!bParsed)
         setValid(false);
@@ -181,8 +84,8 @@ bool HttpHeader::parse(const QString& str)
 bool HttpHeader::parseBytes(const char* data, int size)
 {
     d_ptr->m_fields.reserve(size);
-    const bool bParsed = parseHead(
-        QLatin1String(data, size), [this](auto line, int number) { return d_ptr->parseLine(line, number); });
+    const bool bParsed = forEach(QLatin1String(data, size), d_ptr->m_blanks,
+        [this](auto line, int number) { return d_ptr->parseLine(line, number); });
     if (!bParsed)
         setValid(false);
     return bParsed;
@@ -299,11 +202,7 @@ void HttpHeader::removeValue(const QString& key)
         d_ptr->m_fields.removeAt(i);
 }
 
-void HttpHeader::removeAllValues(const QString& key)
-{
-    for (int i = 0; (i = d_ptr->m_fields.find(key, i)) >= 0;)
-        d_ptr->m_fields.removeAt(i);
-}
+void HttpHeader::removeAllValues(const QString& key) { d_ptr->m_fields.removeAll(key); }
 
 bool HttpHeader::hasContentLength() const { return hasKey(kContentLength); }
 
@@ -403,8 +302,11 @@ QString HttpRequestHeader::toString() const
 HttpRequestHeader HttpRequestHeader::fromBytes(const char* data, int size)
 {
     HttpRequestHeader header;
+    header.d_ptr->m_blanks = Blanks::Ascii;
     header.setValid(true);
-    header.parseBytes(data, size);
+    if (header.parseBytes(data, size))
+        header.setValid(Nuvika::isStrictHead(data, size));
+    header.d_ptr->m_blanks = Blanks::Unicode;
     return header;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "http/HttpFieldList_p.h"
+#include "http/HttpHeadLines_p.h"
 
 #include <QtCore/QString>
 
@@ -21,6 +22,7 @@ public:
 
     Nuvika::HttpFieldList m_fields;
     bool m_bValid = true;
+    Nuvika::HeadLines::Blanks m_blanks = Nuvika::HeadLines::Blanks::Unicode; // while parsing
 };
 
 class HttpRequestHeaderPrivate : public HttpHeaderPrivate

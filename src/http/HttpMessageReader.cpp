@@ -3,6 +3,7 @@
 #include <KepNuvikaUtil/HttpHeader.h>
 
 #include "http/HttpLimits_p.h"
+#include "http/HttpStrict_p.h"
 
 #include <algorithm>
 #include <cctype>
@@ -50,6 +51,23 @@ QByteArray boundaryOf(const QString& contentType)
     }
     return text.toLatin1();
 }
+
+// The members of a field's comma-separated list, which may stand in several fields.
+QStringList listOf(const HttpHeader& header, const QString& key)
+{
+    QStringList members;
+    for (const QString& value : header.allValues(key)) {
+        for (const QString& member : value.split(QLatin1Char(',')))
+            members.append(member.trimmed());
+    }
+    members.removeAll(QString());
+    return members;
+}
+
+bool isChunked(const QString& coding)
+{
+    return coding.compare(QLatin1String("chunked"), Qt::CaseInsensitive) == 0;
+}
 } // namespace
 
 HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
@@ -63,7 +81,9 @@ HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
             || std::any_of(
                 lengths.begin(), lengths.end(), [&](const QString& l) { return l != lengths.first(); });
     }
-    if (header.value(kTransferEncoding) == QLatin1String("chunked")) {
+    const bool bExact = header.value(kTransferEncoding) == QLatin1String("chunked");
+    const QStringList codings = lengths.isEmpty() ? listOf(header, kTransferEncoding) : QStringList();
+    if (lengths.isEmpty() ? !codings.isEmpty() && isChunked(codings.last()) : bExact) {
         body.kind = Chunked;
         body.bAmbiguous = !lengths.isEmpty();
         body.bInvalid = false;
@@ -80,12 +100,20 @@ void HttpBody::detectMultipart(const HttpHeader& header)
     boundary = boundaryOf(header.value(QStringLiteral("content-type")));
 }
 
+// Chunks framed twice, or in a coding that has no end, are framed for others than us.
+bool Nuvika::hasForeignCoding(const HttpHeader& header)
+{
+    const QStringList codings = listOf(header, kTransferEncoding);
+    const bool bOnce = std::count_if(codings.begin(), codings.end(), isChunked) == 1;
+    return header.hasKey(kTransferEncoding) && (!bOnce || !isChunked(codings.last()));
+}
+
 bool Nuvika::wantsClose(const HttpHeader& header)
 {
-    const QString connection = header.value(kConnection);
-    if (connection.compare(QLatin1String("close"), Qt::CaseInsensitive) == 0)
+    const QStringList options = listOf(header, kConnection);
+    if (options.contains(QLatin1String("close"), Qt::CaseInsensitive))
         return true;
-    const bool bKeepAlive = connection.compare(QLatin1String("keep-alive"), Qt::CaseInsensitive) == 0;
+    const bool bKeepAlive = options.contains(QLatin1String("keep-alive"), Qt::CaseInsensitive);
     const bool bOldVersion
         = header.majorVersion() < 1 || (header.majorVersion() == 1 && header.minorVersion() < 1);
     return bOldVersion && !bKeepAlive;
@@ -112,6 +140,7 @@ HttpMessageReader::Event HttpMessageReader::finish()
 {
     m_state = State::Head;
     m_lineEnd = LineEnd::Start;
+    m_multipart.reset(); // a large part's memory
     return Event::End;
 }
 
@@ -143,6 +172,7 @@ HttpMessageReader::Event HttpMessageReader::next()
             event = readChunkData();
             break;
         case State::ChunkEnd:
+        case State::ChunkEndLf:
             event = readChunkEnd();
             break;
         case State::Trailer:
@@ -206,13 +236,13 @@ HttpMessageReader::Event HttpMessageReader::readHead()
 
 void HttpMessageReader::setBody(const HttpBody& body)
 {
-    m_head.clear();
+    std::string().swap(m_head); // up to the limit of a head, which an idle connection is not to keep
     m_line.clear();
     m_body = body;
     m_nLeft = body.nLength;
     m_nTrailerSize = 0;
     if (body.bMultipart)
-        m_multipart.start(body.boundary, m_limits);
+        m_multipart.emplace().start(body.boundary, m_limits);
     switch (body.kind) {
     case HttpBody::None:
         m_nLeft = 0;
@@ -242,17 +272,17 @@ HttpMessageReader::Event HttpMessageReader::deliver(std::size_t size)
     m_nIn -= size;
     if (!m_body.bMultipart)
         return Event::Content;
-    m_multipart.feed(m_pData, m_nData);
+    m_multipart->feed(m_pData, m_nData);
     m_bPartsWait = true;
     return Event::NeedMore;
 }
 
 HttpMessageReader::Event HttpMessageReader::nextPart()
 {
-    switch (m_multipart.next()) {
+    switch (m_multipart->next()) {
     case MultipartReader::Event::Part:
-        m_pData = m_multipart.data();
-        m_nData = static_cast<std::size_t>(m_multipart.size());
+        m_pData = m_multipart->data();
+        m_nData = static_cast<std::size_t>(m_multipart->size());
         return Event::Part;
     case MultipartReader::Event::Skipped:
         return Event::PartSkipped;
@@ -289,7 +319,7 @@ void HttpMessageReader::contentPlaced(std::size_t size)
 void HttpMessageReader::partPlaced(std::size_t size)
 {
     contentPlaced(size);
-    m_multipart.placed(size);
+    m_multipart->placed(size);
     m_bPartsWait = true;
 }
 
@@ -338,7 +368,7 @@ HttpMessageReader::Event HttpMessageReader::readChunkSize()
         return fail();
     if (!bLine)
         return Event::NeedMore;
-    if (!parseChunkSize())
+    if (!parseChunkSize() || (m_grade == Strict && !isStrictChunkLine(m_line)))
         return fail();
     m_line.clear();
     m_state = m_nLeft == 0 ? State::Trailer : State::ChunkData;
@@ -358,9 +388,11 @@ HttpMessageReader::Event HttpMessageReader::readChunkEnd()
 {
     const char c = *m_pIn++;
     --m_nIn;
-    if (c == '\n')
+    if (c == '\n' && (m_grade == Lenient || m_state == State::ChunkEndLf))
         m_state = State::ChunkSize;
-    else if (c != '\r')
+    else if (c == '\r' && (m_grade == Lenient || m_state == State::ChunkEnd))
+        m_state = State::ChunkEndLf;
+    else
         return fail();
     return Event::NeedMore;
 }
@@ -375,9 +407,10 @@ HttpMessageReader::Event HttpMessageReader::readTrailer()
         return Event::NeedMore;
     m_nTrailerSize += m_line.size();
     const bool bEmpty = m_line == "\r\n" || m_line == "\n";
-    m_line.clear();
-    if (m_nTrailerSize > static_cast<std::size_t>(m_limits.nHead))
+    if (m_nTrailerSize > static_cast<std::size_t>(m_limits.nHead)
+        || (m_grade == Strict && !isStrictTrailerLine(m_line)))
         return fail();
+    m_line.clear();
     return bEmpty ? finish() : Event::NeedMore;
 }
 

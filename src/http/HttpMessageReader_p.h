@@ -9,6 +9,7 @@
 #include "http/MultipartReader_p.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 class HttpHeader;
@@ -25,13 +26,17 @@ struct HttpBody {
     bool bAmbiguous = false; // a length beside chunks: the connection is not used again
     bool bInvalid = false; // lengths that differ, are negative, no number or too large
 
-    // What the fields say: chunked before length, else `otherwise`.
+    // What the fields say: chunked before length, else `otherwise`. Without a length beside it, the last
+    // transfer coding counts, whatever its letters' case; with one, "chunked" to the letter.
     static HttpBody fromFields(const HttpHeader& header, Kind otherwise);
     // Looks whether the content is a "multipart/x-mixed-replace" stream.
     void detectMultipart(const HttpHeader& header);
 };
 
-// What the "connection" field and the version say.
+// What the transfer codings of a request are to a server: none or chunked ones, which it reads, or others.
+bool hasForeignCoding(const HttpHeader& header);
+
+// What the "connection" fields and the version say.
 bool wantsClose(const HttpHeader& header);
 
 class HttpMessageReader
@@ -47,6 +52,11 @@ public:
         Failed // not HTTP, or over a limit; nothing more comes
     };
 
+    // Servers read chunks to the letter (RFC 9112, 7.1); what answers are framed by is read leniently.
+    enum Grade { Lenient, Strict };
+
+    explicit HttpMessageReader(Grade grade = Lenient) : m_grade(grade) { }
+
     void setLimits(const HttpReadLimits& limits) { m_limits = limits; }
     void reset();
     // The bytes must stay in place until next() says NeedMore or takeRest() was called.
@@ -59,7 +69,7 @@ public:
     // How many of the next bytes to be received are content for certain; 0 while something waits to be read.
     std::size_t contentAhead() const;
     // Where they belong in a part of known length, and what was received there; next() follows.
-    iovec partTarget() { return m_body.bMultipart ? m_multipart.target(contentAhead()) : iovec{}; }
+    iovec partTarget() { return m_multipart ? m_multipart->target(contentAhead()) : iovec{}; }
     void partPlaced(std::size_t size);
     // So many bytes of content were received elsewhere; next() follows.
     void contentPlaced(std::size_t size);
@@ -69,13 +79,27 @@ public:
     // The bytes that were not read yet, which the reader forgets.
     QByteArray takeRest();
     bool hasOnlyLineEndsLeft() const;
+    // Stopping before the next event loses nothing: feed() goes on with the last unread() bytes.
+    bool canPause() const { return !m_bPartsWait && !(m_state == State::Length && m_nLeft == 0); }
+    int unread() const { return static_cast<int>(m_nIn); }
 
     const char* data() const { return m_pData; }
     int size() const { return static_cast<int>(m_nData); }
-    const char* contentType() const { return m_multipart.contentType(); }
+    const char* contentType() const { return m_multipart->contentType(); }
 
 private:
-    enum class State { Head, AwaitBody, Length, UntilEnd, ChunkSize, ChunkData, ChunkEnd, Trailer, Failed };
+    enum class State {
+        Head,
+        AwaitBody,
+        Length,
+        UntilEnd,
+        ChunkSize,
+        ChunkData,
+        ChunkEnd,
+        ChunkEndLf,
+        Trailer,
+        Failed
+    };
     enum class LineEnd { Start, Inside, Lf, LfCr };
 
     Event readHead();
@@ -92,6 +116,7 @@ private:
     Event finish();
     Event fail();
 
+    const Grade m_grade;
     HttpReadLimits m_limits;
     const char* m_pIn = nullptr;
     std::size_t m_nIn = 0;
@@ -102,7 +127,7 @@ private:
     std::size_t m_nTrailerSize = 0;
     long long m_nLeft = 0; // of the body or the chunk
     HttpBody m_body;
-    MultipartReader m_multipart;
+    std::optional<MultipartReader> m_multipart; // while the body is one
     bool m_bPartsWait = false;
     const char* m_pData = nullptr;
     std::size_t m_nData = 0;

@@ -26,6 +26,8 @@ public:
     QString method() const;
     QString path() const;
 
-    /// A head from received Latin-1 bytes, without its closing empty line.
+    /// A head from received Latin-1 bytes, as a server reads it: other than by the constructor from a text,
+    /// white space is that of ASCII, and what RFC 9112 tells servers to refuse is not valid (a name that is
+    /// no token, control characters, a line feed inside a line, more than one Host).
     static HttpRequestHeader fromBytes(const char* data, int size);
 };

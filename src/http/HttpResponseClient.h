@@ -13,10 +13,13 @@
 /// The server side of one accepted HTTP/1.1 connection.
 ///
 /// Requests arrive by signals, in order; the owner answers each by one response(), in the same order. Bytes
-/// behind a complete request are the next one (pipelining). A request with a length, or without a body, comes
+/// behind a complete request are the next one (pipelining): several may be delivered before the first answer,
+/// up to 4096, but none while an answer streams. Answers never overtake each other: one that is given while
+/// the one before it streams waits for its end. A request with a length, or without a body, comes
 /// whole by requestReceived(); a chunked one by contentChunk(), of which an empty one is the end; a multipart
-/// one by multipartReplaceContent(). Without any length, POST, PUT and PATCH last until the connection ends,
-/// other requests end with their head. "Expect: 100-continue" is answered here.
+/// one by multipartReplaceContent(), its end by requestReceived() without content (by the empty
+/// contentChunk() where it is chunked). Without any length, POST, PUT and PATCH last until the connection
+/// ends, other requests end with their head. "Expect: 100-continue" is answered here.
 ///
 /// After the answer to a request that asked for it, or one that says "Connection: close", the connection is
 /// closed without losing the answer's last bytes. A "Connection" field is added to an answer that has none
@@ -26,9 +29,12 @@
 /// emission only.
 /// Lifetime: a handler of any signal may shut down or delete the connection. The object stays after the
 /// connection has ended, which disconnected() tells.
-/// Errors: error() for a request that is no HTTP or exceeds a limit
-/// (setReadLimits()), for a socket error, and for a response() without a connection. Inside error() after
-/// a bad request the owner may still respond (with 400, say); the connection closes behind that.
+/// A peer that ends its direction behind its request gets its whole answer; a connection that makes no
+/// progress for 5 s behind that end is closed.
+/// Errors: error() for a request that is no HTTP (heads and chunks are read to the letter) or exceeds a limit
+/// (setReadLimits()), for a socket error, and for a response() without a connection; never from inside a
+/// handler of error(). Inside error() after a bad request the owner may still respond, else 400 is sent; the
+/// connection closes behind that, and behind the answers to the requests before, which have 5 s.
 /// Memory: what the peer does not read waits here, and while anything waits no further request is read. A
 /// server of live pictures asks canSendContent() and skips a picture when it says no.
 class KEPNUVIKAUTIL_EXPORT HttpResponseClient : public QObject

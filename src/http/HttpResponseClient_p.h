@@ -1,20 +1,25 @@
 // Private: the state of one server-side HTTP connection.
+//
+//     socket -> PendingInput -> HttpMessageReader -> [exchanges] -> signals
+//     response() -> [exchanges] -> HttpResponseWriter -> socket
+//
+// Two rules hold it together: mayDeliver() says when the next event of the input goes to the owner, mayEnd()
+// when the connection is over.
 #pragma once
 
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
+#include <KepNuvikaUtil/VariableBuffer.h>
 
-#include "core/PoolOwner_p.h"
-#include "http/HttpLimits_p.h"
+#include "http/HttpExchange_p.h"
 #include "http/HttpMessageReader_p.h"
-#include "net/ChunkQueue_p.h"
+#include "http/HttpResponseWriter_p.h"
+#include "net/PendingInput_p.h"
 
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
 
-#include <deque>
-
-class HttpResponseClient::Private
+class HttpResponseClient::Private final : private Nuvika::InputReader
 {
 public:
     Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive);
@@ -28,44 +33,63 @@ public:
         eEnding = 5 // nothing more is read or written; the peer gets time to read
     };
 
-    // What the answer to a request needs to know of it.
-    struct Exchange {
-        bool bHead;
-        bool bClose;
-        bool bOldKeepAlive; // an HTTP/1.0 client keeps a connection only where the answer says so
-    };
-
+    // Of the owner.
     void setLimits(const HttpReadLimits& limits)
     {
         m_limits = limits;
         m_reader.setLimits(limits);
     }
-    void dataReceived(const char* data, int size);
-    void respond(const HttpResponseHeader& header, bool bMore, const SharedPoolBuffer* body);
+    void respond(const HttpResponseHeader& header, bool bMore, KepNuvikaUtil::BUFFER body);
     bool sendContent(const KepNuvikaUtil::BUFFER* ranges, int count);
     bool endContent();
+    void disconnect();
+    bool isOpen() const { return m_state != eDisconnected && m_state != eEnding; }
+    bool canSendContent() const { return isOpen() && !m_writer.isBehind() && m_socket.canSend(); }
+    // False when this object is gone.
+    bool tellError();
+
+    // Of the socket.
+    void dataReceived(const char* data, int size);
+    void peerEnded();
+    void lost(int code);
     void canSend();
     void allSent();
-    void lost();
-    void disconnect();
-    bool isOutputWaiting() const { return m_bOutputWaits; }
-    bool isOpen() const { return m_state != eDisconnected && m_state != eEnding; }
-    // Behind a request or an answer that closes the connection nothing is a request any more.
-    bool isBehindLastRequest() const { return m_bLastRequest && m_state == eConnected; }
 
 private:
-    bool parse(const char* data, int size);
-    bool handle(Nuvika::HttpMessageReader::Event event);
-    bool handleHead();
-    bool handleContent();
-    bool handleEnd();
+    int readInput(const char* data, int size) override;
+    void readEnd(int code) override;
+    void stallSource(bool bStall) override;
+
+    bool mayDeliver() const;
+    bool mayEnd();
+    // Behind a request or an answer that closes the connection nothing is a request any more.
+    bool isBehindLastRequest() const { return m_bNoMoreRequests && m_state == eConnected; }
+
+    void handle(Nuvika::HttpMessageReader::Event event);
+    void handleHead();
+    void beginRequest(const Nuvika::HttpBody& body);
+    void handleContent();
+    void collect(const char* data, int size);
+    void handleEnd();
     bool deliver(const char* content, int size);
-    bool rejectRequest();
-    void parseSideInput();
-    void write(const KepNuvikaUtil::BUFFER* ranges, int count);
+    bool deliverCollected();
+    void forgetContent();
+    void rejectRequest();
+    void postResume();
+
+    Nuvika::HttpExchange* exchangeToAnswer();
+    void interim(Nuvika::HttpExchange& exchange, const QByteArray& bytes);
+    void begin(const HttpResponseHeader& header, bool bMore, KepNuvikaUtil::BUFFER body);
+    void finishFront();
+    void advance();
+    void lookAtOutput();
     void awaitAllSent();
+
+    void endIfDue();
     void beginEnding();
-    void discard(int size);
+    void startLimit(unsigned int ms);
+    void tick();
+    void timeUp();
 
     HttpResponseClient& m_client;
 
@@ -73,29 +97,32 @@ public:
     NuvikaTcpSocket m_socket;
 
 private:
-    Nuvika::PoolOwner m_pPool{new SharedBufferPool};
     State m_state = eDisconnected;
     HttpReadLimits m_limits;
-    Nuvika::HttpMessageReader m_reader;
-    HttpRequestHeader m_requestHeader;
-    HttpResponseHeader m_responseHeader;
-    SharedPoolBuffer m_content; // a collected request body
-    std::size_t m_nContent = 0;
-    const char* m_pWholeContent = nullptr; // the body, when it came in one piece
-    long long m_nExpectedContentLength = -1;
-    std::deque<Exchange> m_exchanges; // delivered and not yet answered
-    Nuvika::ChunkQueue m_queue; // written and not yet taken by the socket
-    QByteArray m_sideInput; // received while a handler runs or output waits
-    bool m_bParsing = false;
-    bool m_bEndWaits = false;
-    bool m_bMoreContent = false;
-    bool m_bChunkedResponse = false;
-    bool m_bHeadOnly = false;
-    bool m_bCloseAfter = false;
-    bool m_bLastRequest = false;
-    bool m_bOutputWaits = false; // the peer does not keep up: no further request is read
+    Nuvika::PendingInput m_input{*this};
+    Nuvika::HttpMessageReader m_reader{Nuvika::HttpMessageReader::Strict};
+    Nuvika::HttpExchanges m_exchanges;
+    Nuvika::HttpResponseWriter m_writer{m_socket};
     int m_nFinishing = 0; // complete responses whose last bytes have not left
-    bool m_bRejected = false; // a bad request: what the owner answers is the last
+
+    // The request that is being received.
+    HttpRequestHeader m_requestHeader;
+    VariableBuffer m_bufRequest; // the content so far, behind the head where the connection's end is the end
+    std::size_t m_nCapacity = 0; // of m_bufRequest
+    int m_nRequestContentOffset = 0;
+    const char* m_pWholeContent = nullptr; // the content, when it came in one piece
+    long long m_nExpectedContentLength = -1;
+    bool m_bRequestCloses = false;
+
+    bool m_bNoMoreRequests = false;
+    bool m_bInputEnded = false; // the peer's end was read
+    bool m_bRejecting = false; // inside error() for a bad request, which has no answer yet
+    bool m_bTellingError = false;
+
+    // A connection whose end has begun and that makes no progress for so long is cut.
+    QTimer m_timer;
+    unsigned int m_nLimitMs = 0;
+    unsigned int m_nSinceMs = 0;
+    quint64 m_nProgress = 0;
     int m_nDiscarded = 0;
-    QTimer m_endTimer;
 };

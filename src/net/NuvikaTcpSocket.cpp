@@ -5,6 +5,7 @@
 
 #include "core/Log_p.h"
 #include "net/DirectSocketCalls_p.h"
+#include "net/HalfClose_p.h"
 #include "net/NuvikaTcpSocketAsyncHelper_p.h"
 #include "net/NuvikaTcpSocketConnect_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
@@ -12,6 +13,8 @@
 #include "net/OwnerThread_p.h"
 #include "net/ReceivePlacer_p.h"
 #include "platform/Clock_p.h"
+
+#include <utility>
 
 using namespace Nuvika;
 
@@ -162,6 +165,11 @@ void NuvikaTcpSocket::slotError(int errorCode)
 
 void NuvikaTcpSocket::slotDisconnected()
 {
+    if (m_peerEnded && m_state == eConnected) {
+        const std::function<void()> peerEnded = m_peerEnded; // may destroy this socket
+        peerEnded();
+        return;
+    }
     releaseConnection();
     if (m_state == eUnconnected || m_state == eError)
         return;
@@ -271,6 +279,18 @@ void NuvikaTcpSocket::emitCanSendAsync(quint64 sessionId)
     NUVIKA_ASSERT(m_pIOSocket);
     if (canSend())
         emit sigCanSend();
+}
+
+// --- half-closed connections ---------------------------------------------------------------------------
+
+void HalfClose::setHandler(NuvikaTcpSocket& socket, std::function<void()> peerEnded)
+{
+    socket.m_peerEnded = std::move(peerEnded);
+}
+
+quint64 HalfClose::bytesSent(const NuvikaTcpSocket& socket)
+{
+    return socket.m_pIOSocket == nullptr ? 0 : socket.m_pIOSocket->bytesSent();
 }
 
 // --- queries -------------------------------------------------------------------------------------------

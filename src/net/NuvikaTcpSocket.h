@@ -6,13 +6,16 @@
 #include <QtCore/QObject>
 #include <QtNetwork/QHostAddress>
 
+#include <functional>
+
 class NuvikaTcpSocketAsyncHelper;
 class NuvikaTcpSocketConnect;
 class NuvikaTcpSocketIO;
 namespace Nuvika
 {
+class HalfClose;
 class ReceivePlacer;
-}
+} // namespace Nuvika
 
 /// A TCP stream socket on a Qt event loop: one connection at a time, outgoing (connectToHost()) or accepted
 /// (setSocketDescriptor()), everything reported by signals on the thread that made the object.
@@ -169,8 +172,10 @@ private:
     quint32 m_nFirstFailure = 0;
     bool m_bSingleReceive;
     bool m_bRecvStalled = false;
+    std::function<void()> m_peerEnded; // instead of the end at the peer's end
     SYSTEM_BUFFERS m_systemBuffers = eAsProfile;
     Nuvika::ReceivePlacer* m_pPlacer = nullptr; // of the library's own readers
     friend class Nuvika::ReceivePlacer;
     friend class NuvikaTcpSocketIO;
+    friend class Nuvika::HalfClose;
 };

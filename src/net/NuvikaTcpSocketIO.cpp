@@ -273,6 +273,7 @@ void NuvikaTcpSocketIO::sent(Transfer& transfer)
         notifyOwner(event);
         return;
     }
+    m_nCompleted += static_cast<quint64>(transfer.bytes());
     const bool bWasFull = isFull();
     if (context->nInFifo > 0)
         m_pFifo->consume(std::exchange(context->nInFifo, 0U));
@@ -298,6 +299,16 @@ bool NuvikaTcpSocketIO::hasBusySend() const
 {
     return std::any_of(
         m_sends.begin(), m_sends.end(), [](const SendContext& context) { return context.transfer.isBusy(); });
+}
+
+quint64 NuvikaTcpSocketIO::bytesSent() const
+{
+    quint64 bytes = m_nCompleted;
+    for (const SendContext& context : m_sends) {
+        if (context.transfer.isBusy())
+            bytes += static_cast<quint64>(context.transfer.bytes());
+    }
+    return bytes;
 }
 
 bool NuvikaTcpSocketIO::isAllSent() const { return (!m_pFifo || m_pFifo->isEmpty()) && !hasBusySend(); }

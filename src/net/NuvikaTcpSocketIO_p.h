@@ -35,6 +35,7 @@ public:
     bool sendEndOfData();
     bool isFull() const { return m_pFifo && m_pFifo->isFull(); }
     bool isAllSent() const;
+    quint64 bytesSent() const;
     bool hasPendingInput() const { return Nuvika::Sockets::hasInput(m_nSocket); }
     void tellWhenAllSent();
     void stallRecv() { m_bRecvStalled = true; }
@@ -87,4 +88,5 @@ private:
     bool m_bSingleReceive;
     bool m_bRecvStalled;
     bool m_bTellAllSent = false;
+    quint64 m_nCompleted = 0; // bytes of sends that are complete
 };

@@ -1,0 +1,376 @@
+// What a server connection reads, in which order it answers, and when it ends.
+#include "http/Served.h"
+#include "support/LogCapture.h"
+#include "support/Seams.h"
+
+#include <malloc.h>
+#include <thread>
+
+namespace
+{
+struct Request {
+    const char* bytes;
+    const char* told; // the event; null: refused
+};
+
+const QByteArray kChunked = "PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
+const char* kFinal = "HTTP/1.1 200 X\r\n";
+
+QByteArray get(const char* path) { return QByteArray("GET ") + path + " HTTP/1.1\r\n\r\n"; }
+
+// The status codes and bodies that came, interim answers included.
+QByteArray answersIn(QByteArray bytes)
+{
+    bytes.replace("HTTP/1.1 ", "|");
+    QByteArray shortened;
+    for (const QByteArray& part : bytes.split('|')) {
+        if (!part.isEmpty())
+            shortened += part.left(3) + ':' + part.mid(part.indexOf("\r\n\r\n") + 4) + ' ';
+    }
+    return shortened.trimmed();
+}
+} // namespace
+
+TEST(HttpServerExchange, ReadsRequestsToTheLetter)
+{
+    const Request requests[] = {
+        {"GET / HTTP/1.1\r\nTransfer-Encoding : chunked\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nTransfer-Encoding\xa0: chunked\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nTransfer-Encoding:\x0b"
+         "chunked\r\n\r\n",
+            nullptr},
+        {"GET / HTTP/1.1\r\n: nameless\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nHost: a\r\nhost: b\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nA: b\nInjected: c\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nA: b\rInjected: c\r\n\r\n", nullptr},
+        {"GET\xa0/ HTTP/1.1\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nTransfer-Encoding: chunked\r\nTransfer-Encoding: gzip\r\n\r\n", nullptr},
+        {"GET / HTTP/1.1\r\nTransfer-Encoding: chunked, chunked\r\n\r\n", nullptr},
+        {"PUT / HTTP/1.1\r\nTransfer-Encoding: Chunked\r\nContent-Length: 1\r\n\r\nx", nullptr},
+        {"GET / HTTP/1.1\r\nTransfer-Encoding:\r\n\r\n", nullptr},
+        {"PUT / HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", "chunk ab"},
+        {"PUT / HTTP/1.1\r\nTransfer-Encoding: identity, chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", "chunk ab"},
+        {"GET /caf\xc3\xa0 HTTP/1.1\r\n\r\n", "GET /caf\u00c3\u00a0 "},
+        {"GET /folded HTTP/1.1\r\nA: b\r\n c\r\n\td\r\n\r\n", "GET /folded "},
+        {"GET /bare HTTP/1.1\nA: b\nHost: c\n\n", "GET /bare "},
+    };
+    const Request chunks[] = {
+        {"3zz\r\nabc\r\n", nullptr},
+        {"3;\nabc\r\n", nullptr},
+        {"3\nabc\r\n", nullptr},
+        {"0x3\r\nabc\r\n", nullptr},
+        {" 3\r\nabc\r\n", nullptr},
+        {"3;\r\nabc\r\n", nullptr},
+        {"3;a=\"b\r\nabc\r\n", nullptr},
+        {"0\r\nA : b\r\n\r\n", nullptr},
+        {"0\r\nA: b\n\r\n", nullptr},
+        {"3;a;b=c ; d = \"e;\\\"f\" \r\nabc\r\n", nullptr},
+        {"3;a;b=c ; d = \"e;\\\"f\"\r\nabc\r\n", "chunk abc"},
+        {"0\r\nA: b\r\n\r\n", "chunk "},
+    };
+    const auto expectTold = [](const QByteArray& bytes, const char* told) {
+        LogCapture log;
+        Served s;
+        s.client.write(bytes + get("/smuggled"));
+        if (told != nullptr) {
+            EXPECT_TRUE(waitFor([&] { return !s.events.isEmpty(); })) << bytes.constData();
+            EXPECT_EQ(s.events.value(0).toStdString(), told) << bytes.constData();
+            return;
+        }
+        EXPECT_TRUE(waitFor([&] { return s.client.atEnd(); })) << bytes.constData();
+        EXPECT_EQ(answersIn(s.client.received()), QByteArray("400:")) << bytes.constData();
+        EXPECT_EQ(s.events.value(0), QStringLiteral("error")) << bytes.constData();
+        EXPECT_TRUE(s.events.filter(QStringLiteral("GET")).isEmpty()) << bytes.constData();
+    };
+    for (const Request& request : requests)
+        expectTold(request.bytes, request.told);
+    for (const Request& chunk : chunks)
+        expectTold(kChunked + chunk.bytes, chunk.told);
+    // Behind the data stands one CR LF; what came before it was told.
+    for (const char* end : {"\r\r\n0\r\n\r\n", "\n0\r\n\r\n"}) {
+        Served s;
+        s.client.write(kChunked + "3\r\nabc" + end);
+        EXPECT_TRUE(s.expect({"chunk abc", "error", "finished"})) << end;
+    }
+}
+
+TEST(HttpServerExchange, AnswersNeverLandInsideOneAnother)
+{
+    Served s;
+    s.client.write(get("/1"));
+    ASSERT_TRUE(s.expect({"GET /1 "}));
+    s.respond(200, "a", "Transfer-Encoding", "chunked", true);
+    s.client.write("PUT /2 HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n");
+    settle();
+    EXPECT_TRUE(s.events.isEmpty()) << "inside an answer";
+    s.server->sendContent("b", 1);
+    s.server->endContent();
+    ASSERT_TRUE(waitFor([&] { return s.client.received().endsWith("100 Continue\r\n\r\n"); }));
+    EXPECT_TRUE(s.client.take().endsWith("1\r\na\r\n1\r\nb\r\n0\r\n\r\nHTTP/1.1 100 Continue\r\n\r\n"));
+    s.events.clear();
+    s.client.write("ok" + get("/3"));
+    ASSERT_TRUE(s.expect({"PUT /2 ok", "GET /3 "})) << "several may wait for their answers";
+
+    s.client.write("PUT /4 HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n");
+    settle(10);
+    EXPECT_TRUE(s.client.take().isEmpty()) << "an interim answer waits for those before it";
+    s.respond(200, "", "Transfer-Encoding", "chunked", true);
+    s.respond(200, "three");
+    s.server->sendContent("two", 3);
+    settle(10);
+    EXPECT_TRUE(s.client.received().endsWith("\r\n\r\n3\r\ntwo\r\n")) << s.client.received().constData();
+    s.server->endContent();
+    ASSERT_TRUE(waitFor([&] { return s.client.received().endsWith("100 Continue\r\n\r\n"); }));
+    EXPECT_EQ(answersIn(s.client.take().replace("3\r\ntwo\r\n0\r\n\r\n", "two")), "200:two 200:three 100:");
+    EXPECT_TRUE(s.expect({"finished", "finished"}));
+}
+
+TEST(HttpServerExchange, RequestsBeyondTheBoundWaitForAnswers)
+{
+    constexpr int kRequests = 20000;
+    Served s;
+    int received = 0;
+    int answered = 0;
+    s.onEvent = [&](const QString& event) { received += event.startsWith(QLatin1String("GET")) ? 1 : 0; };
+    std::thread writer([&] { s.client.write(get("/").repeated(kRequests)); });
+    EXPECT_TRUE(waitFor([&] { return received >= 4000; }));
+    settle(20);
+    EXPECT_LT(received, 5000) << "nobody has answered one";
+    EXPECT_TRUE(waitFor([&] {
+        for (; answered < received; ++answered)
+            s.respond(200, "x");
+        s.client.received();
+        return answered == kRequests;
+    }));
+    writer.join();
+    EXPECT_TRUE(waitFor([&] { return s.client.received().count("\r\n\r\nx") == kRequests; }));
+}
+
+TEST(HttpServerExchange, ABadRequestIsAnsweredBehindThoseBeforeIt)
+{
+    LogCapture log;
+    const auto answered = [](bool bFirst, bool bOwn, bool bLater) {
+        Served s;
+        s.onEvent = [&](const QString& event) {
+            if ((event.startsWith(QLatin1String("GET")) && bFirst)
+                || (event == QLatin1String("error") && bOwn))
+                s.respond(event == QLatin1String("error") ? 418 : 200, "x");
+        };
+        s.client.write(get("/1") + "bad\r\n\r\n" + get("/smuggled"));
+        EXPECT_TRUE(waitFor([&] { return s.events.contains(QStringLiteral("error")); }));
+        if (bLater)
+            s.respond(201, "later");
+        else if (!bFirst)
+            seams::clockOffsetMs += 5000; // a silent owner does not keep the connection
+        EXPECT_TRUE(waitFor([&] { return s.client.atEnd(); }));
+        s.client.close();
+        EXPECT_TRUE(waitFor([&] { return s.events.contains(QStringLiteral("disconnected")); }));
+        EXPECT_TRUE(s.events.filter(QStringLiteral("smuggled")).isEmpty());
+        return answersIn(s.client.received());
+    };
+    EXPECT_EQ(answered(true, false, false), "200:x 400:");
+    EXPECT_EQ(answered(true, true, false), "200:x 418:x");
+    EXPECT_EQ(answered(false, false, true), "201:later 400:");
+    EXPECT_EQ(answered(false, true, true), "201:later 418:x");
+    EXPECT_EQ(answered(false, false, false), "400:");
+}
+
+TEST(HttpServerExchange, NoErrorComesFromInsideAnErrorHandler)
+{
+    LogCapture log;
+    Served s;
+    int deepest = 0;
+    int depth = 0;
+    s.onEvent = [&](const QString& event) {
+        if (event != QLatin1String("error") || depth > 100)
+            return;
+        deepest = std::max(deepest, ++depth);
+        s.respond(400, "an answer, as the header allows");
+        --depth;
+    };
+    s.client.write(get("/"));
+    ASSERT_TRUE(s.expect({"GET / "}));
+    s.server->shutdown();
+    s.events.clear();
+    s.respond(200, "nobody is there");
+    EXPECT_TRUE(s.expect({"error"}));
+    EXPECT_EQ(deepest, 1);
+    s.respond(200, "nor now");
+    EXPECT_TRUE(s.expect({"error"})) << "the next call tells it again";
+}
+
+TEST(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
+{
+    const QByteArray big(8 << 20, 'b');
+    Served s;
+    s.client.write(get("/1") + get("/2"));
+    s.client.shutdownWrite();
+    ASSERT_TRUE(s.expect({"GET /1 ", "GET /2 "}));
+    s.respond(200, big);
+    s.respond(200, "", "Transfer-Encoding", "chunked", true);
+    for (int i = 0; i < 4; ++i) { // each piece is progress
+        seams::clockOffsetMs += 4000;
+        s.server->sendContent("piece", 5);
+        settle(300);
+        ASSERT_TRUE(s.events.isEmpty()) << "the peer has read nothing yet";
+    }
+    s.server->endContent();
+    ASSERT_TRUE(waitFor([&] { return s.client.atEnd(); }));
+    EXPECT_FALSE(s.client.wasReset());
+    EXPECT_TRUE(s.client.received().contains(big + kFinal));
+    EXPECT_EQ(s.client.received().count("5\r\npiece\r\n"), 4);
+    EXPECT_TRUE(s.client.received().endsWith("0\r\n\r\n"));
+    EXPECT_TRUE(s.expect({"finished", "finished", "disconnected"}));
+
+    for (const bool bAnswer : {false, true}) { // neither a silent owner nor a silent peer keeps it for ever
+        Served silent;
+        silent.client.write(get("/") + get("/"));
+        silent.client.shutdownWrite();
+        ASSERT_TRUE(silent.expect({"GET / ", "GET / "}));
+        if (bAnswer)
+            silent.respond(200, big);
+        settle(300);
+        EXPECT_TRUE(silent.events.isEmpty());
+        seams::clockOffsetMs += 5000;
+        EXPECT_TRUE(silent.expect({"disconnected"})) << bAnswer;
+    }
+    Served idle;
+    idle.client.shutdownWrite();
+    EXPECT_TRUE(idle.expect({"disconnected"})) << "nothing is owed";
+    Served cut;
+    cut.client.write("PUT / HTTP/1.1\r\nContent-Length: 9\r\n\r\nhalf");
+    cut.client.shutdownWrite();
+    EXPECT_TRUE(cut.expect({"disconnected"})) << "a request that never became complete";
+}
+
+TEST(HttpServerExchange, ThePeersEndWaitsBehindRequestsOfANestedLoop)
+{
+    Served s;
+    s.onEvent = [&](const QString& event) {
+        if (event != QLatin1String("GET /1 "))
+            return;
+        s.client.write(get("/2"));
+        s.client.shutdownWrite();
+        settle(30);
+        EXPECT_EQ(s.events.size(), 1) << "signals of a connection do not nest";
+    };
+    s.client.write(get("/1"));
+    ASSERT_TRUE(s.expect({"GET /1 ", "GET /2 "}));
+    s.respond(200, "1");
+    s.respond(200, "2");
+    EXPECT_TRUE(s.expect({"finished", "finished", "disconnected"}));
+    EXPECT_EQ(answersIn(s.client.received()), "200:1 200:2");
+}
+
+TEST(HttpServerExchange, ConnectionIsAListOfTokens)
+{
+    const std::pair<const char*, bool> fields[] = {
+        {"Connection: close, x-other", true},
+        {"Connection: x-other\r\nconnection: \tCLOSE", true},
+        {"Connection: x-close, closed", false},
+        {"Connection: keep-alive", false},
+    };
+    for (const auto& [field, bClose] : fields) {
+        Served s;
+        s.onEvent = [&](const QString& event) {
+            if (event.startsWith(QLatin1String("GET")))
+                s.respond(200, "x");
+        };
+        s.client.write(QByteArray("GET / HTTP/1.1\r\n") + field + "\r\n\r\n");
+        ASSERT_TRUE(waitFor([&] { return s.client.received().endsWith("x"); })) << field;
+        settle(10);
+        EXPECT_EQ(s.client.atEnd(), bClose) << field;
+    }
+}
+
+// Under a sanitizer the allocator tells nothing, and this shows nothing.
+TEST(HttpServerExchange, MemoryOfLargeContentIsGivenBack)
+{
+    const auto inUse = [] {
+        const struct mallinfo2 info = mallinfo2();
+        return static_cast<long long>(info.uordblks + info.hblkhd);
+    };
+    const QByteArray content(40 << 20, 'c');
+    const QByteArray length = QByteArray::number(content.size());
+    const QByteArray mixed = "Content-Type: multipart/x-mixed-replace; boundary=b\r\n";
+    const QByteArray part = "--b\r\nContent-Length: " + length + "\r\n\r\n";
+    const QByteArray requests[] = {
+        "PUT / HTTP/1.1\r\nContent-Length: " + length + "\r\n\r\n" + content,
+        "PUT / HTTP/1.1\r\n" + mixed + "Content-Length: " + QByteArray::number(part.size() + content.size())
+            + "\r\n\r\n" + part + content,
+        "PUT / HTTP/1.1\r\nContent-Length: 50000000\r\n\r\n" + content,
+    };
+    for (const QByteArray& request : requests) {
+        Served s;
+        QObject::disconnect(s.server.get(), nullptr, nullptr, nullptr);
+        bool bTold = false;
+        QObject::connect(s.server.get(), &HttpResponseClient::requestReceived, [&] { bTold = true; });
+        QObject::connect(s.server.get(), &HttpResponseClient::disconnected, [&] { bTold = true; });
+        const long long before = inUse();
+        std::thread writer([&] {
+            s.client.write(request);
+            s.client.shutdownWrite();
+        });
+        EXPECT_TRUE(waitFor([&] { return bTold; })) << request.left(80).constData();
+        writer.join();
+        settle(5);
+        EXPECT_LT(inUse() - before, 4 << 20) << request.left(80).constData();
+    }
+}
+
+// What a handler may do, in each signal.
+TEST(HttpServerExchange, HandlersMayCloseDeleteAnswerOrRunALoopInEachSignal)
+{
+    LogCapture log;
+    const QByteArray requests = get("/") + kChunked + "1\r\na\r\n0\r\n\r\n"
+        + "PUT / HTTP/1.1\r\nContent-Type: multipart/x-mixed-replace; boundary=b\r\n"
+          "Transfer-Encoding: chunked\r\n\r\n1c\r\n--b\r\nContent-Length: 2\r\n\r\nhi\r\n0\r\n\r\n"
+        + "POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcbad\r\n\r\n";
+    const char* signalsOfAll[]
+        = {"GET", "chunk a", "chunk ", "part", "POST", "error", "finished", "disconnected"};
+    using Action = std::function<void(Served&)>;
+    const std::pair<const char*, Action> actions[] = {
+        {"close", [](Served& s) { s.server->shutdown(); }},
+        {"delete", [](Served& s) { s.server.reset(); }},
+        {"nested loop", [](Served&) { settle(10); }},
+        {"close in a nested loop",
+            [](Served& s) {
+                QTimer::singleShot(0, s.server.get(), [&s] { s.server->shutdown(); });
+                settle(10);
+            }},
+        {"answer twice",
+            [](Served& s) {
+                s.respond(200, "x");
+                s.respond(200, "y");
+            }},
+    };
+    for (const char* when : signalsOfAll) {
+        for (const auto& [name, action] : actions) {
+            Served s;
+            bool bDone = false;
+            bool bInside = false;
+            s.onEvent = [&, &action = action](const QString& event) {
+                const bool bRequest = event.startsWith(QLatin1String("GET"))
+                    || event == QLatin1String("chunk ") || event.startsWith(QLatin1String("POST"));
+                EXPECT_FALSE(bInside && bRequest) << "requests do not nest";
+                bInside = true;
+                if (!bDone && event.startsWith(QLatin1String(when))) {
+                    bDone = true;
+                    action(s);
+                }
+                if (s.server && s.server->isConnected() && bRequest)
+                    s.respond(200, "x");
+                bInside = false;
+            };
+            s.client.write(requests);
+            EXPECT_TRUE(waitFor([&] { return s.client.atEnd(); })) << when << ", " << name;
+            s.client.close();
+            EXPECT_TRUE(waitFor([&] { return bDone; })) << when << ", " << name;
+            EXPECT_TRUE(waitFor([&] {
+                return !s.server || s.events.contains(QStringLiteral("disconnected"));
+            })) << when
+                << ", " << name;
+            EXPECT_LE(s.events.count(QStringLiteral("disconnected")), 1) << when << ", " << name;
+        }
+    }
+}
