@@ -12,9 +12,8 @@ constexpr int kFrameSize = kFrameHead + kMessageSize;
 inline unsigned int bigEndian(const char* bytes)
 {
     unsigned int value = 0;
-    for (int i = 0; i < 4; ++i)
-        value = value << 8 | static_cast<unsigned char>(bytes[i]);
-    return value;
+    std::memcpy(&value, bytes, sizeof value);
+    return ntohl(value);
 }
 
 inline std::string bigEndian(unsigned int value)

@@ -15,7 +15,7 @@ void receive(const Arguments& a, bool bEncrypted)
     const FrameKey key;
     EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
     EVP_DecryptInit_ex(context, EVP_aes_128_cbc(), nullptr, key.bytes, nullptr);
-    std::vector<char> buffer(1 << 16);
+    std::vector<char> buffer(1 << 18);
     unsigned char plain[4096];
     std::size_t held = 0;
     watch.start();
@@ -54,16 +54,18 @@ void send(const Arguments& a)
 {
     const int s = rawConnect(a.port);
     const std::string frame = plainFrame();
-    std::string out;
+    std::vector<char> out(1 << 18);
+    std::size_t held = 0;
     watch.start();
     for (long long i = 0; i < a.amount; ++i) {
-        out += frame;
-        if (out.size() > 65536) {
-            writeAll(s, out.data(), out.size());
-            out.clear();
+        if (held + kFrameSize > out.size()) {
+            writeAll(s, out.data(), held);
+            held = 0;
         }
+        std::memcpy(out.data() + held, frame.data(), kFrameSize);
+        held += kFrameSize;
     }
-    writeAll(s, out.data(), out.size());
+    writeAll(s, out.data(), held);
     char byte = 0;
     recv(s, &byte, 1, 0);
 }
