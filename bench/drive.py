@@ -64,11 +64,11 @@ def sizes(row, name, scale):
     amount, connections, variant = row.amount, row.connections, row.programs[name]
     if name == "qt" and row.mode == "echo" and connections > 1:
         amount //= 20  # its time grows with its sockets; rates are compared, so less work is fair
-    if row.kind == "memory":
-        connections = max(int(connections * min(scale * 5, 1)), 10)
-    elif amount > 1:
+    if scale < 1 and (row.kind == "memory" or row.mode == "echo"):
+        connections = max(connections // 20, 10)
+    if amount > 1:
         amount = max(int(amount * scale), connections * 2, 1)
-    elif scale < 1:
+    elif scale < 1 and row.kind != "memory":
         variant = re.sub(r"\d+", lambda m: str(max(int(int(m.group()) * scale), 10)), variant)
     return amount, connections, variant
 
@@ -318,7 +318,7 @@ def main():
     parser.add_argument("--brief", action="store_true", help="each program once, without judging time")
     parser.add_argument("--markdown", action="store_true", help="one line for each row, as docs/performance.md has them")
     parser.add_argument("--fill", metavar="FILE", help="the same, and into FILE's table")
-    options = parser.parse_args()
+    options = parser.parse_intermixed_args()
     FOLDER = options.folder
     unknown = set(options.groups) - set(GROUPS)
     if unknown:

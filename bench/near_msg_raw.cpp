@@ -54,7 +54,7 @@ void send(const Arguments& a)
 {
     const int s = rawConnect(a.port);
     const std::string frame = plainFrame();
-    std::vector<char> out(1 << 18);
+    std::vector<char> out(1 << 16);
     std::size_t held = 0;
     watch.start();
     for (long long i = 0; i < a.amount; ++i) {

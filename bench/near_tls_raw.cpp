@@ -7,7 +7,6 @@ using namespace bench;
 
 namespace
 {
-constexpr std::size_t kReadAhead = 1 << 17;
 SSL_SESSION* session = nullptr;
 
 int keep(SSL*, SSL_SESSION* fresh)
@@ -41,8 +40,7 @@ int main(int argc, char** argv)
 {
     const Arguments a(argc, argv);
     SSL_CTX* context = SSL_CTX_new(TLS_client_method());
-    SSL_CTX_set_read_ahead(context, 1); // several records by one receive
-    SSL_CTX_set_default_read_buffer_len(context, std::getenv("RB")?std::atoi(std::getenv("RB")):kReadAhead);
+    SSL_CTX_set_read_ahead(context, 1); // a record's head and body by one receive; larger reads cost more
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
     SSL_CTX_sess_set_new_cb(context, &keep);
     std::vector<char> buffer(kBlock, 'x');
