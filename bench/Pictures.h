@@ -1,7 +1,7 @@
 // What the programs of the MJPEG rows share: the parts, the count, and the ideal parser that stands behind
 // every peer without one of its own.
-//   near_mjpeg_PEER MODE PORT PICTURES CAMERAS: watches CAMERAS streams, timed from the moment when each camera
-//   has shown one picture on average.
+//   near_mjpeg_PEER watch PORT PICTURES CAMERAS: watches CAMERAS streams, timed when each camera has shown
+//   some pictures on average.
 #pragma once
 
 #include "Common.h"
@@ -15,6 +15,7 @@
 namespace bench
 {
 constexpr std::size_t kPictureSize = 40000;
+constexpr long long kWarmUp = 5; // pictures of each camera
 constexpr char kPicturesHead[] = "HTTP/1.1 200 OK\r\nServer: far\r\nDate: Sat, 21 Nov 2026 00:00:00 GMT\r\n"
                                  "Content-Type: multipart/x-mixed-replace; boundary=b\r\n\r\n";
 constexpr char kPicturesRequest[] = "GET /pictures HTTP/1.1\r\nHost: far\r\n\r\n";
@@ -32,16 +33,16 @@ inline void countPicture(const Arguments& a, const char* data, std::size_t size)
     if (size != kPictureSize || std::memcmp(data, "\xFF\xD8", 2) != 0
         || std::memcmp(data + size - 2, "\xFF\xD9", 2) != 0)
         std::exit(1);
-    if (++seen == a.connections)
+    if (++seen == kWarmUp * a.connections)
         watch.start();
-    if (seen == a.connections + a.amount) {
+    if (seen == kWarmUp * a.connections + a.amount) {
         watch.report();
         std::_Exit(0);
     }
 }
 
-// Finds the pictures of one camera in what was received. Whole ones are seen where they lie; one that comes in
-// pieces gets memory, of which all cameras together need as many as are in pieces at the same time.
+// Finds the pictures of one camera in what was received. Whole ones are seen where they lie; one that comes
+// in pieces gets memory, of which all cameras together need as many as are in pieces at the same time.
 class PartReader
 {
 public:
@@ -99,8 +100,8 @@ private:
             m_head.append(data, std::min<std::size_t>(size, 512));
             start = m_head.data();
         }
-        const auto* end = static_cast<const char*>(
-            memmem(start, before > 0 ? m_head.size() : size, "\r\n\r\n", 4));
+        const auto* end
+            = static_cast<const char*>(memmem(start, before > 0 ? m_head.size() : size, "\r\n\r\n", 4));
         if (end == nullptr) {
             if (before == 0)
                 m_head.assign(data, size);

@@ -173,12 +173,12 @@ def row_results(group, repeats, scale):
         result = Result(row.title, row.goal, row.kind, row.unit)
         names = [name for name in row.programs if os.path.exists(near_path(row, name))]
         for _ in range(repeats):
-            for name in list(names):
+            for name in names:
                 try:
                     result.add(name, run_once(row, name, scale))
                 except LeftOut:
                     print(f"bench: {row.title}: {name} is left out", file=sys.stderr)
-                    names.remove(name)
+                    names = [] if name == "nuvika" else [other for other in names if other != name]
                 except (RuntimeError, OSError, subprocess.SubprocessError) as error:
                     sys.exit(f"bench/run: {row.title}: {error}")
         if "nuvika" in result.runs:

@@ -1,10 +1,10 @@
 // The other end of every row, by plain system calls and always the same.
 //   far source|sink|framesink|tlssource|tlssink BYTES [medium]
 //   far frames|eframes COUNT
-//   far echo|http|tlsfull|tlsresumed|tlsecho|hangup   these listen, print their port, and serve until they are ended
-//   far load|one PORT ROUNDS CONNECTIONS      drives an echo server: all connections active, or one at a time
-//   far datagrams|runs PORT                   sends datagrams of 1200 bytes as fast as it can, plainly or in runs
-//   far drain                                 prints a port, and reads what comes there
+//   far echo|http|tlsfull|tlsresumed|tlsecho|hangup   these listen, print their port, and serve until they
+//   are ended far load|one PORT ROUNDS CONNECTIONS      drives an echo server: all connections active, or one
+//   at a time far datagrams|runs PORT                   sends datagrams of 1200 bytes as fast as it can,
+//   plainly or in runs far drain                                 prints a port, and reads what comes there
 //   far connects PORT COUNT                   opens and ends connections
 #include "EncryptedFrame.h"
 #include "Tls.h"
@@ -200,8 +200,8 @@ int load(bool bAll, unsigned short port, long long rounds, int count)
     return 0;
 }
 
-// Bursts of a picture's packets, until the driver ends it: one call for each burst, as plain datagrams or as a
-// run that the system cuts (UDP_SEGMENT).
+// Bursts of a picture's packets, until the driver ends it: one call for each burst, as plain datagrams or as
+// a run that the system cuts (UDP_SEGMENT).
 int datagrams(unsigned short port, bool bRuns)
 {
     const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

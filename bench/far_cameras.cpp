@@ -1,5 +1,6 @@
 // The other end of the camera rows, by plain system calls and always the same.
-//   far_cameras pictures COUNT RATE [SEGMENT] serves COUNT cameras, each with RATE pictures a second; 0: as fast
+//   far_cameras pictures COUNT RATE [SEGMENT] serves COUNT cameras, each with RATE pictures a second; 0: as
+//   fast
 //                                             as they are taken; prints its port. Segments of 1460 carry 1448
 //                                             bytes and a time stamp, as a network brings them
 //   far_cameras rtp PACKETS RATE PORT...      one RTP stream to each port, RATE packets a second in all
@@ -39,8 +40,8 @@ struct Camera {
 void sendPictures(Camera& camera, const std::string& part)
 {
     while (camera.waiting > 0) {
-        const ssize_t n = send(camera.socket, part.data() + camera.sent, part.size() - camera.sent,
-            MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t n = send(
+            camera.socket, part.data() + camera.sent, part.size() - camera.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n < 0)
             return;
         camera.sent += static_cast<std::size_t>(n);
@@ -77,7 +78,8 @@ int pictures(std::size_t count, long long rate, int segment)
     if (rate == 0)
         for (Camera& camera : cameras)
             camera.waiting = 1LL << 60;
-    const auto interval = std::chrono::nanoseconds(rate > 0 ? 1000000000 / (rate * static_cast<int>(count)) : 0);
+    const auto interval
+        = std::chrono::nanoseconds(rate > 0 ? 1000000000 / (rate * static_cast<int>(count)) : 0);
     Clock::time_point due = Clock::now();
     for (std::size_t next = 0;;) {
         while (rate > 0 && due <= Clock::now()) { // the cameras in turn, evenly over the second

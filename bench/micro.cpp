@@ -226,11 +226,12 @@ void digestLimit(benchmark::State& state) // the three hashes by EVP with everyt
         md5.hex({{user, 32}, ":", nonce, ":", {count, 8}, ":", cnonce, ":auth:", {request, 32}}, response);
         std::string credentials;
         credentials.reserve(320);
-        for (const std::string_view piece : {std::string_view("Digest username=\"viewer\", realm=\"camera\", nonce=\""),
-                 std::string_view(nonce), std::string_view("\", uri=\"/live/picture.jpg\", response=\""),
-                 std::string_view(response, 32), std::string_view("\", algorithm=MD5, qop=auth, nc="),
-                 std::string_view(count, 8), std::string_view(", cnonce=\""), std::string_view(cnonce),
-                 std::string_view("\"")})
+        for (const std::string_view piece :
+            {std::string_view("Digest username=\"viewer\", realm=\"camera\", nonce=\""),
+                std::string_view(nonce), std::string_view("\", uri=\"/live/picture.jpg\", response=\""),
+                std::string_view(response, 32), std::string_view("\", algorithm=MD5, qop=auth, nc="),
+                std::string_view(count, 8), std::string_view(", cnonce=\""), std::string_view(cnonce),
+                std::string_view("\"")})
             credentials += piece;
         benchmark::DoNotOptimize(credentials.data());
     }
@@ -479,7 +480,8 @@ void commandLimit(benchmark::State& state) // into views, quotes and backslashes
         benchmark::DoNotOptimize(items.data());
     }
 }
-void commandQt(benchmark::State& state) // split at the first colon, at semicolons and equals signs, into a map
+void commandQt(
+    benchmark::State& state) // split at the first colon, at semicolons and equals signs, into a map
 {
     for (auto _ : state) {
         QMap<QString, QVariant> params;

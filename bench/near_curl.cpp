@@ -20,7 +20,8 @@ int main(int argc, char** argv)
 {
     const Arguments a(argc, argv);
     CURL* curl = curl_easy_init();
-    const std::string url = std::string("http://") + farHost() + ":" + std::to_string(a.port) + "/" + a.variant;
+    const std::string url
+        = std::string("http://") + farHost() + ":" + std::to_string(a.port) + "/" + a.variant;
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, take);
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 262144L);

@@ -35,9 +35,8 @@ int main(int argc, char** argv)
             row->connected();
         });
     };
-    row = std::make_unique<IdleRow>(a, connectNext, [&](int i) {
-        asio::write(*sockets[static_cast<std::size_t>(i)], asio::buffer(idleMessage));
-    });
+    row = std::make_unique<IdleRow>(a, connectNext,
+        [&](int i) { asio::write(*sockets[static_cast<std::size_t>(i)], asio::buffer(idleMessage)); });
     connectNext();
     loop.run();
     return 1;

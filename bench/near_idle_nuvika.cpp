@@ -46,9 +46,8 @@ int hold(const Arguments& a)
         QObject::connect(socket, &Socket::error, [] { std::exit(1); });
         socket->connectToHost(QHostAddress(QString::fromLatin1(farHost())), a.port);
     };
-    row = std::make_unique<IdleRow>(a, connectNext, [&](int i) {
-        sockets[static_cast<std::size_t>(i)]->sendData(idleMessage.data(), kEchoSize);
-    });
+    row = std::make_unique<IdleRow>(a, connectNext,
+        [&](int i) { sockets[static_cast<std::size_t>(i)]->sendData(idleMessage.data(), kEchoSize); });
     connectNext();
     return QCoreApplication::exec();
 }

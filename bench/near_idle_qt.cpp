@@ -34,9 +34,8 @@ int main(int argc, char** argv)
             tls->connectToHostEncrypted(QString::fromLatin1(farHost()), a.port);
         }
     };
-    row = std::make_unique<IdleRow>(a, connectNext, [&](int i) {
-        sockets[static_cast<std::size_t>(i)]->write(idleMessage.data(), kEchoSize);
-    });
+    row = std::make_unique<IdleRow>(a, connectNext,
+        [&](int i) { sockets[static_cast<std::size_t>(i)]->write(idleMessage.data(), kEchoSize); });
     connectNext();
     return QCoreApplication::exec();
 }

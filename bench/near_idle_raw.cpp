@@ -18,7 +18,8 @@ struct Connection {
 Connection open(const Arguments& a, SSL_CTX* context, int ep)
 {
     const Connection connection{rawConnect(a.port), context != nullptr ? SSL_new(context) : nullptr};
-    if (connection.tls != nullptr && (SSL_set_fd(connection.tls, connection.socket), SSL_connect(connection.tls) != 1))
+    if (connection.tls != nullptr
+        && (SSL_set_fd(connection.tls, connection.socket), SSL_connect(connection.tls) != 1))
         std::exit(1);
     epoll_event event{EPOLLIN, {}};
     epoll_ctl(ep, EPOLL_CTL_ADD, connection.socket, &event);

@@ -52,9 +52,8 @@ void onRead(uv_stream_t* stream, ssize_t n, const uv_buf_t* buffer)
 {
     if (n < 0) {
         if (args->mode == "connect")
-            uv_close(reinterpret_cast<uv_handle_t*>(stream), [](uv_handle_t*) {
-                --left > 0 ? connectNext() : uv_stop(loop);
-            });
+            uv_close(reinterpret_cast<uv_handle_t*>(stream),
+                [](uv_handle_t*) { --left > 0 ? connectNext() : uv_stop(loop); });
         else if (args->mode != "acceptsocket")
             uv_stop(loop);
         return;
@@ -106,11 +105,12 @@ void connectNext()
     static uv_connect_t connect;
     const sockaddr_in address = farAddress(args->port);
     uv_tcp_init(loop, &tcp);
-    uv_tcp_connect(&connect, &tcp, reinterpret_cast<const sockaddr*>(&address), [](uv_connect_t* c, int failed) {
-        if (failed != 0)
-            std::exit(1);
-        uv_read_start(c->handle, allocate, onRead);
-    });
+    uv_tcp_connect(
+        &connect, &tcp, reinterpret_cast<const sockaddr*>(&address), [](uv_connect_t* c, int failed) {
+            if (failed != 0)
+                std::exit(1);
+            uv_read_start(c->handle, allocate, onRead);
+        });
 }
 } // namespace
 

@@ -17,7 +17,8 @@ int watchSocket(CURL*, curl_socket_t s, int what, void*, void* known)
 {
     epoll_event event{};
     event.data.fd = s;
-    event.events = ((what & CURL_POLL_IN) != 0 ? EPOLLIN : 0U) | ((what & CURL_POLL_OUT) != 0 ? EPOLLOUT : 0U);
+    event.events
+        = ((what & CURL_POLL_IN) != 0 ? EPOLLIN : 0U) | ((what & CURL_POLL_OUT) != 0 ? EPOLLOUT : 0U);
     if (what == CURL_POLL_REMOVE)
         return epoll_ctl(ep, EPOLL_CTL_DEL, s, nullptr);
     (void)known;
@@ -52,9 +53,11 @@ int main(int argc, char** argv)
         readers.push_back(std::make_unique<PartReader>(a));
         CURL* camera = curl_easy_init();
         curl_easy_setopt(camera, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(camera, CURLOPT_NOSIGNAL, 1L); // no signal handling around each call
         curl_easy_setopt(camera, CURLOPT_WRITEFUNCTION, take);
         curl_easy_setopt(camera, CURLOPT_WRITEDATA, readers.back().get());
-        curl_easy_setopt(camera, CURLOPT_BUFFERSIZE, a.variant.empty() ? 262144L : std::atol(a.variant.c_str()));
+        curl_easy_setopt(
+            camera, CURLOPT_BUFFERSIZE, a.variant.empty() ? 262144L : std::atol(a.variant.c_str()));
         curl_multi_add_handle(multi, camera);
     }
     for (int running = 1; running > 0;) {

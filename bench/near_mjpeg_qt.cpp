@@ -44,8 +44,8 @@ int main(int argc, char** argv)
         readers.push_back(std::make_unique<PartReader>(a));
         QTcpSocket* socket = sockets.back().get();
         PartReader* reader = readers.back().get();
-        QObject::connect(
-            socket, &QTcpSocket::connected, [socket] { socket->write(kPicturesRequest, sizeof kPicturesRequest - 1); });
+        QObject::connect(socket, &QTcpSocket::connected,
+            [socket] { socket->write(kPicturesRequest, sizeof kPicturesRequest - 1); });
         QObject::connect(socket, &QTcpSocket::readyRead, [socket, reader] { read(*socket, *reader); });
         QObject::connect(socket, &QTcpSocket::disconnected, [] { std::exit(1); });
         socket->connectToHost(QString::fromLatin1(farHost()), a.port);

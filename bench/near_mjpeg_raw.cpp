@@ -11,7 +11,8 @@ using namespace bench;
 int main(int argc, char** argv)
 {
     const Arguments a(argc, argv);
-    const std::size_t readSize = a.variant.empty() ? 1 << 16 : static_cast<std::size_t>(std::atoll(a.variant.c_str()));
+    const std::size_t readSize
+        = a.variant.empty() ? 1 << 16 : static_cast<std::size_t>(std::atoll(a.variant.c_str()));
     std::vector<char> buffer(readSize);
     std::vector<std::pair<int, PartReader>> cameras;
     const int ep = epoll_create1(EPOLL_CLOEXEC);
@@ -29,8 +30,8 @@ int main(int argc, char** argv)
             auto& [socket, reader] = cameras[events[static_cast<std::size_t>(i)].data.u32];
             std::array<iovec, 2> ranges{reader.rest(), iovec{buffer.data(), buffer.size()}};
             const std::size_t rest = ranges[0].iov_len;
-            const ssize_t n = rest > 0 ? readv(socket, ranges.data(), 2)
-                                       : recv(socket, buffer.data(), buffer.size(), 0);
+            const ssize_t n
+                = rest > 0 ? readv(socket, ranges.data(), 2) : recv(socket, buffer.data(), buffer.size(), 0);
             if (n <= 0)
                 return 1;
             const std::size_t direct = std::min(rest, static_cast<std::size_t>(n));

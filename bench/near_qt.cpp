@@ -100,8 +100,10 @@ void httpGet(const Arguments& a)
 {
     static long long left = a.amount;
     QNetworkAccessManager manager;
-    const QNetworkRequest request(
-        QUrl(QStringLiteral("http://%1:%2/%3").arg(QString::fromLatin1(farHost())).arg(a.port).arg(QString::fromStdString(a.variant))));
+    const QNetworkRequest request(QUrl(QStringLiteral("http://%1:%2/%3")
+                                           .arg(QString::fromLatin1(farHost()))
+                                           .arg(a.port)
+                                           .arg(QString::fromStdString(a.variant))));
     const auto next = [&] { manager.get(request); };
     QObject::connect(&manager, &QNetworkAccessManager::finished, [&](QNetworkReply* reply) {
         if (reply->readAll().isEmpty())

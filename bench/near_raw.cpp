@@ -154,7 +154,8 @@ struct Content {
     }
 };
 
-// Reads chunks behind a head: what lies whole in a receive is copied once, into the content. False at the end.
+// Reads chunks behind a head: what lies whole in a receive is copied once, into the content. False at the
+// end.
 class Chunks
 {
 public:
@@ -191,8 +192,8 @@ private:
     std::size_t m_left = 0;
 };
 
-// One answer on one kept connection: finds two words in the head, and receives a content of known length where
-// it stays.
+// One answer on one kept connection: finds two words in the head, and receives a content of known length
+// where it stays.
 bool readAnswer(int s, std::vector<char>& buffer, Content& content)
 {
     std::size_t held = 0;

@@ -44,8 +44,8 @@ int main(int argc, char** argv)
     std::vector<std::unique_ptr<Receiver>> receivers;
     std::vector<unsigned short> ports;
     for (int i = 0; i < a.connections; ++i) {
-        receivers.push_back(std::unique_ptr<Receiver>(
-            new Receiver{udp::socket(loop, udp::endpoint(asio::ip::make_address_v4(farHost()), 0)), RtpStream()}));
+        receivers.push_back(std::unique_ptr<Receiver>(new Receiver{
+            udp::socket(loop, udp::endpoint(asio::ip::make_address_v4(farHost()), 0)), RtpStream()}));
         udp::socket& socket = receivers.back()->socket;
         socket.set_option(asio::socket_base::receive_buffer_size(kDatagramBuffer));
         socket.non_blocking(true);

@@ -14,7 +14,8 @@ int main(int argc, char** argv)
     static std::array<mmsghdr, kBatch> messages{};
     static std::array<iovec, kBatch> ranges{};
     static std::array<sockaddr_in6, kBatch> senders;
-    const std::size_t batch = a.variant.empty() ? kBatch : static_cast<std::size_t>(std::atoi(a.variant.c_str()));
+    const std::size_t batch
+        = a.variant.empty() ? kBatch : static_cast<std::size_t>(std::atoi(a.variant.c_str()));
     const int ep = epoll_create1(EPOLL_CLOEXEC);
     std::vector<unsigned short> ports;
     std::vector<std::pair<int, RtpStream>> streams;
@@ -39,9 +40,11 @@ int main(int argc, char** argv)
             auto& [socket, stream] = streams[events[static_cast<std::size_t>(e)].data.u32];
             for (std::size_t i = 0; i < batch; ++i)
                 messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in6);
-            const int got = recvmmsg(socket, messages.data(), static_cast<unsigned int>(batch), MSG_DONTWAIT, nullptr);
+            const int got
+                = recvmmsg(socket, messages.data(), static_cast<unsigned int>(batch), MSG_DONTWAIT, nullptr);
             for (int i = 0; i < got; ++i)
-                stream.took(buffers[static_cast<std::size_t>(i)].data(), messages[static_cast<std::size_t>(i)].msg_len);
+                stream.took(buffers[static_cast<std::size_t>(i)].data(),
+                    messages[static_cast<std::size_t>(i)].msg_len);
         }
     }
 }

@@ -42,7 +42,8 @@ void sendSingly(const Arguments& a)
         if (a.variant != "sendto")
             send(s, packets.bytes[0].data(), kDatagramSize, 0);
         else
-            sendto(s, packets.bytes[0].data(), kDatagramSize, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+            sendto(s, packets.bytes[0].data(), kDatagramSize, 0, reinterpret_cast<const sockaddr*>(&to),
+                sizeof to);
     });
 }
 

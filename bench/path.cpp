@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <arpa/inet.h>
+#include <csignal>
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
@@ -20,7 +21,6 @@
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <csignal>
 #include <unistd.h>
 
 namespace
