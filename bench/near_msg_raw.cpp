@@ -24,29 +24,20 @@ void receive(const Arguments& a, bool bEncrypted)
         if (n <= 0)
             break;
         held += static_cast<std::size_t>(n);
-        std::size_t at = 0;
-        while (held - at > kFrameHead) {
-            const char* frame = buffer.data() + at;
-            const std::size_t size = kFrameHead + bigEndian(frame + 4);
-            if (held - at < size)
-                break;
-            if (bEncrypted) {
-                const auto* token = reinterpret_cast<const unsigned char*>(frame + kFrameHead);
-                int decrypted = 0;
-                int rest = 0;
-                EVP_DecryptInit_ex(context, nullptr, nullptr, nullptr, token + 12);
-                EVP_DecryptUpdate(context, plain, &decrypted, token + 32,
-                    static_cast<int>(bigEndian(frame + kFrameHead + 28)));
-                EVP_DecryptFinal_ex(context, plain + decrypted, &rest);
-                checksum += plain[0];
-            } else {
+        got += takeFrames(buffer, held, [&](const char* frame) {
+            if (!bEncrypted) {
                 checksum += frame[kFrameHead];
+                return;
             }
-            at += size;
-            ++got;
-        }
-        std::memmove(buffer.data(), buffer.data() + at, held - at);
-        held -= at;
+            const auto* token = reinterpret_cast<const unsigned char*>(frame + kFrameHead);
+            int decrypted = 0;
+            int rest = 0;
+            EVP_DecryptInit_ex(context, nullptr, nullptr, nullptr, token + 12);
+            EVP_DecryptUpdate(
+                context, plain, &decrypted, token + 32, static_cast<int>(bigEndian(frame + kFrameHead + 28)));
+            EVP_DecryptFinal_ex(context, plain + decrypted, &rest);
+            checksum += plain[0];
+        });
     }
 }
 

@@ -100,8 +100,8 @@ def datagrams():
 def messages():
     def row(title, goal, mode, far, amount, *names):
         return Row("msg", title, goal, "near_msg", mode, far, amount, 1, all_of("raw", "nuvika", *names))
-    yield row("framed 108-byte messages received", "0.60", "msgrecv", "far frames {amount}", 5000000, "qt")
-    yield row("framed 108-byte messages sent", "0.50", "msgsend", "far framesink {bytes}", 5000000, "qt")
+    yield row("framed 108-byte messages received", "0.60", "msgrecv", "far frames {amount}", 5000000, "asio", "qt")
+    yield row("framed 108-byte messages sent", "0.50", "msgsend", "far framesink {bytes}", 5000000, "asio", "qt")
     yield row("the same encrypted, received", "0.80", "msgrecvenc", "far eframes {amount}", 2000000)
 
 
