@@ -9,8 +9,13 @@ using namespace bench;
 namespace
 {
 std::string body;
-std::size_t take(char* data, std::size_t size, std::size_t count, void*)
+
+std::size_t take(char* data, std::size_t size, std::size_t count, void* curl)
 {
+    curl_off_t length = 0;
+    if (body.empty() && curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK
+        && length > 0)
+        body.reserve(static_cast<std::size_t>(length));
     body.append(data, size * count);
     return size * count;
 }
@@ -24,6 +29,8 @@ int main(int argc, char** argv)
         = std::string("http://") + farHost() + ":" + std::to_string(a.port) + "/" + a.variant;
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, take);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, curl);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 262144L);
     Stopwatch watch;
     watch.start();
