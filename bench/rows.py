@@ -69,7 +69,7 @@ def connections():
 def cameras():
     for title, goal, rate, kind, limit in (
             ("200 MJPEG cameras over HTTP, 10 pictures a second each", "cpu 1.25", 10, "cpu", ""),
-            ("200 MJPEG cameras over HTTP, the most pictures", "1.0", 0, "rate", "262144")):
+            ("200 MJPEG cameras over HTTP, the most pictures", "1.0", 0, "rate", "1048576")):
         yield Row("cameras", title, goal, "near_mjpeg", "watch", f"far_cameras pictures {{connections}} {rate} 1460",
                   10000 if rate else 40000, 200, {**all_of("raw", "nuvika", "asio", "curl", "qt"), "raw": limit}, kind)
     yield Row("cameras", "200 RTP streams, 85,000 packets a second, statistics included", "cpu 1.15, none lost",
