@@ -1,26 +1,16 @@
-// For the rows whose buffers the kernel tunes. A library without that choice leaves such a row out.
+// For the rows whose buffers the kernel tunes.
 #pragma once
 
-#include "Common.h"
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+
+#include <cstdlib>
 
 namespace bench
 {
 template <class Socket>
-auto tune(Socket& socket, int) -> decltype(socket.setSystemBuffers(true), void())
-{
-    socket.setSystemBuffers(true);
-}
-
-template <class Socket>
-void tune(Socket&, long)
-{
-    std::exit(77);
-}
-
-template <class Socket>
 void leaveBuffersToTheKernel(Socket& socket)
 {
     if (std::getenv("BENCH_TUNED") != nullptr)
-        tune(socket, 0);
+        socket.setSystemBuffers(NuvikaTcpSocket::eTuned);
 }
 } // namespace bench
