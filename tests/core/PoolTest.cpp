@@ -86,6 +86,13 @@ TEST(SharedBufferPool, RecyclesRecordsWithTheirMemory)
         const SharedPoolBuffer& same = other;
         other = same;
         EXPECT_EQ(other.getBuffer(), data) << "handles share the bytes";
+        SharedPoolBuffer moved(std::move(other));
+        EXPECT_EQ(other.getBuffer(), nullptr) << "moved away"; // NOLINT(bugprone-use-after-move)
+        other = std::move(moved);
+        SharedPoolBuffer& itself = other;
+        other = std::move(itself);
+        EXPECT_EQ(other.getBuffer(), data);
+        EXPECT_EQ(moved.getBuffer(), nullptr); // NOLINT(bugprone-use-after-move)
     }
     const auto before = mallinfo2().uordblks;
     for (int i = 0; i < 1000; ++i) {
