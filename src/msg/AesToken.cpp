@@ -204,7 +204,7 @@ bool AesTokenReader::initialise(const Parts& parts)
     return true;
 }
 
-void AesTokenReader::finish(const Parts& parts, QByteArray* plain)
+bool AesTokenReader::finish(const Parts& parts, QByteArray* plain)
 {
     const CipherSpace baDec{parts.nCipherSize + 3 * kBlock};
     int updated = 0;
@@ -220,17 +220,17 @@ void AesTokenReader::finish(const Parts& parts, QByteArray* plain)
         m_context.reset();
         plain->resize(0);
         NUVIKA_WARNING(lcMsg, "%s", failure);
-        return;
+        return false;
     }
     const int nBytesDecrypted = updated + finished;
     NUVIKA_ASSERT(nBytesDecrypted <= baDec.size());
     plain->resize(nBytesDecrypted);
+    return true;
 }
 
-void AesTokenReader::decrypt(const char* token, int size, QByteArray* plain)
+bool AesTokenReader::decrypt(const char* token, int size, QByteArray* plain)
 {
     Parts parts{};
     plain->resize(0);
-    if (parse(token, size, &parts) && initialise(parts))
-        finish(parts, plain);
+    return parse(token, size, &parts) && initialise(parts) && finish(parts, plain);
 }

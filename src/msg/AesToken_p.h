@@ -93,15 +93,16 @@ class AesTokenReader
 public:
     explicit AesTokenReader(const TokenKind& kind);
 
-    // Into \a plain, whose memory is used again; empty behind a record when it cannot be read.
-    void decrypt(const char* token, int size, QByteArray* plain);
+    // Into \a plain, whose memory is used again; false, with nothing in it, behind a record when it cannot be
+    // read.
+    bool decrypt(const char* token, int size, QByteArray* plain);
 
 private:
     struct Parts;
 
     bool parse(const char* token, int size, Parts* parts) const;
     bool initialise(const Parts& parts);
-    void finish(const Parts& parts, QByteArray* plain);
+    bool finish(const Parts& parts, QByteArray* plain);
 
     const TokenKind& m_kind;
     TokenKey m_key;

@@ -25,6 +25,12 @@ public:
         m_reader.decrypt(token.constData(), token.size(), &plain);
         return plain;
     }
+    // The same, where an empty text is no failure.
+    bool canDecrypt(const QByteArray& token)
+    {
+        QByteArray plain;
+        return m_reader.decrypt(token.constData(), token.size(), &plain);
+    }
 
 private:
     Nuvika::AesTokenReader m_reader;

@@ -1,5 +1,7 @@
 #include "support/Seams.h"
 
+#include <QtCore/QStringView>
+
 #include <openssl/evp.h>
 
 #include <cerrno>
@@ -20,6 +22,8 @@ Fault receiving;
 Fault settingOptions;
 Fault opening;
 Fault receivingMany;
+Fault growing;
+std::atomic<long long> hexDigitsRead{0};
 
 Fault& crypto(const char* function)
 {
@@ -153,6 +157,19 @@ ssize_t __wrap_recv(int fd, void* data, size_t size, int flags)
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
 {
     return seams::settingOptions.fires() ? -1 : __real_setsockopt(fd, level, name, value, length);
+}
+
+void* __real_realloc(void* block, size_t size);
+void* __wrap_realloc(void* block, size_t size)
+{
+    return seams::growing.fires() ? nullptr : __real_realloc(block, size);
+}
+
+int __real__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out); // Nuvika::decodeHex()
+int __wrap__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out)
+{
+    seams::hexDigitsRead += digits.size();
+    return __real__ZN6Nuvika9decodeHexE11QStringViewPc(digits, out);
 }
 
 #define NUVIKA_WRAP_CRYPTO(function, parameters, arguments)                                                  \

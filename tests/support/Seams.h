@@ -48,6 +48,8 @@ extern Fault receiving;
 extern Fault settingOptions;
 extern Fault opening;
 extern Fault receivingMany;
+extern Fault growing; // of blocks of memory
+extern std::atomic<long long> hexDigitsRead; // counted where texts are decoded
 // Steps of the crypto library, by the name of its function.
 Fault& crypto(const char* function);
 } // namespace seams
