@@ -6,6 +6,7 @@
 #include "platform/Clock_p.h"
 
 #include <algorithm>
+#include <list>
 #include <memory>
 #include <utility>
 
@@ -23,10 +24,22 @@ QHash<QString, SDP*> SDP::s_sdpCache;
 QMutex SDP::s_mutexCache;
 quint64 SDP::s_lastCacheCheck = 0;
 
+// The cache's entries stand in a line in the order of their use, the longest unused first.
+struct SDP::CacheEntry : SDP {
+    CacheEntry(const SDP& sdp, const QString& key) : SDP(sdp), text(key) { }
+
+    QString text;
+    int nBytes = 0;
+    std::list<CacheEntry*>::iterator place;
+};
+
 struct SDP::CacheOwner {
+    std::list<CacheEntry*> inUseOrder;
+    qint64 nBytes = 0;
+
     ~CacheOwner()
     {
-        qDeleteAll(s_sdpCache);
+        qDeleteAll(inUseOrder);
         s_sdpCache.clear();
     }
     static CacheOwner instance;
@@ -37,6 +50,7 @@ namespace
 {
 constexpr int kCacheLimit = 10000;
 constexpr quint64 kCacheIdleMs = 20000;
+constexpr qint64 kCacheBytes = 64 << 20;
 
 quint64 nowMs() { return Nuvika::Clock::wallClockMs(); }
 
@@ -99,6 +113,18 @@ QString attributeValueOf(const Params& params, const QString& name)
     return found == params.end() ? QString() : found->second.mid(attributeName(found->second).size() + 1);
 }
 
+// What would end a line, and begin others, stands in none.
+bool isLine(const char* function, const QString& name, const QString& value)
+{
+    const QString line = name + value;
+    const bool bEnds
+        = line.contains(QLatin1Char('\r')) || line.contains(QLatin1Char('\n')) || line.contains(QChar(0));
+    if (bEnds)
+        NUVIKA_WARNING(
+            lcMedia, "SDP::%s() : Param could not be changed because it holds a CR, LF or NUL", function);
+    return !bEnds;
+}
+
 template <class Params>
 bool setParam(Params& params, const QString& name, const QString& oldValue, const QString& newValue)
 {
@@ -136,21 +162,48 @@ SDP SDP::fromSDPString(const QString& text)
 {
     const Nuvika::MutexGuard lock(s_mutexCache);
     const quint64 now = nowMs();
+    std::list<CacheEntry*>& inUseOrder = CacheOwner::instance.inUseOrder;
     const auto cached = s_sdpCache.constFind(text);
     if (cached != s_sdpCache.constEnd()) {
-        (*cached)->m_nLastUsed = now;
-        return **cached;
+        auto* entry = static_cast<CacheEntry*>(*cached);
+        entry->m_nLastUsed = now;
+        inUseOrder.splice(inUseOrder.end(), inUseOrder, entry->place);
+        return *entry;
     }
     SDP sdp;
     Parser(&sdp).parse(text);
     sdp.m_bValid = true;
     sdp.m_nLastUsed = now;
-    cleanCache();
-    s_sdpCache.insert(text, std::make_unique<SDP>(sdp).release());
+    forgetIdle();
+    keep(text, sdp);
     return sdp;
 }
 
-void SDP::cleanCache()
+void SDP::keep(const QString& text, const SDP& sdp)
+{
+    CacheOwner& cache = CacheOwner::instance;
+    const qint64 bytes = sdp.bytes() + 2 * qint64(text.size());
+    if (bytes > kCacheBytes)
+        return;
+    auto entry = std::make_unique<CacheEntry>(sdp, text);
+    entry->nBytes = static_cast<int>(bytes);
+    entry->place = cache.inUseOrder.insert(cache.inUseOrder.end(), entry.get());
+    cache.nBytes += bytes;
+    s_sdpCache.insert(text, entry.release());
+    while (cache.nBytes > kCacheBytes)
+        forgetOldest();
+}
+
+void SDP::forgetOldest()
+{
+    CacheOwner& cache = CacheOwner::instance;
+    const std::unique_ptr<CacheEntry> entry(cache.inUseOrder.front());
+    cache.inUseOrder.pop_front();
+    cache.nBytes -= entry->nBytes;
+    s_sdpCache.remove(entry->text);
+}
+
+void SDP::forgetIdle()
 {
     if (s_sdpCache.size() <= kCacheLimit)
         return;
@@ -160,14 +213,24 @@ void SDP::cleanCache()
     if (s_lastCacheCheck - now <= kCacheIdleMs) // in this order, unsigned: time that went on is always more
         return;
     s_lastCacheCheck = now;
-    for (auto entry = s_sdpCache.begin(); entry != s_sdpCache.end();) {
-        if (now - (*entry)->m_nLastUsed > kCacheIdleMs) {
-            delete *entry;
-            entry = s_sdpCache.erase(entry);
-        } else {
-            ++entry;
-        }
-    }
+    const std::list<CacheEntry*>& inUseOrder = CacheOwner::instance.inUseOrder;
+    while (!inUseOrder.empty() && now - inUseOrder.front()->m_nLastUsed > kCacheIdleMs)
+        forgetOldest();
+}
+
+// As the memory that a description takes, roughly.
+qint64 SDP::bytes() const
+{
+    qint64 bytes = sizeof(CacheEntry);
+    const auto add = [&bytes](const ParamList& params) {
+        bytes += 64;
+        for (const Param& param : params)
+            bytes += 64 + 2 * qint64(param.second.size());
+    };
+    add(m_sessionParams);
+    std::for_each(m_timeDescs.begin(), m_timeDescs.end(), add);
+    std::for_each(m_mediaDescs.begin(), m_mediaDescs.end(), add);
+    return bytes;
 }
 
 void SDP::reuse() { m_nLastUsed = nowMs(); }
@@ -244,6 +307,8 @@ QString SDP::getMediaAttributeValue(int idx, const QString& name) const
 
 bool SDP::setSessionParam(const QString& name, const QString& oldValue, const QString& newValue)
 {
+    if (!isLine("setSessionParam", name, newValue))
+        return false;
     if (setParam(m_sessionParams, name, oldValue, newValue))
         return true;
     NUVIKA_WARNING(lcMedia,
@@ -257,6 +322,8 @@ bool SDP::setTimeParam(int idx, const QString& name, const QString& oldValue, co
 {
     if (!isIndex(m_timeDescs, idx))
         return false;
+    if (!isLine("setTimeParam", name, newValue))
+        return false;
     if (setParam(m_timeDescs[idx], name, oldValue, newValue))
         return true;
     NUVIKA_WARNING(lcMedia,
@@ -269,6 +336,8 @@ bool SDP::setTimeParam(int idx, const QString& name, const QString& oldValue, co
 bool SDP::setMediaParam(int idx, const QString& name, const QString& oldValue, const QString& newValue)
 {
     if (!isIndex(m_mediaDescs, idx))
+        return false;
+    if (!isLine("setMediaParam", name, newValue))
         return false;
     if (setParam(m_mediaDescs[idx], name, oldValue, newValue))
         return true;
@@ -354,7 +423,7 @@ bool SDP::replaceMediaAttribute(int idx, const QString& name, const QString& val
         return false;
     ParamList& params = m_mediaDescs[idx];
     const auto found = findAttribute(params, name);
-    if (found == params.end())
+    if (found == params.end() || !isLine("replaceMediaAttribute", name, value))
         return false;
     found->second = name + QLatin1Char(':') + value;
     return true;
