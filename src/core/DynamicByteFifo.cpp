@@ -94,7 +94,7 @@ bool DynamicByteFifo::isFull() const
 unsigned int DynamicByteFifo::append(const unsigned char* data, unsigned int n, bool bForce)
 {
     unsigned int taken = 0;
-    while (m_chunks.size() <= m_nMaxChunks || bForce) {
+    while (bForce || m_chunks.size() <= m_nMaxChunks) {
         taken += m_chunks.back().put(data + taken, n - taken);
         if (taken == n)
             break;
@@ -126,15 +126,13 @@ unsigned int DynamicByteFifo::put(const KepNuvikaUtil::BUFFER* buffers, int coun
     // The expected total counts negative lengths as they stand: a range list that adds up to nothing is
     // never reported as cut short.
     qint64 expected = 0;
-    for (int i = 0; i < count; ++i)
-        expected += buffers[i].nLen;
     qint64 taken = 0;
-    if (!isFull()) {
-        for (int i = 0; i < count; ++i) {
-            if (buffers[i].nLen > 0)
-                taken += append(reinterpret_cast<const unsigned char*>(buffers[i].pData),
-                    static_cast<unsigned int>(buffers[i].nLen), bForce);
-        }
+    const bool bFull = isFull();
+    for (int i = 0; i < count; ++i) {
+        expected += buffers[i].nLen;
+        if (!bFull && buffers[i].nLen > 0)
+            taken += append(reinterpret_cast<const unsigned char*>(buffers[i].pData),
+                static_cast<unsigned int>(buffers[i].nLen), bForce);
     }
     if (taken < expected)
         logNotTaken();
