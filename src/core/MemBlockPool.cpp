@@ -89,8 +89,12 @@ void* MemBlockPoolMT::allocBuf()
 
 void MemBlockPoolMT::freeBuf(void* p)
 {
-    const MutexGuard lock(m_mutex);
-    MemBlockPool::freeBuf(p);
+    const auto push = [this, p] {
+        const MutexGuard lock(m_mutex);
+        return MemBlockPool::push(p);
+    };
+    if (!push())
+        assertBlocks(); // outside of the lock: a log handler may use the pool
 }
 
 void MemBlockPoolMT::freeAll()

@@ -39,19 +39,25 @@ public:
     /// Takes a block of this pool back; null is ignored. Nothing checks that the block came from here.
     void freeBuf(void* p)
     {
-        if (Q_UNLIKELY(m_pBlocks == nullptr))
+        if (Q_UNLIKELY(!push(p)))
             assertBlocks();
-        if (p == nullptr)
-            return;
-        std::memcpy(p, &m_pFreeList, sizeof m_pFreeList);
-        m_pFreeList = static_cast<FreeNode*>(p);
     }
     /// Frees every chunk: each block handed out becomes invalid.
     void freeAll();
     unsigned int getBlockSize() const { return m_nBlockSize; }
 
 private:
+    friend class MemBlockPoolMT;
     struct FreeNode;
+    // False for a pool that has no blocks yet.
+    bool push(void* p)
+    {
+        if (p != nullptr) {
+            std::memcpy(p, &m_pFreeList, sizeof m_pFreeList);
+            m_pFreeList = static_cast<FreeNode*>(p);
+        }
+        return m_pBlocks != nullptr;
+    }
     std::size_t stride() const;
     void addChunk();
     void* allocFresh();
