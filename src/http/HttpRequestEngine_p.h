@@ -79,6 +79,11 @@ public:
     // Of the transport.
     iovec target() override;
     void placed(int bytes) override;
+    bool read(const char* data, int size) override
+    {
+        m_input.received(data, size);
+        return true;
+    }
     enum End { eAnnounced = 0, eUnannounced = 1 }; // of a TLS connection without a goodbye
     void connected();
     void dataReceived(const char* data, int size) { m_input.received(data, size); }

@@ -15,15 +15,13 @@ constexpr int kCloseMs = 500;
 NuvikaSslSocket::Private::Private(NuvikaSslSocket& owner, int nSendQueueHint)
     : m_socket(nSendQueueHint, false), m_owner(owner)
 {
-    ReceivePlacer::set(m_socket, m_encrypted);
+    ReceivePlacer::set(m_socket, *this);
     m_handshakeTimer.setInterval(kHandshakeTickMs);
     m_closeTimer.setSingleShot(true);
     m_closeTimer.setInterval(kCloseMs);
     connect(&m_handshakeTimer, &QTimer::timeout, &owner, [this] { watchHandshake(); });
     connect(&m_closeTimer, &QTimer::timeout, &owner, [this] { closeCompleted(); });
     connect(&m_socket, &NuvikaTcpSocketQueued::connected, &owner, [this] { beginHandshake(); });
-    connect(&m_socket, &NuvikaTcpSocketQueued::dataReceived, &owner,
-        [this](const char* data, int size, Marker) { received(data, size); });
     connect(&m_socket, &NuvikaTcpSocketQueued::disconnected, &owner, [this] { tcpEnded(0); });
     connect(&m_socket, &NuvikaTcpSocketQueued::error, &owner, [this](int code) { tcpEnded(code); });
     connect(&m_socket, &NuvikaTcpSocketQueued::sigCanSend, &owner, [this] {

@@ -38,10 +38,11 @@ private:
 
 // --- receiving -------------------------------------------------------------------------------------------
 
-void NuvikaSslSocket::Private::received(const char* data, int size)
+bool NuvikaSslSocket::Private::read(const char* data, int size)
 {
     if (m_pSession) // or a close is pending
         m_input.received(data, size);
+    return true;
 }
 
 int NuvikaSslSocket::Private::readInput(const char* data, int size)
@@ -108,7 +109,8 @@ TlsSession::Result NuvikaSslSocket::Private::deliverSome(char* buffer)
         m_pPlacer->placed(std::exchange(got, 0));
     else if (got == 0)
         return result;
-    emit m_owner.dataReceived(buffer, got, Marker());
+    if (m_pPlacer == nullptr || !m_pPlacer->read(buffer, got))
+        emit m_owner.dataReceived(buffer, got, Marker());
     return result;
 }
 

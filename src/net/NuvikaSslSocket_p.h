@@ -13,7 +13,9 @@
 
 #include <functional>
 
-class NuvikaSslSocket::Private final : public Nuvika::TlsOutput, public Nuvika::InputReader
+class NuvikaSslSocket::Private final : public Nuvika::TlsOutput,
+                                       public Nuvika::InputReader,
+                                       public Nuvika::ReceivePlacer
 {
 public:
     Private(NuvikaSslSocket& owner, int nSendQueueHint);
@@ -57,7 +59,7 @@ private:
     void beginHandshake();
     void limitHandshake();
     void watchHandshake();
-    void received(const char* data, int size);
+    bool read(const char* data, int size) override;
     bool continueHandshake(const Nuvika::Watched::Watch& watch);
     bool deliver(const Nuvika::Watched::Watch& watch);
     Nuvika::TlsSession::Result deliverSome(char* buffer);
@@ -84,7 +86,6 @@ private:
     QTimer m_closeTimer;
     std::function<void()> m_postponedConnect; // until the pending close has completed
     Nuvika::PendingInput m_input{*this};
-    Nuvika::ReceivePlacer m_encrypted; // takes what the two receives of the TCP socket would take in one
     bool m_bStalled = false; // by the user, from the handshake's end on
     bool m_bEndOfData = false; // TCP's end is still to be sent
     bool m_bReading = false; // what leaves now is nobody's wish but the peer's

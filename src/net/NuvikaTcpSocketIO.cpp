@@ -68,8 +68,8 @@ int NuvikaTcpSocketIO::segmentLimit(LOAD_PROFILE sendProfile, LOAD_PROFILE recvP
 NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_PROFILE sendProfile,
     LOAD_PROFILE recvProfile, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, int nSendQueueHint,
     bool bSingleReceive, bool bStalled)
-    : SocketEngine(nSocket), m_pOuter(pOuter), m_sendProfile(sendProfile), m_bSingleReceive(bSingleReceive),
-      m_bRecvStalled(bStalled)
+    : SocketEngine(nSocket), m_pOuter(pOuter), m_pPlacer(pOuter->m_pPlacer), m_sendProfile(sendProfile),
+      m_bSingleReceive(bSingleReceive), m_bRecvStalled(bStalled)
 {
     m_state = eXFer;
     disableNonBlocking();
@@ -98,7 +98,7 @@ void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int
     const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
-    if (m_pOuter->m_pPlacer != nullptr)
+    if (m_pPlacer != nullptr)
         m_nReceiveSize = std::min(2 * m_nReceiveSize, ReceiveMemory::kSize);
     m_nFifoChunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
@@ -157,19 +157,27 @@ void NuvikaTcpSocketIO::received(Transfer& transfer)
         return;
     }
     context->bDelivering = true;
-    const int nPlaced = transfer.bytesInTarget();
-    if (nPlaced > 0)
-        m_pOuter->m_pPlacer->placed(nPlaced);
-    NuvikaTcpSocketDataReceivedEvent event(transfer.rest(), transfer.bytes() - nPlaced);
-    notifyOwner(event);
+    deliver(transfer);
     context->bDelivering = false;
     if (m_state == eXFer && !m_bRecvStalled)
         postReceive(transfer, m_nReceiveSize);
 }
 
+void NuvikaTcpSocketIO::deliver(const Transfer& transfer)
+{
+    const int nPlaced = transfer.bytesInTarget();
+    const int nRest = transfer.bytes() - nPlaced;
+    if (nPlaced > 0)
+        m_pPlacer->placed(nPlaced);
+    if (m_pPlacer != nullptr && m_pPlacer->read(transfer.rest(), nRest))
+        return;
+    NuvikaTcpSocketDataReceivedEvent event(transfer.rest(), nRest);
+    notifyOwner(event);
+}
+
 iovec NuvikaTcpSocketIO::receiveTarget()
 {
-    return m_state == eXFer && m_pOuter->m_pPlacer != nullptr ? m_pOuter->m_pPlacer->target() : iovec{};
+    return m_state == eXFer && m_pPlacer != nullptr ? m_pPlacer->target() : iovec{};
 }
 
 // --- sending -------------------------------------------------------------------------------------------

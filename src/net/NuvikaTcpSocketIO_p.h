@@ -71,6 +71,7 @@ private:
     void finishEndOfData();
     void notifyOwner(QEvent& event);
 
+    void deliver(const Nuvika::Transfer& transfer);
     void received(Nuvika::Transfer& transfer) override;
     iovec receiveTarget() override;
     void sent(Nuvika::Transfer& transfer) override;
@@ -80,6 +81,7 @@ private:
     std::array<ReceiveContext, 2> m_receives;
     EndOfData m_endOfData = eNone;
     NuvikaTcpSocket* m_pOuter;
+    Nuvika::ReceivePlacer* const m_pPlacer;
     std::unique_ptr<DynamicByteFifo> m_pFifo;
     LOAD_PROFILE m_sendProfile;
     unsigned int m_nFifoChunks = 0;

@@ -7,7 +7,6 @@
 #include "core/Log_p.h"
 #include "platform/ErrorCodes_p.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QTimer>
 
 #include <cstring>
@@ -101,7 +100,8 @@ void NuvikaUdpReceiverIO::deliver(const DatagramBatch::Datagram& datagram)
     }
     ++m_nDepth;
     post();
-    QCoreApplication::sendEvent(m_pOuter, &event);
+    static_cast<QObject*>(m_pOuter)->event(
+        &event); // at once, past the application's event filters: this is per datagram
     --m_nDepth;
 }
 

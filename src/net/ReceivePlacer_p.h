@@ -17,9 +17,11 @@ public:
     virtual ~ReceivePlacer() = default;
     // Right before each receive: that place, or an empty range for anywhere.
     virtual iovec target() { return {}; }
-    // So many bytes came, and lie there. Calls nobody: dataReceived() follows at once with what came behind
-    // them, be it nothing.
+    // So many bytes came, and lie there. Calls nobody: read() follows at once.
     virtual void placed(int) { }
+    // What came behind them, be it nothing. False where dataReceived() shall tell it instead; the signal's
+    // way costs more than a short answer's reading.
+    virtual bool read(const char*, int) { return false; }
 
     // Before connecting or taking a descriptor, for good.
     static void set(NuvikaTcpSocket& socket, ReceivePlacer& placer);
