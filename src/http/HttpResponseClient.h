@@ -69,6 +69,10 @@ public:
     QHostAddress peerAddress() const;
     unsigned short peerPort() const;
 
+    /// As NuvikaTcpSocket::setSystemBuffers(), which would come too late for a connection that has begun.
+    HttpResponseClient(int socketDescriptor, bool singleReceive, NuvikaTcpSocket::SYSTEM_BUFFERS buffers,
+        QObject* parent = nullptr);
+
 signals:
     void requestReceived(const HttpRequestHeader& header, const char* content, int contentSize,
         NuvikaTcpSocket::QueuedConnNotAllowed);

@@ -232,3 +232,8 @@ void BufferSocketBase::resumeRecv()
     m_bStalled = false;
     m_socket.resumeRecv();
 }
+
+void BufferSocketBase::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    m_socket.setSystemBuffers(buffers);
+}
