@@ -9,9 +9,9 @@
 #pragma once
 
 #include <KepNuvikaUtil/Buffer.h>
-#include <KepNuvikaUtil/DynamicByteFifo.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
+#include "net/SendFifoCache_p.h"
 #include "net/SocketEngine_p.h"
 #include "platform/Sockets_p.h"
 
@@ -80,7 +80,7 @@ private:
     std::array<ReceiveContext, 2> m_receives;
     EndOfData m_endOfData = eNone;
     NuvikaTcpSocket* m_pOuter;
-    std::unique_ptr<DynamicByteFifo> m_pFifo;
+    std::unique_ptr<SendFifo> m_pFifo;
     LOAD_PROFILE m_sendProfile;
     unsigned int m_nFifoChunks = 0;
     unsigned int m_nSendSize = 0;
