@@ -106,6 +106,11 @@ QHostAddress HttpClient::lastPeerAddress() const { return d->engine.lastPeerAddr
 
 QString HttpClient::errorString() const { return d->engine.problem(); }
 
+void HttpClient::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    d->socket.setSystemBuffers(buffers);
+}
+
 // --- the socket ----------------------------------------------------------------------------------------
 
 void HttpClient::slotSockConnected() { d->engine.connected(); }

@@ -17,12 +17,14 @@ constexpr unsigned int kEndingMs = 2000;
 constexpr unsigned int kPeerEndedMs = 5000;
 } // namespace
 
-HttpResponseClient::Private::Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive)
+HttpResponseClient::Private::Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive,
+    NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
     : m_client(client), m_socket(NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, bSingleReceive)
 {
     m_timer.setInterval(kTickMs);
     QObject::connect(&m_timer, &QTimer::timeout, &m_client, [this] { tick(); });
     HalfClose::setHandler(m_socket, [this] { peerEnded(); });
+    m_socket.setSystemBuffers(buffers);
     m_socket.setSocketDescriptor(socketDescriptor);
     m_state = eConnected;
 }
@@ -311,7 +313,13 @@ bool HttpResponseClient::Private::tellError()
 // --- HttpResponseClient --------------------------------------------------------------------------------
 
 HttpResponseClient::HttpResponseClient(int socketDescriptor, bool singleReceive, QObject* parent)
-    : QObject(parent), d(std::make_unique<Private>(*this, socketDescriptor, singleReceive))
+    : HttpResponseClient(socketDescriptor, singleReceive, NuvikaTcpSocket::eAsProfile, parent)
+{
+}
+
+HttpResponseClient::HttpResponseClient(
+    int socketDescriptor, bool singleReceive, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, QObject* parent)
+    : QObject(parent), d(std::make_unique<Private>(*this, socketDescriptor, singleReceive, buffers))
 {
     const NuvikaTcpSocket* socket = &d->m_socket;
     connect(socket, &NuvikaTcpSocket::dataReceived, this, &HttpResponseClient::slotSockDataReceived,

@@ -69,6 +69,12 @@ public:
     QHostAddress peerAddress() const;
     unsigned short peerPort() const;
 
+    /// \a buffers as by NuvikaTcpSocket::setSystemBuffers(), which would come too late for a connection that
+    /// has begun: with eAsProfile a viewer 50 ms away gets some 1.1 MB/s. NuvikaTcpServer's setting counts
+    /// too.
+    HttpResponseClient(int socketDescriptor, bool singleReceive, NuvikaTcpSocket::SYSTEM_BUFFERS buffers,
+        QObject* parent = nullptr);
+
 signals:
     void requestReceived(const HttpRequestHeader& header, const char* content, int contentSize,
         NuvikaTcpSocket::QueuedConnNotAllowed);

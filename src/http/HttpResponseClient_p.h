@@ -22,7 +22,8 @@
 class HttpResponseClient::Private final : private Nuvika::InputReader
 {
 public:
-    Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive);
+    Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive,
+        NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
     enum State {
         eDisconnected = 0,

@@ -282,6 +282,14 @@ NuvikaSslSocket::PeerCertificate HttpsClient::peerCertificate() const
     return d->m_pSslSocket ? d->m_pSslSocket->peerCertificate() : NuvikaSslSocket::PeerCertificate();
 }
 
+void HttpsClient::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    if (d->m_pSslSocket)
+        d->m_pSslSocket->setSystemBuffers(buffers);
+    else
+        d->m_pSocket->setSystemBuffers(buffers);
+}
+
 // --- the socket ------------------------------------------------------------------------------------------
 
 void HttpsClient::slotSockConnected() { d->m_pEngine->connected(); }

@@ -210,3 +210,8 @@ QString BufferSocketBase::errorString() { return m_socket.errorString(); }
 void BufferSocketBase::stallRecv() { m_pInput->pending.setStalled(PendingInput::eByOwner, true); }
 
 void BufferSocketBase::resumeRecv() { m_pInput->pending.setStalled(PendingInput::eByOwner, false); }
+
+void BufferSocketBase::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    m_socket.setSystemBuffers(buffers);
+}

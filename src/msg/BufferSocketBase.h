@@ -57,6 +57,9 @@ public:
 
     /// Discards what was received and what waits to be sent. Emits nothing.
     virtual void close();
+    /// For connections that begin from now on, as NuvikaTcpSocket's: without eTuned, some 1.3 MB/s at
+    /// 50 ms.
+    void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
 signals:
     void incomingBuffer(const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed);

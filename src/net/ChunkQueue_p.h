@@ -1,7 +1,7 @@
 // Private: an unbounded queue of bytes in chunks of 1 MiB, for what a socket cannot take at once.
 #pragma once
 
-#include <deque>
+#include <list>
 #include <memory>
 
 namespace Nuvika
@@ -31,6 +31,6 @@ private:
         std::unique_ptr<char[]> pData;
         int nUsed = 0;
     };
-    std::deque<Chunk> m_chunks;
+    std::list<Chunk> m_chunks; // which holds no memory while it is empty
 };
 } // namespace Nuvika

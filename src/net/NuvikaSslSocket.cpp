@@ -84,6 +84,11 @@ void ReceivePlacer::set(NuvikaSslSocket& socket, ReceivePlacer& placer) { socket
 bool NuvikaSslSocket::notifyWhenAllSent() { return d->notifyWhenAllSent(); }
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
 
+void NuvikaSslSocket::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    d->m_socket.setSystemBuffers(buffers);
+}
+
 // --- queries ---------------------------------------------------------------------------------------------
 
 NuvikaTcpSocket::STATE NuvikaSslSocket::getState() { return d->state(); }

@@ -123,6 +123,9 @@ public:
     bool isSessionResumed() const;
     /// Asks for one sigAllSent(). False when everything has left already (no signal follows then).
     bool notifyWhenAllSent();
+    /// For connections that begin from now on, as NuvikaTcpSocket's: without eTuned, some 1.3 MB/s at
+    /// 50 ms.
+    void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
 signals:
     void connected();

@@ -16,7 +16,7 @@ bool NuvikaTcpServer::listen(const QHostAddress& address, unsigned short port)
 {
     NUVIKA_ASSERT_OWNER_THREAD();
     close();
-    m_pThread = std::make_unique<NuvikaTcpServerThread>(this, address, port);
+    m_pThread = std::make_unique<NuvikaTcpServerThread>(this, address, port, m_systemBuffers);
     m_bListening = m_pThread->start();
     return m_bListening;
 }
@@ -45,6 +45,12 @@ unsigned short NuvikaTcpServer::serverPort() const
 {
     NUVIKA_ASSERT_OWNER_THREAD();
     return m_bListening ? m_pThread->port() : quint16{0};
+}
+
+void NuvikaTcpServer::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_systemBuffers = buffers;
 }
 
 void NuvikaTcpServer::incomingConnection(int socketDescriptor) { emit newConnectionDesc(socketDescriptor); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
 #include <QtCore/QObject>
 #include <QtNetwork/QHostAddress>
@@ -39,6 +40,11 @@ public:
     /// take the descriptor instead.
     virtual void incomingConnection(int socketDescriptor);
 
+    /// For the next listen(): with eTuned the connections' segments are not limited, as the profiles' small
+    /// buffers want it. Each accepted connection's own setting still has to say eTuned, too. eAsProfile
+    /// unless told otherwise.
+    void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
+
 signals:
     /// The receiver owns the descriptor.
     void newConnectionDesc(int socketDescriptor);
@@ -51,4 +57,5 @@ private:
     bool m_bListening = false;
     Qt::HANDLE m_currentThreadId;
     quint64 m_nSession = 0;
+    NuvikaTcpSocket::SYSTEM_BUFFERS m_systemBuffers = NuvikaTcpSocket::eAsProfile;
 };

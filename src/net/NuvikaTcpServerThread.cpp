@@ -26,9 +26,9 @@ void logFailure(const char* format)
 }
 } // namespace
 
-NuvikaTcpServerThread::NuvikaTcpServerThread(
-    NuvikaTcpServer* pServer, const QHostAddress& address, unsigned short port)
-    : m_pServer(pServer), m_address(address), m_nPort(port)
+NuvikaTcpServerThread::NuvikaTcpServerThread(NuvikaTcpServer* pServer, const QHostAddress& address,
+    unsigned short port, NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+    : m_pServer(pServer), m_address(address), m_nPort(port), m_systemBuffers(buffers)
 {
 }
 
@@ -77,7 +77,8 @@ int NuvikaTcpServerThread::openListeningSocket()
         return -1;
     }
     Sockets::setReuseAddress(listening);
-    Sockets::setSegmentLimit(listening, kSegmentLimit);
+    if (m_systemBuffers == NuvikaTcpSocket::eAsProfile)
+        Sockets::setSegmentLimit(listening, kSegmentLimit);
     Sockets::setNonBlocking(listening, true); // a connection may be gone between the wait and the accept
     if (!bindTo(listening)) {
         logFailure("NuvikaTcpServerThread::run(); failed binding listen socket: %s");

@@ -4,6 +4,8 @@
 // ones wait in the kernel.
 #pragma once
 
+#include <KepNuvikaUtil/NuvikaTcpSocket.h>
+
 #include "platform/AcceptWait_p.h"
 #include "platform/WaitableEvent_p.h"
 
@@ -29,7 +31,8 @@ class NuvikaTcpServerThread : public QThread
 public:
     static constexpr int kMostPending = 4096;
 
-    NuvikaTcpServerThread(NuvikaTcpServer* pServer, const QHostAddress& address, unsigned short port);
+    NuvikaTcpServerThread(NuvikaTcpServer* pServer, const QHostAddress& address, unsigned short port,
+        NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
     ~NuvikaTcpServerThread() override; // stops
 
     bool start(); // returns when it listens, or has failed to
@@ -56,6 +59,7 @@ private:
     NuvikaTcpServer* m_pServer;
     QHostAddress m_address;
     quint16 m_nPort;
+    const NuvikaTcpSocket::SYSTEM_BUFFERS m_systemBuffers;
     QQueue<int> m_pendingSockets; // guarded by the mutex
     bool m_bAnnounced = false; // guarded by the mutex: an event is on its way
     bool m_bWaitsForRoom = false; // guarded by the mutex

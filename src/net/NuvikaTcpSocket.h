@@ -59,7 +59,7 @@ public:
     /// On Linux, buffers that hold few of a path's segments stall (loopback has segments of 64 KiB): a medium
     /// connecting side limits its segments to 16384 bytes, a light one on loopback to 1448, a heavy one needs
     /// no limit. An accepted light socket on loopback stays slow. Over long paths a fixed buffer bounds the
-    /// rate (64 KiB are 1.3 MB/s at 50 ms): see setSystemBuffers().
+    /// rate (64 KiB at 50 ms: some 1.3 MB/s), which setSystemBuffers() changes.
     enum LOAD_PROFILE { eLight = 0, eMedium = 1, eHeavy = 2 };
 
     /// Who sizes the system's buffers.
@@ -121,7 +121,7 @@ public:
     /// Bytes or the peer's end wait to be received: looks ahead of the signals, with one system call.
     bool hasPendingInput() const;
     /// For connections that begin from now on; set it before connecting or taking a descriptor. eAsProfile
-    /// unless told otherwise. For accepted connections the server's setting counts as well.
+    /// unless told otherwise. For accepted connections, NuvikaTcpServer's setting counts as well.
     void setSystemBuffers(SYSTEM_BUFFERS buffers);
 
     /// A parent is no flag: false stands before it.

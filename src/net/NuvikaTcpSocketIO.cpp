@@ -4,7 +4,6 @@
 #include "net/DirectSocketCalls_p.h"
 #include "net/NuvikaTcpSocketEvents_p.h"
 #include "net/ReceivePlacer_p.h"
-#include "net/SendFifoCache_p.h"
 #include "platform/Sockets_p.h"
 
 #include <QtCore/QCoreApplication>
@@ -228,7 +227,7 @@ void NuvikaTcpSocketIO::queue(const KepNuvikaUtil::BUFFER* buffers, int count)
         m_pFifo = SendFifoCache::ofThisThread().take(
             profileIndex(m_sendProfile), values.nChunkSize, values.nChunks);
     else if (!m_pFifo)
-        m_pFifo = std::make_unique<DynamicByteFifo>(values.nChunkSize, m_nFifoChunks);
+        m_pFifo = std::make_unique<SendFifo>(values.nChunkSize, m_nFifoChunks);
     m_pFifo->put(buffers, count, true);
     startSends();
     if (!m_pFifo->isEmpty())
@@ -257,8 +256,9 @@ void NuvikaTcpSocketIO::fillAndSend(SendContext& context)
     if (m_channel.isSendBlocked() || !m_pFifo)
         return;
     SendTransfer& transfer = context.transfer;
-    transfer.nRanges = SendTransfer::kMaxRanges;
-    const unsigned int size = m_pFifo->peek(transfer.ranges.data(), &transfer.nRanges, m_nSendSize);
+    transfer.pRanges = m_pFifo->ranges.data();
+    transfer.nRanges = static_cast<int>(m_pFifo->ranges.size());
+    const unsigned int size = m_pFifo->peek(transfer.pRanges, &transfer.nRanges, m_nSendSize);
     NUVIKA_ASSERT(size <= m_nSendSize);
     if (size == 0)
         return;

@@ -9,9 +9,9 @@
 #pragma once
 
 #include <KepNuvikaUtil/Buffer.h>
-#include <KepNuvikaUtil/DynamicByteFifo.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
+#include "net/SendFifoCache_p.h"
 #include "net/SocketEngine_p.h"
 #include "platform/Sockets_p.h"
 
@@ -82,7 +82,7 @@ private:
     EndOfData m_endOfData = eNone;
     NuvikaTcpSocket* m_pOuter;
     Nuvika::ReceivePlacer* const m_pPlacer;
-    std::unique_ptr<DynamicByteFifo> m_pFifo;
+    std::unique_ptr<SendFifo> m_pFifo;
     LOAD_PROFILE m_sendProfile;
     unsigned int m_nFifoChunks = 0;
     unsigned int m_nSendSize = 0;

@@ -9,6 +9,15 @@
 #include <memory>
 #include <vector>
 
+// With the ranges of the one send that may be under way, which lasts no longer than its bytes.
+class SendFifo : public DynamicByteFifo
+{
+public:
+    using DynamicByteFifo::DynamicByteFifo;
+
+    std::array<iovec, 16> ranges{};
+};
+
 class SendFifoCache
 {
 public:
@@ -18,17 +27,17 @@ public:
         return cache;
     }
 
-    std::unique_ptr<DynamicByteFifo> take(std::size_t profile, unsigned int chunkSize, unsigned int chunks)
+    std::unique_ptr<SendFifo> take(std::size_t profile, unsigned int chunkSize, unsigned int chunks)
     {
         auto& idle = m_idle[profile];
         if (idle.empty())
-            return std::make_unique<DynamicByteFifo>(chunkSize, chunks);
-        std::unique_ptr<DynamicByteFifo> fifo = std::move(idle.back());
+            return std::make_unique<SendFifo>(chunkSize, chunks);
+        std::unique_ptr<SendFifo> fifo = std::move(idle.back());
         idle.pop_back();
         return fifo;
     }
     // An empty one, of that profile's own size.
-    void give(std::size_t profile, std::unique_ptr<DynamicByteFifo> fifo)
+    void give(std::size_t profile, std::unique_ptr<SendFifo> fifo)
     {
         if (m_idle[profile].size() < kKept)
             m_idle[profile].push_back(std::move(fifo));
@@ -37,5 +46,5 @@ public:
 private:
     static constexpr std::size_t kKept = 4; // drained queues keep their memory: 3 MiB each at most
 
-    std::array<std::vector<std::unique_ptr<DynamicByteFifo>>, 3> m_idle;
+    std::array<std::vector<std::unique_ptr<SendFifo>>, 3> m_idle;
 };

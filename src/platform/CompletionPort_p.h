@@ -32,7 +32,6 @@
 #include "platform/Datagrams_p.h"
 #include "platform/ReceiveMemory_p.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -86,10 +85,9 @@ private:
 class SendTransfer : public Transfer
 {
 public:
-    static constexpr int kMaxRanges = 16;
-
-    // What to send, filled before the post; the bytes stay in place while it is busy.
-    std::array<iovec, kMaxRanges> ranges{};
+    // What to send, set before the post. The ranges, which the port changes, and the bytes stay in place
+    // until everything has left: of several transfers, only the first that has not is looked at.
+    iovec* pRanges = nullptr;
     int nRanges = 0;
     bool bQuiet = false; // nobody waits to hear of it
 

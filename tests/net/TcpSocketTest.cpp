@@ -14,8 +14,6 @@
 #include <thread>
 #include <type_traits>
 
-#include <netinet/tcp.h>
-
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 namespace
@@ -276,47 +274,6 @@ TEST(TcpSocket, ASocketDestroyedWhileConnectingInAnEndedThreadLeavesNothing)
     qtHookData[kAdd] = previous[0];
     qtHookData[kRemove] = previous[1];
     EXPECT_EQ(nLeft, 0) << "objects that wait for a loop that will not run again";
-}
-
-namespace
-{
-// An option of the connection's end that the library holds: of the descriptor that has the peer as its peer.
-int optionOfOurEnd(int peer, int level, int name)
-{
-    sockaddr_in theirs{};
-    socklen_t size = sizeof theirs;
-    getsockname(peer, reinterpret_cast<sockaddr*>(&theirs), &size);
-    for (int fd = 3; fd < 1024; ++fd) {
-        sockaddr_in address{};
-        size = sizeof address;
-        if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0
-            || address.sin_port != theirs.sin_port)
-            continue;
-        int value = -1;
-        size = sizeof value;
-        getsockopt(fd, level, name, &value, &size);
-        return value;
-    }
-    return -1;
-}
-} // namespace
-
-TEST(TcpSocket, TheSystemsBuffersAreTheProfilesOrTheSystemsOwn)
-{
-    RawListener ordinary;
-    const RawSocket untouched = RawSocket::connectTo(ordinary.port());
-    int systems = 0;
-    socklen_t size = sizeof systems;
-    getsockopt(untouched.fd(), SOL_SOCKET, SO_RCVBUF, &systems, &size);
-    for (const bool bTuned : {false, true}) {
-        Tcp tcp;
-        tcp.socket->setSystemBuffers(bTuned ? NuvikaTcpSocket::eTuned : NuvikaTcpSocket::eAsProfile);
-        tcp.open();
-        const int buffer = optionOfOurEnd(tcp.peer.fd(), SOL_SOCKET, SO_RCVBUF);
-        const int segment = optionOfOurEnd(tcp.peer.fd(), IPPROTO_TCP, TCP_MAXSEG);
-        EXPECT_EQ(buffer, bTuned ? systems : 2 * 65536) << bTuned;
-        EXPECT_EQ(segment > 16384, bTuned) << segment;
-    }
 }
 
 TEST(TcpSocket, FailingSystemCallsAreReportedAndNothingElse)

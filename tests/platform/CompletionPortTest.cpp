@@ -52,7 +52,8 @@ public:
     void receive(int i) { channel->postReceive(receives[i], kReceiveSize); }
     std::size_t send(int i, const void* data, std::size_t size)
     {
-        sends[i].ranges[0] = {const_cast<void*>(data), size};
+        ranges[i] = {const_cast<void*>(data), size};
+        sends[i].pRanges = &ranges[i];
         sends[i].nRanges = 1;
         return channel->postSend(sends[i]);
     }
@@ -76,6 +77,7 @@ public:
     RawSocket peer;
     DatagramReceive receives[2];
     SendTransfer sends[2];
+    iovec ranges[2]{};
     iovec target{};
     std::vector<Done> done;
     std::function<void(const Done&)> onDone;

@@ -69,11 +69,11 @@ QString Target::authority() const
 
 std::unique_ptr<HttpsClient> Target::makeClient(bool bKeepAlive) const
 {
-    if (!bTls)
-        return std::make_unique<HttpsClient>(host, port, bKeepAlive);
-    auto client = std::make_unique<HttpsClient>(
-        host, port, bKeepAlive, NuvikaSslSocket::eSslAny12, certificate, trusted, QString());
+    auto client = bTls ? std::make_unique<HttpsClient>(
+                      host, port, bKeepAlive, NuvikaSslSocket::eSslAny12, certificate, trusted, QString())
+                       : std::make_unique<HttpsClient>(host, port, bKeepAlive);
     if (bInsecure)
         client->setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
+    client->setSystemBuffers(NuvikaTcpSocket::eTuned); // cameras and servers may be far away
     return client;
 }

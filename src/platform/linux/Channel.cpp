@@ -26,7 +26,7 @@ void SendTransfer::advance(std::size_t bytes)
     m_nBytes += bytes;
     m_nLeft -= bytes;
     while (bytes > 0) {
-        iovec& range = ranges[static_cast<std::size_t>(m_nFirstRange)];
+        iovec& range = pRanges[m_nFirstRange];
         const std::size_t step = std::min(bytes, range.iov_len);
         range.iov_base = static_cast<char*>(range.iov_base) + step;
         range.iov_len -= step;
@@ -127,7 +127,7 @@ std::size_t Channel::postSend(SendTransfer& transfer)
 {
     std::size_t size = 0;
     for (int i = 0; i < transfer.nRanges; ++i)
-        size += transfer.ranges[static_cast<std::size_t>(i)].iov_len;
+        size += transfer.pRanges[i].iov_len;
     transfer.begin(size);
     transfer.m_nFirstRange = 0;
     const bool bNextToGo = m_sends.lastIsDone();
@@ -148,9 +148,8 @@ bool Channel::trySend(SendTransfer& transfer)
             transfer.finish(m_nAddError != 0 ? m_nAddError : m_nSendError);
             break;
         }
-        const auto first = static_cast<std::size_t>(transfer.m_nFirstRange);
-        const long sent
-            = Sockets::send(m_nSocket, &transfer.ranges[first], transfer.nRanges - transfer.m_nFirstRange);
+        const int first = transfer.m_nFirstRange;
+        const long sent = Sockets::send(m_nSocket, transfer.pRanges + first, transfer.nRanges - first);
         if (sent >= 0) {
             transfer.advance(static_cast<std::size_t>(sent));
             if (transfer.m_nLeft == 0)
