@@ -14,6 +14,8 @@ namespace Nuvika
 class ReceivePlacer
 {
 public:
+    virtual ~ReceivePlacer() = default;
+
     // Right before each receive: that place, or an empty range for anywhere.
     virtual iovec target() { return {}; }
     // So many bytes came, and lie there. Calls nobody: dataReceived() follows at once with what came behind
@@ -24,8 +26,5 @@ public:
     static void set(NuvikaTcpSocket& socket, ReceivePlacer& placer);
     static void set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer);
     static void set(NuvikaSslSocket& socket, ReceivePlacer& placer);
-
-protected:
-    ~ReceivePlacer() = default;
 };
 } // namespace Nuvika
