@@ -2,11 +2,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
@@ -42,6 +44,19 @@ inline double cpuSeconds()
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+// What of this process lies in memory.
+inline double residentKiB()
+{
+    long pages = 0;
+    long resident = 0;
+    if (FILE* file = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(file, "%ld %ld", &pages, &resident) != 2)
+            resident = 0;
+        std::fclose(file);
+    }
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
 class Stopwatch
 {
 public:
@@ -51,11 +66,12 @@ public:
         m_cpu = cpuSeconds();
     }
     double cpu() const { return cpuSeconds() - m_cpu; }
-    // One line for the driver: wall and CPU seconds of this side.
-    void report() const
+    // One line for the driver: wall and CPU seconds of this side, its memory in KiB, and what arrived of a
+    // row that may lose some.
+    void report(long long arrived = 0) const
     {
         const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - m_start;
-        std::printf("%.6f %.6f\n", wall.count(), cpuSeconds() - m_cpu);
+        std::printf("%.6f %.6f %.1f %lld\n", wall.count(), cpu(), residentKiB(), arrived);
         std::fflush(stdout);
     }
 
@@ -66,19 +82,54 @@ private:
 
 inline Stopwatch watch;
 
-inline sockaddr_in loopback(unsigned short port)
+// The near side listens, at these ports where it chose them itself.
+inline void ready(const std::string& ports = std::string())
+{
+    std::printf("ready%s\n", ports.c_str());
+    std::fflush(stdout);
+}
+
+// Loopback, but for the rows with a path between the two sides.
+inline const char* farHost()
+{
+    const char* host = std::getenv("BENCH_HOST");
+    return host != nullptr ? host : "127.0.0.1";
+}
+
+inline sockaddr_in farAddress(unsigned short port)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, farHost(), &address.sin_addr);
     return address;
 }
 
-inline int rawConnect(unsigned short port)
+inline unsigned short portOf(int s)
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+}
+
+// What the library's medium profile sets, for plain calls in its place.
+inline void setMediumProfile(int s)
+{
+    const int receive = 65536;
+    const int sending = 32768;
+    const int segment = 16384;
+    setsockopt(s, SOL_SOCKET, SO_RCVBUF, &receive, sizeof receive);
+    setsockopt(s, SOL_SOCKET, SO_SNDBUF, &sending, sizeof sending);
+    setsockopt(s, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
+}
+
+inline int rawConnect(unsigned short port, bool bMedium = false)
 {
     const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
+    if (bMedium)
+        setMediumProfile(s);
+    const sockaddr_in address = farAddress(port);
     if (connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         std::perror("connect");
         std::exit(1);
@@ -93,7 +144,7 @@ inline int rawListen(unsigned short port)
     const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = farAddress(port);
     if (bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(s, 8192) != 0) {
         std::perror("listen");
         std::exit(1);

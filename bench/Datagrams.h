@@ -23,7 +23,7 @@ public:
     void report(bool bPaced) const
     {
         if (bPaced)
-            std::printf("%.6f %.6f\n", m_seconds, m_total.cpu());
+            std::printf("%.6f %.6f %.1f 0\n", m_seconds, m_total.cpu(), residentKiB());
         else
             m_total.report();
         std::fflush(stdout);
@@ -38,18 +38,12 @@ struct Packets {
     std::array<std::array<char, kDatagramSize>, kBatchSize> bytes{};
 };
 
-inline void ready()
-{
-    std::puts("ready");
-    std::fflush(stdout);
-}
-
 inline int rawDatagramSocket(unsigned short port)
 {
     const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     setsockopt(s, SOL_SOCKET, SO_RCVBUF, &kDatagramBuffer, sizeof kDatagramBuffer);
     setsockopt(s, SOL_SOCKET, SO_SNDBUF, &kDatagramBuffer, sizeof kDatagramBuffer);
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = farAddress(port);
     if (bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         std::perror("bind");
         std::exit(1);

@@ -1,10 +1,10 @@
 // The other end of every row, by plain system calls and always the same.
 //   far source|sink|framesink|tlssource|tlssink BYTES [medium]
 //   far frames|eframes COUNT
-//   far echo|http|tlsfull|tlsresumed          these listen, print their port, and serve until they are ended
-//   far load|one PORT ROUNDS CONNECTIONS      drives an echo server: all connections active, or one at a time
-//   far datagrams PORT                        sends datagrams of 1200 bytes as fast as it can
-//   far drain                                 prints a port, and reads what comes there
+//   far echo|http|tlsfull|tlsresumed|tlsecho|hangup   these listen, print their port, and serve until they
+//   are ended far load|one PORT ROUNDS CONNECTIONS      drives an echo server: all connections active, or one
+//   at a time far datagrams|runs PORT                   sends datagrams of 1200 bytes as fast as it can,
+//   plainly or in runs far drain                                 prints a port, and reads what comes there
 //   far connects PORT COUNT                   opens and ends connections
 #include "EncryptedFrame.h"
 #include "Tls.h"
@@ -56,7 +56,7 @@ void serveHttp(int s)
                     writeAll(s, start.data(), start.size());
                     sendRepeated(s, block, size);
                 }
-            } else if (std::strcmp(kind, "chunked") == 0) {
+            } else {
                 std::string chunk = "4000\r\n" + block.substr(0, 0x4000) + "\r\n"; // 16 KiB a chunk
                 std::string several;
                 for (int i = 0; i < 8; ++i)
@@ -66,16 +66,6 @@ void serveHttp(int s)
                 for (long long sent = 0; sent < size; sent += 8 * 0x4000)
                     writeAll(s, several.data(), several.size());
                 writeAll(s, "0\r\n\r\n", 5);
-            } else { // parts of 40 KB
-                const std::string start
-                    = head + "Content-Type: multipart/x-mixed-replace; boundary=b\r\n\r\n";
-                const std::string part = "--b\r\nContent-Type: image/jpeg\r\nContent-Length: 40000\r\n\r\n"
-                    + block.substr(0, 40000) + "\r\n";
-                writeAll(s, start.data(), start.size());
-                for (long long i = 0; i < size; ++i)
-                    writeAll(s, part.data(), part.size());
-                close(s);
-                return;
             }
         }
     }
@@ -87,8 +77,11 @@ void serveTls(const std::string& mode, int s, long long bytes)
     static SSL_CTX* const context = serverContext(mode != "tlsfull");
     SSL* ssl = SSL_new(context);
     SSL_set_fd(ssl, s);
-    std::vector<char> buffer(1 << 18, 'x');
+    std::vector<char> buffer(mode == "tlsecho" ? 4096 : 1 << 18, 'x');
     if (SSL_accept(ssl) == 1) {
+        for (int n = 1; mode == "tlsecho" && n > 0;)
+            if ((n = SSL_read(ssl, buffer.data(), static_cast<int>(buffer.size()))) > 0)
+                SSL_write(ssl, buffer.data(), n);
         for (long long left = mode == "tlssource" || mode == "tlssink" ? bytes : 0; left > 0;) {
             const int n = mode == "tlssource" ? SSL_write(ssl, buffer.data(), kBlock)
                                               : SSL_read(ssl, buffer.data(), static_cast<int>(buffer.size()));
@@ -141,30 +134,20 @@ void serveOne(const std::string& mode, int s, long long bytes)
     close(s);
 }
 
-// What the library's medium profile sets, for the rows with that profile at both ends.
-void setMediumProfile(int s)
-{
-    const int receive = 65536;
-    const int sending = 32768;
-    const int segment = 16384;
-    setsockopt(s, SOL_SOCKET, SO_RCVBUF, &receive, sizeof receive);
-    setsockopt(s, SOL_SOCKET, SO_SNDBUF, &sending, sizeof sending);
-    setsockopt(s, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
-}
-
 int listening(const std::string& mode, long long bytes, bool bMedium)
 {
     const int listener = rawListen(0);
     if (bMedium)
         setMediumProfile(listener); // inherited by what it accepts
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
-    std::printf("%d\n", ntohs(address.sin_port));
+    std::printf("%d\n", portOf(listener));
     std::fflush(stdout);
     const int on = 1;
     for (;;) {
         const int s = accept(listener, nullptr, nullptr);
+        if (mode == "hangup") {
+            close(s);
+            continue;
+        }
         setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         std::thread(serveOne, mode, s, bytes).detach();
     }
@@ -217,29 +200,40 @@ int load(bool bAll, unsigned short port, long long rounds, int count)
     return 0;
 }
 
-// Bursts of a picture's packets, until the driver ends it. The system cuts each burst into its datagrams
-// (UDP_SEGMENT), so that the receiver is the slower side.
-int datagrams(unsigned short port)
+// Bursts of a picture's packets, until the driver ends it: one call for each burst, as plain datagrams or as
+// a run that the system cuts (UDP_SEGMENT).
+int datagrams(unsigned short port, bool bRuns)
 {
     const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in to = loopback(port);
+    const sockaddr_in to = farAddress(port);
+    if (connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
+        return 1;
     constexpr int kSize = 1200;
     constexpr std::size_t kBurst = 30;
-    setsockopt(s, IPPROTO_UDP, UDP_SEGMENT, &kSize, sizeof kSize);
-    const std::string burst(kSize * kBurst, 'd');
-    while (sendto(s, burst.data(), burst.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) > 0) {
+    std::string burst(kSize * kBurst, 'd');
+    if (bRuns) {
+        setsockopt(s, IPPROTO_UDP, UDP_SEGMENT, &kSize, sizeof kSize);
+        while (send(s, burst.data(), burst.size(), 0) > 0) { }
+        return 0;
     }
+    std::vector<iovec> ranges;
+    std::vector<mmsghdr> messages(kBurst);
+    for (std::size_t i = 0; i < kBurst; ++i)
+        ranges.push_back({&burst[i * kSize], kSize});
+    for (std::size_t i = 0; i < kBurst; ++i) {
+        messages[i].msg_hdr.msg_iov = &ranges[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    while (sendmmsg(s, messages.data(), kBurst, 0) > 0) { }
     return 0;
 }
 
 int drain()
 {
     const int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    bind(s, reinterpret_cast<const sockaddr*>(&address), size);
-    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
-    std::printf("%d\n", ntohs(address.sin_port));
+    const sockaddr_in address = farAddress(0);
+    bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    std::printf("%d\n", portOf(s));
     std::fflush(stdout);
     char buffer[1500];
     while (recv(s, buffer, sizeof buffer, 0) >= 0) { }
@@ -265,8 +259,8 @@ int main(int argc, char** argv)
     const Arguments a(argc, argv);
     if (a.mode == "load" || a.mode == "one")
         return load(a.mode == "load", a.port, a.amount, a.connections);
-    if (a.mode == "datagrams")
-        return datagrams(a.port);
+    if (a.mode == "datagrams" || a.mode == "runs")
+        return datagrams(a.port, a.mode == "runs");
     if (a.mode == "drain")
         return drain();
     if (a.mode == "connects")

@@ -66,18 +66,35 @@ struct Echo : std::enable_shared_from_this<Echo> {
     }
 };
 
-void accept(tcp::acceptor& acceptor, bool bEcho)
+void accept(tcp::acceptor& acceptor, const std::string& mode)
 {
-    acceptor.async_accept([&acceptor, bEcho](std::error_code, tcp::socket s) {
+    acceptor.async_accept([&acceptor, &mode](std::error_code, tcp::socket s) {
         static bool bStarted = false;
         if (!bStarted)
             watch.start();
         bStarted = true;
-        if (bEcho)
+        if (mode == "echo") {
             std::make_shared<Echo>(std::move(s))->read();
-        else if (--left == 0)
-            return;
-        accept(acceptor, bEcho);
+        } else {
+            if (mode == "acceptsocket") // it is ready to receive
+                s.async_wait(tcp::socket::wait_read, [](std::error_code) {});
+            if (--left == 0)
+                return;
+        }
+        accept(acceptor, mode);
+    });
+}
+
+void connects(tcp::socket& s, const tcp::endpoint& endpoint)
+{
+    s.async_connect(endpoint, [&](std::error_code failed) {
+        if (failed)
+            std::exit(1);
+        s.async_read_some(asio::buffer(buffer), [&](std::error_code, std::size_t) {
+            s.close();
+            if (--left > 0)
+                connects(s, endpoint);
+        });
     });
 }
 } // namespace
@@ -87,15 +104,21 @@ int main(int argc, char** argv)
     const Arguments a(argc, argv);
     left = a.amount;
     tcp::socket socket(loop);
-    const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), a.port);
-    if (a.mode == "echo" || a.mode == "accept") {
+    const tcp::endpoint endpoint(asio::ip::make_address_v4(farHost()), a.port);
+    if (a.mode == "echo" || a.mode == "accept" || a.mode == "acceptsocket") {
         tcp::acceptor acceptor(loop, endpoint);
-        std::puts("ready");
-        std::fflush(stdout);
-        accept(acceptor, a.mode == "echo");
+        ready();
+        accept(acceptor, a.mode);
         loop.run();
         watch.report();
         std::_Exit(0);
+    }
+    if (a.mode == "connect") {
+        watch.start();
+        connects(socket, endpoint);
+        loop.run();
+        watch.report();
+        return 0;
     }
     socket.connect(endpoint);
     socket.set_option(tcp::no_delay(true));

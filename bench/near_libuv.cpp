@@ -46,10 +46,16 @@ void ping(uv_stream_t* stream)
     uv_try_write(stream, &buffer, 1);
 }
 
+void connectNext();
+
 void onRead(uv_stream_t* stream, ssize_t n, const uv_buf_t* buffer)
 {
     if (n < 0) {
-        uv_stop(loop);
+        if (args->mode == "connect")
+            uv_close(reinterpret_cast<uv_handle_t*>(stream),
+                [](uv_handle_t*) { --left > 0 ? connectNext() : uv_stop(loop); });
+        else if (args->mode != "acceptsocket")
+            uv_stop(loop);
         return;
     }
     if (args->mode == "send") {
@@ -80,7 +86,9 @@ void onConnection(uv_stream_t* server, int)
     auto* client = new uv_tcp_t;
     uv_tcp_init(loop, client);
     uv_accept(server, reinterpret_cast<uv_stream_t*>(client));
-    if (args->mode == "accept") {
+    if (args->mode == "acceptsocket")
+        uv_read_start(reinterpret_cast<uv_stream_t*>(client), allocate, onRead);
+    if (args->mode != "echo") {
         uv_close(reinterpret_cast<uv_handle_t*>(client), [](uv_handle_t* handle) {
             delete reinterpret_cast<uv_tcp_t*>(handle);
             if (--left == 0)
@@ -89,6 +97,20 @@ void onConnection(uv_stream_t* server, int)
         return;
     }
     uv_read_start(reinterpret_cast<uv_stream_t*>(client), allocate, onRead);
+}
+
+void connectNext()
+{
+    static uv_tcp_t tcp;
+    static uv_connect_t connect;
+    const sockaddr_in address = farAddress(args->port);
+    uv_tcp_init(loop, &tcp);
+    uv_tcp_connect(
+        &connect, &tcp, reinterpret_cast<const sockaddr*>(&address), [](uv_connect_t* c, int failed) {
+            if (failed != 0)
+                std::exit(1);
+            uv_read_start(c->handle, allocate, onRead);
+        });
 }
 } // namespace
 
@@ -100,13 +122,15 @@ int main(int argc, char** argv)
     loop = uv_default_loop();
     uv_tcp_t tcp;
     uv_tcp_init(loop, &tcp);
-    const sockaddr_in address = loopback(a.port);
+    const sockaddr_in address = farAddress(a.port);
     uv_connect_t connect;
-    if (a.mode == "echo" || a.mode == "accept") {
+    if (a.mode == "connect") {
+        watch.start();
+        connectNext();
+    } else if (a.mode == "echo" || a.mode == "accept" || a.mode == "acceptsocket") {
         uv_tcp_bind(&tcp, reinterpret_cast<const sockaddr*>(&address), 0);
         uv_listen(reinterpret_cast<uv_stream_t*>(&tcp), 8192, onConnection);
-        std::puts("ready");
-        std::fflush(stdout);
+        ready();
     } else {
         uv_tcp_nodelay(&tcp, 1);
         uv_tcp_connect(&connect, &tcp, reinterpret_cast<const sockaddr*>(&address), [](uv_connect_t* c, int) {

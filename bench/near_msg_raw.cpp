@@ -15,7 +15,7 @@ void receive(const Arguments& a, bool bEncrypted)
     const FrameKey key;
     EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
     EVP_DecryptInit_ex(context, EVP_aes_128_cbc(), nullptr, key.bytes, nullptr);
-    std::vector<char> buffer(1 << 16);
+    std::vector<char> buffer(1 << 18);
     unsigned char plain[4096];
     std::size_t held = 0;
     watch.start();
@@ -24,29 +24,20 @@ void receive(const Arguments& a, bool bEncrypted)
         if (n <= 0)
             break;
         held += static_cast<std::size_t>(n);
-        std::size_t at = 0;
-        while (held - at > kFrameHead) {
-            const char* frame = buffer.data() + at;
-            const std::size_t size = kFrameHead + bigEndian(frame + 4);
-            if (held - at < size)
-                break;
-            if (bEncrypted) {
-                const auto* token = reinterpret_cast<const unsigned char*>(frame + kFrameHead);
-                int decrypted = 0;
-                int rest = 0;
-                EVP_DecryptInit_ex(context, nullptr, nullptr, nullptr, token + 12);
-                EVP_DecryptUpdate(context, plain, &decrypted, token + 32,
-                    static_cast<int>(bigEndian(frame + kFrameHead + 28)));
-                EVP_DecryptFinal_ex(context, plain + decrypted, &rest);
-                checksum += plain[0];
-            } else {
+        got += takeFrames(buffer, held, [&](const char* frame) {
+            if (!bEncrypted) {
                 checksum += frame[kFrameHead];
+                return;
             }
-            at += size;
-            ++got;
-        }
-        std::memmove(buffer.data(), buffer.data() + at, held - at);
-        held -= at;
+            const auto* token = reinterpret_cast<const unsigned char*>(frame + kFrameHead);
+            int decrypted = 0;
+            int rest = 0;
+            EVP_DecryptInit_ex(context, nullptr, nullptr, nullptr, token + 12);
+            EVP_DecryptUpdate(
+                context, plain, &decrypted, token + 32, static_cast<int>(bigEndian(frame + kFrameHead + 28)));
+            EVP_DecryptFinal_ex(context, plain + decrypted, &rest);
+            checksum += plain[0];
+        });
     }
 }
 
@@ -54,16 +45,18 @@ void send(const Arguments& a)
 {
     const int s = rawConnect(a.port);
     const std::string frame = plainFrame();
-    std::string out;
+    std::vector<char> out(1 << 16);
+    std::size_t held = 0;
     watch.start();
     for (long long i = 0; i < a.amount; ++i) {
-        out += frame;
-        if (out.size() > 65536) {
-            writeAll(s, out.data(), out.size());
-            out.clear();
+        if (held + kFrameSize > out.size()) {
+            writeAll(s, out.data(), held);
+            held = 0;
         }
+        std::memcpy(out.data() + held, frame.data(), kFrameSize);
+        held += kFrameSize;
     }
-    writeAll(s, out.data(), out.size());
+    writeAll(s, out.data(), held);
     char byte = 0;
     recv(s, &byte, 1, 0);
 }

@@ -1,5 +1,6 @@
 // The library's side of every row.
 #include "Common.h"
+#include "TunedBuffers.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
@@ -22,11 +23,13 @@ NuvikaTcpSocket::LOAD_PROFILE profileOf(const Arguments& a)
 
 void finish() { QCoreApplication::quit(); }
 
+QHostAddress farQHost() { return QHostAddress(QString::fromLatin1(farHost())); }
+
 void receiveStream(const Arguments& a, NuvikaTcpSocket& socket)
 {
     QObject::connect(&socket, &NuvikaTcpSocket::connected, [] { watch.start(); });
     QObject::connect(&socket, &NuvikaTcpSocket::disconnected, finish);
-    socket.connectToHost(QHostAddress(QHostAddress::LocalHost), a.port);
+    socket.connectToHost(farQHost(), a.port);
     QCoreApplication::exec();
 }
 
@@ -42,7 +45,7 @@ void sendStream(const Arguments& a, NuvikaTcpSocket& socket)
         }
     });
     QObject::connect(&socket, &NuvikaTcpSocket::dataReceived, finish);
-    socket.connectToHost(QHostAddress(QHostAddress::LocalHost), a.port);
+    socket.connectToHost(farQHost(), a.port);
     QCoreApplication::exec();
 }
 
@@ -62,7 +65,7 @@ void pingPong(const Arguments& a, NuvikaTcpSocket& socket)
         got = 0;
         --left > 0 ? void(socket.sendData(message.constData(), kPingSize)) : finish();
     });
-    socket.connectToHost(QHostAddress(QHostAddress::LocalHost), a.port);
+    socket.connectToHost(farQHost(), a.port);
     QCoreApplication::exec();
 }
 
@@ -102,28 +105,35 @@ void serve(const Arguments& a)
     });
     if (!server.listen(QHostAddress(QHostAddress::LocalHost), a.port))
         std::exit(1);
-    std::puts("ready");
-    std::fflush(stdout);
+    ready();
     QCoreApplication::exec();
     watch.report();
     std::_Exit(0); // thousands of sockets: their end is not part of the row
 }
 
+void connects(const Arguments& a, NuvikaTcpSocket& socket)
+{
+    static long long left = a.amount;
+    const auto next = [&] { socket.connectToHost(farQHost(), a.port); };
+    QObject::connect(&socket, &NuvikaTcpSocket::disconnected, [&, next] {
+        socket.close();
+        --left > 0 ? next() : finish();
+    });
+    QObject::connect(&socket, &NuvikaTcpSocket::error, [] { std::exit(1); });
+    watch.start();
+    next();
+    QCoreApplication::exec();
+}
+
 void httpGet(const Arguments& a)
 {
     static long long left = a.amount;
-    HttpClient client(QStringLiteral("127.0.0.1"), a.port, true);
+    HttpClient client(QString::fromLatin1(farHost()), a.port, true);
+    leaveBuffersToTheKernel(client);
     const QString path = QLatin1Char('/') + QString::fromStdString(a.variant);
     const auto next = [&client, path] { client.get(path, QString(), QString(), true); };
     QObject::connect(&client, &HttpClient::requestFinished, [next] { --left > 0 ? next() : finish(); });
-    QObject::connect(&client, &HttpClient::requestFailed, finish);
-    QObject::connect(&client, &HttpClient::multipartReplaceContent, [] { --left; });
-    if (a.variant[0] == 'p') // the stream's end is the end of the row
-        QObject::connect(&client, &HttpClient::multipartReplaceContent, [&a] {
-            static long long parts = std::atoll(a.variant.c_str() + 6);
-            if (--parts == 0)
-                finish();
-        });
+    QObject::connect(&client, &HttpClient::requestFailed, [] { std::exit(1); });
     watch.start();
     next();
     QCoreApplication::exec();
@@ -146,8 +156,7 @@ void httpServer(const Arguments& a)
     });
     if (!server.listen(QHostAddress(QHostAddress::LocalHost), a.port))
         std::exit(1);
-    std::puts("ready");
-    std::fflush(stdout);
+    ready();
     QCoreApplication::exec(); // until the driver ends it
 }
 } // namespace
@@ -159,12 +168,16 @@ int main(int argc, char** argv)
     if (qEnvironmentVariableIsEmpty("NUVIKA_LOG"))
         QLoggingCategory::setFilterRules(QStringLiteral("nuvika.*=false"));
     NuvikaTcpSocket socket(profileOf(a), profileOf(a));
+    if (a.mode != "http")
+        leaveBuffersToTheKernel(socket);
     if (a.mode == "recv")
         receiveStream(a, socket);
     else if (a.mode == "send")
         sendStream(a, socket);
     else if (a.mode == "ping")
         pingPong(a, socket);
+    else if (a.mode == "connect")
+        connects(a, socket);
     else if (a.mode == "http")
         httpGet(a);
     else if (a.mode == "httpserver")

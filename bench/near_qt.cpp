@@ -48,7 +48,7 @@ void stream(const Arguments& a)
             --left > 0 ? void(socket.write(block.constData(), kPingSize)) : finish();
         });
     }
-    socket.connectToHost(QHostAddress::LocalHost, a.port);
+    socket.connectToHost(QString::fromLatin1(farHost()), a.port);
     QCoreApplication::exec();
 }
 
@@ -62,7 +62,7 @@ void serve(const Arguments& a)
             if (!bStarted)
                 watch.start();
             bStarted = true;
-            if (a.mode == "accept") {
+            if (a.mode != "echo") { // a descriptor comes with a socket on it
                 delete socket;
                 if (--left == 0)
                     finish();
@@ -79,27 +79,35 @@ void serve(const Arguments& a)
     server.setMaxPendingConnections(10000);
     if (!server.listen(QHostAddress::LocalHost, a.port))
         std::exit(1);
-    std::puts("ready");
-    std::fflush(stdout);
+    ready();
     QCoreApplication::exec();
     watch.report();
     std::_Exit(0);
+}
+
+void connects(const Arguments& a)
+{
+    static long long left = a.amount;
+    QTcpSocket socket;
+    const auto next = [&] { socket.connectToHost(QString::fromLatin1(farHost()), a.port); };
+    QObject::connect(&socket, &QTcpSocket::disconnected, [&] { --left > 0 ? next() : finish(); });
+    watch.start();
+    next();
+    QCoreApplication::exec();
 }
 
 void httpGet(const Arguments& a)
 {
     static long long left = a.amount;
     QNetworkAccessManager manager;
-    const QNetworkRequest request(
-        QUrl(QStringLiteral("http://127.0.0.1:%1/%2").arg(a.port).arg(QString::fromStdString(a.variant))));
-    const bool bParts = a.variant[0] == 'p';
-    const auto next = [&] {
-        QNetworkReply* reply = manager.get(request);
-        if (bParts)
-            QObject::connect(reply, &QNetworkReply::readyRead, [reply] { reply->readAll(); });
-    };
+    const QNetworkRequest request(QUrl(QStringLiteral("http://%1:%2/%3")
+                                           .arg(QString::fromLatin1(farHost()))
+                                           .arg(a.port)
+                                           .arg(QString::fromStdString(a.variant))));
+    const auto next = [&] { manager.get(request); };
     QObject::connect(&manager, &QNetworkAccessManager::finished, [&](QNetworkReply* reply) {
-        reply->readAll();
+        if (reply->readAll().isEmpty())
+            std::exit(1);
         reply->deleteLater();
         --left > 0 ? next() : finish();
     });
@@ -115,8 +123,10 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     if (a.mode == "http")
         httpGet(a);
-    else if (a.mode == "echo" || a.mode == "accept")
+    else if (a.mode == "echo" || a.mode == "accept" || a.mode == "acceptsocket")
         serve(a);
+    else if (a.mode == "connect")
+        connects(a);
     else
         stream(a);
     watch.report();

@@ -14,7 +14,7 @@ int main(int argc, char** argv)
     asio::io_context loop(1);
     asio::ssl::context context(asio::ssl::context::tls_client);
     asio::ssl::stream<asio::ip::tcp::socket> stream(loop, context);
-    stream.next_layer().connect({asio::ip::address_v4::loopback(), a.port});
+    stream.next_layer().connect({asio::ip::make_address_v4(farHost()), a.port});
     stream.next_layer().set_option(asio::ip::tcp::no_delay(true));
     std::vector<char> buffer(kBlock, 'x');
     long long left = a.amount;

@@ -1,5 +1,6 @@
 // The library's side of the TLS rows.
 #include "Tls.h"
+#include "TunedBuffers.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
@@ -17,6 +18,7 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     QLoggingCategory::setFilterRules(QStringLiteral("nuvika.*=false"));
     NuvikaSslSocket socket;
+    leaveBuffersToTheKernel(socket);
     socket.setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
     const auto connectNow = [&] {
         socket.initSsl(false, NuvikaSslSocket::eSslAny12, QString(), QString(), QString());

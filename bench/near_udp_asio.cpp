@@ -28,7 +28,7 @@ int main(int argc, char** argv)
 {
     const Arguments a(argc, argv);
     left = a.amount;
-    const auto local = asio::ip::address_v4::loopback();
+    const auto local = asio::ip::make_address_v4(farHost());
     if (a.mode != "udprecv") {
         udp::socket s(loop, udp::endpoint(local, 0));
         const udp::endpoint to(local, a.port);

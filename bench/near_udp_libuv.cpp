@@ -34,12 +34,12 @@ int main(int argc, char** argv)
     left = a.amount;
     uv_udp_t handle;
     uv_udp_init_ex(uv_default_loop(), &handle, AF_INET | UV_UDP_RECVMMSG);
-    const sockaddr_in address = loopback(a.mode == "udprecv" ? a.port : 0);
+    const sockaddr_in address = farAddress(a.mode == "udprecv" ? a.port : 0);
     uv_udp_bind(&handle, reinterpret_cast<const sockaddr*>(&address), 0);
     int size = kDatagramBuffer;
     uv_recv_buffer_size(reinterpret_cast<uv_handle_t*>(&handle), &size);
     if (a.mode != "udprecv") {
-        const sockaddr_in to = loopback(a.port);
+        const sockaddr_in to = farAddress(a.port);
         timedSends(a, 1, [&](const Packets& packets) {
             const uv_buf_t buffer = uv_buf_init(const_cast<char*>(packets.bytes[0].data()), kDatagramSize);
             uv_udp_try_send(&handle, &buffer, 1, reinterpret_cast<const sockaddr*>(&to));

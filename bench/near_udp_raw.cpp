@@ -35,17 +35,22 @@ void receive(const Arguments& a)
 void sendSingly(const Arguments& a)
 {
     const int s = rawDatagramSocket(0);
-    const sockaddr_in to = loopback(a.port);
+    const sockaddr_in to = farAddress(a.port);
+    if (a.variant != "sendto" && connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
+        std::exit(1);
     timedSends(a, 1, [&](const Packets& packets) {
-        sendto(
-            s, packets.bytes[0].data(), kDatagramSize, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        if (a.variant != "sendto")
+            send(s, packets.bytes[0].data(), kDatagramSize, 0);
+        else
+            sendto(s, packets.bytes[0].data(), kDatagramSize, 0, reinterpret_cast<const sockaddr*>(&to),
+                sizeof to);
     });
 }
 
 void sendBatches(const Arguments& a)
 {
     const int s = rawDatagramSocket(0);
-    sockaddr_in to = loopback(a.port);
+    sockaddr_in to = farAddress(a.port);
     timedSends(a, kBatchSize, [&](const Packets& packets) {
         std::array<mmsghdr, kBatchSize> messages{};
         std::array<iovec, kBatchSize> ranges;

@@ -15,7 +15,6 @@ class ReceivePlacer
 {
 public:
     virtual ~ReceivePlacer() = default;
-
     // Right before each receive: that place, or an empty range for anywhere.
     virtual iovec target() { return {}; }
     // So many bytes came, and lie there. Calls nobody: dataReceived() follows at once with what came behind
