@@ -26,6 +26,8 @@ add_library(nuvika_objects OBJECT ${NUVIKA_SOURCES} ${NUVIKA_PUBLIC_HEADERS} ${N
 set_target_properties(nuvika_objects PROPERTIES
   POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 target_compile_definitions(nuvika_objects PRIVATE KEPNUVIKAUTIL_BUILD)
+# Exported functions are inlined into each other as the hidden ones are: nobody replaces them.
+target_compile_options(nuvika_objects PRIVATE -fno-semantic-interposition)
 target_include_directories(nuvika_objects PUBLIC "${NUVIKA_INCLUDE_DIR}" PRIVATE "${NUVIKA_SOURCE_DIR}")
 target_link_libraries(nuvika_objects PUBLIC Qt5::Core Qt5::Network Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto nuvika_flags)
 

@@ -11,6 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size == 0)
         return 0;
     CommandExtractor extractor;
+    QByteArray plain;
     const std::size_t step = 1 + data[0];
     std::size_t frames = 0;
     for (std::size_t from = 1; from < size; from += step) {
@@ -21,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         while (extractor.getFirstCommand(&command)) {
             ++frames;
             if (command.bEncrypted)
-                s_decrypter.decrypt(command.pData, command.nSize);
+                s_decrypter.decrypt(command.pData, command.nSize, &plain);
             for (int i = 0; i < command.nSize; ++i) {
                 volatile char c = command.pData[i];
                 (void)c;

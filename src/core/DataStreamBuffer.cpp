@@ -1,9 +1,12 @@
 #include <KepNuvikaUtil/DataStreamBuffer.h>
 
+#include "core/OutOfMemory_p.h"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 
 namespace
 {
@@ -25,9 +28,12 @@ DataStreamBuffer::DataStreamBuffer(const char* data, int size, bool copy)
     : m_mode(copy ? kReadCopy : kReadInPlace), m_pRaw(data), m_rawSize(std::max(size, 0)), m_bOwnsRaw(copy)
 {
     if (copy) {
-        auto block = std::make_unique<char[]>(static_cast<std::size_t>(m_rawSize));
+        const auto bytes = static_cast<std::size_t>(m_rawSize);
+        std::unique_ptr<char[]> block(new (std::nothrow) char[bytes]);
+        if (!block)
+            Nuvika::endWithoutMemory("DataStreamBuffer::DataStreamBuffer", bytes);
         if (m_rawSize > 0)
-            std::memcpy(block.get(), data, static_cast<std::size_t>(m_rawSize));
+            std::memcpy(block.get(), data, bytes);
         m_pRaw = block.release();
     }
     openAsConstructed();

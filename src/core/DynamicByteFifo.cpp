@@ -80,25 +80,26 @@ void DynamicByteFifoChunk::reset()
 DynamicByteFifo::DynamicByteFifo(unsigned int chunkSize, unsigned int maxChunks)
     : m_nMaxChunks(maxChunks), m_pool(chunkSize, std::max(maxChunks / 100, 10U))
 {
-    m_chunks.emplace_back(&m_pool);
+    addChunk();
 }
 
 // The chunks return their blocks before the pool, which is declared behind them, frees its memory.
 DynamicByteFifo::~DynamicByteFifo() { m_chunks.clear(); }
 
-bool DynamicByteFifo::isFull() const
+void DynamicByteFifo::addChunk()
 {
-    return m_chunks.size() > m_nMaxChunks || (m_chunks.size() == m_nMaxChunks && m_chunks.back().full());
+    m_chunks.emplace_back(&m_pool);
+    ++m_nChunks;
 }
 
 unsigned int DynamicByteFifo::append(const unsigned char* data, unsigned int n, bool bForce)
 {
     unsigned int taken = 0;
-    while (m_chunks.size() <= m_nMaxChunks || bForce) {
+    while (bForce || m_nChunks <= m_nMaxChunks) {
         taken += m_chunks.back().put(data + taken, n - taken);
         if (taken == n)
             break;
-        m_chunks.emplace_back(&m_pool);
+        addChunk();
     }
     return taken;
 }
@@ -126,15 +127,13 @@ unsigned int DynamicByteFifo::put(const KepNuvikaUtil::BUFFER* buffers, int coun
     // The expected total counts negative lengths as they stand: a range list that adds up to nothing is
     // never reported as cut short.
     qint64 expected = 0;
-    for (int i = 0; i < count; ++i)
-        expected += buffers[i].nLen;
     qint64 taken = 0;
-    if (!isFull()) {
-        for (int i = 0; i < count; ++i) {
-            if (buffers[i].nLen > 0)
-                taken += append(reinterpret_cast<const unsigned char*>(buffers[i].pData),
-                    static_cast<unsigned int>(buffers[i].nLen), bForce);
-        }
+    const bool bFull = isFull();
+    for (int i = 0; i < count; ++i) {
+        expected += buffers[i].nLen;
+        if (!bFull && buffers[i].nLen > 0)
+            taken += append(reinterpret_cast<const unsigned char*>(buffers[i].pData),
+                static_cast<unsigned int>(buffers[i].nLen), bForce);
     }
     if (taken < expected)
         logNotTaken();
@@ -150,11 +149,12 @@ unsigned int DynamicByteFifo::takeFromFront(unsigned int n, Take take)
         taken += take(front, taken);
         if (!front.empty())
             break;
-        if (m_chunks.size() == 1) {
+        if (m_nChunks == 1) {
             front.reset();
             break;
         }
         m_chunks.pop_front();
+        --m_nChunks;
     }
     return taken;
 }
@@ -190,5 +190,6 @@ unsigned int DynamicByteFifo::peek(iovec* vec, int* count, unsigned int maxBytes
 void DynamicByteFifo::clear()
 {
     std::deque<DynamicByteFifoChunk>().swap(m_chunks);
-    m_chunks.emplace_back(&m_pool);
+    m_nChunks = 0;
+    addChunk();
 }

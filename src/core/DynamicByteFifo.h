@@ -79,13 +79,17 @@ public:
     /// Describes at most \a maxBytes queued bytes from the front. \a count holds the room in \a vec on entry
     /// and the number of entries filled afterwards. Nothing is removed.
     unsigned int peek(iovec* vec, int* count, unsigned int maxBytes) const;
-    bool isEmpty() const { return m_chunks.size() == 1 && m_chunks.front().empty(); }
+    bool isEmpty() const { return m_nChunks == 1 && m_chunks.front().empty(); }
     /// The limit is reached: the next put takes nothing.
-    bool isFull() const;
+    bool isFull() const
+    {
+        return m_nChunks > m_nMaxChunks || (m_nChunks == m_nMaxChunks && m_chunks.back().full());
+    }
     /// Drops everything; the memory stays with the queue.
     void clear();
 
 private:
+    void addChunk();
     unsigned int append(const unsigned char* data, unsigned int n, bool bForce);
     template <class Take>
     unsigned int takeFromFront(unsigned int n, Take take);
@@ -93,4 +97,5 @@ private:
     unsigned int m_nMaxChunks;
     std::deque<DynamicByteFifoChunk> m_chunks; // never empty
     MemBlockPool m_pool;
+    unsigned int m_nChunks = 0; // asked for with each put, and a deque computes its size
 };

@@ -4,10 +4,9 @@
 
 #include "core/Log_p.h"
 #include "core/MutexGuard_p.h"
+#include "core/OutOfMemory_p.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -21,21 +20,6 @@ namespace
 {
 constexpr unsigned int kMinBlockSize = 4;
 constexpr std::size_t kChunkHead = 16;
-
-// Blocks of odd sizes are not aligned for a pointer: links are copied, never dereferenced.
-template <class Node>
-Node* linkOf(const void* block)
-{
-    Node* next;
-    std::memcpy(&next, block, sizeof next);
-    return next;
-}
-
-template <class Node>
-void setLink(void* block, Node* next)
-{
-    std::memcpy(block, &next, sizeof next);
-}
 } // namespace
 
 MemBlockPool::MemBlockPool(unsigned int blockSize, unsigned int blocksPerChunk)
@@ -50,27 +34,23 @@ std::size_t MemBlockPool::stride() const { return std::max<std::size_t>(m_nBlock
 void MemBlockPool::addChunk()
 {
     const std::size_t nSize = stride() * m_nBlocksPerChunk;
-    NUVIKA_ASSERT(nSize >= sizeof(FreeNode));
+    // The blank is part of the text.
+    // clang-format off
+    NUVIKA_ASSERT(nSize >= sizeof (FreeNode));
+    // clang-format on
     void* chunk = nSize + kChunkHead <= std::numeric_limits<unsigned int>::max()
         ? NuvikaMallocNoExtending(static_cast<unsigned int>(nSize + kChunkHead))
         : nullptr;
-    if (chunk == nullptr) {
-        NUVIKA_CRITICAL(lcCore, "MemBlockPool::allocBuf: out of memory: %zu bytes", nSize + kChunkHead);
-        std::abort();
-    }
-    setLink(chunk, m_pBlocks);
+    if (chunk == nullptr)
+        endWithoutMemory("MemBlockPool::allocBuf", nSize + kChunkHead);
+    std::memcpy(chunk, &m_pBlocks, sizeof m_pBlocks);
     m_pBlocks = chunk;
     m_pFresh = static_cast<char*>(chunk) + kChunkHead;
     m_pFreshEnd = m_pFresh + nSize;
 }
 
-void* MemBlockPool::allocBuf()
+void* MemBlockPool::allocFresh()
 {
-    if (Q_LIKELY(m_pFreeList != nullptr)) {
-        void* block = m_pFreeList;
-        m_pFreeList = linkOf<FreeNode>(block);
-        return block;
-    }
     if (m_pFresh == m_pFreshEnd)
         addChunk();
     void* block = m_pFresh;
@@ -78,20 +58,13 @@ void* MemBlockPool::allocBuf()
     return block;
 }
 
-void MemBlockPool::freeBuf(void* p)
-{
-    NUVIKA_ASSERT(m_pBlocks);
-    if (p == nullptr)
-        return;
-    setLink(p, m_pFreeList);
-    m_pFreeList = static_cast<FreeNode*>(p);
-}
+void MemBlockPool::assertBlocks() const { NUVIKA_ASSERT(m_pBlocks); }
 
 void MemBlockPool::freeAll()
 {
     while (m_pBlocks != nullptr) {
         void* chunk = m_pBlocks;
-        m_pBlocks = linkOf<void>(chunk);
+        std::memcpy(&m_pBlocks, chunk, sizeof m_pBlocks);
         NuvikaFree(chunk);
     }
     m_pFreeList = nullptr;
@@ -116,8 +89,12 @@ void* MemBlockPoolMT::allocBuf()
 
 void MemBlockPoolMT::freeBuf(void* p)
 {
-    const MutexGuard lock(m_mutex);
-    MemBlockPool::freeBuf(p);
+    const auto push = [this, p] {
+        const MutexGuard lock(m_mutex);
+        return MemBlockPool::push(p);
+    };
+    if (!push())
+        assertBlocks(); // outside of the lock: a log handler may use the pool
 }
 
 void MemBlockPoolMT::freeAll()

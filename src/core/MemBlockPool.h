@@ -5,6 +5,7 @@
 #include <QtCore/QMutex>
 
 #include <cstddef>
+#include <cstring>
 
 /// A recycling allocator of equal blocks, carved from chunks.
 ///
@@ -27,17 +28,40 @@ public:
     MemBlockPool& operator=(const MemBlockPool&) = delete;
 
     /// A block of getBlockSize() bytes, not initialised.
-    void* allocBuf();
+    void* allocBuf()
+    {
+        if (m_pFreeList == nullptr)
+            return allocFresh();
+        void* block = m_pFreeList;
+        std::memcpy(&m_pFreeList, block, sizeof m_pFreeList); // blocks of odd sizes are not aligned
+        return block;
+    }
     /// Takes a block of this pool back; null is ignored. Nothing checks that the block came from here.
-    void freeBuf(void* p);
+    void freeBuf(void* p)
+    {
+        if (Q_UNLIKELY(!push(p)))
+            assertBlocks();
+    }
     /// Frees every chunk: each block handed out becomes invalid.
     void freeAll();
     unsigned int getBlockSize() const { return m_nBlockSize; }
 
 private:
+    friend class MemBlockPoolMT;
     struct FreeNode;
+    // False for a pool that has no blocks yet.
+    bool push(void* p)
+    {
+        if (p != nullptr) {
+            std::memcpy(p, &m_pFreeList, sizeof m_pFreeList);
+            m_pFreeList = static_cast<FreeNode*>(p);
+        }
+        return m_pBlocks != nullptr;
+    }
     std::size_t stride() const;
     void addChunk();
+    void* allocFresh();
+    void assertBlocks() const;
 
     unsigned int m_nBlockSize;
     unsigned int m_nBlocksPerChunk;

@@ -2,8 +2,11 @@
 
 #include "core/Log_p.h"
 #include "core/MutexGuard_p.h"
+#include "core/OutOfMemory_p.h"
 
 #include <memory>
+#include <new>
+#include <utility>
 
 using namespace Nuvika;
 
@@ -35,7 +38,9 @@ SharedPoolBuffer SharedBufferPool::getBuffer()
     const MutexGuard lock(m_mutex);
     BUFFER* pBuffer = m_pFreeList;
     if (pBuffer == nullptr) {
-        pBuffer = std::make_unique<BUFFER>().release(); // owned by its handles, then by the free list
+        pBuffer = new (std::nothrow) BUFFER; // owned by its handles, then by the free list
+        if (pBuffer == nullptr)
+            endWithoutMemory("SharedBufferPool::getBuffer", sizeof(BUFFER));
         pBuffer->pPool = this;
     } else {
         m_pFreeList = pBuffer->pNext;
@@ -49,14 +54,17 @@ SharedPoolBuffer SharedBufferPool::getBuffer()
 void SharedBufferPool::returnBuffer(BUFFER* pBuffer)
 {
     bool bLast = false;
+    bool bTaken = false;
     {
         const MutexGuard lock(m_mutex);
         pBuffer->pNext = m_pFreeList;
         m_pFreeList = pBuffer;
-        NUVIKA_ASSERT(m_outstandigBuffers > 0);
+        bTaken = m_outstandigBuffers > 0;
         bLast = m_outstandigBuffers == 1 && m_bReleased;
         --m_outstandigBuffers;
     }
+    if (!bTaken) // told outside of the lock: a log handler may use the pool
+        nuvikaAssertPrint("m_outstandigBuffers > 0", baseName(__FILE__), __LINE__);
     if (bLast)
         delete this;
 }
@@ -64,12 +72,15 @@ void SharedBufferPool::returnBuffer(BUFFER* pBuffer)
 void SharedBufferPool::release()
 {
     bool bLast = false;
+    bool bTwice = false;
     {
         const MutexGuard lock(m_mutex);
-        NUVIKA_ASSERT(m_bReleased == false);
+        bTwice = m_bReleased;
         m_bReleased = true;
         bLast = m_outstandigBuffers == 0;
     }
+    if (bTwice)
+        nuvikaAssertPrint("m_bReleased == false", baseName(__FILE__), __LINE__);
     if (bLast)
         delete this;
 }
@@ -87,6 +98,19 @@ SharedPoolBuffer& SharedPoolBuffer::operator=(const SharedPoolBuffer& other)
     SharedBufferPool::BUFFER* pOther = other.m_pBuffer;
     if (pOther != nullptr)
         pOther->nRefs.fetch_add(1, std::memory_order_relaxed); // first, for self-assignment
+    deref();
+    m_pBuffer = pOther;
+    return *this;
+}
+
+SharedPoolBuffer::SharedPoolBuffer(SharedPoolBuffer&& other) noexcept
+    : m_pBuffer(std::exchange(other.m_pBuffer, nullptr))
+{
+}
+
+SharedPoolBuffer& SharedPoolBuffer::operator=(SharedPoolBuffer&& other) noexcept
+{
+    SharedBufferPool::BUFFER* pOther = std::exchange(other.m_pBuffer, nullptr); // first, for self-assignment
     deref();
     m_pBuffer = pOther;
     return *this;

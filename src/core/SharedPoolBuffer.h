@@ -74,6 +74,10 @@ public:
     /// Replaces the bytes. An empty handle reports it and writes nothing.
     void setData(const void* p, int n);
 
+    /// Moving leaves \a other empty, and counts nothing.
+    SharedPoolBuffer(SharedPoolBuffer&& other) noexcept;
+    SharedPoolBuffer& operator=(SharedPoolBuffer&& other) noexcept;
+
 private:
     friend class SharedBufferPool;
     explicit SharedPoolBuffer(SharedBufferPool::BUFFER* pBuffer);

@@ -1,6 +1,7 @@
 #include <KepNuvikaUtil/VariableBuffer.h>
 
 #include "core/Log_p.h"
+#include "core/OutOfMemory_p.h"
 
 #include <QtCore/QDataStream>
 
@@ -8,7 +9,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
+#include <utility>
 
 using namespace Nuvika;
 
@@ -26,6 +29,25 @@ VariableBuffer& VariableBuffer::operator=(const VariableBuffer& other)
     getBuffer(other.m_size);
     if (m_size != 0)
         std::memcpy(m_pData, other.m_pData, m_size);
+    return *this;
+}
+
+VariableBuffer::VariableBuffer(VariableBuffer&& other) noexcept
+    : m_pAlloc(std::exchange(other.m_pAlloc, nullptr)), m_pData(std::exchange(other.m_pData, nullptr)),
+      m_capacity(std::exchange(other.m_capacity, 0)), m_size(std::exchange(other.m_size, 0)),
+      m_alignment(other.m_alignment)
+{
+}
+
+VariableBuffer& VariableBuffer::operator=(VariableBuffer&& other) noexcept
+{
+    if (m_alignment != other.m_alignment)
+        return *this = std::as_const(other);
+    VariableBuffer taken(std::move(other)); // first, for self-assignment
+    std::swap(m_pAlloc, taken.m_pAlloc);
+    std::swap(m_pData, taken.m_pData);
+    std::swap(m_capacity, taken.m_capacity);
+    std::swap(m_size, taken.m_size);
     return *this;
 }
 
@@ -47,10 +69,8 @@ void VariableBuffer::reallocate(unsigned int capacity)
 {
     const std::size_t bytes = std::size_t{capacity} + 2 * std::size_t{m_alignment};
     auto* p = static_cast<char*>(std::realloc(m_pAlloc, bytes));
-    if (p == nullptr) {
-        NUVIKA_CRITICAL(lcCore, "VariableBuffer::getBuffer: out of memory: %zu bytes", bytes);
-        std::abort();
-    }
+    if (p == nullptr)
+        endWithoutMemory("VariableBuffer::getBuffer", bytes);
     m_pAlloc = p;
     m_capacity = capacity;
 }
@@ -84,28 +104,38 @@ void VariableBuffer::setData(const void* p, int n)
         std::memmove(m_pData, p, m_size);
 }
 
-void VariableBuffer::append(const void* p, int n)
+// A size beyond 32 bits is one that cannot be had.
+void VariableBuffer::grow(unsigned long long size)
 {
-    if (n <= 0)
-        return;
-    const unsigned int oldSize = m_size;
-    const quint64 newSize = quint64{oldSize} + static_cast<unsigned int>(n);
-    if (newSize > std::numeric_limits<unsigned int>::max()) {
-        NUVIKA_CRITICAL(lcCore, "VariableBuffer::append: out of memory: %llu bytes",
-            static_cast<unsigned long long>(newSize));
-        std::abort();
-    }
-    const auto* source = static_cast<const char*>(p);
-    const bool bOwnBytes = m_pData != nullptr && source >= m_pData && source < m_pData + oldSize;
-    const std::ptrdiff_t ownOffset = bOwnBytes ? source - m_pData : 0;
-    getBuffer(static_cast<unsigned int>(newSize));
-    std::memcpy(m_pData + oldSize, bOwnBytes ? m_pData + ownOffset : source, static_cast<std::size_t>(n));
+    if (size > std::numeric_limits<unsigned int>::max())
+        endWithoutMemory("VariableBuffer::getBuffer", size);
+    getBuffer(static_cast<unsigned int>(size));
 }
 
-void VariableBuffer::append(const VariableBuffer& other)
+bool VariableBuffer::ownsByte(const void* p) const
 {
-    append(other.m_pData,
-        static_cast<int>(std::min<unsigned int>(other.m_size, std::numeric_limits<int>::max())));
+    const std::less<const void*> before;
+    return m_size != 0 && !before(p, m_pData) && before(p, m_pData + m_size);
+}
+
+void VariableBuffer::append(const void* p, int n)
+{
+    if (n > 0)
+        appendBytes(p, static_cast<unsigned int>(n));
+}
+
+void VariableBuffer::append(const VariableBuffer& other) { appendBytes(other.m_pData, other.m_size); }
+
+void VariableBuffer::appendBytes(const void* p, unsigned int n)
+{
+    if (n == 0)
+        return;
+    const unsigned int oldSize = m_size;
+    const auto* source = static_cast<const char*>(p);
+    const bool bOwnBytes = ownsByte(p);
+    const std::ptrdiff_t ownOffset = bOwnBytes ? source - m_pData : 0;
+    grow(quint64{oldSize} + n);
+    std::memcpy(m_pData + oldSize, bOwnBytes ? m_pData + ownOffset : source, n);
 }
 
 void VariableBuffer::remove(unsigned int pos, unsigned int count)
@@ -132,26 +162,37 @@ void VariableBuffer::replace(const char* before, const char* after)
 
 void VariableBuffer::replace(const char* before, int nBefore, const char* after, int nAfter)
 {
-    const int found = indexOf(before, nBefore);
-    if (found < 0)
+    const char* found = find(before, nBefore);
+    if (found == nullptr)
         return;
+    VariableBuffer own; // of this buffer's own bytes, which are about to move
     nAfter = std::max(nAfter, 0);
-    const auto at = static_cast<unsigned int>(found);
-    const auto tailFrom = at + static_cast<unsigned int>(nBefore);
-    const unsigned int tailSize = m_size - tailFrom;
+    if (nAfter > 0 && ownsByte(after)) {
+        own.setData(after, nAfter);
+        after = own.constData();
+    }
+    const auto at = static_cast<std::size_t>(found - m_pData);
+    const std::size_t tailFrom = at + static_cast<unsigned int>(nBefore);
+    const std::size_t tailSize = m_size - tailFrom;
     if (nAfter > nBefore)
-        getBuffer(m_size + static_cast<unsigned int>(nAfter - nBefore));
+        grow(quint64{m_size} + static_cast<unsigned int>(nAfter - nBefore));
     std::memmove(m_pData + at + nAfter, m_pData + tailFrom, tailSize);
     if (nAfter > 0)
         std::memcpy(m_pData + at, after, static_cast<std::size_t>(nAfter));
 }
 
-int VariableBuffer::indexOf(const void* p, int n) const
+const char* VariableBuffer::find(const void* p, int n) const
 {
     if (n <= 0 || m_size == 0 || static_cast<unsigned int>(n) > m_size)
-        return -1;
-    const void* found = memmem(m_pData, m_size, p, static_cast<std::size_t>(n));
-    return found == nullptr ? -1 : static_cast<int>(static_cast<const char*>(found) - m_pData);
+        return nullptr;
+    return static_cast<const char*>(memmem(m_pData, m_size, p, static_cast<std::size_t>(n)));
+}
+
+int VariableBuffer::indexOf(const void* p, int n) const
+{
+    const char* found = find(p, n);
+    const std::ptrdiff_t offset = found == nullptr ? -1 : found - m_pData;
+    return offset > std::numeric_limits<int>::max() ? -1 : static_cast<int>(offset);
 }
 
 QDataStream& operator<<(QDataStream& stream, const VariableBuffer& buffer)

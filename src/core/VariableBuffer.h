@@ -56,12 +56,21 @@ public:
     /// Replaces the first occurrence of \a before. A shorter replacement moves the tail but deliberately
     /// keeps the size: the last bytes are stale then.
     void replace(const char* before, int nBefore, const char* after, int nAfter);
-    /// Offset of the first occurrence of the \a n bytes at \a p, or -1.
+    /// Offset of the first occurrence of the \a n bytes at \a p, or -1; also -1 when an int does not hold it.
     int indexOf(const void* p, int n) const;
+
+    /// Takes the alignment and the block of \a other, which is left as if just constructed.
+    VariableBuffer(VariableBuffer&& other) noexcept;
+    /// The same between equal alignments, this buffer's own block being released; otherwise copies.
+    VariableBuffer& operator=(VariableBuffer&& other) noexcept;
 
 private:
     char* alignedStart() const;
     void reallocate(unsigned int capacity);
+    void grow(unsigned long long size);
+    void appendBytes(const void* p, unsigned int n);
+    bool ownsByte(const void* p) const;
+    const char* find(const void* p, int n) const;
 
     char* m_pAlloc = nullptr;
     char* m_pData = nullptr;

@@ -1,10 +1,17 @@
 #include <KepNuvikaUtil/VariableBufferArray.h>
 
+#include "core/OutOfMemory_p.h"
+
 #include <algorithm>
+#include <new>
 
 VariableBufferArray::VariableBufferArray(int count)
-    : m_maxBuffers(std::max(count, 0)), m_pBuffers(new VariableBuffer[static_cast<std::size_t>(m_maxBuffers)])
+    : m_maxBuffers(std::max(count, 0)),
+      m_pBuffers(new (std::nothrow) VariableBuffer[static_cast<std::size_t>(m_maxBuffers)])
 {
+    if (!m_pBuffers)
+        Nuvika::endWithoutMemory(
+            "VariableBufferArray::VariableBufferArray", sizeof(VariableBuffer) * std::size_t(m_maxBuffers));
 }
 
 VariableBufferArray::~VariableBufferArray() = default;

@@ -77,6 +77,15 @@ double NTPTimestamp::toUnixTime() const
 
 QDateTime NTPTimestamp::toDateTime() const { return epoch().addMSecs(static_cast<qint64>(toMilliseconds())); }
 
+QDateTime NTPTimestamp::toDateTime(const QDateTime& near) const
+{
+    constexpr qint64 kEraMs = qint64(1000) << 32;
+    const auto inFirstEra = static_cast<qint64>(toMilliseconds());
+    const qint64 ahead = DateTimeExt::DiffMSecs(epoch(), near.toUTC()) - inFirstEra + kEraMs / 2;
+    const qint64 eras = ahead >= 0 ? ahead / kEraMs : -((kEraMs - 1 - ahead) / kEraMs);
+    return epoch().addMSecs(inFirstEra + eras * kEraMs);
+}
+
 QString NTPTimestamp::toString(bool local) const
 {
     const QDateTime utc = toDateTime();

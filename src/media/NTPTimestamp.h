@@ -16,6 +16,11 @@ class QDataStream;
 /// Arithmetic is that of the 64-bit value, modulo 2^64. Nothing is checked: dividing by zero is the caller's
 /// fault, as with integers.
 ///
+/// The seconds start again at 0 on 2036-02-07 06:28:16 UTC. Times behind that go in as they travel, and
+/// differences across it come out right; but toUnixTime(), toDateTime() and toString() read every value as
+/// one before it. toDateTime(near) reads it as the time of that value nearest to a known one, now for a live
+/// stream.
+///
 /// Registered with Qt's meta-type system as "NTPTimestamp" when the library loads.
 /// Threads: a plain value.
 class KEPNUVIKAUTIL_EXPORT NTPTimestamp
@@ -70,6 +75,9 @@ public:
     bool operator<=(const NTPTimestamp& other) const { return m_value <= other.m_value; }
     bool operator>(const NTPTimestamp& other) const { return m_value > other.m_value; }
     bool operator>=(const NTPTimestamp& other) const { return m_value >= other.m_value; }
+
+    /// In UTC: of the times that this value stands for, 136 years apart, the one nearest to \a near.
+    QDateTime toDateTime(const QDateTime& near) const;
 
 private:
     friend class ClockToNtpMapper32;

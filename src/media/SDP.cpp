@@ -1,12 +1,8 @@
 #include <KepNuvikaUtil/SDP.h>
 
 #include "core/Log_p.h"
-#include "core/MutexGuard_p.h"
-#include "media/SDPParser_p.h"
-#include "platform/Clock_p.h"
 
 #include <algorithm>
-#include <memory>
 #include <utility>
 
 const QString nuvikaIdAttribute = QStringLiteral("nuvika-id:");
@@ -19,27 +15,8 @@ const QString nuvikaAssociationsAttribute = QStringLiteral("nuvika-associations:
 const QString nuvikaDecoderconfigAttribute = QStringLiteral("nuvika-decoderconfig:");
 const QString nuvikaVirtualptzAttribute = QStringLiteral("nuvika-virtualptz:");
 
-QHash<QString, SDP*> SDP::s_sdpCache;
-QMutex SDP::s_mutexCache;
-quint64 SDP::s_lastCacheCheck = 0;
-
-struct SDP::CacheOwner {
-    ~CacheOwner()
-    {
-        qDeleteAll(s_sdpCache);
-        s_sdpCache.clear();
-    }
-    static CacheOwner instance;
-};
-SDP::CacheOwner SDP::CacheOwner::instance;
-
 namespace
 {
-constexpr int kCacheLimit = 10000;
-constexpr quint64 kCacheIdleMs = 20000;
-
-quint64 nowMs() { return Nuvika::Clock::wallClockMs(); }
-
 template <class List>
 bool isIndex(const List& list, int idx)
 {
@@ -99,6 +76,18 @@ QString attributeValueOf(const Params& params, const QString& name)
     return found == params.end() ? QString() : found->second.mid(attributeName(found->second).size() + 1);
 }
 
+// What would end a line, and begin others, stands in none.
+bool isLine(const char* function, const QString& name, const QString& value)
+{
+    const QString line = name + value;
+    const bool bEnds
+        = line.contains(QLatin1Char('\r')) || line.contains(QLatin1Char('\n')) || line.contains(QChar(0));
+    if (bEnds)
+        NUVIKA_WARNING(
+            lcMedia, "SDP::%s() : Param could not be changed because it holds a CR, LF or NUL", function);
+    return !bEnds;
+}
+
 template <class Params>
 bool setParam(Params& params, const QString& name, const QString& oldValue, const QString& newValue)
 {
@@ -129,48 +118,6 @@ void forEachType(const char* types, Write write)
         write(QString(QLatin1Char(*types)));
 }
 } // namespace
-
-// --- parsing and the cache -----------------------------------------------------------------------------
-
-SDP SDP::fromSDPString(const QString& text)
-{
-    const Nuvika::MutexGuard lock(s_mutexCache);
-    const quint64 now = nowMs();
-    const auto cached = s_sdpCache.constFind(text);
-    if (cached != s_sdpCache.constEnd()) {
-        (*cached)->m_nLastUsed = now;
-        return **cached;
-    }
-    SDP sdp;
-    Parser(&sdp).parse(text);
-    sdp.m_bValid = true;
-    sdp.m_nLastUsed = now;
-    cleanCache();
-    s_sdpCache.insert(text, std::make_unique<SDP>(sdp).release());
-    return sdp;
-}
-
-void SDP::cleanCache()
-{
-    if (s_sdpCache.size() <= kCacheLimit)
-        return;
-    const quint64 now = nowMs();
-    if (s_lastCacheCheck == 0)
-        s_lastCacheCheck = now;
-    if (s_lastCacheCheck - now <= kCacheIdleMs) // in this order, unsigned: time that went on is always more
-        return;
-    s_lastCacheCheck = now;
-    for (auto entry = s_sdpCache.begin(); entry != s_sdpCache.end();) {
-        if (now - (*entry)->m_nLastUsed > kCacheIdleMs) {
-            delete *entry;
-            entry = s_sdpCache.erase(entry);
-        } else {
-            ++entry;
-        }
-    }
-}
-
-void SDP::reuse() { m_nLastUsed = nowMs(); }
 
 void SDP::appendSessionParam(Param&& param) { m_sessionParams.append(std::move(param)); }
 
@@ -244,6 +191,8 @@ QString SDP::getMediaAttributeValue(int idx, const QString& name) const
 
 bool SDP::setSessionParam(const QString& name, const QString& oldValue, const QString& newValue)
 {
+    if (!isLine("setSessionParam", name, newValue))
+        return false;
     if (setParam(m_sessionParams, name, oldValue, newValue))
         return true;
     NUVIKA_WARNING(lcMedia,
@@ -257,6 +206,8 @@ bool SDP::setTimeParam(int idx, const QString& name, const QString& oldValue, co
 {
     if (!isIndex(m_timeDescs, idx))
         return false;
+    if (!isLine("setTimeParam", name, newValue))
+        return false;
     if (setParam(m_timeDescs[idx], name, oldValue, newValue))
         return true;
     NUVIKA_WARNING(lcMedia,
@@ -269,6 +220,8 @@ bool SDP::setTimeParam(int idx, const QString& name, const QString& oldValue, co
 bool SDP::setMediaParam(int idx, const QString& name, const QString& oldValue, const QString& newValue)
 {
     if (!isIndex(m_mediaDescs, idx))
+        return false;
+    if (!isLine("setMediaParam", name, newValue))
         return false;
     if (setParam(m_mediaDescs[idx], name, oldValue, newValue))
         return true;
@@ -354,7 +307,7 @@ bool SDP::replaceMediaAttribute(int idx, const QString& name, const QString& val
         return false;
     ParamList& params = m_mediaDescs[idx];
     const auto found = findAttribute(params, name);
-    if (found == params.end())
+    if (found == params.end() || !isLine("replaceMediaAttribute", name, value))
         return false;
     found->second = name + QLatin1Char(':') + value;
     return true;

@@ -16,8 +16,11 @@
 /// c b z k a t r, then drops without a message every line that breaks the order rules. So a session section
 /// with a z, k or a line loses its t and r lines.
 ///
-/// A finished parse is kept in a process-wide cache under its exact text, for at least 20 seconds: who feeds
-/// texts of strangers bounds their size.
+/// A finished parse is kept in a process-wide cache under its exact text. Beyond 10,000 of them, those that
+/// were not asked for in 20 seconds are forgotten; beyond 64 MiB the longest unused ones at once, and what is
+/// larger than that is not kept at all.
+///
+/// A line holds no CR, LF or NUL: what has one is refused by everything that changes lines, with a warning.
 ///
 /// Indexes count from 0. Getters give an empty list or string for an index out of range; what cannot be
 /// changed or removed returns false, most with a warning.
@@ -78,13 +81,17 @@ private:
 
     class Parser;
     struct CacheOwner;
+    struct CacheEntry;
 
     void addToSdp(QString& out, const QString& type) const;
     void addTimeToSdp(QString& out, const QString& type, int idx) const;
     void addMediaToSdp(QString& out, const QString& type, int idx) const;
     void appendSessionParam(Param&& param);
     void appendMediaParam(Param&& param);
-    static void cleanCache();
+    qint64 bytes() const;
+    static void keep(const QString& text, const SDP& sdp);
+    static void forgetIdle();
+    static void forgetOldest();
 
     QVector<ParamList> m_timeDescs;
     QVector<ParamList> m_mediaDescs;

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
@@ -18,11 +19,22 @@ constexpr int kBlock = 16; // of the cipher
 constexpr int kWord = 4;
 constexpr int kIvSize = 16;
 
-struct CipherSpace {
-    unsigned char* data;
+struct CipherSpace { // its name and size() stand in the texts of assertions
     int length;
     int size() const { return length; }
 };
+
+// Room for so many bytes, in memory that stays with the array; null when there is none.
+unsigned char* makeRoom(QByteArray* bytes, int size)
+{
+    try {
+        bytes->reserve(size);
+        bytes->resize(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    return reinterpret_cast<unsigned char*>(bytes->data());
+}
 } // namespace
 
 // --- the key ---------------------------------------------------------------------------------------------
@@ -81,7 +93,11 @@ QByteArray AesTokenWriter::encrypt(const char* data, int size)
     std::memcpy(out, m_counter.data(), kIvSize);
     out += kIvSize;
     const auto headSize = static_cast<int>(out + kWord - head.data());
-    QByteArray token(headSize + size + 3 * kBlock, Qt::Uninitialized);
+    const CipherSpace baEnc{size + 3 * kBlock};
+    QByteArray token;
+    unsigned char* space = makeRoom(&token, headSize + baEnc.size());
+    if (space == nullptr)
+        return failed(m_kind.encryptUpdateFailed);
 
     // The key's schedule is kept: after the first token only the IV changes.
     const EVP_CIPHER* cipher = m_bKeyed ? nullptr : aesCipher();
@@ -89,15 +105,15 @@ QByteArray AesTokenWriter::encrypt(const char* data, int size)
     if (EVP_EncryptInit_ex(m_context.get(), cipher, nullptr, key, m_counter.data()) != 1)
         return failed(m_kind.encryptInitFailed);
     m_bKeyed = true;
-    const CipherSpace baEnc{reinterpret_cast<unsigned char*>(token.data()) + headSize, size + 3 * kBlock};
     const auto* plain = reinterpret_cast<const unsigned char*>(data);
+    unsigned char* cipherText = space + headSize;
     int updated = 0;
     int finished = 0;
-    if (EVP_EncryptUpdate(m_context.get(), baEnc.data, &updated, plain, size) != 1) {
+    if (EVP_EncryptUpdate(m_context.get(), cipherText, &updated, plain, size) != 1) {
         m_context.reset();
         return failed(m_kind.encryptUpdateFailed);
     }
-    if (EVP_EncryptFinal_ex(m_context.get(), baEnc.data + updated, &finished) != 1) {
+    if (EVP_EncryptFinal_ex(m_context.get(), cipherText + updated, &finished) != 1) {
         m_context.reset();
         return failed(m_kind.encryptFinalFailed);
     }
@@ -106,7 +122,7 @@ QByteArray AesTokenWriter::encrypt(const char* data, int size)
     if (nBytesEncrypted == 0)
         return QByteArray();
     put(static_cast<quint32>(nBytesEncrypted));
-    std::memcpy(token.data(), head.data(), static_cast<std::size_t>(headSize));
+    std::memcpy(space, head.data(), static_cast<std::size_t>(headSize));
     token.resize(headSize + nBytesEncrypted);
     return token;
 }
@@ -188,32 +204,33 @@ bool AesTokenReader::initialise(const Parts& parts)
     return true;
 }
 
-QByteArray AesTokenReader::finish(const Parts& parts)
+bool AesTokenReader::finish(const Parts& parts, QByteArray* plain)
 {
-    QByteArray baDec(parts.nCipherSize + 3 * kBlock, Qt::Uninitialized);
-    auto* out = reinterpret_cast<unsigned char*>(baDec.data());
+    const CipherSpace baDec{parts.nCipherSize + 3 * kBlock};
     int updated = 0;
     int finished = 0;
     const char* failure = nullptr;
-    if (EVP_DecryptUpdate(m_context.get(), out, &updated, parts.cipherText, parts.nCipherSize) != 1)
+    unsigned char* out = makeRoom(plain, baDec.size());
+    if (out == nullptr
+        || EVP_DecryptUpdate(m_context.get(), out, &updated, parts.cipherText, parts.nCipherSize) != 1)
         failure = m_kind.decryptUpdateFailed;
     else if (EVP_DecryptFinal_ex(m_context.get(), out + updated, &finished) != 1)
         failure = m_kind.decryptFinalFailed;
     if (failure != nullptr) {
         m_context.reset();
+        plain->resize(0);
         NUVIKA_WARNING(lcMsg, "%s", failure);
-        return QByteArray();
+        return false;
     }
     const int nBytesDecrypted = updated + finished;
     NUVIKA_ASSERT(nBytesDecrypted <= baDec.size());
-    baDec.resize(nBytesDecrypted);
-    return baDec;
+    plain->resize(nBytesDecrypted);
+    return true;
 }
 
-QByteArray AesTokenReader::decrypt(const char* token, int size)
+bool AesTokenReader::decrypt(const char* token, int size, QByteArray* plain)
 {
     Parts parts{};
-    if (!parse(token, size, &parts) || !initialise(parts))
-        return QByteArray();
-    return finish(parts);
+    plain->resize(0);
+    return parse(token, size, &parts) && initialise(parts) && finish(parts, plain);
 }

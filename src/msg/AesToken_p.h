@@ -93,15 +93,16 @@ class AesTokenReader
 public:
     explicit AesTokenReader(const TokenKind& kind);
 
-    // Empty behind a record when it cannot be read.
-    QByteArray decrypt(const char* token, int size);
+    // Into \a plain, whose memory is used again; false, with nothing in it, behind a record when it cannot be
+    // read.
+    bool decrypt(const char* token, int size, QByteArray* plain);
 
 private:
     struct Parts;
 
     bool parse(const char* token, int size, Parts* parts) const;
     bool initialise(const Parts& parts);
-    QByteArray finish(const Parts& parts);
+    bool finish(const Parts& parts, QByteArray* plain);
 
     const TokenKind& m_kind;
     TokenKey m_key;

@@ -4,16 +4,17 @@
 #include "msg/BufferSocketCrypto_p.h"
 #include "msg/CommandExtractor_p.h"
 #include "msg/Frame_p.h"
+#include "net/PendingInput_p.h"
 
 #include <QtCore/QtEndian>
 
-#include <optional>
 #include <utility>
+
+using namespace Nuvika;
 
 namespace
 {
 constexpr int kMessageTooLong = 10040;
-constexpr int kSideInputLimit = 1 << 20; // bytes that wait for a handler; more stay in the system
 
 NuvikaTcpSocket::LOAD_PROFILE profileOf(int loadProfile)
 {
@@ -25,32 +26,48 @@ NuvikaTcpSocket::LOAD_PROFILE profileOf(int loadProfile)
 
 // Outlives the socket when a handler deletes it, and its storage when a handler closes it.
 struct BufferSocketBase::Delivery {
-    bool bGone = false; // the socket has been destroyed
+    bool bOver = false; // the socket has been closed or destroyed
     CommandExtractor::Storage pKept; // what the handler on the stack reads
-    QByteArray sideInput; // received while a handler ran
-    bool bStalled = false; // by us, because that became too much
-    std::optional<int> end; // the connection's end meanwhile: an error code, 0 for none
+};
+
+class BufferSocketBase::Input final : public InputReader
+{
+public:
+    explicit Input(BufferSocketBase& socket) : m_socket(socket) { }
+
+    int readInput(const char* data, int size) override { return m_socket.readInput(data, size); }
+    void readEnd(int code) override { m_socket.readEnd(code); }
+    void stallSource(bool bStall) override
+    {
+        if (bStall)
+            m_socket.m_socket.stallRecv();
+        else
+            m_socket.m_socket.resumeRecv();
+    }
+
+    PendingInput pending{*this};
+    Delivery* pDelivery = nullptr;
+
+private:
+    BufferSocketBase& m_socket;
 };
 
 BufferSocketBase::BufferSocketBase(bool bEncrypted, QObject* parent)
-    : QObject(parent), m_pExtractor(std::make_unique<CommandExtractor>()), m_bEncrypted(bEncrypted)
+    : QObject(parent), m_pExtractor(std::make_unique<CommandExtractor>()), m_bEncrypted(bEncrypted),
+      m_pInput(std::make_unique<Input>(*this))
 {
     connectSocket();
 }
 
 BufferSocketBase::BufferSocketBase(bool bEncrypted, int loadProfile, QObject* parent)
     : QObject(parent), m_pExtractor(std::make_unique<CommandExtractor>()),
-      m_socket(profileOf(loadProfile), profileOf(loadProfile)), m_bEncrypted(bEncrypted)
+      m_socket(profileOf(loadProfile), profileOf(loadProfile)), m_bEncrypted(bEncrypted),
+      m_pInput(std::make_unique<Input>(*this))
 {
     connectSocket();
 }
 
-BufferSocketBase::~BufferSocketBase()
-{
-    clearInput();
-    if (m_pDelivery != nullptr)
-        m_pDelivery->bGone = true;
-}
+BufferSocketBase::~BufferSocketBase() { clearInput(); }
 
 void BufferSocketBase::connectSocket()
 {
@@ -65,103 +82,72 @@ void BufferSocketBase::connectSocket()
 void BufferSocketBase::clearInput()
 {
     CommandExtractor::Storage storage = m_pExtractor->clear();
-    if (m_pDelivery == nullptr)
-        return;
-    if (storage)
-        m_pDelivery->pKept = std::move(storage);
-    m_pDelivery->sideInput.clear();
-    m_pDelivery->end.reset();
+    m_pInput->pending.reset();
+    if (Delivery* delivery = std::exchange(m_pInput->pDelivery, nullptr)) {
+        delivery->bOver = true;
+        delivery->pKept = std::move(storage);
+    }
 }
 
 void BufferSocketBase::dataReceived(const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed)
 {
-    if (m_pDelivery == nullptr) {
-        takeInput(data, size);
-        return;
-    }
-    m_pDelivery->sideInput.append(data, size);
-    if (m_pDelivery->sideInput.size() > kSideInputLimit) {
-        m_pDelivery->bStalled = true;
-        m_socket.stallRecv();
-    }
+    m_pInput->pending.received(data, size);
 }
 
-void BufferSocketBase::takeInput(const char* data, int size)
+int BufferSocketBase::readInput(const char* data, int size)
 {
     Delivery delivery;
-    m_pDelivery = &delivery;
-    QByteArray side;
-    while (size > 0) {
-        if (!m_pExtractor->feed(data, size)) {
-            NUVIKA_WARNING(lcMsg,
-                "BufferSocketBase::dataReceived(): Received tcp data token too long, aborting connection");
-            m_pDelivery = nullptr;
-            clearInput();
-            m_socket.errorClose(kMessageTooLong);
-            emit error(kMessageTooLong);
-            return;
-        }
-        if (!deliverCommands(delivery))
-            return;
-        if (std::exchange(delivery.bStalled, false) && !m_bStalled)
-            m_socket.resumeRecv();
-        side = std::exchange(delivery.sideInput, QByteArray());
-        data = side.constData();
-        size = side.size();
+    m_pInput->pDelivery = &delivery;
+    if (m_pExtractor->feed(data, size) && !deliverCommands(delivery))
+        return InputReader::kOver;
+    if (m_pExtractor->isOverfull()) {
+        refuseInput();
+        return InputReader::kOver;
     }
-    m_pDelivery = nullptr;
-    deliverEnd(delivery);
+    m_pInput->pDelivery = nullptr;
+    return size;
 }
 
-// False when a handler has destroyed the socket.
+// False when a handler has closed or destroyed the socket.
 bool BufferSocketBase::deliverCommands(Delivery& delivery)
 {
     CommandExtractor::Command command{};
+    QByteArray plain; // its memory serves all of a receive
     while (m_pExtractor->getFirstCommand(&command)) {
         if (command.bEncrypted) {
-            QByteArray plain;
             decrypt(command.pData, command.nSize, plain);
-            emit incomingBuffer(plain.constData(), plain.size(), NuvikaTcpSocket::QueuedConnNotAllowed());
-        } else {
-            emit incomingBuffer(command.pData, command.nSize, NuvikaTcpSocket::QueuedConnNotAllowed());
+            command.pData = plain.constData();
+            command.nSize = plain.size();
         }
-        if (delivery.bGone)
+        emit incomingBuffer(command.pData, command.nSize, NuvikaTcpSocket::QueuedConnNotAllowed());
+        if (delivery.bOver)
             return false;
-        delivery.pKept.reset();
         m_pExtractor->removeFirstCommand();
     }
     return true;
 }
 
-// The last statement of its caller: a handler may delete the socket.
-void BufferSocketBase::deliverEnd(Delivery& delivery)
+void BufferSocketBase::refuseInput()
 {
-    if (!delivery.end)
-        return;
-    if (*delivery.end == 0)
-        slotDisconnected();
+    NUVIKA_WARNING(
+        lcMsg, "BufferSocketBase::dataReceived(): Received tcp data token too long, aborting connection");
+    clearInput();
+    m_socket.errorClose(kMessageTooLong);
+    emit error(kMessageTooLong);
+}
+
+void BufferSocketBase::slotDisconnected() { m_pInput->pending.ended(0); }
+
+void BufferSocketBase::slotError(int errorCode) { m_pInput->pending.ended(errorCode); }
+
+// Behind the messages before it.
+void BufferSocketBase::readEnd(int code)
+{
+    clearInput();
+    if (code == 0)
+        emit disconnected();
     else
-        slotError(*delivery.end);
-}
-
-void BufferSocketBase::slotDisconnected()
-{
-    if (m_pDelivery != nullptr) {
-        m_pDelivery->end = 0; // the messages before it come first
-        return;
-    }
-    clearInput();
-    emit disconnected();
-}
-
-void BufferSocketBase::slotError(int errorCode)
-{
-    if (m_pDelivery != nullptr) {
-        m_pDelivery->end = errorCode;
-        return;
-    }
-    clearInput();
-    emit error(errorCode);
+        emit error(code);
 }
 
 // --- crypto ----------------------------------------------------------------------------------------------
@@ -177,7 +163,7 @@ void BufferSocketBase::decrypt(const char* token, int size, QByteArray& plain)
 {
     if (!m_pDecrypter)
         m_pDecrypter = std::make_unique<BufferSocketDecrypter>();
-    plain = m_pDecrypter->decrypt(token, size);
+    m_pDecrypter->decrypt(token, size, &plain);
 }
 
 BufferSocketBase::Frame BufferSocketBase::frameOf(const char* data, int size)
@@ -221,14 +207,6 @@ QHostAddress BufferSocketBase::peerAddress() { return m_socket.peerAddress(); }
 unsigned short BufferSocketBase::peerPort() const { return m_socket.peerPort(); }
 QString BufferSocketBase::errorString() { return m_socket.errorString(); }
 
-void BufferSocketBase::stallRecv()
-{
-    m_bStalled = true;
-    m_socket.stallRecv();
-}
+void BufferSocketBase::stallRecv() { m_pInput->pending.setStalled(PendingInput::eByOwner, true); }
 
-void BufferSocketBase::resumeRecv()
-{
-    m_bStalled = false;
-    m_socket.resumeRecv();
-}
+void BufferSocketBase::resumeRecv() { m_pInput->pending.setStalled(PendingInput::eByOwner, false); }

@@ -83,11 +83,13 @@ private slots:
 
 private:
     struct Delivery; // the one on the stack, while a handler of incomingBuffer() runs
+    class Input; // what arrives while it runs
 
     void connectSocket();
-    void takeInput(const char* data, int size);
+    int readInput(const char* data, int size);
     bool deliverCommands(Delivery& delivery);
-    void deliverEnd(Delivery& delivery);
+    void readEnd(int code);
+    void refuseInput();
     void clearInput();
 
     std::unique_ptr<CommandExtractor> m_pExtractor;
@@ -99,6 +101,5 @@ protected:
 private:
     std::unique_ptr<BufferSocketEncrypter> m_pEncrypter; // made when first needed
     std::unique_ptr<BufferSocketDecrypter> m_pDecrypter;
-    Delivery* m_pDelivery = nullptr;
-    bool m_bStalled = false; // by the user
+    std::unique_ptr<Input> m_pInput;
 };

@@ -18,7 +18,8 @@ bool BufferSocketFixedFifo::canSend() const { return m_socket.canSend(); }
 
 bool BufferSocketFixedFifo::sendBuffer(const char* data, int size)
 {
-    if (size < 0 || !m_socket.canSend()) // asked first: a refused message need not be encrypted
+    // sendData() refuses as well, but a refused message need not be encrypted.
+    if (size < 0 || (m_bEncrypted && !m_socket.canSend()))
         return false;
     const Frame frame = frameOf(data, size);
     const KepNuvikaUtil::BUFFER ranges[]

@@ -2,8 +2,6 @@
 
 #include "core/Log_p.h"
 
-#include <QtCore/QtEndian>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -46,29 +44,12 @@ void CommandExtractor::shrink()
 bool CommandExtractor::feed(const char* data, int size)
 {
     NUVIKA_ASSERT(m_nFed == 0);
-    if (qint64(m_nSize) + size > kMaxCapacity)
+    m_bOverfull = qint64(m_nSize) + size > kMaxCapacity;
+    if (m_bOverfull)
         return false;
     m_pFed = data;
     m_nFed = size;
     return true;
-}
-
-CommandExtractor::Look CommandExtractor::lookAt(const char* data, int size, Command* command)
-{
-    if (size <= kHeadSize)
-        return eIncomplete;
-    const auto magic = qFromBigEndian<quint32>(data);
-    const auto length = qFromBigEndian<quint32>(data + 4);
-    *command = {data + kHeadSize, static_cast<int>(length), magic == kMagicCrypted};
-    if (magic != kMagicUncrypted && magic != kMagicCrypted) {
-        NUVIKA_WARNING(lcMsg, "BufferSocket: Invalid MAGIC_KEY");
-        return eInvalid;
-    }
-    if (length >= kMaxCommand) {
-        NUVIKA_WARNING(lcMsg, "BufferSocket: Invalid datagram size");
-        return eInvalid;
-    }
-    return static_cast<quint32>(size) < length + kHeadSize ? eIncomplete : eFrame;
 }
 
 // Moves what the held frame lacks behind it: the head and a byte first, which tell how much that is.
@@ -88,37 +69,36 @@ bool CommandExtractor::completeFrame()
     }
 }
 
-bool CommandExtractor::getFirstCommand(Command* command)
+// The first frame once more, where some of it is held, or none is whole.
+bool CommandExtractor::joinFirstCommand(Command* command)
 {
-    m_bHeld = m_nSize > 0;
-    if (m_bHeld && !completeFrame()) {
-        clear();
-        return false;
-    }
-    const char* data = m_bHeld ? m_pBuffer.get() : m_pFed;
-    const Look look = lookAt(data, m_bHeld ? m_nSize : m_nFed, command);
-    if (look == eFrame) {
+    const bool bHeld = m_nSize > 0;
+    bool bRoom = !bHeld || completeFrame();
+    const Look look = bHeld ? lookAt(m_pBuffer.get(), m_nSize, command) : lookAt(m_pFed, m_nFed, command);
+    if (bRoom && look == eFrame) {
         m_nFirstCmdSize = command->nSize;
-        m_bOutstanding = true;
+        m_outstanding = bHeld ? eHeld : eFed;
         return true;
     }
-    if (look == eInvalid || (m_nFed > 0 && !append(m_pFed, std::exchange(m_nFed, 0))))
+    if (look == eWrongMagic)
+        NUVIKA_WARNING(lcMsg, "BufferSocket: Invalid MAGIC_KEY");
+    if (look == eWrongLength)
+        NUVIKA_WARNING(lcMsg, "BufferSocket: Invalid datagram size");
+    if (bRoom && look == eIncomplete && m_nFed > 0)
+        bRoom = append(m_pFed, std::exchange(m_nFed, 0));
+    if (!bRoom || look != eIncomplete)
         clear();
+    m_bOverfull = !bRoom;
     return false;
 }
 
-void CommandExtractor::removeFirstCommand()
+void CommandExtractor::removeHeldCommand()
 {
-    if (!m_bOutstanding)
+    if (m_outstanding == eNone)
         return;
-    const int frame = m_nFirstCmdSize + kHeadSize;
-    m_bOutstanding = false;
-    if (!m_bHeld) {
-        m_pFed += frame;
-        m_nFed -= frame;
-        return;
-    }
+    m_outstanding = eNone;
     NUVIKA_ASSERT(m_nFirstCmdSize + 8 <= m_nSize);
+    const int frame = m_nFirstCmdSize + kHeadSize;
     m_nFirstCmdSize = 0;
     m_nSize -= frame; // the byte that made an empty frame visible may be left
     std::memmove(m_pBuffer.get(), m_pBuffer.get() + frame, static_cast<std::size_t>(m_nSize));
@@ -131,6 +111,7 @@ CommandExtractor::Storage CommandExtractor::clear()
     m_nSize = 0;
     m_nCapacity = 0;
     m_nFirstCmdSize = 0;
-    m_bOutstanding = false;
+    m_outstanding = eNone;
+    m_bOverfull = false;
     return std::exchange(m_pBuffer, nullptr);
 }

@@ -2,10 +2,11 @@
 //
 //     "FDTC" | length | message          "GEUD" | length | encryption token          integers big-endian
 //
-// Delivered frames are passed over by an offset, and what remains is moved to the front only when room is
-// needed: ten thousand small frames of one receive cost time linear in their bytes.
+// Frames are read where they were received; only one that comes in pieces is copied, once. So time is linear
+// in the bytes, however many frames a receive holds.
 #pragma once
 
+#include <QtCore/QtEndian>
 #include <QtCore/QtGlobal>
 
 #include <cstdlib>
@@ -35,8 +36,26 @@ public:
     bool feed(const char* data, int size);
     // The first frame's payload, which stays in place until removeFirstCommand(). A frame is seen only with a
     // byte behind its head. What is no frame discards everything, with a warning.
-    bool getFirstCommand(Command* command);
-    void removeFirstCommand();
+    bool getFirstCommand(Command* command)
+    {
+        if (m_nSize > 0 || lookAt(m_pFed, m_nFed, command) != eFrame)
+            return joinFirstCommand(command);
+        m_outstanding = eFed;
+        m_nFirstCmdSize = command->nSize;
+        return true;
+    }
+    void removeFirstCommand()
+    {
+        if (m_outstanding != eFed) {
+            removeHeldCommand();
+            return;
+        }
+        m_outstanding = eNone;
+        m_pFed += m_nFirstCmdSize + kHeadSize;
+        m_nFed -= m_nFirstCmdSize + kHeadSize;
+    }
+    // More came than may be held, or than there is memory for: the stream is lost.
+    bool isOverfull() const { return m_bOverfull; }
     // Empty, without storage; the caller decides how long that lives on.
     Storage clear();
 
@@ -46,9 +65,24 @@ private:
     static constexpr int kShrinkBelow = 0x800000;
     static constexpr int kShrunkCapacity = 0x1000000;
 
-    enum Look { eFrame, eIncomplete, eInvalid };
+    enum Look { eFrame, eIncomplete, eWrongMagic, eWrongLength };
+    enum Outstanding { eNone, eFed, eHeld }; // where the frame lies that has been handed out
 
-    static Look lookAt(const char* data, int size, Command* command);
+    static Look lookAt(const char* data, int size, Command* command)
+    {
+        if (size <= kHeadSize)
+            return eIncomplete;
+        const auto magic = qFromBigEndian<quint32>(data);
+        const auto length = qFromBigEndian<quint32>(data + 4);
+        *command = {data + kHeadSize, static_cast<int>(length), magic == kMagicCrypted};
+        if (magic != kMagicUncrypted && magic != kMagicCrypted)
+            return eWrongMagic;
+        if (length >= kMaxCommand)
+            return eWrongLength;
+        return static_cast<quint32>(size) < length + kHeadSize ? eIncomplete : eFrame;
+    }
+    bool joinFirstCommand(Command* command);
+    void removeHeldCommand();
     bool append(const char* data, int size);
     bool completeFrame();
     bool reallocate(int capacity);
@@ -60,6 +94,6 @@ private:
     int m_nCapacity = 0;
     int m_nFirstCmdSize = 0;
     Storage m_pBuffer;
-    bool m_bOutstanding = false; // a frame, which may be of length 0, has been handed out
-    bool m_bHeld = false; // and is held here
+    Outstanding m_outstanding = eNone;
+    bool m_bOverfull = false;
 };

@@ -19,7 +19,18 @@ class PwdDecrypter
 public:
     PwdDecrypter();
     // The plain bytes; empty on failure.
-    QByteArray decrypt(const QByteArray& token) { return m_reader.decrypt(token.constData(), token.size()); }
+    QByteArray decrypt(const QByteArray& token)
+    {
+        QByteArray plain;
+        m_reader.decrypt(token.constData(), token.size(), &plain);
+        return plain;
+    }
+    // The same, where an empty text is no failure.
+    bool canDecrypt(const QByteArray& token)
+    {
+        QByteArray plain;
+        return m_reader.decrypt(token.constData(), token.size(), &plain);
+    }
 
 private:
     Nuvika::AesTokenReader m_reader;

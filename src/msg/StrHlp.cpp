@@ -1,17 +1,20 @@
 #include <KepNuvikaUtil/StrHlp.h>
 
 #include "core/Log_p.h"
+#include "msg/MarkedString_p.h"
 #include "msg/PasswordEncryptionHelper_p.h"
 
 #include <QtCore/QDataStream>
-#include <QtCore/QtEndian>
 
 #include <algorithm>
+#include <vector>
+
+using namespace Nuvika;
 
 namespace
 {
 constexpr quint32 kMarker = 0xFFB0B80B;
-constexpr int kMarkerLength = 8; // characters
+constexpr int kMarkerLength = MarkedString::kMarkerLength;
 constexpr int kWrapperLength = 24; // marker, length and size of the token
 
 // A function, so that other static initialisers may use it.
@@ -22,25 +25,71 @@ const QString& marker()
 }
 [[maybe_unused]] const QString& s_madeAtLoad = marker();
 
-// The big-endian number in eight hex digits from there on; 0 when there are fewer.
-quint32 numberAt(const QStringRef& s, int from)
-{
-    const QByteArray bytes = QByteArray::fromHex(s.mid(from, 8).toLatin1());
-    return bytes.size() == 4 ? qFromBigEndian<quint32>(bytes.constData()) : 0;
-}
+void warnOfInvalidData() { NUVIKA_WARNING(lcMsg, "StrHlp::fromHex(): invalid input data"); }
 
-bool readToken(const QStringRef& s, QByteArray* token)
+// Replaces the marked strings of a text. A plain text is shorter than its wrapper: it is laid over the
+// wrapper's end and read on from there, so nothing behind it moves, and time stays linear.
+class MarkedText
 {
-    // The announced size first: what does not hold it is not decoded at all.
-    if (s.size() < kWrapperLength || numberAt(s, 2 * kMarkerLength) > static_cast<quint32>(s.size()) / 2)
-        return false;
-    const QByteArray bytes = QByteArray::fromHex(s.toLatin1());
-    QDataStream stream(bytes);
-    quint32 mark = 0;
-    quint32 length = 0;
-    stream >> mark >> length >> *token;
-    return stream.status() == QDataStream::Ok;
-}
+public:
+    explicit MarkedText(const QString& text) : m_text(text) { }
+
+    QString decoded(int next)
+    {
+        QString out;
+        for (; next >= 0; next = StrHlp::indexOfMk(m_text, m_at)) {
+            out += QStringRef(&m_text, m_at, next - m_at);
+            m_at = next;
+            if (!replaceMarked()) { // it stays, and the search goes on behind the marker
+                out += QStringRef(&m_text, m_at, kMarkerLength);
+                m_at += kMarkerLength;
+            }
+        }
+        return out + QStringRef(&m_text).mid(m_at);
+    }
+
+private:
+    bool replaceMarked()
+    {
+        const QStringView rest = QStringView(m_text).mid(m_at);
+        const int size = std::min(MarkedString(rest).length(), static_cast<int>(rest.size()));
+        QString plain;
+        const MarkedString::Result result
+            = size > 0 ? read(MarkedString(rest.left(size)), &plain) : MarkedString::eDamaged;
+        if (result == MarkedString::eDamaged)
+            warnOfInvalidData();
+        if (result != MarkedString::eRead)
+            return false;
+        forgetPlacesBefore(m_at + size);
+        m_at += size - plain.size();
+        m_text.replace(m_at, plain.size(), plain);
+        return true;
+    }
+
+    MarkedString::Result read(const MarkedString& marked, QString* plain)
+    {
+        forgetPlacesBefore(m_at);
+        if (!m_badPlaces.empty() && m_badPlaces.back() < m_at + marked.coverage())
+            return MarkedString::eDamaged;
+        int bad = -1;
+        const MarkedString::Result result = marked.read(m_decrypter, plain, &bad);
+        if (bad >= 0)
+            m_badPlaces.push_back(m_at + bad);
+        return result;
+    }
+
+    void forgetPlacesBefore(int place)
+    {
+        while (!m_badPlaces.empty() && m_badPlaces.back() < place)
+            m_badPlaces.pop_back();
+    }
+
+    QString m_text;
+    int m_at = 0; // what stands before has been copied
+    // Characters ahead that are known to be no digits, the nearest last: looked for once only.
+    std::vector<int> m_badPlaces;
+    PwdDecrypter m_decrypter;
+};
 } // namespace
 
 QString StrHlp::toHex(const QString& text)
@@ -62,41 +111,25 @@ QString StrHlp::fromHex(const QStringRef& s)
 {
     if (!hasMk(s))
         return s.toString();
-    QByteArray token;
-    if (!readToken(s, &token)) {
-        NUVIKA_WARNING(lcMsg, "StrHlp::fromHex(): invalid input data");
-        return QString();
+    PwdDecrypter decrypter;
+    QString plain;
+    int bad = -1;
+    switch (MarkedString(s).read(decrypter, &plain, &bad)) {
+    case MarkedString::eRead:
+        return plain;
+    case MarkedString::eNotRead:
+        return s.toString();
+    case MarkedString::eDamaged:
+        break;
     }
-    const QByteArray plain = PwdDecrypter().decrypt(token);
-    return plain.isEmpty() ? s.toString() : QString::fromUtf8(plain.constData(), plain.size());
+    warnOfInvalidData();
+    return QString();
 }
 
-// A plain text is shorter than its wrapper: it is laid over the wrapper's end and read on from there, so
-// nothing behind it moves, and time stays linear.
 QString StrHlp::fromHexAll(const QString& s)
 {
-    int from = indexOfMk(s, 0);
-    if (from < 0)
-        return s;
-    QString work = s;
-    QString out = s.left(from);
-    for (int next = from; next >= 0; next = indexOfMk(work, from)) {
-        out += QStringRef(&work, from, next - from);
-        from = next;
-        const int length = getLength(work, from);
-        if (length <= 0)
-            NUVIKA_WARNING(lcMsg, "StrHlp::fromHex(): invalid input data");
-        const QStringRef marked = QStringRef(&work).mid(from, length > 0 ? length : 0);
-        const QString plain = fromHex(marked);
-        if (!plain.isEmpty() && marked != plain) {
-            from += marked.size() - plain.size();
-            work.replace(from, plain.size(), plain);
-        } else { // stays, and the search goes on behind the marker
-            out += QStringRef(&work, from, kMarkerLength);
-            from += kMarkerLength;
-        }
-    }
-    return out + QStringRef(&work).mid(from);
+    const int first = indexOfMk(s, 0);
+    return first < 0 ? s : MarkedText(s).decoded(first);
 }
 
 bool StrHlp::hasMk(const QString& s) { return hasMk(QStringRef(&s)); }
@@ -134,9 +167,6 @@ int StrHlp::indexOfMk(const QString& s, int from)
     return -1;
 }
 
-int StrHlp::getLength(const QStringRef& s)
-{
-    return hasMk(s) ? static_cast<int>(numberAt(s, kMarkerLength)) : 0;
-}
+int StrHlp::getLength(const QStringRef& s) { return hasMk(s) ? MarkedString(s).length() : 0; }
 
 int StrHlp::getLength(const QString& s, int from) { return getLength(QStringRef(&s).mid(from)); }

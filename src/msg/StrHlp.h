@@ -20,15 +20,16 @@ class KEPNUVIKAUTIL_EXPORT StrHlp : public QObject
 {
     Q_OBJECT
 public:
-    /// Empty for an empty text; 24 characters around nothing, behind a record, when encryption fails.
+    /// What goes into a command line is escaped first: see CommandParsing.h. Empty for an empty text; 24 characters around nothing, behind a record, when encryption fails.
     static QString toHex(const QString& text);
     /// The text of a marked hex string. What has no marker, or gives an empty text, comes back unchanged;
-    /// what is marked and damaged gives an empty string, behind a warning. Digits behind the token are
-    /// ignored.
+    /// what is marked and damaged, a character among the digits included, gives an empty string, behind a
+    /// warning. What stands behind the token is ignored.
     static QString fromHex(const QString& s);
     static QString fromHex(const QStringRef& s);
     /// Replaces every marked hex string in the text. What cannot be read stays as it is, behind a warning. A
-    /// replacement that again makes a marked string is replaced, too.
+    /// replacement that again makes a marked string is replaced, too. Time is linear in the text, whatever it
+    /// holds.
     static QString fromHexAll(const QString& s);
     /// The text starts with the marker.
     static bool hasMk(const QString& s);

@@ -4,6 +4,8 @@
 
 #include "core/Log_p.h"
 
+#include <algorithm>
+
 namespace
 {
 // One walk over a text; the tokens go to a list.
@@ -148,7 +150,7 @@ private:
         m_nLength = 0;
     }
 
-    const QString& m_text;
+    const QString m_text; // shared, for it may be an element of the list
     QStringList* m_out;
     const QStringView m_separators;
     const bool m_bStrip;
@@ -170,29 +172,83 @@ void tokenise(const QString& text, QStringList* out, QStringView separators, boo
     }
 }
 
-// The pieces of a text that only its first separator splits: those behind the second are joined again.
-QStringList splitOnce(const QString& text, QChar separator, bool bDecodeMarked)
+// Nothing but separators divides such a text, and nothing in it changes.
+bool isPlain(const QString& text, bool bDecodeMarked)
 {
-    QStringList pieces;
-    tokenise(text, &pieces, QStringView(&separator, 1), true, bDecodeMarked);
-    if (pieces.size() <= 2)
-        return pieces;
-    const QString first = pieces.takeFirst();
-    return {first, pieces.join(separator)};
+    return !text.contains(QLatin1Char('"')) && !text.contains(QLatin1Char('\\'))
+        && !(bDecodeMarked && StrHlp::containsMk(text));
+}
+
+// The tokens of a plain text, read in place.
+template <class Take>
+void tokenisePlain(QStringView text, QChar separator, Take take)
+{
+    const QChar* at = text.begin();
+    while (at != text.end()) {
+        const QChar* const end = std::find(at, text.end(), separator);
+        if (end != at)
+            take(QStringView(at, end).trimmed());
+        at = end == text.end() ? end : end + 1;
+    }
+}
+
+// The pieces of a text that only its first separator splits: those behind the second are joined again.
+struct Split {
+    int count = 0;
+    QString first;
+    QString rest;
+
+    template <class Token>
+    void add(const Token& token, QChar separator)
+    {
+        const QString piece(token.data(), static_cast<int>(token.size()));
+        if (count == 0)
+            first = piece;
+        else if (count == 1)
+            rest = piece;
+        else
+            rest += separator + piece;
+        ++count;
+    }
+};
+
+Split splitPlain(QStringView text, QChar separator)
+{
+    Split split;
+    tokenisePlain(text, separator, [&](QStringView token) { split.add(token, separator); });
+    return split;
+}
+
+Split splitOnce(const QString& text, QChar separator, bool bDecodeMarked)
+{
+    if (isPlain(text, bDecodeMarked))
+        return splitPlain(text, separator);
+    QStringList tokens;
+    tokenise(text, &tokens, QStringView(&separator, 1), true, bDecodeMarked);
+    Split split;
+    for (const QString& token : qAsConst(tokens))
+        split.add(token, separator);
+    return split;
 }
 
 void parseParameters(
     const QString& text, bool bDecodeMarked, bool bLowerCase, QMap<QString, QVariant>* params)
 {
+    const auto insert = [&](const Split& pair) {
+        if (pair.count > 1)
+            params->insert(bLowerCase ? pair.first.toLower() : pair.first, pair.rest);
+        else if (pair.count == 1)
+            params->insert(pair.first, QVariant());
+    };
+    if (isPlain(text, bDecodeMarked)) {
+        tokenisePlain(
+            text, QLatin1Char(';'), [&](QStringView item) { insert(splitPlain(item, QLatin1Char('='))); });
+        return;
+    }
     QStringList items;
     tokenise(text, &items, QStringView(u";"), true, bDecodeMarked);
-    for (const QString& item : qAsConst(items)) {
-        const QStringList pair = splitOnce(item, QLatin1Char('='), bDecodeMarked);
-        if (pair.size() == 2)
-            params->insert(bLowerCase ? pair.at(0).toLower() : pair.at(0), pair.at(1));
-        else if (pair.size() == 1)
-            params->insert(pair.at(0), QVariant());
-    }
+    for (const QString& item : qAsConst(items))
+        insert(splitOnce(item, QLatin1Char('='), bDecodeMarked));
 }
 } // namespace
 
@@ -243,19 +299,17 @@ QString deEscapeString(const QString& text)
 
 bool parseCommand(const QString& text, QString& command, QMap<QString, QVariant>& params)
 {
-    command = QString();
+    const Split parts = splitOnce(text, QLatin1Char(':'), true); // first: the text may be one of the results
+    command = parts.count > 1 ? parts.first : QString();
     params.clear();
-    const QStringList parts = splitOnce(text, QLatin1Char(':'), true);
-    if (parts.size() == 2)
-        command = parts.at(0);
-    if (!parts.isEmpty())
-        parseParameters(parts.last(), true, true, &params);
+    parseParameters(parts.count > 1 ? parts.rest : parts.first, true, true, &params);
     return true;
 }
 
 bool parseDefinition(const QString& text, QMap<QString, QVariant>& params, bool bDecodeMarked)
 {
+    const QString definition = text; // shared, for it may be one of the parameters
     params.clear();
-    parseParameters(text, bDecodeMarked, false, &params);
+    parseParameters(definition, bDecodeMarked, false, &params);
     return true;
 }

@@ -1,6 +1,17 @@
 /// \file
-/// Command lines, `command:key=value;key="va;lue"`, and their parts. Double quotes and backslashes protect
-/// special characters; marked hex strings (StrHlp) stand for the passwords in them.
+/// Command lines, `command:key=value;key="\"va;lue\""`, and their parts. Double quotes and backslashes
+/// protect special characters; marked hex strings (StrHlp) stand for the passwords in them.
+///
+/// A line is split three times, at its colon, at semicolons and at equals signs, and each split decodes what
+/// is marked and takes one level of quotes and backslashes away. So a value that others have chosen, a
+/// password above all, goes through escapeString(value, ":;=") three times before it stands in a command
+/// line, twice before it stands in a definition, and before toHex() makes a marked string of it:
+///
+///     const auto guarded = [](const QString& s) { return escapeString(s, QStringLiteral(":;=")); };
+///     line = "login:user=viewer;password=" + StrHlp::toHex(guarded(guarded(guarded(password))));
+///
+/// Without that, the password `x;role=admin` sets a parameter `role`. White space at its ends is lost,
+/// whatever protects it.
 ///
 /// None of these functions fails: an unterminated quote or a trailing backslash just ends the text. Time is
 /// linear in the text. Threads: any.

@@ -74,6 +74,28 @@ TEST(MemBlockPoolMT, ServesManyThreads)
     EXPECT_EQ(faults, 0);
 }
 
+TEST(Pools, MayBeUsedByTheLogHandlerOfTheirRecords)
+{
+    static MemBlockPoolMT* s_blocks;
+    static SharedBufferPool* s_buffers;
+    MemBlockPoolMT blocks(32, 16);
+    s_blocks = &blocks;
+    s_buffers = new SharedBufferPool;
+    SharedPoolBuffer held = s_buffers->getBuffer();
+    s_buffers->release();
+    static int s_records = 0;
+    const QtMessageHandler before
+        = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {
+              ++s_records;
+              s_blocks->freeBuf(s_blocks->allocBuf());
+              s_buffers->getBuffer().setData("x", 1);
+          });
+    blocks.freeBuf(nullptr); // none was taken yet
+    s_buffers->release(); // twice
+    qInstallMessageHandler(before);
+    EXPECT_EQ(s_records, 2);
+}
+
 TEST(SharedBufferPool, RecyclesRecordsWithTheirMemory)
 {
     auto* pool = new SharedBufferPool;
@@ -86,6 +108,13 @@ TEST(SharedBufferPool, RecyclesRecordsWithTheirMemory)
         const SharedPoolBuffer& same = other;
         other = same;
         EXPECT_EQ(other.getBuffer(), data) << "handles share the bytes";
+        SharedPoolBuffer moved(std::move(other));
+        EXPECT_EQ(other.getBuffer(), nullptr) << "moved away"; // NOLINT(bugprone-use-after-move)
+        other = std::move(moved);
+        SharedPoolBuffer& itself = other;
+        other = std::move(itself);
+        EXPECT_EQ(other.getBuffer(), data);
+        EXPECT_EQ(moved.getBuffer(), nullptr); // NOLINT(bugprone-use-after-move)
     }
     const auto before = mallinfo2().uordblks;
     for (int i = 0; i < 1000; ++i) {

@@ -1,14 +1,20 @@
 #include "support/LogCapture.h"
+#include "support/MemoryLimit.h"
 
 #include <KepNuvikaUtil/DataStreamBuffer.h>
+#include <KepNuvikaUtil/MemBlockPool.h>
 #include <KepNuvikaUtil/VariableBuffer.h>
 #include <KepNuvikaUtil/VariableBufferArray.h>
 
 #include <QtCore/QDataStream>
 
+#include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
+#include <limits>
+#include <utility>
 
 namespace
 {
@@ -92,6 +98,94 @@ TEST(VariableBuffer, AppendsItsOwnBytesWhileGrowing)
     const VariableBuffer& same = buffer;
     buffer = same;
     EXPECT_EQ(buffer.getSize(), 15U);
+}
+
+TEST(VariableBuffer, ReplacesByItsOwnBytesWhileGrowing)
+{
+    struct Case {
+        const char *content, *before;
+        int from, count; // of the content, the replacement
+        const char* result;
+    };
+    for (const Case& c : {Case{"ab-cdef", "ab", 3, 4, "cdef-cdef"}, Case{"ab-cdef", "ef", 0, 5, "ab-cdab-cd"},
+             Case{"ab-cdef", "-", 1, 5, "abb-cdecdef"}, Case{"abcdef", "cd", 0, 6, "ababcdefef"}}) {
+        VariableBuffer buffer = bufferOf(c.content);
+        buffer.clearAndSqueeze(0); // the block is as large as its content: growing moves it
+        buffer.setData(c.content, static_cast<int>(qstrlen(c.content)));
+        buffer.replace(c.before, static_cast<int>(qstrlen(c.before)), buffer.constData() + c.from, c.count);
+        EXPECT_EQ(textOf(buffer), c.result) << c.content << ", " << c.before;
+    }
+}
+
+TEST(VariableBuffer, MovesTakeTheBlock)
+{
+    VariableBuffer from = bufferOf("payload");
+    const char* block = from.constData();
+    VariableBuffer moved(std::move(from));
+    EXPECT_EQ(moved.constData(), block);
+    VariableBuffer assigned = bufferOf("old");
+    assigned = std::move(moved);
+    EXPECT_EQ(assigned.constData(), block);
+    for (VariableBuffer* left : {&from, &moved}) { // NOLINT(bugprone-use-after-move): as just constructed
+        EXPECT_EQ(left->constData(), nullptr);
+        left->append("new", 3);
+        EXPECT_EQ(textOf(*left), "new");
+    }
+    VariableBuffer& same = assigned;
+    assigned = std::move(same);
+    EXPECT_EQ(textOf(assigned), "payload");
+    VariableBuffer aligned(64);
+    aligned = std::move(assigned);
+    EXPECT_EQ(textOf(aligned), "payload");
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(aligned.constData()) % 64, 0U) << "keeps its own alignment";
+}
+
+TEST(VariableBufferDeathTest, WhatCannotBeHadEndsTheProcessWithARecord)
+{
+    if (!MemoryLimit::kWorks)
+        GTEST_SKIP() << "sizes that the sanitizers do not take";
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct Case {
+        std::function<void()> ask;
+        const char* record;
+    };
+    const Case cases[] = {
+        {[] {
+             VariableBuffer buffer;
+             std::memcpy(buffer.getBuffer(0xFFFFFFF0), "ab", 2);
+             buffer.replace("ab", 2, std::string(1000, 'x').data(), 1000);
+         },
+            "VariableBuffer::getBuffer: out of memory: 4294968278 bytes"},
+        {[] {
+             VariableBuffer buffer, other;
+             buffer.getBuffer(0x80000001);
+             other.getBuffer(0x80000000);
+             buffer.append(other);
+         },
+            "VariableBuffer::getBuffer: out of memory: 4294967297 bytes"},
+        {[] {
+             const MemoryLimit limit;
+             VariableBuffer().getBuffer(100 << 20);
+         },
+            "VariableBuffer::getBuffer: out of memory: 104857632 bytes"},
+        {[] {
+             const MemoryLimit limit;
+             VariableBufferArray array(2000000000);
+         },
+            "VariableBufferArray::VariableBufferArray: out of memory: "},
+        {[] {
+             const MemoryLimit limit;
+             DataStreamBuffer device("", std::numeric_limits<int>::max(), true);
+         },
+            "DataStreamBuffer::DataStreamBuffer: out of memory: 2147483647 bytes"},
+        {[] {
+             const MemoryLimit limit;
+             MemBlockPool(1 << 20, 100).allocBuf();
+         },
+            "MemBlockPool::allocBuf: out of memory: 104857616 bytes"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EXIT(c.ask(), ::testing::KilledBySignal(SIGABRT), c.record);
 }
 
 TEST(VariableBuffer, StreamsRoundTripAndDistrustLengths)

@@ -25,6 +25,23 @@ Ranges combined(Ranges ranges)
 }
 } // namespace
 
+TEST(NTPTimestamp, IsReadInTheEraNearestToAKnownTime)
+{
+    const auto at
+        = [](const char* text) { return QDateTime::fromString(QLatin1String(text), Qt::ISODateWithMs); };
+    for (const char* text : {"1901-01-01T00:00:00.000Z", "2026-11-22T12:00:00.250Z",
+             "2036-02-07T06:28:15.999Z", "2036-02-07T06:28:16.000Z", "2040-02-29T23:59:59.001Z",
+             "2172-03-15T12:56:32.000Z", "2300-01-01T00:00:00.000Z"}) {
+        const QDateTime time = at(text);
+        const NTPTimestamp ntp = NTPTimestamp::fromDateTime(time);
+        for (const int years : {-60, -1, 0, 1, 60})
+            EXPECT_EQ(ntp.toDateTime(time.addYears(years)), time)
+                << text << " from " << years << " years away";
+    }
+    EXPECT_EQ(NTPTimestamp::fromDateTime(at("2040-01-01T00:00:00Z")).toDateTime(), at("1903-11-25T17:31:44Z"))
+        << "without a known time it is one of the first era";
+}
+
 TEST(NtpTimestamp, TruncatesInAndRoundsOut)
 {
     EXPECT_EQ(NTPTimestamp::fromMilliseconds(1500).toHostByteOrder(), 0x180000000U);

@@ -6,6 +6,7 @@
 #include <QtCore/QElapsedTimer>
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <thread>
 #include <vector>
 
@@ -119,6 +120,45 @@ TEST(Sdp, EditsLinesAndAttributes)
     EXPECT_TRUE(sdp.removeTimeDesc(0));
     EXPECT_TRUE(log.records().empty());
     EXPECT_EQ(SDP::fromSDPString(kSmall).toString(), kSmall) << "the cached description is untouched";
+}
+
+TEST(Sdp, RefusesWhatWouldEndALine)
+{
+    SDP sdp = SDP::fromSDPString(kSmall);
+    const QString before = sdp.toString();
+    const QString x = QStringLiteral("x");
+    const QString tool = QStringLiteral("tool");
+    for (const QString& end :
+        {QStringLiteral("\r\n"), QStringLiteral("\r"), QStringLiteral("\n"), QString(QChar(0))}) {
+        const QString bad = QStringLiteral("1") + end + QStringLiteral("m=audio 0 RTP/AVP 0");
+        LogCapture log;
+        EXPECT_FALSE(sdp.setSessionParam(a, QString(), bad));
+        EXPECT_FALSE(sdp.setSessionParam(a + end, QString(), x));
+        EXPECT_FALSE(sdp.setSessionParam(QStringLiteral("s"), x, bad));
+        EXPECT_FALSE(sdp.setTimeParam(0, QStringLiteral("r"), QString(), bad));
+        EXPECT_FALSE(sdp.setMediaParam(0, a, QString(), bad));
+        EXPECT_FALSE(sdp.setMediaAttribute(0, tool, bad));
+        EXPECT_FALSE(sdp.setMediaAttribute(0, tool + end, x));
+        EXPECT_FALSE(sdp.replaceMediaAttribute(0, QStringLiteral("rtpmap"), bad));
+        EXPECT_EQ(log.count("Param could not be changed because it holds a CR, LF or NUL", QtWarningMsg), 8);
+    }
+    EXPECT_EQ(sdp.toString(), before);
+}
+
+TEST(Sdp, TheCacheKeepsItsBoundInBytes)
+{
+    const auto inUse = [] { return qint64(mallinfo2().uordblks + mallinfo2().hblkhd); }; // 0 to a sanitizer
+    const qint64 before = inUse();
+    QString text = lines({"v=0", "o=-", "s=x"});
+    for (int i = 0; i < 2000; ++i)
+        text += QStringLiteral("a=line %1\n").arg(i);
+    for (int i = 0; i < 1000; ++i) // some 300 KB each
+        SDP::fromSDPString(text + QStringLiteral("a=%1\n").arg(i));
+    EXPECT_LT(inUse() - before, 100 << 20);
+    const QString huge = text + QString(40 << 20, QLatin1Char('x'));
+    EXPECT_EQ(SDP::fromSDPString(huge).getSessionParamValues(a).size(), 2000);
+    EXPECT_LT(inUse() - before - 2 * qint64(huge.capacity()), 100 << 20) << "too large to be kept";
+    EXPECT_EQ(SDP::fromSDPString(kSmall).toString(), kSmall);
 }
 
 TEST(Sdp, SaysWhatItCouldNotChange)

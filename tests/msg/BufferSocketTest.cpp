@@ -1,5 +1,6 @@
 #include "support/EventLoop.h"
 #include "support/LogCapture.h"
+#include "support/MemoryLimit.h"
 #include "support/RawPeer.h"
 #include "support/Seams.h"
 
@@ -7,9 +8,12 @@
 #include <KepNuvikaUtil/BufferSocketQueued.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
+#include "msg/BufferSocketCrypto_p.h"
+
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QtEndian>
 
+#include <cerrno>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
@@ -176,6 +180,44 @@ TEST(BufferSocket, TakesTheLargestMessageThereIs)
     EXPECT_EQ(c.got[0].size(), 104857599);
     EXPECT_EQ(c.got[1], QByteArray("small"));
     EXPECT_EQ(log.count("ASSERT"), 0);
+}
+
+TEST(BufferSocket, EndsTheConnectionWhenThereIsNoMemoryForAFrame)
+{
+    LogCapture log;
+    for (const QByteArray& first : {QByteArray(), frame("whole")}) { // alone, and behind one read in place
+        Connected<BufferSocketQueued> c(false);
+        seams::growing.arm(1, ENOMEM);
+        c.peer.write(first + frame("cut").left(10));
+        ASSERT_TRUE(waitFor([&] { return !c.errors.empty(); })) << "lost in silence, and out of step";
+        EXPECT_EQ(c.errors, std::vector<int>{10040});
+        EXPECT_TRUE(log.has("Received tcp data token too long, aborting connection", QtWarningMsg));
+        c.socket->close();
+        c.connectAgain();
+        c.peer.write(frame("again"));
+        ASSERT_TRUE(waitFor([&] { return !c.got.empty() && c.got.back() == "again"; }));
+    }
+}
+
+TEST(BufferSocket, ATokenWithoutMemoryIsARefusedOne)
+{
+    if (!MemoryLimit::kWorks)
+        GTEST_SKIP() << "the sanitizers take what they need";
+    BufferSocketEncrypter encrypter;
+    BufferSocketDecrypter decrypter;
+    QByteArray plain;
+    const QByteArray text(64 << 20, 't');
+    const QByteArray token = encrypter.encrypt(text.constData(), text.size());
+    LogCapture log;
+    {
+        const MemoryLimit limit;
+        EXPECT_TRUE(encrypter.encrypt(text.constData(), text.size()).isEmpty());
+        EXPECT_FALSE(decrypter.decrypt(token.constData(), token.size(), &plain));
+        EXPECT_TRUE(plain.isEmpty());
+    }
+    EXPECT_TRUE(log.has("BufferSocketEncrypter::encrypt(): EVP_EncryptUpdate failed", QtCriticalMsg));
+    EXPECT_TRUE(log.has("BufferSocketDecrypter::decrypt(): EVP_DecryptUpdate failed", QtWarningMsg));
+    EXPECT_TRUE(decrypter.decrypt(token.constData(), token.size(), &plain) && plain == text);
 }
 
 TEST(BufferSocket, SurvivesWhatItsHandlersDo)

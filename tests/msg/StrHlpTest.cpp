@@ -6,10 +6,10 @@
 
 #include "msg/CryptoUtil_p.h"
 
-#include <QtCore/QElapsedTimer>
-
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
+#include <vector>
 
 namespace
 {
@@ -21,15 +21,19 @@ QString withDigits(QString text, int at, const char* digits)
 {
     return text.replace(at, 8, QLatin1String(digits));
 }
+// A leading U+FEFF included, which Qt takes away.
+QString utf8(const char* text) { return QString::fromUtf8(QByteArray("x") + text).mid(1); }
+
+QString hexNumber(int value) { return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0')); }
 } // namespace
 
 TEST(StrHlp, EncodesAndDecodes)
 {
     EXPECT_EQ(StrHlp::toHex(QString()), QString());
     EXPECT_EQ(StrHlp::fromHex(QString()), QString());
-    for (const char* text :
-        {"abc", "a", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x94\x91", "with;=:\"\\", "0123456789abcdef"}) {
-        const QString plain = QString::fromUtf8(text);
+    for (const char* text : {"abc", "a", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x94\x91", "with;=:\"\\",
+             "0123456789abcdef", "\xEF\xBB\xBF", "\xEF\xBB\xBFmarked", "\xEF\xBB\xBF\xEF\xBB\xBF twice"}) {
+        const QString plain = utf8(text);
         const QString hex = StrHlp::toHex(plain);
         EXPECT_TRUE(hex.startsWith(kMarker)) << "in lower case";
         EXPECT_EQ(hex.mid(8, 8).toInt(nullptr, 16), hex.size());
@@ -38,7 +42,8 @@ TEST(StrHlp, EncodesAndDecodes)
         EXPECT_EQ(hex.mid(24, 16), QStringLiteral("fffeefef00000010"));
         EXPECT_EQ(StrHlp::fromHex(hex), plain);
         EXPECT_EQ(StrHlp::fromHex(hex.toUpper()), plain);
-        EXPECT_EQ(StrHlp::fromHex(hex + QStringLiteral("0123")), plain) << "digits behind are ignored";
+        for (const char* behind : {"0123", "0", "fff", " tail", "\n"})
+            EXPECT_EQ(StrHlp::fromHex(hex + QLatin1String(behind)), plain) << "what stands behind is ignored";
         EXPECT_NE(StrHlp::toHex(plain), hex) << "never twice the same";
     }
     EXPECT_EQ(StrHlp::fromHex(QStringLiteral("plain")), QStringLiteral("plain"));
@@ -117,21 +122,64 @@ TEST(StrHlp, LeavesWhatIsDamagedAndEnds)
     EXPECT_TRUE(log.has("PwdDecrypter::decrypt(): invalid input data, key size mismatch", QtWarningMsg));
 }
 
-TEST(StrHlp, StaysLinear)
+TEST(StrHlp, ReadsLongTextsAndASizeThatStandsForNone)
 {
-    const QString one = StrHlp::toHex(QStringLiteral("x"));
-    QString many;
-    QString bad;
-    for (int i = 0; i < 20000; ++i) {
-        many += one + QLatin1Char(' ');
-        bad += withDigits(one, 16, "00ffffff") + QLatin1Char(' ');
+    for (const int size : {8, 12, 13, 28, 29, 32, 33, 45, 61, 4096, 100000}) {
+        QString plain(size, QLatin1Char('p'));
+        plain += QChar(0xFEFF);
+        const QString hex = StrHlp::toHex(plain);
+        EXPECT_EQ(StrHlp::fromHex(hex), plain) << size;
+        EXPECT_EQ(StrHlp::fromHexAll(QStringLiteral("<") + hex + QStringLiteral(">")),
+            QStringLiteral("<") + plain + QStringLiteral(">"));
     }
-    QElapsedTimer time;
-    time.start();
-    EXPECT_EQ(StrHlp::fromHexAll(many).size(), 40000);
     LogCapture log;
-    EXPECT_EQ(StrHlp::fromHexAll(bad), bad);
-    EXPECT_LT(time.elapsed(), 20000);
+    const QString null = withDigits(StrHlp::toHex(QStringLiteral("abc")), 16, "ffffffff");
+    EXPECT_EQ(StrHlp::fromHex(null), null);
+    EXPECT_TRUE(log.has("PwdDecrypter::decrypt(): invalid input data", QtWarningMsg));
+}
+
+// Marked strings of a stranger that overlap: each covers all that follows.
+TEST(StrHlp, LooksAtEachCharacterAFewTimesOnly)
+{
+    const QString good = StrHlp::toHex(QString(300, QLatin1Char('x')));
+    const QString end = good.right(64); // a last block whose padding is right, and the one before it
+    const QString iv = good.mid(40, 32);
+    struct Hostile {
+        const char* name;
+        std::function<QString(int left)> unit; // to stand before so many like it
+        QString tail;
+    };
+    const auto whole = [&](int left) { // 96 characters, 48 bytes, behind which cipher text is left
+        const int cipher = 48 * (left - 1) + 32;
+        return kMarker + QStringLiteral("7fffffff") + hexNumber(cipher + 28 + 8)
+            + QStringLiteral("fffeefef00000010") + iv + hexNumber(cipher)
+            + QStringLiteral("ffffffffffffffff");
+    };
+    const std::vector<Hostile> texts = {
+        {"short tokens", [](int) { return kMarker + QStringLiteral("7fffffff00000001"); }, QString()},
+        {"long tokens of nothing",
+            [](int left) { return kMarker + QStringLiteral("7fffffff") + hexNumber(12 * (left - 1)); },
+            QString()},
+        {"tokens with a wrong end", [&](int left) { return whole(left); }, QString(64, QLatin1Char('0'))},
+        {"tokens with a good end", [&](int left) { return whole(left); }, end},
+        {"tokens with a good end and no digit before it",
+            [&](int left) { return left == 1 ? whole(1).replace(90, 1, QLatin1Char('z')) : whole(left); },
+            end},
+        {"good ones", [&](int) { return good + QLatin1Char(' '); }, QString()},
+    };
+    const auto measure = [](const Hostile& hostile, int units) {
+        QString text;
+        for (int left = units; left > 0; --left)
+            text += hostile.unit(left);
+        text += hostile.tail;
+        LogCapture log;
+        seams::hexDigitsRead = 0;
+        StrHlp::fromHexAll(text);
+        EXPECT_LT(seams::hexDigitsRead, 10 * text.size()) << hostile.name;
+        return double(seams::hexDigitsRead);
+    };
+    for (const Hostile& hostile : texts)
+        EXPECT_NEAR(measure(hostile, 4000) / measure(hostile, 2000), 2.0, 0.2) << hostile.name;
 }
 
 TEST(StrHlp, ReportsWhatTheCryptoLibraryRefuses)

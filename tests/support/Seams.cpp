@@ -1,5 +1,7 @@
 #include "support/Seams.h"
 
+#include <QtCore/QStringView>
+
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -31,6 +33,8 @@ Fault receivingMany;
 Fault registering;
 Fault portCreation;
 Fault sendingRuns;
+Fault growing;
+std::atomic<long long> hexDigitsRead{0};
 
 Fault& crypto(const char* function)
 {
@@ -228,6 +232,19 @@ bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
 {
     return !seams::refuses(seams::threadCreation, "QThread::start", EAGAIN)
         && __real__ZN6Nuvika7Threads5startER7QThread(thread);
+}
+
+void* __real_realloc(void* block, size_t size);
+void* __wrap_realloc(void* block, size_t size)
+{
+    return seams::growing.fires() ? nullptr : __real_realloc(block, size);
+}
+
+int __real__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out); // Nuvika::decodeHex()
+int __wrap__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out)
+{
+    seams::hexDigitsRead += digits.size();
+    return __real__ZN6Nuvika9decodeHexE11QStringViewPc(digits, out);
 }
 
 #define NUVIKA_WRAP(function, error, parameters, arguments)                                                  \

@@ -70,6 +70,8 @@ struct Exempt {
     Exempt& operator=(const Exempt&) = delete;
 };
 
+extern Fault growing; // of blocks of memory
+extern std::atomic<long long> hexDigitsRead; // counted where texts are decoded
 // Steps of the crypto library, by the name of its function.
 Fault& crypto(const char* function);
 } // namespace seams

@@ -113,6 +113,83 @@ TEST(CommandParsing, ParsesDefinitions)
     EXPECT_EQ(params.value(q("password")), QVariant(q("p")));
 }
 
+TEST(CommandParsing, SplitsAsItsThreeStepsSay)
+{
+    const auto split = [](const QString& text, const char* separator) {
+        QStringList parts;
+        parseSubStrings(text, &parts, q(separator), true, true);
+        while (parts.size() > 2) {
+            const QString third = parts.takeAt(2);
+            parts[1] += q(separator) + third;
+        }
+        return parts;
+    };
+    std::mt19937 random(5);
+    for (int round = 0; round < 20000; ++round) {
+        QString text;
+        for (unsigned int i = random() % 24; i > 0; --i) // half of the texts without quotes and backslashes
+            text += QLatin1Char("aB :;==\t:;\"\\"[random() % (round % 2 == 0 ? 10 : 12)]);
+        const QStringList parts = split(text, ":");
+        QMap<QString, QVariant> expected;
+        QStringList items;
+        parseSubStrings(parts.isEmpty() ? QString() : parts.last(), &items, q(";"), true, true);
+        for (const QString& item : items) {
+            const QStringList pair = split(item, "=");
+            if (pair.size() == 2)
+                expected[pair[0].toLower()] = pair[1];
+            else if (pair.size() == 1)
+                expected[pair[0]] = QVariant();
+        }
+        QString command;
+        QMap<QString, QVariant> params;
+        parseCommand(text, command, params);
+        ASSERT_EQ(params, expected) << text.toStdString();
+        ASSERT_EQ(command, parts.size() == 2 ? parts[0] : QString()) << text.toStdString();
+    }
+}
+
+TEST(CommandParsing, ValuesThatWereEscapedForEachSplitComeBack)
+{
+    EXPECT_EQ(
+        parameters("command:key=value;other=\"\\\"va;lue\\\"\"").value(q("other")), QVariant(q("va;lue")));
+    const auto guarded = [](const QString& s) { return escapeString(s, QStringLiteral(":;=")); };
+    std::mt19937 random(6);
+    for (int round = 0; round < 3000; ++round) {
+        QString value = q(round == 0 ? "x;role=admin" : "x");
+        for (unsigned int i = random() % 12; i > 0; --i)
+            value += QLatin1Char("a \"\\\r\n\t;:="[random() % 10]);
+        value += QLatin1Char('x');
+        const QString twice = guarded(guarded(value));
+        const QString line = q("login:role=guest;password=");
+        for (const QString& text : {guarded(twice), StrHlp::toHex(guarded(twice))}) {
+            const auto params = parameters((line + text).toUtf8().constData());
+            ASSERT_EQ(params.value(q("password")), QVariant(value));
+            ASSERT_EQ(params.value(q("role")), QVariant(q("guest")));
+        }
+        QMap<QString, QVariant> params;
+        parseDefinition(q("a=1;password=") + twice, params, false);
+        ASSERT_EQ(params.value(q("password")), QVariant(value));
+    }
+}
+
+TEST(CommandParsing, TakesItsOwnResultsAsArguments)
+{
+    QStringList list{q("first"), q("a b c d e f g h i j k l m n o p q r s t u v w x y z")};
+    parseSubStrings(list.last(), &list, q(" "), true, true);
+    EXPECT_EQ(list.mid(2).join(QString()), q("abcdefghijklmnopqrstuvwxyz"));
+    QString text = q("set:name=Cam1");
+    QMap<QString, QVariant> params;
+    parseCommand(text, text, params);
+    EXPECT_EQ(text, q("set"));
+    EXPECT_EQ(params.value(q("name")), QVariant(q("Cam1")));
+    for (const bool bDefinition : {true, false}) {
+        params = {{q("go:a=1;b=2"), QVariant()}};
+        const QString& key = params.firstKey();
+        bDefinition ? parseDefinition(key, params, true) : parseCommand(key, text, params);
+        EXPECT_EQ(params.value(q("b")), QVariant(q("2")));
+    }
+}
+
 TEST(CommandParsing, TakesAMillionParametersInLinearTime)
 {
     const auto measure = [](int count) {
