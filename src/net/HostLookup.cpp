@@ -201,7 +201,8 @@ bool HostLookupManagerThread::startAndWait()
 void HostLookupManagerThread::run()
 {
     HostLookupManager manager;
-    NUVIKA_ASSERT(!s_pHlm); // nobody else writes it
+    if (isRunning())
+        nuvikaAssertPrint("!s_pHlm", baseName(__FILE__), __LINE__);
     {
         const MutexGuard lock(s_hlmMutex);
         s_pHlm = &manager;

@@ -10,7 +10,7 @@ SYSTEM = re.compile(r"<((?:sys|linux|net|netinet|arpa)/[\w/]+\.h|(?:netdb|pthrea
 # The rooms of the tool; its main stands above them.
 TOOL = os.path.join(TOP, "apps", "nuvika")
 TOOL_FLOOR = {"base": 1, "page": 2, "cameras": 2, "recording": 3, "simulation": 3, "commands": 4, ".": 5}
-ALLOWED = {"core": {"sys/uio.h"}, "net": {"sys/uio.h", "netinet/in.h", "sys/socket.h"}}
+ALLOWED = {"core": {"sys/uio.h"}, "net": {"sys/uio.h", "netinet/in.h", "sys/socket.h"}, "http": {"sys/uio.h"}}
 
 rooms, faults = {}, []
 for folder, _, files in os.walk(os.path.join(TOP, "src")):

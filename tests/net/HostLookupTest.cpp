@@ -11,6 +11,7 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace
@@ -114,6 +115,7 @@ struct LookingHandler {
     static inline std::vector<std::future<int>> s_lookups;
     static inline std::atomic<int> s_nRecords{0};
     static inline std::atomic<int> s_nBlocked{0};
+    static inline std::atomic<int> s_nRunning{0};
     static inline std::mutex s_mutex;
     QtMessageHandler previous;
 
@@ -125,6 +127,8 @@ struct LookingHandler {
     ~LookingHandler()
     {
         qInstallMessageHandler(previous);
+        while (s_nRunning > 0) // a worker may be here yet
+            std::this_thread::yield();
         s_lookups.clear();
     }
     static void handle(QtMsgType, const QMessageLogContext&, const QString& text)
@@ -133,12 +137,14 @@ struct LookingHandler {
         if (t_bInside || text.contains(QLatin1String("handler.test")))
             return;
         t_bInside = true;
+        ++s_nRunning;
         auto lookup = std::async(std::launch::async, [] { return lookUp("handler.test", *s_pReceiver); });
         ++s_nRecords;
         s_nBlocked += lookup.wait_for(std::chrono::seconds(2)) == std::future_status::ready ? 0 : 1;
         const std::lock_guard<std::mutex> lock(s_mutex);
         s_lookups.push_back(std::move(lookup));
         t_bInside = false;
+        --s_nRunning;
     }
 };
 } // namespace

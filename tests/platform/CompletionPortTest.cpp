@@ -2,8 +2,9 @@
 #include "platform/CompletionPort_p.h"
 #include "platform/Sockets_p.h"
 #include "support/EventLoop.h"
+#include "support/OwnThread.h"
 #include "support/RawPeer.h"
-#include "support/RefusedCalls.h"
+#include "support/Seams.h"
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QEventLoop>
@@ -251,7 +252,7 @@ TEST(CompletionPort, TransfersOfAChannelItCouldNotTakeCompleteWithTheCode)
     };
     for (const Case& c : {Case{"no port", seams::portCreation, EMFILE, 10024},
              Case{"no registration", seams::registering, ENOSPC, 10055}}) {
-        refused::Thread thread([&c] { // whose port is new
+        inOwnThread([&c] { // whose port is new
             c.fault.arm(1000, c.error);
             End end;
             end.bPosting = true;
@@ -270,8 +271,6 @@ TEST(CompletionPort, TransfersOfAChannelItCouldNotTakeCompleteWithTheCode)
             EXPECT_EQ(end.receives[0].bytes(), 5) << c.what;
             end.channel->close();
         });
-        thread.start();
-        thread.wait();
     }
 }
 
@@ -361,13 +360,7 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
         bool sendCompleted(Transfer&) override { return true; }
     };
     int done = 0;
-    class Thread : public QThread
-    {
-    public:
-        std::function<void()> body;
-        void run() override { body(); }
-    } thread;
-    thread.body = [&] {
+    inOwnThread([&] {
         Engine* engines[2];
         for (Engine*& engine : engines) {
             engine = new Engine;
@@ -382,16 +375,14 @@ TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)
         engines[0]->channel->close(); // waits for a loop that never runs
         EXPECT_EQ(done, 0);
         QObject::connect(
-            &thread, &QThread::finished, &thread,
+            QThread::currentThread(), &QThread::finished, QThread::currentThread(),
             [engine = engines[1], &done] {
                 EXPECT_EQ(done, 1);
                 engine->channel->close(); // the port has ended: at once
                 EXPECT_EQ(done, 2);
             },
             Qt::DirectConnection);
-    };
-    thread.start();
-    thread.wait();
+    });
     EXPECT_EQ(done, 2);
 }
 

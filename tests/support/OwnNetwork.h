@@ -1,11 +1,10 @@
 // A network of the test's own, with interfaces that the host does not have.
 #pragma once
 
-#include <QtCore/QThread>
+#include "support/OwnThread.h"
 
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <sched.h>
 #include <string>
 
@@ -14,7 +13,7 @@
 inline bool inOwnNetwork(const std::initializer_list<std::string>& ipArguments, std::function<void()> body)
 {
     bool bMade = false;
-    const std::unique_ptr<QThread> thread(QThread::create([&] {
+    inOwnThread([&] {
         const auto ip = [](const std::string& arguments) {
             return std::system(("ip " + arguments + " >/dev/null 2>&1").c_str()) == 0;
         };
@@ -23,9 +22,7 @@ inline bool inOwnNetwork(const std::initializer_list<std::string>& ipArguments, 
             bMade = bMade && ip(arguments);
         if (bMade)
             body();
-    }));
-    thread->start();
-    thread->wait();
+    });
     return bMade;
 }
 

@@ -5,10 +5,9 @@
 #include "platform/WorkerPool_p.h"
 #include "support/EventLoop.h"
 #include "support/LogCapture.h"
+#include "support/OwnThread.h"
 #include "support/RawPeer.h"
 #include "support/Seams.h"
-
-#include <QtCore/QThread>
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -20,16 +19,6 @@ struct Outcome {
     bool bTold; // by a result, a signal or the log
 };
 using Scenario = std::function<Outcome(const LogCapture& log)>;
-
-class Thread : public QThread
-{
-public:
-    explicit Thread(std::function<void()> body) : m_body(std::move(body)) { }
-    void run() override { m_body(); }
-
-private:
-    std::function<void()> m_body;
-};
 
 inline void endWorkers()
 {
@@ -47,22 +36,18 @@ inline void eachCall(const Scenario& scenario)
         endWorkers();
         const int descriptors = openDescriptors();
         const int threads = runningThreads();
-        {
-            Thread thread([&] {
-                const auto run = [&scenario] { return scenario(LogCapture()); };
-                seams::refuseNth(n);
-                const Outcome outcome = run();
-                const char* call = seams::refusedCall();
-                seams::refuseNth(0);
-                bRefused = call != nullptr;
-                const std::string where
-                    = bRefused ? "call " + std::to_string(n) + ", " + call : std::string("without a failure");
-                EXPECT_TRUE(outcome.bWorked || (bRefused && outcome.bTold)) << "nothing is told: " << where;
-                EXPECT_TRUE(run().bWorked) << "does not work again behind " << where;
-            });
-            thread.start();
-            thread.wait();
-        }
+        inOwnThread([&] {
+            const auto run = [&scenario] { return scenario(LogCapture()); };
+            seams::refuseNth(n);
+            const Outcome outcome = run();
+            const char* call = seams::refusedCall();
+            seams::refuseNth(0);
+            bRefused = call != nullptr;
+            const std::string where
+                = bRefused ? "call " + std::to_string(n) + ", " + call : std::string("without a failure");
+            EXPECT_TRUE(outcome.bWorked || (bRefused && outcome.bTold)) << "nothing is told: " << where;
+            EXPECT_TRUE(run().bWorked) << "does not work again behind " << where;
+        });
         endWorkers();
         EXPECT_TRUE(waitFor([&] { return openDescriptors() <= descriptors && runningThreads() <= threads; }))
             << "left over after call " << n << ": descriptors " << openDescriptors() - descriptors
