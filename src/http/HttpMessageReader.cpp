@@ -127,6 +127,7 @@ void HttpMessageReader::reset()
     m_lineEnd = LineEnd::Start;
     m_head.clear();
     m_line.clear();
+    m_multipart.reset(); // or it would claim the next body's bytes
     m_bPartsWait = false;
 }
 
