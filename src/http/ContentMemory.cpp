@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -15,17 +16,27 @@ constexpr std::size_t kAhead = 1 << 20; // of what has come, however long the co
 constexpr std::size_t kSpareSize = HttpLimits::kKeptContent; // of a block that the next content may have
 constexpr std::size_t kSpares = 16; // of a thread; of a block only what was written costs memory
 
-std::vector<std::unique_ptr<char[]>>& spares()
+std::vector<ContentBytes>& spares()
 {
-    thread_local std::vector<std::unique_ptr<char[]>> t_spares;
+    thread_local std::vector<ContentBytes> t_spares;
     return t_spares;
 }
 
-std::unique_ptr<char[]> takeSpare()
+// A large block grows by moving its pages, without a copy.
+ContentBytes resized(ContentBytes bytes, std::size_t size)
+{
+    auto* moved = static_cast<char*>(std::realloc(bytes.get(), size));
+    if (moved == nullptr)
+        throw std::bad_alloc();
+    bytes.release(); // NOLINT(bugprone-unused-return-value): realloc has freed it
+    return ContentBytes(moved);
+}
+
+ContentBytes takeSpare()
 {
     if (spares().empty())
-        return std::unique_ptr<char[]>(new char[kSpareSize]); // not initialised
-    std::unique_ptr<char[]> bytes = std::move(spares().back());
+        return resized(nullptr, kSpareSize);
+    ContentBytes bytes = std::move(spares().back());
     spares().pop_back();
     return bytes;
 }
@@ -47,12 +58,15 @@ void ContentMemory::reserve(std::size_t size)
     const std::size_t ahead = std::min(m_nExpected, m_nSize + kAhead);
     const std::size_t twice = m_nExpected > 0 ? std::min(2 * m_nCapacity, m_nExpected) : 2 * m_nCapacity;
     const std::size_t capacity = std::max({size, ahead, twice, kSpareSize});
-    std::unique_ptr<char[]> bytes
-        = capacity == kSpareSize ? takeSpare() : std::unique_ptr<char[]>(new char[capacity]);
-    if (m_nSize > 0)
-        std::memcpy(bytes.get(), m_pBytes.get(), m_nSize);
-    giveBack();
-    m_pBytes = std::move(bytes);
+    if (m_nCapacity > kSpareSize) {
+        m_pBytes = resized(std::move(m_pBytes), capacity);
+    } else {
+        ContentBytes bytes = capacity == kSpareSize ? takeSpare() : resized(nullptr, capacity);
+        if (m_nSize > 0)
+            std::memcpy(bytes.get(), m_pBytes.get(), m_nSize);
+        giveBack();
+        m_pBytes = std::move(bytes);
+    }
     m_nCapacity = capacity;
 }
 

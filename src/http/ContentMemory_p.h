@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <utility>
 
@@ -12,6 +13,11 @@
 
 namespace Nuvika
 {
+struct FreeContent {
+    void operator()(char* bytes) const { std::free(bytes); }
+};
+using ContentBytes = std::unique_ptr<char, FreeContent>; // not initialised
+
 class ContentMemory
 {
 public:
@@ -38,7 +44,7 @@ private:
     void reserve(std::size_t size);
     void giveBack();
 
-    std::unique_ptr<char[]> m_pBytes;
+    ContentBytes m_pBytes;
     std::size_t m_nCapacity = 0;
     std::size_t m_nSize = 0;
     std::size_t m_nExpected = 0;

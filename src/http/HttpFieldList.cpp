@@ -8,18 +8,6 @@ constexpr int kUsualFields = 16;
 constexpr int kSpareText = 4096; // replaced values stay in the text until they are that long and half of it
 } // namespace
 
-bool Nuvika::HttpFieldList::isNamed(const Field& field, QStringView key) const
-{
-    return field.name.nSize == key.size() && part(field.name).compare(key, Qt::CaseInsensitive) == 0;
-}
-
-int Nuvika::HttpFieldList::find(QStringView key, int from) const
-{
-    const auto found = std::find_if(m_fields.begin() + std::min(from, size()), m_fields.end(),
-        [&](const Field& field) { return isNamed(field, key); });
-    return found == m_fields.end() ? -1 : static_cast<int>(found - m_fields.begin());
-}
-
 void Nuvika::HttpFieldList::removeAll(QStringView key)
 {
     const QString kept = key.toString(); // it may be a part of this text

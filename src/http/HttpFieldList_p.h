@@ -19,7 +19,15 @@ public:
     QStringView name(int i) const { return part(m_fields[static_cast<std::size_t>(i)].name); }
     QStringView value(int i) const { return part(m_fields[static_cast<std::size_t>(i)].value); }
     // Index of the first field of that name from `from` on, without regard to case; -1 for none.
-    int find(QStringView key, int from = 0) const;
+    template <class Key>
+    int find(Key key, int from = 0) const
+    {
+        for (int i = from; i < size(); ++i) {
+            if (isNamed(m_fields[static_cast<std::size_t>(i)], key))
+                return i;
+        }
+        return -1;
+    }
 
     template <class Text>
     void append(Text name, Text value)
@@ -59,7 +67,11 @@ private:
     void append(QLatin1String text) { m_text.append(text); }
     void compact();
 
-    bool isNamed(const Field& field, QStringView key) const;
+    template <class Key>
+    bool isNamed(const Field& field, Key key) const
+    {
+        return field.name.nSize == key.size() && part(field.name).compare(key, Qt::CaseInsensitive) == 0;
+    }
 
     QString m_text;
     std::vector<Field> m_fields;

@@ -5,6 +5,9 @@
 #include "http/HttpHeader_p.h"
 #include "http/HttpStrict_p.h"
 
+#include <array>
+#include <charconv>
+
 using namespace Nuvika::HeadLines;
 
 namespace
@@ -29,6 +32,48 @@ bool parseVersion(View text, int* major, int* minor)
     *major = charAt(text, 5).digitValue();
     *minor = charAt(text, 7).digitValue();
     return true;
+}
+} // namespace
+
+// --- rendering -----------------------------------------------------------------------------------------
+
+namespace
+{
+const QLatin1String kLineEnd("\r\n");
+constexpr int kUsualLine = 24; // what a first line has beside its words, and the empty line
+
+int textSize(const Nuvika::HttpFieldList& fields)
+{
+    int size = 0;
+    for (int i = 0; i < fields.size(); ++i)
+        size += length(fields.name(i)) + length(fields.value(i)) + 4;
+    return size;
+}
+
+void appendFields(QString& text, const HttpHeaderPrivate& head)
+{
+    const Nuvika::HttpFieldList& fields = head.m_fields;
+    for (int i = 0; head.m_bValid && i < fields.size(); ++i) {
+        appendTo(text, fields.name(i));
+        text += QLatin1String(": ");
+        appendTo(text, fields.value(i));
+        text += kLineEnd;
+    }
+}
+
+void appendNumber(QString& text, int number)
+{
+    std::array<char, 12> digits;
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    text += QLatin1String(digits.data(), static_cast<int>(end - digits.data()));
+}
+
+void appendVersion(QString& text, int major, int minor)
+{
+    text += QLatin1String("HTTP/");
+    appendNumber(text, major);
+    text += QLatin1Char('.');
+    appendNumber(text, minor);
 }
 } // namespace
 
@@ -125,26 +170,16 @@ bool HttpHeader::parseLine(const QString& line, int /*number*/)
 
 QString HttpHeader::toString() const
 {
-    if (!isValid())
-        return QString();
-    const Nuvika::HttpFieldList& fields = d_ptr->m_fields;
-    int size = 0;
-    for (int i = 0; i < fields.size(); ++i)
-        size += length(fields.name(i)) + length(fields.value(i)) + 4;
     QString text;
-    text.reserve(size);
-    for (int i = 0; i < fields.size(); ++i) {
-        text.append(fields.name(i).data(), length(fields.name(i)));
-        text += QLatin1String(": ");
-        text.append(fields.value(i).data(), length(fields.value(i)));
-        text += QLatin1String("\r\n");
-    }
+    if (isValid())
+        text.reserve(textSize(d_ptr->m_fields));
+    appendFields(text, *d_ptr);
     return text;
 }
 
 void HttpHeader::setValue(const QString& key, const QString& value)
 {
-    const int i = d_ptr->m_fields.find(key);
+    const int i = d_ptr->m_fields.find(QStringView(key));
     if (i >= 0)
         d_ptr->m_fields.setValue(i, value);
     else
@@ -165,14 +200,14 @@ void HttpHeader::addValue(const QString& key, const QString& value)
 
 QString HttpHeader::value(const QString& key) const
 {
-    const int i = d_ptr->m_fields.find(key);
+    const int i = d_ptr->m_fields.find(QStringView(key));
     return i < 0 ? QString() : d_ptr->m_fields.value(i).toString();
 }
 
 QStringList HttpHeader::allValues(const QString& key) const
 {
     QStringList found;
-    for (int i = -1; (i = d_ptr->m_fields.find(key, i + 1)) >= 0;)
+    for (int i = -1; (i = d_ptr->m_fields.find(QStringView(key), i + 1)) >= 0;)
         found.append(d_ptr->m_fields.value(i).toString());
     return found;
 }
@@ -193,24 +228,24 @@ QStringList HttpHeader::keys() const
     return names;
 }
 
-bool HttpHeader::hasKey(const QString& key) const { return d_ptr->m_fields.find(key) >= 0; }
+bool HttpHeader::hasKey(const QString& key) const { return d_ptr->m_fields.find(QStringView(key)) >= 0; }
 
 void HttpHeader::removeValue(const QString& key)
 {
-    const int i = d_ptr->m_fields.find(key);
+    const int i = d_ptr->m_fields.find(QStringView(key));
     if (i >= 0)
         d_ptr->m_fields.removeAt(i);
 }
 
 void HttpHeader::removeAllValues(const QString& key) { d_ptr->m_fields.removeAll(key); }
 
-bool HttpHeader::hasContentLength() const { return hasKey(kContentLength); }
+bool HttpHeader::hasContentLength() const { return d_ptr->m_fields.find(kContentLength) >= 0; }
 
 unsigned int HttpHeader::contentLength() const { return value(kContentLength).toUInt(); }
 
 void HttpHeader::setContentLength(int len) { setValue(kContentLength, QString::number(len)); }
 
-bool HttpHeader::hasContentType() const { return hasKey(kContentType); }
+bool HttpHeader::hasContentType() const { return d_ptr->m_fields.find(kContentType) >= 0; }
 
 QString HttpHeader::contentType() const
 {
@@ -294,9 +329,18 @@ bool HttpRequestHeader::parseLine(const QString& line, int number)
 // Joined, not filled into a template: percent signs in a path stay what they are.
 QString HttpRequestHeader::toString() const
 {
-    return method() + QLatin1Char(' ') + path() + QLatin1String(" HTTP/") + QString::number(majorVersion())
-        + QLatin1Char('.') + QString::number(minorVersion()) + QLatin1String("\r\n") + HttpHeader::toString()
-        + QLatin1String("\r\n");
+    const HttpRequestHeaderPrivate& head = request(d_ptr);
+    QString text;
+    text.reserve(head.m_method.size() + head.m_path.size() + kUsualLine + textSize(head.m_fields));
+    text += head.m_method;
+    text += QLatin1Char(' ');
+    text += head.m_path;
+    text += QLatin1Char(' ');
+    appendVersion(text, head.m_nMajor, head.m_nMinor);
+    text += kLineEnd;
+    appendFields(text, head);
+    text += kLineEnd;
+    return text;
 }
 
 HttpRequestHeader HttpRequestHeader::fromBytes(const char* data, int size)
@@ -364,10 +408,18 @@ bool HttpResponseHeader::parseLine(const QString& line, int number)
 
 QString HttpResponseHeader::toString() const
 {
-    return QLatin1String("HTTP/") + QString::number(majorVersion()) + QLatin1Char('.')
-        + QString::number(minorVersion()) + QLatin1Char(' ') + QString::number(statusCode())
-        + QLatin1Char(' ') + reasonPhrase() + QLatin1String("\r\n") + HttpHeader::toString()
-        + QLatin1String("\r\n");
+    const HttpResponseHeaderPrivate& head = response(d_ptr);
+    QString text;
+    text.reserve(head.m_reason.size() + kUsualLine + textSize(head.m_fields));
+    appendVersion(text, head.m_nMajor, head.m_nMinor);
+    text += QLatin1Char(' ');
+    appendNumber(text, head.m_nStatus);
+    text += QLatin1Char(' ');
+    text += head.m_reason;
+    text += kLineEnd;
+    appendFields(text, head);
+    text += kLineEnd;
+    return text;
 }
 
 HttpResponseHeader HttpResponseHeader::fromBytes(const char* data, int size)

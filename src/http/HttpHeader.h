@@ -70,4 +70,7 @@ protected:
     bool parseBytes(const char* data, int size);
 
     std::unique_ptr<HttpHeaderPrivate> d_ptr;
+
+private:
+    friend class HttpHeaderPrivate;
 };

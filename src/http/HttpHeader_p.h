@@ -2,6 +2,8 @@
 // received bytes.
 #pragma once
 
+#include <KepNuvikaUtil/HttpHeader.h>
+
 #include "http/HttpFieldList_p.h"
 #include "http/HttpHeadLines_p.h"
 
@@ -13,6 +15,9 @@ class HttpHeaderPrivate
 {
 public:
     virtual ~HttpHeaderPrivate() = default;
+    // For the library's own reading, which needs no text of its own for a name or a value.
+    static const Nuvika::HttpFieldList& fieldsOf(const HttpHeader& header) { return header.d_ptr->m_fields; }
+
     // One logical line; number 0 is the first line of the head.
     virtual bool parseLine(QStringView line, int /*number*/) { return parseField(line); }
     virtual bool parseLine(QLatin1String line, int /*number*/) { return parseField(line); }

@@ -2,6 +2,7 @@
 
 #include <KepNuvikaUtil/HttpHeader.h>
 
+#include "http/HttpHeader_p.h"
 #include "http/HttpLimits_p.h"
 #include "http/HttpStrict_p.h"
 
@@ -17,9 +18,10 @@ namespace
 const QLatin1String kContentLength("content-length");
 const QLatin1String kTransferEncoding("transfer-encoding");
 const QLatin1String kConnection("connection");
+const QLatin1String kChunked("chunked");
 
 // Digits only, and 31 bits at most.
-bool parseLength(const QString& text, long long* length)
+bool parseLength(QStringView text, long long* length)
 {
     if (text.isEmpty())
         return false;
@@ -52,21 +54,39 @@ QByteArray boundaryOf(const QString& contentType)
     return text.toLatin1();
 }
 
-// The members of a field's comma-separated list, which may stand in several fields.
-QStringList listOf(const HttpHeader& header, const QString& key)
+// Calls visit(member) for each member of a field's comma-separated list, which may stand in several fields.
+template <class Visit>
+void forEachMember(const HttpHeader& header, QLatin1String key, Visit visit)
 {
-    QStringList members;
-    for (const QString& value : header.allValues(key)) {
-        for (const QString& member : value.split(QLatin1Char(',')))
-            members.append(member.trimmed());
+    const HttpFieldList& fields = HttpHeaderPrivate::fieldsOf(header);
+    for (int i = -1; (i = fields.find(key, i + 1)) >= 0;) {
+        const QStringView list = fields.value(i);
+        for (qsizetype from = 0; from <= list.size();) {
+            const qsizetype comma = list.indexOf(QLatin1Char(','), from);
+            const qsizetype end = comma < 0 ? list.size() : comma;
+            const QStringView member = list.mid(from, end - from).trimmed();
+            if (!member.isEmpty())
+                visit(member);
+            from = end + 1;
+        }
     }
-    members.removeAll(QString());
-    return members;
 }
 
-bool isChunked(const QString& coding)
+bool isWord(QStringView text, QLatin1String word) { return text.compare(word, Qt::CaseInsensitive) == 0; }
+
+struct Codings {
+    int nChunked = 0;
+    bool bLastIsChunked = false;
+};
+
+Codings codingsOf(const HttpHeader& header)
 {
-    return coding.compare(QLatin1String("chunked"), Qt::CaseInsensitive) == 0;
+    Codings codings;
+    forEachMember(header, kTransferEncoding, [&](QStringView coding) {
+        codings.bLastIsChunked = isWord(coding, kChunked);
+        codings.nChunked += codings.bLastIsChunked ? 1 : 0;
+    });
+    return codings;
 }
 } // namespace
 
@@ -74,18 +94,20 @@ HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
 {
     HttpBody body;
     body.kind = otherwise;
-    const QStringList lengths = header.allValues(kContentLength);
-    if (!lengths.isEmpty()) {
+    const HttpFieldList& fields = HttpHeaderPrivate::fieldsOf(header);
+    const int length = fields.find(kContentLength);
+    if (length >= 0) {
         body.kind = Length;
-        body.bInvalid = !parseLength(lengths.first(), &body.nLength)
-            || std::any_of(
-                lengths.begin(), lengths.end(), [&](const QString& l) { return l != lengths.first(); });
+        body.bInvalid = !parseLength(fields.value(length), &body.nLength);
+        for (int i = length; (i = fields.find(kContentLength, i + 1)) >= 0;)
+            body.bInvalid = body.bInvalid || fields.value(i) != fields.value(length);
     }
-    const bool bExact = header.value(kTransferEncoding) == QLatin1String("chunked");
-    const QStringList codings = lengths.isEmpty() ? listOf(header, kTransferEncoding) : QStringList();
-    if (lengths.isEmpty() ? !codings.isEmpty() && isChunked(codings.last()) : bExact) {
+    const int coding = fields.find(kTransferEncoding);
+    const bool bChunked
+        = coding >= 0 && (length >= 0 ? fields.value(coding) == kChunked : codingsOf(header).bLastIsChunked);
+    if (bChunked) {
         body.kind = Chunked;
-        body.bAmbiguous = !lengths.isEmpty();
+        body.bAmbiguous = length >= 0;
         body.bInvalid = false;
     }
     return body;
@@ -103,17 +125,22 @@ void HttpBody::detectMultipart(const HttpHeader& header)
 // Chunks framed twice, or in a coding that has no end, are framed for others than us.
 bool Nuvika::hasForeignCoding(const HttpHeader& header)
 {
-    const QStringList codings = listOf(header, kTransferEncoding);
-    const bool bOnce = std::count_if(codings.begin(), codings.end(), isChunked) == 1;
-    return header.hasKey(kTransferEncoding) && (!bOnce || !isChunked(codings.last()));
+    if (HttpHeaderPrivate::fieldsOf(header).find(kTransferEncoding) < 0)
+        return false;
+    const Codings codings = codingsOf(header);
+    return codings.nChunked != 1 || !codings.bLastIsChunked;
 }
 
 bool Nuvika::wantsClose(const HttpHeader& header)
 {
-    const QStringList options = listOf(header, kConnection);
-    if (options.contains(QLatin1String("close"), Qt::CaseInsensitive))
+    bool bClose = false;
+    bool bKeepAlive = false;
+    forEachMember(header, kConnection, [&](QStringView option) {
+        bClose = bClose || isWord(option, QLatin1String("close"));
+        bKeepAlive = bKeepAlive || isWord(option, QLatin1String("keep-alive"));
+    });
+    if (bClose)
         return true;
-    const bool bKeepAlive = options.contains(QLatin1String("keep-alive"), Qt::CaseInsensitive);
     const bool bOldVersion
         = header.majorVersion() < 1 || (header.majorVersion() == 1 && header.minorVersion() < 1);
     return bOldVersion && !bKeepAlive;
@@ -127,6 +154,7 @@ void HttpMessageReader::reset()
     m_lineEnd = LineEnd::Start;
     m_head.clear();
     m_line.clear();
+    m_multipart.reset(); // or it would claim the next body's bytes
     m_bPartsWait = false;
 }
 

@@ -71,6 +71,7 @@ public:
     // Where they belong in a part of known length, and what was received there; next() follows.
     iovec partTarget() { return m_multipart ? m_multipart->target(contentAhead()) : iovec{}; }
     void partPlaced(std::size_t size);
+    bool isMultipart() const { return m_multipart.has_value(); }
     // So many bytes of content were received elsewhere; next() follows.
     void contentPlaced(std::size_t size);
     void setBody(const HttpBody& body);

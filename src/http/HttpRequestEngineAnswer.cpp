@@ -2,11 +2,9 @@
 #include "http/HttpRequestEngine_p.h"
 
 #include "core/Log_p.h"
-#include "http/HttpLimits_p.h"
 #include "platform/ErrorCodes_p.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 using namespace Nuvika;
@@ -46,10 +44,28 @@ int HttpRequestEngine::readInput(const char* data, int size)
 
 iovec HttpRequestEngine::target()
 {
-    return m_input.isReading() || !m_input.isEmpty() || !isExchanging() ? iovec{} : m_reader.partTarget();
+    if (m_input.isReading() || !m_input.isEmpty() || !isExchanging())
+        return {};
+    return isCollecting() ? m_content.target(m_reader) : m_reader.partTarget();
 }
 
-void HttpRequestEngine::placed(int bytes) { m_reader.partPlaced(static_cast<std::size_t>(bytes)); }
+void HttpRequestEngine::placed(int bytes)
+{
+    const auto size = static_cast<std::size_t>(bytes);
+    if (!isCollecting()) {
+        m_reader.partPlaced(size);
+        return;
+    }
+    m_content.placed(size);
+    m_reader.contentPlaced(size);
+}
+
+// The body's bytes go into its memory, and nowhere else.
+bool HttpRequestEngine::isCollecting() const
+{
+    return (m_state == eWaitingContent || m_state == eWaitingChunk) && !m_reader.isMultipart() && !m_bRetry401
+        && !m_requests.front().bStream;
+}
 
 // Behind each of these the connection may be over, or the engine gone.
 void HttpRequestEngine::handle(HttpMessageReader::Event event)
@@ -107,6 +123,7 @@ void HttpRequestEngine::handleHead()
             true);
         return;
     }
+    m_content.begin(m_nExpectedContentLength, m_limits.nContent);
     m_state = body.kind == HttpBody::Chunked ? eWaitingChunk
         : body.bMultipart                    ? eWaitingMultipart
                                              : eWaitingContent;
@@ -132,32 +149,6 @@ HttpBody HttpRequestEngine::bodyOf(const Request& request)
     return body;
 }
 
-// False over the limit.
-bool HttpRequestEngine::collect(const char* data, int size)
-{
-    if (m_nContent + static_cast<std::size_t>(size) > static_cast<std::size_t>(m_limits.nContent))
-        return false;
-    if (m_nContent == 0 && size == m_nExpectedContentLength) {
-        m_pWholeContent = data; // all of it, in place
-        m_nContent = static_cast<std::size_t>(size);
-        return true;
-    }
-    // Grown geometrically, up to a known length but not beyond what has come by much.
-    const std::size_t needed = m_nContent + static_cast<std::size_t>(size);
-    if (needed > m_pContent->getSize()) {
-        std::size_t capacity = std::max<std::size_t>(needed * 2, 65536);
-        if (m_nExpectedContentLength >= 0)
-            capacity
-                = std::min(capacity, std::max(needed, static_cast<std::size_t>(m_nExpectedContentLength)));
-        m_pContent->getBuffer(
-            static_cast<unsigned int>(std::min(capacity, static_cast<std::size_t>(m_limits.nContent))));
-    }
-    auto* buffer = static_cast<char*>(m_pContent->getBuffer(m_pContent->getSize()));
-    std::memcpy(buffer + m_nContent, data, static_cast<std::size_t>(size));
-    m_nContent = needed;
-    return true;
-}
-
 void HttpRequestEngine::handleContent()
 {
     const char* data = m_reader.data();
@@ -166,14 +157,13 @@ void HttpRequestEngine::handleContent()
         return;
     const Request& front = m_requests.front();
     if (!front.bStream) {
-        if (!collect(data, size))
+        if (!m_content.add(data, size))
             failFront(QStringLiteral("the answer is too large"), true);
         return;
     }
-    m_nContent += static_cast<std::size_t>(size);
-    if (m_nExpectedContentLength >= 0 && m_nContent == static_cast<std::size_t>(m_nExpectedContentLength)) {
-        m_pWholeContent = data; // the last piece, which ends the request
-        m_nContent = static_cast<std::size_t>(size);
+    m_nStreamed += size;
+    if (m_nStreamed == m_nExpectedContentLength) {
+        m_content.refer(data, size); // the last piece, which ends the request
         return;
     }
     const auto header = m_pResponseHeader;
@@ -230,7 +220,7 @@ void HttpRequestEngine::finishStreamed()
     keepOrClose();
     const auto header = m_pResponseHeader;
     const Watched::Watch watch = m_session.watch();
-    m_listener.chunk(front.nId, *header, m_pWholeContent, static_cast<int>(m_nContent));
+    m_listener.chunk(front.nId, *header, m_content.data(), m_content.size());
     if (watch.holds())
         triggerNextRequest();
 }
@@ -242,15 +232,11 @@ bool HttpRequestEngine::finishFront()
     const bool bCollected = m_state != eWaitingMultipart && !m_requests.front().bStream;
     const Request front = takeFront();
     const auto header = m_pResponseHeader;
-    auto pContent = std::exchange(m_pContent, std::make_unique<VariableBuffer>());
-    const char* content = m_pWholeContent != nullptr ? m_pWholeContent : pContent->constData();
+    const CollectedContent content = std::move(m_content);
     const Watched::Watch watch = m_connection.watch();
     m_listener.finished(
-        front.nId, *header, bCollected ? content : nullptr, bCollected ? static_cast<int>(m_nContent) : 0);
-    if (!watch.holds())
-        return false;
-    m_pContent = std::move(pContent);
-    return true;
+        front.nId, *header, bCollected ? content.data() : nullptr, bCollected ? content.size() : 0);
+    return watch.holds();
 }
 
 void HttpRequestEngine::failFront(const QString& problem, bool bClose)

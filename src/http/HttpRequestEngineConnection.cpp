@@ -2,7 +2,6 @@
 #include "http/HttpRequestEngine_p.h"
 
 #include "core/Log_p.h"
-#include "http/HttpLimits_p.h"
 #include "platform/ErrorCodes_p.h"
 
 #include <algorithm>
@@ -47,11 +46,8 @@ void HttpRequestEngine::stallSource(bool bStall)
 void HttpRequestEngine::clearReceiveState()
 {
     m_reader.reset();
-    m_pContent->clear();
-    if (m_nContent > static_cast<std::size_t>(HttpLimits::kKeptContent))
-        m_pContent->clearAndSqueeze(0); // one large body is no reason to keep its memory for ever
-    m_nContent = 0;
-    m_pWholeContent = nullptr;
+    m_content.clear();
+    m_nStreamed = 0;
     m_nExpectedContentLength = -1;
     m_bRetry401 = false;
     m_bCloseAfterResponse = false;

@@ -14,6 +14,7 @@
 
 #include "core/PoolOwner_p.h"
 #include "core/Watched_p.h"
+#include "http/CollectedContent_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpTransport_p.h"
 #include "net/PendingInput_p.h"
@@ -157,8 +158,8 @@ private:
     void handleContent();
     void handlePart();
     void handleEnd();
-    bool collect(const char* data, int size);
     bool isStreamedByLength() const;
+    bool isCollecting() const;
     Request takeFront();
     void finishStreamed();
     bool finishFront();
@@ -181,9 +182,8 @@ private:
     HttpMessageReader m_reader;
     std::shared_ptr<const HttpResponseHeader> m_pResponseHeader; // a handler may hold on to it
     QByteArray m_challenge;
-    std::unique_ptr<VariableBuffer> m_pContent = std::make_unique<VariableBuffer>(); // a collected body
-    std::size_t m_nContent = 0;
-    const char* m_pWholeContent = nullptr; // the body, when it came in one piece
+    CollectedContent m_content; // of a streamed body of known length, its last piece
+    long long m_nStreamed = 0; // bytes of a streamed body
     long long m_nExpectedContentLength = -1;
     int m_nResponseContentOffset = 0;
     bool m_bRetry401 = false; // the body of this answer is swallowed

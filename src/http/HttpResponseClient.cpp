@@ -84,13 +84,16 @@ void HttpResponseClient::Private::begin(
     HttpExchange& front = m_exchanges.front();
     front.bClose
         = front.bClose || wantsClose(header) || (!front.bHead && HttpResponseWriter::lastsUntilEnd(header));
-    HttpResponseHeader sent = header;
-    const QString connection = QStringLiteral("Connection");
-    if ((front.bClose || front.bOldKeepAlive) && !header.hasKey(connection))
-        sent.addValue(connection, QLatin1String(front.bClose ? "close" : "keep-alive"));
     front.bStreaming = bMore;
-    m_writer.begin(
-        sent, front.bHead ? HttpResponseWriter::eHeadOnly : HttpResponseWriter::eContent, bMore, body);
+    const auto content = front.bHead ? HttpResponseWriter::eHeadOnly : HttpResponseWriter::eContent;
+    const QString connection = QStringLiteral("Connection");
+    if ((front.bClose || front.bOldKeepAlive) && !header.hasKey(connection)) {
+        HttpResponseHeader sent = header;
+        sent.addValue(connection, QLatin1String(front.bClose ? "close" : "keep-alive"));
+        m_writer.begin(sent, content, bMore, body);
+    } else {
+        m_writer.begin(header, content, bMore, body);
+    }
     lookAtOutput();
     if (!front.bClose)
         return;

@@ -31,7 +31,7 @@ void HttpResponseWriter::begin(
 {
     m_bHeadOnly = content == eHeadOnly || hasNoContent(header.statusCode());
     m_bChunked = isChunked(header) && bMore;
-    const QByteArray head = header.toString().toLatin1();
+    const QByteArray head = header.HttpResponseHeader::toString().toLatin1(); // not an heir's
     const KepNuvikaUtil::BUFFER first = rangeOf(head);
     if (m_bHeadOnly || body.nLen <= 0) {
         write(&first, 1);

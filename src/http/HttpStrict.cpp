@@ -3,24 +3,40 @@
 #include <QtCore/QByteArray>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstring>
+#include <string_view>
 
 namespace
 {
-bool isTokenChar(char c)
+enum Kind : unsigned char { eToken = 1, eText = 2 };
+
+constexpr std::array<unsigned char, 256> kindsOfBytes()
 {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0
-        || (c != '\0' && std::strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+    std::array<unsigned char, 256> kinds{};
+    for (std::size_t c = ' '; c < kinds.size(); ++c)
+        kinds[c] = c == 0x7F ? 0 : eText;
+    kinds['\t'] = eText;
+    constexpr std::string_view kTokens
+        = "!#$%&'*+-.^_`|~0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    for (const char c : kTokens)
+        kinds[static_cast<unsigned char>(c)] = eToken | eText;
+    return kinds;
 }
 
-bool isText(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte >= ' ' && byte != 0x7F) || c == '\t';
-}
+constexpr std::array<unsigned char, 256> kKinds = kindsOfBytes();
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+// Objects and not functions, so that loops over bytes take them in.
+constexpr auto isTokenChar = [](char c) { return (kKinds[static_cast<unsigned char>(c)] & eToken) != 0; };
+constexpr auto isText = [](char c) { return (kKinds[static_cast<unsigned char>(c)] & eText) != 0; };
+constexpr auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+
+const char* lineEndIn(const char* line, const char* end)
+{
+    const void* found = std::memchr(line, '\n', static_cast<std::size_t>(end - line));
+    return found == nullptr ? end : static_cast<const char*>(found);
+}
 
 // Steps over the characters that fit; false when there is none.
 template <class Fits>
@@ -38,7 +54,7 @@ bool isStrictField(const char* line, const char* end, int* hosts)
         return true;
     const char* at = line;
     const bool bName = skip(&at, end, isTokenChar);
-    *hosts += qstrnicmp(line, "host", 4) == 0 && at == line + 4 ? 1 : 0;
+    *hosts += at == line + 4 && qstrnicmp(line, "host", 4) == 0 ? 1 : 0;
     return bName && at != end && *at == ':';
 }
 
@@ -89,11 +105,11 @@ const char* endOfText(const std::string& line)
 bool Nuvika::isStrictHead(const char* data, int size)
 {
     const char* const end = data + size;
-    const char* const firstEnd = std::find(data, end, '\n');
+    const char* const firstEnd = lineEndIn(data, end);
     const bool bCrLf = firstEnd != data && firstEnd[-1] == '\r';
     int hosts = 0;
     for (const char* line = data; line < end;) {
-        const char* const lineEnd = std::find(line, end, '\n');
+        const char* const lineEnd = lineEndIn(line, end);
         const bool bCr = lineEnd != line && lineEnd[-1] == '\r';
         const char* const textEnd = lineEnd - (bCr ? 1 : 0);
         if ((bCrLf && !bCr && lineEnd != line && lineEnd != end) || !std::all_of(line, textEnd, isText))
