@@ -23,6 +23,7 @@ HttpResponseClient::Private::Private(HttpResponseClient& client, int socketDescr
     m_timer.setInterval(kTickMs);
     QObject::connect(&m_timer, &QTimer::timeout, &m_client, [this] { tick(); });
     HalfClose::setHandler(m_socket, [this] { peerEnded(); });
+    ReceivePlacer::set(m_socket, *this);
     m_socket.setSocketDescriptor(socketDescriptor);
     m_state = eConnected;
 }
@@ -291,8 +292,7 @@ void HttpResponseClient::Private::disconnect()
     m_input.reset();
     if (m_state == eDisconnected)
         return;
-    if (m_state == eWaitingContent)
-        forgetContent();
+    m_content.clear();
     m_state = eDisconnected;
     emit m_client.disconnected();
 }
