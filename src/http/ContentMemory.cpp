@@ -1,10 +1,10 @@
 #include "http/ContentMemory_p.h"
 
+#include "core/OutOfMemory_p.h"
 #include "http/HttpLimits_p.h"
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -16,10 +16,17 @@ constexpr std::size_t kAhead = 1 << 20; // of what has come, however long the co
 constexpr std::size_t kSpareSize = HttpLimits::kKeptContent; // of a block that the next content may have
 constexpr std::size_t kSpares = 16; // of a thread; of a block only what was written costs memory
 
+thread_local bool t_bThreadEnds = false; // objects with static storage go later than the spares
+
+struct Spares {
+    std::vector<ContentBytes> blocks;
+    ~Spares() { t_bThreadEnds = true; }
+};
+
 std::vector<ContentBytes>& spares()
 {
-    thread_local std::vector<ContentBytes> t_spares;
-    return t_spares;
+    thread_local Spares t_spares;
+    return t_spares.blocks;
 }
 
 // A large block grows by moving its pages, without a copy.
@@ -27,7 +34,7 @@ ContentBytes resized(ContentBytes bytes, std::size_t size)
 {
     auto* moved = static_cast<char*>(std::realloc(bytes.get(), size));
     if (moved == nullptr)
-        throw std::bad_alloc();
+        endWithoutMemory("ContentMemory", size);
     bytes.release(); // NOLINT(bugprone-unused-return-value): realloc has freed it
     return ContentBytes(moved);
 }
@@ -72,7 +79,7 @@ void ContentMemory::reserve(std::size_t size)
 
 void ContentMemory::giveBack()
 {
-    if (m_nCapacity == kSpareSize && spares().size() < kSpares)
+    if (m_nCapacity == kSpareSize && !t_bThreadEnds && spares().size() < kSpares)
         spares().push_back(std::move(m_pBytes));
     m_pBytes.reset();
     m_nCapacity = 0;

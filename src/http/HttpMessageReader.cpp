@@ -18,6 +18,7 @@ namespace
 const QLatin1String kContentLength("content-length");
 const QLatin1String kTransferEncoding("transfer-encoding");
 const QLatin1String kConnection("connection");
+const QLatin1String kContentType("content-type");
 const QLatin1String kChunked("chunked");
 
 // Digits only, and 31 bits at most.
@@ -115,11 +116,16 @@ HttpBody HttpBody::fromFields(const HttpHeader& header, Kind otherwise)
 
 void HttpBody::detectMultipart(const HttpHeader& header)
 {
-    if (!header.hasContentType()
-        || header.contentType().compare(QLatin1String("multipart/x-mixed-replace"), Qt::CaseInsensitive) != 0)
+    const HttpFieldList& fields = HttpHeaderPrivate::fieldsOf(header);
+    const int i = fields.find(kContentType);
+    if (i < 0)
         return;
-    bMultipart = true;
-    boundary = boundaryOf(header.value(QStringLiteral("content-type")));
+    const QStringView type = fields.value(i);
+    const qsizetype semicolon = type.indexOf(QLatin1Char(';'));
+    bMultipart = isWord(type.left(semicolon < 0 ? type.size() : semicolon).trimmed(),
+        QLatin1String("multipart/x-mixed-replace"));
+    if (bMultipart)
+        boundary = boundaryOf(type.toString());
 }
 
 // Chunks framed twice, or in a coding that has no end, are framed for others than us.

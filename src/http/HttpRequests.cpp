@@ -1,5 +1,7 @@
 #include "http/HttpRequests_p.h"
 
+#include "http/HttpHeader_p.h"
+
 #include <algorithm>
 
 using namespace Nuvika;
@@ -38,13 +40,13 @@ QString HttpRequests::encodedPath(const QString& path)
     return encoded;
 }
 
-QString HttpRequests::problemOfText(const char* what, const QString& text)
+QString HttpRequests::problemOfText(const char* what, QStringView text)
 {
     const bool bEnds = std::any_of(text.begin(), text.end(), isLineEnd);
     return bEnds ? problem(what, " holds a line end or a NUL") : QString();
 }
 
-QString HttpRequests::problemOfLine(const char* what, const QString& text)
+QString HttpRequests::problemOfLine(const char* what, QStringView text)
 {
     QString found = problemOfText(what, text);
     if (!found.isEmpty())
@@ -63,14 +65,13 @@ QString HttpRequests::problemOf(const HttpRequestHeader& header, const QString& 
         found = problemOfLine("the user name", user);
     if (found.isEmpty() && std::any_of(password.begin(), password.end(), isBeyondLatin1))
         found = problem("the password", " holds characters beyond Latin-1");
-    for (const auto& field : header.values()) {
-        if (!found.isEmpty())
-            break;
-        found = problemOfLine("a field's name", field.first);
-        const bool bEndsHead = field.second == kEndingConnection
-            && field.first.compare(QLatin1String("connection"), Qt::CaseInsensitive) == 0;
+    const HttpFieldList& fields = HttpHeaderPrivate::fieldsOf(header);
+    for (int i = 0; found.isEmpty() && i < fields.size(); ++i) {
+        found = problemOfLine("a field's name", fields.name(i));
+        const bool bEndsHead = fields.value(i) == kEndingConnection
+            && fields.name(i).compare(QLatin1String("connection"), Qt::CaseInsensitive) == 0;
         if (found.isEmpty() && !bEndsHead)
-            found = problemOfLine("a field's value", field.second);
+            found = problemOfLine("a field's value", fields.value(i));
     }
     return found;
 }

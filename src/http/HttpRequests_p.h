@@ -22,6 +22,6 @@ QString encodedPath(const QString& path);
 QString problemOf(const HttpRequestHeader& header, const QString& user, const QString& password);
 // The same of a text that must stay on its line, and of one that leaves as Latin-1 besides; `what`: for the
 // sentence.
-QString problemOfText(const char* what, const QString& text);
-QString problemOfLine(const char* what, const QString& text);
+QString problemOfText(const char* what, QStringView text);
+QString problemOfLine(const char* what, QStringView text);
 } // namespace Nuvika::HttpRequests

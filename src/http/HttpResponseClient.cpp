@@ -25,6 +25,7 @@ HttpResponseClient::Private::Private(HttpResponseClient& client, int socketDescr
     QObject::connect(&m_timer, &QTimer::timeout, &m_client, [this] { tick(); });
     HalfClose::setHandler(m_socket, [this] { peerEnded(); });
     m_socket.setSystemBuffers(buffers);
+    ReceivePlacer::set(m_socket, *this);
     m_socket.setSocketDescriptor(socketDescriptor);
     m_state = eConnected;
 }
@@ -293,8 +294,7 @@ void HttpResponseClient::Private::disconnect()
     m_input.reset();
     if (m_state == eDisconnected)
         return;
-    if (m_state == eWaitingContent)
-        forgetContent();
+    m_content.clear();
     m_state = eDisconnected;
     emit m_client.disconnected();
 }

@@ -1,10 +1,7 @@
 // The receiving half of a server-side HTTP connection.
 #include "core/Log_p.h"
-#include "http/HttpLimits_p.h"
 #include "http/HttpResponseClient_p.h"
 
-#include <algorithm>
-#include <cstring>
 #include <utility>
 
 using namespace Nuvika;
@@ -14,7 +11,6 @@ namespace
 {
 constexpr std::size_t kMaxUnanswered = 4096; // requests; further ones wait for answers
 constexpr unsigned int kOwnerMs = 5000; // for answers to the requests before a bad one
-constexpr std::size_t kFirstCapacity = 65536;
 
 bool carriesBody(const QString& method)
 {
@@ -74,6 +70,19 @@ void HttpResponseClient::Private::stallSource(bool bStall)
         m_socket.stallRecv();
     else
         m_socket.resumeRecv();
+}
+
+iovec HttpResponseClient::Private::target()
+{
+    const bool bNext
+        = m_state == eWaitingContent && !m_input.isReading() && m_input.isEmpty() && mayDeliver();
+    return bNext ? m_content.target(m_reader) : iovec{};
+}
+
+void HttpResponseClient::Private::placed(int bytes)
+{
+    m_content.placed(static_cast<std::size_t>(bytes));
+    m_reader.contentPlaced(static_cast<std::size_t>(bytes));
 }
 
 // What waits is read from the loop, not inside a call of the owner.
@@ -145,14 +154,9 @@ void HttpResponseClient::Private::handleHead()
 
 void HttpResponseClient::Private::beginRequest(const HttpBody& body)
 {
-    m_pWholeContent = nullptr;
-    m_bufRequest.clear();
-    m_nRequestContentOffset = 0;
-    if (body.kind == HttpBody::UntilEnd) {
-        collect(m_reader.data(), m_reader.size());
-        m_nRequestContentOffset = m_reader.size();
-    }
+    m_nRequestContentOffset = m_reader.size();
     m_nExpectedContentLength = body.kind == HttpBody::Length ? body.nLength : -1;
+    m_content.begin(m_nExpectedContentLength, m_limits.nContent);
     m_state = body.kind == HttpBody::Chunked ? eWaitingChunk
         : body.bMultipart                    ? eWaitingMultipart
                                              : eWaitingContent;
@@ -165,29 +169,8 @@ void HttpResponseClient::Private::handleContent()
         emit m_client.contentChunk(m_requestHeader, m_reader.data(), m_reader.size(), Marker());
         return;
     }
-    const long long collected
-        = static_cast<long long>(m_bufRequest.getSize()) - m_nRequestContentOffset + m_reader.size();
-    if (collected > m_limits.nContent)
+    if (!m_content.add(m_reader.data(), m_reader.size()))
         rejectRequest();
-    else if (m_bufRequest.isEmpty() && m_reader.size() == m_nExpectedContentLength)
-        m_pWholeContent = m_reader.data();
-    else
-        collect(m_reader.data(), m_reader.size());
-}
-
-// Grows geometrically, with what has come.
-void HttpResponseClient::Private::collect(const char* data, int size)
-{
-    const std::size_t used = m_bufRequest.getSize();
-    const std::size_t needed = used + static_cast<std::size_t>(size);
-    if (needed > m_nCapacity) {
-        const auto most
-            = static_cast<std::size_t>(m_limits.nContent) + static_cast<std::size_t>(m_nRequestContentOffset);
-        m_nCapacity = std::max(needed, std::min(std::max(needed * 2, kFirstCapacity), most));
-        m_bufRequest.getBuffer(static_cast<unsigned int>(m_nCapacity));
-    }
-    auto* buffer = static_cast<char*>(m_bufRequest.getBuffer(static_cast<unsigned int>(needed)));
-    std::memcpy(buffer + used, data, static_cast<std::size_t>(size));
 }
 
 void HttpResponseClient::Private::handleEnd()
@@ -197,38 +180,18 @@ void HttpResponseClient::Private::handleEnd()
     if (ended == eWaitingChunk) {
         NUVIKA_DEBUG(lcHttp, "HttpResponseClient::slotSockDataReceived#3: chunk response finished");
         emit m_client.contentChunk(m_requestHeader, nullptr, 0, Marker());
-    } else if (m_pWholeContent != nullptr) {
-        deliver(m_pWholeContent, static_cast<int>(m_nExpectedContentLength));
     } else {
-        deliverCollected();
+        deliver();
     }
 }
 
-bool HttpResponseClient::Private::deliverCollected()
+// False when this object is gone. The content belongs to this call, whatever the handler does.
+bool HttpResponseClient::Private::deliver()
 {
-    const auto size = static_cast<int>(m_bufRequest.getSize()) - m_nRequestContentOffset;
-    return deliver(m_bufRequest.constData() + m_nRequestContentOffset, size);
-}
-
-// False when this object is gone.
-bool HttpResponseClient::Private::deliver(const char* content, int size)
-{
+    const CollectedContent content = std::move(m_content);
     const QPointer<HttpResponseClient> guard(&m_client);
-    emit m_client.requestReceived(m_requestHeader, content, size, Marker());
-    if (!guard)
-        return false;
-    forgetContent();
-    return true;
-}
-
-// One large body is no reason to keep its memory for ever.
-void HttpResponseClient::Private::forgetContent()
-{
-    m_bufRequest.clear();
-    if (m_nCapacity <= static_cast<std::size_t>(HttpLimits::kKeptContent))
-        return;
-    m_bufRequest.clearAndSqueeze(0);
-    m_nCapacity = 0;
+    emit m_client.requestReceived(m_requestHeader, content.data(), content.size(), Marker());
+    return !guard.isNull();
 }
 
 // The owner may answer inside error(), behind the answers to the requests before; else it is done here.
@@ -236,7 +199,7 @@ void HttpResponseClient::Private::rejectRequest()
 {
     m_bNoMoreRequests = true;
     m_state = eConnected;
-    forgetContent();
+    m_content.clear();
     m_bRejecting = !m_exchanges.isEmpty() && !m_exchanges.back().bAnswered;
     if (!m_exchanges.isEmpty())
         m_exchanges.back().bClose = true;
@@ -273,13 +236,12 @@ void HttpResponseClient::Private::readEnd(int code)
         NUVIKA_DEBUG(lcHttp,
             "HttpResponseClient::slotSockDisconnected(): if (m_state == eWaitingContent && "
             "m_nExpectedContentLength == -1)");
-        NUVIKA_ASSERT(m_nRequestContentOffset <= (int)m_bufRequest.getSize());
         NUVIKA_ASSERT(m_nRequestContentOffset >= 4);
-        if (!deliverCollected())
+        if (!deliver())
             return;
     } else if (ended != eConnected && !m_exchanges.isEmpty() && !m_exchanges.back().bAnswered) {
         m_exchanges.popBack(); // a request that never became complete
-        forgetContent();
+        m_content.clear();
     }
     endIfDue();
 }

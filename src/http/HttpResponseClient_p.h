@@ -9,17 +9,18 @@
 
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
-#include <KepNuvikaUtil/VariableBuffer.h>
 
+#include "http/CollectedContent_p.h"
 #include "http/HttpExchange_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpResponseWriter_p.h"
 #include "net/PendingInput_p.h"
+#include "net/ReceivePlacer_p.h"
 
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
 
-class HttpResponseClient::Private final : private Nuvika::InputReader
+class HttpResponseClient::Private final : private Nuvika::InputReader, private Nuvika::ReceivePlacer
 {
 public:
     Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive,
@@ -60,6 +61,8 @@ private:
     int readInput(const char* data, int size) override;
     void readEnd(int code) override;
     void stallSource(bool bStall) override;
+    iovec target() override;
+    void placed(int bytes) override;
 
     bool mayDeliver() const;
     bool mayEnd();
@@ -70,11 +73,8 @@ private:
     void handleHead();
     void beginRequest(const Nuvika::HttpBody& body);
     void handleContent();
-    void collect(const char* data, int size);
     void handleEnd();
-    bool deliver(const char* content, int size);
-    bool deliverCollected();
-    void forgetContent();
+    bool deliver();
     void rejectRequest();
     void postResume();
 
@@ -108,10 +108,8 @@ private:
 
     // The request that is being received.
     HttpRequestHeader m_requestHeader;
-    VariableBuffer m_bufRequest; // the content so far, behind the head where the connection's end is the end
-    std::size_t m_nCapacity = 0; // of m_bufRequest
+    Nuvika::CollectedContent m_content;
     int m_nRequestContentOffset = 0;
-    const char* m_pWholeContent = nullptr; // the content, when it came in one piece
     long long m_nExpectedContentLength = -1;
     bool m_bRequestCloses = false;
 
