@@ -63,6 +63,11 @@ private:
     void stallSource(bool bStall) override;
     iovec target() override;
     void placed(int bytes) override;
+    bool read(const char* data, int size) override
+    {
+        dataReceived(data, size);
+        return true;
+    }
 
     bool mayDeliver() const;
     bool mayEnd();
