@@ -22,7 +22,7 @@ int main(int argc, char** argv)
     socket.setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
     const auto connectNow = [&] {
         socket.initSsl(false, NuvikaSslSocket::eSslAny12, QString(), QString(), QString());
-        socket.connectToHost(QHostAddress(QHostAddress::LocalHost), a.port);
+        socket.connectToHost(QHostAddress(QString::fromLatin1(farHost())), a.port);
     };
     const QByteArray block(kBlock, 'x');
     long long left = a.amount;

@@ -55,7 +55,7 @@ int main(int argc, char** argv)
                 connectNow();
             }
         });
-        socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), a.port);
+        socket->connectToHostEncrypted(QString::fromLatin1(farHost()), a.port);
     };
     if (a.mode == "tlshello")
         watch.start();

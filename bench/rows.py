@@ -130,15 +130,19 @@ def http():
 
 
 def path():
-    """Over a path whose round trip takes 50 ms."""
-    for title, mode, far, programs in (
-            ("one TCP stream of 10 MB received, heavy profile", "recv", "far source {amount}", {"raw": "", "nuvika": "heavy", "qt": ""}),
-            ("one TCP stream of 10 MB received, medium profile", "recv", "far source {amount}", {"raw": "", "nuvika": "medium"}),
-            ("one TCP stream of 10 MB sent, heavy profile", "send", "far sink {amount}", {"raw": "", "nuvika": "heavy", "qt": ""}),
-            ("one TCP stream of 10 MB sent, medium profile", "send", "far sink {amount}", {"raw": "", "nuvika": "medium"})):
-        yield Row("path", title + ", 50 ms away", "", "near", mode, far, 10 * MB, 1, programs, unit="MB/s", path_ms=50)
-    yield Row("path", "HTTP body of 10 MB, 50 ms away", "", "near", "http", "far http", 1, 1,
-              all_of(*HTTP, variant="big/10000000"), path_ms=50)
+    """Over a path whose round trip takes 50 ms: with the profile's buffers, and with those that the kernel tunes."""
+    def row(title, near, mode, far, amount, programs, **more):
+        return Row("path", title + ", 50 ms away", "", near, mode, far, amount, 1, programs, unit="MB/s", path_ms=50, **more)
+    for mode, far, verb in (("recv", "far source {amount}", "received"), ("send", "far sink {amount}", "sent")):
+        stream = f"one TCP stream of 20 MB {verb}"
+        yield row(f"{stream}, heavy profile", "near", mode, far, 20 * MB, {"raw": "", "nuvika": "heavy"})
+        yield row(f"{stream}, medium profile", "near", mode, far, 20 * MB, {"raw": "", "nuvika": "medium"})
+        yield row(f"{stream}, tuned buffers", "near", mode, far, 20 * MB, {"raw": "", "nuvika": "medium", "qt": ""}, environment=TUNED)
+    body = all_of("raw", "nuvika", variant="big/20000000")
+    yield row("HTTP body of 20 MB", "near", "http", "far http", 1, body)
+    yield row("HTTP body of 20 MB, tuned buffers", "near", "http", "far http", 1, all_of(*HTTP, variant="big/20000000"), environment=TUNED)
+    yield row("TLS stream of 20 MB received, tuned buffers", "near_tls", "tlsrecv", "far tlssource {amount}", 20 * MB,
+              all_of("raw", "nuvika", "qt"), environment=TUNED)
 
 
 ROWS = [row for rows in (cameras, streams, connections, datagrams, messages, tls, http, path) for row in rows()]
