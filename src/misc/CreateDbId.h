@@ -31,6 +31,6 @@ private:
 
     QString m_name;
     qint32 m_nId = 0;
-    DbIdType::enuKeyTypes m_eType = DbIdType::eGEN;
+    [[maybe_unused]] DbIdType::enuKeyTypes m_eType = DbIdType::eGEN;
     QString m_typeName;
 };
