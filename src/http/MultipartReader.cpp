@@ -104,7 +104,7 @@ void MultipartReader::consume(std::size_t size)
 // Up to and with the next line end; 0 when there is none.
 std::size_t MultipartReader::lineIn(const char* data, std::size_t size)
 {
-    const auto* end = static_cast<const char*>(std::memchr(data, '\n', size));
+    const auto* end = size == 0 ? nullptr : static_cast<const char*>(std::memchr(data, '\n', size));
     const std::size_t n = end == nullptr ? 0 : static_cast<std::size_t>(end - data) + 1;
     m_nLookedAt += end == nullptr ? size : n;
     return n;
