@@ -30,19 +30,26 @@ std::vector<ContentBytes>& spares()
 }
 
 // A large block grows by moving its pages, without a copy.
-ContentBytes resized(ContentBytes bytes, std::size_t size)
+void resize(ContentBytes& bytes, std::size_t size)
 {
     auto* moved = static_cast<char*>(std::realloc(bytes.get(), size));
     if (moved == nullptr)
         endWithoutMemory("ContentMemory", size);
-    bytes.release(); // NOLINT(bugprone-unused-return-value): realloc has freed it
-    return ContentBytes(moved);
+    static_cast<void>(bytes.release()); // it has gone
+    bytes.reset(moved);
+}
+
+ContentBytes allocated(std::size_t size)
+{
+    ContentBytes bytes;
+    resize(bytes, size);
+    return bytes;
 }
 
 ContentBytes takeSpare()
 {
     if (spares().empty())
-        return resized(nullptr, kSpareSize);
+        return allocated(kSpareSize);
     ContentBytes bytes = std::move(spares().back());
     spares().pop_back();
     return bytes;
@@ -66,16 +73,16 @@ void ContentMemory::reserve(std::size_t size)
     const std::size_t twice = m_nExpected > 0 ? std::min(2 * m_nCapacity, m_nExpected) : 2 * m_nCapacity;
     const std::size_t capacity = std::max({size, ahead, twice, kSpareSize});
     if (m_nCapacity > kSpareSize) {
-        m_pBytes = resized(std::move(m_pBytes), capacity);
+        resize(m_pBytes, capacity);
     } else {
-        ContentBytes bytes = capacity == kSpareSize ? takeSpare() : resized(nullptr, capacity);
+        ContentBytes bytes = capacity == kSpareSize ? takeSpare() : allocated(capacity);
         if (m_nSize > 0)
             std::memcpy(bytes.get(), m_pBytes.get(), m_nSize);
         giveBack();
-        m_pBytes = std::move(bytes);
+        m_pBytes.swap(bytes);
     }
     m_nCapacity = capacity;
-}
+} // NOLINT(clang-analyzer-unix.Malloc): m_pBytes has it
 
 void ContentMemory::giveBack()
 {

@@ -4,12 +4,12 @@
 // pieces.
 #pragma once
 
+#include "net/ReceivePlacer_p.h" // iovec
+
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <utility>
-
-#include <sys/uio.h>
 
 namespace Nuvika
 {
