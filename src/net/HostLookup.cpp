@@ -27,7 +27,7 @@ constexpr std::chrono::milliseconds kWorkerPatience{2000};
 QMutex s_hlmMutex;
 HostLookupManager* s_pHlm = nullptr;
 
-bool isRunning()
+bool isServing()
 {
     const MutexGuard lock(s_hlmMutex);
     return s_pHlm != nullptr;
@@ -201,7 +201,7 @@ bool HostLookupManagerThread::startAndWait()
 void HostLookupManagerThread::run()
 {
     HostLookupManager manager;
-    if (isRunning())
+    if (isServing())
         nuvikaAssertPrint("!s_pHlm", baseName(__FILE__), __LINE__);
     {
         const MutexGuard lock(s_hlmMutex);
@@ -220,7 +220,7 @@ void HostLookupManagerThread::run()
 // the host's: no lock is held then.
 int NuvikaUtil::lookupHost(const QString& hostName, QObject* receiver, const char* slot)
 {
-    if (!isRunning())
+    if (!isServing())
         return 0;
     const auto emitter = std::make_shared<HostLookupResultEmitter>();
     QObject::connect(emitter.get(), SIGNAL(sigResult(QHostInfo)), receiver, slot, Qt::QueuedConnection);

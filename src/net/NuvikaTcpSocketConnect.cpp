@@ -15,7 +15,6 @@
 #include <QtNetwork/QAbstractSocket>
 
 #include <atomic>
-#include <cstring>
 
 using namespace Nuvika;
 
@@ -165,7 +164,8 @@ bool NuvikaTcpSocketConnect::isConnectedToItself() const
     if (Sockets::localName(m_nSocket, &local, &length) != 0 || portOf(local) != m_nPort)
         return false;
     length = sizeof peer;
-    return Sockets::peerName(m_nSocket, &peer, &length) == 0 && std::memcmp(&local, &peer, sizeof local) == 0;
+    return Sockets::peerName(m_nSocket, &peer, &length) == 0 && portOf(peer) == m_nPort
+        && QHostAddress(&local.sa) == QHostAddress(&peer.sa);
 }
 
 // True while the attempt goes on or has succeeded.

@@ -135,6 +135,7 @@ TEST(RefusedCalls, WhileTheLibraryStartsAndEnds)
         seams::setName(name.toStdString(), {"127.0.0.1"});
         const Outcome outcome = connectAndReceive(name);
         KepNuvikaUtilCleanup();
+        EXPECT_FALSE(log.has("ASSERT: "));
         const bool bRefused = log.has("KepNuvikaUtilInit(): no thread can be had", QtCriticalMsg);
         return {outcome.bWorked, outcome.bTold || bRefused};
     });
