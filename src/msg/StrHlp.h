@@ -20,7 +20,8 @@ class KEPNUVIKAUTIL_EXPORT StrHlp : public QObject
 {
     Q_OBJECT
 public:
-    /// What goes into a command line is escaped first: see CommandParsing.h. Empty for an empty text; 24 characters around nothing, behind a record, when encryption fails.
+    /// What goes into a command line is escaped first: see CommandParsing.h. Empty for an empty text; 24
+    /// characters around nothing, behind a record, when encryption fails.
     static QString toHex(const QString& text);
     /// The text of a marked hex string. What has no marker, or gives an empty text, comes back unchanged;
     /// what is marked and damaged, a character among the digits included, gives an empty string, behind a

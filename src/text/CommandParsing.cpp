@@ -308,7 +308,9 @@ bool parseCommand(const QString& text, QString& command, QMap<QString, QVariant>
 
 bool parseDefinition(const QString& text, QMap<QString, QVariant>& params, bool bDecodeMarked)
 {
-    const QString definition = text; // shared, for it may be one of the parameters
+    // Shared, for it may be one of the parameters.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+    const QString definition = text;
     params.clear();
     parseParameters(definition, bDecodeMarked, false, &params);
     return true;

@@ -157,12 +157,12 @@ class Recorder(PeerTest):
             return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
         raised = subprocess.run([TOOL, "demo", "--cameras", "10", *RECORDER], capture_output=True, preexec_fn=limit(64, 4096), timeout=60)
         self.assertEqual((raised.returncode, raised.stderr), (0, b""), raised.stdout)
-        low = subprocess.run([TOOL, "demo", "--cameras", "10", *RECORDER], capture_output=True, preexec_fn=limit(90, 90), timeout=60)
+        low = subprocess.run([TOOL, "demo", "--cameras", "10", *RECORDER], capture_output=True, preexec_fn=limit(74, 74), timeout=60)
         self.assertEqual(low.returncode, 1, low.stdout)
         told = rb"\d+ of 10 RTP streams are not received: cannot receive on 127\.0\.0\.1 port 0: Too many open files\n"
         self.assertRegex(low.stderr, rb"\Anuvika: " + told + rb"\Z")
         self.assertRegex(low.stdout, told)
-        with process([TOOL, "demo", "--cameras", "10", "--port", "0"], stdout=subprocess.PIPE, text=True, preexec_fn=limit(90, 90)) as child, child.stdout:
+        with process([TOOL, "demo", "--cameras", "10", "--port", "0"], stdout=subprocess.PIPE, text=True, preexec_fn=limit(74, 74)) as child, child.stdout:
             port = int(re.search(r":(\d+)/", child.stdout.readline()).group(1))
             self.assertIn("RTP", child.stdout.readline() + child.stdout.readline())
             problems = [c["rtp"].get("problem") for c in cameras(port)]
