@@ -1,10 +1,12 @@
 #include <KepNuvikaUtil/SDP.h>
 
 #include "core/MutexGuard_p.h"
+#include "media/SDPCache_p.h"
 #include "media/SDPParser_p.h"
 #include "platform/Clock_p.h"
 
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <memory>
 
@@ -40,8 +42,12 @@ constexpr int kCacheLimit = 10000;
 constexpr quint64 kCacheIdleMs = 20000;
 constexpr qint64 kCacheBytes = 64 << 20;
 
+std::atomic<unsigned long long> s_nLookedAt{0};
+
 quint64 nowMs() { return Nuvika::Clock::wallClockMs(); }
 } // namespace
+
+unsigned long long Nuvika::sdpCacheEntriesLookedAt() { return s_nLookedAt; }
 
 SDP SDP::fromSDPString(const QString& text)
 {
@@ -82,6 +88,7 @@ void SDP::keep(const QString& text, const SDP& sdp)
 void SDP::forgetOldest()
 {
     CacheOwner& cache = CacheOwner::instance;
+    ++s_nLookedAt;
     const std::unique_ptr<CacheEntry> entry(cache.inUseOrder.front());
     cache.inUseOrder.pop_front();
     cache.nBytes -= entry->nBytes;
@@ -98,8 +105,9 @@ void SDP::forgetIdle()
     if (s_lastCacheCheck - now <= kCacheIdleMs) // in this order, unsigned: time that went on is always more
         return;
     s_lastCacheCheck = now;
-    const std::list<CacheEntry*>& inUseOrder = CacheOwner::instance.inUseOrder;
-    while (!inUseOrder.empty() && now - inUseOrder.front()->m_nLastUsed > kCacheIdleMs)
+    CacheOwner& cache = CacheOwner::instance;
+    ++s_nLookedAt; // the first that stays
+    while (!cache.inUseOrder.empty() && now - cache.inUseOrder.front()->m_nLastUsed > kCacheIdleMs)
         forgetOldest();
 }
 

@@ -6,10 +6,10 @@
 #include "base/Options.h"
 #include "base/Output.h"
 #include "cameras/RtpReceiver.h"
+#include "commands/MissingLines.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QHash>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -36,7 +36,8 @@ bool readDescription(const QString& name, QString* text)
 
 // The lines of one section, numbered as the file has them.
 struct Section {
-    std::vector<std::pair<int, QString>> lines;
+    std::vector<int> numbers;
+    std::vector<QString> lines;
 };
 
 std::vector<Section> sectionsOf(QString text)
@@ -48,8 +49,10 @@ std::vector<Section> sectionsOf(QString text)
         ++number;
         if (line.startsWith(QLatin1String("m=")))
             sections.emplace_back();
-        if (!line.isEmpty())
-            sections.back().lines.emplace_back(number, line);
+        if (line.isEmpty())
+            continue;
+        sections.back().numbers.push_back(number);
+        sections.back().lines.push_back(line);
     }
     return sections;
 }
@@ -62,13 +65,9 @@ int reportDropped(const QString& given, const QString& understood)
     std::vector<Section> kept = sectionsOf(understood);
     kept.resize(std::max(kept.size(), all.size()));
     for (std::size_t i = 0; i < all.size(); ++i) {
-        QHash<QString, int> rest; // how often each line was kept
-        for (const auto& line : kept[i].lines)
-            ++rest[line.second];
-        for (const auto& line : all[i].lines) {
-            if (rest[line.second]-- > 0)
-                continue;
-            std::fprintf(stderr, "line %d dropped: %s\n", line.first, Output::shown(line.second).constData());
+        for (const std::size_t at : missingLines(all[i].lines, kept[i].lines)) {
+            std::fprintf(stderr, "line %d dropped: %s\n", all[i].numbers[at],
+                Output::shown(all[i].lines[at]).constData());
             ++dropped;
         }
     }
