@@ -162,11 +162,6 @@ class Recorder(PeerTest):
         told = rb"\d+ of 10 RTP streams are not received: cannot receive on 127\.0\.0\.1 port 0: Too many open files\n"
         self.assertRegex(low.stderr, rb"\Anuvika: " + told + rb"\Z")
         self.assertRegex(low.stdout, told)
-        with process([TOOL, "demo", "--cameras", "10", "--port", "0"], stdout=subprocess.PIPE, text=True, preexec_fn=limit(74, 74)) as child, child.stdout:
-            port = int(re.search(r":(\d+)/", child.stdout.readline()).group(1))
-            self.assertIn("RTP", child.stdout.readline() + child.stdout.readline())
-            problems = [c["rtp"].get("problem") for c in cameras(port)]
-        self.assertIn("cannot receive on 127.0.0.1 port 0: Too many open files", problems)
 
     def test_sender_reports_count_what_was_sent(self):
         group = socket.inet_aton("239.255.77.1") + socket.inet_aton("127.0.0.1")

@@ -218,7 +218,7 @@ TEST(CompletionPort, TwoThousandBusySocketsStarveNobodyAndNoTimer)
             if (d.error != 0)
                 return;
             ++served[static_cast<std::size_t>(i)];
-            for (volatile int spin = 0; spin < 3000; spin = spin + 1) { }
+            for (volatile int spin = 0; spin < 12000; spin = spin + 1) { }
             end->receive(0);
         };
     }
