@@ -15,6 +15,10 @@ public:
     bool sendBuffer(const char* data, int size);
     bool canSend() const;
 
+    /// A parent alone is no flag: the flag stands before it.
+    template <class Object>
+    explicit BufferSocketFixedFifo(Object* parent, QObject* = nullptr) = delete;
+
 signals:
     /// The queue has room again.
     void sigCanSend();

@@ -26,6 +26,10 @@ public:
 
     void close() override;
 
+    /// A parent alone is no flag: the flag stands before it.
+    template <class Object>
+    explicit BufferSocketQueued(Object* parent, QObject* = nullptr) = delete;
+
 protected slots:
     void slotDisconnected() override;
     void slotError(int errorCode) override;

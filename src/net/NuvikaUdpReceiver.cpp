@@ -67,7 +67,12 @@ bool prepareMulticast(int s, NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress
         NUVIKA_WARNING(lcNet, "NuvikaUdpReceiver::createMulticast(): setting SO_REUSEADDR failed: %s",
             qUtf8Printable(SocketError::formatLast()));
     Sockets::setOwnGroupsOnly(s, group.sa.sa_family);
-    return group.sa.sa_family != AF_INET6 || chooseInterface(s, group, interfaceAddress);
+    if (group.sa.sa_family == AF_INET6)
+        return chooseInterface(s, group, interfaceAddress);
+    if (interfaceAddress.protocol() != QAbstractSocket::IPv6Protocol)
+        return true;
+    ErrorCodes::setLastError(ErrorCodes::kNoDevice); // as 0.0.0.0 it would be the system's choice
+    return false;
 }
 
 bool join(int s, const NuvikaLLSock::ADDR_V4_V6& group, const QHostAddress& interfaceAddress)

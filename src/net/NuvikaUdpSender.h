@@ -18,8 +18,8 @@
 /// Copies share the socket, and that it is bound; each has its own errorString(). The last of them closes it.
 /// close() lets go of one copy's share: the others go on sending.
 ///
-/// Threads: one at a time for all copies together; no event loop is needed. sendTo() and the other calls run
-/// on a worker thread while the caller waits, which costs some microseconds: video goes by sendMany().
+/// Threads: one at a time for all copies together; no event loop is needed. Calls are made at once, on the
+/// calling thread; only a sendTo() that has to wait does so on a worker.
 ///
 /// Errors: false, with errorString(). The socket stays usable; after a close, or where construction failed,
 /// the next bind, option or send makes a new one.

@@ -81,6 +81,12 @@ TEST(HttpMessageReader, ReadsEveryFraming)
         kOk + "transfer-encoding: chunked\r\ncontent-length: 1\r\n\r\n2\nab\n0\n\n", "H200 C(ab) E cut");
     expectReads("HTTP/1.1 200 OK\nA: 1\n\r\nbody", "H200 C(body) end");
     expectReads(kOk + "content-length: 9\r\n\r\nshort", "H200 C(short) cut");
+    for (const char* coding : {"Chunked", "identity, chunked", "gzip,CHUNKED"}) { // would wait for ever else
+        expectReads(
+            kOk + "Transfer-Encoding: " + coding + "\r\n\r\n3\r\nabc\r\n0\r\n\r\n", "H200 C(abc) E cut");
+        expectReads(
+            kOk + "content-length: 2\r\nTransfer-Encoding: " + coding + "\r\n\r\nab", "H200 C(ab) E cut");
+    }
 }
 
 TEST(HttpMessageReader, ReadsMultipartAsCamerasSendIt)

@@ -520,3 +520,9 @@ TEST(BufferSocketMillion, PlainQueued) { exchange<BufferSocketQueued>(false, kMa
 TEST(BufferSocketMillion, EncryptedQueued) { exchange<BufferSocketQueued>(true, kMany); }
 TEST(BufferSocketMillion, PlainFixedFifo) { exchange<BufferSocketFixedFifo>(false, kMany); }
 TEST(BufferSocketMillion, EncryptedFixedFifo) { exchange<BufferSocketFixedFifo>(true, kMany); }
+
+// A parent is no flag.
+static_assert(!std::is_constructible_v<BufferSocketQueued, QObject*>);
+static_assert(!std::is_constructible_v<BufferSocketFixedFifo, NuvikaTcpSocket*>);
+static_assert(std::is_constructible_v<BufferSocketQueued, bool, QObject*>);
+static_assert(std::is_constructible_v<BufferSocketFixedFifo, bool>);

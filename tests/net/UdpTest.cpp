@@ -418,9 +418,10 @@ TEST(UdpReceiver, HearsAnIPv6GroupOnTheChosenInterfaceOnly)
 
 TEST(UdpReceiver, RefusesAnInterfaceThatIsNotThere)
 {
-    for (const auto& [group, interface] : {std::pair("239.255.77.1", "203.0.113.9"),
-             std::pair("ff12::77:1", "2001:db8::9"), std::pair("ff15::77:1", "2001:db8::9"),
-             std::pair("ff15::77:1", "fe80::9%none"), std::pair("ff15::77:1", "fe80::9%9999")}) {
+    for (const auto& [group, interface] :
+        {std::pair("239.255.77.1", "203.0.113.9"), std::pair("239.255.77.1", "::1"),
+            std::pair("ff12::77:1", "2001:db8::9"), std::pair("ff15::77:1", "2001:db8::9"),
+            std::pair("ff15::77:1", "fe80::9%none"), std::pair("ff15::77:1", "fe80::9%9999")}) {
         NuvikaUdpReceiver receiver;
         LogCapture log;
         unsigned short port = 0;
