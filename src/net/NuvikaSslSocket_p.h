@@ -19,7 +19,7 @@ class NuvikaSslSocket::Private final : public Nuvika::TlsOutput,
 {
 public:
     Private(NuvikaSslSocket& owner, int nSendQueueHint);
-    virtual ~Private();
+    ~Private() override;
 
     bool initialise(const Nuvika::TlsConfig& config);
     // The configuration is no good: connects fail until there is a better one.
