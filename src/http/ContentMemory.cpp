@@ -19,18 +19,18 @@ constexpr std::size_t kSpares = 16; // of a thread; of a block only what was wri
 thread_local bool t_bThreadEnds = false; // objects with static storage go later than the spares
 
 struct Spares {
-    std::vector<ContentBytes> blocks;
+    std::vector<Bytes> blocks;
     ~Spares() { t_bThreadEnds = true; }
 };
 
-std::vector<ContentBytes>& spares()
+std::vector<Bytes>& spares()
 {
     thread_local Spares t_spares;
     return t_spares.blocks;
 }
 
 // A large block grows by moving its pages, without a copy.
-void resize(ContentBytes& bytes, std::size_t size)
+void resize(Bytes& bytes, std::size_t size)
 {
     auto* moved = static_cast<char*>(std::realloc(bytes.get(), size));
     if (moved == nullptr)
@@ -39,18 +39,18 @@ void resize(ContentBytes& bytes, std::size_t size)
     bytes.reset(moved);
 }
 
-ContentBytes allocated(std::size_t size)
+Bytes allocated(std::size_t size)
 {
-    ContentBytes bytes;
+    Bytes bytes;
     resize(bytes, size);
     return bytes;
 }
 
-ContentBytes takeSpare()
+Bytes takeSpare()
 {
     if (spares().empty())
         return allocated(kSpareSize);
-    ContentBytes bytes = std::move(spares().back());
+    Bytes bytes = std::move(spares().back());
     spares().pop_back();
     return bytes;
 }
@@ -75,7 +75,7 @@ void ContentMemory::reserve(std::size_t size)
     if (m_nCapacity > kSpareSize) {
         resize(m_pBytes, capacity);
     } else {
-        ContentBytes bytes = capacity == kSpareSize ? takeSpare() : allocated(capacity);
+        Bytes bytes = capacity == kSpareSize ? takeSpare() : allocated(capacity);
         if (m_nSize > 0)
             std::memcpy(bytes.get(), m_pBytes.get(), m_nSize);
         giveBack();

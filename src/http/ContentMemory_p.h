@@ -5,19 +5,13 @@
 #pragma once
 
 #include "net/ReceivePlacer_p.h" // iovec
+#include "platform/Bytes_p.h"
 
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
 #include <utility>
 
 namespace Nuvika
 {
-struct FreeContent {
-    void operator()(char* bytes) const { std::free(bytes); }
-};
-using ContentBytes = std::unique_ptr<char, FreeContent>; // not initialised
-
 class ContentMemory
 {
 public:
@@ -44,7 +38,7 @@ private:
     void reserve(std::size_t size);
     void giveBack();
 
-    ContentBytes m_pBytes;
+    Bytes m_pBytes;
     std::size_t m_nCapacity = 0;
     std::size_t m_nSize = 0;
     std::size_t m_nExpected = 0;

@@ -3,9 +3,10 @@
 // (udp(7), UDP_SEGMENT and UDP_GRO).
 #pragma once
 
+#include "platform/Bytes_p.h"
+
 #include <array>
 #include <cstddef>
-#include <memory>
 
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -26,7 +27,7 @@ public:
         bool bTruncated;
     };
 
-    DatagramBatch();
+    DatagramBatch() = default;
     DatagramBatch(const DatagramBatch&) = delete;
     DatagramBatch& operator=(const DatagramBatch&) = delete;
 
@@ -53,13 +54,14 @@ private:
         alignas(8) std::array<unsigned char, 24> control;
     };
 
+    bool allocate();
     void prepare(std::size_t i);
     std::size_t segmentSize(const mmsghdr& message) const;
 
     std::array<mmsghdr, kMessages> m_messages{};
     std::array<iovec, kMessages> m_ranges{};
     std::array<Envelope, kMessages> m_envelopes{};
-    std::unique_ptr<char[]> m_memory; // only touched where something is received
+    Bytes m_memory; // only touched where something is received
     std::size_t m_nMessages = 0;
     std::size_t m_nNext = 0; // the message that is being read,
     std::size_t m_nRead = 0; // how many of its bytes have been,

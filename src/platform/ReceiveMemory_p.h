@@ -2,9 +2,9 @@
 // an event loop of its own needs a second one), kept for reuse, the last used one first: it is in the cache.
 #pragma once
 
+#include "platform/Bytes_p.h"
+
 #include <cstddef>
-#include <memory>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -40,19 +40,19 @@ public:
 
     private:
         ReceiveMemory* m_pOwner = nullptr;
-        std::unique_ptr<char[]> m_pBytes;
+        Bytes m_pBytes;
     };
 
 private:
-    std::unique_ptr<char[]> get()
+    Bytes get()
     {
         if (m_idle.empty())
-            return std::unique_ptr<char[]>(new (std::nothrow) char[kSize]); // not initialised
-        std::unique_ptr<char[]> bytes = std::move(m_idle.back());
+            return tryAllocate(kSize);
+        Bytes bytes = std::move(m_idle.back());
         m_idle.pop_back();
         return bytes;
     }
 
-    std::vector<std::unique_ptr<char[]>> m_idle;
+    std::vector<Bytes> m_idle;
 };
 } // namespace Nuvika

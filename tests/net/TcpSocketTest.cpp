@@ -1,5 +1,6 @@
 #include "support/EventLoop.h"
 #include "support/LogCapture.h"
+#include "support/OwnThread.h"
 #include "support/RawPeer.h"
 #include "support/Seams.h"
 
@@ -274,6 +275,21 @@ TEST(TcpSocket, ASocketDestroyedWhileConnectingInAnEndedThreadLeavesNothing)
     qtHookData[kAdd] = previous[0];
     qtHookData[kRemove] = previous[1];
     EXPECT_EQ(nLeft, 0) << "objects that wait for a loop that will not run again";
+}
+
+TEST(TcpSocket, WithoutMemoryToReceiveTheConnectionEndsWithAnError)
+{
+    inOwnThread([] { // whose port has no buffers yet
+        for (const int refused : {1, 0}) {
+            Tcp tcp;
+            tcp.open();
+            seams::allocating.arm(refused, ENOMEM);
+            tcp.peer.write("bytes");
+            EXPECT_TRUE(waitFor([&] { return tcp.received == "bytes" || tcp.events.size() == 2; }));
+            EXPECT_EQ(
+                tcp.events.last(), refused > 0 ? QStringLiteral("error 10055") : QStringLiteral("connected"));
+        }
+    });
 }
 
 TEST(TcpSocket, FailingSystemCallsAreReportedAndNothingElse)

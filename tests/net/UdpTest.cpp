@@ -1,6 +1,7 @@
 #include "support/EventLoop.h"
 #include "support/LogCapture.h"
 #include "support/OwnNetwork.h"
+#include "support/OwnThread.h"
 #include "support/RawPeer.h"
 #include "support/Seams.h"
 
@@ -498,6 +499,21 @@ TEST(UdpReceiver, GoesOnAfterAFailedReceive)
     ASSERT_TRUE(receiver.waitForCount(51));
     EXPECT_EQ(log.count("NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; ", QtWarningMsg), 2)
         << "a new failure is told again";
+}
+
+TEST(UdpReceiver, ReceivesWhatWaitedOnceThereIsMemory)
+{
+    inOwnThread([] { // whose port has no buffers yet
+        Bound receiver;
+        RawSender sender;
+        LogCapture log;
+        seams::allocating.arm(2, ENOMEM);
+        for (int i = 0; i < 50; ++i)
+            sender.send(QByteArray::number(i), receiver.port);
+        EXPECT_TRUE(receiver.waitForCount(50));
+        EXPECT_LE(seams::allocating.nTimes, 0);
+        EXPECT_EQ(log.count("NuvikaUdpReceiverIO::RecvCompletion(): WSARecvFrom failed; ", QtWarningMsg), 1);
+    });
 }
 
 TEST(UdpSender, BindsByItselfAndSends)

@@ -1,5 +1,7 @@
 #include "support/Seams.h"
 
+#include "platform/Bytes_p.h"
+
 #include <QtCore/QStringView>
 
 #include <openssl/evp.h>
@@ -34,6 +36,7 @@ Fault registering;
 Fault portCreation;
 Fault sendingRuns;
 Fault growing;
+Fault allocating;
 std::atomic<long long> hexDigitsRead{0};
 
 Fault& crypto(const char* function)
@@ -310,4 +313,12 @@ NUVIKA_WRAP_CRYPTO(SSL_CTX_set_default_verify_paths, (SSL_CTX * c), (c))
 NUVIKA_WRAP_CRYPTO(SSL_CTX_load_verify_file, (SSL_CTX * c, const char* file), (c, file))
 NUVIKA_WRAP_CRYPTO(X509_VERIFY_PARAM_set1_host, (X509_VERIFY_PARAM * p, const char* n, size_t s), (p, n, s))
 NUVIKA_WRAP_CRYPTO(X509_VERIFY_PARAM_set1_ip_asc, (X509_VERIFY_PARAM * p, const char* a), (p, a))
+}
+
+// Names given by hand: no function of C returns such a value.
+Nuvika::Bytes realTryAllocate(std::size_t size) __asm__("__real__ZN6Nuvika11tryAllocateEm");
+Nuvika::Bytes wrapTryAllocate(std::size_t size) __asm__("__wrap__ZN6Nuvika11tryAllocateEm");
+Nuvika::Bytes wrapTryAllocate(std::size_t size)
+{
+    return seams::allocating.fires() ? Nuvika::Bytes() : realTryAllocate(size);
 }

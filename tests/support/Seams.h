@@ -71,6 +71,7 @@ struct Exempt {
 };
 
 extern Fault growing; // of blocks of memory
+extern Fault allocating; // blocks that may not be had
 extern std::atomic<long long> hexDigitsRead; // counted where texts are decoded
 // Steps of the crypto library, by the name of its function.
 Fault& crypto(const char* function);

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <new>
 
 #include <netinet/in.h>
 #include <netinet/udp.h>
@@ -27,12 +26,19 @@ int uninterrupted(Call call)
 
 // --- receiving -----------------------------------------------------------------------------------------
 
-DatagramBatch::DatagramBatch() : m_memory(new (std::nothrow) char[kMessages * kStride])
+// With the first receive, and again until there is memory.
+bool DatagramBatch::allocate()
 {
+    m_memory = tryAllocate(kMessages * kStride);
+    if (!m_memory) {
+        ErrorCodes::setLastError(ErrorCodes::kNoBuffers);
+        return false;
+    }
     for (std::size_t i = 0; i < kMessages; ++i) {
         m_ranges[i] = {m_memory.get() + i * kStride, kMessageSize};
         prepare(i);
     }
+    return true;
 }
 
 void DatagramBatch::acceptRuns(int s)
@@ -59,10 +65,8 @@ bool DatagramBatch::receive(int s)
     m_nMessages = 0;
     m_nNext = 0;
     m_nRead = 0;
-    if (!m_memory) {
-        ErrorCodes::setLastError(ErrorCodes::fromErrno(ENOMEM));
+    if (!m_memory && !allocate())
         return false;
-    }
     const int got
         = uninterrupted([&] { return recvmmsg(s, m_messages.data(), kMessages, MSG_DONTWAIT, nullptr); });
     if (got < 0)
