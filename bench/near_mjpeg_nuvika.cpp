@@ -1,5 +1,6 @@
 // The library's side of the MJPEG rows: an HttpClient for each camera, as its users write it.
 #include "Pictures.h"
+#include "TunedBuffers.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
@@ -23,6 +24,7 @@ int main(int argc, char** argv)
             });
         QObject::connect(camera, &HttpClient::requestFailed, [] { std::exit(1); });
         QObject::connect(camera, &HttpClient::requestFinished, [] { std::exit(1); });
+        leaveBuffersToTheKernel(*camera);
         camera->get(QStringLiteral("/pictures"), QString(), QString(), true);
     }
     return QCoreApplication::exec();

@@ -11,13 +11,14 @@ using namespace bench;
 int main(int argc, char** argv)
 {
     const Arguments a(argc, argv);
+    const bool bMedium = a.variant == "medium"; // the buffers of that profile
     const std::size_t readSize
-        = a.variant.empty() ? 1 << 16 : static_cast<std::size_t>(std::atoll(a.variant.c_str()));
+        = a.variant.empty() || bMedium ? 1 << 16 : static_cast<std::size_t>(std::atoll(a.variant.c_str()));
     std::vector<char> buffer(readSize);
     std::vector<std::pair<int, PartReader>> cameras;
     const int ep = epoll_create1(EPOLL_CLOEXEC);
     for (int i = 0; i < a.connections; ++i) {
-        cameras.emplace_back(rawConnect(a.port), PartReader(a));
+        cameras.emplace_back(rawConnect(a.port, bMedium), PartReader(a));
         writeAll(cameras.back().first, kPicturesRequest, sizeof kPicturesRequest - 1);
         epoll_event event{EPOLLIN, {}};
         event.data.u32 = static_cast<unsigned int>(i);

@@ -74,7 +74,7 @@ NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_
     disableNonBlocking();
     Sockets::setNoDelay(nSocket);
     Sockets::setUrgentInline(nSocket);
-    setLoadProfile(sendProfile, recvProfile, nSendQueueHint);
+    setLoadProfile(sendProfile, recvProfile, nSendQueueHint, buffers);
     if (buffers == NuvikaTcpSocket::eAsProfile)
         setSystemBuffers(kReceiveProfiles[profileIndex(recvProfile)].nSocketBuffer,
             kSendProfiles[profileIndex(sendProfile)].nSocketBuffer);
@@ -91,14 +91,17 @@ void NuvikaTcpSocketIO::disableNonBlocking()
         NUVIKA_CRITICAL(lcNet, "NuvikaTcpSocketIO::disableNonBlocking() failed");
 }
 
-void NuvikaTcpSocketIO::setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint)
+void NuvikaTcpSocketIO::setLoadProfile(
+    LOAD_PROFILE send, LOAD_PROFILE recv, int nHint, NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
 {
     const SendProfile& sendValues = kSendProfiles[profileIndex(send)];
     const ReceiveProfile& recvValues = kReceiveProfiles[profileIndex(recv)];
     m_nSendSize = sendValues.nSendSize;
     m_nReceiveSize = recvValues.nReceiveSize;
+    // A reader of ours takes what two receives would, or all that the system may hold: each receive from a
+    // full tuned buffer opens the window a little, and pays for the segments that this brings.
     if (m_pPlacer != nullptr)
-        m_nReceiveSize = std::min(2 * m_nReceiveSize, ReceiveMemory::kSize);
+        m_nReceiveSize = buffers == NuvikaTcpSocket::eTuned ? ReceiveMemory::kSize : 2 * m_nReceiveSize;
     m_nFifoChunks
         = nHint >= 1 ? static_cast<unsigned int>(nHint) / sendValues.nChunkSize + 1 : sendValues.nChunks;
 }

@@ -59,7 +59,8 @@ private:
     ~NuvikaTcpSocketIO() override;
 
     void disableNonBlocking();
-    void setLoadProfile(LOAD_PROFILE send, LOAD_PROFILE recv, int nHint);
+    void setLoadProfile(
+        LOAD_PROFILE send, LOAD_PROFILE recv, int nHint, NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
     void setSystemBuffers(int nReceive, int nSend);
     void postReceives();
     void queue(const KepNuvikaUtil::BUFFER* buffers, int count);

@@ -14,7 +14,7 @@ class ReceiveMemory
 {
 public:
     // The most that one receive takes. Of a buffer only what receives have filled costs memory.
-    static constexpr std::size_t kSize = 524288;
+    static constexpr std::size_t kSize = 2 * 1024 * 1024;
 
     class Lease
     {
