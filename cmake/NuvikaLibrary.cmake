@@ -29,7 +29,7 @@ target_compile_definitions(nuvika_objects PRIVATE KEPNUVIKAUTIL_BUILD)
 # Exported functions are inlined into each other as the hidden ones are: nobody replaces them.
 target_compile_options(nuvika_objects PRIVATE -fno-semantic-interposition)
 target_include_directories(nuvika_objects PUBLIC "${NUVIKA_INCLUDE_DIR}" PRIVATE "${NUVIKA_SOURCE_DIR}")
-target_link_libraries(nuvika_objects PUBLIC Qt5::Core Qt5::Network Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto nuvika_flags)
+target_link_libraries(nuvika_objects PUBLIC Qt5::Core Qt5::Network Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::GLIB nuvika_flags)
 
 add_library(KepNuvikaUtil SHARED $<TARGET_OBJECTS:nuvika_objects>)
 add_library(KepNuvikaUtil::KepNuvikaUtil ALIAS KepNuvikaUtil)
@@ -37,7 +37,7 @@ set_target_properties(KepNuvikaUtil PROPERTIES VERSION ${PROJECT_VERSION} SOVERS
   AUTOMOC OFF)
 target_include_directories(KepNuvikaUtil INTERFACE
   $<BUILD_INTERFACE:${NUVIKA_INCLUDE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-target_link_libraries(KepNuvikaUtil PUBLIC Qt5::Core Qt5::Network PRIVATE OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+target_link_libraries(KepNuvikaUtil PUBLIC Qt5::Core Qt5::Network PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::GLIB Threads::Threads)
 if(NUVIKA_SANITIZE)
   target_link_options(KepNuvikaUtil PRIVATE -fsanitize=${NUVIKA_SANITIZE})
 else()
@@ -52,7 +52,7 @@ add_library(nuvika_static STATIC $<TARGET_OBJECTS:nuvika_objects>)
 set_target_properties(nuvika_static PROPERTIES AUTOMOC OFF)
 target_include_directories(nuvika_static PUBLIC "${NUVIKA_INCLUDE_DIR}" "${NUVIKA_SOURCE_DIR}")
 target_compile_definitions(nuvika_static PUBLIC KEPNUVIKAUTIL_BUILD)
-target_link_libraries(nuvika_static PUBLIC Qt5::Core Qt5::Network OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+target_link_libraries(nuvika_static PUBLIC Qt5::Core Qt5::Network OpenSSL::SSL OpenSSL::Crypto PkgConfig::GLIB Threads::Threads)
 
 install(TARGETS KepNuvikaUtil EXPORT KepNuvikaUtilTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${NUVIKA_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KepNuvikaUtil)

@@ -2,6 +2,8 @@
 //
 //     Qt's dispatcher --(one QSocketNotifier)--> epoll descriptor --> the thread's sockets + one eventfd
 //
+// Where GLib drives the loop, the port's epoll_wait takes the place of its poll (linux/LoopWait_p.h).
+//
 // What the port promises:
 // 1. A posted transfer completes exactly once, on the posting thread, only from inside that thread's event
 //    loop, never inside the call that posted it.
@@ -219,6 +221,7 @@ public:
 private:
     friend class Channel;
     class Notifier;
+    class LoopWait;
     struct ThreadSlot;
 
     static void endCurrent();
@@ -237,7 +240,7 @@ private:
     Channel* takeFirstInLine();
     void wakeBeforePoll();
     void passWithoutDescriptors();
-    bool fetch();
+    int fetch(int timeoutMs);
     void pass();
     std::shared_ptr<DatagramBatch> takeBatch();
     void serveRound(std::size_t channels, PassBudget& budget);
@@ -246,6 +249,8 @@ private:
     int m_nEpoll = -1;
     int m_nWake = -1;
     bool m_bArmed = false;
+    bool m_bFetched = false; // all that the kernel announces is in line
+    bool m_bLoopWoken = false; // by another thread
     bool m_bEnded = false;
     Channel* m_pFirst = nullptr;
     Channel* m_pLast = nullptr;

@@ -8,10 +8,12 @@
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QEventLoop>
+#include <QtCore/QSocketNotifier>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
 
 #include <functional>
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <vector>
@@ -467,4 +469,89 @@ TEST(CompletionPort, ANestedLoopReceivesIntoMemoryOfItsOwn)
     ASSERT_TRUE(waitFor([&] { return outer.done.size() == 1; }));
     outer.channel->close();
     inner.channel->close();
+}
+
+// --- waiting in the place of GLib's poll ---------------------------------------------------------------
+
+namespace
+{
+GPollFunc waitOfThisThread()
+{
+    GMainContext* context = g_main_context_ref_thread_default();
+    const GPollFunc function = g_main_context_get_poll_func(context);
+    g_main_context_unref(context);
+    return function;
+}
+
+int strangersWaits = 0;
+int strangersWait(GPollFD* polled, unsigned int count, int timeout)
+{
+    ++strangersWaits;
+    return g_poll(polled, count, timeout);
+}
+
+bool servesOneByte(End& end)
+{
+    const std::size_t before = end.done.size();
+    end.receive(0);
+    end.peer.write("x");
+    return waitFor([&] { return end.done.size() > before; });
+}
+} // namespace
+
+TEST(CompletionPort, OtherThreadsTimersAndNotifiersWakeALoopThatItWaitsFor)
+{
+    if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib"))
+        GTEST_SKIP() << "Qt's loop is not GLib's";
+    inOwnThread([] {
+        QEventLoop loop;
+        End end;
+        EXPECT_NE(waitOfThisThread(), &g_poll);
+        EXPECT_TRUE(servesOneByte(end));
+
+        QObject here;
+        const std::unique_ptr<QThread> other(QThread::create([&] {
+            QMetaObject::invokeMethod(
+                &here, [&loop] { loop.quit(); }, Qt::QueuedConnection);
+        }));
+        QTimer::singleShot(0, [&other] { other->start(); });
+        loop.exec(); // nothing but the other thread ends it
+        other->wait();
+
+        for (int round = 0; round < 2; ++round) { // the second descriptor has the number of the first
+            End stranger;
+            QSocketNotifier notifier(stranger.peer.fd(), QSocketNotifier::Read);
+            bool bTold = false;
+            QObject::connect(&notifier, &QSocketNotifier::activated, [&] {
+                bTold = true;
+                notifier.setEnabled(false);
+            });
+            stranger.send(0, "y", 1);
+            EXPECT_TRUE(waitFor([&] { return bTold; })) << "round " << round;
+            EXPECT_TRUE(servesOneByte(end)) << "beside a notifier, round " << round;
+            stranger.channel->close();
+        }
+        EXPECT_TRUE(servesOneByte(end));
+        end.channel->close();
+    });
+}
+
+TEST(CompletionPort, LeavesALoopToWhoeverWaitsForItAlready)
+{
+    if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib"))
+        GTEST_SKIP() << "Qt's loop is not GLib's";
+    inOwnThread([] {
+        QEventLoop loop; // Qt makes the thread's context
+        loop.processEvents();
+        GMainContext* context = g_main_context_ref_thread_default();
+        g_main_context_set_poll_func(context, &strangersWait);
+        strangersWaits = 0;
+        End end;
+        EXPECT_TRUE(servesOneByte(end));
+        EXPECT_EQ(g_main_context_get_poll_func(context), &strangersWait);
+        EXPECT_GT(strangersWaits, 0);
+        end.channel->close();
+        g_main_context_set_poll_func(context, nullptr);
+        g_main_context_unref(context);
+    });
 }

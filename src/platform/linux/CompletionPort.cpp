@@ -2,6 +2,7 @@
 
 #include "platform/ErrorCodes_p.h"
 #include "platform/PassBudget_p.h"
+#include "platform/linux/LoopWait_p.h"
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
@@ -25,16 +26,19 @@ constexpr std::size_t kKeptBatches = 4; // of those that nested event loops need
 constexpr std::uint64_t kFetchIntervalNs = 50'000; // a short round need not ask the kernel for more
 } // namespace
 
-// What Qt's dispatcher sees. It also listens for the moments in which the loop may go to sleep.
+// What Qt's dispatcher sees. Where the port does not wait by itself, it listens for the moments in which the
+// loop may go to sleep.
 class CompletionPort::Notifier : public QSocketNotifier
 {
 public:
     Notifier(CompletionPort& port, int descriptor, QAbstractEventDispatcher* loop)
-        : QSocketNotifier(descriptor, QSocketNotifier::Read), m_port(port)
+        : QSocketNotifier(descriptor, QSocketNotifier::Read), m_port(port), m_pWait(LoopWait::attach(port))
     {
-        const auto wake = [&port] { port.wakeBeforePoll(); };
-        connect(loop, &QAbstractEventDispatcher::aboutToBlock, this, wake, Qt::DirectConnection);
-        connect(loop, &QAbstractEventDispatcher::awake, this, wake, Qt::DirectConnection);
+        if (!m_pWait) {
+            const auto wake = [&port] { port.wakeBeforePoll(); };
+            connect(loop, &QAbstractEventDispatcher::aboutToBlock, this, wake, Qt::DirectConnection);
+            connect(loop, &QAbstractEventDispatcher::awake, this, wake, Qt::DirectConnection);
+        }
         // The port goes with its thread's loop; a direct call, in the thread that ends.
         connect(
             QThread::currentThread(), &QThread::finished, this, [] { endCurrent(); }, Qt::DirectConnection);
@@ -50,6 +54,7 @@ public:
 
 private:
     CompletionPort& m_port;
+    const std::unique_ptr<LoopWait> m_pWait;
 };
 
 struct CompletionPort::ThreadSlot {
@@ -120,8 +125,10 @@ void CompletionPort::closeDescriptors()
 
 void CompletionPort::attachToLoop()
 {
+    if (m_pNotifier || m_bEnded || m_nEpoll < 0)
+        return;
     QAbstractEventDispatcher* loop = QAbstractEventDispatcher::instance();
-    if (m_pNotifier || m_bEnded || m_nEpoll < 0 || loop == nullptr)
+    if (loop == nullptr)
         return;
     m_pNotifier = std::make_unique<Notifier>(*this, m_nEpoll, loop);
     const QCoreApplication* application = QCoreApplication::instance();
@@ -252,19 +259,22 @@ void CompletionPort::wakeBeforePoll()
     m_bArmed = ::write(m_nWake, &one, sizeof one) == sizeof one;
 }
 
-// Puts the sockets that the kernel announces in line; true when there may be more of them.
-bool CompletionPort::fetch()
+// Puts the sockets that the kernel announces in line. Returns what epoll_wait did.
+int CompletionPort::fetch(int timeoutMs)
 {
     std::array<epoll_event, kEventsPerFetch> events;
-    const int count = epoll_wait(m_nEpoll, events.data(), static_cast<int>(events.size()), 0);
+    const int count = epoll_wait(m_nEpoll, events.data(), static_cast<int>(events.size()), timeoutMs);
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
         if (event.data.ptr == nullptr)
             m_bArmed = false;
+        else if (event.data.ptr == &m_bLoopWoken)
+            m_bLoopWoken = true;
         else
             static_cast<Channel*>(event.data.ptr)->ready(event.events);
     }
-    return count == static_cast<int>(events.size());
+    m_bFetched = count < static_cast<int>(events.size());
+    return count;
 }
 
 void CompletionPort::pass()
@@ -272,15 +282,20 @@ void CompletionPort::pass()
     const std::shared_ptr<CompletionPort> self = shared_from_this(); // a handler may end the thread's port
     completeQuietSends();
     PassBudget budget;
-    std::uint64_t nextFetch = budget.now();
+    std::uint64_t nextFetch = budget.now() + (m_bFetched ? kFetchIntervalNs : 0);
     do {
         if (budget.now() >= nextFetch) {
-            while (fetch()) { }
+            do
+                fetch(0);
+            while (!m_bFetched);
             nextFetch = budget.now() + kFetchIntervalNs;
         }
+        m_bFetched = false;
         serveRound(m_nInLine, budget);
+        if (m_pFirst == nullptr)
+            return;
         budget.readClock();
-    } while (m_pFirst != nullptr && !budget.isSpent());
+    } while (!budget.isSpent());
 }
 
 std::shared_ptr<DatagramBatch> CompletionPort::takeBatch()
