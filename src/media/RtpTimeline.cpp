@@ -14,6 +14,7 @@ constexpr qint64 kJumpUs = 10 * kSecondUs;
 constexpr qint64 kWindowUs = 8 * kSecondUs; // in which a difference is made up
 constexpr qint64 kPaceToleranceUs = 50000;
 constexpr qint64 kSenderToleranceUs = 5000;
+constexpr qint64 kClockStepUs = 300000;
 constexpr qint64 kWallToleranceUs = 1000;
 
 qint64 scaled(qint64 value, qint64 numerator, qint64 denominator)
@@ -129,13 +130,16 @@ bool RtpTimeline::senderReport(
         return false;
     const auto clock = static_cast<quint64>(*ticks);
     const NTPTimestamp before = t->senderClock.clockToNtp(clock);
-    const bool bMoved = t->senderClock.hasTimeBase() && qAbs(differenceUs(before, ntp)) > m_stepBoundUs;
+    const qint64 errorUs = differenceUs(ntpOf(arrival.wallUs), ntp);
     // A clock at the bound does not go to and fro.
-    const qint64 boundUs
-        = t->bBelieved || !t->senderClock.hasTimeBase() ? m_clockBoundUs : m_clockBoundUs / 2;
-    t->bBelieved = qAbs(differenceUs(ntpOf(arrival.wallUs), ntp)) <= boundUs;
-    if (bMoved)
-        moveSenderClocks(before, ntp, t->bBelieved);
+    const bool bFirst = !t->senderClock.hasTimeBase();
+    t->bBelieved = qAbs(errorUs) <= (t->bBelieved || bFirst ? m_clockBoundUs : m_clockBoundUs / 2);
+    // Set, not only delayed on its way (our clock would differ alone), or a media clock of a wrong pace (its
+    // own would).
+    const qint64 stepUs = differenceUs(before, ntp);
+    const qint64 changeUs = errorUs - std::exchange(t->clockErrorUs, errorUs);
+    if (!bFirst && std::min(qAbs(stepUs), qAbs(changeUs)) > kClockStepUs && (stepUs > 0) == (changeUs > 0))
+        moveSenderClocks(*t, ntp - before);
     t->senderClock.setTimeBase(ntp, clock);
     if (!m_senderOffsetUs)
         m_senderEpoch = ntp;
@@ -144,16 +148,17 @@ bool RtpTimeline::senderReport(
 
 // The camera has set its clock: it is that of all tracks, whose reports come one after the other. Their
 // places on the line stay.
-void RtpTimeline::moveSenderClocks(NTPTimestamp from, NTPTimestamp to, bool bBelieved)
+void RtpTimeline::moveSenderClocks(const Track& mover, NTPTimestamp step)
 {
     for (Track& track : m_tracks) {
         if (!track.senderClock.hasTimeBase())
             continue;
         const auto clock = static_cast<quint64>(track.ticks);
-        track.senderClock.setTimeBase(track.senderClock.clockToNtp(clock) + (to - from), clock);
-        track.bBelieved = bBelieved;
+        track.senderClock.setTimeBase(track.senderClock.clockToNtp(clock) + step, clock);
+        track.bBelieved = mover.bBelieved;
+        track.clockErrorUs = mover.clockErrorUs;
     }
-    m_senderEpoch += to - from;
+    m_senderEpoch += step;
 }
 
 qint64 RtpTimeline::senderUs(const Track& track, qint64 ticks) const

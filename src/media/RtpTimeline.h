@@ -92,6 +92,7 @@ private:
         qint64 shownUs = 0;
         qint64 wallOffsetUs = 0;
         ClockToNtpMapper64 senderClock;
+        qint64 clockErrorUs = 0; // of the camera's wall clock, at the last report
         Pace pace;
     };
 
@@ -100,7 +101,7 @@ private:
     static qint64 unwrap(Track& track, quint32 rtpTimestamp, qint64 nowUs);
     std::optional<qint64> senderLineUs(const Track& track, qint64 ticks, qint64 arrivalLineUs) const;
     qint64 senderUs(const Track& track, qint64 ticks) const;
-    void moveSenderClocks(NTPTimestamp from, NTPTimestamp to, bool bBelieved);
+    void moveSenderClocks(const Track& mover, NTPTimestamp step);
     void beginRun(Track& track, qint64 arrivalLineUs);
     void present(Track& track, const RtpArrival& arrival);
     void followSenders(Track& track, qint64 advanceUs, const RtpArrival& arrival);
