@@ -25,7 +25,6 @@ struct SdpParameter {
 struct SdpConnection {
     QString address; ///< a number or a name; empty: none
     int ttl = -1; ///< of an IPv4 group; -1: none
-    bool isMulticast() const { return bMulticast; }
     bool bMulticast = false;
 };
 
@@ -75,7 +74,7 @@ struct KEPNUVIKAUTIL_EXPORT SdpMedia {
 /// A payload type means what its "rtpmap" says, else what RFC 3551 (table 4 and 5) says.
 ///
 /// Bounds: the first 1 MiB of the text, 4,096 lines, 32 media sections, in each 128 formats of 256
-/// parameters; isCut() tells when there was more. Time is linear in the text. Threads: a plain value.
+/// parameters; bCut tells when there was more. Time is linear in the text. Threads: a plain value.
 struct KEPNUVIKAUTIL_EXPORT SdpDescription {
     static constexpr int kMaxSize = 1 << 20;
     static constexpr int kMaxLines = 4096;
@@ -88,12 +87,11 @@ struct KEPNUVIKAUTIL_EXPORT SdpDescription {
     QString control; ///< of the session, as written
     sdp_direction_t direction = eSdpSendRecv; ///< of sections that name none
     SdpConnection connection;
-    bool bCut = false;
+    bool bCut = false; ///< there was more than the bounds
 
     /// Reads UTF-8 with lines that end in any way.
     static SdpDescription read(const QByteArray& text);
 
-    bool isCut() const { return bCut; }
     QString attribute(const QString& name) const;
     /// Whether a client sets up that section: not what it is to send itself, unless all sections say so.
     bool isForClient(int index) const;
