@@ -19,6 +19,6 @@ inline SequenceStep sequenceStep(quint16 distance)
 {
     if (distance < kMaxDropout)
         return SequenceStep::eForward;
-    return distance >= quint16(0U - kMaxMisorder) ? SequenceStep::eBehind : SequenceStep::eJump;
+    return distance > quint16(0U - kMaxMisorder) ? SequenceStep::eBehind : SequenceStep::eJump;
 }
 } // namespace Nuvika

@@ -138,7 +138,7 @@ bool RtpTimeline::senderReport(
     // own would).
     const qint64 stepUs = differenceUs(before, ntp);
     const qint64 changeUs = errorUs - std::exchange(t->clockErrorUs, errorUs);
-    if (!bFirst && std::min(qAbs(stepUs), qAbs(changeUs)) > kClockStepUs && (stepUs > 0) == (changeUs > 0))
+    if (!bFirst && std::min(qAbs(stepUs), qAbs(changeUs)) > kClockStepUs)
         moveSenderClocks(*t, ntp - before);
     t->senderClock.setTimeBase(ntp, clock);
     if (!m_senderOffsetUs)

@@ -130,7 +130,9 @@ TEST(RtpReorderBuffer, DeliversInOrderAndTellsWhatIsMissing)
             "1 0 0 0 2"},
         {"a new run begins with a loss", {1, 2, 5000, 5002, 5003}, "!1 2 !5002 5003", "0 0 0 1 2"},
         {"strays among the run", {1, 2, 50000, 3, 50001, 4, 20000, 20000, 5}, "!1 2 3 4 5", "0 0 1 3 1"},
-        {"exactly 100 behind is late, 101 is a jump", {1000, 901, 899, 1001}, "!1000 1001", "0 1 0 1 1"},
+        {"99 behind the expected one is late, 100 is a jump", {1000, 902, 901, 1001}, "!1000 1001",
+            "0 1 0 1 1"},
+        {"as many are held as may be", {1, 3, 4}, "!1", "0 0 0 0 1", 2},
         {"the run ends while it is on probation", {500, 2999 + 501, 7000, 7001}, "!500 -2999 3500 !7000 7001",
             "2999 0 0 0 2"},
     };
@@ -216,6 +218,7 @@ TEST(RtpReception, CountsAsTheStandardSays)
         {"back by one is a duplicate", {500, 501, 500, 502}, "502 4 3 -1 0"},
         {"back by a thousand is a new run, not 64,536 losses", {5000, 5001, 4000, 4001, 4002},
             "4002 3 3 0 0"},
+        {"99 behind the highest counts, 100 waits", {200, 101, 100, 201}, "201 3 2 -1 0"},
         {"two strays are no run", {5, 6, 40000, 20000, 7}, "7 3 3 0 0"},
     };
     for (const Row& row : rows) {
@@ -315,10 +318,12 @@ TEST(RtcpCompound, ReadsWhatPeersSend)
             "202:1 1.1=ab 1.6=x 2.1=c;"},
         {"description without its end byte", "81ca00020000000101026162", "202:1 1.1=ab;"},
         {"description that ends before its padding", "81ca0003000000010103616263", "202:1 1.1=abc;"},
-        {"a missing end byte is no excuse for a missing word", "81ca00040000000101026162",
+        {"a missing end byte is no excuse for a missing word", "81ca00030000000101026162",
             "RTCP, byte 2: the packet is longer than what was received"},
         {"an item over the end", "80c900010000000181ca00020000000101ff6162",
             "201:1; 202:1; RTCP, byte 16: an item reaches over the end"},
+        {"an item one byte over the end", "81ca00020000000101036162",
+            "202:1; RTCP, byte 8: an item reaches over the end"},
         {"fewer chunks than counted", "82ca0003000000010102616200000000",
             "202:1 1.1=ab; RTCP, byte 16: a chunk is missing"},
         {"bye with its reason", "81cb0003000000070362796500000000", "203:7 bye 7 bye;"},

@@ -67,6 +67,7 @@ TEST(RtpTimeline, PlacesUnitsByTheirTimestamps)
             {{9000, 0, 0, true}, {27000, 40, 200, false}, {18000, 80, 200, false}, {36000, 120, 300, false}}},
         {"a clock that starts anew goes on where it arrives",
             {{900000, 0, 0, true}, {903600, 40, 40, false}, {0, 80, 80, true}, {3600, 120, 120, false}}},
+        {"three seconds back", {{900000, 0, 0, true}, {903600, 40, 40, false}, {633600, 80, 80, true}}},
         {"a jump ahead that time does not explain", {{0, 0, 0, true}, {90000 * 60, 40, 40, true}}},
         {"a minute of silence", {{0, 0, 0, true}, {90000 * 60, 60000, 60000, false}}},
         {"a minute's stall of the connection, then all at once",
@@ -166,6 +167,8 @@ TEST(RtpTimeline, ACameraThatSetsItsClockMakesANewRunOnAllTracks)
         session.stamp(0, 3600U * static_cast<quint32>(i), i * 40 * kMs);
         if (i == 50)
             session.report(0, 3600 * 50, 50 * 40 * kMs, -1500 * kMs);
+        if (i == 100) // one that was under way for 800 ms is no step
+            session.line.senderReport(0, 1, ntp(80 * 40 * kMs - 1500 * kMs), 3600 * 80, at(100 * 40 * kMs));
     }
     EXPECT_EQ(session.nRuns, 0);
     EXPECT_NEAR(session.last[0].wallUs, wallAt(2499 * 40 * kMs) - 1500 * kMs, 1100);
@@ -175,21 +178,36 @@ TEST(RtpTimeline, ACameraThatSetsItsClockMakesANewRunOnAllTracks)
 TEST(RtpTimeline, ReportsBringSoundToItsPicture)
 {
     Session session; // sound arrives 300 ms behind its picture
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 6000; ++i) {
         const qint64 us = i * 40 * kMs;
-        session.stamp(0, 3600U * static_cast<quint32>(i), us);
-        session.stamp(1, 320U * static_cast<quint32>(i), us + 300 * kMs);
-        if (i % 125 == 1) {
-            session.line.senderReport(0, 1, ntp(us), 3600U * static_cast<quint32>(i), at(us));
-            session.line.senderReport(1, 1, ntp(us), 320U * static_cast<quint32>(i), at(us + 300 * kMs));
+        const auto n = static_cast<quint32>(
+            i < 3000 ? i : 500 * 1000 + i); // at 3000 the camera starts anew, its clock at 0
+        const qint64 clockUs = i < 3000 ? us : us - 20 * 365 * 24 * kHour;
+        session.stamp(0, 3600 * n, us);
+        session.stamp(1, 320 * n, us + 300 * kMs);
+        if (i == 0 || i == 3000) {
+            EXPECT_EQ(session.last[1].presentationUs, us + 300 * kMs) << "by arrival";
         }
-        if (i == 0) {
-            EXPECT_EQ(session.last[1].presentationUs, 300 * kMs) << "by arrival";
+        if (i % 125 == 1) {
+            session.line.senderReport(0, 1, ntp(clockUs), 3600 * n, at(us));
+            session.line.senderReport(1, 1, ntp(clockUs), 320 * n, at(us + 300 * kMs));
+        }
+        if (i % 3000 == 2999) {
+            EXPECT_NEAR(session.last[1].presentationUs, session.last[0].presentationUs, 6 * kMs) << i;
+            EXPECT_NEAR(session.last[1].wallUs, session.last[0].wallUs, 7 * kMs) << i;
         }
     }
-    EXPECT_NEAR(session.last[1].presentationUs, session.last[0].presentationUs, 6 * kMs);
-    EXPECT_EQ(session.nRuns, 0);
-    EXPECT_NEAR(session.last[1].wallUs, session.last[0].wallUs, 2 * kMs);
+    EXPECT_EQ(session.nRuns, 2) << "the start anew, on each track";
+}
+
+TEST(RtpTimeline, AMediaClockThatStoodStillIsCaughtUpByANewRun)
+{
+    Session session;
+    session.stamp(0, 0, 0);
+    for (int i = 1; i < 1000; ++i) // a pause of a minute that nobody told
+        session.stamp(0, 3600U * static_cast<quint32>(i), 60 * kSecond + i * 40 * kMs);
+    EXPECT_EQ(session.nRuns, 1);
+    EXPECT_NEAR(session.last[0].presentationUs, 60 * kSecond + 999 * 40 * kMs, 100 * kMs);
 }
 
 // Hours of a camera whose media clock is too fast or slow, through a network that delays.
@@ -218,7 +236,7 @@ TEST(RtpTimeline, FollowsAClockThatDrifts)
             longest = std::max(longest, time.presentationUs - shown);
             shown = time.presentationUs;
             if (row.bReports && i % 25 == 0)
-                session.report(0, timestamp, us, static_cast<qint64>(us * (row.pace - 1)));
+                session.report(0, timestamp, us, row.pace > 1 ? static_cast<qint64>(us * (row.pace - 1)) : 0);
             ASSERT_NEAR(shown, us, row.nearUs) << row.situation << ", unit " << i;
         }
         EXPECT_EQ(session.nRuns, 0) << row.situation;

@@ -105,6 +105,7 @@ TEST(SdpDescription, ReadsAddressesOfEveryForm)
              Row{"c=In IP4 239.1.2.3/127", "239.1.2.3", 127, true},
              Row{"c=IN 10.0.0.1", "10.0.0.1", -1, false}, Row{"c=IN IPV4 ", "IPV4", -1, false},
              Row{"c=IN\nc=IN IP4 224.0.1.9/1/3", "224.0.1.9", 1, true},
+             Row{"c=IN IP4 10.0.0.1 10.0.0.2\nc=IN IP4 10.0.0.3", "10.0.0.1", -1, false},
              Row{"c=IN IP6 FF15::101/3", "FF15::101", -1, true},
              Row{"c=IN IP4 240.0.0.1/5", "240.0.0.1", -1, false},
              Row{"c=IN IP4 camera.example", "camera.example", -1, false}}) {
