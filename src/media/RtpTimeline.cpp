@@ -141,8 +141,6 @@ bool RtpTimeline::senderReport(
     if (!bFirst && std::min(qAbs(stepUs), qAbs(changeUs)) > kClockStepUs)
         moveSenderClocks(*t, ntp - before);
     t->senderClock.setTimeBase(ntp, clock);
-    if (!m_senderOffsetUs)
-        m_senderEpoch = ntp;
     return true;
 }
 
@@ -158,12 +156,12 @@ void RtpTimeline::moveSenderClocks(const Track& mover, NTPTimestamp step)
         track.bBelieved = mover.bBelieved;
         track.clockErrorUs = mover.clockErrorUs;
     }
-    m_senderEpoch += step;
+    m_senderSteps += step;
 }
 
 qint64 RtpTimeline::senderUs(const Track& track, qint64 ticks) const
 {
-    return differenceUs(m_senderEpoch, track.senderClock.clockToNtp(static_cast<quint64>(ticks)));
+    return differenceUs(m_senderSteps, track.senderClock.clockToNtp(static_cast<quint64>(ticks)));
 }
 
 // The place on the line by the sender reports, where it is not far from that of the arrival.

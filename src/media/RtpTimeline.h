@@ -111,8 +111,8 @@ private:
     qint64 m_stepBoundUs = kDefaultStepBoundUs;
     std::vector<Track> m_tracks;
     std::optional<qint64> m_startUs; // the first unit's arrival
-    NTPTimestamp m_senderEpoch; // times of senders are counted from here
-    std::optional<qint64> m_senderOffsetUs; // from there to the line
+    NTPTimestamp m_senderSteps; // that the camera's clock has made
+    std::optional<qint64> m_senderOffsetUs; // from its times without these to the line
     qint64 m_senderNearUs = 0; // when a track was last near it
     Pace m_senderPace;
 };
