@@ -1,6 +1,8 @@
-// Received datagrams, as RTP and as RTCP: every field is read, and written where writing is offered.
+// Received datagrams, as RTP, as RTCP and as compound RTCP: every field is read, and written where writing is
+// offered.
 #include <KepNuvikaUtil/RTCPPacket.h>
 #include <KepNuvikaUtil/RTPPacket.h>
+#include <KepNuvikaUtil/RtcpCompound.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -27,6 +29,33 @@ std::uint32_t readAll(const RTPPacket& packet)
         sum += packet.getHeaderExt()->length[1];
     return sum;
 }
+
+std::uint32_t readAll(RtcpCompound rtcp)
+{
+    std::uint32_t sum = 0;
+    const auto add = [&sum](std::string_view text) {
+        for (const char c : text)
+            sum += static_cast<unsigned char>(c);
+    };
+    while (rtcp.next()) {
+        check(rtcp.size() >= 4 && !rtcp.isMalformed());
+        sum += rtcp.ssrc() + rtcp.packet().getSSRC()
+            + static_cast<std::uint32_t>(rtcp.data()[rtcp.size() - 1]);
+        RtcpSenderInfo info;
+        sum += rtcp.senderInfo(&info) ? info.nOctets : 0;
+        RtcpReportBlock block;
+        for (int i = 0; rtcp.reportBlock(i, &block); ++i)
+            sum += block.nDelaySinceLastSr;
+        for (int i = 0; i < rtcp.count(); ++i)
+            sum += rtcp.byeSource(i);
+        add(rtcp.byeReason());
+        add(rtcp.appName());
+        add(rtcp.appData());
+        for (RtcpSdesItem item; rtcp.nextSdesItem(&item);)
+            add(item.text);
+    }
+    return sum + static_cast<std::uint32_t>(rtcp.errorString().size());
+}
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -36,8 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     RTCPPacket rtcp(bytes.data(), static_cast<unsigned int>(size));
     check(std::uint64_t(rtp.getHeaderSize()) + rtp.getPayloadSize() <= size);
     check(!rtp.isHeaderValid() || rtp.getPayloadSize() > 0);
-    volatile std::uint32_t sum = readAll(rtp) + rtcp.getSSRC() + rtcp.getRtpTimestamp()
-        + static_cast<std::uint32_t>(rtcp.getNtpTimestamp().toMilliseconds());
+    volatile std::uint32_t sum = readAll(rtp)
+        + readAll(RtcpCompound(bytes.data(), static_cast<unsigned int>(size))) + rtcp.getSSRC()
+        + rtcp.getRtpTimestamp() + static_cast<std::uint32_t>(rtcp.getNtpTimestamp().toMilliseconds());
     (void)sum;
     rtcp.setNtpTimestamp(NTPTimestamp::fromMilliseconds(1));
     rtcp.setRtpTimestamp(2);

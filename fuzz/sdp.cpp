@@ -1,12 +1,40 @@
-// Session descriptions: what is understood is written so that it is understood the same way again.
+// Session descriptions: what is understood is written so that it is understood the same way again; and as
+// clients read them.
 #include <KepNuvikaUtil/SDP.h>
+#include <KepNuvikaUtil/SdpDescription.h>
 
 #include <cstdint>
 #include <cstdlib>
 
+namespace
+{
+void check(bool bGood)
+{
+    if (!bGood)
+        std::abort();
+}
+
+void readAsClient(const QByteArray& text)
+{
+    const SdpDescription read = SdpDescription::read(text);
+    check(read.media.size() <= SdpDescription::kMaxMedia);
+    const QString base = QStringLiteral("rtsp://h/");
+    for (int i = 0; i < read.media.size(); ++i) {
+        const SdpMedia& media = read.media.at(i);
+        check(media.formats.size() <= SdpDescription::kMaxFormats && media.lines.first().type == 'm');
+        check(!read.trackUrl(i, base).isEmpty() && media.port >= 0 && media.port <= 65535);
+        for (const SdpFormat& format : media.formats) {
+            check(format.encoding.isEmpty() || (format.clockRate > 0 && format.channels > 0));
+            check(format.payloadType < 0 || media.format(format.payloadType) != nullptr);
+        }
+    }
+}
+} // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const QString text = QString::fromUtf8(reinterpret_cast<const char*>(data), static_cast<int>(size));
+    readAsClient(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
     SDP sdp = SDP::fromSDPString(text);
     const QString once = sdp.toString();
     if (SDP::fromSDPString(once).toString() != once)

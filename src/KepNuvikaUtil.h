@@ -43,8 +43,13 @@
 #include <KepNuvikaUtil/NuvikaUdpSender.h>
 #include <KepNuvikaUtil/RTCPPacket.h>
 #include <KepNuvikaUtil/RTPPacket.h>
+#include <KepNuvikaUtil/RtcpCompound.h>
+#include <KepNuvikaUtil/RtpReception.h>
+#include <KepNuvikaUtil/RtpReorderBuffer.h>
 #include <KepNuvikaUtil/RtpStatistics.h>
+#include <KepNuvikaUtil/RtpTimeline.h>
 #include <KepNuvikaUtil/SDP.h>
+#include <KepNuvikaUtil/SdpDescription.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 #include <KepNuvikaUtil/SocketCalls.h>
 #include <KepNuvikaUtil/SocketError.h>
