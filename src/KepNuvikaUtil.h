@@ -43,7 +43,10 @@
 #include <KepNuvikaUtil/NuvikaUdpSender.h>
 #include <KepNuvikaUtil/RTCPPacket.h>
 #include <KepNuvikaUtil/RTPPacket.h>
+#include <KepNuvikaUtil/RtpAccessUnit.h>
+#include <KepNuvikaUtil/RtpDepacketizer.h>
 #include <KepNuvikaUtil/RtpStatistics.h>
+#include <KepNuvikaUtil/RtpUnitFormat.h>
 #include <KepNuvikaUtil/SDP.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 #include <KepNuvikaUtil/SocketCalls.h>
