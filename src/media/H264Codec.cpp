@@ -124,6 +124,8 @@ private:
 
     static void readSlice(NalInfo* info, int type, const unsigned char* head, std::size_t size)
     {
+        if (size < 2) // a head alone
+            return;
         info->kind = NalKind::Slice;
         info->bKey = type == eIdr;
         info->bReference = (head[0] & 0x60) != 0;

@@ -160,14 +160,14 @@ private:
 
     static void readSlice(NalInfo* info, int type, const unsigned char* head, std::size_t size, bool bBase)
     {
+        if (size < 3) // a head alone; of zeros in front of a start code, too
+            return;
         info->kind = bBase ? NalKind::Slice : NalKind::Suffix;
         info->bKey = type >= eFirstKey && type <= eLastKey;
         info->bIntra = info->bKey;
         info->bLeading = type == eRaslN || type == eRaslR;
         info->bReference = type > eLastSubLayer || type % 2 != 0;
-        info->nSubLayer = size < 2 ? 0U : (head[1] & 7U) - 1U;
-        if (size < 3)
-            return;
+        info->nSubLayer = std::max(head[1] & 7U, 1U) - 1U;
         BitReader bits(head + 2, size - 2, true);
         info->bFirst = bits.flag();
         if (info->bKey)
