@@ -10,6 +10,8 @@
 #include <QtCore/QStringList>
 
 #include <gtest/gtest.h>
+#include <numeric>
+#include <set>
 #include <vector>
 
 namespace
@@ -455,7 +457,8 @@ TEST(RtpJpeg, MakesPicturesThatStandAlone)
 
     Stream once(payload("JPEG"));
     const std::string text = once.packets(sent + "2! 00000000418002010010000000000000bb").units();
-    const QByteArray both(text.data(), static_cast<int>(text.size()));
+    const QByteArray both = QByteArray(text.data(), static_cast<int>(text.size()))
+                                .replace('|', "00000001"); // tables are full of these
     const QByteArray quantization = "ffd8ffdb008400" + tables + "01" + tables;
     EXPECT_TRUE(both.startsWith("1KP " + quantization
         + "ffc0001108000800100301220002110103"
@@ -463,6 +466,15 @@ TEST(RtpJpeg, MakesPicturesThatStandAlone)
         << both.left(400).constData();
     EXPECT_TRUE(both.contains(" 2K " + quantization + "ffdd00040010ffc0"))
         << "the interval stands in the head";
+    // Tables for the entropy coder: each value of one has one code.
+    QByteArray codes = QByteArray::fromHex(both.mid(both.indexOf("ffc401a2") + 8, 2 * 416));
+    for (int table = 0; table < 4; ++table) {
+        const int count = std::accumulate(codes.begin() + 1, codes.begin() + 17, 0);
+        const std::set<char> values(codes.begin() + 17, codes.begin() + 17 + count);
+        EXPECT_EQ(values.size(), table % 2 == 0 ? 12U : 162U) << table;
+        codes.remove(0, 17 + count);
+    }
+    EXPECT_TRUE(codes.isEmpty());
     RtpPayloadFormat sized = payload("JPEG");
     sized.pictureSize = QSize(2592, 1944);
     EXPECT_NE(
