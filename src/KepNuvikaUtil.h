@@ -44,10 +44,13 @@
 #include <KepNuvikaUtil/RTCPPacket.h>
 #include <KepNuvikaUtil/RTPPacket.h>
 #include <KepNuvikaUtil/RtcpCompound.h>
+#include <KepNuvikaUtil/RtpAccessUnit.h>
+#include <KepNuvikaUtil/RtpDepacketizer.h>
 #include <KepNuvikaUtil/RtpReception.h>
 #include <KepNuvikaUtil/RtpReorderBuffer.h>
 #include <KepNuvikaUtil/RtpStatistics.h>
 #include <KepNuvikaUtil/RtpTimeline.h>
+#include <KepNuvikaUtil/RtpUnitFormat.h>
 #include <KepNuvikaUtil/SDP.h>
 #include <KepNuvikaUtil/SdpDescription.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
