@@ -1,5 +1,8 @@
 #include "media/PictureCollector_p.h"
 
+#include "media/SupplementalMessages_p.h"
+
+#include <algorithm>
 #include <utility>
 
 using Nuvika::PictureCollector;
@@ -301,8 +304,11 @@ void PictureCollector::nalEnds()
         storeSet();
     else if (m_pTarget != nullptr && m_format.framing == RtpUnitFormat::eLengthPrefixed)
         m_pTarget->write32(m_nOpenedAt, static_cast<quint32>(m_pTarget->size() - m_nOpenedAt - kFraming));
-    if (m_pTarget == &m_prefix && m_open.bSupplement)
-        m_bPrefixRecovers = m_bPrefixRecovers || isRecoveryPoint();
+    if (m_pTarget == &m_prefix && m_open.bSupplement) {
+        const std::size_t begin = m_nOpenedAt + kFraming + m_codec.headSize();
+        const std::size_t end = std::max(begin, m_prefix.size()); // a head alone ends before
+        m_bPrefixRecovers = m_bPrefixRecovers || hasRecoveryPoint(m_prefix.data() + begin, end - begin);
+    }
     m_pTarget = nullptr;
 }
 
@@ -313,28 +319,4 @@ void PictureCollector::storeSet()
     set.bDescribed = m_bDescribing;
     if (!m_sets.store(set))
         overBound();
-}
-
-// A recovery point message among the unit's (H.264 D.1.7, H.265 D.2.8).
-bool PictureCollector::isRecoveryPoint() const
-{
-    constexpr unsigned char kRecoveryPoint = 6;
-    constexpr std::size_t kShortest = 2;
-    const unsigned char* next = m_prefix.data() + m_nOpenedAt + kFraming + m_codec.headSize();
-    const unsigned char* end = m_prefix.data() + m_prefix.size();
-    while (next<end&& static_cast<std::size_t>(end - next)> kShortest) {
-        std::size_t values[2] = {}; // type, size
-        for (std::size_t& value : values) {
-            while (next != end && *next == 0xFF) {
-                value += *next++;
-            }
-            value += next != end ? *next++ : 0U;
-        }
-        if (values[0] == kRecoveryPoint)
-            return true;
-        if (values[1] >= static_cast<std::size_t>(end - next))
-            return false;
-        next += values[1];
-    }
-    return false;
 }

@@ -66,7 +66,6 @@ private:
     void openUnit(UnitBuffer* target, const unsigned char* head, std::size_t size);
     void overBound();
     void storeSet();
-    bool isRecoveryPoint() const;
     void finish(bool bMoreFollows);
 
     const NalCodec& m_codec;

@@ -1,14 +1,15 @@
 // Packets that are written by hand, in tables: what a camera sends, and the units that come of it.
 #include "media/AnnexBSplitter_p.h"
 #include "media/UnitBuffer_p.h"
+#include "support/Seams.h"
 
 #include <KepNuvikaUtil/RTPPacket.h>
 #include <KepNuvikaUtil/RtpDepacketizer.h>
-#include <KepNuvikaUtil/VariableBuffer.h>
 
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStringList>
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <set>
@@ -31,15 +32,12 @@ public:
 
     void packet(quint32 timestamp, bool bMarked, quint32 lost, const QByteArray& payload)
     {
-        VariableBuffer buffer;
-        const QByteArray head = QByteArray::fromHex(bMarked ? "80e00000" : "80600000");
-        auto* bytes
-            = static_cast<unsigned char*>(buffer.getBuffer(static_cast<unsigned int>(12 + payload.size())));
-        std::copy(head.begin(), head.end(), bytes);
-        qToBigEndian<quint32>(timestamp, bytes + 4);
-        std::fill(bytes + 8, bytes + 12, 1);
-        std::copy(payload.begin(), payload.end(), bytes + 12);
-        m_depacketizer->push(RTPPacket(&buffer), lost);
+        QByteArray bytes
+            = QByteArray::fromHex(bMarked ? "80e0000000000000" : "8060000000000000") + "\1\1\1\1" + payload;
+        qToBigEndian<quint32>(timestamp, bytes.data() + 4);
+        m_depacketizer->push(RTPPacket(reinterpret_cast<const unsigned char*>(bytes.constData()),
+                                 static_cast<unsigned int>(bytes.size())),
+            lost);
         take();
     }
 
@@ -360,6 +358,14 @@ TEST(RtpVideo, LosesWhatGoesOverABound)
             {"bytes of a parameter set", "1 68c0a0a0a0a0a0a0a0 1! 6588 2! 658802", "2K |658802", 1},
         },
         payload("H264"), format);
+}
+
+TEST(RtpVideo, LosesAUnitWithoutMemory)
+{
+    Stream stream(payload("H264"));
+    seams::growing.arm(1, ENOMEM);
+    EXPECT_EQ(stream.packets("1! 658801 2! 658802").flush().units(), "2K |658802");
+    EXPECT_EQ(stream.depacketizer().unitsLost(), 1U);
 }
 
 TEST(RtpVideo, WorksInTheBytesWhateverTheyAre)
