@@ -154,6 +154,7 @@ bool PictureCollector::give(RtpAccessUnit* unit, RtpMediaParameters* parameters)
 void PictureCollector::nalBegins(const unsigned char* head, std::size_t size)
 {
     m_open = m_codec.inspect(head, size);
+    m_nReceived += size;
     m_pTarget = nullptr;
     if (m_bDescribing && m_open.kind != NalKind::ParameterSet)
         return;
@@ -166,7 +167,8 @@ void PictureCollector::nalBegins(const unsigned char* head, std::size_t size)
     } else if (m_open.kind == NalKind::ParameterSet) {
         m_set.clear();
         m_pTarget = &m_set;
-        nalGoesOn(head, size);
+        if (!m_set.append(head, size))
+            overBound();
     } else if (m_open.kind == NalKind::Prefix) {
         openUnit(&m_prefix, head, size);
     } else if (m_open.kind == NalKind::Suffix && hasPicture()) {
@@ -230,24 +232,41 @@ void PictureCollector::beginPicture(const NalInfo& info)
         m_bReferencesLost = false;
     }
     m_picture.bReferencesLost = m_bReferencesLost || (info.bLeading && m_bLeadingLost);
-    readSets(info);
-    const bool bPlace = m_format.parameterSets == RtpUnitFormat::eAtKeyFrames && m_picture.bRecoveryPoint;
-    m_bWroteSets = m_bSetsUnwritten || bPlace;
+    placeSets(info.nPictureSet);
+}
+
+// Tells of parameter sets, and writes them, where this picture asks for it.
+void PictureCollector::placeSets(quint32 pictureSet)
+{
+    const ParameterSet* sequence = m_sets.sequenceOf(pictureSet);
+    const bool bNew = m_sets.isChanged() || (sequence != nullptr && sequence->id != m_nSequence);
+    const bool bRepeat = m_format.parameterSets == RtpUnitFormat::eAtKeyFrames && m_picture.bRecoveryPoint;
+    m_bWroteSets = false;
+    if (!(bNew || bRepeat || m_bSetsUnwritten) || !maySpendOnSets())
+        return;
+    if (bNew) {
+        m_parameters = m_codec.describe(m_sets, sequence);
+        m_nHighestSubLayer = m_codec.highestSubLayer(sequence);
+        m_nSequence = sequence == nullptr ? 0 : sequence->id;
+        m_bSetsUnwritten = m_bSetsUnwritten || m_sets.isChanged();
+        m_sets.setSeen();
+    }
+    m_bWroteSets = m_bSetsUnwritten || bRepeat;
     m_bSetsUnwritten = false;
     if (m_bWroteSets && m_format.parameterSets != RtpUnitFormat::eApart && !writeSets())
         overBound();
 }
 
-void PictureCollector::readSets(const NalInfo& info)
+// A picture may have ten bytes, and the sets before it two million: large ones are copied no more often than
+// as many bytes have come.
+bool PictureCollector::maySpendOnSets()
 {
-    if (!m_sets.isChanged() && info.nPictureSet == m_nPictureSet)
-        return;
-    const ParameterSet* sequence = m_sets.sequenceOf(info.nPictureSet);
-    m_parameters = m_codec.describe(m_sets, sequence);
-    m_nHighestSubLayer = m_codec.highestSubLayer(sequence);
-    m_nPictureSet = info.nPictureSet;
-    m_bSetsUnwritten = m_bSetsUnwritten || m_sets.isChanged();
-    m_sets.setSeen();
+    constexpr std::size_t kLarge = 4096;
+    const std::size_t bytes = m_sets.bytes();
+    if (bytes > kLarge && m_nReceived < bytes)
+        return false;
+    m_nReceived = 0;
+    return true;
 }
 
 bool PictureCollector::writeSets()
@@ -278,12 +297,14 @@ void PictureCollector::openUnit(UnitBuffer* target, const unsigned char* head, s
 
 void PictureCollector::nalGoesOn(const unsigned char* data, std::size_t size)
 {
+    m_nReceived += size;
     if (m_pTarget != nullptr && !m_pTarget->append(data, size))
         overBound();
 }
 
 void PictureCollector::nalZeros(std::size_t count)
 {
+    m_nReceived += count;
     if (m_pTarget != nullptr && !m_pTarget->appendZeros(count))
         overBound();
 }

@@ -360,6 +360,32 @@ TEST(RtpVideo, LosesWhatGoesOverABound)
         payload("H264"), format);
 }
 
+TEST(RtpVideo, RepeatsLargeParameterSetsNoMoreThanTheStreamPaysFor)
+{
+    auto made = RtpDepacketizer::create(payload("H264"));
+    const auto push = [&made](quint32 timestamp, const QByteArray& bytes) {
+        QByteArray packet = QByteArray::fromHex("80e000000000000000000001") + bytes;
+        qToBigEndian<quint32>(timestamp, packet.data() + 4);
+        made->push(RTPPacket(reinterpret_cast<const unsigned char*>(packet.constData()),
+            static_cast<unsigned int>(packet.size())));
+        RtpAccessUnit unit;
+        quint32 given = 0;
+        while (made->next(&unit))
+            given += unit.nSize;
+        return given;
+    };
+    push(0, QByteArray::fromHex(kSps));
+    push(0, QByteArray::fromHex(kPps) + QByteArray(60000, '\1'));
+    quint32 given = 0;
+    for (quint32 timestamp = 1; timestamp < 100; ++timestamp)
+        given += push(timestamp, QByteArray::fromHex("6588010203040506"));
+    EXPECT_GT(given, 60000U);
+    EXPECT_LT(given, 2 * 60000U) << "pictures of eight bytes";
+    EXPECT_GT(push(200, QByteArray::fromHex("6588") + QByteArray(61000, '\1')), 61000U);
+    EXPECT_GT(push(201, QByteArray::fromHex("658801")), 60000U)
+        << "the large picture has paid for another time";
+}
+
 TEST(RtpVideo, LosesAUnitWithoutMemory)
 {
     Stream stream(payload("H264"));
