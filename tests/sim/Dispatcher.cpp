@@ -21,6 +21,7 @@ Dispatcher::~Dispatcher()
 
 bool Dispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 {
+    Kernel::get().enter("ppoll");
     m_bInterrupted = false;
     emit awake();
     m_bWoken = false;
@@ -33,7 +34,6 @@ bool Dispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
         emit aboutToBlock();
     if (m_bInterrupted)
         return false;
-    Kernel::get().enter("ppoll");
     if (bWait && !m_bWoken)
         sleep(bTimers, bNotifiers);
     const int told = (bNotifiers ? fireNotifiers() : 0) + (bTimers ? fireTimers() : 0);

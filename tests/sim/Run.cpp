@@ -69,7 +69,7 @@ void* runScenario(void* argument)
         World world(job.nSeed);
         job.scenario.run(world);
         world.weather() = Weather();
-        world.run(100); // what was left to be done later
+        world.run(1000); // what was left to be done later
     }
     KepNuvikaUtilCleanup();
     return nullptr;

@@ -33,9 +33,12 @@ bool World::runUntil(const std::function<bool()>& done, std::uint64_t limitMs)
 {
     QEventLoop loop;
     const Time end = Scheduler::get().now() + limitMs * kMs;
+    bool bOver = false; // told once: an inner loop may still have to come to its end
     const auto look = [&] {
-        if (done() || Scheduler::get().now() >= end)
-            loop.quit();
+        if (bOver || (!done() && Scheduler::get().now() < end))
+            return;
+        bOver = true;
+        loop.quit();
     };
     QObject::connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, &loop, look);
     QTimer limit;
