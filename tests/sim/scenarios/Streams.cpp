@@ -6,7 +6,6 @@
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
-#include <KepNuvikaUtil/SocketCalls.h>
 
 #include <QtCore/QTimer>
 
@@ -15,6 +14,8 @@
 #include <deque>
 #include <memory>
 #include <type_traits>
+
+#include <unistd.h>
 
 namespace
 {
@@ -399,7 +400,7 @@ void takeConnection(Talk& talk, int descriptor)
     };
     if (random.chance(0.03)) {
         ++talk.nCuts;
-        NuvikaLLSock::closesocket(descriptor);
+        ::close(descriptor);
     } else if (random.chance(0.5)) {
         take(std::make_unique<EndOf<NuvikaTcpSocket>>(talk));
     } else {
