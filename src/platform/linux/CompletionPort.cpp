@@ -255,6 +255,8 @@ void CompletionPort::wakeBeforePoll()
 // Puts the sockets that the kernel announces in line; true when there may be more of them.
 bool CompletionPort::fetch()
 {
+    if (m_nEpoll < 0)
+        return false;
     std::array<epoll_event, kEventsPerFetch> events;
     const int count = epoll_wait(m_nEpoll, events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {
