@@ -99,7 +99,31 @@ int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, Time dea
     return bWoken ? 0 : ETIMEDOUT;
 }
 
-long futex(int* word, int operation, int value, long four, int* word2)
+// What FUTEX_WAKE_OP does to its second word (futex(2)); everybody who waits there is woken besides, and
+// looks again.
+void changeWord(int* word, unsigned int code)
+{
+    const auto argument = static_cast<int>(code << 8U) >> 20;
+    const int value = (code >> 31U) != 0 ? 1 << argument : argument;
+    switch (code >> 28U & 7U) {
+    case FUTEX_OP_SET:
+        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);
+        break;
+    case FUTEX_OP_ADD:
+        __atomic_fetch_add(word, value, __ATOMIC_SEQ_CST);
+        break;
+    case FUTEX_OP_OR:
+        __atomic_fetch_or(word, value, __ATOMIC_SEQ_CST);
+        break;
+    case FUTEX_OP_ANDN:
+        __atomic_fetch_and(word, ~value, __ATOMIC_SEQ_CST);
+        break;
+    default:
+        __atomic_fetch_xor(word, value, __ATOMIC_SEQ_CST);
+    }
+}
+
+long futex(int* word, int operation, int value, long four, int* word2, unsigned int code)
 {
     switch (operation & FUTEX_CMD_MASK) {
     case FUTEX_WAIT:
@@ -118,8 +142,8 @@ long futex(int* word, int operation, int value, long four, int* word2)
         errno = ETIMEDOUT;
         return -1;
     }
-    case FUTEX_WAKE_OP: // its one user clears the second word's flag; those who wait there look again
-        __atomic_store_n(word2, 0, __ATOMIC_SEQ_CST);
+    case FUTEX_WAKE_OP:
+        changeWord(word2, code);
         return wakeUp(word, value) + wakeUp(word2, INT_MAX);
     case FUTEX_WAKE:
         return wakeUp(word, value);
@@ -258,7 +282,7 @@ long syscall(long number, ...) noexcept
     va_end(list);
     if (number == SYS_futex && Scheduler::isActive())
         return futex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]), static_cast<int>(a[2]), a[3],
-            reinterpret_cast<int*>(a[4]));
+            reinterpret_cast<int*>(a[4]), static_cast<unsigned int>(a[5]));
     return systemCall(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 

@@ -27,6 +27,8 @@ namespace
 {
 constexpr unsigned int kPatience = 120; // seconds of real time: then it hangs
 
+constexpr Time kLookups = 100'000 * kMs;
+
 struct Job {
     const Scenario& scenario;
     std::uint64_t nSeed;
@@ -94,6 +96,8 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
     if (scheduler.createThread(&thread, nullptr, &runScenario, &job) != 0)
         fail("no thread can be had");
     scheduler.joinThread(thread, nullptr);
+    // A lookup that hangs outlives the library's clean-up.
+    scheduler.wait("the last threads", [&] { return scheduler.threads() == 1; }, scheduler.now() + kLookups);
     if (Kernel::get().openDescriptors() != 0)
         fail("descriptors are left open: %s", Kernel::get().describeOpen().c_str());
     if (scheduler.threads() != 1)

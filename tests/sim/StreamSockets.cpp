@@ -292,7 +292,7 @@ void StreamSocket::deliver()
     Kernel& kernel = Kernel::get();
     m_bDelivering = false;
     const std::shared_ptr<StreamSocket> peer = m_pPeer.lock();
-    if (!peer || m_bEndSent)
+    if (!peer || (m_bEndSent && !m_bResetBehind))
         return;
     if (kernel.chance(kernel.weather.reset)) {
         trace("the network resets %s - %s", local.text().c_str(), remote.text().c_str());
