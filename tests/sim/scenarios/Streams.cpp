@@ -31,7 +31,8 @@ struct Stream {
     quint32 nId = 0;
     qint64 nSent = 0; // handed over and taken
     bool bEnded = false; // the sender has announced the end,
-    bool bCut = false; // or let go: what was not sent yet is lost
+    bool bCut = false; // or let go: what was not sent yet is lost,
+    bool bBroken = false; // or was told of the connection's failure: so must the receiver be
 
     char at(qint64 i) const
     {
@@ -96,6 +97,7 @@ protected:
     bool m_bRefused = false; // sendData() said no: sigCanSend() follows
     bool m_bAllSentDue = false;
     int m_nAfterStall = -1; // deliveries since then
+    int m_nPosted = 2; // receives at a time
     int m_nSession = 0;
     Stream* m_pOut = nullptr;
     Stream* m_pIn = nullptr;
@@ -148,6 +150,7 @@ private:
     void over();
     void close();
     void send();
+    void sendBlock();
     void sendEnd();
     void stall();
     void runLoop();
@@ -164,7 +167,17 @@ private:
 template <class Socket>
 void EndOf<Socket>::makeSocket()
 {
-    m_pSocket = std::make_unique<Socket>();
+    sim::Random& random = m_talk.world.random();
+    const bool bSingle = random.chance(0.3);
+    const int hint = random.chance(0.5) ? 0 : static_cast<int>(random.size(200000));
+    if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>) {
+        m_pSocket = std::make_unique<Socket>(hint, bSingle);
+    } else {
+        const auto send = static_cast<NuvikaTcpSocket::LOAD_PROFILE>(random.below(3));
+        const auto receive = static_cast<NuvikaTcpSocket::LOAD_PROFILE>(random.below(3));
+        m_pSocket = std::make_unique<Socket>(send, receive, hint, bSingle);
+    }
+    m_nPosted = bSingle ? 1 : 2;
     Socket* socket = m_pSocket.get();
     QObject::connect(socket, &Socket::connected, [this] {
         checkSignal("connected", NuvikaTcpSocket::eConnected);
@@ -231,7 +244,8 @@ void EndOf<Socket>::receive(const char* data, int size)
     m_talk.world.expect(m_bConnected, "dataReceived() comes before connected()");
     m_talk.world.expect(size > 0, "dataReceived() brings %d bytes", size);
     if (m_nAfterStall >= 0)
-        m_talk.world.expect(++m_nAfterStall <= 2, "more is delivered than the two receives that were posted");
+        m_talk.world.expect(
+            ++m_nAfterStall <= m_nPosted, "more is delivered than the receives that were posted");
     read(data, size);
     act();
 }
@@ -267,13 +281,14 @@ void EndOf<Socket>::ended(int code)
         && m_talk.weather.lose == 0;
     m_talk.world.expect(
         code == 0 || !bFine || m_talk.nCuts > 0 || code == kHostNotFound, "error %d without a reason", code);
-    if (code == 0 && m_pIn != nullptr && !m_pIn->bCut) {
+    if (code == 0 && m_pIn != nullptr && (!m_pIn->bCut || m_pIn->bBroken)) {
         m_talk.world.expect(m_pIn->bEnded, "stream %u ends, and its sender has not ended it", m_pIn->nId);
         m_talk.world.expect(m_nReceived == m_pIn->nSent, "stream %u ends after %lld of %lld bytes",
             m_pIn->nId, m_nReceived, m_pIn->nSent);
     }
     m_talk.world.expect(code != 0 || bWasConnected, "disconnected() comes before connected()");
     over();
+    m_pOut->bBroken = code != 0 && bWasConnected && !m_talk.weather.mayFail();
     if (code != 0)
         m_pSocket->close();
     act();
@@ -292,6 +307,14 @@ void EndOf<Socket>::canSend()
 
 template <class Socket>
 void EndOf<Socket>::send()
+{
+    sim::Random& random = m_talk.world.random();
+    for (std::uint64_t left = random.chance(0.2) ? random.below(8) : 1; left > 0; --left)
+        sendBlock();
+}
+
+template <class Socket>
+void EndOf<Socket>::sendBlock()
 {
     sim::Random& random = m_talk.world.random();
     if (!m_bConnected || m_pOut->bEnded || m_talk.nSent > kMostSent)
