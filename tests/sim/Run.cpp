@@ -115,7 +115,10 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
 extern "C" bool __real__ZN6Nuvika7Threads5startER7QThread(QThread& thread);
 extern "C" bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
 {
-    if (thread.eventDispatcher() == nullptr)
-        thread.setEventDispatcher(std::make_unique<sim::Dispatcher>().release()); // the thread deletes it
-    return __real__ZN6Nuvika7Threads5startER7QThread(thread);
+    auto dispatcher = std::make_unique<sim::Dispatcher>();
+    thread.setEventDispatcher(dispatcher.get());
+    if (!__real__ZN6Nuvika7Threads5startER7QThread(thread))
+        return false;
+    static_cast<void>(dispatcher.release()); // the thread deletes it
+    return true;
 }
