@@ -195,7 +195,8 @@ void EndOf<Socket>::makeSocket()
         checkSignal("sigAllSent", NuvikaTcpSocket::eConnected);
         m_talk.world.expect(std::exchange(m_bAllSentDue, false), "sigAllSent() comes unasked");
         if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>)
-            m_talk.world.expect(m_pSocket->isDynamicDataQueueEmpty(), "sigAllSent() comes before all is sent");
+            m_talk.world.expect(
+                m_pSocket->isDynamicDataQueueEmpty(), "sigAllSent() comes before all is sent");
         act();
     });
 }
