@@ -2,11 +2,12 @@
 
 #include "core/Log_p.h"
 #include "http/HttpChallenge_p.h"
+#include "http/HttpDigest_p.h"
 
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QRandomGenerator>
 
-#include <initializer_list>
+#include <algorithm>
 
 using namespace Nuvika;
 
@@ -14,23 +15,19 @@ namespace
 {
 constexpr char kTag[] = "digest";
 
-QByteArray hexMd5(const QByteArray& text)
+bool isBeyondLatin1(const QString& text)
 {
-    return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+    return std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xFF; });
 }
 
-// The hexadecimal hash of the parts, joined by colons.
-QByteArray hexMd5(QCryptographicHash& hash, std::initializer_list<const QByteArray*> parts)
+// Unknown to the server until it is sent.
+QByteArray makeClientNonce()
 {
-    hash.reset();
-    bool bFirst = true;
-    for (const QByteArray* part : parts) {
-        if (!bFirst)
-            hash.addData(":", 1);
-        hash.addData(part->constData(), part->size());
-        bFirst = false;
-    }
-    return hash.result().toHex();
+    QRandomGenerator& random = *QRandomGenerator::system();
+    return QCryptographicHash::hash(
+        QByteArray::number(random.generate(), 16) + QByteArray::number(random.generate(), 16),
+        QCryptographicHash::Md5)
+        .toHex();
 }
 
 // As a quoted-string.
@@ -54,6 +51,8 @@ void HttpAuthenticator::reset() { *this = HttpAuthenticator(); }
 
 bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
 {
+    NUVIKA_DEBUG(
+        lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
     reset();
     int at = 0;
     if (!isDigestChallenge(challenge, &at))
@@ -71,15 +70,17 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
             parsed.m_realm = value;
         else if (parameter.first == "qop")
             parsed.m_qop = QString::fromLatin1(chooseQop(parameter.second));
+        else if (parameter.first == "charset")
+            parsed.m_bUtf8 = parameter.second.toLower() == "utf-8";
     }
+    parsed.m_pAlgorithm = parsed.m_algorithm.isEmpty() ? &defaultDigestAlgorithm()
+                                                       : findDigestAlgorithm(parsed.m_algorithm.toLatin1());
     if (!isSupportedQop(parsed.m_qop.toLatin1())) {
         NUVIKA_WARNING(lcHttp, "HttpAuthenticator::parseChallenge: [%s] unsupported qop '%s'!", kTag,
             qUtf8Printable(parsed.m_qop));
         return false;
     }
-    QRandomGenerator& random = *QRandomGenerator::global();
-    parsed.m_clientNonce
-        = hexMd5(QByteArray::number(random.generate(), 16) + QByteArray::number(random.generate(), 16));
+    parsed.m_clientNonce = makeClientNonce();
     *this = parsed;
     return true;
 }
@@ -87,8 +88,6 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
 QByteArray HttpAuthenticator::digestMd5Response(const QByteArray& challenge, const QByteArray& method,
     const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body)
 {
-    NUVIKA_DEBUG(
-        lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
     if (!parseChallenge(challenge))
         return QByteArray();
     QByteArray response = nextDigestMd5Response(method, path, user, password, body);
@@ -102,21 +101,48 @@ QByteArray HttpAuthenticator::nextDigestMd5Response(const QByteArray& method, co
 {
     if (isNull())
         return QByteArray();
-    ++m_nNonceCount;
-    const QByteArray nc = QByteArray::number(m_nNonceCount, 16).rightJustified(8, '0');
+    const bool bMd5 = m_pAlgorithm != nullptr && m_pAlgorithm->hash == DigestAlgorithm::Md5;
+    return credentials(bMd5 ? *m_pAlgorithm : defaultDigestAlgorithm(), method, path, user, password, body);
+}
+
+QByteArray HttpAuthenticator::digestResponse(const QByteArray& challenge, const QByteArray& method,
+    const QByteArray& path, const QString& user, const QString& password, const QByteArray& body)
+{
+    reset();
+    if (!isLine(challenge) || !parseChallenge(challenge))
+        return QByteArray();
+    QByteArray response = nextDigestResponse(method, path, user, password, body);
+    if (response.isEmpty())
+        reset();
+    return response;
+}
+
+QByteArray HttpAuthenticator::nextDigestResponse(const QByteArray& method, const QByteArray& path,
+    const QString& user, const QString& password, const QByteArray& body)
+{
+    if (isNull() || m_pAlgorithm == nullptr)
+        return QByteArray();
+    const bool bUtf8 = m_bUtf8 || isBeyondLatin1(user) || isBeyondLatin1(password);
+    return credentials(*m_pAlgorithm, method, path, bUtf8 ? user.toUtf8() : user.toLatin1(),
+        bUtf8 ? password.toUtf8() : password.toLatin1(), body);
+}
+
+QByteArray HttpAuthenticator::credentials(const DigestAlgorithm& algorithm, const QByteArray& method,
+    const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body)
+{
+    const quint32 count = static_cast<quint32>(m_nNonceCount) + 1; // a nonce may serve for months
+    m_nNonceCount = static_cast<qint32>(count);
+    const QByteArray nc = QByteArray::number(count, 16).rightJustified(8, '0');
     const QByteArray nonce = m_nonce.toLatin1();
     const QByteArray realm = m_realm.toLatin1();
     const QByteArray qop = m_qop.toLatin1();
-
-    QCryptographicHash hash(QCryptographicHash::Md5);
-    QByteArray ha1 = hexMd5(hash, {&user, &realm, &password});
-    if (m_algorithm.compare(QLatin1String("md5-sess"), Qt::CaseInsensitive) == 0)
-        ha1 = hexMd5(hash, {&ha1, &nonce, &m_clientNonce});
-    const QByteArray entity = qop == "auth-int" ? hexMd5(body) : QByteArray();
-    const QByteArray ha2
-        = entity.isEmpty() ? hexMd5(hash, {&method, &path}) : hexMd5(hash, {&method, &path, &entity});
-    const QByteArray digest = qop.isEmpty() ? hexMd5(hash, {&ha1, &nonce, &ha2})
-                                            : hexMd5(hash, {&ha1, &nonce, &nc, &m_clientNonce, &qop, &ha2});
+    const QByteArray response = Nuvika::digestResponse(
+        algorithm, {user, realm, password, nonce, m_clientNonce, nc, qop, method, path, body});
+    if (response.isEmpty()) {
+        NUVIKA_WARNING(lcHttp, "HttpAuthenticator: [%s] OpenSSL made no %s hash!", kTag,
+            algorithm.hash == DigestAlgorithm::Md5 ? "MD5" : "SHA-256");
+        return QByteArray();
+    }
 
     QByteArray value;
     value.reserve(200 + user.size() + realm.size() + nonce.size() + path.size() + m_opaque.size());
@@ -135,7 +161,7 @@ QByteArray HttpAuthenticator::nextDigestMd5Response(const QByteArray& method, co
         value += ", ";
     }
     value += "response=";
-    appendQuoted(&value, digest);
+    appendQuoted(&value, response);
     if (!m_algorithm.isEmpty())
         value += ", algorithm=" + m_algorithm.toLatin1();
     if (!qop.isEmpty()) {
