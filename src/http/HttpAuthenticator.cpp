@@ -8,6 +8,7 @@
 #include <QtCore/QRandomGenerator>
 
 #include <algorithm>
+#include <string_view>
 
 using namespace Nuvika;
 
@@ -30,14 +31,15 @@ QByteArray makeClientNonce()
         .toHex();
 }
 
-// As a quoted-string.
-void appendQuoted(QByteArray* target, const QByteArray& text)
+// The value as a quoted-string.
+void appendQuoted(QByteArray* target, const char* name, const QByteArray& value)
 {
-    *target += '"';
-    if (!text.contains('"') && !text.contains('\\')) {
-        *target += text;
+    const std::string_view text(value.constData(), static_cast<std::size_t>(value.size()));
+    target->append(name).append('"');
+    if (text.find('"') == text.npos && text.find('\\') == text.npos) { // QByteArray looks at each byte
+        target->append(value);
     } else {
-        for (const char c : text) {
+        for (const char c : value) {
             if (c == '"' || c == '\\')
                 *target += '\\';
             *target += c;
@@ -59,7 +61,7 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
         return false;
     HttpAuthenticator parsed;
     for (const auto& parameter : parseChallengeParameters(challenge.mid(at))) {
-        const QString value = QString::fromLatin1(parameter.second);
+        const QByteArray& value = parameter.second;
         if (parameter.first == "nonce")
             parsed.m_nonce = value;
         else if (parameter.first == "opaque")
@@ -69,15 +71,15 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
         else if (parameter.first == "realm")
             parsed.m_realm = value;
         else if (parameter.first == "qop")
-            parsed.m_qop = QString::fromLatin1(chooseQop(parameter.second));
+            parsed.m_qop = chooseQop(value);
         else if (parameter.first == "charset")
-            parsed.m_bUtf8 = parameter.second.toLower() == "utf-8";
+            parsed.m_bUtf8 = value.toLower() == "utf-8";
     }
-    parsed.m_pAlgorithm = parsed.m_algorithm.isEmpty() ? &defaultDigestAlgorithm()
-                                                       : findDigestAlgorithm(parsed.m_algorithm.toLatin1());
-    if (!isSupportedQop(parsed.m_qop.toLatin1())) {
+    parsed.m_pAlgorithm
+        = parsed.m_algorithm.isEmpty() ? &defaultDigestAlgorithm() : findDigestAlgorithm(parsed.m_algorithm);
+    if (!isSupportedQop(parsed.m_qop)) {
         NUVIKA_WARNING(lcHttp, "HttpAuthenticator::parseChallenge: [%s] unsupported qop '%s'!", kTag,
-            qUtf8Printable(parsed.m_qop));
+            qUtf8Printable(QString::fromLatin1(parsed.m_qop)));
         return false;
     }
     parsed.m_clientNonce = makeClientNonce();
@@ -130,43 +132,38 @@ QByteArray HttpAuthenticator::nextDigestResponse(const QByteArray& method, const
 QByteArray HttpAuthenticator::credentials(const DigestAlgorithm& algorithm, const QByteArray& method,
     const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body)
 {
-    const quint32 count = static_cast<quint32>(m_nNonceCount) + 1; // a nonce may serve for months
-    m_nNonceCount = static_cast<qint32>(count);
-    const QByteArray nc = QByteArray::number(count, 16).rightJustified(8, '0');
-    const QByteArray nonce = m_nonce.toLatin1();
-    const QByteArray realm = m_realm.toLatin1();
-    const QByteArray qop = m_qop.toLatin1();
+    const QByteArray nc = nextNonceCount();
     const QByteArray response = Nuvika::digestResponse(
-        algorithm, {user, realm, password, nonce, m_clientNonce, nc, qop, method, path, body});
+        algorithm, {user, m_realm, password, m_nonce, m_clientNonce, nc, m_qop, method, path, body});
     if (response.isEmpty()) {
         NUVIKA_WARNING(lcHttp, "HttpAuthenticator: [%s] OpenSSL made no %s hash!", kTag,
             algorithm.hash == DigestAlgorithm::Md5 ? "MD5" : "SHA-256");
         return QByteArray();
     }
-
     QByteArray value;
-    value.reserve(200 + user.size() + realm.size() + nonce.size() + path.size() + m_opaque.size());
-    value += "Digest username=";
-    appendQuoted(&value, user);
-    value += ", realm=";
-    appendQuoted(&value, realm);
-    value += ", nonce=";
-    appendQuoted(&value, nonce);
-    value += ", uri=";
-    appendQuoted(&value, path);
-    value += ", ";
-    if (!m_opaque.isEmpty()) {
-        value += "opaque=";
-        appendQuoted(&value, m_opaque.toLatin1());
-        value += ", ";
-    }
-    value += "response=";
-    appendQuoted(&value, response);
+    value.reserve(300 + user.size() + m_realm.size() + m_nonce.size() + path.size() + m_opaque.size());
+    appendQuoted(&value, "Digest username=", user);
+    appendQuoted(&value, ", realm=", m_realm);
+    appendQuoted(&value, ", nonce=", m_nonce);
+    appendQuoted(&value, ", uri=", path);
+    if (!m_opaque.isEmpty())
+        appendQuoted(&value, ", opaque=", m_opaque);
+    appendQuoted(&value, ", response=", response);
     if (!m_algorithm.isEmpty())
-        value += ", algorithm=" + m_algorithm.toLatin1();
-    if (!qop.isEmpty()) {
-        value += ", qop=" + qop + ", nc=" + nc + ", cnonce=";
-        appendQuoted(&value, m_clientNonce);
+        value.append(", algorithm=").append(m_algorithm);
+    if (!m_qop.isEmpty()) {
+        value.append(", qop=").append(m_qop).append(", nc=").append(nc);
+        appendQuoted(&value, ", cnonce=", m_clientNonce);
     }
     return value;
+}
+
+QByteArray HttpAuthenticator::nextNonceCount()
+{
+    auto count = static_cast<quint32>(m_nNonceCount) + 1; // a nonce may serve for months
+    m_nNonceCount = static_cast<qint32>(count);
+    QByteArray text(8, '0');
+    for (int i = text.size(); count > 0; count >>= 4)
+        text[--i] = "0123456789abcdef"[count & 15];
+    return text;
 }

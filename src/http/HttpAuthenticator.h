@@ -45,14 +45,15 @@ private:
     bool parseChallenge(const QByteArray& challenge);
     QByteArray credentials(const Nuvika::DigestAlgorithm& algorithm, const QByteArray& method,
         const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body);
+    QByteArray nextNonceCount();
 
     QByteArray m_clientNonce;
     qint32 m_nNonceCount = 0;
-    QString m_nonce;
-    QString m_opaque;
-    QString m_algorithm;
-    QString m_qop;
-    QString m_realm;
+    QByteArray m_nonce;
+    QByteArray m_opaque;
+    QByteArray m_algorithm;
+    QByteArray m_qop;
+    QByteArray m_realm;
     const Nuvika::DigestAlgorithm* m_pAlgorithm = nullptr; // of m_algorithm; null when it is not known
     bool m_bUtf8 = false;
 };

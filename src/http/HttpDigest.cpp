@@ -66,8 +66,8 @@ public:
             && EVP_DigestFinal_ex(m_context, bytes.data(), &size) == 1;
         HexText text;
         for (unsigned int i = 0; m_bGood && i < size; ++i) {
-            text.digits.at(text.size++) = "0123456789abcdef"[bytes.at(i) >> 4];
-            text.digits.at(text.size++) = "0123456789abcdef"[bytes.at(i) & 15];
+            text.digits[text.size++] = "0123456789abcdef"[bytes[i] >> 4];
+            text.digits[text.size++] = "0123456789abcdef"[bytes[i] & 15];
         }
         return text;
     }
