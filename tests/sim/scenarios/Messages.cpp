@@ -189,7 +189,8 @@ void End::ended(int code)
     world.expect(!m_bReading, "the end comes while a handler of incomingBuffer() runs");
     world.expect(code != 0 || m_bConnected, "disconnected() comes before connected()");
     world.expect(code == 0 || !m_talk.isFine() || code == kHostNotFound, "error %d without a reason", code);
-    world.expect(code != 0 || m_pIn == nullptr || m_pIn->bCut || m_talk.weather.mayReset(),
+    world.expect(code != 0 || m_pIn == nullptr || m_pIn->bCut || m_talk.weather.mayReset()
+            || m_talk.weather.mayFail(), // whose handler still runs
         "disconnected() comes, and the peer is there");
     over();
     if (code != 0)
