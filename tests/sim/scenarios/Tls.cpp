@@ -377,7 +377,8 @@ void End::sendEnd()
 void End::stall()
 {
     m_pSocket->stallRecv();
-    m_stallEnds.start(static_cast<int>(random().size(20000)));
+    m_stallEnds.start(
+        static_cast<int>(random().chance(0.2) ? random().below(5 * 3600000) : random().size(20000)));
 }
 
 void End::destroy()
