@@ -17,6 +17,8 @@ Peer::~Peer() { finish(); }
 
 void Peer::start()
 {
+    if (m_pSocket == nullptr) // reset at once
+        return;
     const std::weak_ptr<Peer> self = weak_from_this();
     m_pSocket->onWake = [self] {
         if (const auto peer = self.lock())

@@ -15,6 +15,7 @@ struct Report {
     std::uint64_t nWritten; // bytes of all lines
     std::uint64_t nHash; // of all lines
     std::uint64_t nLines;
+    std::uint64_t nTime; // virtual, ns
     char failure[2048];
 
     // Of this process: null until a run begins.

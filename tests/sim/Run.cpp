@@ -90,6 +90,7 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
         mixed = (mixed ^ static_cast<unsigned char>(*letter)) * 0x100000001b3U;
     Scheduler& scheduler = Scheduler::get();
     scheduler.start(mixed);
+    const Time begin = scheduler.now();
     fixRandomness(mixed);
     Job job{scenario, mixed};
     pthread_t thread{};
@@ -97,7 +98,9 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
         fail("no thread can be had");
     scheduler.joinThread(thread, nullptr);
     // A lookup that hangs outlives the library's clean-up.
-    scheduler.wait("the last threads", [&] { return scheduler.threads() == 1; }, scheduler.now() + kLookups);
+    scheduler.wait(
+        "the last threads", [&] { return scheduler.threads() == 1; }, scheduler.now() + kLookups);
+    report.nTime = scheduler.now() - begin;
     if (Kernel::get().openDescriptors() != 0)
         fail("descriptors are left open: %s", Kernel::get().describeOpen().c_str());
     if (scheduler.threads() != 1)
@@ -115,7 +118,10 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
 extern "C" bool __real__ZN6Nuvika7Threads5startER7QThread(QThread& thread);
 extern "C" bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
 {
-    if (thread.eventDispatcher() == nullptr)
-        thread.setEventDispatcher(std::make_unique<sim::Dispatcher>().release()); // the thread deletes it
-    return __real__ZN6Nuvika7Threads5startER7QThread(thread);
+    auto dispatcher = std::make_unique<sim::Dispatcher>();
+    thread.setEventDispatcher(dispatcher.get());
+    if (!__real__ZN6Nuvika7Threads5startER7QThread(thread))
+        return false;
+    static_cast<void>(dispatcher.release()); // the thread deletes it
+    return true;
 }

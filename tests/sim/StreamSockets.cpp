@@ -21,6 +21,13 @@ std::map<Address, std::weak_ptr<StreamSocket>>& listeners()
     return map;
 }
 
+// Without a descriptor, and with bytes on the wire.
+std::set<std::shared_ptr<File>>& orphans()
+{
+    static std::set<std::shared_ptr<File>> set;
+    return set;
+}
+
 // Never the port that is connected to: no socket connects to itself.
 std::uint16_t freePort(const Address& remote)
 {
@@ -329,12 +336,12 @@ void StreamSocket::deliverTo(StreamSocket& peer)
         trace("a reset arrives at %s", peer.local.text().c_str());
         m_wire.clear();
         m_pPeer.reset();
-        m_pUntilSent.reset();
+        orphans().erase(shared_from_this());
         peer.receiveReset();
     } else if (m_wire.isEmpty() && m_bSendShut && (size == 0 || !kernel.chance(kernel.weather.cut))) {
         trace("the end arrives at %s", peer.local.text().c_str());
         m_bEndSent = true;
-        m_pUntilSent.reset();
+        orphans().erase(shared_from_this());
         peer.m_bEndReceived = true;
         peer.wake();
     } else if (size > 0) {
@@ -346,7 +353,8 @@ void StreamSocket::deliverTo(StreamSocket& peer)
 
 void StreamSocket::receiveReset()
 {
-    const std::shared_ptr<File> self = std::move(m_pUntilSent);
+    const std::shared_ptr<File> self = shared_from_this();
+    orphans().erase(self);
     m_wire.clear();
     m_pPeer.reset();
     if (m_state == eClosed || (m_bEndReceived && m_bEndSent))
@@ -390,10 +398,8 @@ void StreamSocket::released()
         reset();
     else if (m_state == eConnected)
         shutdownWrite();
-    if (m_state != eClosed || m_bResetBehind)
-        m_pUntilSent = shared_from_this();
-    if (m_bEndSent || m_pPeer.expired())
-        m_pUntilSent.reset();
+    if ((m_state != eClosed || m_bResetBehind) && !m_bEndSent && !m_pPeer.expired())
+        orphans().insert(shared_from_this());
     m_received.clear();
     m_state = eClosed;
 }

@@ -65,7 +65,6 @@ private:
     int m_nError = 0;
     bool m_bConnectCalled = false; // and its outcome not yet told by a further call
     bool m_bReleased = false;
-    std::shared_ptr<File> m_pUntilSent; // itself, when released with bytes on the wire
     bool m_bSendShut = false;
     bool m_bEndReceived = false;
     bool m_bEndSent = false; // it has arrived there

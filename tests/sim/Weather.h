@@ -41,7 +41,7 @@ struct Weather {
         weather.nMaxDelayUs = random.chance(0.5) ? 200000 : 3000;
         weather.cut = random.chance(0.5) ? 0.3 : 0.9;
         weather.stall = some(0.005);
-        weather.reset = some(0.002);
+        weather.reset = some(0.008);
         weather.refuse = some(0.05);
         weather.lose = some(0.02);
         weather.duplicate = some(0.02);

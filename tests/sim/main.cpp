@@ -132,6 +132,7 @@ private:
     int m_nRuns = 0;
     int m_nFailures = 0;
     std::uint64_t m_nLines = 0;
+    std::uint64_t m_nTime = 0;
 };
 
 void Runner::startNext()
@@ -169,6 +170,7 @@ void Runner::ended(const Running& running, int status)
     const Report& report = *running.pReport;
     ++m_nRuns;
     m_nLines += report.nLines;
+    m_nTime += report.nTime;
     if (status != 0) {
         tellFailure(running, status);
     } else if (running.job.nHash != 0 && running.job.nHash != report.nHash) {
@@ -207,8 +209,10 @@ int Runner::run()
         waitForOne();
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    std::printf("%d runs, %d failed; %.1f s, %.0f runs a second, %.1f million lines of trace\n", m_nRuns,
-        m_nFailures, seconds, m_nRuns / std::max(seconds, 1e-9), static_cast<double>(m_nLines) / 1e6);
+    std::printf("%d runs, %d failed; %.1f s for %.1f simulated hours, %.0f runs a second, %.1f million lines "
+                "of trace\n",
+        m_nRuns, m_nFailures, seconds, static_cast<double>(m_nTime) / 3.6e12,
+        m_nRuns / std::max(seconds, 1e-9), static_cast<double>(m_nLines) / 1e6);
     return m_nFailures == 0 ? 0 : 1;
 }
 
@@ -245,6 +249,7 @@ int main(int argc, char** argv)
         || (!options.scenario.empty() && scenarioOf(options.scenario) == nullptr))
         return usage();
     fixEnvironment(argv);
+    setlinebuf(stdout);
     Runner runner(options);
     if (!options.bTrace && !options.bHere)
         addKnownSeeds(runner, options);

@@ -194,6 +194,9 @@ void EndOf<Socket>::makeSocket()
     QObject::connect(socket, &Socket::sigAllSent, [this] {
         checkSignal("sigAllSent", NuvikaTcpSocket::eConnected);
         m_talk.world.expect(std::exchange(m_bAllSentDue, false), "sigAllSent() comes unasked");
+        if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>)
+            m_talk.world.expect(
+                m_pSocket->isDynamicDataQueueEmpty(), "sigAllSent() comes before all is sent");
         act();
     });
 }
