@@ -74,6 +74,16 @@ private:
     quint32 m_nId = 0;
 };
 
+// Received bytes stay as they are while their handler runs, whatever it does.
+template <class Handler>
+void expectKept(World& world, const char* data, int size, Handler handler)
+{
+    const QByteArray copy(data, size);
+    handler();
+    world.expect(std::memcmp(copy.constData(), data, static_cast<std::size_t>(size)) == 0,
+        "%d received bytes change while their handler runs", size);
+}
+
 // An event loop of a handler's own, up to some depth.
 inline void runNestedLoop(World& world, int& depth)
 {

@@ -15,7 +15,7 @@
 namespace
 {
 constexpr int kHostNotFound = 11001;
-constexpr qint64 kMostSent = 6 << 20; // bytes of a run
+constexpr qint64 kMostSent = 12 << 20; // bytes of a run
 constexpr const char* kLiar = "10.0.0.8";
 constexpr quint16 kLiarPort = 7;
 
@@ -177,7 +177,7 @@ void End::received(const char* data, int size)
         m_pIn->sizes[m_nReceived]);
     ++m_nReceived;
     const int session = m_nSession;
-    act();
+    sim::expectKept(world, data, size, [this] { act(); });
     if (session == m_nSession)
         m_bReading = false;
 }
@@ -261,7 +261,7 @@ void End::send()
 {
     sim::World& world = m_talk.world;
     const bool bCrowd = random().chance(0.3);
-    for (std::uint64_t left = bCrowd ? random().size(200) : 1; left > 0; --left) {
+    for (std::uint64_t left = bCrowd ? random().size(200) : random().size(8); left > 0; --left) {
         if (!m_bConnected || m_bRefused || m_talk.nSent > kMostSent)
             return;
         const bool bFirst = m_pOut->sizes.empty();

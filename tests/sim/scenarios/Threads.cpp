@@ -141,7 +141,7 @@ End::End(House& house) : m_house(house)
     QObject::connect(&m_socket, &Socket::dataReceived, [this](const char* data, int size) {
         checkSignal("dataReceived", Socket::eConnected);
         m_in.read(m_house.world, m_house.streams, data, size);
-        act();
+        sim::expectKept(m_house.world, data, size, [this] { act(); });
     });
     QObject::connect(&m_socket, &Socket::disconnected, [this] { ended(0); });
     QObject::connect(&m_socket, &Socket::error, [this](int code) { ended(code); });
@@ -214,8 +214,9 @@ void End::send()
         return;
     const QByteArray bytes
         = m_pOut->next(static_cast<int>(m_house.world.random().size(100000)) + (m_pOut->nSent == 0 ? 4 : 0));
+    m_pOut->nSent += bytes.size(); // another thread may receive them at once
     m_bRefused = !m_socket.sendData(bytes.constData(), bytes.size());
-    m_pOut->nSent += m_bRefused ? 0 : bytes.size();
+    m_pOut->nSent -= m_bRefused ? bytes.size() : 0;
     m_house.nSent += bytes.size();
 }
 

@@ -96,6 +96,7 @@ private:
     sim::Random& random() { return m_talk.world.random(); }
     void makeSocket();
     void configure();
+    void chooseSite();
     void begin();
     void over();
     void close();
@@ -115,6 +116,8 @@ private:
     Site* m_pAsked = nullptr; // by a client; null: a liar
     Ssl::SslVerifyCertificateMode m_mode = Ssl::eVerifyChainAndHost;
     bool m_bCertified = false; // a client with a certificate
+    QString m_host;
+    const bool m_bLoyal = m_talk.world.random().chance(0.5); // to the first site
     QString m_how; // all on which resuming depends
     std::unique_ptr<Ssl> m_pSocket;
     QTimer m_stallEnds;
@@ -187,25 +190,31 @@ void End::begin()
     m_pSocket->resumeRecv();
 }
 
+void End::chooseSite()
+{
+    m_pAsked = m_talk.bCalm || !random().chance(0.05) ? random().pick(m_talk.sites).get() : nullptr;
+    m_host = random().chance(0.5) ? QStringLiteral("here") : QStringLiteral("127.0.0.1");
+    if (!m_talk.bCalm && random().chance(0.4))
+        m_host = QString::fromLatin1(kRelay);
+    if (m_pAsked == nullptr)
+        m_host = QString::fromLatin1(kLiar);
+}
+
 void End::connectOut()
 {
     if (!m_pSocket)
         makeSocket();
-    else if (random().chance(0.2))
+    else if (!m_bLoyal && random().chance(0.2))
         configure();
     begin();
-    m_pAsked = m_talk.bCalm || !random().chance(0.05) ? random().pick(m_talk.sites).get() : nullptr;
-    QString host = random().chance(0.5) ? QStringLiteral("here") : QStringLiteral("127.0.0.1");
-    if (!m_talk.bCalm && random().chance(0.4))
-        host = QString::fromLatin1(kRelay);
-    if (m_pAsked == nullptr)
-        host = QString::fromLatin1(kLiar);
+    if (!m_bLoyal || m_host.isEmpty())
+        chooseSite();
     const quint16 port = m_pAsked == nullptr ? kLiarPort : m_pAsked->port();
-    m_how = m_how.section(QLatin1Char(' '), 0, 2) + QStringLiteral(" %1:%2").arg(host).arg(port);
-    if (random().chance(0.5) || host == QLatin1String("here"))
-        m_pSocket->connectToHost(host, port);
+    m_how = m_how.section(QLatin1Char(' '), 0, 2) + QStringLiteral(" %1:%2").arg(m_host).arg(port);
+    if (random().chance(0.5) || m_host == QLatin1String("here"))
+        m_pSocket->connectToHost(m_host, port);
     else
-        m_pSocket->connectToHost(QHostAddress(host), port);
+        m_pSocket->connectToHost(QHostAddress(m_host), port);
     m_talk.world.expect(m_pSocket->getState() == NuvikaTcpSocket::eConnecting, "it does not connect");
 }
 
@@ -269,7 +278,7 @@ void End::received(const char* data, int size)
     world.expect(!std::exchange(m_bReading, true), "dataReceived() nests");
     m_in.read(world, m_talk.streams, data, size);
     const int session = m_nSession;
-    act();
+    sim::expectKept(world, data, size, [this] { act(); });
     if (session == m_nSession)
         m_bReading = false;
 }
@@ -556,7 +565,7 @@ void talkAWhile(Talk& talk)
         if (!talk.bCalm && random.chance(0.05))
             talk.world.dial(
                 "127.0.0.1", random.pick(talk.sites)->port(), [&](sim::Peer& peer) { lie(talk, peer); });
-        talk.world.run(random.chance(0.05) ? random.below(3 * 3600000) : random.size(1000));
+        talk.world.run(random.chance(0.2) ? random.below(2 * 3600000) : random.size(1000));
         if (random.chance(0.02))
             talk.world.run(random.below(36 * 3600000));
         for (std::size_t i = 0; i < talk.ends.size(); ++i)
