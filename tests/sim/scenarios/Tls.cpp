@@ -297,9 +297,12 @@ void End::ended(int code, bool bAnnounced)
         world.expect(
             m_in.isComplete(), "stream %u ends after %lld of %lld bytes", in.nId, m_in.nReceived, in.nSent);
     }
-    // Who says the end first may find that the other's close_notify waits behind too much.
-    world.expect(
-        code != 0 || bAnnounced || !m_talk.isSafe() || m_pOut->bEnded, "an end without close_notify");
+    // Who says the end first may find that the other's close_notify waits behind too much; and the alert that
+    // refuses a client's certificate does not wait for room.
+    const bool bRefused
+        = !isServer() && m_pAsked != nullptr && m_pAsked->kind == Site::eAsks && m_talk.weather.squeeze > 0;
+    world.expect(code != 0 || bAnnounced || bRefused || !m_talk.isSafe() || m_pOut->bEnded,
+        "an end without close_notify");
     checkError(code);
     over();
     if (code != 0)
