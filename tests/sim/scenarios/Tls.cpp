@@ -266,6 +266,8 @@ void End::connected()
             "connected with a certificate that is not to be trusted");
         m_talk.verified[m_how] = now;
     }
+    if (m_bLoyal && !m_talk.bFinishing && random().chance(0.2)) // before there is a ticket
+        stall();
     send();
     act();
 }
@@ -390,7 +392,7 @@ void End::stall()
 {
     m_pSocket->stallRecv();
     m_stallEnds.start(
-        static_cast<int>(random().chance(0.2) ? random().below(5 * 3600000) : random().size(20000)));
+        static_cast<int>(random().chance(0.3) ? random().below(3 * 3600000) : random().size(20000)));
 }
 
 void End::destroy()
