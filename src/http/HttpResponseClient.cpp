@@ -185,7 +185,7 @@ void HttpResponseClient::Private::allSent()
     const QPointer<HttpResponseClient> guard(&m_client);
     for (int finished = std::exchange(m_nFinishing, 0); finished > 0; --finished) {
         emit m_client.responseFinished();
-        if (!guard)
+        if (!guard || m_state == eDisconnected)
             return;
     }
     endIfDue();
@@ -291,6 +291,7 @@ void HttpResponseClient::Private::disconnect()
     m_socket.close();
     m_writer.discard();
     m_exchanges.clear();
+    m_nFinishing = 0;
     m_input.reset();
     if (m_state == eDisconnected)
         return;
