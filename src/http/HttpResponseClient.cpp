@@ -247,6 +247,11 @@ void HttpResponseClient::Private::lost(int code)
 {
     if (m_state == eDisconnected)
         return;
+    if (!m_exchanges.isEmpty() && m_exchanges.front().bStreaming) { // nothing is delivered inside an answer
+        m_bNoMoreRequests = true;
+        if (m_exchanges.size() > 1)
+            m_state = eConnected;
+    }
     m_exchanges.clear();
     m_nFinishing = 0;
     m_writer.discard();
