@@ -215,7 +215,10 @@ public:
         : m_world(world),
           m_bKind(!weather.mayReset() && !weather.mayFail() && weather.refuse == 0 && weather.lose == 0)
     {
-        world.listen(kHost, kPort, [this](sim::Peer& peer) { serve(peer); });
+        world.listen(kHost, kPort, [this, alive = std::weak_ptr<bool>(m_pAlive)](sim::Peer& peer) {
+            if (!alive.expired()) // a client's last connection may come late
+                serve(peer);
+        });
         makeClient();
         m_nMemory = memoryInUse();
     }
@@ -247,6 +250,7 @@ private:
     std::size_t m_nOver = 0;
     std::vector<sim::Peer*> m_peers;
     int m_nError = 0; // the last, since the last outcome
+    std::shared_ptr<bool> m_pAlive = std::make_shared<bool>(true);
     int m_nDepth = 0;
     bool m_bLeaving = false;
     std::size_t m_nMemory = 0;
@@ -339,6 +343,7 @@ void Trial<Client>::answer(sim::Peer& peer, Request& request)
     if (!request.told.empty() && m_bKind && request.told.back().nParts > 0)
         m_world.expect(request.nParts == request.told.back().nParts, "%d of %d parts", request.nParts,
             request.told.back().nParts);
+    request.got.clear(); // a refusal has no head that says so
     Lie lie = lieTo(request);
     sim::trace("tells %d: %s", static_cast<int>(lie.effect),
         QByteArray(lie.bytes.left(60)).toPercentEncoding(" :/").constData());

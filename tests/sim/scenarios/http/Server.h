@@ -57,7 +57,6 @@ private:
     std::deque<QByteArray> m_pieces; // of the streamed answer, still to be sent
     Exchange* m_pPictures = nullptr; // that it shows
     bool m_bBehind = false; // sigCanSendContent() must come
-    bool m_bLost = false; // error() has told so: nothing is sent any more
     bool m_bOver = false;
 };
 
@@ -86,7 +85,6 @@ inline Connection::Connection(Stage& stage, int descriptor)
     QObject::connect(client, &HttpResponseClient::error, [this] {
         m_stage.world.expect(!m_bOver, "error() behind the end");
         m_stage.world.expect(!m_stage.isKind(), "error() without a reason");
-        m_bLost = true;
     });
     QObject::connect(client, &HttpResponseClient::disconnected, [this] {
         m_stage.world.expect(!m_bOver, "disconnected() comes twice");
@@ -145,6 +143,7 @@ inline void Connection::takeRequest(const HttpRequestHeader& header, const QByte
         body == askedOf(e), "request %d brings %d bytes, and not its %d", e.nNumber, body.size(), e.nAsked);
     m_stage.world.expect(e.asking != eUploadHalf, "half an upload is a request");
     ++e.nSeen;
+    e.got.clear(); // of the attempt before: a refusal has no head that says so
     m_due.push_back({&e, m_stage.guard.admits(header, e, m_stage.world.random())});
     if (m_stage.world.random().chance(0.5))
         answerSome();
@@ -247,13 +246,14 @@ inline void Connection::sendMore()
             {piece.constData() + piece.size() / 2, piece.size() - piece.size() / 2}};
         const bool bSent = random.chance(0.5) ? m_pClient->sendContent(halves, 2)
                                               : m_pClient->sendContent(piece.constData(), piece.size());
-        m_stage.world.expect(bSent || m_bLost, "a piece of the answer is refused");
+        m_stage.world.expect(bSent || !m_stage.isKind(), "a piece of the answer is refused");
     }
     if (!m_bStreams)
         return;
     if (m_pieces.empty()) {
         m_bStreams = false;
-        m_stage.world.expect(m_pClient->endContent() || m_bLost, "the end of the answer is refused");
+        m_stage.world.expect(
+            m_pClient->endContent() || !m_stage.isKind(), "the end of the answer is refused");
         m_stage.world.expect(!m_due.empty() || !m_pClient->endContent(), "an answer ends twice");
         answerLater();
     } else {
