@@ -10,13 +10,13 @@ using namespace cameras;
 namespace
 {
 constexpr std::uint64_t kHourMs = 3600000;
-constexpr std::size_t kMostGrowth = 4 << 20; // the simulated network keeps a little of each connection
+constexpr std::size_t kMostGrowth = 48 << 20; // the simulated network keeps a little of each connection
 
 struct Plant {
     Plant(sim::World& w, int count, int periodMs) : world(w)
     {
         for (int i = 0; i < count; ++i) {
-            cameras.push_back(std::make_unique<Camera>(w, i, periodMs, 30000));
+            cameras.push_back(std::make_unique<Camera>(w, i, periodMs, 3000));
             watchers.push_back(std::make_unique<Watcher>(w, *cameras.back(), 3 * periodMs));
             watchers.back()->start();
         }
