@@ -207,9 +207,9 @@ inline void Pipeliner::take(Exchange& e, const QByteArray& body)
 // At the end of the run: the last answer may have lasted until the connection's end.
 inline void Pipeliner::check() const
 {
+    m_stage.world.expect(isOver(), "waits in vain: %s", text().c_str());
     if (!m_stage.isKind() || !m_bStrict)
         return;
-    m_stage.world.expect(isOver(), "waits in vain: %s", text().c_str());
     const bool bByEnd = m_nAnswered + 1 == m_nExpected && m_asked[m_nAnswered]->closesByAnswer()
         && m_asked[m_nAnswered]->hasBody() && !m_in.isEmpty();
     m_stage.world.expect(m_nAnswered == m_nExpected || bByEnd, "ends early: %s", text().c_str());
