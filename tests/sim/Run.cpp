@@ -80,7 +80,7 @@ void* runScenario(void* argument)
 
 void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
 {
-    alarm(kPatience);
+    alarm(scenario.bLong ? 30 * kPatience : kPatience);
     mallopt(M_ARENA_MAX, 1); // addresses are the same in each run, too
     report.nHash = 0xcbf29ce484222325U;
     Report::current = &report;

@@ -314,6 +314,7 @@ void StreamSocket::deliverTo(StreamSocket& peer)
 {
     Kernel& kernel = Kernel::get();
     if (peer.m_bReleased && !m_wire.isEmpty()) { // nobody will read it
+        peer.receiveReset(); // what it had still to send is lost, too
         receiveReset();
         return;
     }

@@ -16,12 +16,12 @@ std::vector<Scenario>& Scenario::all()
     return scenarios;
 }
 
-bool Scenario::add(const char* name, Function run)
+bool Scenario::add(const char* name, Function run, bool bLong)
 {
     auto& scenarios = all(); // by name: the linker's order says nothing
     const auto place = std::find_if(scenarios.begin(), scenarios.end(),
         [=](const Scenario& other) { return std::string(other.name) > name; });
-    scenarios.insert(place, {name, run});
+    scenarios.insert(place, {name, run, bLong});
     return true;
 }
 

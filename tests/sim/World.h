@@ -72,12 +72,19 @@ struct Scenario {
     using Function = void (*)(World& world);
     const char* name;
     Function run;
+    bool bLong; // runs only where it is named, or with --long
     static std::vector<Scenario>& all();
-    static bool add(const char* name, Function run);
+    static bool add(const char* name, Function run, bool bLong = false);
 };
 } // namespace sim
 
 #define SCENARIO(name)                                                                                       \
     static void scenario_##name(sim::World& world);                                                          \
     [[maybe_unused]] static const bool s_bScenario_##name = sim::Scenario::add(#name, &scenario_##name);     \
+    static void scenario_##name([[maybe_unused]] sim::World& world)
+// One that takes minutes.
+#define LONG_SCENARIO(name)                                                                                  \
+    static void scenario_##name(sim::World& world);                                                          \
+    [[maybe_unused]] static const bool s_bScenario_##name                                                    \
+        = sim::Scenario::add(#name, &scenario_##name, true);                                                 \
     static void scenario_##name([[maybe_unused]] sim::World& world)

@@ -33,6 +33,7 @@ struct Options {
     bool bTrace = false;
     bool bHere = false; // in this process, for a debugger
     bool bTwice = false; // each run twice, and the traces compared
+    bool bLong = false; // the long ones, and no other
 };
 
 struct Job {
@@ -44,7 +45,8 @@ struct Job {
 
 int usage()
 {
-    std::fprintf(stderr, "sim [--seeds A-B] [--scenario NAME] [--jobs N] [--twice] [--trace] [--here]\n");
+    std::fprintf(
+        stderr, "sim [--seeds A-B] [--scenario NAME] [--jobs N] [--twice] [--long] [--trace] [--here]\n");
     for (const Scenario& scenario : Scenario::all())
         std::fprintf(stderr, "  %s\n", scenario.name);
     return 2;
@@ -55,6 +57,10 @@ bool parse(int argc, char** argv, Options* options)
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (name == "--long") {
+            options->bLong = true;
+            continue;
+        }
         if (name == "--trace" || name == "--here" || name == "--twice") {
             (name == "--trace"         ? options->bTrace
                     : name == "--here" ? options->bHere
@@ -255,7 +261,8 @@ int main(int argc, char** argv)
         addKnownSeeds(runner, options);
     for (std::uint64_t seed = options.nFirst; seed <= options.nLast; ++seed) {
         for (const Scenario& scenario : Scenario::all()) {
-            if (options.scenario.empty() || options.scenario == scenario.name)
+            if (options.scenario.empty() ? scenario.bLong == options.bLong
+                                         : options.scenario == scenario.name)
                 runner.add({&scenario, seed});
         }
     }
