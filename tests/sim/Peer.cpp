@@ -68,6 +68,7 @@ bool Peer::readSome()
         m_bOver = true;
         if (onFailure)
             onFailure(static_cast<int>(-got));
+        finish();
     }
     return got > 0;
 }
@@ -99,6 +100,7 @@ void Peer::finish()
         return;
     m_pSocket->onWake = nullptr;
     std::exchange(m_pSocket, nullptr)->released();
+    m_out = ByteQueue(); // peers live as long as the world
 }
 
 void Peer::write(const QByteArray& bytes)
