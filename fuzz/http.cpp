@@ -60,6 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     HttpRequestHeader::fromBytes(stream.constData(), stream.size()).toString();
     const QByteArray challenge = stream.left(stream.indexOf('\n'));
     HttpAuthenticator authenticator;
+    const QByteArray chosen = chooseChallenge({challenge, QByteArray("Basic realm=\"r\"")});
+    const QString user = QString::fromLatin1(challenge);
+    const QByteArray answer = authenticator.digestResponse(chosen, "GET", "/", user, user, challenge);
+    if (answer.isEmpty() != authenticator.isNull() || answer.contains('\n'))
+        std::abort();
     authenticator.digestMd5Response(challenge, "GET", "/", "user", "password", QByteArray());
     if (!authenticator.isNull())
         authenticator.nextDigestMd5Response("GET", "/", "user", "password", QByteArray());

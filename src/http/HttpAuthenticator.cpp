@@ -2,11 +2,13 @@
 
 #include "core/Log_p.h"
 #include "http/HttpChallenge_p.h"
+#include "http/HttpDigest_p.h"
 
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QRandomGenerator>
 
-#include <initializer_list>
+#include <algorithm>
+#include <string_view>
 
 using namespace Nuvika;
 
@@ -14,33 +16,30 @@ namespace
 {
 constexpr char kTag[] = "digest";
 
-QByteArray hexMd5(const QByteArray& text)
+bool isBeyondLatin1(const QString& text)
 {
-    return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+    return std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xFF; });
 }
 
-// The hexadecimal hash of the parts, joined by colons.
-QByteArray hexMd5(QCryptographicHash& hash, std::initializer_list<const QByteArray*> parts)
+// Unknown to the server until it is sent.
+QByteArray makeClientNonce()
 {
-    hash.reset();
-    bool bFirst = true;
-    for (const QByteArray* part : parts) {
-        if (!bFirst)
-            hash.addData(":", 1);
-        hash.addData(part->constData(), part->size());
-        bFirst = false;
-    }
-    return hash.result().toHex();
+    QRandomGenerator& random = *QRandomGenerator::system();
+    return QCryptographicHash::hash(
+        QByteArray::number(random.generate(), 16) + QByteArray::number(random.generate(), 16),
+        QCryptographicHash::Md5)
+        .toHex();
 }
 
-// As a quoted-string.
-void appendQuoted(QByteArray* target, const QByteArray& text)
+// The value as a quoted-string.
+void appendQuoted(QByteArray* target, const char* name, const QByteArray& value)
 {
-    *target += '"';
-    if (!text.contains('"') && !text.contains('\\')) {
-        *target += text;
+    const std::string_view text(value.constData(), static_cast<std::size_t>(value.size()));
+    target->append(name).append('"');
+    if (text.find('"') == text.npos && text.find('\\') == text.npos) { // QByteArray looks at each byte
+        target->append(value);
     } else {
-        for (const char c : text) {
+        for (const char c : value) {
             if (c == '"' || c == '\\')
                 *target += '\\';
             *target += c;
@@ -54,13 +53,15 @@ void HttpAuthenticator::reset() { *this = HttpAuthenticator(); }
 
 bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
 {
+    NUVIKA_DEBUG(
+        lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
     reset();
     int at = 0;
     if (!isDigestChallenge(challenge, &at))
         return false;
     HttpAuthenticator parsed;
     for (const auto& parameter : parseChallengeParameters(challenge.mid(at))) {
-        const QString value = QString::fromLatin1(parameter.second);
+        const QByteArray& value = parameter.second;
         if (parameter.first == "nonce")
             parsed.m_nonce = value;
         else if (parameter.first == "opaque")
@@ -70,16 +71,18 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
         else if (parameter.first == "realm")
             parsed.m_realm = value;
         else if (parameter.first == "qop")
-            parsed.m_qop = QString::fromLatin1(chooseQop(parameter.second));
+            parsed.m_qop = chooseQop(value);
+        else if (parameter.first == "charset")
+            parsed.m_bUtf8 = value.toLower() == "utf-8";
     }
-    if (!isSupportedQop(parsed.m_qop.toLatin1())) {
+    parsed.m_pAlgorithm
+        = parsed.m_algorithm.isEmpty() ? &defaultDigestAlgorithm() : findDigestAlgorithm(parsed.m_algorithm);
+    if (!isSupportedQop(parsed.m_qop)) {
         NUVIKA_WARNING(lcHttp, "HttpAuthenticator::parseChallenge: [%s] unsupported qop '%s'!", kTag,
-            qUtf8Printable(parsed.m_qop));
+            qUtf8Printable(QString::fromLatin1(parsed.m_qop)));
         return false;
     }
-    QRandomGenerator& random = *QRandomGenerator::global();
-    parsed.m_clientNonce
-        = hexMd5(QByteArray::number(random.generate(), 16) + QByteArray::number(random.generate(), 16));
+    parsed.m_clientNonce = makeClientNonce();
     *this = parsed;
     return true;
 }
@@ -87,8 +90,6 @@ bool HttpAuthenticator::parseChallenge(const QByteArray& challenge)
 QByteArray HttpAuthenticator::digestMd5Response(const QByteArray& challenge, const QByteArray& method,
     const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body)
 {
-    NUVIKA_DEBUG(
-        lcHttp, "HttpAuthenticator::digestMd5Response: [%s] challenge:\n%s\n", kTag, challenge.constData());
     if (!parseChallenge(challenge))
         return QByteArray();
     QByteArray response = nextDigestMd5Response(method, path, user, password, body);
@@ -102,45 +103,67 @@ QByteArray HttpAuthenticator::nextDigestMd5Response(const QByteArray& method, co
 {
     if (isNull())
         return QByteArray();
-    ++m_nNonceCount;
-    const QByteArray nc = QByteArray::number(m_nNonceCount, 16).rightJustified(8, '0');
-    const QByteArray nonce = m_nonce.toLatin1();
-    const QByteArray realm = m_realm.toLatin1();
-    const QByteArray qop = m_qop.toLatin1();
+    const bool bMd5 = m_pAlgorithm != nullptr && m_pAlgorithm->hash == DigestAlgorithm::Md5;
+    return credentials(bMd5 ? *m_pAlgorithm : defaultDigestAlgorithm(), method, path, user, password, body);
+}
 
-    QCryptographicHash hash(QCryptographicHash::Md5);
-    QByteArray ha1 = hexMd5(hash, {&user, &realm, &password});
-    if (m_algorithm.compare(QLatin1String("md5-sess"), Qt::CaseInsensitive) == 0)
-        ha1 = hexMd5(hash, {&ha1, &nonce, &m_clientNonce});
-    const QByteArray entity = qop == "auth-int" ? hexMd5(body) : QByteArray();
-    const QByteArray ha2
-        = entity.isEmpty() ? hexMd5(hash, {&method, &path}) : hexMd5(hash, {&method, &path, &entity});
-    const QByteArray digest = qop.isEmpty() ? hexMd5(hash, {&ha1, &nonce, &ha2})
-                                            : hexMd5(hash, {&ha1, &nonce, &nc, &m_clientNonce, &qop, &ha2});
+QByteArray HttpAuthenticator::digestResponse(const QByteArray& challenge, const QByteArray& method,
+    const QByteArray& path, const QString& user, const QString& password, const QByteArray& body)
+{
+    reset();
+    if (!isLine(challenge) || !parseChallenge(challenge))
+        return QByteArray();
+    QByteArray response = nextDigestResponse(method, path, user, password, body);
+    if (response.isEmpty())
+        reset();
+    return response;
+}
 
-    QByteArray value;
-    value.reserve(200 + user.size() + realm.size() + nonce.size() + path.size() + m_opaque.size());
-    value += "Digest username=";
-    appendQuoted(&value, user);
-    value += ", realm=";
-    appendQuoted(&value, realm);
-    value += ", nonce=";
-    appendQuoted(&value, nonce);
-    value += ", uri=";
-    appendQuoted(&value, path);
-    value += ", ";
-    if (!m_opaque.isEmpty()) {
-        value += "opaque=";
-        appendQuoted(&value, m_opaque.toLatin1());
-        value += ", ";
+QByteArray HttpAuthenticator::nextDigestResponse(const QByteArray& method, const QByteArray& path,
+    const QString& user, const QString& password, const QByteArray& body)
+{
+    if (isNull() || m_pAlgorithm == nullptr)
+        return QByteArray();
+    const bool bUtf8 = m_bUtf8 || isBeyondLatin1(user) || isBeyondLatin1(password);
+    return credentials(*m_pAlgorithm, method, path, bUtf8 ? user.toUtf8() : user.toLatin1(),
+        bUtf8 ? password.toUtf8() : password.toLatin1(), body);
+}
+
+QByteArray HttpAuthenticator::credentials(const DigestAlgorithm& algorithm, const QByteArray& method,
+    const QByteArray& path, const QByteArray& user, const QByteArray& password, const QByteArray& body)
+{
+    const QByteArray nc = nextNonceCount();
+    const QByteArray response = Nuvika::digestResponse(
+        algorithm, {user, m_realm, password, m_nonce, m_clientNonce, nc, m_qop, method, path, body});
+    if (response.isEmpty()) {
+        NUVIKA_WARNING(lcHttp, "HttpAuthenticator: [%s] OpenSSL made no %s hash!", kTag,
+            algorithm.hash == DigestAlgorithm::Md5 ? "MD5" : "SHA-256");
+        return QByteArray();
     }
-    value += "response=";
-    appendQuoted(&value, digest);
+    QByteArray value;
+    value.reserve(300 + user.size() + m_realm.size() + m_nonce.size() + path.size() + m_opaque.size());
+    appendQuoted(&value, "Digest username=", user);
+    appendQuoted(&value, ", realm=", m_realm);
+    appendQuoted(&value, ", nonce=", m_nonce);
+    appendQuoted(&value, ", uri=", path);
+    if (!m_opaque.isEmpty())
+        appendQuoted(&value, ", opaque=", m_opaque);
+    appendQuoted(&value, ", response=", response);
     if (!m_algorithm.isEmpty())
-        value += ", algorithm=" + m_algorithm.toLatin1();
-    if (!qop.isEmpty()) {
-        value += ", qop=" + qop + ", nc=" + nc + ", cnonce=";
-        appendQuoted(&value, m_clientNonce);
+        value.append(", algorithm=").append(m_algorithm);
+    if (!m_qop.isEmpty()) {
+        value.append(", qop=").append(m_qop).append(", nc=").append(nc);
+        appendQuoted(&value, ", cnonce=", m_clientNonce);
     }
     return value;
+}
+
+QByteArray HttpAuthenticator::nextNonceCount()
+{
+    auto count = static_cast<quint32>(m_nNonceCount) + 1; // a nonce may serve for months
+    m_nNonceCount = static_cast<qint32>(count);
+    QByteArray text(8, '0');
+    for (int i = text.size(); count > 0; count >>= 4)
+        text[--i] = "0123456789abcdef"[count & 15];
+    return text;
 }

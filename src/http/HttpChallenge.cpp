@@ -1,5 +1,7 @@
 #include "http/HttpChallenge_p.h"
 
+#include "http/HttpDigest_p.h"
+
 #include <algorithm>
 
 namespace
@@ -66,7 +68,8 @@ QList<Bytes> splitChallenges(const Bytes& value)
     return challenges;
 }
 
-constexpr int kNotAnswerable = -1;
+// What an answer is worth; of Digest's named algorithms each hash is one step more.
+enum Rank { eNotAnswerable = -1, eBasic = 0, eDigest = 1, eNamedDigest = 2 };
 
 bool isBasic(const Bytes& challenge)
 {
@@ -76,22 +79,20 @@ bool isBasic(const Bytes& challenge)
 
 int rank(const Bytes& challenge)
 {
-    // Parts of it are sent back: no byte may end our line there.
-    if (std::any_of(challenge.begin(), challenge.end(),
-            [](char c) { return c != '\t' && static_cast<unsigned char>(c) < ' '; }))
-        return kNotAnswerable;
+    if (!Nuvika::isLine(challenge))
+        return eNotAnswerable;
     int at = 0;
     if (!Nuvika::isDigestChallenge(challenge, &at))
-        return isBasic(challenge) ? 0 : kNotAnswerable;
-    int best = 1;
+        return isBasic(challenge) ? eBasic : eNotAnswerable;
+    int best = eDigest;
     for (const auto& parameter : Nuvika::parseChallengeParameters(challenge.mid(at))) {
-        const Bytes value = parameter.second.toLower();
-        if (parameter.first == "algorithm" && !value.isEmpty()) {
-            if (value != "md5" && value != "md5-sess")
-                return kNotAnswerable;
-            best = 2;
-        } else if (parameter.first == "qop" && !Nuvika::isSupportedQop(Nuvika::chooseQop(value))) {
-            return kNotAnswerable;
+        if (parameter.first == "algorithm" && !parameter.second.isEmpty()) {
+            const Nuvika::DigestAlgorithm* algorithm = Nuvika::findDigestAlgorithm(parameter.second);
+            if (algorithm == nullptr)
+                return eNotAnswerable;
+            best = eNamedDigest + algorithm->hash;
+        } else if (parameter.first == "qop" && !Nuvika::isSupportedQop(Nuvika::chooseQop(parameter.second))) {
+            return eNotAnswerable;
         }
     }
     return best;
@@ -115,6 +116,12 @@ QList<QPair<QByteArray, QByteArray>> Nuvika::parseChallengeParameters(const QByt
         parameters.append({key, value});
     }
     return parameters;
+}
+
+bool Nuvika::isLine(const QByteArray& challenge)
+{
+    return std::none_of(challenge.begin(), challenge.end(),
+        [](char c) { return c != '\t' && static_cast<unsigned char>(c) < ' '; });
 }
 
 bool Nuvika::isDigestChallenge(const QByteArray& challenge, int* parametersAt)
@@ -151,7 +158,7 @@ bool Nuvika::isSupportedQop(const QByteArray& qop)
 QByteArray Nuvika::chooseChallenge(const QList<QByteArray>& fieldValues)
 {
     Bytes best;
-    int bestRank = kNotAnswerable;
+    int bestRank = eNotAnswerable;
     for (const Bytes& value : fieldValues) {
         for (const Bytes& challenge : splitChallenges(value)) {
             const int r = rank(challenge);

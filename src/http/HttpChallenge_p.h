@@ -10,6 +10,9 @@ namespace Nuvika
 // The key=value pairs behind a scheme word; keys in lower case, values without quotes and escapes.
 QList<QPair<QByteArray, QByteArray>> parseChallengeParameters(const QByteArray& text);
 
+// No byte of it ends a line: parts of a challenge are sent back.
+bool isLine(const QByteArray& challenge);
+
 // Begins with "digest" as a word of its own, in any case, behind blanks. Gives the offset behind the word.
 bool isDigestChallenge(const QByteArray& challenge, int* parametersAt);
 
@@ -17,8 +20,8 @@ bool isDigestChallenge(const QByteArray& challenge, int* parametersAt);
 QByteArray chooseQop(const QByteArray& list);
 bool isSupportedQop(const QByteArray& qop);
 
-// The challenge of a 401 that can be answered best: Digest with MD5 or MD5-sess, Digest without an algorithm,
-// Basic; in what order they stand does not matter, but among equals the first. Empty when there is none. One
-// field may hold several challenges.
+// The challenge of a 401 that can be answered best: Digest with SHA-256, Digest with MD5 (either with or
+// without -sess), Digest without an algorithm, Basic; in what order they stand does not matter, but among
+// equals the first. Empty when there is none. One field may hold several challenges.
 QByteArray chooseChallenge(const QList<QByteArray>& fieldValues);
 } // namespace Nuvika

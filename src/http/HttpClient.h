@@ -41,9 +41,10 @@
 /// pieces. Only an upload of which pieces were sent is given up at once. A failed connect counts as a loss,
 /// and so does a refused certificate or any failed set-up of TLS: three error() for one request then.
 ///
-/// Credentials: a 401 is answered once, by the best challenge that can be: Digest with MD5, else Basic. A
-/// second one in a row is delivered by requestFinished(). A challenge is kept for the requests that follow
-/// when its answer was accepted.
+/// Credentials: a 401 is answered once, by the best challenge that can be: Digest with SHA-256, Digest with
+/// MD5, else Basic. A second one in a row is delivered by requestFinished(). A challenge is kept for the
+/// requests that follow when its answer was accepted; a nonce that has expired by then is another 401,
+/// answered with the new one.
 class KEPNUVIKAUTIL_EXPORT HttpClient : public QObject
 {
     Q_OBJECT

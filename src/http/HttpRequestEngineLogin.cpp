@@ -13,14 +13,22 @@ namespace
 {
 constexpr int kMax401 = 1;
 
-// The values of a field in raw head bytes, as they came.
+// The values of a field in raw head bytes, as they came. A line that begins with a blank continues the one
+// before it.
 QList<QByteArray> rawFieldValues(const char* head, int size, const char* name)
 {
     const QByteArray prefix = QByteArray(name) + ':';
     QList<QByteArray> values;
+    bool bTaken = false;
     for (const QByteArray& line : QByteArray::fromRawData(head, size).split('\n')) {
-        if (line.size() >= prefix.size()
-            && qstrnicmp(line.constData(), prefix.constData(), uint(prefix.size())) == 0)
+        if (line.startsWith(' ') || line.startsWith('\t')) {
+            if (bTaken)
+                values.last() += ' ' + line.trimmed();
+            continue;
+        }
+        bTaken = line.size() >= prefix.size()
+            && qstrnicmp(line.constData(), prefix.constData(), uint(prefix.size())) == 0;
+        if (bTaken)
             values.append(line.mid(prefix.size()).trimmed());
     }
     return values;
@@ -46,9 +54,10 @@ void HttpRequestEngine::updateAuthorization(Request& request)
     if (!m_authenticator.isNull() && !request.bOwnAuthorization && !request.bAuthorizationReady) {
         const QByteArray body = QByteArray::fromRawData(
             static_cast<const char*>(request.body.getBuffer()), request.body.getBufferSize());
-        const QByteArray value = m_authenticator.nextDigestMd5Response(header.method().toLatin1(),
-            header.path().toLatin1(), request.user.toLatin1(), request.password.toLatin1(), body);
-        setAuthorization(request.header, value);
+        const QByteArray value = m_authenticator.nextDigestResponse(
+            header.method().toLatin1(), header.path().toLatin1(), request.user, request.password, body);
+        if (!value.isEmpty())
+            setAuthorization(request.header, value);
         NUVIKA_DEBUG(lcHttp, "HttpClient::triggerNextRequest(): id=%d;updated \"Authorization\":%s",
             request.nId, value.constData());
     } else if (header.hasKey(HttpCredentials::field())) {
@@ -86,8 +95,8 @@ void HttpRequestEngine::prepareRetry()
     const QByteArray body = QByteArray::fromRawData(
         static_cast<const char*>(front.body.getBuffer()), front.body.getBufferSize());
     m_authenticator.reset();
-    QByteArray value = m_authenticator.digestMd5Response(m_challenge, front.header.method().toLatin1(),
-        front.header.path().toLatin1(), front.user.toLatin1(), front.password.toLatin1(), body);
+    QByteArray value = m_authenticator.digestResponse(m_challenge, front.header.method().toLatin1(),
+        front.header.path().toLatin1(), front.user, front.password, body);
     m_bChallengeOnTrial = !value.isEmpty();
     if (value.isEmpty() && !front.user.isEmpty() && !front.password.isEmpty())
         value = HttpCredentials::basic(front.user, front.password);

@@ -1,5 +1,7 @@
 #include "http/HttpChallenge_p.h"
+#include "http/HttpDigest_p.h"
 #include "support/LogCapture.h"
+#include "support/Seams.h"
 
 #include <KepNuvikaUtil/HttpAuthenticator.h>
 
@@ -13,6 +15,11 @@ namespace
 QByteArray md5(const QByteArray& text)
 {
     return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+}
+
+QByteArray sha256(const QByteArray& text)
+{
+    return QCryptographicHash::hash(text, QCryptographicHash::Sha256).toHex();
 }
 
 QByteArray field(const QByteArray& credentials, const char* name)
@@ -95,11 +102,128 @@ TEST(HttpAuthenticator, ReadsChallengesAsTheyAreSent)
     EXPECT_EQ(field(answer(a, "Digest   realm = \"r\" ,  nonce = \"n\"  , junk, =, \"odd"), "nonce"), "n");
 }
 
+TEST(HttpDigest, AnswersTheChallengesOfRfc7616)
+{
+    const struct {
+        const char* algorithm;
+        const char* response;
+    } cases[] = {{"MD5", "8ca523f5e9506fed4657c9700eebdbec"},
+        {"SHA-256", "753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1"}};
+    for (const auto& c : cases) {
+        const Nuvika::DigestAlgorithm* algorithm = Nuvika::findDigestAlgorithm(c.algorithm);
+        ASSERT_NE(algorithm, nullptr) << c.algorithm;
+        EXPECT_EQ(Nuvika::digestResponse(*algorithm,
+                      {"Mufasa", "http-auth@example.org", "Circle of Life",
+                          "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v",
+                          "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ", "00000001", "auth", "GET",
+                          "/dir/index.html", ""}),
+            c.response)
+            << c.algorithm;
+    }
+}
+
+TEST(HttpAuthenticator, HashesAsTheChallengeAsks)
+{
+    const QByteArray start = "Digest realm=\"r\", nonce=\"n\"";
+    const struct {
+        QByteArray parameters;
+        QByteArray (*hash)(const QByteArray&);
+        bool bSession;
+        const char* qop;
+    } cases[] = {{", qop=auth", md5, false, "auth"}, {", algorithm=MD5, qop=auth", md5, false, "auth"},
+        {", algorithm=md5-SESS, qop=auth", md5, true, "auth"}, {", algorithm=SHA-256", sha256, false, ""},
+        {", algorithm=\"sha-256\", qop=\"auth-int, auth\"", sha256, false, "auth"},
+        {", algorithm=SHA-256-sess, qop=auth", sha256, true, "auth"},
+        {", algorithm=SHA-256-sess, qop=auth-int", sha256, true, "auth-int"}};
+    const QString user = QStringLiteral("u");
+    const QString password = QStringLiteral("p");
+    for (const auto& c : cases) {
+        HttpAuthenticator a;
+        QByteArray firstNonce;
+        for (const char* nc : {"00000001", "00000002"}) {
+            const QByteArray credentials = firstNonce.isEmpty()
+                ? a.digestResponse(start + c.parameters, "PUT", "/1", user, password, "body")
+                : a.nextDigestResponse("PUT", "/1", user, password, "body");
+            const QByteArray cnonce = field(credentials, "cnonce");
+            firstNonce = firstNonce.isEmpty() ? cnonce : firstNonce;
+            QByteArray key = c.hash("u:r:p");
+            if (c.bSession)
+                key = c.hash(key + ":n:" + firstNonce);
+            const QByteArray qop = c.qop;
+            const QByteArray request
+                = c.hash(qop == "auth-int" ? "PUT:/1:" + c.hash("body") : QByteArray("PUT:/1"));
+            const QByteArray count = qop.isEmpty() ? "" : nc + (':' + cnonce) + ':' + qop + ':';
+            EXPECT_EQ(field(credentials, "response"), c.hash(key + ":n:" + count + request))
+                << nc << c.parameters.constData();
+            EXPECT_EQ(field(credentials, "nc"), qop.isEmpty() ? "" : nc) << c.parameters.constData();
+            EXPECT_EQ(credentials.contains("algorithm="), c.parameters.contains("algorithm="))
+                << "only what the challenge names: " << credentials.constData();
+        }
+        const QByteArray again = a.digestResponse(start + c.parameters, "PUT", "/1", user, password, "body");
+        EXPECT_NE(field(again, "cnonce"), firstNonce.isEmpty() ? "none" : firstNonce);
+        EXPECT_EQ(field(again, "nc"), field(again, "qop").isEmpty() ? "" : "00000001");
+    }
+}
+
+TEST(HttpAuthenticator, RefusesWhatItCannotAnswerAndNeverHashesWithMd5Instead)
+{
+    HttpAuthenticator a;
+    const QString user = QStringLiteral("u");
+    const QByteArray start = "Digest realm=\"r\", nonce=\"n\"";
+    for (const QByteArray& challenge :
+        {start + ", algorithm=SHA-512-256", start + ", algorithm=SHA-256-", start + ", algorithm=token",
+            start + ", qop=token", start + ", opaque=\"a\r\nX: y\"", QByteArray("Basic realm=\"r\"")}) {
+        a.digestResponse(start, "GET", "/", user, user, "");
+        EXPECT_TRUE(a.digestResponse(challenge, "GET", "/", user, user, "").isEmpty())
+            << challenge.constData();
+        EXPECT_TRUE(a.isNull() && a.nextDigestResponse("GET", "/", user, user, "").isEmpty())
+            << challenge.constData();
+    }
+    const QByteArray told = answer(a, start + ", algorithm=SHA-256-sess");
+    EXPECT_EQ(field(told, "response"), md5(md5("Mufasa:r:Circle Of Life") + ":n:" + kHa2)) << "by its name";
+
+    for (const char* step : {"EVP_DigestInit_ex", "EVP_DigestUpdate", "EVP_DigestFinal_ex"}) {
+        LogCapture log;
+        seams::crypto(step).arm(1, 0);
+        EXPECT_TRUE(a.digestResponse(start + ", algorithm=SHA-256", "GET", "/", user, user, "").isEmpty())
+            << step;
+        EXPECT_TRUE(a.isNull() && log.has("OpenSSL made no SHA-256 hash!", QtWarningMsg)) << step;
+    }
+}
+
+TEST(HttpAuthenticator, SendsUserAndPasswordInTheChallengesCharset)
+{
+    const QString name = QString::fromUtf8("J\xC3\xA4s\xC3\xB8n");
+    const QString euro = QString::fromUtf8("\xE2\x82\xAC");
+    const QByteArray start = "Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256";
+    const struct {
+        QByteArray challenge;
+        QString password;
+        QByteArray user; // as it is sent
+        QByteArray secret;
+    } cases[] = {{start, name, name.toLatin1(), name.toLatin1()},
+        {start + ", charset=utf-8", name, name.toUtf8(), name.toUtf8()},
+        {start + ", charset=\"UTF-8\", userhash=true", name, name.toUtf8(), name.toUtf8()},
+        {start + ", userhash=false, charset=latin", name, name.toLatin1(), name.toLatin1()},
+        {start, euro, name.toUtf8(), euro.toUtf8()}};
+    for (const auto& c : cases) {
+        HttpAuthenticator a;
+        const QByteArray credentials = a.digestResponse(c.challenge, "GET", "/", name, c.password, "");
+        EXPECT_EQ(field(credentials, "username"), c.user) << c.challenge.constData();
+        EXPECT_EQ(field(credentials, "response"),
+            sha256(sha256(c.user + ":r:" + c.secret) + ":n:" + sha256("GET:/")))
+            << c.challenge.constData();
+        EXPECT_FALSE(credentials.contains("userhash")) << "the name stands in the clear";
+    }
+}
+
 TEST(HttpChallenge, ChoosesTheOneThatCanBeAnswered)
 {
     const QByteArray basic = "Basic realm=\"x, y\"";
     const QByteArray md5Line = "Digest realm=\"r\", algorithm=MD5, nonce=\"n\"";
-    const QByteArray sha = "Digest realm=\"r\", algorithm=SHA-256, nonce=\"n\"";
+    const QByteArray sha = "Digest realm=\"r\", algorithm=\"sha-256\", nonce=\"n\"";
+    const QByteArray session = "Digest realm=\"r\", algorithm=SHA-256-sess, nonce=\"n\"";
+    const QByteArray truncated = "Digest realm=\"r\", algorithm=SHA-512-256, nonce=\"n\"";
     const QByteArray bare = "Digest realm=\"r\", nonce=\"n\"";
     const QByteArray token = "Digest realm=\"r\", nonce=\"n\", qop=\"token\"";
     const QByteArray control = "Digest realm=\"r\rX: y\", nonce=\"n\"";
@@ -107,11 +231,14 @@ TEST(HttpChallenge, ChoosesTheOneThatCanBeAnswered)
     const struct {
         QList<QByteArray> fields;
         QByteArray chosen;
-    } cases[] = {{{basic, sha, md5Line}, md5Line}, {{md5Line, basic}, md5Line}, {{sha, bare, basic}, bare},
-        {{basic}, basic}, {{basic + ", " + bare}, bare}, {{bare + ", " + basic}, bare}, {{sha, basic}, basic},
-        {{sha + ", " + basic}, basic}, {{token, basic}, basic}, {{control, basic}, basic},
-        {{other, basic}, basic}, {{sha}, ""}, {{token}, ""}, {{other}, ""}, {{"Basically x=y"}, ""},
-        {{}, ""}};
+    } cases[] = {{{basic, md5Line, sha}, sha}, {{sha, basic, md5Line}, sha}, {{md5Line, basic}, md5Line},
+        {{truncated, bare, basic}, bare}, {{bare, md5Line}, md5Line}, {{basic}, basic},
+        {{basic + ", " + bare}, bare}, {{bare + ", " + basic}, bare}, {{truncated, basic}, basic},
+        {{truncated + ", " + basic}, basic}, {{sha + "," + session}, sha}, {{session, sha}, session},
+        {{other + ", " + truncated + ", " + md5Line + ", " + sha + ", " + basic}, sha},
+        {{truncated + ", Unknown a=\"Digest b, c\", " + md5Line, basic, other}, md5Line},
+        {{token, basic}, basic}, {{control, basic}, basic}, {{other, basic}, basic}, {{truncated}, ""},
+        {{token}, ""}, {{other}, ""}, {{"Basically x=y"}, ""}, {{}, ""}};
     for (const auto& c : cases)
         EXPECT_EQ(Nuvika::chooseChallenge(c.fields).trimmed(), c.chosen) << c.fields.join(" | ").constData();
 }

@@ -1,6 +1,9 @@
 // What servers, paths and handlers do wrong, and what becomes of the client then.
 #include "http/HttpExchange.h"
 #include "support/LogCapture.h"
+#include "support/Seams.h"
+
+#include <QtCore/QCryptographicHash>
 
 #include <arpa/inet.h>
 #include <cstring>
@@ -260,9 +263,60 @@ TEST(HttpClientFaults, EachChallengeIsAnsweredOnItsOwn)
     get();
     EXPECT_TRUE(x.request().contains("Authorization: Basic")) << "the challenge was not accepted";
     x.server.write(denied
-        + "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256\r\nWWW-Authenticate: Basic "
-          "realm=\"r\"\r\n\r\n");
-    EXPECT_TRUE(x.request().contains("Authorization: Basic")) << "no MD5 under the name of SHA-256";
+        + "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", algorithm=SHA-512-256\r\nWWW-Authenticate: "
+          "Basic realm=\"r\"\r\n\r\n");
+    EXPECT_TRUE(x.request().contains("Authorization: Basic")) << "no MD5 under another's name";
+}
+
+TEST(HttpClientFaults, TheStrongestDigestIsAnsweredAndItsNonceRenewed)
+{
+    const auto sha256
+        = [](const QByteArray& t) { return QCryptographicHash::hash(t, QCryptographicHash::Sha256).toHex(); };
+    const auto denied = [](const QByteArray& nonce) {
+        return "HTTP/1.1 401 Unauthorized\r\ncontent-length: 0\r\nWWW-Authenticate: Digest realm=\"r\", "
+               "algorithm=MD5, nonce=\"weak\"\r\nWWW-Authenticate: Unknown x=\"y\",\r\n\tDigest\r\n"
+               "  realm=\"r\", algorithm=SHA-256, stale=TRUE, nonce=\""
+            + nonce + "\"\r\nWWW-Authenticate: Basic realm=\"r\"\r\n\r\n";
+    };
+    Exchange x;
+    const auto expectAnswer = [&](const char* path, const QByteArray& nonce) {
+        const QByteArray request = x.request();
+        const QByteArray response
+            = sha256(sha256("user:r:secret") + ':' + nonce + ':' + sha256(QByteArray("GET:") + path));
+        EXPECT_TRUE(request.contains(
+            "uri=\"" + QByteArray(path) + "\", response=\"" + response + "\", algorithm=SHA-256\r\n"))
+            << path << ' ' << nonce.constData() << ": " << request.constData();
+    };
+    x.client->get(QStringLiteral("/1"), kUser, kPassword, true);
+    x.request();
+    x.server.write(denied("n"));
+    expectAnswer("/1", "n");
+    x.server.write(sized("in"));
+    x.client->get(QStringLiteral("/2?a=b"), kUser, kPassword, true);
+    expectAnswer("/2?a=b", "n"); // kept
+    x.server.write(denied("m"));
+    expectAnswer("/2?a=b", "m"); // once with the new nonce
+    x.server.write(denied("k"));
+    ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("done2 401 ")); }))
+        << text(x.events.join(QStringLiteral(" / "))).constData();
+}
+
+TEST(HttpClientFaults, NoCredentialsAreSentThatCouldNotBeMade)
+{
+    Exchange x;
+    x.client->get(QStringLiteral("/"), kUser, kPassword, true);
+    x.request();
+    x.server.write("HTTP/1.1 401 No\r\ncontent-length: 0\r\nWWW-Authenticate: Digest realm=\"r\", "
+                   "nonce=\"n\"\r\n\r\n");
+    EXPECT_TRUE(x.request().contains("Authorization: Digest"));
+    x.server.write(sized("in"));
+    ASSERT_TRUE(waitFor([&] { return x.events.contains(QStringLiteral("done1 200 in")); }));
+    seams::crypto("EVP_DigestInit_ex").arm(1, 0);
+    x.client->request(
+        HttpRequestHeader(QStringLiteral("GET"), QStringLiteral("/")), false, nullptr, kUser, QString(), 0);
+    const QByteArray request = x.request();
+    EXPECT_TRUE(request.startsWith("GET / ") && !request.toLower().contains("authorization"))
+        << request.constData();
 }
 
 TEST(HttpClientFaults, RefusesWhatWouldNotArriveAsItWasMeant)
