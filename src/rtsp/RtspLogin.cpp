@@ -35,10 +35,8 @@ QByteArray RtspLogin::credentials(const QByteArray& method, const QByteArray& ur
             QString::fromLatin1(m_user.toUtf8()), QString::fromLatin1(m_password.toUtf8()));
     const QByteArray challenge = std::exchange(m_challenge, QByteArray());
     if (!challenge.isEmpty())
-        return m_authenticator.digestMd5Response(
-            challenge, method, url, m_user.toUtf8(), m_password.toUtf8(), QByteArray());
+        return m_authenticator.digestResponse(challenge, method, url, m_user, m_password, QByteArray());
     if (m_authenticator.isNull())
         return QByteArray();
-    return m_authenticator.nextDigestMd5Response(
-        method, url, m_user.toUtf8(), m_password.toUtf8(), QByteArray());
+    return m_authenticator.nextDigestResponse(method, url, m_user, m_password, QByteArray());
 }
