@@ -165,11 +165,8 @@ bool RtspMessageReader::readBetween()
     case Start::Undecided:
         return refill();
     case Start::Stray:
-        m_bAmongStrays = true;
-        ++m_nStrays;
         consume(1);
-        if (++m_nRow > static_cast<std::size_t>(m_limits.nStray))
-            fail(QStringLiteral("more than %1 bytes that are neither RTSP nor packets").arg(m_limits.nStray));
+        countStrays(1);
         return true;
     case Start::Packet:
         beginPacket();
@@ -181,6 +178,15 @@ bool RtspMessageReader::readBetween()
     }
     m_bAmongStrays = false;
     return true;
+}
+
+void RtspMessageReader::countStrays(std::size_t n)
+{
+    m_bAmongStrays = true;
+    m_nStrays += n;
+    m_nRow += n;
+    if (m_nRow > static_cast<std::size_t>(m_limits.nStray))
+        fail(QStringLiteral("more than %1 bytes that are neither RTSP nor packets").arg(m_limits.nStray));
 }
 
 // --- packets ---------------------------------------------------------------------------------------------
@@ -260,10 +266,8 @@ bool RtspMessageReader::takeHead()
     m_head = RtspHead::fromBytes(m_headText.constData(), m_headText.size());
     m_body.clear();
     if (!m_head.isValid()) {
-        m_nStrays += static_cast<std::size_t>(m_headText.size());
-        m_nRow += static_cast<std::size_t>(m_headText.size());
-        m_bAmongStrays = true;
         m_state = State::Between;
+        countStrays(static_cast<std::size_t>(m_headText.size()));
         return false;
     }
     m_nBodyLeft = static_cast<std::size_t>(m_head.bodyLength());

@@ -71,6 +71,7 @@ private:
     void consume(std::size_t n);
     bool refill();
     bool readBetween();
+    void countStrays(std::size_t n);
     void beginPacket();
     void readPacket();
     bool readHead();
