@@ -188,8 +188,8 @@ void RtspSession::lost(int code, const QString& reason)
     const QString open = m_open && m_open->purpose != Purpose::Teardown
         ? QStringLiteral("; %1 (CSeq %2) was open").arg(m_open->method).arg(m_open->cseq)
         : QString();
-    fail(code,
-        m_url.authority() + QStringLiteral(": %1, behind %2 bytes%3").arg(reason).arg(position).arg(open));
+    const QString where = position > 0 ? QStringLiteral(", behind %1 bytes").arg(position) : QString();
+    fail(code, m_url.authority() + QStringLiteral(": ") + reason + where + open);
 }
 
 // --- time limits -----------------------------------------------------------------------------------------

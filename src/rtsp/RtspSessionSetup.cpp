@@ -351,6 +351,10 @@ void RtspSession::playAnswered(const RtspHead& answer)
                 m_setups[i].pInput->announceFirst(info);
         }
     }
+    for (const Setup& setup : m_setups) {
+        if (setup.pInput)
+            setup.pInput->takeStatistics(monotonicUs()); // the first second begins
+    }
     m_phase = Phase::Playing;
     beginWaiting();
     emit m_client.playing();

@@ -26,7 +26,10 @@ public:
     // take it, then beginSource().
     Verdict admit(const RTPPacket& packet, qint64 nowUs);
     void beginSource(quint32 ssrc);
-    bool hasPayloadType(int type) const { return type >= 0 && m_types.test(static_cast<std::size_t>(type)); }
+    bool hasPayloadType(int type) const // also of packets that are none
+    {
+        return type >= 0 && type < static_cast<int>(m_types.size()) && m_types[static_cast<std::size_t>(type)];
+    }
     // Of the answers to SETUP and PLAY.
     void announceSource(std::optional<quint32> ssrc) { m_announced = ssrc; }
     void announceFirst(const RtpInfo& info);
