@@ -364,9 +364,10 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
             };
             viewer.start();
             EXPECT_TRUE(viewer.waitUntil([&] { return bActed; })) << moment << ' ' << viewer.log();
-            if (action == 0)
+            if (action == 0) {
                 EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client->state() == RtspClient::eIdle; }))
                     << moment;
+            }
             settle(5);
         }
     }
