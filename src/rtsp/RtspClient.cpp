@@ -4,7 +4,8 @@
 
 RtspClient::RtspClient(QObject* parent) : QObject(parent), d(std::make_unique<Nuvika::RtspSession>(*this)) { }
 
-RtspClient::~RtspClient() = default;
+// A trace of the TEARDOWN would see half an object.
+RtspClient::~RtspClient() { blockSignals(true); }
 
 void RtspClient::setOptions(const RtspOptions& options) { d->m_options = options; }
 const RtspOptions& RtspClient::options() const { return d->m_options; }

@@ -25,14 +25,14 @@ class RtspSession;
 ///
 /// One session at a time: stopped() or error() ends it, once, and start() may follow, also inside their
 /// handlers. Nothing reconnects by itself. A session is ended by TEARDOWN, also before error() where the
-/// connection allows it: what is told then comes up to four seconds after its cause.
+/// connection allows it: what is told then comes up to four seconds after its cause (twice nTeardown).
 ///
 /// Threads: owned by the thread that made it, which needs an event loop and may have a thousand of them; the
 /// library must be initialised for host names.
 /// Lifetime: a handler of any signal may stop, reuse or delete the client; the destructor sends TEARDOWN and
 /// waits for nothing. Packets, RTCP and units are valid during the emission only, and cannot pass a queued
 /// connection.
-/// Signals are never emitted inside a call of this class.
+/// Signals are never emitted inside a call of this class, but messageSent().
 ///
 /// Errors: error(int) with the status where the server refused (401, 404, 461, ...), 415 when nothing that it
 /// offers can be played, and else SocketError's code: 10060 when a time limit has passed, 10053 for what
@@ -94,7 +94,8 @@ public:
     quint64 strayBytes() const;
 
 signals:
-    /// The description was read. Unless told otherwise, the tracks are set up when the handlers return.
+    /// The description was read; again where a redirect has led to another. Unless told otherwise, the tracks
+    /// are set up when the handlers return.
     void described(const SdpDescription& description, const QVector<RtspTrack>& tracks);
     /// The server has agreed to PLAY. Packets may come before.
     void playing();

@@ -116,7 +116,7 @@ bool RtspSession::isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver
 void RtspSession::takeMedia(int track, bool bRtcp, const char* data, int size)
 {
     RtpArrival arrival;
-    arrival.monotonicUs = m_lastMediaUs = monotonicUs();
+    arrival.monotonicUs = monotonicUs();
     arrival.wallUs = static_cast<qint64>(Clock::wallClockMs()) * 1000;
     m_wallOffsetUs = arrival.wallUs - arrival.monotonicUs;
     if (bRtcp || isRtcp(data, size)) {
@@ -143,6 +143,7 @@ void RtspSession::takeRtp(int track, const RTPPacket& packet, const RtpArrival& 
     const RtspTrackInput::Verdict verdict = input->admit(packet, arrival.monotonicUs);
     if (verdict == RtspTrackInput::Verdict::Dropped)
         return;
+    m_lastMediaUs = arrival.monotonicUs;
     if (!m_bMediaSeen && m_phase == Phase::Playing)
         noteFirstPacket();
     const Watched::Watch watch = m_session.watch();

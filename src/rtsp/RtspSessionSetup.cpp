@@ -76,9 +76,9 @@ void RtspSession::takeDescription(const RtspHead& answer, const QByteArray& body
 void RtspSession::placeTracks(const SdpDescription& description, const QString& base)
 {
     m_base = base;
-    m_sessionUrl = description.sessionUrl(base);
+    m_sessionUrl = encodedUrl(description.sessionUrl(base));
     for (RtspTrack& track : m_tracks)
-        track.url = description.trackUrl(track.index, base);
+        track.url = encodedUrl(description.trackUrl(track.index, base));
 }
 
 // Some servers describe once only: the first description still holds.
@@ -286,6 +286,8 @@ void RtspSession::setupRefused(const Request& request, const RtspHead& answer)
         }
         return;
     }
+    if (answer.status() == kUnsupportedTransport)
+        m_remembered = {}; // it does not work any more
     constexpr int kSessionNotFound = 454;
     if (answer.status() == 401 || answer.status() == kSessionNotFound || usableTracks().size() == 1) {
         refused(request, answer);

@@ -28,7 +28,8 @@ public:
     void beginSource(quint32 ssrc);
     bool hasPayloadType(int type) const // also of packets that are none
     {
-        return type >= 0 && type < static_cast<int>(m_types.size()) && m_types[static_cast<std::size_t>(type)];
+        return type >= 0 && type < static_cast<int>(m_types.size())
+            && m_types[static_cast<std::size_t>(type)];
     }
     // Of the answers to SETUP and PLAY.
     void announceSource(std::optional<quint32> ssrc) { m_announced = ssrc; }

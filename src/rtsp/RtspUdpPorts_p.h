@@ -23,6 +23,8 @@ class RtspUdpPorts
 {
 public:
     RtspUdpPorts(RtspDatagramListener& listener, int track);
+    RtspUdpPorts(const RtspUdpPorts&) = delete;
+    RtspUdpPorts& operator=(const RtspUdpPorts&) = delete;
 
     // A pair of free ports of that address. False with problem().
     bool open(const QHostAddress& local, int bufferSize);

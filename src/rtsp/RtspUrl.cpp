@@ -19,20 +19,6 @@ bool startsWithScheme(const QString& text)
 
 QString decoded(const QString& text) { return QUrl::fromPercentEncoding(text.toUtf8()); }
 
-// What a request line cannot hold.
-QString encodedPath(const QString& path)
-{
-    QByteArray out;
-    for (const char c : path.toUtf8()) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte <= ' ' || byte >= 0x7F)
-            out += '%' + QByteArray(1, c).toHex().toUpper();
-        else
-            out += c;
-    }
-    return QString::fromLatin1(out);
-}
-
 // Host and port of "host:port", "[address]:port", "host"; false for a port that is none.
 bool splitHost(const QString& text, RtspUrl* url)
 {
@@ -51,6 +37,19 @@ bool splitHost(const QString& text, RtspUrl* url)
 }
 } // namespace
 
+QString Nuvika::encodedUrl(const QString& url)
+{
+    QByteArray out;
+    for (const char c : url.toUtf8()) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte <= ' ' || byte >= 0x7F)
+            out += '%' + QByteArray(1, c).toHex().toUpper();
+        else
+            out += c;
+    }
+    return QString::fromLatin1(out);
+}
+
 RtspUrl RtspUrl::parse(const QString& text)
 {
     RtspUrl url;
@@ -64,7 +63,7 @@ RtspUrl RtspUrl::parse(const QString& text)
     const auto end = std::find_if(trimmed.begin() + from, trimmed.end(),
         [](QChar c) { return c == QLatin1Char('/') || c == QLatin1Char('?'); });
     QString authority = trimmed.mid(from, static_cast<int>(end - trimmed.begin()) - from);
-    url.path = encodedPath(trimmed.mid(static_cast<int>(end - trimmed.begin())));
+    url.path = encodedUrl(trimmed.mid(static_cast<int>(end - trimmed.begin())));
     const int at = authority.lastIndexOf(QLatin1Char('@'));
     if (at >= 0) {
         const QString login = authority.left(at);
@@ -95,7 +94,7 @@ QString RtspUrl::toString() const
 
 QString RtspUrl::base(const QString& contentBase, const QString& contentLocation) const
 {
-    const QString said = encodedPath((contentBase.isEmpty() ? contentLocation : contentBase).trimmed());
+    const QString said = encodedUrl((contentBase.isEmpty() ? contentLocation : contentBase).trimmed());
     if (said.isEmpty())
         return toString();
     if (startsWithScheme(said))

@@ -27,6 +27,9 @@ struct RtspUrl {
     RtspUrl redirected(const QString& location) const;
 };
 
+// What a request line can hold: blanks, control characters and those beyond ASCII are percent-encoded.
+QString encodedUrl(const QString& url);
+
 // Whether two URLs name the same track: one may be relative, have another host, or lack what leads to it.
 bool mayBeSameTrack(const QString& trackUrl, const QString& other);
 } // namespace Nuvika

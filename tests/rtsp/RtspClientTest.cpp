@@ -1,6 +1,10 @@
 #include "rtsp/RtspKeepAlive_p.h"
 #include "rtsp/ScriptedCamera.h"
+#include "support/Certificates.h"
+#include "support/OwnNetwork.h"
 #include "support/Seams.h"
+
+#include <KepNuvikaUtil/NuvikaTcpServer.h>
 
 #include <malloc.h>
 
@@ -111,6 +115,83 @@ TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
         } else {
             EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client->droppedPackets() == 1; })) << row.name;
         }
+    }
+}
+
+TEST(RtspClient, JoinsTheGroupOfTheAnswer)
+{
+    const bool bMade = inOwnNetwork({"route add 239.0.0.0/8 dev lo"}, [] {
+        for (const bool bInDescription : {false, true}) {
+            Script script = silent();
+            script.answers["SETUP"]
+                = {setUp(bInDescription ? "RTP/AVP;multicast"
+                                        : "RTP/AVP;multicast;destination=239.9.9.9;port=17000-17001")};
+            if (bInDescription)
+                script.sdp = "v=0\r\nc=IN IP4 239.9.9.9/1\r\nm=audio 17000 RTP/AVP 0\r\n";
+            ScriptedCamera camera(script);
+            Viewer viewer(camera, udp(RtspOptions::eMulticast));
+            ASSERT_TRUE(play(viewer)) << viewer.log();
+            EXPECT_TRUE(camera.last("SETUP").contains("Transport: RTP/AVP;multicast\r\n"));
+            camera.rtpPort.sendTo(17000, rtp(0, 5), "239.9.9.9");
+            EXPECT_TRUE(viewer.waitUntil("unit 0 5")) << bInDescription;
+        }
+        Script script = silent();
+        script.answers["SETUP"] = {setUp("RTP/AVP;multicast;destination=127.0.0.1;port=17000-17001")};
+        ScriptedCamera camera(script);
+        Viewer viewer(camera, udp(RtspOptions::eMulticast));
+        viewer.start();
+        EXPECT_TRUE(viewer.waitUntil("error 461")) << "what is no group is not joined";
+    });
+    if (!bMade)
+        GTEST_SKIP() << kNoOwnNetwork;
+}
+
+TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
+{
+    Certificates certificates;
+    NuvikaTcpServer listener;
+    std::vector<std::unique_ptr<NuvikaSslSocket>> served;
+    const struct {
+        const char* name;
+        const char* describe; // empty: the usual one
+        RtspOptions::Transport transport;
+        bool bTrusted;
+        const char* until;
+    } rows[] = {{"trusted", "", RtspOptions::eAutomatic, true, "unit 0 1"},
+        {"a certificate of nobody", "", RtspOptions::eAutomatic, false, "error 10013"},
+        {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
+            RtspOptions::eTcp, true, "error 302"},
+        {"datagrams", "", RtspOptions::eUdp, true, "error 10022"}};
+    const char* describe = "";
+    QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
+        served.push_back(std::make_unique<NuvikaSslSocket>());
+        NuvikaSslSocket* socket = served.back().get();
+        socket->initSsl(true, NuvikaSslSocket::eSslAny12, certificates.forLocalhost(), QString(), QString());
+        QObject::connect(socket, &NuvikaSslSocket::dataReceived, socket,
+            [socket, &describe](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
+                const QByteArray request(data, size);
+                QByteArray text = "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n";
+                if (request.startsWith("DESCRIBE"))
+                    text = *describe != '\0' ? QByteArray(describe)
+                                             : "RTSP/1.0 200 OK\r\nContent-Length: "
+                            + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
+                if (request.startsWith("PLAY"))
+                    text += framed(0, rtp(0, 1));
+                socket->sendData(text.constData(), text.size());
+            });
+        socket->setSocketDescriptor(descriptor);
+    });
+    ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
+    for (const auto& row : rows) {
+        describe = row.describe;
+        ScriptedCamera unused;
+        RtspOptions options;
+        options.transport = row.transport;
+        if (row.bTrusted)
+            options.tlsTrusted = certificates.authority();
+        Viewer viewer(unused, options);
+        viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
+        EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
     }
 }
 
