@@ -454,6 +454,26 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
     }
 }
 
+TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
+{
+    ScriptedCamera camera(silent());
+    Viewer viewer(camera);
+    ASSERT_TRUE(play(viewer));
+    QByteArray seen;
+    const auto take = [&](int, const RTPPacket& packet, const RtpArrival&) {
+        viewer.client.reset();
+        seen = QByteArray(
+            reinterpret_cast<const char*>(packet.getPayload()), static_cast<int>(packet.getPayloadSize()));
+    };
+    QObject::connect(viewer.client.get(), &RtspClient::packetReceived, take);
+    const QByteArray bytes = framed(0, rtp(0, 1, 1, QByteArray(1000, 'p')));
+    camera.connection().write(bytes.left(500)); // joined from its pieces
+    settle(10);
+    camera.connection().write(bytes.mid(500));
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client == nullptr; }));
+    EXPECT_EQ(seen, QByteArray(1000, 'p'));
+}
+
 TEST(RtspClient, SurvivesAnEventLoopInAHandler)
 {
     ScriptedCamera camera;
