@@ -82,9 +82,7 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
     request.user = user;
     request.password = password;
     request.bOwnAuthorization = nAuthMode == eOwnAuthorization;
-    if (request.bOwnAuthorization)
-        m_authenticator.reset();
-    else if (!user.isEmpty() && !password.isEmpty())
+    if (!request.bOwnAuthorization && !user.isEmpty() && !password.isEmpty())
         setAuthorization(request.header, HttpCredentials::basic(user, password));
     request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
         && request.body.isEmpty();

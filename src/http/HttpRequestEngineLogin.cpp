@@ -51,6 +51,8 @@ void HttpRequestEngine::setAuthorization(HttpRequestHeader& header, const QByteA
 void HttpRequestEngine::updateAuthorization(Request& request)
 {
     const HttpRequestHeader& header = request.header;
+    if (request.bOwnAuthorization)
+        m_authenticator.reset(); // in its turn: what was asked before may be sent again
     if (!m_authenticator.isNull() && !request.bOwnAuthorization && !request.bAuthorizationReady) {
         const QByteArray body = QByteArray::fromRawData(
             static_cast<const char*>(request.body.getBuffer()), request.body.getBufferSize());
@@ -100,7 +102,9 @@ void HttpRequestEngine::prepareRetry()
     m_bChallengeOnTrial = !value.isEmpty();
     if (value.isEmpty() && !front.user.isEmpty() && !front.password.isEmpty())
         value = HttpCredentials::basic(front.user, front.password);
-    if (!value.isEmpty())
+    if (!value.isEmpty()) {
         setAuthorization(front.header, value);
+        front.bOwnAuthorization = false; // ours now: sent again, it needs a nonce count of its own
+    }
     front.bAuthorizationReady = true;
 }

@@ -185,7 +185,7 @@ void HttpResponseClient::Private::allSent()
     const QPointer<HttpResponseClient> guard(&m_client);
     for (int finished = std::exchange(m_nFinishing, 0); finished > 0; --finished) {
         emit m_client.responseFinished();
-        if (!guard)
+        if (!guard || m_state == eDisconnected)
             return;
     }
     endIfDue();
@@ -247,6 +247,11 @@ void HttpResponseClient::Private::lost(int code)
 {
     if (m_state == eDisconnected)
         return;
+    if (!m_exchanges.isEmpty() && m_exchanges.front().bStreaming) { // nothing is delivered inside an answer
+        m_bNoMoreRequests = true;
+        if (m_exchanges.size() > 1)
+            m_state = eConnected;
+    }
     m_exchanges.clear();
     m_nFinishing = 0;
     m_writer.discard();
@@ -291,6 +296,7 @@ void HttpResponseClient::Private::disconnect()
     m_socket.close();
     m_writer.discard();
     m_exchanges.clear();
+    m_nFinishing = 0;
     m_input.reset();
     if (m_state == eDisconnected)
         return;

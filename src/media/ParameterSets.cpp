@@ -1,6 +1,7 @@
 #include "media/ParameterSets_p.h"
 
 #include <algorithm>
+#include <numeric>
 #include <tuple>
 
 using Nuvika::ParameterSet;
@@ -40,6 +41,14 @@ void ParameterSets::dropWrongDescription(ParameterSetKind kind)
 {
     const auto isWrong = [kind](const ParameterSet& set) { return set.kind == kind && set.bDescribed; };
     m_sets.erase(std::remove_if(m_sets.begin(), m_sets.end(), isWrong), m_sets.end());
+}
+
+std::size_t ParameterSets::bytes() const
+{
+    return std::accumulate(
+        m_sets.begin(), m_sets.end(), std::size_t{0}, [](std::size_t sum, const ParameterSet& set) {
+            return sum + static_cast<std::size_t>(set.bytes.size());
+        });
 }
 
 const ParameterSet* ParameterSets::sequenceOf(quint32 picture) const

@@ -27,6 +27,7 @@ public:
     // False when there are too many.
     bool store(const ParameterSet& set);
     const std::vector<ParameterSet>& all() const { return m_sets; }
+    std::size_t bytes() const;
     // The sequence parameter set that a picture parameter set names, else any; null without one.
     const ParameterSet* sequenceOf(quint32 picture) const;
 

@@ -1,5 +1,8 @@
 #include "media/PictureCollector_p.h"
 
+#include "media/SupplementalMessages_p.h"
+
+#include <algorithm>
 #include <utility>
 
 using Nuvika::PictureCollector;
@@ -151,6 +154,7 @@ bool PictureCollector::give(RtpAccessUnit* unit, RtpMediaParameters* parameters)
 void PictureCollector::nalBegins(const unsigned char* head, std::size_t size)
 {
     m_open = m_codec.inspect(head, size);
+    m_nReceived += size;
     m_pTarget = nullptr;
     if (m_bDescribing && m_open.kind != NalKind::ParameterSet)
         return;
@@ -163,7 +167,8 @@ void PictureCollector::nalBegins(const unsigned char* head, std::size_t size)
     } else if (m_open.kind == NalKind::ParameterSet) {
         m_set.clear();
         m_pTarget = &m_set;
-        nalGoesOn(head, size);
+        if (!m_set.append(head, size))
+            overBound();
     } else if (m_open.kind == NalKind::Prefix) {
         openUnit(&m_prefix, head, size);
     } else if (m_open.kind == NalKind::Suffix && hasPicture()) {
@@ -227,24 +232,41 @@ void PictureCollector::beginPicture(const NalInfo& info)
         m_bReferencesLost = false;
     }
     m_picture.bReferencesLost = m_bReferencesLost || (info.bLeading && m_bLeadingLost);
-    readSets(info);
-    const bool bPlace = m_format.parameterSets == RtpUnitFormat::eAtKeyFrames && m_picture.bRecoveryPoint;
-    m_bWroteSets = m_bSetsUnwritten || bPlace;
+    placeSets(info.nPictureSet);
+}
+
+// Tells of parameter sets, and writes them, where this picture asks for it.
+void PictureCollector::placeSets(quint32 pictureSet)
+{
+    const ParameterSet* sequence = m_sets.sequenceOf(pictureSet);
+    const bool bNew = m_sets.isChanged() || (sequence != nullptr && sequence->id != m_nSequence);
+    const bool bRepeat = m_format.parameterSets == RtpUnitFormat::eAtKeyFrames && m_picture.bRecoveryPoint;
+    m_bWroteSets = false;
+    if (!(bNew || bRepeat || m_bSetsUnwritten) || !maySpendOnSets())
+        return;
+    if (bNew) {
+        m_parameters = m_codec.describe(m_sets, sequence);
+        m_nHighestSubLayer = m_codec.highestSubLayer(sequence);
+        m_nSequence = sequence == nullptr ? 0 : sequence->id;
+        m_bSetsUnwritten = m_bSetsUnwritten || m_sets.isChanged();
+        m_sets.setSeen();
+    }
+    m_bWroteSets = m_bSetsUnwritten || bRepeat;
     m_bSetsUnwritten = false;
     if (m_bWroteSets && m_format.parameterSets != RtpUnitFormat::eApart && !writeSets())
         overBound();
 }
 
-void PictureCollector::readSets(const NalInfo& info)
+// A picture may have ten bytes, and the sets before it two million: large ones are copied no more often than
+// as many bytes have come.
+bool PictureCollector::maySpendOnSets()
 {
-    if (!m_sets.isChanged() && info.nPictureSet == m_nPictureSet)
-        return;
-    const ParameterSet* sequence = m_sets.sequenceOf(info.nPictureSet);
-    m_parameters = m_codec.describe(m_sets, sequence);
-    m_nHighestSubLayer = m_codec.highestSubLayer(sequence);
-    m_nPictureSet = info.nPictureSet;
-    m_bSetsUnwritten = m_bSetsUnwritten || m_sets.isChanged();
-    m_sets.setSeen();
+    constexpr std::size_t kLarge = 4096;
+    const std::size_t bytes = m_sets.bytes();
+    if (bytes > kLarge && m_nReceived < bytes)
+        return false;
+    m_nReceived = 0;
+    return true;
 }
 
 bool PictureCollector::writeSets()
@@ -275,12 +297,14 @@ void PictureCollector::openUnit(UnitBuffer* target, const unsigned char* head, s
 
 void PictureCollector::nalGoesOn(const unsigned char* data, std::size_t size)
 {
+    m_nReceived += size;
     if (m_pTarget != nullptr && !m_pTarget->append(data, size))
         overBound();
 }
 
 void PictureCollector::nalZeros(std::size_t count)
 {
+    m_nReceived += count;
     if (m_pTarget != nullptr && !m_pTarget->appendZeros(count))
         overBound();
 }
@@ -301,8 +325,11 @@ void PictureCollector::nalEnds()
         storeSet();
     else if (m_pTarget != nullptr && m_format.framing == RtpUnitFormat::eLengthPrefixed)
         m_pTarget->write32(m_nOpenedAt, static_cast<quint32>(m_pTarget->size() - m_nOpenedAt - kFraming));
-    if (m_pTarget == &m_prefix && m_open.bSupplement)
-        m_bPrefixRecovers = m_bPrefixRecovers || isRecoveryPoint();
+    if (m_pTarget == &m_prefix && m_open.bSupplement) {
+        const std::size_t begin = m_nOpenedAt + kFraming + m_codec.headSize();
+        const std::size_t end = std::max(begin, m_prefix.size()); // a head alone ends before
+        m_bPrefixRecovers = m_bPrefixRecovers || hasRecoveryPoint(m_prefix.data() + begin, end - begin);
+    }
     m_pTarget = nullptr;
 }
 
@@ -313,28 +340,4 @@ void PictureCollector::storeSet()
     set.bDescribed = m_bDescribing;
     if (!m_sets.store(set))
         overBound();
-}
-
-// A recovery point message among the unit's (H.264 D.1.7, H.265 D.2.8).
-bool PictureCollector::isRecoveryPoint() const
-{
-    constexpr unsigned char kRecoveryPoint = 6;
-    constexpr std::size_t kShortest = 2;
-    const unsigned char* next = m_prefix.data() + m_nOpenedAt + kFraming + m_codec.headSize();
-    const unsigned char* end = m_prefix.data() + m_prefix.size();
-    while (next<end&& static_cast<std::size_t>(end - next)> kShortest) {
-        std::size_t values[2] = {}; // type, size
-        for (std::size_t& value : values) {
-            while (next != end && *next == 0xFF) {
-                value += *next++;
-            }
-            value += next != end ? *next++ : 0U;
-        }
-        if (values[0] == kRecoveryPoint)
-            return true;
-        if (values[1] >= static_cast<std::size_t>(end - next))
-            return false;
-        next += values[1];
-    }
-    return false;
 }

@@ -60,13 +60,13 @@ private:
     void sliceBegins(const NalInfo& info);
     void beginPicture(const NalInfo& info);
     void revokeRecovery();
-    void readSets(const NalInfo& info);
+    void placeSets(quint32 pictureSet);
+    bool maySpendOnSets();
     bool writeSets();
     bool appendUnit(UnitBuffer* to, const unsigned char* data, std::size_t size);
     void openUnit(UnitBuffer* target, const unsigned char* head, std::size_t size);
     void overBound();
     void storeSet();
-    bool isRecoveryPoint() const;
     void finish(bool bMoreFollows);
 
     const NalCodec& m_codec;
@@ -99,7 +99,8 @@ private:
     bool m_bRecoversByIntra = false; // by nothing else
     bool m_bSetsUnwritten = true;
     bool m_bWroteSets = false;
-    quint32 m_nPictureSet = 0; // the one that parameters were read for
+    std::size_t m_nReceived = 0; // bytes, since parameter sets were copied
+    quint32 m_nSequence = 0; // the one that parameters were read from
     quint32 m_nHighestSubLayer;
     RtpMediaParameters m_parameters; // of the picture
 

@@ -42,7 +42,10 @@ bool RtpNalDepacketizer::give(RtpAccessUnit* unit)
         return false;
     if (parameters.configuration.isEmpty()) // nothing but what the description may have said
         parameters = m_parameters;
-    unit->bParametersChanged = parameters.configuration != m_parameters.configuration
+    // Mostly they share their bytes, which need no comparison then.
+    const QByteArray& before = m_parameters.configuration;
+    const QByteArray& now = parameters.configuration;
+    unit->bParametersChanged = (before.constData() != now.constData() && before != now)
         || parameters.codedSize != m_parameters.codedSize;
     m_parameters = parameters;
     return true;

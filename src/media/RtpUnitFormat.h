@@ -11,7 +11,8 @@ struct KEPNUVIKAUTIL_EXPORT RtpUnitFormat {
     /// each.
     enum NalFraming { eAnnexB, eLengthPrefixed };
     /// Where the units with parameter sets stand: before each key frame and with each change; with the first
-    /// key frame and each change; nowhere but in the configuration record.
+    /// key frame and each change; nowhere but in the configuration record. Sets of more than
+    /// 4 KiB together are repeated only when the stream has brought as many bytes since.
     enum ParameterSetPlace { eAtKeyFrames, eOnChange, eApart };
     enum AacFraming { eAacRaw, eAacAdts };
 

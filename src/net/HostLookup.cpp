@@ -20,7 +20,7 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr quint32 kCacheMs = 60000;
+constexpr quint64 kCacheMs = 60000;
 constexpr std::chrono::milliseconds kWorkerPatience{2000};
 
 // Guards the pointer against a clean-up that meets a lookup on another thread.
@@ -59,6 +59,9 @@ void complete(HostLookupLink& link, const QHostInfo& answer)
         QMetaObject::invokeMethod(
             link.pManager, "slotWorkerComplete", Qt::QueuedConnection, Q_ARG(QHostInfo, answer));
 }
+
+// Of 32 bits they would call an answer of 49.7 days ago new.
+quint64 nowMs() { return Clock::monotonicNs() / 1000000; }
 
 QHostInfo resolve(const QString& hostName)
 {
@@ -129,7 +132,7 @@ bool HostLookupManager::findInCache(const QString& hostName, QHostInfo* answer)
     const auto cached = m_cache.find(hostName);
     if (cached == m_cache.end())
         return false;
-    if (Clock::monotonicMs() - cached->nTime >= kCacheMs) {
+    if (nowMs() - cached->nTime >= kCacheMs) {
         m_cache.erase(cached);
         return false;
     }
@@ -140,7 +143,7 @@ bool HostLookupManager::findInCache(const QString& hostName, QHostInfo* answer)
 // Names that nobody asks for again go as well, in one look at all of them for each time that an answer lasts.
 void HostLookupManager::cache(const QHostInfo& answer)
 {
-    const quint32 now = Clock::monotonicMs();
+    const quint64 now = nowMs();
     if (now - m_nLastSweep >= kCacheMs) {
         m_nLastSweep = now;
         for (auto entry = m_cache.begin(); entry != m_cache.end();)

@@ -55,7 +55,7 @@ public slots:
 
 private:
     struct CacheEntry {
-        quint32 nTime;
+        quint64 nTime; // milliseconds that do not wrap
         QHostInfo answer;
     };
     struct Request {
@@ -70,7 +70,7 @@ private:
     static void worker(void* work);
 
     QHash<QString, CacheEntry> m_cache;
-    quint32 m_nLastSweep = 0;
+    quint64 m_nLastSweep = 0;
     QHash<QString, std::vector<Request>> m_pending;
     int m_nLastId = 0;
     QMutex m_mutex; // guards all the above and the flag

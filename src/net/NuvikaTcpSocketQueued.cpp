@@ -18,7 +18,11 @@ NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(int sendQueueHint, bool flag, QObje
     connect(socket, &NuvikaTcpSocket::disconnected, this, &NuvikaTcpSocketQueued::slotDisconnected);
     connect(socket, &NuvikaTcpSocket::error, this, &NuvikaTcpSocketQueued::slotError);
     connect(socket, &NuvikaTcpSocket::sigCanSend, this, &NuvikaTcpSocketQueued::slotCanSend);
-    connect(socket, &NuvikaTcpSocket::sigAllSent, this, &NuvikaTcpSocketQueued::sigAllSent);
+    connect(socket, &NuvikaTcpSocket::sigAllSent, this, [this] {
+        m_bTellAllSent = !m_pQueue->isEmpty(); // what was handed over since then waits behind
+        if (!m_bTellAllSent)
+            emit sigAllSent();
+    });
 }
 
 NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(bool flag, QObject* parent)

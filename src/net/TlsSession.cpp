@@ -9,6 +9,7 @@
 #include <cstring>
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
+#include <utility>
 
 using namespace Nuvika;
 
@@ -163,9 +164,10 @@ int TlsSession::newSession(SSL* ssl, SSL_SESSION* session)
     const auto* self = static_cast<TlsSession*>(SSL_get_app_data(ssl));
     if (self == nullptr || self->m_peer.empty())
         return 0; // a server's: OpenSSL keeps it
-    const bool bResumed = SSL_session_reused(ssl) == 1;
-    self->m_pContext->keepSession(
-        self->m_peer, {TlsSessionTicket(session), bResumed ? self->m_nVerifiedNs : Clock::monotonicNs()});
+    // A ticket may come long after the handshake that verified the peer.
+    const bool bVerifiedBefore = self->m_bVerified || SSL_session_reused(ssl) == 1;
+    self->m_pContext->keepSession(self->m_peer,
+        {TlsSessionTicket(session), bVerifiedBefore ? self->m_nVerifiedNs : Clock::monotonicNs()});
     return 1;
 }
 
@@ -221,6 +223,8 @@ TlsSession::Result TlsSession::handshake()
 {
     ERR_clear_error();
     const Result result = resultOf(SSL_do_handshake(m_pSsl.get()));
+    if (result == eMore && !std::exchange(m_bVerified, true) && !isResumed())
+        m_nVerifiedNs = Clock::monotonicNs();
     flush();
     return result;
 }

@@ -82,7 +82,10 @@ private:
     std::unique_ptr<SSL, OpenSslFree<SSL_free>> m_pSsl;
     const char* m_pInput = nullptr;
     int m_nInput = 0;
-    std::uint64_t m_nVerifiedNs = 0; // of the session that we offer to resume
+    // When the peer was: in the handshake that has finished, or before, in that of the session which we
+    // resume.
+    std::uint64_t m_nVerifiedNs = 0;
+    bool m_bVerified = false;
     QByteArray m_waiting; // plain text
     bool m_bEndWaits = false;
     TlsFailure m_failure;

@@ -3,7 +3,6 @@
 
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 
-#include <QtCore/QElapsedTimer>
 
 #include <gtest/gtest.h>
 #include <vector>
@@ -136,17 +135,4 @@ TEST(HttpMessageReader, RefusesWhatIsHostile)
     twice.addValue(QStringLiteral("content-length"), QStringLiteral("1"));
     twice.addValue(QStringLiteral("content-length"), QStringLiteral("2"));
     EXPECT_TRUE(HttpBody::fromFields(twice, HttpBody::None).bInvalid);
-}
-
-TEST(HttpMessageReader, TimeIsLinearHoweverTheBytesAreCut)
-{
-    std::vector<QByteArray> bytes;
-    const QByteArray stream = kOk + QByteArray("A: ") + QByteArray(900000, 'v') + "\r\n" + kMixed
-        + "b\r\n\r\n--b\r\n\r\n" + QByteArray("\r\n--a--").repeated(150000);
-    for (int i = 0; i < stream.size(); i += 3)
-        bytes.push_back(stream.mid(i, 3));
-    QElapsedTimer time;
-    time.start();
-    EXPECT_EQ(readAll(bytes), "H200 cut");
-    EXPECT_LT(time.elapsed(), 20000);
 }

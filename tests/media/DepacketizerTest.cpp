@@ -1,14 +1,15 @@
 // Packets that are written by hand, in tables: what a camera sends, and the units that come of it.
 #include "media/AnnexBSplitter_p.h"
 #include "media/UnitBuffer_p.h"
+#include "support/Seams.h"
 
 #include <KepNuvikaUtil/RTPPacket.h>
 #include <KepNuvikaUtil/RtpDepacketizer.h>
-#include <KepNuvikaUtil/VariableBuffer.h>
 
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStringList>
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <set>
@@ -31,15 +32,12 @@ public:
 
     void packet(quint32 timestamp, bool bMarked, quint32 lost, const QByteArray& payload)
     {
-        VariableBuffer buffer;
-        const QByteArray head = QByteArray::fromHex(bMarked ? "80e00000" : "80600000");
-        auto* bytes
-            = static_cast<unsigned char*>(buffer.getBuffer(static_cast<unsigned int>(12 + payload.size())));
-        std::copy(head.begin(), head.end(), bytes);
-        qToBigEndian<quint32>(timestamp, bytes + 4);
-        std::fill(bytes + 8, bytes + 12, 1);
-        std::copy(payload.begin(), payload.end(), bytes + 12);
-        m_depacketizer->push(RTPPacket(&buffer), lost);
+        QByteArray bytes
+            = QByteArray::fromHex(bMarked ? "80e0000000000000" : "8060000000000000") + "\1\1\1\1" + payload;
+        qToBigEndian<quint32>(timestamp, bytes.data() + 4);
+        m_depacketizer->push(RTPPacket(reinterpret_cast<const unsigned char*>(bytes.constData()),
+                                 static_cast<unsigned int>(bytes.size())),
+            lost);
         take();
     }
 
@@ -360,6 +358,40 @@ TEST(RtpVideo, LosesWhatGoesOverABound)
             {"bytes of a parameter set", "1 68c0a0a0a0a0a0a0a0 1! 6588 2! 658802", "2K |658802", 1},
         },
         payload("H264"), format);
+}
+
+TEST(RtpVideo, RepeatsLargeParameterSetsNoMoreThanTheStreamPaysFor)
+{
+    auto made = RtpDepacketizer::create(payload("H264"));
+    const auto push = [&made](quint32 timestamp, const QByteArray& bytes) {
+        QByteArray packet = QByteArray::fromHex("80e000000000000000000001") + bytes;
+        qToBigEndian<quint32>(timestamp, packet.data() + 4);
+        made->push(RTPPacket(reinterpret_cast<const unsigned char*>(packet.constData()),
+            static_cast<unsigned int>(packet.size())));
+        RtpAccessUnit unit;
+        quint32 given = 0;
+        while (made->next(&unit))
+            given += unit.nSize;
+        return given;
+    };
+    push(0, QByteArray::fromHex(kSps));
+    push(0, QByteArray::fromHex(kPps) + QByteArray(60000, '\1'));
+    quint32 given = 0;
+    for (quint32 timestamp = 1; timestamp < 100; ++timestamp)
+        given += push(timestamp, QByteArray::fromHex("6588010203040506"));
+    EXPECT_GT(given, 60000U);
+    EXPECT_LT(given, 2 * 60000U) << "pictures of eight bytes";
+    EXPECT_GT(push(200, QByteArray::fromHex("6588") + QByteArray(61000, '\1')), 61000U);
+    EXPECT_GT(push(201, QByteArray::fromHex("658801")), 60000U)
+        << "the large picture has paid for another time";
+}
+
+TEST(RtpVideo, LosesAUnitWithoutMemory)
+{
+    Stream stream(payload("H264"));
+    seams::growing.arm(1, ENOMEM);
+    EXPECT_EQ(stream.packets("1! 658801 2! 658802").flush().units(), "2K |658802");
+    EXPECT_EQ(stream.depacketizer().unitsLost(), 1U);
 }
 
 TEST(RtpVideo, WorksInTheBytesWhateverTheyAre)

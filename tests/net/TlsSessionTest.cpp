@@ -309,6 +309,31 @@ TEST(TlsSession, AVerdictOnACertificateHoldsForTwoHoursHoweverOftenItsSessionIsR
     }
 }
 
+TEST(TlsSession, AVerdictOnACertificateIsNotNewerBecauseItsTicketCameLate)
+{
+    const long long minutes = 60000;
+    const auto clientContext = contextOf(false, 5);
+    const auto serverContext = contextOf(true, 0);
+    const struct {
+        int nTicketMinutes; // between the handshake and its ticket
+        int nThenMinutes;
+        bool bResumed;
+    } connections[] = {{90, 0, false}, {0, 45, true}, {0, 0, false}};
+    for (const auto& c : connections) {
+        End client(clientContext);
+        End server(serverContext);
+        client.work();
+        server.feed(client.take(), 1 << 20);
+        client.feed(server.take(), 1 << 20);
+        server.feed(client.take(), 1 << 20);
+        EXPECT_TRUE(client.bOpen && server.bOpen);
+        EXPECT_EQ(client.session->isResumed(), c.bResumed);
+        seams::clockOffsetMs += c.nTicketMinutes * minutes;
+        client.feed(server.take(), 1 << 20);
+        seams::clockOffsetMs += c.nThenMinutes * minutes;
+    }
+}
+
 TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoes)
 {
     auto library = TlsLibrary::acquire();

@@ -262,6 +262,9 @@ void CompletionPort::wakeBeforePoll()
 // Puts the sockets that the kernel announces in line. Returns what epoll_wait did.
 int CompletionPort::fetch(int timeoutMs)
 {
+    m_bFetched = true;
+    if (m_nEpoll < 0)
+        return 0;
     std::array<epoll_event, kEventsPerFetch> events;
     const int count = epoll_wait(m_nEpoll, events.data(), static_cast<int>(events.size()), timeoutMs);
     for (int i = 0; i < count; ++i) {

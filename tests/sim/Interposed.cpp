@@ -1,0 +1,301 @@
+// What shared libraries call: symbols of this program come before those of the C library. Clocks, waiting,
+// threads and randomness; before a run begins they are the real system's.
+#include "sim/Kernel.h"
+#include "sim/Report.h"
+#include "sim/Scheduler.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <ctime>
+#include <list>
+#include <utility>
+
+#include <dlfcn.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+
+using namespace sim;
+
+namespace
+{
+constexpr Time kEpochMs = 1700000000000; // when the clock of the wall stood at 0 on the other
+
+long systemCall(long number, long a, long b, long c, long d = 0, long e = 0, long f = 0)
+{
+    register long r10 __asm__("r10") = d;
+    register long r8 __asm__("r8") = e;
+    register long r9 __asm__("r9") = f;
+    long result = number;
+    __asm__ volatile("syscall"
+                     : "+a"(result)
+                     : "D"(a), "S"(b), "d"(c), "r"(r10), "r"(r8), "r"(r9)
+                     : "rcx", "r11", "memory");
+    if (result >= 0 || result < -4095)
+        return result;
+    errno = static_cast<int>(-result);
+    return -1;
+}
+
+Time timeOf(const timespec& time)
+{
+    return static_cast<Time>(time.tv_sec) * 1000 * kMs + static_cast<Time>(time.tv_nsec);
+}
+
+timespec recordOf(Time time)
+{
+    return {static_cast<time_t>(time / (1000 * kMs)), static_cast<long>(time % (1000 * kMs))};
+}
+
+Time wallClock() { return Scheduler::get().now() + kEpochMs * kMs; }
+
+// Of either clock, told by its size, in our time.
+Time deadlineOf(const timespec& time)
+{
+    const Time value = timeOf(time);
+    return value >= kEpochMs * kMs ? value - kEpochMs * kMs : value;
+}
+
+// Who waits for a condition or for a word of memory, in the order of coming.
+struct Waiter {
+    const void* what;
+    bool bWoken;
+};
+std::list<Waiter>& waiters()
+{
+    static std::list<Waiter> list;
+    return list;
+}
+
+bool waitOn(const void* what, const char* where, Time deadline)
+{
+    const auto self = waiters().insert(waiters().end(), {what, false});
+    const bool bWoken = Scheduler::get().wait(
+        where, [&] { return self->bWoken; }, deadline);
+    waiters().erase(self);
+    return bWoken;
+}
+
+int wakeUp(const void* what, int most)
+{
+    int woken = 0;
+    for (Waiter& waiter : waiters()) {
+        if (waiter.what != what || waiter.bWoken || woken == most)
+            continue;
+        waiter.bWoken = true;
+        ++woken;
+    }
+    return woken;
+}
+
+int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, Time deadline)
+{
+    pthread_mutex_unlock(mutex);
+    const bool bWoken = waitOn(condition, "a condition variable", deadline);
+    while (pthread_mutex_trylock(mutex) == EBUSY)
+        Scheduler::get().yield();
+    return bWoken ? 0 : ETIMEDOUT;
+}
+
+// What FUTEX_WAKE_OP does to its second word (futex(2)); everybody who waits there is woken besides, and
+// looks again.
+void changeWord(int* word, unsigned int code)
+{
+    const auto argument = static_cast<int>(code << 8U) >> 20;
+    const int value = (code >> 31U) != 0 ? 1 << argument : argument;
+    switch (code >> 28U & 7U) {
+    case FUTEX_OP_SET:
+        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);
+        break;
+    case FUTEX_OP_ADD:
+        __atomic_fetch_add(word, value, __ATOMIC_SEQ_CST);
+        break;
+    case FUTEX_OP_OR:
+        __atomic_fetch_or(word, value, __ATOMIC_SEQ_CST);
+        break;
+    case FUTEX_OP_ANDN:
+        __atomic_fetch_and(word, ~value, __ATOMIC_SEQ_CST);
+        break;
+    default:
+        __atomic_fetch_xor(word, value, __ATOMIC_SEQ_CST);
+    }
+}
+
+long futex(int* word, int operation, int value, long four, int* word2, unsigned int code)
+{
+    switch (operation & FUTEX_CMD_MASK) {
+    case FUTEX_WAIT:
+    case FUTEX_WAIT_BITSET: {
+        if (__atomic_load_n(word, __ATOMIC_SEQ_CST) != value) {
+            errno = EAGAIN;
+            return -1;
+        }
+        const auto* time = reinterpret_cast<const timespec*>(four);
+        const bool bRelative = (operation & FUTEX_CMD_MASK) == FUTEX_WAIT;
+        const Time deadline = time == nullptr ? kNever
+            : bRelative                       ? Scheduler::get().now() + timeOf(*time)
+                                              : deadlineOf(*time);
+        if (waitOn(word, "a futex", deadline))
+            return 0;
+        errno = ETIMEDOUT;
+        return -1;
+    }
+    case FUTEX_WAKE_OP:
+        changeWord(word2, code);
+        return wakeUp(word, value) + wakeUp(word2, INT_MAX);
+    case FUTEX_WAKE:
+        return wakeUp(word, value);
+    default:
+        fail("futex operation %d is not simulated", operation);
+    }
+}
+
+template <class Function>
+Function real(const char* name)
+{
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+} // namespace
+
+// The processor's counter: it would tell one run from another.
+namespace Nuvika::Clock
+{
+std::uint64_t wrapCycles() __asm__("__wrap__ZN6Nuvika5Clock6cyclesEv");
+std::uint64_t wrapCycles() { return Scheduler::get().now() * 3; }
+} // namespace Nuvika::Clock
+
+extern "C" {
+// --- clocks --------------------------------------------------------------------------------------------
+
+int clock_gettime(clockid_t clock, timespec* time)
+{
+    if (!Scheduler::isActive())
+        return static_cast<int>(systemCall(SYS_clock_gettime, clock, reinterpret_cast<long>(time), 0));
+    Scheduler::get().pass(30); // so that who waits for the time sees it pass
+    const bool bWall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+    *time = recordOf(bWall ? wallClock() : Scheduler::get().now());
+    return 0;
+}
+
+int gettimeofday(timeval* time, void*) noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    *time = {now.tv_sec, now.tv_nsec / 1000};
+    return 0;
+}
+
+time_t time(time_t* out) noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (out != nullptr)
+        *out = now.tv_sec;
+    return now.tv_sec;
+}
+
+int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left)
+{
+    if (!Scheduler::isActive())
+        return static_cast<int>(-systemCall(
+            SYS_clock_nanosleep, clock, flags, reinterpret_cast<long>(wanted), reinterpret_cast<long>(left)));
+    const Time now = Scheduler::get().now();
+    const bool bAbsolute = (flags & TIMER_ABSTIME) != 0;
+    Scheduler::get().wait(
+        "a sleep", [] { return false; }, bAbsolute ? deadlineOf(*wanted) : now + timeOf(*wanted));
+    return 0;
+}
+
+int nanosleep(const timespec* wanted, timespec* left)
+{
+    return clock_nanosleep(CLOCK_MONOTONIC, 0, wanted, left);
+}
+
+// --- threads -------------------------------------------------------------------------------------------
+
+int pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument) noexcept
+{
+    using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    if (!Scheduler::isActive())
+        return real<Create>("pthread_create")(thread, attributes, run, argument);
+    Kernel& kernel = Kernel::get();
+    if (kernel.chance(kernel.weather.noThread)) {
+        trace("pthread_create() = EAGAIN");
+        return EAGAIN;
+    }
+    return Scheduler::get().createThread(thread, attributes, run, argument);
+}
+
+int pthread_join(pthread_t thread, void** result)
+{
+    using Join = int (*)(pthread_t, void**);
+    return Scheduler::isActive() ? Scheduler::get().joinThread(thread, result)
+                                 : real<Join>("pthread_join")(thread, result);
+}
+
+int sched_yield() noexcept
+{
+    if (Scheduler::isActive())
+        Scheduler::get().yield();
+    return 0;
+}
+
+// Nobody waits for a condition before a run begins, nor between runs.
+int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+{
+    return waitForCondition(condition, mutex, kNever);
+}
+
+int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline)
+{
+    return waitForCondition(condition, mutex, deadlineOf(*deadline));
+}
+
+int pthread_cond_clockwait(
+    pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t, const timespec* deadline)
+{
+    return waitForCondition(condition, mutex, deadlineOf(*deadline));
+}
+
+int pthread_cond_signal(pthread_cond_t* condition) noexcept
+{
+    wakeUp(condition, 1);
+    return 0;
+}
+
+int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
+{
+    wakeUp(condition, INT_MAX);
+    return 0;
+}
+
+long syscall(long number, ...) noexcept
+{
+    va_list list;
+    va_start(list, number);
+    long a[6];
+    for (long& argument : a)
+        argument = va_arg(list, long);
+    va_end(list);
+    if (number == SYS_futex && Scheduler::isActive())
+        return futex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]), static_cast<int>(a[2]), a[3],
+            reinterpret_cast<int*>(a[4]), static_cast<unsigned int>(a[5]));
+    return systemCall(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+// --- randomness ----------------------------------------------------------------------------------------
+
+int getentropy(void* out, std::size_t size)
+{
+    if (!Scheduler::isActive())
+        return systemCall(SYS_getrandom, reinterpret_cast<long>(out), static_cast<long>(size), 0) < 0 ? -1
+                                                                                                      : 0;
+    auto* bytes = static_cast<unsigned char*>(out);
+    std::generate(
+        bytes, bytes + size, [] { return static_cast<unsigned char>(Kernel::get().random().next()); });
+    return 0;
+}
+}

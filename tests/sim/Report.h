@@ -1,0 +1,29 @@
+// What a run tells: a trace of one line for each system call and decision, and why it failed. Lies in memory
+// that the process which started the run shares, so that nothing is lost when the run crashes or hangs.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+namespace sim
+{
+struct Report {
+    static constexpr std::size_t kRing = 1U << 17;
+
+    char ring[kRing]; // the last lines
+    std::uint64_t nWritten; // bytes of all lines
+    std::uint64_t nHash; // of all lines
+    std::uint64_t nLines;
+    std::uint64_t nTime; // virtual, ns
+    char failure[2048];
+
+    // Of this process: null until a run begins.
+    static Report* current;
+    static std::FILE* text; // where each line goes besides, or null
+};
+
+[[gnu::format(printf, 1, 2)]] void trace(const char* format, ...);
+// Ends the run at once: what was broken is not to be run any further.
+[[noreturn, gnu::format(printf, 1, 2)]] void fail(const char* format, ...);
+} // namespace sim

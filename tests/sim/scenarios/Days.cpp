@@ -1,0 +1,75 @@
+// Fifty cameras and a recorder over days: nothing grows, nobody is forgotten, every picture is whole.
+#include "sim/scenarios/Cameras.h"
+
+#include <algorithm>
+
+#include <malloc.h>
+
+using namespace cameras;
+
+namespace
+{
+constexpr std::uint64_t kHourMs = 3600000;
+constexpr std::size_t kMostGrowth = 48 << 20; // the simulated network keeps a little of each connection
+
+struct Plant {
+    Plant(sim::World& w, int count, int periodMs) : world(w)
+    {
+        for (int i = 0; i < count; ++i) {
+            cameras.push_back(std::make_unique<Camera>(w, i, periodMs, 3000));
+            watchers.push_back(std::make_unique<Watcher>(w, *cameras.back(), 3 * periodMs));
+            watchers.back()->start();
+        }
+    }
+    int pictures() const
+    {
+        int sum = 0;
+        for (const auto& watcher : watchers)
+            sum += watcher->pictures();
+        return sum;
+    }
+
+    sim::World& world;
+    std::vector<std::unique_ptr<Camera>> cameras;
+    std::vector<std::unique_ptr<Watcher>> watchers;
+};
+
+// Some of the hours are bad. Behind a good one everybody is there, and little is missing.
+void watch(sim::World& world, int cameras, int periodMs, int steps, std::uint64_t stepMs)
+{
+    const sim::Weather weather = world.weather();
+    world.weather() = sim::Weather();
+    Plant plant(world, cameras, periodMs);
+    std::size_t before = 0;
+    for (int step = 0; step < steps; ++step) {
+        const bool bBad = world.random().chance(0.3);
+        for (const auto& camera : plant.cameras)
+            camera->trouble = bBad ? 0.05 : 0;
+        world.weather() = bBad ? weather : sim::Weather();
+        world.run(stepMs);
+        world.weather() = sim::Weather();
+        for (const auto& camera : plant.cameras)
+            camera->trouble = 0;
+        world.run(stepMs / 4); // who was cut off comes back
+        const std::uint64_t begin = world.nowMs();
+        const int pictures = plant.pictures();
+        world.run(stepMs / 2);
+        const auto expected = static_cast<int>(stepMs / 2 / static_cast<std::uint64_t>(periodMs)) * cameras;
+        world.expect(plant.pictures() - pictures >= expected - 2 * cameras, "step %d: %d pictures, not %d",
+            step, plant.pictures() - pictures, expected);
+        for (const auto& watcher : plant.watchers)
+            world.expect(watcher->lastMs() > begin, "step %d: a camera is forgotten", step);
+        world.expect(sim::Kernel::get().openDescriptors() <= static_cast<std::size_t>(cameras) + 10,
+            "%zu descriptors are open", sim::Kernel::get().openDescriptors());
+        const std::size_t now = mallinfo2().uordblks;
+        before = step == 1 ? now : before;
+        world.expect(step <= 1 || now < before + kMostGrowth, "step %d: %zu bytes more than before", step,
+            now - before);
+    }
+}
+} // namespace
+
+LONG_SCENARIO(day) { watch(world, 50, 60000, 14, kHourMs); }
+
+// Through the wrap of the milliseconds, whatever the clock says at the beginning.
+LONG_SCENARIO(weeks) { watch(world, 5, 3600000, 30, 24 * kHourMs); }
