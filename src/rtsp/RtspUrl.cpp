@@ -94,7 +94,7 @@ QString RtspUrl::toString() const
 
 QString RtspUrl::base(const QString& contentBase, const QString& contentLocation) const
 {
-    const QString said = encodedUrl((contentBase.isEmpty() ? contentLocation : contentBase).trimmed());
+    QString said = encodedUrl((contentBase.isEmpty() ? contentLocation : contentBase).trimmed());
     if (said.isEmpty())
         return toString();
     if (startsWithScheme(said))
