@@ -1,6 +1,6 @@
 # The library: compiled once, linked twice. The shared library is what users get; the static one gives the
 # tests the private pieces too.
-set(NUVIKA_ROOMS core misc media net msg http text)
+set(NUVIKA_ROOMS core misc media net msg http rtsp text)
 set(NUVIKA_SOURCE_DIR "${PROJECT_SOURCE_DIR}/src")
 
 file(GLOB NUVIKA_SOURCES CONFIGURE_DEPENDS "${NUVIKA_SOURCE_DIR}/*.cpp" "${NUVIKA_SOURCE_DIR}/platform/linux/*.cpp")

@@ -51,6 +51,9 @@
 #include <KepNuvikaUtil/RtpStatistics.h>
 #include <KepNuvikaUtil/RtpTimeline.h>
 #include <KepNuvikaUtil/RtpUnitFormat.h>
+#include <KepNuvikaUtil/RtspClient.h>
+#include <KepNuvikaUtil/RtspOptions.h>
+#include <KepNuvikaUtil/RtspTrack.h>
 #include <KepNuvikaUtil/SDP.h>
 #include <KepNuvikaUtil/SdpDescription.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>

@@ -16,6 +16,7 @@ Q_DECLARE_LOGGING_CATEGORY(lcNet) // nuvika.net
 Q_DECLARE_LOGGING_CATEGORY(lcMedia) // nuvika.media
 Q_DECLARE_LOGGING_CATEGORY(lcMsg) // nuvika.msg
 Q_DECLARE_LOGGING_CATEGORY(lcHttp) // nuvika.http
+Q_DECLARE_LOGGING_CATEGORY(lcRtsp) // nuvika.rtsp
 
 constexpr const char* baseName(const char* path)
 {

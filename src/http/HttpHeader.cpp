@@ -80,16 +80,6 @@ void appendVersion(QString& text, int major, int minor)
 // --- parsing -------------------------------------------------------------------------------------------
 
 template <class View>
-bool HttpHeaderPrivate::parseField(View line)
-{
-    const int colon = findChar(line, ':', 0);
-    if (colon < 0)
-        return false;
-    m_fields.append(trimmed(line.left(colon), m_blanks), trimmed(line.mid(colon + 1), m_blanks));
-    return true;
-}
-
-template <class View>
 bool HttpRequestHeaderPrivate::parseRequest(View line, int number)
 {
     if (number != 0)

@@ -23,7 +23,15 @@ public:
     virtual bool parseLine(QLatin1String line, int /*number*/) { return parseField(line); }
 
     template <class View>
-    bool parseField(View line);
+    bool parseField(View line)
+    {
+        using namespace Nuvika::HeadLines;
+        const int colon = findChar(line, ':', 0);
+        if (colon < 0)
+            return false;
+        m_fields.append(trimmed(line.left(colon), m_blanks), trimmed(line.mid(colon + 1), m_blanks));
+        return true;
+    }
 
     Nuvika::HttpFieldList m_fields;
     bool m_bValid = true;

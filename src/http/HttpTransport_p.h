@@ -17,6 +17,8 @@ public:
     virtual void connectToHost(const QString& host, unsigned short port) = 0;
     virtual bool sendData(const char* data, int size) = 0;
     virtual void sendEndOfData() = 0;
+    // What is sent now waits for nothing.
+    virtual bool canSend() const = 0;
     // Asks the owner for one allSent(). False when everything has left already.
     virtual bool notifyWhenAllSent() = 0;
     virtual void close() = 0;

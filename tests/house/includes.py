@@ -4,7 +4,7 @@ import re
 import sys
 
 TOP = sys.argv[1]
-FLOOR = {"platform": 1, "core": 2, "misc": 2, "media": 3, "net": 3, "msg": 4, "http": 4, "text": 5, "": 6}
+FLOOR = {"platform": 1, "core": 2, "misc": 2, "media": 3, "net": 3, "msg": 4, "http": 4, "rtsp": 5, "text": 5, "": 6}
 NO_SOCKETS = {"media", "misc"}
 SYSTEM = re.compile(r"<((?:sys|linux|net|netinet|arpa)/[\w/]+\.h|(?:netdb|pthread|poll|unistd|sched|pwd|fcntl|dirent|signal)\.h|csignal)>")
 # The rooms of the tool; its main stands above them.

@@ -1,0 +1,560 @@
+#include "rtsp/RtspKeepAlive_p.h"
+#include "rtsp/ScriptedCamera.h"
+#include "support/Certificates.h"
+#include "support/OwnNetwork.h"
+#include "support/Seams.h"
+
+#include <KepNuvikaUtil/NuvikaTcpServer.h>
+
+#include <malloc.h>
+
+namespace
+{
+Script silent()
+{
+    Script script;
+    script.media.clear();
+    return script;
+}
+
+RtspOptions udp(RtspOptions::Transport transport = RtspOptions::eUdp)
+{
+    RtspOptions options;
+    options.transport = transport;
+    options.timeouts.nUdpTrial = 100;
+    return options;
+}
+
+struct Clock {
+    ~Clock() { seams::clockOffsetMs = 0; }
+    static void pass(int ms) { seams::clockOffsetMs += ms; }
+};
+
+bool play(Viewer& viewer)
+{
+    viewer.start();
+    return viewer.waitUntil("playing");
+}
+} // namespace
+
+TEST(RtspClient, PlaysPausesResumesAndStops)
+{
+    ScriptedCamera camera;
+    Viewer viewer(camera);
+    viewer.start();
+    ASSERT_TRUE(viewer.waitUntil("unit 0 2")) << viewer.log();
+    EXPECT_FALSE(viewer.client->start(QStringLiteral("rtsp://x/"))) << "while it plays";
+    EXPECT_EQ(viewer.client->sessionId(), QStringLiteral("42"));
+    EXPECT_EQ(viewer.client->state(), RtspClient::ePlaying);
+    EXPECT_TRUE(viewer.client->pause());
+    ASSERT_TRUE(viewer.waitUntil("paused"));
+    EXPECT_FALSE(viewer.client->pause());
+    viewer.events.clear();
+    EXPECT_TRUE(viewer.client->resume());
+    ASSERT_TRUE(viewer.waitUntil("playing"));
+    EXPECT_FALSE(camera.last("PLAY").contains("Range")) << "it goes on where it was";
+    viewer.client->stop();
+    EXPECT_FALSE(viewer.has("stopped")) << "not inside the call";
+    ASSERT_TRUE(viewer.waitUntil("stopped"));
+    EXPECT_TRUE(camera.last("TEARDOWN").startsWith("TEARDOWN rtsp://127.0.0.1"));
+    EXPECT_TRUE(viewer.waitUntil([&] { return camera.connection().atEnd(); }));
+    viewer.events.clear();
+    viewer.start();
+    EXPECT_TRUE(viewer.waitUntil("playing")) << "it may be used again";
+}
+
+TEST(RtspClient, TakesDatagramsInOrderFromTheServerOnly)
+{
+    ScriptedCamera camera(silent());
+    RtspOptions options = udp();
+    options.nReorderMs = 50;
+    Viewer viewer(camera, options);
+    ASSERT_TRUE(play(viewer)) << viewer.log();
+    EXPECT_EQ(camera.clientPort % 2, 0) << "RTCP on the odd one";
+    EXPECT_EQ(camera.rtpPort.take().size(), 12) << "a first packet opens the way";
+    EXPECT_GE(camera.rtcpPort.take().size(), 8);
+    RawUdp stranger;
+    stranger.sendTo(camera.clientPort, rtp(0, 99));
+    for (const int sequence : {1, 3, 2, 4, 6})
+        camera.rtpPort.sendTo(camera.clientPort, rtp(0, sequence));
+    camera.rtcpPort.sendTo(camera.clientPort + 1, QByteArray::fromHex("80c9000111223344"));
+    ASSERT_TRUE(viewer.waitUntil("unit 0 6")) << viewer.log();
+    QStringList units = viewer.events.filter(QStringLiteral("unit"));
+    EXPECT_EQ(units.join(QLatin1Char(' ')), QStringLiteral("unit 0 1 unit 0 2 unit 0 3 unit 0 4 unit 0 6"));
+    EXPECT_FALSE(viewer.has("packet 0 99")) << "another port than the server named";
+    EXPECT_TRUE(viewer.waitUntil("rtcp 0"));
+    EXPECT_EQ(viewer.client->trackStatistics().first().nLost, 1U);
+    EXPECT_EQ(viewer.client->droppedPackets(), 1U);
+}
+
+TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
+{
+    const struct {
+        const char* name;
+        const char* transport;
+        const char* from;
+        bool bTaken;
+    } rows[] = {
+        {"no port", "RTP/AVP;unicast", "127.0.0.1", true},
+        {"ports 0 and 1", "RTP/AVP;unicast;server_port=0-1", "127.0.0.1", true},
+        {"another port", "RTP/AVP;unicast;server_port=9-10", "127.0.0.1", false},
+        {"a name as source", "RTP/AVP;unicast;source=camera.local", "127.0.0.1", true},
+        {"an empty source", "RTP/AVP;unicast;source=", "127.0.0.1", true},
+        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "127.0.0.1", true},
+        {"one port for a pair", "RTP/AVP;server_port={rtp}", "127.0.0.1", true},
+    };
+    for (const auto& row : rows) {
+        Script script = silent();
+        script.answers["SETUP"] = {setUp(row.transport)};
+        ScriptedCamera camera(script);
+        Viewer viewer(camera, udp());
+        ASSERT_TRUE(play(viewer)) << row.name << viewer.log();
+        camera.rtpPort.sendTo(camera.clientPort, rtp(0, 5), row.from);
+        if (row.bTaken) {
+            EXPECT_TRUE(viewer.waitUntil("packet 0 5")) << row.name;
+        } else {
+            EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client->droppedPackets() == 1; })) << row.name;
+        }
+    }
+}
+
+TEST(RtspClient, JoinsTheGroupOfTheAnswer)
+{
+    const bool bMade = inOwnNetwork({"route add 239.0.0.0/8 dev lo"}, [] {
+        for (const bool bInDescription : {false, true}) {
+            Script script = silent();
+            script.answers["SETUP"]
+                = {setUp(bInDescription ? "RTP/AVP;multicast"
+                                        : "RTP/AVP;multicast;destination=239.9.9.9;port=17000-17001")};
+            if (bInDescription)
+                script.sdp = "v=0\r\nc=IN IP4 239.9.9.9/1\r\nm=audio 17000 RTP/AVP 0\r\n";
+            ScriptedCamera camera(script);
+            Viewer viewer(camera, udp(RtspOptions::eMulticast));
+            ASSERT_TRUE(play(viewer)) << viewer.log();
+            EXPECT_TRUE(camera.last("SETUP").contains("Transport: RTP/AVP;multicast\r\n"));
+            camera.rtpPort.sendTo(17000, rtp(0, 5), "239.9.9.9");
+            EXPECT_TRUE(viewer.waitUntil("unit 0 5")) << bInDescription;
+        }
+        Script script = silent();
+        script.answers["SETUP"] = {setUp("RTP/AVP;multicast;destination=127.0.0.1;port=17000-17001")};
+        ScriptedCamera camera(script);
+        Viewer viewer(camera, udp(RtspOptions::eMulticast));
+        viewer.start();
+        EXPECT_TRUE(viewer.waitUntil("error 461")) << "what is no group is not joined";
+    });
+    if (!bMade)
+        GTEST_SKIP() << kNoOwnNetwork;
+}
+
+TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
+{
+    Certificates certificates;
+    NuvikaTcpServer listener;
+    std::vector<std::unique_ptr<NuvikaSslSocket>> served;
+    const struct {
+        const char* name;
+        const char* describe; // empty: the usual one
+        RtspOptions::Transport transport;
+        bool bTrusted;
+        const char* until;
+    } rows[] = {{"trusted", "", RtspOptions::eAutomatic, true, "unit 0 1"},
+        {"a certificate of nobody", "", RtspOptions::eAutomatic, false, "error 10013"},
+        {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
+            RtspOptions::eTcp, true, "error 302"},
+        {"datagrams", "", RtspOptions::eUdp, true, "error 10022"}};
+    const char* describe = "";
+    QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
+        served.push_back(std::make_unique<NuvikaSslSocket>());
+        NuvikaSslSocket* socket = served.back().get();
+        socket->initSsl(true, NuvikaSslSocket::eSslAny12, certificates.forLocalhost(), QString(), QString());
+        QObject::connect(socket, &NuvikaSslSocket::dataReceived, socket,
+            [socket, &describe](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
+                const QByteArray request(data, size);
+                QByteArray text = "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n";
+                if (request.startsWith("DESCRIBE"))
+                    text = *describe != '\0' ? QByteArray(describe)
+                                             : "RTSP/1.0 200 OK\r\nContent-Length: "
+                            + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
+                if (request.startsWith("PLAY"))
+                    text += framed(0, rtp(0, 1));
+                socket->sendData(text.constData(), text.size());
+            });
+        socket->setSocketDescriptor(descriptor);
+    });
+    ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
+    for (const auto& row : rows) {
+        describe = row.describe;
+        ScriptedCamera unused;
+        RtspOptions options;
+        options.transport = row.transport;
+        if (row.bTrusted)
+            options.tlsTrusted = certificates.authority();
+        Viewer viewer(unused, options);
+        viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
+        EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
+    }
+}
+
+TEST(RtspClient, GoesFromUdpToTcpWhenNothingComesAndRemembersIt)
+{
+    ScriptedCamera camera;
+    Viewer viewer(camera, udp(RtspOptions::eAutomatic));
+    viewer.start();
+    ASSERT_TRUE(viewer.waitUntil("unit 0")) << viewer.log();
+    EXPECT_TRUE(viewer.has("transport 1"));
+    EXPECT_EQ(camera.count("TEARDOWN"), 1);
+    EXPECT_EQ(camera.count("OPTIONS"), 1);
+    EXPECT_EQ(camera.count("DESCRIBE"), 2) << "each connection begins with it";
+    EXPECT_EQ(camera.sockets.size(), 2U);
+    EXPECT_EQ(viewer.events.filter(QStringLiteral("described")).size(), 1);
+    viewer.client->stop();
+    ASSERT_TRUE(viewer.waitUntil("stopped"));
+    viewer.events.clear();
+    viewer.start();
+    ASSERT_TRUE(viewer.waitUntil("unit 0"));
+    EXPECT_FALSE(viewer.has("transport")) << "what worked is tried first";
+}
+
+TEST(RtspClient, KeepsTheSessionAsTheServerUnderstandsIt)
+{
+    Script script = silent();
+    script.media = framed(0, rtp(0, 1));
+    script.answers["SETUP"] = {setUp("{transport}", "42;timeout=20")};
+    script.answers["PLAY"] = {answer("Session: 42;timeout=1\r\n")};
+    script.answers["GET_PARAMETER"] = {answer("", "405 Method Not Allowed")};
+    script.answers["SET_PARAMETER"] = {QByteArray()}; // never answered
+    ScriptedCamera camera(script);
+    Viewer viewer(camera);
+    viewer.start();
+    ASSERT_TRUE(viewer.waitUntil("unit 0"));
+    EXPECT_EQ(viewer.client->sessionTimeout(), 1) << "the last holds";
+    EXPECT_TRUE(viewer.waitUntil([&] { return camera.count("SET_PARAMETER") == 2; }))
+        << "an answer that is missing is no error";
+    EXPECT_EQ(camera.count("GET_PARAMETER"), 1) << "the next one after an error";
+    const QByteArray base = camera.url() + ' ';
+    EXPECT_TRUE(camera.last("GET_PARAMETER").startsWith("GET_PARAMETER " + base));
+    EXPECT_TRUE(camera.last("SET_PARAMETER").contains("Session: 42"));
+    EXPECT_FALSE(viewer.has("error")) << viewer.log();
+}
+
+TEST(RtspClient, ASessionIsKeptAtHalfOfItsTimeAtMostThirtySecondsApart)
+{
+    const struct {
+        const char* session;
+        int interval;
+    } rows[] = {{"1", 30000}, {"1;timeout=60", 30000}, {"1;timeout=0", 30000}, {"1;timeout=20", 10000},
+        {"1; timeout = 20 ", 10000}, {"1;timeout=3600", 30000}, {"1;timeout=", 30000},
+        {"1;timeout=-4", 30000}};
+    for (const auto& row : rows) {
+        const auto field = Nuvika::RtspSessionField::parse(QString::fromLatin1(row.session));
+        EXPECT_EQ(Nuvika::RtspKeepAlive::intervalMs(field.nTimeout), row.interval) << row.session;
+    }
+}
+
+TEST(RtspClient, AnswersAKeepAliveWhoseNonceHasExpired)
+{
+    Script script;
+    script.answers["DESCRIBE"]
+        = {answer("WWW-Authenticate: Digest realm=\"x\", nonce=\"n1\"\r\n", "401 Unauthorized"), describes()};
+    script.answers["SETUP"] = {setUp("{transport}", "42;timeout=1")};
+    script.answers["GET_PARAMETER"]
+        = {answer("WWW-Authenticate: Digest realm=\"x\", nonce=\"n2\"\r\n", "401 Unauthorized"), answer()};
+    script.answers["TEARDOWN"]
+        = {answer("WWW-Authenticate: Digest realm=\"x\", nonce=\"n3\"\r\n", "401 Unauthorized"), answer()};
+    ScriptedCamera camera(script);
+    Viewer viewer(camera);
+    viewer.start(QByteArray(), "user", "secret");
+    ASSERT_TRUE(viewer.waitUntil("unit 0")) << viewer.log();
+    EXPECT_TRUE(viewer.waitUntil([&] { return camera.count("GET_PARAMETER") == 2; }));
+    EXPECT_TRUE(camera.last("GET_PARAMETER").contains("nonce=\"n2\""));
+    viewer.client->stop();
+    EXPECT_TRUE(viewer.waitUntil("stopped"));
+    EXPECT_EQ(camera.count("TEARDOWN"), 2);
+    EXPECT_TRUE(camera.last("TEARDOWN").contains("nonce=\"n3\""));
+}
+
+TEST(RtspClient, EachTimeLimitHasItsSentence)
+{
+    const auto never = [](const char* method) {
+        Script script = silent();
+        script.answers[method] = {QByteArray()};
+        return script;
+    };
+    const struct {
+        Script script;
+        bool bUdp;
+        int RtspTimeouts::*limit;
+        const char* text;
+        int nTeardowns;
+    } rows[] = {
+        {never("OPTIONS"), false, &RtspTimeouts::nAnswer, "no answer to OPTIONS (CSeq 1) within 0.1 s", 0},
+        {never("SETUP"), false, &RtspTimeouts::nAnswer, "no answer to SETUP (CSeq 3) within 0.1 s", 0},
+        {silent(), false, &RtspTimeouts::nFirstPacket, "no packet came within 0.1 s", 1},
+        {silent(), true, &RtspTimeouts::nFirstPacket, "no packet came within 0.1 s", 1},
+        {Script(), false, &RtspTimeouts::nSilence, "nothing more came within 0.1 s", 1},
+    };
+    for (const auto& row : rows) {
+        RtspOptions options = row.bUdp ? udp() : Viewer::tcp();
+        options.timeouts.*row.limit = 100;
+        ScriptedCamera camera(row.script);
+        Viewer viewer(camera, options);
+        viewer.start();
+        EXPECT_TRUE(viewer.waitUntil("error 10060")) << viewer.log();
+        EXPECT_TRUE(viewer.errorText.contains(QLatin1String(row.text))) << viewer.log();
+        EXPECT_EQ(camera.count("TEARDOWN"), row.nTeardowns) << row.text;
+    }
+    RtspOptions options = Viewer::tcp();
+    options.timeouts.nConnect = 100;
+    seams::holdLookups(true);
+    ScriptedCamera camera;
+    Viewer viewer(camera, options);
+    viewer.start("rtsp://slow.name/");
+    EXPECT_TRUE(viewer.waitUntil("error 10060"));
+    EXPECT_TRUE(viewer.errorText.contains(QLatin1String("no connection within 0.1 s"))) << viewer.log();
+    seams::holdLookups(false);
+}
+
+TEST(RtspClient, WaitsForATeardownAndTriesOnceMoreOverUdp)
+{
+    const struct {
+        RtspOptions options;
+        const char* first; // its answer
+        std::size_t connections;
+    } rows[] = {{Viewer::tcp(), "", 1}, {udp(), "", 2},
+        {udp(), "RTSP/1.0 454 Session Not Found\r\nCSeq: {cseq}\r\n\r\n", 1},
+        {udp(), "RTSP/1.0 500 Oh\r\nCSeq: {cseq}\r\n\r\n", 1}};
+    for (const auto& row : rows) {
+        Script script = silent();
+        script.answers["TEARDOWN"] = {row.first, answer()};
+        ScriptedCamera camera(script);
+        RtspOptions options = row.options;
+        options.timeouts.nTeardown = 100;
+        Viewer viewer(camera, options);
+        ASSERT_TRUE(play(viewer));
+        viewer.client->stop();
+        EXPECT_TRUE(viewer.waitUntil("stopped"));
+        EXPECT_EQ(camera.sockets.size(), row.connections);
+        EXPECT_EQ(camera.count("TEARDOWN"), static_cast<int>(row.connections));
+    }
+}
+
+TEST(RtspClient, TellsTheEndOfAConnectionAndFreesTheServer)
+{
+    for (const bool bUdp : {false, true}) {
+        Script script = silent();
+        script.bCloseAfterPlay = true;
+        ScriptedCamera camera(script);
+        Viewer viewer(camera, bUdp ? udp() : Viewer::tcp());
+        viewer.start();
+        ASSERT_TRUE(viewer.waitUntil("error 10054")) << viewer.log();
+        EXPECT_TRUE(viewer.errorText.contains(QLatin1String("the server ended the connection, behind ")))
+            << viewer.log();
+        EXPECT_EQ(camera.count("TEARDOWN"), bUdp ? 1 : 0) << "on a connection of its own";
+    }
+}
+
+TEST(RtspClient, ReportsWhatItReceives)
+{
+    ScriptedCamera camera;
+    RtspOptions options = Viewer::tcp();
+    options.nReportMs = 50;
+    Viewer viewer(camera, options);
+    QVector<RtspTrackStatistics> told;
+    QObject::connect(viewer.client.get(), &RtspClient::statistics, viewer.client.get(),
+        [&](const QVector<RtspTrackStatistics>& all) { told = all; });
+    viewer.start();
+    ASSERT_TRUE(viewer.waitUntil("unit 0 2"));
+    EXPECT_TRUE(viewer.waitUntil([&] { return told.size() == 1; }));
+    EXPECT_EQ(told.value(0).nPackets, 2U);
+    EXPECT_EQ(told.value(0).nUnits, 2U);
+    EXPECT_GT(told.value(0).nBitsPerSecond, 0U);
+    EXPECT_TRUE(viewer.waitUntil([&] { return camera.reports >= 2; }));
+}
+
+TEST(RtspClient, FollowsANewSourceOnceTheOldOneIsSilent)
+{
+    const Clock clock;
+    ScriptedCamera camera;
+    RtspOptions options = Viewer::tcp();
+    options.timeouts.nSilence = 0;
+    Viewer viewer(camera, options);
+    viewer.start();
+    ASSERT_TRUE(viewer.waitUntil("unit 0 2"));
+    camera.connection().write(framed(0, rtp(0, 50, 0x99)) + framed(0, rtp(0, 3)));
+    ASSERT_TRUE(viewer.waitUntil("unit 0 3"));
+    EXPECT_FALSE(viewer.has("packet 0 50")) << "while the first one flows";
+    Clock::pass(2100);
+    camera.connection().write(framed(0, rtp(0, 60, 0x99)) + framed(0, rtp(0, 61, 0x99)));
+    ASSERT_TRUE(viewer.waitUntil("unit 0 61")) << viewer.log();
+    const RtspTrackStatistics counts = viewer.client->trackStatistics().first();
+    EXPECT_EQ(counts.nStrangers, 1U);
+    EXPECT_EQ(counts.nLost, 0U);
+}
+
+TEST(RtspClient, SendsCredentialsToNoOtherHost)
+{
+    seams::setName("elsewhere", {"127.0.0.1"});
+    const QByteArray asks = answer("WWW-Authenticate: Basic realm=\"x\"\r\n", "401 Unauthorized");
+    for (const bool bAllowed : {false, true}) {
+        Script script;
+        script.answers["DESCRIBE"]
+            = {asks, answer("Location: rtsp://elsewhere:{port}/\r\n", "302 Found"), asks, describes()};
+        ScriptedCamera camera(script);
+        RtspOptions options = Viewer::tcp();
+        options.bCredentialsToOtherHosts = bAllowed;
+        Viewer viewer(camera, options);
+        viewer.start(QByteArray(), "user", "secret");
+        EXPECT_TRUE(viewer.waitUntil(bAllowed ? "unit 0" : "error 401")) << viewer.log();
+        EXPECT_EQ(camera.last("DESCRIBE").contains("Authorization"), bAllowed);
+    }
+}
+
+TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
+{
+    const char* moments[]
+        = {"described", "playing", "packet", "unit", "rtcp", "paused", "transport", "stopped", "error"};
+    for (const char* moment : moments) {
+        for (const int action : {0, 1, 2}) {
+            Script script;
+            script.media += framed(1, QByteArray::fromHex("80c9000111223344")) + framed(0, rtp(0, 3));
+            const bool bError = qstrcmp(moment, "error") == 0;
+            const bool bTransport = qstrcmp(moment, "transport") == 0;
+            if (bError)
+                script.answers["PLAY"] = {answer("", "500 Oh")};
+            if (bTransport)
+                script.answers["SETUP"] = {answer("", "461 No"), setUp()};
+            ScriptedCamera camera(script);
+            Viewer viewer(camera, bTransport ? udp(RtspOptions::eAutomatic) : Viewer::tcp());
+            bool bActed = false;
+            viewer.onEvent = [&](const QString& event) {
+                if (qstrcmp(moment, "paused") == 0 && event == QLatin1String("unit 0 1"))
+                    viewer.client->pause();
+                if (qstrcmp(moment, "stopped") == 0 && event == QLatin1String("unit 0 1"))
+                    viewer.client->stop();
+                if (bActed || !event.startsWith(QLatin1String(moment)))
+                    return;
+                bActed = true;
+                if (action == 0)
+                    viewer.client->stop();
+                else if (action == 1)
+                    viewer.client.reset();
+                else if (viewer.client->state() == RtspClient::eIdle)
+                    viewer.start();
+                else
+                    viewer.client->stop();
+            };
+            viewer.start();
+            EXPECT_TRUE(viewer.waitUntil([&] { return bActed; })) << moment << ' ' << viewer.log();
+            if (action == 0) {
+                EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client->state() == RtspClient::eIdle; }))
+                    << moment;
+            }
+            settle(5);
+        }
+    }
+}
+
+TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
+{
+    ScriptedCamera camera(silent());
+    Viewer viewer(camera);
+    ASSERT_TRUE(play(viewer));
+    QByteArray seen;
+    const auto take = [&](int, const RTPPacket& packet, const RtpArrival&) {
+        viewer.client.reset();
+        seen = QByteArray(
+            reinterpret_cast<const char*>(packet.getPayload()), static_cast<int>(packet.getPayloadSize()));
+    };
+    QObject::connect(viewer.client.get(), &RtspClient::packetReceived, take);
+    const QByteArray bytes = framed(0, rtp(0, 1, 1, QByteArray(1000, 'p')));
+    camera.connection().write(bytes.left(500)); // joined from its pieces
+    settle(10);
+    camera.connection().write(bytes.mid(500));
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client == nullptr; }));
+    EXPECT_EQ(seen, QByteArray(1000, 'p'));
+}
+
+TEST(RtspClient, SurvivesAnEventLoopInAHandler)
+{
+    ScriptedCamera camera;
+    Viewer viewer(camera);
+    int depth = 0;
+    viewer.onEvent = [&](const QString& event) {
+        if (event != QLatin1String("unit 0 1"))
+            return;
+        EXPECT_EQ(++depth, 1);
+        camera.connection().write(framed(0, rtp(0, 3)));
+        settle(20);
+        EXPECT_FALSE(viewer.has("unit 0 3")) << "signals do not overtake each other";
+    };
+    viewer.start();
+    EXPECT_TRUE(viewer.waitUntil("unit 0 3")) << viewer.log();
+}
+
+TEST(RtspClient, HostileServersCostLittle)
+{
+    QByteArray tracks = "v=0\r\n";
+    for (int i = 0; i < 1000; ++i)
+        tracks += "m=audio 0 RTP/AVP 0\r\na=control:" + QByteArray::number(i) + "\r\n";
+    Script many;
+    many.sdp = tracks;
+    Script flood;
+    flood.answers["OPTIONS"] = {framed(0, rtp(0, 1)).repeated(50000) + answer()};
+    Script asks;
+    asks.answers["OPTIONS"]
+        = {QByteArray("OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n").repeated(20000) + answer()};
+    Script lying;
+    lying.media = framed(0, rtp(0, 1)) + QByteArray("$\0\xFF\xFFzz", 6);
+    const struct {
+        const char* name;
+        Script script;
+        const char* until;
+    } rows[] = {{"a thousand tracks", many, "described 32"}, {"a flood before PLAY", flood, "unit 0"},
+        {"requests without end", asks, "unit 0"}, {"a length that never comes", lying, "unit 0"}};
+    for (const auto& row : rows) {
+        ScriptedCamera camera(row.script);
+        Viewer viewer(camera);
+        viewer.start();
+        EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
+        viewer.client->stop();
+        EXPECT_TRUE(viewer.waitUntil("stopped")) << row.name;
+    }
+}
+
+TEST(RtspClient, AnIdleSessionTakesLittleMemory)
+{
+    constexpr int kSessions = 100;
+    constexpr long long kMost = 32 << 10;
+    Script script;
+    script.sdp
+        = "v=0\r\no=- 1 1 IN IP4 0.0.0.0\r\ns=camera\r\nt=0 0\r\na=control:*\r\nm=video 0 RTP/AVP 96\r\n"
+          "a=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=1;profile-level-id=42c015;"
+          "sprop-parameter-sets=Z0LAFdkBQfsBagwMDUoAAAMAAgAAAwBlHixckA==,aMuMsg==\r\na=control:track1\r\n"
+        + kAudioTrack;
+    std::vector<std::unique_ptr<ScriptedCamera>> cameras;
+    std::vector<std::unique_ptr<RtspClient>> clients;
+    for (int i = 0; i < kSessions; ++i)
+        cameras.push_back(std::make_unique<ScriptedCamera>(script));
+    int nPlaying = 0;
+    const auto playAll = [&](int from, int to) {
+        for (int i = from; i < to; ++i) {
+            clients.push_back(std::make_unique<RtspClient>());
+            clients.back()->setOptions(Viewer::tcp());
+            QObject::connect(
+                clients.back().get(), &RtspClient::playing, clients.back().get(), [&] { ++nPlaying; });
+            clients.back()->start(QString::fromLatin1(cameras[static_cast<std::size_t>(i)]->url()));
+        }
+        EXPECT_TRUE(waitFor([&] {
+            for (const auto& camera : cameras)
+                camera->serve();
+            return nPlaying == to;
+        }));
+    };
+    clients.reserve(kSessions);
+    playAll(0, 10); // what the thread has once
+    const auto before = static_cast<long long>(mallinfo2().uordblks);
+    playAll(10, kSessions);
+    const long long each = (static_cast<long long>(mallinfo2().uordblks) - before) / (kSessions - 10);
+    EXPECT_LT(each, kMost);
+    RecordProperty("bytesOfASession", static_cast<int>(each));
+}
