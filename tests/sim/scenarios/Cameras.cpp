@@ -20,7 +20,10 @@ SCENARIO(cameras)
     std::vector<std::unique_ptr<Camera>> cameras;
     std::vector<std::unique_ptr<Watcher>> watchers;
     int depth = 0;
+    bool bCounting = false; // a handler with an event loop of its own would hold pictures up
     const auto act = [&] {
+        if (bCounting)
+            return;
         if (random.chance(0.02))
             world.work(random.size(100000));
         if (random.chance(0.02) && depth < 3) {
@@ -49,6 +52,7 @@ SCENARIO(cameras)
         world.expect(goesOn(watcher), "a camera that is there is not asked any more");
 
     // And then without a gap, where nothing went wrong.
+    bCounting = true;
     world.run(static_cast<std::uint64_t>(kSilenceMs) * 2); // who was silent is noticed
     std::vector<int> before;
     std::vector<int> interruptions;
