@@ -3,7 +3,6 @@
 
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 
-
 #include <gtest/gtest.h>
 #include <vector>
 
