@@ -144,22 +144,6 @@ TEST(TcpServer, ListeningAgainInAHandlerHandsOutNothingOfTheClosedListening)
     }
 }
 
-TEST(TcpServer, ANestedLoopHandsOutTheRestInOrder)
-{
-    Server server;
-    ASSERT_TRUE(server.listen(kLocal, 0));
-    std::vector<RawSocket> clients;
-    for (int i = 0; i < 6; ++i)
-        clients.push_back(RawSocket::connectTo(server.serverPort()));
-    server.onFirst = [&] {
-        clients.push_back(RawSocket::connectTo(server.serverPort()));
-        waitFor([&] { return server.accepted.size() == clients.size(); }, 2000);
-    };
-    ASSERT_TRUE(waitFor([&] { return server.accepted.size() == clients.size(); }));
-    for (std::size_t i = 0; i < clients.size(); ++i)
-        EXPECT_EQ(peerPort(server.accepted[i]), localPort(clients[i])) << "accept order, " << i;
-}
-
 TEST(TcpServer, AnOwnerThatLagsLeavesTheRestToTheSystem)
 {
     constexpr int kBound = 4096;
