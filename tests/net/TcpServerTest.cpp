@@ -10,11 +10,9 @@
 #include <QtCore/QEvent>
 
 #include <cstring>
-#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <sys/resource.h>
@@ -26,13 +24,7 @@ const QHostAddress kLocal(QHostAddress::LocalHost);
 struct Server : NuvikaTcpServer {
     std::vector<RawSocket> accepted;
     int events = 0;
-    std::function<void()> onFirst;
-    void incomingConnection(int descriptor) override
-    {
-        accepted.emplace_back(descriptor);
-        if (onFirst)
-            std::exchange(onFirst, nullptr)();
-    }
+    void incomingConnection(int descriptor) override { accepted.emplace_back(descriptor); }
     void customEvent(QEvent* event) override
     {
         ++events;

@@ -1,6 +1,5 @@
 // The port's contract, point by point.
 #include "platform/CompletionPort_p.h"
-#include "platform/Sockets_p.h"
 #include "support/EventLoop.h"
 #include "support/OwnThread.h"
 #include "support/RawPeer.h"
@@ -45,10 +44,6 @@ public:
         m_fd = RawSocket(fds[0]);
         peer = RawSocket(fds[1]);
         channel = std::make_unique<Channel>(m_fd.fd(), *this, kind);
-    }
-    explicit End(RawSocket socket) : m_fd(std::move(socket))
-    {
-        channel = std::make_unique<Channel>(m_fd.fd(), *this);
     }
     int fd() const { return m_fd.fd(); }
 
