@@ -1,62 +1,88 @@
-// An HTTP client, and a server that speaks byte by byte.
+// A client and a connection of a server under test, each with a peer that speaks byte by byte.
 #pragma once
 
 #include "support/EventLoop.h"
 #include "support/RawPeer.h"
 
 #include <KepNuvikaUtil/HttpClient.h>
+#include <KepNuvikaUtil/HttpResponseClient.h>
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <memory>
+#include <utility>
 
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 inline const QString kUser = QStringLiteral("user");
 inline const QString kPassword = QStringLiteral("secret");
 
-// A client, the log of its signals, and a server that speaks byte by byte.
-struct Exchange {
+inline QString latin1(const char* data, int size) { return QString::fromLatin1(data, size); }
+inline QStringList list(std::initializer_list<const char*> texts)
+{
+    QStringList result;
+    for (const char* text : texts)
+        result << QString::fromLatin1(text);
+    return result;
+}
+
+// The log of an object's signals.
+struct Told {
+    QStringList events;
+    std::function<void(const QString&)> onEvent;
+
+    void note(const QString& text)
+    {
+        events << text;
+        if (onEvent)
+            onEvent(text);
+    }
+    bool expect(const QStringList& wanted)
+    {
+        waitFor([&] { return events.size() >= wanted.size(); });
+        settle(5);
+        EXPECT_EQ(events.join(QStringLiteral(" / ")).toStdString(),
+            wanted.join(QStringLiteral(" / ")).toStdString());
+        return std::exchange(events, QStringList()) == wanted;
+    }
+    bool expect(std::initializer_list<const char*> wanted) { return expect(list(wanted)); }
+};
+
+struct Exchange : Told {
     RawListener listener;
     RawSocket server;
     int nConnections = 0;
-    QStringList events;
-    std::function<void(const QString&)> onEvent;
     std::unique_ptr<HttpClient> client; // its end reports cancelled requests
 
     explicit Exchange(bool bKeepAlive = true)
         : client(std::make_unique<HttpClient>(QStringLiteral("127.0.0.1"), listener.port(), bKeepAlive))
     {
-        const auto note = [this](const QString& text) {
-            events << text;
-            if (onEvent)
-                onEvent(text);
-        };
-        const auto bytes = [](const char* data, int size) { return QString::fromLatin1(data, size); };
         HttpClient* c = client.get();
         QObject::connect(
-            c, &HttpClient::responseHeaderReceived, [note](int id, const HttpResponseHeader& header) {
+            c, &HttpClient::responseHeaderReceived, [this](int id, const HttpResponseHeader& header) {
                 note(QStringLiteral("head%1 %2").arg(id).arg(header.statusCode()));
             });
         QObject::connect(c, &HttpClient::requestFinished,
-            [note, bytes](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
-                note(QStringLiteral("done%1 %2 ").arg(id).arg(header.statusCode()) + bytes(data, size));
+            [this](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
+                note(QStringLiteral("done%1 %2 ").arg(id).arg(header.statusCode()) + latin1(data, size));
             });
         QObject::connect(
-            c, &HttpClient::requestFailed, [note](int id) { note(QStringLiteral("failed%1").arg(id)); });
+            c, &HttpClient::requestFailed, [this](int id) { note(QStringLiteral("failed%1").arg(id)); });
         QObject::connect(c, &HttpClient::requestCancelled,
-            [note](int id) { note(QStringLiteral("cancelled%1").arg(id)); });
+            [this](int id) { note(QStringLiteral("cancelled%1").arg(id)); });
         QObject::connect(c, &HttpClient::multipartReplaceContent,
-            [note, bytes](int, const HttpResponseHeader&, const char* type, const char* data, int size,
-                Marker) { note(QStringLiteral("part %1 ").arg(QLatin1String(type)) + bytes(data, size)); });
+            [this](int, const HttpResponseHeader&, const char* type, const char* data, int size, Marker) {
+                note(QStringLiteral("part %1 ").arg(QLatin1String(type)) + latin1(data, size));
+            });
         QObject::connect(c, &HttpClient::contentChunk,
-            [note, bytes](int, const HttpResponseHeader&, const char* data, int size, Marker) {
-                note(QStringLiteral("chunk ") + bytes(data, size));
+            [this](int, const HttpResponseHeader&, const char* data, int size, Marker) {
+                note(QStringLiteral("chunk ") + latin1(data, size));
             });
         QObject::connect(
-            c, &HttpClient::error, [note](int code) { note(QStringLiteral("error %1").arg(code)); });
+            c, &HttpClient::error, [this](int code) { note(QStringLiteral("error %1").arg(code)); });
         QObject::connect(
-            c, &HttpClient::sendEndOfUploadContentFinished, [note] { note(QStringLiteral("upload ended")); });
+            c, &HttpClient::sendEndOfUploadContentFinished, [this] { note(QStringLiteral("upload ended")); });
     }
 
     int get(const char* path = "/") { return client->get(QLatin1String(path), QString(), QString(), true); }
@@ -81,15 +107,10 @@ struct Exchange {
         });
         return head;
     }
-    bool expect(const QStringList& wanted)
+    void ask() // until the server has the request
     {
-        waitFor([&] { return events.size() >= wanted.size(); });
-        settle(5);
-        EXPECT_EQ(events.join(QStringLiteral(" / ")).toStdString(),
-            wanted.join(QStringLiteral(" / ")).toStdString());
-        const bool bEqual = events == wanted;
-        events.clear();
-        return bEqual;
+        get();
+        request();
     }
 };
 
@@ -101,10 +122,48 @@ inline QByteArray sized(const QByteArray& body)
 {
     return ok("content-length: " + QByteArray::number(body.size()) + "\r\n", body);
 }
-inline QStringList list(std::initializer_list<const char*> texts)
-{
-    QStringList result;
-    for (const char* text : texts)
-        result << QString::fromLatin1(text);
-    return result;
-}
+
+struct Served : Told {
+    RawListener listener;
+    RawSocket client;
+    std::unique_ptr<HttpResponseClient> server;
+
+    Served() : client(RawSocket::connectTo(listener.port()))
+    {
+        RawSocket accepted;
+        waitFor([&] { return (accepted = listener.accept()).isOpen(); });
+        server = std::make_unique<HttpResponseClient>(accepted.release(), false);
+        using Server = HttpResponseClient;
+        Server* s = server.get();
+        QObject::connect(s, &Server::requestReceived,
+            [this](const HttpRequestHeader& header, const char* data, int size, Marker) {
+                note(header.method() + QLatin1Char(' ') + header.path() + QLatin1Char(' ')
+                    + latin1(data, size));
+            });
+        QObject::connect(
+            s, &Server::contentChunk, [this](const HttpRequestHeader&, const char* data, int size, Marker) {
+                note(QStringLiteral("chunk ") + latin1(data, size));
+            });
+        QObject::connect(s, &Server::multipartReplaceContent,
+            [this](const HttpRequestHeader&, const char*, const char* data, int size, Marker) {
+                note(QStringLiteral("part ") + latin1(data, size));
+            });
+        QObject::connect(s, &Server::responseFinished, [this] { note(QStringLiteral("finished")); });
+        QObject::connect(s, &Server::error, [this] { note(QStringLiteral("error")); });
+        QObject::connect(s, &Server::disconnected, [this] { note(QStringLiteral("disconnected")); });
+    }
+    void respond(int code, const QByteArray& body, const char* field = nullptr, const char* value = nullptr,
+        bool bMore = false)
+    {
+        HttpResponseHeader header(code, QStringLiteral("X"));
+        if (field == nullptr)
+            header.setContentLength(body.size());
+        else
+            header.addValue(QLatin1String(field), QLatin1String(value));
+        SharedPoolBuffer content = pool->getBuffer();
+        content.setData(body.constData(), body.size());
+        server->response(header, bMore, &content);
+    }
+    SharedBufferPool* pool = new SharedBufferPool;
+    ~Served() { pool->release(); }
+};

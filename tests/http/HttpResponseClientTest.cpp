@@ -1,4 +1,4 @@
-#include "http/Served.h"
+#include "http/HttpExchange.h"
 #include "support/LogCapture.h"
 #include "support/Seams.h"
 

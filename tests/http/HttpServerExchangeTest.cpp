@@ -1,5 +1,5 @@
 // What a server connection reads, in which order it answers, and when it ends.
-#include "http/Served.h"
+#include "http/HttpExchange.h"
 #include "support/LogCapture.h"
 #include "support/Seams.h"
 

@@ -1,51 +1,26 @@
+#include "http/HttpExchange.h"
 #include "support/Certificates.h"
-#include "support/EventLoop.h"
 #include "support/LogCapture.h"
-#include "support/RawPeer.h"
 
 #include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
-#include <functional>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 namespace
 {
-using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
-
-const QString kUser = QStringLiteral("user");
-const QString kPassword = QStringLiteral("secret");
-
-Certificates& certificates()
-{
-    static Certificates s_certificates;
-    return s_certificates;
-}
-
 // What a client tells.
-struct Events {
-    QStringList list;
-
+struct Events : Told {
     void watch(HttpsClient& client)
     {
         QObject::connect(&client, &HttpsClient::requestFinished,
             [this](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
-                list << QStringLiteral("done%1 %2 ").arg(id).arg(header.statusCode())
-                        + QString::fromLatin1(data, size);
+                note(QStringLiteral("done%1 %2 ").arg(id).arg(header.statusCode()) + latin1(data, size));
             });
         QObject::connect(&client, &HttpsClient::requestFailed,
-            [this](int id) { list << QStringLiteral("failed%1").arg(id); });
+            [this](int id) { note(QStringLiteral("failed%1").arg(id)); });
         QObject::connect(
-            &client, &HttpsClient::error, [this](int code) { list << QStringLiteral("error%1").arg(code); });
-    }
-    bool expect(const QStringList& wanted)
-    {
-        waitFor([&] { return list.size() >= wanted.size(); });
-        settle(5);
-        EXPECT_EQ(
-            list.join(QStringLiteral(" / ")).toStdString(), wanted.join(QStringLiteral(" / ")).toStdString());
-        return std::exchange(list, QStringList()) == wanted;
+            &client, &HttpsClient::error, [this](int code) { note(QStringLiteral("error%1").arg(code)); });
     }
 };
 
@@ -120,11 +95,6 @@ struct TlsServer {
             NuvikaSslSocket::eSslAny12, QString(), trusted, QString());
     }
 };
-
-QByteArray sized(const QByteArray& body)
-{
-    return "HTTP/1.1 200 OK\r\ncontent-length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
-}
 } // namespace
 
 TEST(HttpsClient, SendsJsonAndFieldsOfTheCallers)
@@ -135,7 +105,7 @@ TEST(HttpsClient, SendsJsonAndFieldsOfTheCallers)
         "GET /j HTTP/1.1\r\n" + x.host()
             + "Connection: keep-alive\r\nKeep-Alive: 300\r\nAccept: application/json\r\n\r\n");
     x.answer("200 OK\r\n", "{}");
-    ASSERT_TRUE(x.events.expect({QStringLiteral("done1 200 {}")}));
+    ASSERT_TRUE(x.events.expect({"done1 200 {}"}));
     for (const bool bPut : {false, true}) {
         if (bPut)
             x.client.putJSON(QStringLiteral("/j"), "[1]", QString(), QString(), true);
@@ -179,7 +149,7 @@ TEST(HttpsClient, UploadsFormsWhoseHeadEndsEarly)
             + "\r\nAccept: */*\r\ncontent-length: " + QByteArray::number(body.size())
             + "\r\nConnection: Keep-Alive\r\n\r\n\r\n" + body);
     x.answer("200 OK\r\n");
-    ASSERT_TRUE(x.events.expect({QStringLiteral("done1 200 ")}));
+    ASSERT_TRUE(x.events.expect({"done1 200 "}));
 
     // Credentials stand before the value that ends the head: at once, and in answer to a challenge.
     const auto headOf = [](const QByteArray& request) { return request.left(request.indexOf("\r\n\r\n")); };
@@ -193,7 +163,7 @@ TEST(HttpsClient, UploadsFormsWhoseHeadEndsEarly)
     EXPECT_TRUE(headOf(digest).contains("\r\nAuthorization: Digest username=\"user\"")) << digest.constData();
     EXPECT_TRUE(headOf(digest).endsWith("Connection: Keep-Alive"));
     x.answer("200 OK\r\n");
-    ASSERT_TRUE(x.events.expect({QStringLiteral("done2 200 ")}));
+    ASSERT_TRUE(x.events.expect({"done2 200 "}));
 }
 
 TEST(HttpsClient, TracesUnderItsOwnNameButOnce)
@@ -212,7 +182,7 @@ TEST(HttpsClient, TracesUnderItsOwnNameButOnce)
     EXPECT_TRUE(log.has("HttpsClient::shutdown: remove pending request; id:2")) << second;
     EXPECT_FALSE(log.has("HttpsClient::shutdownSsl")) << "a plain client touches no TLS";
     settle();
-    EXPECT_TRUE(x.events.list.isEmpty()) << "and shutdown() says nothing";
+    EXPECT_TRUE(x.events.events.isEmpty()) << "and shutdown() says nothing";
 }
 
 TEST(HttpsClient, FetchesOverOneTlsConnection)
@@ -238,14 +208,14 @@ TEST(HttpsClient, FetchesOverOneTlsConnection)
     ASSERT_TRUE(events.expect({QStringLiteral("done1 200 ") + QString::fromLatin1(large)}));
     EXPECT_TRUE(log.has("HttpsClient::initSsl(): protocol=0"));
     client->get(QStringLiteral("/login"), kUser, kPassword, true);
-    ASSERT_TRUE(events.expect({QStringLiteral("done2 200 abc")}));
+    ASSERT_TRUE(events.expect({"done2 200 abc"}));
     EXPECT_EQ(server.connections.size(), 1U);
     EXPECT_EQ(client->peerCertificate().subject, QLatin1String("CN=cam-7"));
     EXPECT_EQ(client->lastPeerAddress(), QHostAddress(QHostAddress::LocalHost));
     client->shutdown();
     EXPECT_TRUE(log.has("HttpsClient::shutdownSsl():"));
     client->get(QStringLiteral("/large"), QString(), QString(), false);
-    ASSERT_TRUE(waitFor([&] { return events.list.size() == 1; }));
+    ASSERT_TRUE(waitFor([&] { return events.events.size() == 1; }));
     EXPECT_EQ(server.connections.size(), 2U);
     EXPECT_TRUE(server.connections.back()->socket.isSessionResumed());
 }
@@ -268,19 +238,18 @@ TEST(HttpsClient, GivesUpOnWhomItCannotTrustUntilToldBetter)
 
     client->setCertificateFilePath(others.authority());
     client->get(QStringLiteral("/"), QString(), QString(), false);
-    ASSERT_TRUE(events.expect({QStringLiteral("done2 200 ok")}));
+    ASSERT_TRUE(events.expect({"done2 200 ok"}));
     client->shutdown();
     client->setCertificateFilePath(QString());
     client->setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
     client->get(QStringLiteral("/"), QString(), QString(), false);
-    ASSERT_TRUE(events.expect({QStringLiteral("done3 200 ok")}));
+    ASSERT_TRUE(events.expect({"done3 200 ok"}));
     client->shutdown();
 
     LogCapture log;
     client->setCertificateFileName(QStringLiteral("missing.pem"));
     client->get(QStringLiteral("/"), QString(), QString(), false);
-    ASSERT_TRUE(events.expect({QStringLiteral("error10053"), QStringLiteral("error10053"),
-        QStringLiteral("error10053"), QStringLiteral("failed4")}));
+    ASSERT_TRUE(events.expect({"error10053", "error10053", "error10053", "failed4"}));
     EXPECT_EQ(log.count("HttpsClient::connectToHost(): initSsl() failed"), 3);
     EXPECT_TRUE(client->errorString().contains(QLatin1String("missing.pem")));
 }
@@ -296,21 +265,21 @@ TEST(HttpsClient, BodiesMayEndWithTheConnection)
     Events events;
     events.watch(*client);
     client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.expect({QStringLiteral("done1 200 until the end")}));
+    ASSERT_TRUE(events.expect({"done1 200 until the end"}));
     EXPECT_FALSE(client->lastAnswerMayBeCut());
     server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
         TlsServer::answer(c, "HTTP/1.1 200 OK\r\n\r\nuntil ");
         ::shutdown(c.descriptor, SHUT_WR); // without TLS's goodbye, as whoever sits on the path could do it
     };
     client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.expect({QStringLiteral("done2 200 until ")}));
+    ASSERT_TRUE(events.expect({"done2 200 until "}));
     EXPECT_TRUE(client->lastAnswerMayBeCut());
     server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
         TlsServer::answer(c, "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\nnot all of it");
         c.socket.close();
     };
     client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.expect({QStringLiteral("failed3")})) << "three times too short";
+    ASSERT_TRUE(events.expect({"failed3"})) << "three times too short";
     EXPECT_EQ(server.requests.size(), 5);
     EXPECT_FALSE(client->lastAnswerMayBeCut()) << "a length tells";
 }
@@ -342,7 +311,7 @@ TEST(HttpsClient, AStallOverTlsEndsWithTheSessionThatCausedIt)
         QString(), QString(), 0);
     ASSERT_TRUE(waitFor([&] { return !bFirst && client->numOfPendingRequests() == 0; }));
     client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.expect({QStringLiteral("done2 200 heard")}));
+    ASSERT_TRUE(events.expect({"done2 200 heard"}));
 }
 
 TEST(HttpsClient, AnUploadOverTlsEndsWhenAllOfItHasLeft)
@@ -381,8 +350,8 @@ TEST(HttpsClient, FormsWhoseFieldsHoldALineEndAreRefused)
     const QString good = QStringLiteral("name=\"f\"");
     const QString bad = QStringLiteral("image/jpeg\r\nX: y");
     x.client.postMultipartFormData(QStringLiteral("/"), "x", good, bad, QString(), QString());
-    ASSERT_TRUE(x.events.expect({QStringLiteral("failed1")}));
+    ASSERT_TRUE(x.events.expect({"failed1"}));
     x.client.postMultipartFormData(QStringLiteral("/"), "x", bad, good, QString(), QString());
-    ASSERT_TRUE(x.events.expect({QStringLiteral("failed2")}));
+    ASSERT_TRUE(x.events.expect({"failed2"}));
     EXPECT_EQ(x.client.errorString().toStdString(), "the disposition holds a line end or a NUL");
 }

@@ -4,8 +4,7 @@
 #include "http/ContentMemory_p.h"
 #include "http/HttpMessageReader_p.h"
 
-#include "HttpExchange.h"
-#include "Served.h"
+#include "http/HttpExchange.h"
 
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 
@@ -189,14 +188,12 @@ TEST(PlacedContent, AnswersInPiecesArriveWholeAndTheNextOneBehindThem)
     const QByteArray plain = "HTTP/1.1 200 OK\r\ncontent-length: 100000\r\n\r\n";
     for (const Cut& cut : kCuts) {
         Exchange x;
-        x.get();
-        x.request();
+        x.ask();
         for (const QByteArray& piece : piecesOf(plain, body, cut)) {
             x.server.write(piece);
             settle(5);
         }
-        x.get();
-        x.request();
+        x.ask();
         for (const QByteArray& piece :
             piecesOf("HTTP/1.1 201 OK\r\ntransfer-encoding: chunked\r\n\r\n", chunked, cut)) {
             x.server.write(piece);
@@ -247,8 +244,7 @@ TEST(PlacedContent, ABodyMayBeGivenUpInTheMiddle)
 {
     for (const bool bDelete : {false, true}) {
         Exchange x;
-        x.get();
-        x.request();
+        x.ask();
         x.server.write("HTTP/1.1 200 OK\r\ncontent-length: 100000\r\n\r\n" + patterned(1000));
         ASSERT_TRUE(waitFor([&] { return x.events.size() == 1; }));
         x.server.write(patterned(50000));
@@ -258,8 +254,7 @@ TEST(PlacedContent, ABodyMayBeGivenUpInTheMiddle)
             continue;
         }
         x.client->shutdown();
-        x.get();
-        x.request();
+        x.ask();
         x.server.write("HTTP/1.1 200 OK\r\ncontent-length: 4\r\n\r\nab");
         settle(5);
         x.server.write("cd");

@@ -99,10 +99,9 @@ Owner accepting(Buffers buffers, int descriptor, Arguments... arguments)
 
 std::unique_ptr<NuvikaSslSocket> tlsSocket(bool bServer, Buffers buffers)
 {
-    static Certificates certificates;
     auto socket = std::make_unique<NuvikaSslSocket>();
     EXPECT_TRUE(socket->initSsl(bServer, NuvikaSslSocket::eSslAny12,
-        bServer ? certificates.forLocalhost() : QString(), QString(), QString()));
+        bServer ? certificates().forLocalhost() : QString(), QString(), QString()));
     socket->setSystemBuffers(buffers);
     return socket;
 }

@@ -99,8 +99,7 @@ TEST(RefusedCalls, WhileDatagramsAreSentAndReceived)
 
 TEST(RefusedCalls, WhileTlsIsSetUp)
 {
-    Certificates certificates;
-    const QString certificate = certificates.forLocalhost();
+    const QString certificate = certificates().forLocalhost();
     refused::eachCall([&](const LogCapture& log) -> Outcome {
         NuvikaSslSocket client;
         NuvikaSslSocket accepted;
@@ -112,7 +111,7 @@ TEST(RefusedCalls, WhileTlsIsSetUp)
         }
         const auto any = NuvikaSslSocket::eSslAny12;
         if (!accepted.initSsl(true, any, certificate, {}, {})
-            || !client.initSsl(false, any, {}, certificates.authority(), {}))
+            || !client.initSsl(false, any, {}, certificates().authority(), {}))
             return {false, !accepted.errorString().isEmpty() || !client.errorString().isEmpty()};
         NuvikaTcpServer server;
         QObject::connect(

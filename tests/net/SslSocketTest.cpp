@@ -351,69 +351,6 @@ TEST(SslSocket, ClosesBehindWhatWasSentAndPostponesAConnect)
     EXPECT_TRUE(client.ends.empty() && client.errors.empty());
 }
 
-TEST(SslSocket, HandlersMayDoAnything)
-{
-    Server server({Ssl::eSslAny12, {}, {}, true});
-    for (int handler = 0; handler < 3; ++handler) {
-        for (int deed = 0; deed < 3; ++deed) {
-            Client client;
-            bool bDone = false;
-            const auto act = [&] {
-                if (std::exchange(bDone, true))
-                    return;
-                client.socket->close();
-                if (deed == 1)
-                    client.socket.reset();
-                else if (deed == 2)
-                    client.connectTo(server.listener.serverPort());
-            };
-            client.onConnected = [&] {
-                if (handler == 0)
-                    act();
-                else
-                    client.send("hello");
-            };
-            client.onData = [&] {
-                if (handler == 1)
-                    act();
-                else if (handler == 2 && !bDone)
-                    server.last().socket->close();
-            };
-            client.onEnd = act;
-            client.connectTo(server.listener.serverPort());
-            ASSERT_TRUE(waitFor([&] { return bDone; })) << handler << deed;
-            if (deed == 2) {
-                EXPECT_TRUE(waitFor([&] { return client.connections == 2; })) << handler;
-            }
-            settle(5);
-        }
-    }
-}
-
-TEST(SslSocket, BytesThatArriveInsideAHandlerFollowIt)
-{
-    Server server;
-    Client client;
-    client.meet(server);
-    int depth = 0;
-    int deepest = 0;
-    client.onData = [&] {
-        deepest = std::max(deepest, ++depth);
-        if (client.got.size() < 100) {
-            server.last().send(text(3000000));
-            server.last().socket->close();
-            settle(200);
-            EXPECT_TRUE(client.ends.empty()) << "the end comes behind the bytes";
-        }
-        --depth;
-    };
-    server.last().send("begin");
-    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-    EXPECT_EQ(deepest, 1);
-    EXPECT_EQ(client.got, "begin" + text(3000000));
-    EXPECT_EQ(client.ends, std::vector<unsigned long>{0});
-}
-
 TEST(SslSocket, StallsItsPeerAndLosesNothing)
 {
     Server server;

@@ -16,12 +16,6 @@
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 using Ssl = NuvikaSslSocket;
 
-inline Certificates& certificates()
-{
-    static Certificates s_certificates;
-    return s_certificates;
-}
-
 // A TLS socket that writes down what it says.
 struct Talker {
     std::unique_ptr<Ssl> socket = std::make_unique<Ssl>();
@@ -29,7 +23,7 @@ struct Talker {
     int connections = 0;
     std::vector<unsigned long> ends;
     std::vector<int> errors;
-    std::function<void()> onConnected, onData, onEnd;
+    std::function<void()> onConnected, onData;
 
     Talker()
     {
@@ -41,14 +35,9 @@ struct Talker {
             got.append(data, size);
             call(onData);
         });
-        QObject::connect(socket.get(), &Ssl::disconnected, [this](unsigned long how) {
-            ends.push_back(how);
-            call(onEnd);
-        });
-        QObject::connect(socket.get(), &Ssl::error, [this](int code) {
-            errors.push_back(code);
-            call(onEnd);
-        });
+        QObject::connect(
+            socket.get(), &Ssl::disconnected, [this](unsigned long how) { ends.push_back(how); });
+        QObject::connect(socket.get(), &Ssl::error, [this](int code) { errors.push_back(code); });
     }
     void send(const QByteArray& bytes) { EXPECT_TRUE(socket->sendData(bytes.constData(), bytes.size())); }
     bool isOver() const { return !ends.empty() || !errors.empty(); }
@@ -91,7 +80,6 @@ struct Server {
         });
         EXPECT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
     }
-    Talker& first() { return *talkers.at(0); }
     Talker& last() { return *talkers.back(); }
 };
 

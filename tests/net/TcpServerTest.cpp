@@ -10,11 +10,9 @@
 #include <QtCore/QEvent>
 
 #include <cstring>
-#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <sys/resource.h>
@@ -26,13 +24,7 @@ const QHostAddress kLocal(QHostAddress::LocalHost);
 struct Server : NuvikaTcpServer {
     std::vector<RawSocket> accepted;
     int events = 0;
-    std::function<void()> onFirst;
-    void incomingConnection(int descriptor) override
-    {
-        accepted.emplace_back(descriptor);
-        if (onFirst)
-            std::exchange(onFirst, nullptr)();
-    }
+    void incomingConnection(int descriptor) override { accepted.emplace_back(descriptor); }
     void customEvent(QEvent* event) override
     {
         ++events;
@@ -142,22 +134,6 @@ TEST(TcpServer, ListeningAgainInAHandlerHandsOutNothingOfTheClosedListening)
         settle(2);
         ASSERT_EQ(handed.size(), 1U);
     }
-}
-
-TEST(TcpServer, ANestedLoopHandsOutTheRestInOrder)
-{
-    Server server;
-    ASSERT_TRUE(server.listen(kLocal, 0));
-    std::vector<RawSocket> clients;
-    for (int i = 0; i < 6; ++i)
-        clients.push_back(RawSocket::connectTo(server.serverPort()));
-    server.onFirst = [&] {
-        clients.push_back(RawSocket::connectTo(server.serverPort()));
-        waitFor([&] { return server.accepted.size() == clients.size(); }, 2000);
-    };
-    ASSERT_TRUE(waitFor([&] { return server.accepted.size() == clients.size(); }));
-    for (std::size_t i = 0; i < clients.size(); ++i)
-        EXPECT_EQ(peerPort(server.accepted[i]), localPort(clients[i])) << "accept order, " << i;
 }
 
 TEST(TcpServer, AnOwnerThatLagsLeavesTheRestToTheSystem)

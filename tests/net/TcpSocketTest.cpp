@@ -340,26 +340,6 @@ TEST(TcpSocket, TriesIPv4FirstAndThenTheNextAddress)
     EXPECT_TRUE(log.has("NuvikaTcpSocketConnect::tryNextAddress(): unsupported protocol", QtWarningMsg));
 }
 
-TEST(TcpSocket, CloseWhileConnectingOrLookingUpEndsQuietly)
-{
-    Tcp c;
-    const int before = openDescriptors();
-    seams::setName("slow.test", {"127.0.0.1"});
-    seams::holdLookups(true);
-    c.socket->connectToHost(QStringLiteral("slow.test"), c.listener.port());
-    c.socket->close();
-    seams::holdLookups(false);
-    for (int i = 0; i < 20; ++i) {
-        c.socket->connectToHost(QStringLiteral("127.0.0.1"), c.listener.port());
-        if (i % 2 == 0)
-            QCoreApplication::processEvents();
-        c.socket->close();
-    }
-    settle();
-    EXPECT_TRUE(c.events.isEmpty()) << qPrintable(c.events.join(QLatin1Char(',')));
-    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; })) << "a descriptor is left over";
-}
-
 TEST(TcpSocket, NoCanSendFromASessionBeforeAClose)
 {
     Tcp c;
@@ -428,32 +408,6 @@ TEST(TcpSocket, HandlersMayCloseReuseOrDeleteTheSocket)
     EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; })) << "a descriptor is left over";
 }
 
-TEST(TcpSocket, DeliversASecondReceiveInANestedLoopUnlessSingle)
-{
-    for (const bool bSingle : {false, true}) {
-        Tcp c(NuvikaTcpSocket::eMedium, 0, bSingle);
-        c.open();
-        QByteArray nested;
-        bool bInside = false;
-        c.onData = [&](const char* data, int size) {
-            if (bInside) {
-                nested.append(data, size);
-                return;
-            }
-            bInside = true;
-            const QByteArray mine(data, size);
-            c.socket->resumeRecv(); // must not post the buffer that is being delivered
-            c.peer.write("nested");
-            waitFor([&] { return nested == "nested"; }, bSingle ? 100 : 5000);
-            EXPECT_EQ(QByteArray(data, size), mine) << "the first buffer is untouched";
-            bInside = false;
-        };
-        c.peer.write("first");
-        ASSERT_TRUE(waitFor([&] { return c.received.endsWith("nested"); }));
-        EXPECT_EQ(nested, bSingle ? QByteArray() : QByteArray("nested"));
-    }
-}
-
 TEST(TcpSocket, StallsAndResumesReceiving)
 {
     Tcp c;
@@ -496,25 +450,6 @@ TEST(TcpSocket, AQueuedConnectionToDataReceivedFails)
         SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)), &receiver,
         SIGNAL(dataReceived(const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed)), Qt::QueuedConnection));
     EXPECT_TRUE(log.has("Cannot queue arguments of type"));
-}
-
-TEST(QueuedSocket, KeepsOrderBeyondWhatTheSocketTakes)
-{
-    Queued c;
-    EXPECT_FALSE(c.socket->sendData("x", 1)) << "nothing is kept when not connected";
-    c.open();
-    const QByteArray data = pattern(24 << 20);
-    int sent = 0;
-    for (int size = 1; sent < data.size(); size = size * 3 + 1) { // pieces of all sizes, also above 1 MiB
-        const int n = std::min(size, data.size() - sent);
-        ASSERT_TRUE(c.socket->sendData(data.constData() + sent, n));
-        sent += n;
-    }
-    EXPECT_FALSE(c.socket->isDynamicDataQueueEmpty());
-    c.socket->sendEndOfData();
-    ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }, 30000));
-    EXPECT_TRUE(c.peer.received() == data);
-    EXPECT_TRUE(c.socket->isDynamicDataQueueEmpty());
 }
 
 TEST(QueuedSocket, HalfCloseWaitsForADrainThatMayNeverCome)

@@ -18,12 +18,6 @@ using namespace Nuvika;
 
 namespace
 {
-Certificates& certificates()
-{
-    static Certificates s_certificates;
-    return s_certificates;
-}
-
 std::shared_ptr<TlsContext> contextOf(bool bServer, int protocol)
 {
     TlsConfig config;

@@ -1,6 +1,5 @@
 // The port's contract, point by point.
 #include "platform/CompletionPort_p.h"
-#include "platform/Sockets_p.h"
 #include "support/EventLoop.h"
 #include "support/OwnThread.h"
 #include "support/RawPeer.h"
@@ -45,10 +44,6 @@ public:
         m_fd = RawSocket(fds[0]);
         peer = RawSocket(fds[1]);
         channel = std::make_unique<Channel>(m_fd.fd(), *this, kind);
-    }
-    explicit End(RawSocket socket) : m_fd(std::move(socket))
-    {
-        channel = std::make_unique<Channel>(m_fd.fd(), *this);
     }
     int fd() const { return m_fd.fd(); }
 
@@ -305,43 +300,6 @@ TEST(CompletionPort, SlowHandlersLeaveTimersTheirTurn)
         for (auto& end : ends)
             end->channel->close();
     }
-}
-
-TEST(CompletionPort, DeliversWhatStandsBehindAnUrgentByteAtOnce)
-{
-    RawListener listener;
-    RawSocket peer = RawSocket::connectTo(listener.port());
-    End end(listener.accept());
-    Sockets::setUrgentInline(end.fd());
-    QByteArray received;
-    end.onDone = [&](const Done& d) {
-        const bool bFirst = d.transfer == &end.receives[0];
-        received.append(d.transfer->rest(), d.bytes);
-        if (d.error == 0)
-            end.receive(bFirst ? 0 : 1);
-    };
-    peer.write("before");
-    ::send(peer.fd(), "!", 1, MSG_OOB);
-    peer.write("behind");
-    end.receive(0);
-    end.receive(1);
-    EXPECT_TRUE(waitFor([&] { return received == "before!behind"; }, 3000)) << received.constData();
-    end.channel->close();
-    settle(5);
-}
-
-TEST(CompletionPort, SeesThePeersEndBehindItsLastBytes)
-{
-    End end;
-    end.receive(0);
-    end.receive(1);
-    end.peer.write("last");
-    end.peer.close();
-    ASSERT_TRUE(waitFor([&] { return end.done.size() == 2; }));
-    EXPECT_EQ(end.done[0].bytes, 4);
-    EXPECT_EQ(end.done[1].bytes, 0);
-    EXPECT_EQ(end.done[1].error, 0);
-    end.channel->close();
 }
 
 TEST(CompletionPort, EndOfTheThreadsLoopCompletesClosedChannels)

@@ -59,7 +59,20 @@ std::shared_ptr<StreamSocket> streamOf(int fd, const char* call)
 
 bool mayWait(const File& file, int flags) { return !file.bNonBlocking && (flags & MSG_DONTWAIT) == 0; }
 
-long sendStream(int fd, const char* call, const iovec* ranges, std::size_t count, int flags)
+// Where nothing can be done yet, and the call may wait, it waits for those events.
+template <class Kind, class Operation>
+long retried(Kind& file, const char* call, int flags, unsigned int events, Operation operation)
+{
+    long result = operation();
+    while (result == -EAGAIN && mayWait(file, flags)) {
+        Scheduler::get().wait(call, [&] { return (file.poll() & events) != 0; });
+        result = operation();
+    }
+    return result;
+}
+
+template <class Operation>
+long transferred(int fd, const char* call, int flags, unsigned int events, Operation operation)
 {
     Kernel& kernel = entered(call);
     const auto stream = streamOf(fd, call);
@@ -67,39 +80,26 @@ long sendStream(int fd, const char* call, const iovec* ranges, std::size_t count
     if (result == 0)
         result = kernel.outOfMemory();
     if (result == 0)
-        result = stream->send(ranges, count, flags);
-    while (result == -EAGAIN && mayWait(*stream, flags)) {
-        Scheduler::get().wait(call, [&] { return stream->poll() != 0; });
-        result = stream->send(ranges, count, flags);
-    }
+        result = retried(*stream, call, flags, events, [&] { return operation(*stream); });
     return told(result, call, fd);
+}
+
+long sendStream(int fd, const char* call, const iovec* ranges, std::size_t count, int flags)
+{
+    return transferred(
+        fd, call, flags, ~0U, [=](StreamSocket& stream) { return stream.send(ranges, count, flags); });
 }
 
 long receiveStream(int fd, const char* call, const iovec* ranges, std::size_t count, int flags)
 {
-    Kernel& kernel = entered(call);
-    const auto stream = streamOf(fd, call);
-    long result = kernel.interrupted();
-    if (result == 0)
-        result = kernel.outOfMemory();
-    if (result == 0)
-        result = stream->receive(ranges, count, flags);
-    while (result == -EAGAIN && mayWait(*stream, flags)) {
-        Scheduler::get().wait(call, [&] { return (stream->poll() & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0; });
-        result = stream->receive(ranges, count, flags);
-    }
-    return told(result, call, fd);
+    return transferred(fd, call, flags, EPOLLIN | EPOLLERR | EPOLLHUP,
+        [=](StreamSocket& stream) { return stream.receive(ranges, count, flags); });
 }
 
 long sendDatagram(int fd, const msghdr& message, int flags)
 {
     const auto socket = Kernel::get().fileOf<DatagramSocket>(fd, "sendto");
-    long result = socket->send(message, flags);
-    while (result == -EAGAIN && mayWait(*socket, flags)) {
-        Scheduler::get().wait("sendto", [&] { return (socket->poll() & EPOLLOUT) != 0; });
-        result = socket->send(message, flags);
-    }
-    return result;
+    return retried(*socket, "sendto", flags, EPOLLOUT, [&] { return socket->send(message, flags); });
 }
 } // namespace
 
@@ -247,14 +247,10 @@ int __wrap_accept4(int fd, sockaddr*, socklen_t*, int flags)
 {
     Kernel& kernel = entered("accept4");
     const auto listener = streamOf(fd, "accept4");
-    int result = kernel.interrupted();
+    long result = kernel.interrupted();
     if (result == 0)
-        result = listener->accept(flags);
-    while (result == -EAGAIN && mayWait(*listener, 0)) {
-        Scheduler::get().wait("accept4", [&] { return listener->poll() != 0; });
-        result = listener->accept(flags);
-    }
-    return told(result, "accept4", fd);
+        result = retried(*listener, "accept4", 0, ~0U, [&] { return listener->accept(flags); });
+    return told(static_cast<int>(result), "accept4", fd);
 }
 
 int __wrap_shutdown(int fd, int)

@@ -34,3 +34,10 @@ private:
     QString m_localhost;
     int m_nSerial = 1;
 };
+
+// Those of a whole program.
+inline Certificates& certificates()
+{
+    static Certificates s_certificates;
+    return s_certificates;
+}
