@@ -44,7 +44,7 @@ SCENARIO(cameras)
     world.run(random.size(200000));
     world.weather() = sim::Weather();
     for (const auto& camera : cameras)
-        camera->trouble = 0;
+        camera->calmDown();
     const std::uint64_t begin = world.nowMs();
     const auto goesOn = [&](const auto& watcher) { return watcher->lastMs() > begin; };
     world.runUntil([&] { return std::all_of(watchers.begin(), watchers.end(), goesOn); }, kPatienceMs);

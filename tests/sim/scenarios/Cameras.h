@@ -56,6 +56,11 @@ public:
     int most() const { return m_nMost; }
     // Of each picture sent, how often something goes wrong.
     double trouble = 0;
+    void calmDown()
+    {
+        trouble = 0;
+        m_nAway = 0;
+    }
     int nSentPictures;
 
 private:
@@ -69,6 +74,7 @@ private:
     int m_nMost;
     sim::Random m_random;
     sim::Time m_nAway = 0; // until then nobody gets an answer
+    const sim::Peer* m_pViewer = nullptr; // who asked last: there is one
     std::shared_ptr<bool> m_pAlive = std::make_shared<bool>(true);
 };
 
@@ -88,13 +94,14 @@ inline void Camera::serve(sim::Peer& peer)
             "a camera is asked for %s", asked->constData());
         asked->clear();
         peer.write("HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=--cam\r\n\r\n");
+        m_pViewer = &peer;
         send(peer);
     };
 }
 
 inline void Camera::send(sim::Peer& peer)
 {
-    if (peer.isOver())
+    if (peer.isOver() || m_pViewer != &peer)
         return;
     const bool bTrouble = m_random.chance(trouble);
     const auto kind = bTrouble ? m_random.below(6) : 6;

@@ -22,7 +22,6 @@ constexpr const char* kRelay = "10.0.0.9"; // the ports of the sites, by way of 
 constexpr const char* kLiar = "10.0.0.8";
 constexpr quint16 kLiarPort = 443;
 constexpr int kHandshakeTimeout = 5;
-constexpr int kRefused = 10013;
 constexpr qint64 kMostSent = 2 << 20; // bytes of a run
 constexpr quint64 kHandshakeMs = 10000;
 constexpr quint64 kSlackMs = 2500; // half a second until the timer looks, and what others do meanwhile
