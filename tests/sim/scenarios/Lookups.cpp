@@ -381,7 +381,7 @@ void expectAnswers(Office& office)
                 office.callers.begin(), office.callers.end(), [](const auto& c) { return c->waits(); });
     };
     office.world.runUntil(
-        [&] { return !waits(); }, 900000); // who calls somebody whom nobody hears of waits long
+        [&] { return !waits(); }, 3600000); // who calls somebody whom nobody hears of waits long
     for (const auto& asker : office.askers)
         office.world.expect(
             !asker->waits(), "%s is not answered", asker->waits() ? asker->text().c_str() : "");

@@ -361,7 +361,7 @@ void waitFor(Talk& talk, const char* text, Condition condition)
         return std::any_of(
             talk.ends.begin(), talk.ends.end(), [&](const auto& end) { return condition(*end); });
     };
-    talk.world.runUntil([&] { return !any(); }, 300000);
+    talk.world.runUntil([&] { return !any(); }, 900000);
     for (const auto& end : talk.ends)
         talk.world.expect(!condition(*end), "%s: %s", text, end->text().c_str());
 }
