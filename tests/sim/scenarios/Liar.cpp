@@ -371,8 +371,10 @@ void Trial<Client>::flood(sim::Peer& peer, const QByteArray& bytes, int times)
         return;
     if (peer.unsent() == 0)
         peer.write(bytes);
-    m_world.after(
-        10, [this, &peer, bytes, times] { flood(peer, bytes, times + (peer.unsent() == 0 ? 1 : 0)); });
+    m_world.after(10, [this, &peer, bytes, times, alive = std::weak_ptr<bool>(m_pAlive)] {
+        if (!alive.expired())
+            flood(peer, bytes, times + (peer.unsent() == 0 ? 1 : 0));
+    });
 }
 
 // Answers that nobody has asked for, on connections that are idle: they must not meet the next request.
