@@ -31,7 +31,7 @@ struct RtpAccessUnit {
 };
 
 /// What a depacketizer knows of its track: from the description at first, then from what the stream says.
-/// Whatever is not known is empty or 0.
+/// Whatever is not known is empty, not valid (a size) or 0.
 struct RtpMediaParameters {
     QByteArray
         codec; ///< as in RFC 6381: avc1.640028, hvc1.1.6.L93.B0, mp4a.40.2; else the sample entry's name
