@@ -1,45 +1,38 @@
 #include "media/FormatParameters_p.h"
 
 #include <algorithm>
-#include <cctype>
 
-using Nuvika::FormatParameters;
+using namespace Nuvika;
 
-namespace
+QStringView Nuvika::takeToken(QStringView& rest, QChar separator)
 {
-// "96 mode=x" without its payload type.
-QByteArray withoutType(const QByteArray& piece)
-{
-    int digits = 0;
-    while (digits < piece.size() && std::isdigit(static_cast<unsigned char>(piece[digits])) != 0)
-        ++digits;
-    const bool bType
-        = digits > 0 && (digits == piece.size() || piece[digits] == ' ' || piece[digits] == '\t');
-    return bType ? piece.mid(digits).trimmed() : piece;
+    qsizetype at = 0;
+    while (at < rest.size() && rest.at(at) != separator)
+        ++at;
+    const QStringView token = rest.left(at);
+    rest = rest.mid(std::min(at + 1, rest.size()));
+    return token.trimmed();
 }
-} // namespace
 
-FormatParameters::FormatParameters(const QString& fmtp)
+bool Nuvika::readFormatParameters(QStringView fmtp, QVector<SdpParameter>* parameters)
 {
-    const QByteArray text = fmtp.toLatin1();
-    for (int from = 0; from < text.size();) {
-        int to = text.indexOf(';', from);
-        to = to < 0 ? text.size() : to;
-        QByteArray piece = text.mid(from, to - from).trimmed();
-        if (from == 0)
-            piece = withoutType(piece);
-        const int equals = piece.indexOf('=');
-        if (equals > 0)
-            m_values.emplace_back(piece.left(equals).trimmed().toLower(), piece.mid(equals + 1).trimmed());
-        from = to + 1;
+    while (!fmtp.isEmpty()) {
+        QStringView text = takeToken(fmtp, QLatin1Char(';'));
+        const QStringView key = takeToken(text, QLatin1Char('='));
+        if (key.isEmpty())
+            continue;
+        if (parameters->size() >= SdpDescription::kMaxParameters)
+            return false;
+        parameters->append({key.toString().toLower(), text.trimmed().toString()});
     }
+    return true;
 }
 
 QByteArray FormatParameters::value(const char* key) const
 {
-    const auto found = std::find_if(
-        m_values.begin(), m_values.end(), [key](const auto& pair) { return pair.first == key; });
-    return found == m_values.end() ? QByteArray() : found->second;
+    const auto found = std::find_if(m_parameters.begin(), m_parameters.end(),
+        [key](const SdpParameter& each) { return each.key == QLatin1String(key); });
+    return found == m_parameters.end() ? QByteArray() : found->value.toLatin1();
 }
 
 quint32 FormatParameters::number(const char* key, quint32 fallback) const

@@ -46,7 +46,7 @@ bool hasFormatInRecord(quint32 profile)
     return profile == 100 || profile == 110 || profile == 122 || profile == 144;
 }
 
-QByteArray record(const ParameterSets& sets, const VideoSequence& sequence)
+QByteArray avcRecord(const ParameterSets& sets, const VideoSequence& sequence)
 {
     QByteArray bytes;
     for (const quint32 byte : {1U, sequence.profile, sequence.compatibility, sequence.level, 0xFFU})
@@ -71,7 +71,7 @@ public:
         if (type >= eSlice && type <= eIdr)
             readSlice(&info, type, head, size);
         else if (type == eSps || type == ePps)
-            setParameterSet(&info, type == eSps ? ParameterSetKind::Sequence : ParameterSetKind::Picture);
+            info.beParameterSet(type == eSps ? ParameterSetKind::Sequence : ParameterSetKind::Picture);
         else if (type == eDelimiter)
             info.kind = NalKind::Delimiter;
         else if (type == eSei || type == eSpsExtension || (type >= eFirstPrefix && type <= eLastPrefix))
@@ -97,29 +97,19 @@ public:
         return set;
     }
 
-    RtpMediaParameters describe(const ParameterSets& sets, const ParameterSet* sequence) const override
-    {
-        RtpMediaParameters parameters;
-        if (sequence == nullptr)
-            return parameters;
-        const VideoSequence read = readH264Sequence(sequence->bytes);
-        const quint32 profile = read.profile << 16 | read.compatibility << 8 | read.level;
-        parameters.codec = "avc1." + QByteArray::number(profile, 16).rightJustified(6, '0');
-        parameters.configuration = record(sets, read);
-        parameters.codedSize = read.codedSize;
-        parameters.shownSize = read.shownSize;
-        parameters.pixelAspect = read.pixelAspect;
-        return parameters;
-    }
-
     quint32 highestSubLayer(const ParameterSet*) const override { return 0; }
     std::size_t headSize() const override { return 1; }
 
 private:
-    static void setParameterSet(NalInfo* info, ParameterSetKind kind)
+    VideoSequence readSequence(const QByteArray& unit) const override { return readH264Sequence(unit); }
+    QByteArray codecText(const VideoSequence& sequence) const override
     {
-        info->kind = NalKind::ParameterSet;
-        info->set = kind;
+        const quint32 profile = sequence.profile << 16 | sequence.compatibility << 8 | sequence.level;
+        return "avc1." + QByteArray::number(profile, 16).rightJustified(6, '0');
+    }
+    QByteArray record(const ParameterSets& sets, const VideoSequence& sequence) const override
+    {
+        return avcRecord(sets, sequence);
     }
 
     static void readSlice(NalInfo* info, int type, const unsigned char* head, std::size_t size)

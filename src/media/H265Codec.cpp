@@ -53,7 +53,7 @@ void addSets(QByteArray* record, const ParameterSets& sets, ParameterSetKind kin
     }
 }
 
-QByteArray record(const ParameterSets& sets, const VideoSequence& sequence)
+QByteArray hvcRecord(const ParameterSets& sets, const VideoSequence& sequence)
 {
     QByteArray bytes(1, 1);
     bytes.append(
@@ -70,7 +70,7 @@ QByteArray record(const ParameterSets& sets, const VideoSequence& sequence)
 }
 
 // ISO/IEC 14496-15, E.3.
-QByteArray codecText(const VideoSequence& sequence)
+QByteArray hvcText(const VideoSequence& sequence)
 {
     const auto& general = sequence.general;
     QByteArray text = "hvc1.";
@@ -101,7 +101,7 @@ public:
         if (type <= eLastSlice)
             readSlice(&info, type, head, size, bBase);
         else if (type >= eVps && type <= ePps && bBase)
-            setParameterSet(&info, static_cast<ParameterSetKind>(type - eVps));
+            info.beParameterSet(static_cast<ParameterSetKind>(type - eVps));
         else if (type == eDelimiter)
             info.kind = NalKind::Delimiter;
         else if (isPrefix(type) || (type >= eVps && type <= ePps))
@@ -129,20 +129,6 @@ public:
         return set;
     }
 
-    RtpMediaParameters describe(const ParameterSets& sets, const ParameterSet* sequence) const override
-    {
-        RtpMediaParameters parameters;
-        if (sequence == nullptr)
-            return parameters;
-        const VideoSequence read = readH265Sequence(sequence->bytes);
-        parameters.codec = codecText(read);
-        parameters.configuration = record(sets, read);
-        parameters.codedSize = read.codedSize;
-        parameters.shownSize = read.shownSize;
-        parameters.pixelAspect = read.pixelAspect;
-        return parameters;
-    }
-
     quint32 highestSubLayer(const ParameterSet* sequence) const override
     {
         constexpr quint32 kNotKnown = 7;
@@ -152,10 +138,11 @@ public:
     std::size_t headSize() const override { return 2; }
 
 private:
-    static void setParameterSet(NalInfo* info, ParameterSetKind kind)
+    VideoSequence readSequence(const QByteArray& unit) const override { return readH265Sequence(unit); }
+    QByteArray codecText(const VideoSequence& sequence) const override { return hvcText(sequence); }
+    QByteArray record(const ParameterSets& sets, const VideoSequence& sequence) const override
     {
-        info->kind = NalKind::ParameterSet;
-        info->set = kind;
+        return hvcRecord(sets, sequence);
     }
 
     static void readSlice(NalInfo* info, int type, const unsigned char* head, std::size_t size, bool bBase)

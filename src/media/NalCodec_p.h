@@ -2,6 +2,7 @@
 #pragma once
 
 #include "media/ParameterSets_p.h"
+#include "media/VideoSequence_p.h"
 
 #include <KepNuvikaUtil/RtpAccessUnit.h>
 
@@ -28,6 +29,12 @@ struct NalInfo {
     bool bReference = true;
     quint32 nSubLayer = 0;
     quint32 nPictureSet = 0;
+
+    void beParameterSet(ParameterSetKind which)
+    {
+        kind = NalKind::ParameterSet;
+        set = which;
+    }
 };
 
 class NalCodec
@@ -37,13 +44,18 @@ public:
     virtual NalInfo inspect(const unsigned char* head, std::size_t size) const = 0;
     virtual ParameterSet readSet(ParameterSetKind kind, const QByteArray& bytes) const = 0;
     // sequence: the one in use, or null.
-    virtual RtpMediaParameters describe(const ParameterSets& sets, const ParameterSet* sequence) const = 0;
+    RtpMediaParameters describe(const ParameterSets& sets, const ParameterSet* sequence) const;
     // The highest sub-layer of the sequence; a high number when it is not known.
     virtual quint32 highestSubLayer(const ParameterSet* sequence) const = 0;
     virtual std::size_t headSize() const = 0;
 
 protected:
     ~NalCodec() = default;
+
+private:
+    virtual VideoSequence readSequence(const QByteArray& unit) const = 0;
+    virtual QByteArray codecText(const VideoSequence& sequence) const = 0; // RFC 6381
+    virtual QByteArray record(const ParameterSets& sets, const VideoSequence& sequence) const = 0;
 };
 
 const NalCodec& h264Codec();

@@ -15,7 +15,7 @@ class RTPPacket;
 struct RtpPayloadFormat {
     QString encodingName; ///< in any case
     quint32 nClockRate = 0; ///< 0: the format's usual one
-    QString fmtp; ///< the parameters, with or without the payload type before them
+    QString fmtp; ///< the parameters: SdpFormat::fmtp
     QString media; ///< "video", "audio", ...: decides what a unit is where we do not know the name
     quint32 nChannels = 0;
     QSize pictureSize; ///< from a=framesize or the like, for JPEG that has none in its packets

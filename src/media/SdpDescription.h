@@ -35,7 +35,8 @@ struct SdpFormat {
     QString encoding; ///< in upper case; empty: nobody says
     quint32 clockRate = 0; ///< ticks a second: where only the encoding is known the usual one; 0: nobody says
     int channels = 1;
-    QVector<SdpParameter> parameters; ///< in their order
+    QString fmtp; ///< the parameters as written
+    QVector<SdpParameter> parameters; ///< the same, in their order
     int width = 0; ///< in pixels; 0: nobody says
     int height = 0;
 

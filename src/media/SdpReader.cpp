@@ -1,8 +1,12 @@
 #include "media/SdpReader_p.h"
 
+#include "media/FormatParameters_p.h"
+
 #include <algorithm>
 #include <limits>
 #include <tuple>
+
+using Nuvika::takeToken;
 
 namespace
 {
@@ -28,17 +32,6 @@ const StaticType kStaticTypes[] = {{0, QLatin1String("PCMU"), 8000, 1}, {3, QLat
     {31, QLatin1String("H261"), 90000, 1}, {32, QLatin1String("MPV"), 90000, 1},
     {33, QLatin1String("MP2T"), 90000, 1}, {34, QLatin1String("H263"), 90000, 1},
     {kNoType, QLatin1String("OPUS"), 48000, 2}, {kNoType, QLatin1String("AC3"), 48000, 2}};
-
-// Up to the separator; the rest loses it.
-QStringView takeToken(QStringView& rest, QChar separator)
-{
-    qsizetype at = 0;
-    while (at < rest.size() && rest.at(at) != separator)
-        ++at;
-    const QStringView token = rest.left(at);
-    rest = rest.mid(std::min(at + 1, rest.size()));
-    return token.trimmed();
-}
 
 // The next of the words between blanks.
 QStringView takeWord(QStringView& rest)
@@ -274,17 +267,10 @@ SdpFormat* SdpReader::addFormat(QStringView name)
 
 void SdpReader::takeParameters(QStringView value, SdpFormat* format)
 {
-    while (!value.isEmpty()) {
-        QStringView text = takeToken(value, QLatin1Char(';'));
-        const QStringView key = takeToken(text, QLatin1Char('='));
-        if (key.isEmpty())
-            continue;
-        if (format->parameters.size() >= SdpDescription::kMaxParameters) {
-            m_out->bCut = true;
-            return;
-        }
-        format->parameters.append({key.toString().toLower(), text.trimmed().toString()});
-    }
+    if (!format->fmtp.isEmpty())
+        format->fmtp += QLatin1Char(';');
+    format->fmtp += value.trimmed();
+    m_out->bCut = !readFormatParameters(value, &format->parameters) || m_out->bCut;
 }
 
 void SdpReader::complete(SdpMedia& media)

@@ -22,10 +22,7 @@ RtpPayloadFormat payloadOf(const SdpMedia& media, const SdpFormat& format)
     payload.media = media.type;
     payload.nChannels = static_cast<quint32>(std::max(format.channels, 0));
     payload.pictureSize = QSize(format.width, format.height);
-    QStringList parameters;
-    for (const SdpParameter& each : format.parameters)
-        parameters.append(each.value.isEmpty() ? each.key : each.key + QLatin1Char('=') + each.value);
-    payload.fmtp = parameters.join(QLatin1Char(';'));
+    payload.fmtp = format.fmtp;
     return payload;
 }
 
