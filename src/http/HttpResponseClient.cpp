@@ -182,8 +182,10 @@ void HttpResponseClient::Private::allSent()
 {
     if (!m_writer.isAllSent())
         return;
+    m_nSent += std::exchange(m_nFinishing, 0);
     const QPointer<HttpResponseClient> guard(&m_client);
-    for (int finished = std::exchange(m_nFinishing, 0); finished > 0; --finished) {
+    while (m_nSent > 0) { // a handler's own event loop tells those that are left
+        --m_nSent;
         emit m_client.responseFinished();
         if (!guard || m_state == eDisconnected)
             return;
@@ -196,7 +198,7 @@ void HttpResponseClient::Private::allSent()
 // The connection is over: no request can follow, and everything that was asked has its answer.
 bool HttpResponseClient::Private::mayEnd()
 {
-    return isOpen() && m_bNoMoreRequests && m_exchanges.isEmpty() && m_nFinishing == 0
+    return isOpen() && m_bNoMoreRequests && m_exchanges.isEmpty() && m_nFinishing + m_nSent == 0
         && m_writer.isAllSent();
 }
 
@@ -254,6 +256,7 @@ void HttpResponseClient::Private::lost(int code)
     }
     m_exchanges.clear();
     m_nFinishing = 0;
+    m_nSent = 0;
     m_writer.discard();
     m_input.hold();
     m_input.ended(code);
@@ -297,6 +300,7 @@ void HttpResponseClient::Private::disconnect()
     m_writer.discard();
     m_exchanges.clear();
     m_nFinishing = 0;
+    m_nSent = 0;
     m_input.reset();
     if (m_state == eDisconnected)
         return;

@@ -110,6 +110,7 @@ private:
     Nuvika::HttpExchanges m_exchanges;
     Nuvika::HttpResponseWriter m_writer{m_socket};
     int m_nFinishing = 0; // complete responses whose last bytes have not left
+    int m_nSent = 0; // those whose bytes have left, and of which the owner has not heard
 
     // The request that is being received.
     HttpRequestHeader m_requestHeader;

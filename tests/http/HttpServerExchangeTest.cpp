@@ -318,6 +318,29 @@ TEST(HttpServerExchange, MemoryOfLargeContentIsGivenBack)
     }
 }
 
+// The loop of a handler that hears of the first answer brings everything that follows, the end included.
+TEST(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
+{
+    Served s;
+    s.onEvent = [&](const QString& event) {
+        if (event.startsWith(QLatin1String("GET /last")))
+            s.respond(200, "c", "Connection", "close");
+        if (event != QLatin1String("finished") || s.events.count(event) > 1)
+            return;
+        s.client.write(get("/last"));
+        waitFor([&] { return s.client.atEnd(); });
+        s.client.close();
+        settle(10);
+    };
+    s.client.write(get("/1") + get("/2"));
+    waitFor([&] { return s.events.size() == 2; });
+    s.respond(200, "a");
+    s.respond(200, "b");
+    EXPECT_TRUE(waitFor([&] { return s.events.contains(QStringLiteral("disconnected")); }));
+    EXPECT_EQ(
+        s.events.mid(3).join(QLatin1Char(' ')).toStdString(), "GET /last  finished finished disconnected");
+}
+
 // What a handler may do, in each signal.
 TEST(HttpServerExchange, HandlersMayCloseDeleteAnswerOrRunALoopInEachSignal)
 {
