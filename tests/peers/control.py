@@ -1,16 +1,14 @@
 """The command port, passwords and the configuration file; the openssl program reads and writes the crypto by itself."""
 import base64
 import hashlib
-import http.server
 import os
-import re
 import socket
 import struct
 import subprocess
-import threading
+import time
 import unittest
 
-from peers import PICTURE, PeerTest, TOOL, demo, process, tool
+from peers import PICTURE, PeerTest, TOOL, demo, process, tool, web_server
 
 # The keys are the system's own fixed ones: whoever has the program has them.
 FRAME_KEY = hashlib.sha256(bytes.fromhex("5ce1079a33b84fd2166da480fb29c75e")).hexdigest()[:32]
@@ -20,40 +18,6 @@ PASSWORD_KEY = hashlib.sha256(bytes.fromhex("a91f74c20e58bd63f02b974ce5813ad6"))
 def openssl(direction, key, iv, data):
     return subprocess.run(["openssl", "enc", direction, "-aes-128-cbc", "-K", key, "-iv", iv.hex()], input=data,
                           stdout=subprocess.PIPE, check=True).stdout
-
-
-def read_exactly(s, size):
-    data = b""
-    while len(data) < size:
-        piece = s.recv(size - len(data))
-        if not piece:
-            raise EOFError
-        data += piece
-    return data
-
-
-def command_port(child):
-    return re.search(r":(\d+)$", child.stdout.readline().strip()).group(1)
-
-
-class Camera(http.server.BaseHTTPRequestHandler):
-    """A picture behind Basic credentials."""
-    password = ""
-
-    def do_GET(self):
-        wanted = "Basic " + base64.b64encode(b"viewer:" + self.password.encode()).decode()
-        good = self.headers.get("Authorization") == wanted
-        self.send_response(200 if good else 401)
-        if not good:
-            self.send_header("WWW-Authenticate", 'Basic realm="camera"')
-        self.send_header("Content-Type", "image/jpeg")
-        self.send_header("Content-Length", str(len(PICTURE) if good else 0))
-        self.end_headers()
-        if good:
-            self.wfile.write(PICTURE)
-
-    def log_message(self, *_):
-        pass
 
 
 class Control(PeerTest):
@@ -83,16 +47,13 @@ class Control(PeerTest):
         self.assertEqual(tool("password").returncode, 2)
 
     def test_openssl_speaks_our_encrypted_frames(self):
-        listener = socket.socket()
-        self.addCleanup(listener.close)
-        listener.bind(("127.0.0.1", 0))
-        listener.listen()
+        listener = self.enterContext(socket.create_server(("127.0.0.1", 0)))
         with process([TOOL, "send", f"127.0.0.1:{listener.getsockname()[1]}", "do:it=now"], stdout=subprocess.PIPE) as child:
             peer, _ = listener.accept()
             with peer:
-                magic, length = struct.unpack(">4sI", read_exactly(peer, 8))
+                magic, length = struct.unpack(">4sI", peer.recv(8, socket.MSG_WAITALL))
                 self.assertEqual(magic, b"GEUD")
-                token = read_exactly(peer, length)
+                token = peer.recv(length, socket.MSG_WAITALL)
                 self.assertEqual(token[:12], b"cVfX" + struct.pack(">II", 17, 16))
                 self.assertEqual(openssl("-d", FRAME_KEY, token[12:28], token[32:]), b"do:it=now")
                 iv = os.urandom(16)
@@ -105,39 +66,37 @@ class Control(PeerTest):
             self.assertEqual(child.wait(10), 0)
 
     def test_status_and_commands_of_a_recorder(self):
-        with demo("--cameras", "2") as (child, _):
-            port = command_port(child)
-            threading.Event().wait(3)
-            status = tool("status", f"127.0.0.1:{port}")
+        with demo("--cameras", "2") as (_, _, commands):
+            time.sleep(3)
+            status = tool("status", commands)
             self.assertEqual(status.returncode, 0, status.stderr)
             lines = status.stdout.decode().splitlines()
             self.assertEqual([line.split()[0] for line in lines[1:]], ["cam_camera1_0001", "cam_camera2_0002"])
             self.assertRegex(lines[1], r"camera 1 +\d+\.\d +0\.\d\d +0\.\d\d +0\.00 +receiving +\d\d:\d\d:\d\d-\d\d:\d\d:\d\d")
-            with process([TOOL, "status", f"127.0.0.1:{port}", "--watch"], stdout=subprocess.PIPE, text=True) as watching, watching.stdout:
+            with process([TOOL, "status", commands, "--watch"], stdout=subprocess.PIPE, text=True) as watching, watching.stdout:
                 for _ in range(3):
                     while "cam_camera2_0002" not in (line := watching.stdout.readline()):
                         self.assertTrue(line, "ended by itself")
-            picture = tool("send", f"127.0.0.1:{port}", "snapshot:camera=cam_camera2_0002").stdout
+            picture = tool("send", commands, "snapshot:camera=cam_camera2_0002").stdout
             self.assertTrue(picture.startswith(b"\xff\xd8") and picture.endswith(b"\xff\xd9"))
-            wrong = tool("send", f"127.0.0.1:{port}", "snapshot:camera=cam_x")
-            self.assertEqual((wrong.returncode, wrong.stderr.decode()), (1, 'nuvika: no camera "cam_x"; status lists them\n'))
-            wrong = tool("send", f"127.0.0.1:{port}", "dance")
-            self.assertEqual((wrong.returncode, wrong.stderr.decode()), (1, 'nuvika: no command "dance"; help lists them\n'))
-            with socket.create_connection(("127.0.0.1", int(port))) as stranger:
+            for command, says in (("snapshot:camera=cam_x", 'no camera "cam_x"; status lists them'),
+                                  ("dance", 'no command "dance"; help lists them')):
+                wrong = tool("send", commands, command)
+                self.assertEqual((wrong.returncode, wrong.stderr.decode()), (1, f"nuvika: {says}\n"))
+            with socket.create_connection(commands.split(":")) as stranger:
                 stranger.sendall(b"GET / HTTP/1.1\r\n\r\n" + b"GEUD" + struct.pack(">I", 4) + b"xxxx")
-            self.assertEqual(tool("send", f"127.0.0.1:{port}", "help").returncode, 0, "a stranger does no harm")
-        self.assertEqual(tool("status", f"127.0.0.1:{port}").returncode, 7)
+            self.assertEqual(tool("send", commands, "help").returncode, 0, "a stranger does no harm")
+        self.assertEqual(tool("status", commands).returncode, 7)
         self.assertEqual(tool("status", "nonsense").returncode, 2)
 
     def test_watch_takes_its_cameras_from_a_file(self):
-        Camera.password = "semi;colon=\"quoted\""
-        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Camera) as server:
-            threading.Thread(target=server.serve_forever, daemon=True).start()
-            line = f"name=Gate 7;url=http://127.0.0.1:{server.server_address[1]}/picture;user=viewer;password="
-            good = self.write("good.conf", f"# the gate\n\n{line}{self.encoded(Camera.password)}\n")
+        password = "semi;colon=\"quoted\""
+        user = "Basic " + base64.b64encode(b"viewer:" + password.encode()).decode()
+        with web_server(200, [("Content-Type", "image/jpeg"), ("WWW-Authenticate", 'Basic realm="camera"')], PICTURE, user) as camera:
+            line = f"name=Gate 7;url=http://{camera}/picture;user=viewer;password="
+            good = self.write("good.conf", f"# the gate\n\n{line}{self.encoded(password)}\n")
             result = tool("watch", "--config", good, "--port", "0", "--seconds", "3")
             self.assertEqual(result.returncode, 0, result.stdout)
-            server.shutdown()
         marked = self.encoded("x")
         for text, reason in (
                 (f"{line}plain", "line 1: the password is no marked hex string: make one with nuvika password encode"),

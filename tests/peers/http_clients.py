@@ -12,12 +12,7 @@ from peers import PeerTest, demo
 class HttpClients(PeerTest):
     @classmethod
     def setUpClass(cls):
-        cls.running = demo("--cameras", "2")
-        cls.child, cls.port = cls.running.__enter__()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.running.__exit__(None, None, None)
+        cls.child, cls.port, _ = cls.enterClassContext(demo("--cameras", "2"))
 
     def run_client(self, *arguments):
         return subprocess.run(arguments, capture_output=True, text=True, timeout=60)

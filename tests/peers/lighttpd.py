@@ -3,7 +3,7 @@ import hashlib
 import unittest
 import urllib.parse
 
-from peers import PICTURE, PeerTest, free_port, process, tool, wait_for_port
+from peers import PICTURE, PeerTest, free_port, tool
 from web_server_cases import WebServerCases
 
 CONFIG = """
@@ -40,10 +40,7 @@ class Lighttpd(PeerTest):
         self.write("users", users.encode())
         rules = ",\n".join(RULE.format(path=path, algorithm=offered) for path, (offered, _) in PATHS.items())
         config = self.write("lighttpd.conf", CONFIG.format(folder=self.folder, port=self.port, rules=rules))
-        server = process(["lighttpd", "-D", "-f", config])
-        server.__enter__()
-        self.addCleanup(server.__exit__, None, None, None)
-        wait_for_port(self.port)
+        self.serve(self.port, "lighttpd", "-D", "-f", config)
 
     def test_digest(self):
         for path in PATHS:

@@ -1,13 +1,12 @@
 """nginx: Basic, chunked answers, limits of kept connections."""
 import base64
 import hashlib
-import os
 import unittest
 
-from peers import NGINX_HEAD, PeerTest, free_port, process, wait_for_port
+from peers import PeerTest, free_port
 from web_server_cases import WebServerCases
 
-CONFIG = NGINX_HEAD + """
+CONFIG = """
   types {{ image/jpeg jpg; text/html html shtml; }}
   keepalive_requests 3;
   keepalive_timeout 2;
@@ -31,11 +30,7 @@ class Nginx(WebServerCases, PeerTest):
         self.make_site()
         password = base64.b64encode(hashlib.sha1(b"se:cret").digest()).decode()
         self.write("users", "us@er:{SHA}" + password + "\n")
-        config = self.write("nginx.conf", CONFIG.format(folder=self.folder, port=self.port))
-        server = process(["nginx", "-p", self.folder, "-c", config, "-e", os.path.join(self.folder, "error.log")])
-        server.__enter__()
-        self.addCleanup(server.__exit__, None, None, None)
-        wait_for_port(self.port)
+        self.nginx(self.port, CONFIG)
 
 
 if __name__ == "__main__":

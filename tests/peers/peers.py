@@ -1,11 +1,13 @@
 """What the peer tests share: processes that end with the test, free ports, and the tool."""
 import contextlib
+import http.server
 import os
 import re
 import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -16,6 +18,16 @@ def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
+
+
+def free_ports():
+    """A first port, even, with three free ones behind it, of datagrams."""
+    while True:
+        first = free_port() & ~1
+        with contextlib.ExitStack() as stack, contextlib.suppress(OSError):
+            for port in range(first, first + 4):
+                stack.enter_context(socket.socket(type=socket.SOCK_DGRAM)).bind(("", port))
+            return first
 
 
 def wait_for_port(port, seconds=20):
@@ -46,34 +58,75 @@ def process(arguments, **options):
 
 @contextlib.contextmanager
 def demo(*arguments):
-    """The demo, ready to serve its page; yields the process and the page's port."""
-    with process([TOOL, "demo", "--port", "0", "--seconds", "150", *arguments], stdout=subprocess.PIPE, text=True) as child:
-        line = child.stdout.readline()
-        port = int(re.search(r":(\d+)/", line).group(1))
+    """The demo, ready to serve its page; yields the process, the page's port and the commands' address."""
+    with process([TOOL, "demo", "--port", "0", "--seconds", "150", *arguments], stdout=subprocess.PIPE, text=True) as child, child.stdout:
+        port = int(re.search(r":(\d+)/", child.stdout.readline()).group(1))
+        commands = child.stdout.readline().rsplit(":", 1)[1].strip()
         wait_for_port(port)
-        yield child, port
+        yield child, port, "127.0.0.1:" + commands
+
+
+@contextlib.contextmanager
+def web_server(status, fields=(), content=None, user=None):
+    """Answers each GET with these; with 401 and these fields to who sends no such Authorization. Yields host and port."""
+    class Handler(http.server.BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
+
+        def do_GET(self):
+            body = content(self.path) if callable(content) else content or b""
+            good = user is None or self.headers.get("Authorization") == user
+            self.send_response(status if good else 401)
+            for name, value in (*fields, ("Content-Length", len(body) if good else 0)):
+                self.send_header(name, str(value))
+            self.end_headers()
+            self.wfile.write(body if good else b"")
+
+        def log_message(self, *_):
+            pass
+
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        yield f"127.0.0.1:{server.server_address[1]}"
+        server.shutdown()
 
 
 def tool(*arguments, input=None, seconds=60):
     return subprocess.run([TOOL, *arguments], input=input, capture_output=True, timeout=seconds)
 
 
-def watch(urls, seconds, *arguments):
+def watch(url, seconds, *arguments):
     """Watches for a while; the summary's number of pictures and interruptions, and the exit code."""
-    result = tool("watch", *urls, "--port", "0", "--seconds", str(seconds), *arguments, seconds=seconds + 30)
+    result = tool("watch", url, "--port", "0", "--seconds", str(seconds), *arguments, seconds=seconds + 30)
     found = re.search(rb"(\d+) pictures, .* (\d+) interruptions", result.stdout)
     return int(found.group(1)), int(found.group(2)), result.returncode, result.stdout.decode()
 
 
 class PeerTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="nuvika-peer-")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="nuvika-peer-"))
         os.chmod(self.folder, 0o755)
 
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def serve(self, port, *command):
+        """A server that runs until the test's end."""
+        self.enterContext(process(command))
+        wait_for_port(port)
+
+    def nginx(self, port, config):
+        config = self.write("nginx.conf", (NGINX_HEAD + config).format(folder=self.folder, port=port))
+        self.serve(port, "nginx", "-p", self.folder, "-c", config, "-e", self.path("error.log"))
+
+    def check_watch(self, least, seconds, url, *arguments):
+        """Watches one camera: so many pictures at least, no interruption; returns how many."""
+        pictures, interruptions, code, text = watch(url, seconds, *arguments)
+        self.assertGreaterEqual(pictures, least, text)
+        self.assertEqual((interruptions, code), (0, 0), text)
+        return pictures
+
     def write(self, name, content):
-        path = os.path.join(self.folder, name)
+        path = self.path(name)
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb" if isinstance(content, bytes) else "w") as file:
             file.write(content)
