@@ -35,13 +35,17 @@ public:
         QByteArray bytes
             = QByteArray::fromHex(bMarked ? "80e0000000000000" : "8060000000000000") + "\1\1\1\1" + payload;
         qToBigEndian<quint32>(timestamp, bytes.data() + 4);
+        push(bytes, lost);
+    }
+    void push(const QByteArray& bytes, quint32 lost)
+    {
         m_depacketizer->push(RTPPacket(reinterpret_cast<const unsigned char*>(bytes.constData()),
                                  static_cast<unsigned int>(bytes.size())),
             lost);
         take();
     }
 
-    Stream& packets(const char* text)
+    Stream& packets(const QByteArray& text)
     {
         static const QRegularExpression s_form(QStringLiteral("(\\d+)(?:-(\\d+))?(!?) ([0-9a-f_]+)"));
         for (auto all = s_form.globalMatch(QString::fromLatin1(text)); all.hasNext();) {
@@ -61,7 +65,16 @@ public:
     }
 
     const RtpDepacketizer& depacketizer() const { return *m_depacketizer; }
-    std::string units() const { return QString(m_units).remove(QLatin1Char('.')).trimmed().toStdString(); }
+    // The heads of JPEG pictures are `~`.
+    std::string units() const
+    {
+        static const QRegularExpression s_head(QStringLiteral("ffd8[^ ]*?003f00"));
+        return QString(m_units)
+            .remove(QLatin1Char('.'))
+            .replace(s_head, QStringLiteral("~"))
+            .trimmed()
+            .toStdString();
+    }
     // With a `.` behind each packet's.
     std::string unitsByPacket() const { return m_units.toStdString(); }
 
@@ -73,12 +86,10 @@ private:
             QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
             bytes = bytes.toHex().replace("00000001", "|");
             m_units += QLatin1Char(' ') + QString::number(unit.nTimestamp);
-            m_units += unit.bKeyFrame ? QStringLiteral("K")
-                : unit.bRecoveryPoint ? QStringLiteral("R")
-                                      : QString();
-            m_units += unit.bReferencesLost ? QStringLiteral("L") : QString();
-            m_units += unit.bDroppable ? QStringLiteral("D") : QString();
-            m_units += unit.bParametersChanged ? QStringLiteral("P") : QString();
+            const char* key = unit.bKeyFrame ? "K" : unit.bRecoveryPoint ? "R" : "";
+            m_units += QLatin1String(key) + QLatin1String(unit.bReferencesLost ? "L" : "")
+                + QLatin1String(unit.bDroppable ? "D" : "")
+                + QLatin1String(unit.bParametersChanged ? "P" : "");
             m_units += unit.nPacketsLost > 0 ? QStringLiteral("-%1").arg(unit.nPacketsLost) : QString();
             m_units += QLatin1Char(' ') + QString::fromLatin1(bytes);
         }
@@ -87,23 +98,6 @@ private:
     std::unique_ptr<RtpDepacketizer> m_depacketizer;
     QString m_units;
 };
-
-struct Row {
-    const char* situation;
-    const char* packets;
-    const char* units;
-    quint64 lost = 0;
-};
-
-void check(const std::vector<Row>& rows, const RtpPayloadFormat& payload,
-    const RtpUnitFormat& format = RtpUnitFormat::forDecoders())
-{
-    for (const Row& row : rows) {
-        Stream stream(payload, format);
-        EXPECT_EQ(stream.packets(row.packets).flush().units(), row.units) << row.situation;
-        EXPECT_EQ(stream.depacketizer().unitsLost(), row.lost) << row.situation;
-    }
-}
 
 RtpPayloadFormat payload(const char* name, quint32 clock = 90000, const QByteArray& fmtp = {})
 {
@@ -116,77 +110,72 @@ const QByteArray kPps = "68ebe3cb22c0";
 const QByteArray kSps5
     = "420101016000000300900000030000030078a003c08010e596566924e578734040000003004000000642";
 
+const QByteArray kTables(128, '1'); // of quantization
+
 QByteArray base64(const QByteArray& hex) { return QByteArray::fromHex(hex).toBase64(); }
+
+// A line for each row: situation; packets; units; units lost, if any.
+void check(const RtpPayloadFormat& payload, QByteArray lines,
+    const RtpUnitFormat& format = RtpUnitFormat::forDecoders())
+{
+    lines.replace("SPS", kSps).replace("PPS", kPps).replace("TABLES", kTables);
+    for (const QByteArray& line : lines.trimmed().split('\n')) {
+        const QList<QByteArray> row = line.split(';');
+        Stream stream(payload, format);
+        EXPECT_EQ(stream.packets(row[1]).flush().units(), row[2].trimmed().toStdString())
+            << row[0].constData();
+        EXPECT_EQ(stream.depacketizer().unitsLost(), row.value(3).toULongLong()) << row[0].constData();
+    }
+}
+void checkForFiles(const RtpPayloadFormat& payload, const QByteArray& lines)
+{
+    check(payload, lines, RtpUnitFormat::forFiles());
+}
 } // namespace
 
 // Slices: 6588 key, first; 6542 key, not first; 419a first; 4146 not first; 019a droppable.
 TEST(RtpH264, MakesPicturesOfWhatCamerasSend)
 {
-    check(
-        {
-            {"single units, markers", "1! 658801 2! 419a02 3! 019a03", "1K |658801 2 |419a02 3D |019a03"},
-            {"no markers at all", "1 658801 1 654202 2 419a03", "1K |658801|654202 2 |419a03"},
-            {"a marker on each slice", "1! 658801 1! 654202 2! 419a03 2! 414604",
-                "1K |658801|654202 2 |419a03|414604"},
-            {"two pictures with one timestamp, markers", "1! 658801 1! 419a02 1! 419a03",
-                "1K |658801 1 |419a02 1 |419a03"},
-            {"aggregated (STAP-A), zeros behind", "1! 180003658801000365420200000000", "1K |658801|654202"},
-            {"aggregated, a size beyond the end", "1! 1800036588010009654202 2! 658801", "2K |658801", 1},
-            {"fragments (FU-A)", "1 7c8588 1 7c0501 1! 7c4502", "1K |65880102"},
-            {"start and end in one fragment", "1! 7cc58801", "1K |658801"},
-            {"empty fragments", "1 7c85 1 7c05 1 7c058801 1! 7c45 1! 7c45", "1K |658801"},
-            {"the type changes inside: the first holds", "1 7c8588 1! 7c4101", "1K |658801"},
-            {"an end is missing at a new timestamp", "1 7c8588 1 7c0501 2 419a02", "1K |658801 2 |419a02"},
-            {"an end is missing at a new unit", "1 7c8588 1 7c0501 1! 654202", "1K |658801|654202"},
-            {"a fragment without its start", "1 7c0501 1! 7c4502 2! 658803", "2K |658803", 1},
-            {"supplements with the previous picture's timestamp",
-                "1! 658801 1 06aa01 2! 419a02 2! 06aa02 3! 419a03",
-                "1K |658801 2 |06aa01|419a02 3 |06aa02|419a03"},
-            {"the same between slices", "1 658801 1! 06aa01 1 654202 2! 419a03",
-                "1K |658801|06aa01|654202 2 |419a03"},
-            {"delimiters and filler are not handed on", "1 09f0 1 658801 1! 0cffff80 2! 419a02",
-                "1K |658801 2 |419a02"},
-            {"a whole stream in a single unit", "1! 00000001_658801_000001_654202_0000", "1K |658801|654202"},
-            {"start codes behind a first unit", "1! 06aa80_00000001_658801_000001_654202",
-                "1K |06aa80|658801|654202"},
-            {"start codes in an aggregate", "1! 18000d_000000016588010000016542ff", "1K |658801|6542ff"},
-            {"start codes between fragments",
-                "1 1c80_0000 1 1c00_01658801_00 1 1c00_00 1 1c00_00 1 1c00_01 1! 1c40_6542",
-                "1K |658801|6542"},
-            {"zeros inside stay, zeros behind go", "1! 6588000000ff02000000 2! 419a0000",
-                "1K |6588000000ff02 2 |419a"},
-            {"a recovery point", "1! 658801 2 0606018480 2! 419a02 3! 41b003",
-                "1K |658801 2R |0606018480|419a02 3R |41b003"},
-            {"an intra slice in a picture of others", "1! 658801 2-1 41b002 2! 414603",
-                "1K |658801 2L-1 |41b002|414603"},
-            {"not to be read: MTAP", "1! 658801 2! 1a0001 3! 419a02", "1K |658801 3L |419a02", 1},
-        },
-        payload("h264"));
+    check(payload("h264"), R"(
+single units, markers; 1! 658801 2! 419a02 3! 019a03; 1K |658801 2 |419a02 3D |019a03
+no markers at all; 1 658801 1 654202 2 419a03; 1K |658801|654202 2 |419a03
+a marker on each slice; 1! 658801 1! 654202 2! 419a03 2! 414604; 1K |658801|654202 2 |419a03|414604
+two pictures with one timestamp, markers; 1! 658801 1! 419a02 1! 419a03; 1K |658801 1 |419a02 1 |419a03
+aggregated (STAP-A), zeros behind; 1! 180003658801000365420200000000; 1K |658801|654202
+aggregated, a size beyond the end; 1! 1800036588010009654202 2! 658801; 2K |658801; 1
+fragments (FU-A); 1 7c8588 1 7c0501 1! 7c4502; 1K |65880102
+start and end in one fragment; 1! 7cc58801; 1K |658801
+empty fragments; 1 7c85 1 7c05 1 7c058801 1! 7c45 1! 7c45; 1K |658801
+the type changes inside: the first holds; 1 7c8588 1! 7c4101; 1K |658801
+an end is missing at a new timestamp; 1 7c8588 1 7c0501 2 419a02; 1K |658801 2 |419a02
+an end is missing at a new unit; 1 7c8588 1 7c0501 1! 654202; 1K |658801|654202
+a fragment without its start; 1 7c0501 1! 7c4502 2! 658803; 2K |658803; 1
+supplements of the time before; 1! 658801 1 06aa01 2! 419a02 2! 06aa02 3! 419a03; 1K |658801 2 |06aa01|419a02 3 |06aa02|419a03
+the same between slices; 1 658801 1! 06aa01 1 654202 2! 419a03; 1K |658801|06aa01|654202 2 |419a03
+delimiters and filler are not handed on; 1 09f0 1 658801 1! 0cffff80 2! 419a02; 1K |658801 2 |419a02
+a whole stream in a single unit; 1! 00000001_658801_000001_654202_0000; 1K |658801|654202
+start codes behind a first unit; 1! 06aa80_00000001_658801_000001_654202; 1K |06aa80|658801|654202
+start codes in an aggregate; 1! 18000d_000000016588010000016542ff; 1K |658801|6542ff
+start codes between fragments; 1 1c80_0000 1 1c00_01658801_00 1 1c00_00 1 1c00_00 1 1c00_01 1! 1c40_6542; 1K |658801|6542
+zeros inside stay, zeros behind go; 1! 6588000000ff02000000 2! 419a0000; 1K |6588000000ff02 2 |419a
+a recovery point; 1! 658801 2 0606018480 2! 419a02 3! 41b003; 1K |658801 2R |0606018480|419a02 3R |41b003
+an intra slice in a picture of others; 1! 658801 2-1 41b002 2! 414603; 1K |658801 2L-1 |41b002|414603
+not to be read: MTAP; 1! 658801 2! 1a0001 3! 419a02; 1K |658801 3L |419a02; 1)");
 }
 
 TEST(RtpH264, LosesOneUnitForALostPacket)
 {
-    check(
-        {
-            {"the beginning", "1! 658801 2-1 7c0101 2! 7c4102 3! 419a03 4! 658804",
-                "1K |658801 3L-1 |419a03 4K |658804", 1},
-            {"the middle", "1! 658801 2 7c819a 2-1 7c0102 2! 7c4102 3! 419a03", "1K |658801 3L-1 |419a03", 1},
-            {"the end", "1! 658801 2 419a02 3-1 419a03 3! 414604", "1K |658801 3L-1 |419a03|414604", 1},
-            {"a slice in the middle", "1! 658801 2 419a02 2-1! 414603 3! 419a04", "1K |658801 3L-1 |419a04",
-                1},
-            {"a whole picture", "1! 658801 3-1! 419a02", "1K |658801 3L-1 |419a02"},
-            {"the end, markers on each slice", "1! 658801 1! 654202 2! 419a03 3-1! 419a04 4! 419a05",
-                "1K |658801|654202 3L-1 |419a04 4L |419a05", 1},
-            {"the beginning, no markers", "1 658801 2 419a02 3-1 414603 4 419a04",
-                "1K |658801 2 |419a02 4L-1 |419a04", 1},
-            {"many, over two pictures", "1! 658801 2 419a02 5-7 414603 6! 419a04", "1K |658801 6L-7 |419a04",
-                2},
-            {"joined in the middle of a picture", "1 654201 1! 654202 2! 419a03 3! 658804",
-                "2L |419a03 3K |658804", 1},
-            {"nobody refers to it, and so on", "1! 658801 2-1! 019a02 3! 419a03",
-                "1K |658801 2LD-1 |019a02 3L |419a03"},
-        },
-        payload("H264"));
+    check(payload("H264"), R"(
+the beginning; 1! 658801 2-1 7c0101 2! 7c4102 3! 419a03 4! 658804; 1K |658801 3L-1 |419a03 4K |658804; 1
+the middle; 1! 658801 2 7c819a 2-1 7c0102 2! 7c4102 3! 419a03; 1K |658801 3L-1 |419a03; 1
+the end; 1! 658801 2 419a02 3-1 419a03 3! 414604; 1K |658801 3L-1 |419a03|414604; 1
+a slice in the middle; 1! 658801 2 419a02 2-1! 414603 3! 419a04; 1K |658801 3L-1 |419a04; 1
+a whole picture; 1! 658801 3-1! 419a02; 1K |658801 3L-1 |419a02
+the end, markers on each slice; 1! 658801 1! 654202 2! 419a03 3-1! 419a04 4! 419a05; 1K |658801|654202 3L-1 |419a04 4L |419a05; 1
+the beginning, no markers; 1 658801 2 419a02 3-1 414603 4 419a04; 1K |658801 2 |419a02 4L-1 |419a04; 1
+many, over two pictures; 1! 658801 2 419a02 5-7 414603 6! 419a04; 1K |658801 6L-7 |419a04; 2
+joined in the middle of a picture; 1 654201 1! 654202 2! 419a03 3! 658804; 2L |419a03 3K |658804; 1
+nobody refers to it, and so on; 1! 658801 2-1! 019a02 3! 419a03; 1K |658801 2LD-1 |019a02 3L |419a03)");
 }
 
 TEST(RtpH264, GivesAPictureWithItsMarkerOnceMarkersAreTrusted)
@@ -200,63 +189,47 @@ TEST(RtpH264, GivesAPictureWithItsMarkerOnceMarkersAreTrusted)
 
 TEST(RtpH264, PutsParameterSetsWhereTheFormatSays)
 {
-    const QByteArray packets = "1! " + kSps + " 1! " + kPps + " 2! 658801 2! " + kPps
-        + " 3! 658802 3! 68eb00ff" + " 4! 419a03 5! 658804";
-    const QByteArray sets = '|' + kSps + '|' + kPps;
+    const QByteArray packets = "; 1! SPS 1! PPS 2! 658801 2! PPS 3! 658802 3! 68eb00ff 4! 419a03 5! 658804; ";
     RtpUnitFormat format;
-    const auto units = [&](RtpUnitFormat::ParameterSetPlace place) {
-        format.parameterSets = place;
-        return Stream(payload("H264"), format).packets(packets).flush().units();
-    };
-    const QByteArray changed = '|' + kSps + "|68eb00ff";
-    EXPECT_EQ(units(RtpUnitFormat::eAtKeyFrames),
-        QByteArray("2KP " + sets + "|658801 3K " + sets + "|658802 4P " + changed + "|419a03 5K " + changed
-            + "|658804")
-            .toStdString());
-    EXPECT_EQ(units(RtpUnitFormat::eOnChange),
-        QByteArray("2KP " + sets + "|658801 3K |658802 4P " + changed + "|419a03 5K |658804").toStdString());
-    EXPECT_EQ(units(RtpUnitFormat::eApart),
-        QByteArray("2KP |658801 3K |658802 4P |419a03 5K |658804").toStdString());
-    Stream file(payload("H264"), RtpUnitFormat::forFiles());
-    EXPECT_EQ(file.packets(packets).packets("5 654201aabb 6! 419a07").units(),
-        "2KP 00000003658801 3K 00000003658802 4P 00000003419a03 5K 00000003658804")
-        << "lengths in front";
+    format.parameterSets = RtpUnitFormat::eAtKeyFrames;
+    check(payload("H264"),
+        "at key frames" + packets
+            + "2KP |SPS|PPS|658801 3K |SPS|PPS|658802 4P |SPS|68eb00ff|419a03 5K |SPS|68eb00ff|658804",
+        format);
+    format.parameterSets = RtpUnitFormat::eOnChange;
+    check(payload("H264"),
+        "on change" + packets + "2KP |SPS|PPS|658801 3K |658802 4P |SPS|68eb00ff|419a03 5K |658804", format);
+    format.parameterSets = RtpUnitFormat::eApart;
+    check(payload("H264"), "apart" + packets + "2KP |658801 3K |658802 4P |419a03 5K |658804", format);
+    checkForFiles(payload("H264"),
+        "lengths in front" + packets
+            + "2KP 00000003658801 3K 00000003658802 4P 00000003419a03 5K 00000003658804");
 }
 
 TEST(RtpH264, BelievesTheStreamBeforeTheDescription)
 {
     const QByteArray good = base64(kSps) + ',' + base64(kPps);
     const QByteArray otherSps = "6742c01ed900b4126c1040000003004000000c83c58b92"; // 720x576, pixels of 16:11
-    struct Described {
+    const char* silent = "; 1! 658801; 1K |SPS|PPS|658801";
+    const char* repeated = "; 1 SPS 1 PPS 1! 658801; 1K |SPS|PPS|658801";
+    const char* changed = "; 1 SPS 1 PPS 1! 658801; 1KP |SPS|PPS|658801";
+    const struct {
         const char* situation;
         QByteArray sets;
-        const char* packets;
-        QByteArray units;
-        QSize size;
+        const char* row;
+    } rows[] = {
+        {"only in the description", good, silent},
+        {"repeated by the stream: no change", good, repeated},
+        {"a comma at the end, keys of old", good + ',', silent},
+        {"with start codes", base64("00000001" + kSps + "00000001" + kPps), silent},
+        {"one of them is no base64", "Z0IA*," + good, silent},
+        {"wrong, right in the stream", base64(otherSps) + ',' + base64(kPps), changed},
+        {"wrong under another id", base64("6742c01e44b4126c10") + ',' + base64(kPps), changed},
+        {"no word", "", "; 1! 658801; 1K |658801"},
     };
-    const QByteArray sets = '|' + kSps + '|' + kPps;
-    const QByteArray inStream = "1 " + kSps + " 1 " + kPps + " 1! 658801";
-    for (const Described& row : {
-             Described{"only in the description", good, "1! 658801", "1K " + sets + "|658801", {1920, 1080}},
-             Described{
-                 "repeated by the stream: no change", good, inStream, "1K " + sets + "|658801", {1920, 1080}},
-             Described{"a comma at the end, keys of old", good + ",", "1! 658801", "1K " + sets + "|658801",
-                 {1920, 1080}},
-             Described{"with start codes", base64("00000001" + kSps + "00000001" + kPps), "1! 658801",
-                 "1K " + sets + "|658801", {1920, 1080}},
-             Described{"one of them is no base64", "Z0IA*," + good, "1! 658801", "1K " + sets + "|658801",
-                 {1920, 1080}},
-             Described{"wrong, right in the stream", base64(otherSps) + ',' + base64(kPps), inStream,
-                 "1KP " + sets + "|658801", {1920, 1080}},
-             Described{"wrong under another id", base64("6742c01e44b4126c10") + ',' + base64(kPps), inStream,
-                 "1KP " + sets + "|658801", {1920, 1080}},
-             Described{"no word", "", "1! 658801", "1K |658801", QSize()},
-         }) {
-        Stream stream(
-            payload("H264", 90000, "96 Packetization-Mode=1; SPROP-parameter-sets=" + row.sets + ';'));
-        EXPECT_EQ(stream.packets(row.packets).flush().units(), row.units.toStdString()) << row.situation;
-        EXPECT_EQ(stream.depacketizer().parameters().shownSize, row.size) << row.situation;
-    }
+    for (const auto& row : rows)
+        check(payload("H264", 90000, "96 Packetization-Mode=1; SPROP-parameter-sets=" + row.sets + ';'),
+            QByteArray(row.situation) + row.row);
     const auto described = RtpDepacketizer::create(
         payload("H264", 90000, "profile-level-id=42E01F; sprop-parameter-sets=AAAA"), RtpUnitFormat());
     EXPECT_EQ(described->parameters().codec, "avc1.42e01f") << "the description's word until there is a set";
@@ -266,76 +239,59 @@ TEST(RtpH265, MakesPicturesOfWhatCamerasSend)
 {
     // Slices: 2601a0 key, first; 260120 key, not first; 0201d0 first; 020150 not first; 0001d0 no reference;
     // 1001d0 RASL.
-    check(
-        {
-            {"single units", "1! 2601a001 2! 0201d002", "1K |2601a001 2 |0201d002"},
-            {"aggregated", "1! 600100042601a001_0004_26012002_0000", "1K |2601a001|26012002"},
-            {"fragments", "1 620193a0 1 62011301 1! 62015302", "1K |2601a00102"},
-            {"start and end in one fragment", "1! 6201d3a001", "1K |2601a001"},
-            {"an end is missing", "1 620193a0 1 62011301 2! 0201d002", "1K |2601a001 2 |0201d002"},
-            {"a marker on each slice", "1! 2601a001 1! 26012002 2! 0201d003",
-                "1K |2601a001|26012002 2 |0201d003"},
-            {"supplements before and behind", "1! 4e010401 1 2601a002 1! 50018403 2! 0201d004",
-                "1K |4e010401|2601a002|50018403 2 |0201d004"},
-            {"a whole stream in fragments", "1 620180_0000 1 62010001_2601a001_00 1! 620140_0001_26012002",
-                "1K |2601a001|26012002"},
-            {"a lost fragment", "1! 2601a001 2 620181d0 2-1! 62014102 3! 0201d004",
-                "1K |2601a001 3L-1 |0201d004", 1},
-            {"leading pictures of an open group", "1! 2a01a001 2! 1001d002 3! 2a01a003 4! 1001d004",
-                "1K |2a01a001 2L |1001d002 3K |2a01a003 4 |1001d004"},
-            {"not to be read: PACI", "1! 64010001 2! 2601a001", "2K |2601a001", 1},
-        },
-        payload("H265"));
-    check({{"two bytes of order in each", "1! 6001aaaa_0004_2601a001_00_0004_26012002",
-               "1K |2601a001|26012002"},
-              {"and in a fragment's start", "1 620193aaaaa0 1! 62015301", "1K |2601a001"},
-              {"and in a single unit", "1! 2601aaaaa001", "1K |2601a001"}},
-        payload("H265", 90000, "sprop-max-don-diff=1"));
-    Stream droppable(payload("H265", 90000, "sprop-sps=" + base64(kSps5)), RtpUnitFormat::forFiles());
-    EXPECT_EQ(droppable.packets("1! 2601a001 2! 0001d002 3! 0201d003").units(),
-        "1K 000000042601a001 2D 000000040001d002 3 000000040201d003");
+    check(payload("H265"), R"(
+single units; 1! 2601a001 2! 0201d002; 1K |2601a001 2 |0201d002
+aggregated; 1! 600100042601a001_0004_26012002_0000; 1K |2601a001|26012002
+fragments; 1 620193a0 1 62011301 1! 62015302; 1K |2601a00102
+start and end in one fragment; 1! 6201d3a001; 1K |2601a001
+an end is missing; 1 620193a0 1 62011301 2! 0201d002; 1K |2601a001 2 |0201d002
+a marker on each slice; 1! 2601a001 1! 26012002 2! 0201d003; 1K |2601a001|26012002 2 |0201d003
+supplements before and behind; 1! 4e010401 1 2601a002 1! 50018403 2! 0201d004; 1K |4e010401|2601a002|50018403 2 |0201d004
+a whole stream in fragments; 1 620180_0000 1 62010001_2601a001_00 1! 620140_0001_26012002; 1K |2601a001|26012002
+a lost fragment; 1! 2601a001 2 620181d0 2-1! 62014102 3! 0201d004; 1K |2601a001 3L-1 |0201d004; 1
+leading pictures; 1! 2a01a001 2! 1001d002 3! 2a01a003 4! 1001d004; 1K |2a01a001 2L |1001d002 3K |2a01a003 4 |1001d004
+not to be read: PACI; 1! 64010001 2! 2601a001; 2K |2601a001; 1)");
+    check(payload("H265", 90000, "sprop-max-don-diff=1"), R"(
+two bytes of order in each; 1! 6001aaaa_0004_2601a001_00_0004_26012002; 1K |2601a001|26012002
+and in a fragment's start; 1 620193aaaaa0 1! 62015301; 1K |2601a001
+and in a single unit; 1! 2601aaaaa001; 1K |2601a001)");
+    checkForFiles(payload("H265", 90000, "sprop-sps=" + base64(kSps5)),
+        "nobody refers to it; 1! 2601a001 2! 0001d002 3! 0201d003; 1K 000000042601a001 2D 000000040001d002 3 "
+        "000000040201d003");
 }
 
 TEST(RtpVideo, ReadsParameterSets)
 {
-    struct Case {
+    const QByteArray wide = "6742c01ed900b4126c1040000003004000000c83c58b92";
+    const QByteArray deep
+        = "4201010408000003009d0800000300003fb005120171c93b65959a4932bc05a02000000300200000030321";
+    const struct {
         const char* name;
-        const char* key;
-        QByteArray sets;
         const char* codec;
-        QSize coded, shown, aspect;
+        QByteArray sets;
+        const char* told; // codec, coded and shown size, aspect
         QByteArray record;
+    } rows[] = {
+        {"high, cropped", "H264", base64(kSps) + ',' + base64(kPps), "avc1.640028 1920x1088 1920x1080 1x1",
+            "01640028ffe1001b" + kSps + "010006" + kPps + "fdf8f800"},
+        {"baseline, wide pixels", "H264", base64(wide), "avc1.42c01e 720x576 720x576 16x11",
+            "0142c01effe10017" + wide + "00"},
+        {"main, scaling lists, cropped", "H265", base64(kSps5), "hvc1.1.6.L120.90 1920x1080 1920x1080 4x3",
+            "01016000000090000000000078f000fcfdf8f800000f03a00000a10001002a" + kSps5 + "a20000"},
+        {"4:2:2 of 10 bits, sub-layers", "H265", base64(deep), "hvc1.4.10.L63.9D.8 648x368 642x362 1x1",
+            "0104080000009d08000000003ff000fcfefafa00000f03a00000a10001002b" + deep + "a20000"},
+        {"cut off: what was read", "H264", base64("67640028ac"), "avc1.640028 -1x-1 -1x-1 -1x-1",
+            "01640028ffe1000567640028ac00fdf8f800"},
     };
-    const QByteArray vps5 = "40010c01ffff01600000030090000003000003007895_9809";
-    for (const Case& c :
-        {
-            Case{"high, cropped", "sprop-parameter-sets=", base64(kSps) + ',' + base64(kPps), "avc1.640028",
-                {1920, 1088}, {1920, 1080}, {1, 1}, "01640028ffe1001b" + kSps + "010006" + kPps + "fdf8f800"},
-            Case{"baseline, wide pixels", "sprop-parameter-sets=",
-                base64("6742c01ed900b4126c1040000003004000000c83c58b92"), "avc1.42c01e", {720, 576},
-                {720, 576}, {16, 11}, "0142c01effe100176742c01ed900b4126c1040000003004000000c83c58b9200"},
-            Case{"main, scaling lists, cropped", "sprop-sps=", base64(kSps5), "hvc1.1.6.L120.90",
-                {1920, 1080}, {1920, 1080}, {4, 3},
-                "01016000000090000000000078f000fcfdf8f800000f03a00000a10001002a" + kSps5 + "a20000"},
-            Case{"4:2:2 of 10 bits, sub-layers", "sprop-sps=",
-                base64(
-                    "4201010408000003009d0800000300003fb005120171c93b65959a4932bc05a02000000300200000030321"),
-                "hvc1.4.10.L63.9D.8", {648, 368}, {642, 362}, {1, 1},
-                "0104080000009d08000000003ff000fcfefafa00000f03a00000a10001002b"
-                "4201010408000003009d0800000300003fb005120171c93b65959a4932bc05a02000000300200000030321a2000"
-                "0"},
-            Case{"cut off: what was read", "sprop-parameter-sets=", base64("67640028ac"), "avc1.640028",
-                QSize(), QSize(), QSize(), "01640028ffe1000567640028ac00fdf8f800"},
-        }) {
-        const bool bH264 = QByteArray(c.key) == "sprop-parameter-sets=";
-        const auto made = RtpDepacketizer::create(
-            payload(bH264 ? "H264" : "H265", 90000, c.key + c.sets), RtpUnitFormat());
-        const RtpMediaParameters& parameters = made->parameters();
-        EXPECT_EQ(parameters.codec, c.codec) << c.name;
-        EXPECT_EQ(parameters.codedSize, c.coded) << c.name;
-        EXPECT_EQ(parameters.shownSize, c.shown) << c.name;
-        EXPECT_EQ(parameters.pixelAspect, c.aspect) << c.name;
-        EXPECT_EQ(parameters.configuration.toHex(), c.record) << c.name;
+    for (const auto& row : rows) {
+        const char* key = *row.codec == 'H' && row.codec[3] == '4' ? "sprop-parameter-sets=" : "sprop-sps=";
+        const auto made = RtpDepacketizer::create(payload(row.codec, 90000, key + row.sets), RtpUnitFormat());
+        const RtpMediaParameters& read = made->parameters();
+        QByteArray told = read.codec;
+        for (const QSize& size : {read.codedSize, read.shownSize, read.pixelAspect})
+            told += ' ' + QByteArray::number(size.width()) + 'x' + QByteArray::number(size.height());
+        EXPECT_EQ(told, row.told) << row.name;
+        EXPECT_EQ(read.configuration.toHex(), row.record) << row.name;
     }
 }
 
@@ -346,52 +302,40 @@ TEST(RtpVideo, LosesWhatGoesOverABound)
     format.nMaxNalUnits = 3;
     format.nMaxParameterSets = 2;
     format.nMaxParameterSetBytes = 8;
-    check(
-        {
-            {"bytes", "1 7c8588 1 7c050102030405060708090a 1 7c050102030405060708090a 1! 7c4501 2! 658802",
-                "2K |658802", 1},
-            {"zeros", "1 7c8588 1 7c05000000000000000000000000000000000000000000 1! 7c4502 2! 658802",
-                "2K |658802", 1},
-            {"units", "1! 658801 2 06aa 2 06aa 2 06aa 2! 419a02 3! 658803", "1K |658801 3K |658803", 1},
-            {"units of a picture", "1 6588 1 6542 1 6542 1 6542 2! 658802", "2K |658802", 1},
-            {"parameter sets", "1 68c0 1 6840 1 6860 1! 6588 2! 658802", "2K |68c0|6840|658802", 1},
-            {"bytes of a parameter set", "1 68c0a0a0a0a0a0a0a0 1! 6588 2! 658802", "2K |658802", 1},
-        },
-        payload("H264"), format);
+    check(payload("H264"), R"(
+bytes; 1 7c8588 1 7c050102030405060708090a 1 7c050102030405060708090a 1! 7c4501 2! 658802; 2K |658802; 1
+zeros; 1 7c8588 1 7c05000000000000000000000000000000000000000000 1! 7c4502 2! 658802; 2K |658802; 1
+units; 1! 658801 2 06aa 2 06aa 2 06aa 2! 419a02 3! 658803; 1K |658801 3K |658803; 1
+units of a picture; 1 6588 1 6542 1 6542 1 6542 2! 658802; 2K |658802; 1
+parameter sets; 1 68c0 1 6840 1 6860 1! 6588 2! 658802; 2K |68c0|6840|658802; 1
+bytes of a parameter set; 1 68c0a0a0a0a0a0a0a0 1! 6588 2! 658802; 2K |658802; 1)",
+        format);
 }
 
 TEST(RtpVideo, RepeatsLargeParameterSetsNoMoreThanTheStreamPaysFor)
 {
-    auto made = RtpDepacketizer::create(payload("H264"));
-    const auto push = [&made](quint32 timestamp, const QByteArray& bytes) {
-        QByteArray packet = QByteArray::fromHex("80e000000000000000000001") + bytes;
-        qToBigEndian<quint32>(timestamp, packet.data() + 4);
-        made->push(RTPPacket(reinterpret_cast<const unsigned char*>(packet.constData()),
-            static_cast<unsigned int>(packet.size())));
-        RtpAccessUnit unit;
-        quint32 given = 0;
-        while (made->next(&unit))
-            given += unit.nSize;
-        return given;
+    Stream stream(payload("H264"));
+    std::size_t before = 0;
+    const auto given = [&stream, &before](quint32 timestamp, const QByteArray& hex, int more) {
+        stream.packet(timestamp, true, 0, QByteArray::fromHex(hex) + QByteArray(more, '\1'));
+        const std::size_t now = stream.unitsByPacket().size() / 2; // of two digits each
+        return now - std::exchange(before, now);
     };
-    push(0, QByteArray::fromHex(kSps));
-    push(0, QByteArray::fromHex(kPps) + QByteArray(60000, '\1'));
-    quint32 given = 0;
+    given(0, kSps, 0);
+    given(0, kPps, 60000);
+    std::size_t all = 0;
     for (quint32 timestamp = 1; timestamp < 100; ++timestamp)
-        given += push(timestamp, QByteArray::fromHex("6588010203040506"));
-    EXPECT_GT(given, 60000U);
-    EXPECT_LT(given, 2 * 60000U) << "pictures of eight bytes";
-    EXPECT_GT(push(200, QByteArray::fromHex("6588") + QByteArray(61000, '\1')), 61000U);
-    EXPECT_GT(push(201, QByteArray::fromHex("658801")), 60000U)
-        << "the large picture has paid for another time";
+        all += given(timestamp, "6588010203040506", 0);
+    EXPECT_GT(all, 60000U);
+    EXPECT_LT(all, 2 * 60000U) << "pictures of eight bytes";
+    EXPECT_GT(given(200, "6588", 61000), 61000U);
+    EXPECT_GT(given(201, "658801", 0), 60000U) << "the large picture has paid for another time";
 }
 
 TEST(RtpVideo, LosesAUnitWithoutMemory)
 {
-    Stream stream(payload("H264"));
     seams::growing.arm(1, ENOMEM);
-    EXPECT_EQ(stream.packets("1! 658801 2! 658802").flush().units(), "2K |658802");
-    EXPECT_EQ(stream.depacketizer().unitsLost(), 1U);
+    check(payload("H264"), "once; 1! 658801 2! 658802; 2K |658802; 1");
 }
 
 TEST(RtpVideo, WorksInTheBytesWhateverTheyAre)
@@ -444,57 +388,30 @@ TEST(RtpVideo, WorksInTheBytesWhateverTheyAre)
 
 TEST(RtpJpeg, MakesPicturesThatStandAlone)
 {
-    const auto scans = [](Stream& stream) {
-        return QString::fromStdString(stream.units())
-            .replace(QRegularExpression(QStringLiteral("ffd8[^ ]*?003f00")), QStringLiteral("~"))
-            .toLatin1();
-    };
-    const QByteArray tables = QByteArray(64, '\x11').toHex();
-    const QByteArray sent = "1! 000000000180020100000040" + tables + "aa ";
-    struct Case {
-        const char* situation;
-        QByteArray packets;
-        QByteArray units;
-        quint64 lost;
-    };
-    for (const Case& c :
-        {
-            Case{"fragments", "1 0000000001320201aabb 1! 0000000201320201cc", "1KP ~aabbccffd9", 0},
-            Case{"an end of its own", "1! 0000000001320201aaffd9", "1KP ~aaffd9", 0},
-            Case{"no markers", "1 0000000001320201aa 2 0000000001320201bb", "1KP ~aaffd9 2K ~bbffd9", 0},
-            Case{"fragments that do not join",
-                "1 0000000001320201aabb 1! 0000000101320201cc 2! 0000000001320201dd", "2KP ~ddffd9", 1},
-            Case{"a lost fragment", "1 0000000001320201aabb 1-1! 0000000401320201cc 2! 0000000001320201dd",
-                "2KP-1 ~ddffd9", 1},
-            Case{"a lost beginning", "1-1 0000000201320201bb 1! 0000000301320201cc 2! 0000000001320201dd",
-                "2KP-1 ~ddffd9", 1},
-            Case{"a lost beginning, no markers",
-                "1 0000000001320201aa 2-1 0000000101320201bb 3 0000000001320201cc",
-                "1KP ~aaffd9 3K-1 ~ccffd9", 1},
-            Case{
-                "restarts", "1 000000004132020100100001aa 1! 000000014132020100107fffbb", "1KP ~aabbffd9", 0},
-            Case{"tables sent once", sent + "2! 000000000180020100000000bb", "1KP ~aaffd9 2K ~bbffd9", 0},
-            Case{"tables never sent", "1! 000000000180020100000000bb", "", 1},
-            Case{"tables beyond the packet", "1! 000000000180020100000080bb", "", 1},
-            Case{"another size", "1! 0000000001320201aa 2! 0000000001320202bb", "1KP ~aaffd9 2KP ~bbffd9", 0},
-            Case{"no size anywhere", "1! 0000000001320000aa", "", 1},
-            Case{"a type that we do not know", "1! 0000000005320201aa", "", 1},
-            Case{"too short", "1! 0000 2! 0000000001320201aa", "2KP ~aaffd9", 1},
-        }) {
-        Stream stream(payload("JPEG"));
-        stream.packets(c.packets).flush();
-        EXPECT_EQ(scans(stream).toStdString(), c.units.toStdString()) << c.situation;
-        EXPECT_EQ(stream.depacketizer().unitsLost(), c.lost) << c.situation;
-    }
+    check(payload("JPEG"), R"(
+fragments; 1 0000000001320201aabb 1! 0000000201320201cc; 1KP ~aabbccffd9
+an end of its own; 1! 0000000001320201aaffd9; 1KP ~aaffd9
+no markers; 1 0000000001320201aa 2 0000000001320201bb; 1KP ~aaffd9 2K ~bbffd9
+fragments that do not join; 1 0000000001320201aabb 1! 0000000101320201cc 2! 0000000001320201dd; 2KP ~ddffd9; 1
+a lost fragment; 1 0000000001320201aabb 1-1! 0000000401320201cc 2! 0000000001320201dd; 2KP-1 ~ddffd9; 1
+a lost beginning; 1-1 0000000201320201bb 1! 0000000301320201cc 2! 0000000001320201dd; 2KP-1 ~ddffd9; 1
+and no markers; 1 0000000001320201aa 2-1 0000000101320201bb 3 0000000001320201cc; 1KP ~aaffd9 3K-1 ~ccffd9; 1
+restarts; 1 000000004132020100100001aa 1! 000000014132020100107fffbb; 1KP ~aabbffd9
+tables sent once; 1! 000000000180020100000040TABLESaa 2! 000000000180020100000000bb; 1KP ~aaffd9 2K ~bbffd9
+tables never sent; 1! 000000000180020100000000bb; ; 1
+tables beyond the packet; 1! 000000000180020100000080bb; ; 1
+another size; 1! 0000000001320201aa 2! 0000000001320202bb; 1KP ~aaffd9 2KP ~bbffd9
+no size anywhere; 1! 0000000001320000aa; ; 1
+a type that we do not know; 1! 0000000005320201aa; ; 1
+too short; 1! 0000 2! 0000000001320201aa; 2KP ~aaffd9; 1)");
 
     Stream once(payload("JPEG"));
-    const std::string text = once.packets(sent + "2! 00000000418002010010000000000000bb").units();
-    const QByteArray both = QByteArray(text.data(), static_cast<int>(text.size()))
-                                .replace('|', "00000001"); // tables are full of these
-    const QByteArray quantization = "ffd8ffdb008400" + tables + "01" + tables;
-    EXPECT_TRUE(both.startsWith("1KP " + quantization
-        + "ffc0001108000800100301220002110103"
-          "1101ffc401a2"))
+    const std::string text
+        = once.packets("1! 000000000180020100000040" + kTables + "aa 2! 00000000418002010010000000000000bb")
+              .unitsByPacket();
+    const QByteArray both = QByteArray(text.c_str()).replace('|', "00000001"); // tables are full of these
+    const QByteArray quantization = "ffd8ffdb008400" + kTables + "01" + kTables;
+    EXPECT_TRUE(both.startsWith(" 1KP " + quantization + "ffc00011080008001003012200021101031101ffc401a2"))
         << both.left(400).constData();
     EXPECT_TRUE(both.contains(" 2K " + quantization + "ffdd00040010ffc0"))
         << "the interval stands in the head";
@@ -509,69 +426,56 @@ TEST(RtpJpeg, MakesPicturesThatStandAlone)
     EXPECT_TRUE(codes.isEmpty());
     RtpPayloadFormat sized = payload("JPEG");
     sized.pictureSize = QSize(2592, 1944);
-    EXPECT_NE(
-        Stream(sized).packets("1! 0000000001320000aa").units().find("ffc000110807980a20"), std::string::npos);
+    EXPECT_NE(Stream(sized).packets("1! 0000000001320000aa").unitsByPacket().find("ffc000110807980a20"),
+        std::string::npos);
 }
 
 TEST(RtpJpeg, TakesTheSizeFromTheHeaderExtension)
 {
-    const char* kFrame = "ffc00011080798"
-                         "0a2003012200021101031101"
-                         "00"; // 20 bytes: 5 words
-    for (const QByteArray& extension : {QByteArray("ffd80005") + kFrame,
-             QByteArray("ffd80007ffdb000400"
-                        "00ffff")
-                 + kFrame, // another segment before, with a fill byte behind
-             "abac0009" + QByteArray(24, '0') + "ffd80005" + kFrame}) {
-        const QByteArray bytes = QByteArray::fromHex("90e00000"
-                                                     "00000001"
-                                                     "00000001"
-            + extension + "0000000001320000aa");
-        auto made = RtpDepacketizer::create(payload("JPEG"), RtpUnitFormat());
-        const auto packet = RTPPacket(reinterpret_cast<const unsigned char*>(bytes.constData()),
-            static_cast<unsigned int>(bytes.size()));
-        made->push(packet);
-        RtpAccessUnit unit;
-        const bool bGiven = made->next(&unit);
-        EXPECT_EQ(bGiven, !extension.startsWith("ffd80007")) << extension.constData();
-        EXPECT_EQ(made->parameters().shownSize, bGiven ? QSize(2592, 1944) : QSize());
+    const QByteArray frame = "ffc000110807980a200301220002110103110100"; // 20 bytes: 5 words
+    const QByteArray behindAnother = "ffd80007ffdb00040000ffff" + frame; // with a fill byte
+    for (const QByteArray& extension :
+        {"ffd80005" + frame, behindAnother, "abac0009" + QByteArray(24, '0') + "ffd80005" + frame}) {
+        const QByteArray bytes
+            = QByteArray::fromHex("90e000000000000100000001" + extension + "0000000001320000aa");
+        Stream stream(payload("JPEG"));
+        stream.push(bytes, 0);
+        EXPECT_EQ(stream.units().empty(), extension == behindAnother) << extension.constData();
+        EXPECT_EQ(stream.depacketizer().parameters().shownSize,
+            extension == behindAnother ? QSize() : QSize(2592, 1944));
     }
 }
 
 TEST(RtpAac, GivesEachFrameForItself)
 {
-    const QByteArray hbr
-        = "mode=AAC-hbr; sizelength=13; indexlength=3; indexdeltalength=3; config=1190"; // 48000, 2
-    const std::vector<Row> rows{
-        {"one", "1! 00100018aabbcc", "1K aabbcc"},
-        {"three: the frame's length each", "1! 0030000800100018_aa_bbbb_cccccc",
-            "1K aa 1025K bbbb 2049K cccccc"},
-        {"interleaved: gaps count", "1! 002000080009aabb", "1K aa 2049K bb"},
-        {"no marker: known by the next", "1 00100008aa 1025 00100008bb", "1K aa 1025K bb"},
-        {"fragments with the whole size", "1 00100020aabb 1! 00100020ccdd", "1K aabbccdd"},
-        {"fragments with their own size", "1 00100010aabb 1! 00100010ccdd", "1K aabbccdd"},
-        {"a lost fragment", "1 00100030aabb 1-1! 00100030eeff 2! 00100008aa", "2K-1 aa", 1},
-        {"an end that never comes", "1 00100030aabb 2! 00100008cc", "2K cc", 1},
-        {"a lost packet", "1! 00100008aa 2-1! 00100008bb", "1K aa 2K-1 bb"},
-        {"empty", "1! 0010 2! 00100000 3! 0010000800 4! 0020000000_08aa", "3K 00 1028K aa"},
-        {"beyond the end", "1! 002000080010aabb", "1K aa", 1},
-        {"heads beyond the end", "1! 0fff0008aabb", "", 1},
-        {"in ADTS", "1! 00100048fff14c80013ffcaabb", "1K aabb"},
-        {"two of ADTS in one", "1! 00100080fff14c80011ffcaa_fff14c80011ffcbb", "1K aa 1025K bb"},
-        {"ADTS without heads", "1! fff14c80013ffcaabb", "1K aabb"},
-    };
-    check(rows, payload("MPEG4-GENERIC", 48000, hbr), RtpUnitFormat::forFiles());
-    std::vector<Row> noIndex{{"no indexlength, sent all the same", "1! 00100018aabbcc", "1K aabbcc"},
-        {"no indexlength, none sent", "1! 000d0018aabbcc", "1K aabbcc"}};
-    check(noIndex, payload("mpeg4-generic", 48000, "mode=AAC-hbr;sizelength=13;config=1190;"),
-        RtpUnitFormat::forFiles());
-    check({{"low rate", "1! 0008_0c_aabbcc", "1K aabbcc"}},
-        payload("mpeg4-generic", 48000, "mode=AAC-lbr;config=1190;"), RtpUnitFormat::forFiles());
-    check({{"to ADTS", "1! 00100010aabb", "1K fff14c80013ffcaabb"},
-              {"from ADTS to ADTS", "1! 00100048fff14c80013ffcaabb", "1K fff14c80013ffcaabb"}},
-        payload("MPEG4-GENERIC", 48000, hbr));
-    check({{"extended by a band: the core's frames", "1! 002000080008aabb", "1K aa 2049K bb"}},
-        payload("MPEG4-GENERIC", 48000, "config=2b118800"), RtpUnitFormat::forFiles());
+    const auto aac = [](const char* fmtp) { return payload("MPEG4-generic", 48000, fmtp); };
+    const RtpPayloadFormat hbr
+        = aac("mode=AAC-hbr; sizelength=13; indexlength=3; indexdeltalength=3; config=1190"); // 48000, 2
+    checkForFiles(hbr, R"(
+one; 1! 00100018aabbcc; 1K aabbcc
+three: the frame's length each; 1! 0030000800100018_aa_bbbb_cccccc; 1K aa 1025K bbbb 2049K cccccc
+interleaved: gaps count; 1! 002000080009aabb; 1K aa 2049K bb
+no marker: known by the next; 1 00100008aa 1025 00100008bb; 1K aa 1025K bb
+fragments with the whole size; 1 00100020aabb 1! 00100020ccdd; 1K aabbccdd
+fragments with their own size; 1 00100010aabb 1! 00100010ccdd; 1K aabbccdd
+a lost fragment; 1 00100030aabb 1-1! 00100030eeff 2! 00100008aa; 2K-1 aa; 1
+an end that never comes; 1 00100030aabb 2! 00100008cc; 2K cc; 1
+a lost packet; 1! 00100008aa 2-1! 00100008bb; 1K aa 2K-1 bb
+empty; 1! 0010 2! 00100000 3! 0010000800 4! 0020000000_08aa; 3K 00 1028K aa
+beyond the end; 1! 002000080010aabb; 1K aa; 1
+heads beyond the end; 1! 0fff0008aabb; ; 1
+in ADTS; 1! 00100048fff14c80013ffcaabb; 1K aabb
+two of ADTS in one; 1! 00100080fff14c80011ffcaa_fff14c80011ffcbb; 1K aa 1025K bb
+ADTS without heads; 1! fff14c80013ffcaabb; 1K aabb)");
+    checkForFiles(aac("mode=AAC-hbr;sizelength=13;config=1190;"), R"(
+no indexlength, sent all the same; 1! 00100018aabbcc; 1K aabbcc
+no indexlength, none sent; 1! 000d0018aabbcc; 1K aabbcc)");
+    checkForFiles(aac("mode=AAC-lbr;config=1190;"), "low rate; 1! 0008_0c_aabbcc; 1K aabbcc");
+    checkForFiles(
+        aac("config=2b118800"), "extended by a band: the core's frames; 1! 002000080008aabb; 1K aa 2049K bb");
+    check(hbr, R"(
+to ADTS; 1! 00100010aabb; 1K fff14c80013ffcaabb
+from ADTS to ADTS; 1! 00100048fff14c80013ffcaabb; 1K fff14c80013ffcaabb)");
     Stream told(payload("MPEG4-GENERIC", 16000), RtpUnitFormat::forFiles());
     EXPECT_EQ(told.packets("1! 00100048fff14c80013ffcaabb 2! 00100048fff14c80013ffcaabb").units(),
         "1KP aabb 2K aabb")
@@ -583,68 +487,56 @@ TEST(RtpAac, GivesEachFrameForItself)
 
 TEST(RtpLatm, GivesEachFrameForItself)
 {
-    check(
-        {
-            {"one", "1! 02aabb", "1K aabb"},
-            {"two", "1! 01aa02bbbb", "1K aa 1025K bbbb"},
-            {"fragments", "1 03aa 1! bbcc", "1K aabbcc"},
-            {"a lost fragment", "1 03aa 1-1! cc 2! 01dd", "2K-1 dd", 1},
-            {"a lost packet", "1! 01aa 2-1! 01bb", "1K aa 2K-1 bb"},
-            {"an end that never comes", "1 03aa 2! 01bb", "2K bb", 1},
-        },
-        payload("MP4A-LATM", 48000, "cpresent=0; config=400023203fc0"), RtpUnitFormat::forFiles());
-    const auto made = RtpDepacketizer::create(
-        payload("MP4A-LATM", 48000, "cpresent=0; config=400023203fc0"), RtpUnitFormat());
-    EXPECT_EQ(made->parameters().configuration.toHex(), "1190");
+    const RtpPayloadFormat latm = payload("MP4A-LATM", 48000, "cpresent=0; config=400023203fc0");
+    checkForFiles(latm, R"(
+one; 1! 02aabb; 1K aabb
+two; 1! 01aa02bbbb; 1K aa 1025K bbbb
+fragments; 1 03aa 1! bbcc; 1K aabbcc
+a lost fragment; 1 03aa 1-1! cc 2! 01dd; 2K-1 dd; 1
+a lost packet; 1! 01aa 2-1! 01bb; 1K aa 2K-1 bb
+an end that never comes; 1 03aa 2! 01bb; 2K bb; 1)");
+    EXPECT_EQ(RtpDepacketizer::create(latm, RtpUnitFormat())->parameters().configuration.toHex(), "1190");
 }
 
 TEST(RtpAudio, TakesPacketsForUnitsInPlace)
 {
     const unsigned char bytes[] = {0x80, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 1, 0xAA, 0xBB};
-    struct Case {
+    const struct {
         const char* name;
         quint32 clock;
-        const char* codec;
-        quint32 rate;
-        quint32 channels;
-    };
-    for (const Case& c : {Case{"PCMU", 8000, "ulaw", 8000, 1}, Case{"pcma", 0, "alaw", 8000, 1},
-             Case{"G722", 8000, "g722", 16000, 1}, Case{"L16", 44100, "twos", 44100, 1},
-             Case{"opus", 48000, "opus", 48000, 2}, Case{"G726-32", 8000, "g726-32", 8000, 1}}) {
-        RtpPayloadFormat format = payload(c.name, c.clock);
+        const char* told; // codec, rate, channels
+    } rows[] = {{"PCMU", 8000, "ulaw 8000 1"}, {"pcma", 0, "alaw 8000 1"}, {"G722", 8000, "g722 16000 1"},
+        {"L16", 44100, "twos 44100 1"}, {"opus", 48000, "opus 48000 2"}, {"G726-32", 8000, "g726-32 8000 1"}};
+    for (const auto& row : rows) {
+        RtpPayloadFormat format = payload(row.name, row.clock);
         format.media = QStringLiteral("audio");
         auto made = RtpDepacketizer::create(format);
         made->push(RTPPacket(bytes, sizeof bytes), 3);
         RtpAccessUnit unit;
-        ASSERT_TRUE(made->next(&unit)) << c.name;
-        EXPECT_EQ(unit.pData, bytes + 12) << c.name << ": not copied";
+        ASSERT_TRUE(made->next(&unit)) << row.name;
+        EXPECT_EQ(unit.pData, bytes + 12) << row.name << ": not copied";
         EXPECT_TRUE(unit.nSize == 2 && unit.nTimestamp == 9 && unit.nPacketsLost == 3 && unit.bKeyFrame);
         EXPECT_FALSE(made->next(&unit));
-        EXPECT_EQ(made->parameters().codec, c.codec);
-        EXPECT_EQ(made->parameters().nSampleRate, c.rate) << c.name;
-        EXPECT_EQ(made->parameters().nChannels, c.channels) << c.name;
+        const RtpMediaParameters& told = made->parameters();
+        EXPECT_EQ(std::string(told.codec.begin(), told.codec.end()) + ' ' + std::to_string(told.nSampleRate)
+                + ' ' + std::to_string(told.nChannels),
+            row.told);
     }
 }
 
 TEST(RtpOther, EndsUnitsByMarkerAndVideoByTimestamp)
 {
-    RtpPayloadFormat data = payload("vnd.onvif.metadata");
-    data.media = QStringLiteral("application");
-    check(
-        {
-            {"up to the marker, whatever the timestamp", "1 aa 2 bb 3! cc 4! dd", "1K aabbcc 4K dd"},
-            {"a loss costs what it may be in", "1 aa 1-1 bb 1! cc 2! dd", "2K-1 dd", 1},
-            {"between two", "1! aa 2-1! bb 3! cc", "1K aa 3K-1 cc", 1},
-        },
-        data);
-    RtpPayloadFormat video = payload("MP4V-ES");
-    video.media = QStringLiteral("video");
-    check(
-        {
-            {"markers", "1 aa 1! bb 2! cc", "1K aabb 2K cc"},
-            {"no markers", "1 aa 1 bb 2 cc", "1K aabb 2K cc"},
-            {"a lost end", "1 aa 2-1 bb 2! cc", "2K-1 bbcc", 1},
-            {"two lost, an end and perhaps a beginning", "1 aa 2-2 bb 2! cc 3! dd", "3K-2 dd", 2},
-        },
-        video);
+    RtpPayloadFormat other = payload("vnd.onvif.metadata");
+    other.media = QStringLiteral("application");
+    check(other, R"(
+up to the marker, whatever the timestamp; 1 aa 2 bb 3! cc 4! dd; 1K aabbcc 4K dd
+a loss costs what it may be in; 1 aa 1-1 bb 1! cc 2! dd; 2K-1 dd; 1
+between two; 1! aa 2-1! bb 3! cc; 1K aa 3K-1 cc; 1)");
+    other = payload("MP4V-ES");
+    other.media = QStringLiteral("video");
+    check(other, R"(
+markers; 1 aa 1! bb 2! cc; 1K aabb 2K cc
+no markers; 1 aa 1 bb 2 cc; 1K aabb 2K cc
+a lost end; 1 aa 2-1 bb 2! cc; 2K-1 bbcc; 1
+two lost, an end and perhaps a beginning; 1 aa 2-2 bb 2! cc 3! dd; 3K-2 dd; 2)");
 }
