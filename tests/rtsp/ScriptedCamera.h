@@ -10,21 +10,24 @@
 
 #include <QtCore/QHash>
 #include <QtCore/QStringList>
+#include <QtCore/QtEndian>
+#include <QtNetwork/QUdpSocket>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <functional>
 #include <vector>
 
+inline QByteArray bigEndian(int value)
+{
+    return QByteArray(1, static_cast<char>(value >> 8)) + static_cast<char>(value);
+}
+
 inline QByteArray rtp(int type, int sequence, quint32 ssrc = 0x11223344, const QByteArray& payload = "sound")
 {
-    QByteArray bytes(12, '\0');
-    bytes[0] = '\x80';
-    bytes[1] = static_cast<char>(type);
-    bytes[2] = static_cast<char>(sequence >> 8);
-    bytes[3] = static_cast<char>(sequence);
+    QByteArray bytes
+        = QByteArray("\x80") + static_cast<char>(type) + bigEndian(sequence) + QByteArray(8, '\0');
     qToBigEndian<quint32>(static_cast<quint32>(sequence) * 160U, bytes.data() + 4);
     qToBigEndian<quint32>(ssrc, bytes.data() + 8);
     return bytes + payload;
@@ -32,51 +35,24 @@ inline QByteArray rtp(int type, int sequence, quint32 ssrc = 0x11223344, const Q
 
 inline QByteArray framed(int channel, const QByteArray& packet)
 {
-    QByteArray bytes("$");
-    bytes += static_cast<char>(channel);
-    bytes += static_cast<char>(packet.size() >> 8);
-    bytes += static_cast<char>(packet.size());
-    return bytes + packet;
+    return QByteArray("$") + static_cast<char>(channel) + bigEndian(packet.size()) + packet;
 }
 
-// Of one datagram port on loopback.
-class RawUdp
+class RawUdp : public QUdpSocket
 {
 public:
-    RawUdp() : m_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+    RawUdp() { bind(QHostAddress(QHostAddress::LocalHost), 0); }
+    int port() const { return localPort(); }
+    void sendTo(int port, const QByteArray& bytes, const char* host = "127.0.0.1")
     {
-        sockaddr_in address = loopback(0);
-        ::bind(m_socket.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-        socklen_t size = sizeof address;
-        ::getsockname(m_socket.fd(), reinterpret_cast<sockaddr*>(&address), &size);
-        m_nPort = ntohs(address.sin_port);
+        writeDatagram(bytes, QHostAddress(QLatin1String(host)), static_cast<quint16>(port));
     }
-    unsigned short port() const { return m_nPort; }
-    void sendTo(int port, const QByteArray& bytes, const char* host = "127.0.0.1") const
+    QByteArray take()
     {
-        sockaddr_in address = loopback(port);
-        inet_pton(AF_INET, host, &address.sin_addr);
-        ::sendto(m_socket.fd(), bytes.constData(), static_cast<std::size_t>(bytes.size()), 0,
-            reinterpret_cast<sockaddr*>(&address), sizeof address);
+        QByteArray bytes(hasPendingDatagrams() ? static_cast<int>(pendingDatagramSize()) : 0, '\0');
+        readDatagram(bytes.data(), bytes.size());
+        return bytes;
     }
-    QByteArray take() const
-    {
-        char buffer[2048];
-        const ssize_t n = ::recv(m_socket.fd(), buffer, sizeof buffer, 0);
-        return n < 0 ? QByteArray() : QByteArray(buffer, static_cast<int>(n));
-    }
-
-private:
-    static sockaddr_in loopback(int port)
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<unsigned short>(port));
-        return address;
-    }
-    RawSocket m_socket;
-    unsigned short m_nPort = 0;
 };
 
 const QByteArray kAudioTrack = "m=audio 0 RTP/AVP 0\r\na=control:track1\r\n";
@@ -90,21 +66,47 @@ struct Script {
     QByteArray sdp = kSdp;
     QByteArray media = framed(0, rtp(0, 1)) + framed(0, rtp(0, 2)); // behind the answer to PLAY
     bool bCloseAfterPlay = false;
-};
 
-inline QByteArray answer(const char* fields = "", const char* status = "200 OK")
+    Script on(const char* method, const QList<QByteArray>& all)
+    {
+        answers[method] = all;
+        return *this;
+    }
+    Script sends(const QByteArray& bytes)
+    {
+        media = bytes;
+        return *this;
+    }
+    Script describes(const QByteArray& text)
+    {
+        sdp = text;
+        return *this;
+    }
+};
+inline Script on(const char* method, const QList<QByteArray>& answers)
 {
+    return Script().on(method, answers);
+}
+
+inline QByteArray answer(QByteArray fields = {}, const char* status = "200 OK")
+{
+    fields += fields.isEmpty() ? "" : "\r\n";
     return QByteArray("RTSP/1.0 ") + status + "\r\nCSeq: {cseq}\r\n" + fields + "\r\n";
 }
-inline QByteArray describes(const char* fields = "")
+inline QByteArray refuses(const char* status) { return answer({}, status); }
+inline QByteArray asksBasic() { return answer("WWW-Authenticate: Basic realm=\"x\"", "401 Unauthorized"); }
+inline QByteArray asksDigest(const QByteArray& nonce)
 {
-    return answer((QByteArray(fields) + "Content-Type: application/sdp\r\nContent-Length: {size}\r\n")
-                      .constData())
-        + "{sdp}";
+    return answer("WWW-Authenticate: Digest realm=\"x\", nonce=\"" + nonce + '"', "401 Unauthorized");
 }
-inline QByteArray setUp(const char* transport = "{transport}", const char* session = "42;timeout=60")
+inline QByteArray describes(QByteArray fields = {})
 {
-    return answer((QByteArray("Transport: ") + transport + "\r\nSession: " + session + "\r\n").constData());
+    fields += fields.isEmpty() ? "" : "\r\n";
+    return answer(fields + "Content-Type: application/sdp\r\nContent-Length: {size}") + "{sdp}";
+}
+inline QByteArray setUp(const QByteArray& transport = "{transport}", const char* session = "42;timeout=60")
+{
+    return answer("Transport: " + transport + "\r\nSession: " + session);
 }
 
 class ScriptedCamera
@@ -112,8 +114,8 @@ class ScriptedCamera
 public:
     explicit ScriptedCamera(const Script& script = Script()) : m_script(script)
     {
-        m_usual["OPTIONS"] = answer(
-            "Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER\r\n");
+        m_usual["OPTIONS"]
+            = answer("Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER");
         m_usual["DESCRIBE"] = describes();
         m_usual["SETUP"] = setUp();
     }
@@ -132,58 +134,43 @@ public:
         return "rtsp://127.0.0.1:" + QByteArray::number(listener.port()) + path;
     }
     RawSocket& connection() { return sockets.back(); }
-    int count(const char* method) const
+    int count(const char* method) const { return all(method).size(); }
+    QByteArray last(const char* method) const { return all(method).value(count(method) - 1); }
+    QList<QByteArray> all(const char* method) const
     {
-        return static_cast<int>(std::count_if(requests.begin(), requests.end(),
-            [method](const QByteArray& each) { return each.startsWith(QByteArray(method) + ' '); }));
-    }
-    QByteArray last(const char* method) const
-    {
-        for (auto each = requests.rbegin(); each != requests.rend(); ++each) {
-            if (each->startsWith(QByteArray(method) + ' '))
-                return *each;
-        }
-        return QByteArray();
-    }
-    QByteArray all() const
-    {
-        QByteArray text;
-        for (const QByteArray& each : requests)
-            text += each;
-        return text;
+        QList<QByteArray> found;
+        std::copy_if(requests.begin(), requests.end(), std::back_inserter(found),
+            [method](const QByteArray& each) { return each.startsWith(QByteArray(method) + ' '); });
+        return found;
     }
 
     RawListener listener;
     std::vector<RawSocket> sockets; // in the order of their connects
-    std::vector<QByteArray> requests;
-    std::vector<std::size_t> requestSockets;
+    QList<QByteArray> requests;
     RawUdp rtpPort;
     RawUdp rtcpPort;
     int clientPort = 0; // of RTP
+    int reports = 0; // interleaved
 
 private:
     void serve(std::size_t i)
     {
-        QByteArray bytes = sockets[i].take();
         m_rest.resize(sockets.size());
-        m_rest[i] += bytes;
-        while (!m_rest[i].isEmpty()) {
-            if (m_rest[i].startsWith('$')) { // reports
-                if (m_rest[i].size() < 4
-                    || m_rest[i].size() < 4 + qFromBigEndian<quint16>(m_rest[i].constData() + 2))
-                    return;
-                m_rest[i].remove(0, 4 + qFromBigEndian<quint16>(m_rest[i].constData() + 2));
-                ++reports;
-                continue;
-            }
-            const int end = m_rest[i].indexOf("\r\n\r\n");
-            if (end < 0)
+        QByteArray& rest = m_rest[i] += sockets[i].take();
+        for (;;) {
+            const bool bReport = rest.startsWith('$');
+            const int size = bReport ? 4 + qFromBigEndian<quint16>((rest + "zzzz").constData() + 2)
+                                     : rest.indexOf("\r\n\r\n") + 4;
+            if (size <= 3 || rest.size() < size)
                 return;
-            const QByteArray request = m_rest[i].left(end + 4);
-            m_rest[i].remove(0, end + 4);
-            requests.push_back(request);
-            requestSockets.push_back(i);
-            answerTo(request, i);
+            const QByteArray request = rest.left(size);
+            rest.remove(0, size);
+            if (bReport)
+                ++reports;
+            else
+                requests += request;
+            if (!bReport && !request.startsWith("RTSP/"))
+                answerTo(request, i);
         }
     }
     static QByteArray field(const QByteArray& request, const char* name)
@@ -195,12 +182,8 @@ private:
     void answerTo(const QByteArray& request, std::size_t i)
     {
         const QByteArray method = request.left(request.indexOf(' '));
-        if (method.startsWith("RTSP/"))
-            return;
         QByteArray transport = field(request, "Transport");
         const int port = transport.indexOf("client_port=");
-        if (method == "SETUP")
-            clientPort = 0;
         if (method == "SETUP")
             clientPort = 0;
         if (port >= 0) {
@@ -226,9 +209,6 @@ private:
     Script m_script;
     QHash<QByteArray, QByteArray> m_usual;
     std::vector<QByteArray> m_rest;
-
-public:
-    int reports = 0; // interleaved
 };
 
 // Writes down what the client tells.
@@ -245,34 +225,27 @@ public:
             if (onEvent)
                 onEvent(event);
         };
-        QObject::connect(
-            c, &RtspClient::described, c, [note](const SdpDescription&, const QVector<RtspTrack>& tracks) {
-                note(QStringLiteral("described %1").arg(tracks.size()));
-            });
-        QObject::connect(c, &RtspClient::playing, c, [note] { note(QStringLiteral("playing")); });
-        QObject::connect(c, &RtspClient::paused, c, [note] { note(QStringLiteral("paused")); });
-        QObject::connect(c, &RtspClient::stopped, c, [note] { note(QStringLiteral("stopped")); });
-        QObject::connect(c, &RtspClient::error, c, [this, note](int code) {
-            errorText = client->errorString();
-            note(QStringLiteral("error %1").arg(code));
+        const auto on = [c](auto signal, auto handler) { QObject::connect(c, signal, c, handler); };
+        on(&RtspClient::described, [note](const SdpDescription&, const QVector<RtspTrack>& tracks) {
+            note(QStringLiteral("described %1").arg(tracks.size()));
         });
-        QObject::connect(
-            c, &RtspClient::packetReceived, c, [note](int track, const RTPPacket& packet, const RtpArrival&) {
-                note(QStringLiteral("packet %1 %2").arg(track).arg(packet.getSeqNum()));
-            });
-        QObject::connect(c, &RtspClient::unitReceived, c, [note](int track, const RtspUnit& unit) {
+        on(&RtspClient::playing, [note] { note(QStringLiteral("playing")); });
+        on(&RtspClient::paused, [note] { note(QStringLiteral("paused")); });
+        on(&RtspClient::stopped, [note] { note(QStringLiteral("stopped")); });
+        on(&RtspClient::error,
+            [this, note](int code) { note(QStringLiteral("error %1: ").arg(code) + client->errorString()); });
+        on(&RtspClient::packetReceived, [note](int track, const RTPPacket& packet, const RtpArrival&) {
+            note(QStringLiteral("packet %1 %2").arg(track).arg(packet.getSeqNum()));
+        });
+        on(&RtspClient::unitReceived, [note](int track, const RtspUnit& unit) {
             note(QStringLiteral("unit %1 %2").arg(track).arg(unit.nTimestamp / 160));
         });
-        QObject::connect(
-            c, &RtspClient::rtcpReceived, c, [note](int track, const RtcpCompound&, const RtpArrival&) {
-                note(QStringLiteral("rtcp %1").arg(track));
-            });
-        QObject::connect(
-            c, &RtspClient::transportChanged, c, [note](RtspOptions::Transport transport, const QString&) {
-                note(QStringLiteral("transport %1").arg(transport));
-            });
-        QObject::connect(c, &RtspClient::trackRefused, c,
-            [note](int track, const QString&) { note(QStringLiteral("refused %1").arg(track)); });
+        on(&RtspClient::rtcpReceived, [note](int track, const RtcpCompound&, const RtpArrival&) {
+            note(QStringLiteral("rtcp %1").arg(track));
+        });
+        on(&RtspClient::transportChanged, [note](RtspOptions::Transport transport, const QString&) {
+            note(QStringLiteral("transport %1").arg(transport));
+        });
     }
     static RtspOptions tcp()
     {
@@ -287,10 +260,7 @@ public:
     }
     bool waitUntil(const char* event)
     {
-        return waitFor([&] {
-            m_camera.serve();
-            return has(event);
-        });
+        return waitUntil([&] { return has(event); });
     }
     bool waitUntil(const std::function<bool()>& condition)
     {
@@ -299,20 +269,18 @@ public:
             return condition();
         });
     }
-    bool has(const char* event) const
+    // Whether one begins with it; an error's sentence may hold it anywhere.
+    bool has(const char* part) const
     {
-        const QString wanted = QString::fromLatin1(event);
-        return std::any_of(
-            events.begin(), events.end(), [&](const QString& each) { return each.startsWith(wanted); });
+        return std::any_of(events.begin(), events.end(), [part](const QString& each) {
+            const int at = each.indexOf(QLatin1String(part));
+            return at == 0 || (at > 0 && each.startsWith(QLatin1String("error")));
+        });
     }
-    std::string log() const
-    {
-        return events.join(QStringLiteral(", ")).toStdString() + " " + errorText.toStdString();
-    }
+    std::string log() const { return events.join(QStringLiteral(", ")).toStdString(); }
 
     std::unique_ptr<RtspClient> client;
     QStringList events;
-    QString errorText;
     std::function<void(const QString&)> onEvent;
 
 private:
