@@ -1,5 +1,6 @@
 // Packets that are written by hand, in tables: what a camera sends, and the units that come of it.
 #include "media/AnnexBSplitter_p.h"
+#include "media/Table.h"
 #include "media/UnitBuffer_p.h"
 #include "support/Seams.h"
 
@@ -119,11 +120,9 @@ void check(const RtpPayloadFormat& payload, QByteArray lines,
     const RtpUnitFormat& format = RtpUnitFormat::forDecoders())
 {
     lines.replace("SPS", kSps).replace("PPS", kPps).replace("TABLES", kTables);
-    for (const QByteArray& line : lines.trimmed().split('\n')) {
-        const QList<QByteArray> row = line.split(';');
+    for (const QList<QByteArray>& row : rowsOf(lines)) {
         Stream stream(payload, format);
-        EXPECT_EQ(stream.packets(row[1]).flush().units(), row[2].trimmed().toStdString())
-            << row[0].constData();
+        EXPECT_EQ(stream.packets(row[1]).flush().units(), row[2].toStdString()) << row[0].constData();
         EXPECT_EQ(stream.depacketizer().unitsLost(), row.value(3).toULongLong()) << row[0].constData();
     }
 }

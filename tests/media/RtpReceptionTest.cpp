@@ -1,3 +1,5 @@
+#include "media/Table.h"
+
 #include <KepNuvikaUtil/RTCPPacket.h>
 #include <KepNuvikaUtil/RTPPacket.h>
 #include <KepNuvikaUtil/RtcpCompound.h>
@@ -18,12 +20,10 @@ namespace
 {
 constexpr qint64 kMs = 1000;
 
-std::string spaced(std::initializer_list<qint64> numbers)
+template <class... Numbers>
+std::string spaced(const Numbers&... numbers)
 {
-    std::string text;
-    for (const qint64 number : numbers)
-        text += (text.empty() ? "" : " ") + std::to_string(number);
-    return text;
+    return QStringList{QString::number(numbers)...}.join(QLatin1Char(' ')).toStdString();
 }
 
 // A stream of packets by number; each lives during its push() only.
@@ -71,7 +71,7 @@ struct Stream {
 
 using Bytes = std::vector<unsigned char>;
 
-Bytes fromHex(const char* text)
+Bytes fromHex(const QByteArray& text)
 {
     const QByteArray bytes = QByteArray::fromHex(text);
     return Bytes(bytes.begin(), bytes.end());
@@ -115,40 +115,32 @@ std::string told(const Bytes& bytes)
 
 TEST(RtpReorderBuffer, DeliversInOrderAndTellsWhatIsMissing)
 {
-    const struct {
-        const char* situation;
-        std::vector<int> pushed;
-        const char* delivered;
-        const char* counts; // lost late duplicate stray runs
-        int nMost = 32;
-    } rows[] = {
-        {"in order over a wrap", {65534, 65535, 0, 1}, "!65534 65535 0 1", "0 0 0 0 1"},
-        {"two change places", {10, 12, 11, 13}, "!10 11 12 13", "0 0 0 0 1"},
-        {"reversed over a wrap", {65533, 1, 0, 65535, 65534, 2}, "!65533 65534 65535 0 1 2", "0 0 0 0 1"},
-        {"a duplicate of a delivered one and of a held one", {1, 1, 3, 3, 2, 2, 3}, "!1 2 3", "0 0 4 0 1"},
-        {"more are held than may be: a gap is given up", {1, 3, 5, 4, 7}, "!1 -1 3 4 5", "1 0 0 0 1", 2},
-        {"late behind a gap, then its duplicate", {1, 3, 4, 5, 2, 2, 6}, "!1 -1 3 4 5 6", "1 1 1 0 1", 2},
-        {"nothing is held: a loss at once", {1, 2, 5, 4, 5, 6}, "!1 2 -2 5 6", "2 1 1 0 1", 0},
-        {"a new run ahead", {1, 2, 40000, 40001, 40002}, "!1 2 !40000 40001 40002", "0 0 0 0 2"},
-        {"a new run behind, nothing held", {30000, 30001, 7, 8, 9}, "!30000 30001 !7 8 9", "0 0 0 0 2", 0},
-        {"and one that waits", {100, 102, 9000, 9001, 9002}, "!100 -1 102 !9000 9001 9002", "1 0 0 0 2"},
-        {"a new run begins with a loss", {1, 2, 5000, 5002, 5003}, "!1 2 !5002 5003", "0 0 0 1 2"},
-        {"strays", {1, 2, 50000, 3, 50001, 4, 20000, 20000, 5}, "!1 2 3 4 5", "0 0 1 3 1"},
-        {"99 behind is late, 100 is a jump", {1000, 902, 901, 1001}, "!1000 1001", "0 1 0 1 1"},
-        {"as many are held as may be", {1, 3, 4}, "!1", "0 0 0 0 1", 2},
-        {"a run ends on probation", {500, 3500, 7000, 7001}, "!500 -2999 3500 !7000 7001", "2999 0 0 0 2"},
-    };
-    for (const auto& row : rows) {
-        Stream stream(row.nMost);
-        for (const int number : row.pushed)
+    // Situation; numbers pushed; delivered; lost, late, duplicate, stray, runs; how many may be held.
+    for (const auto& row : rowsOf(R"(
+in order over a wrap; 65534 65535 0 1; !65534 65535 0 1; 0 0 0 0 1; 32
+two change places; 10 12 11 13; !10 11 12 13; 0 0 0 0 1; 32
+reversed over a wrap; 65533 1 0 65535 65534 2; !65533 65534 65535 0 1 2; 0 0 0 0 1; 32
+a duplicate of a delivered one and of a held one; 1 1 3 3 2 2 3; !1 2 3; 0 0 4 0 1; 32
+more are held than may be: the gap is given up, the next one waits; 1 3 5 4 7; !1 -1 3 4 5; 1 0 0 0 1; 2
+late behind a gap that was given up, then its duplicate; 1 3 4 5 2 2 6; !1 -1 3 4 5 6; 1 1 1 0 1; 2
+nothing is held: a loss at once, what is behind is dropped; 1 2 5 4 5 6; !1 2 -2 5 6; 2 1 1 0 1; 0
+a new run ahead; 1 2 40000 40001 40002; !1 2 !40000 40001 40002; 0 0 0 0 2; 32
+a new run behind, nothing held; 30000 30001 7 8 9; !30000 30001 !7 8 9; 0 0 0 0 2; 0
+a new run behind one that waits; 100 102 9000 9001 9002; !100 -1 102 !9000 9001 9002; 1 0 0 0 2; 32
+a new run begins with a loss; 1 2 5000 5002 5003; !1 2 !5002 5003; 0 0 0 1 2; 32
+strays among the run; 1 2 50000 3 50001 4 20000 20000 5; !1 2 3 4 5; 0 0 1 3 1; 32
+99 behind the expected one is late, 100 is a jump; 1000 902 901 1001; !1000 1001; 0 1 0 1 1; 32
+as many are held as may be; 1 3 4; !1; 0 0 0 0 1; 2
+the run ends while it is on probation; 500 3500 7000 7001; !500 -2999 3500 !7000 7001; 2999 0 0 0 2; 32)")) {
+        Stream stream(row[4].toInt());
+        const std::vector<int> numbers = numbersOf(row[1]);
+        for (const int number : numbers)
             stream.push(number);
-        EXPECT_EQ(stream.out, row.delivered) << row.situation;
+        EXPECT_EQ(stream.out, row[2].toStdString()) << row[0].constData();
         const RtpReorderCounts& c = stream.buffer.counts();
-        EXPECT_EQ(spaced({qint64(c.nLost), qint64(c.nLate), qint64(c.nDuplicates), qint64(c.nStrays),
-                      qint64(c.nRuns)}),
-            row.counts)
-            << row.situation;
-        EXPECT_EQ(c.nReceived, row.pushed.size());
+        EXPECT_EQ(spaced(c.nLost, c.nLate, c.nDuplicates, c.nStrays, c.nRuns), row[3].toStdString())
+            << row[0].constData();
+        EXPECT_EQ(c.nReceived, numbers.size());
     }
 }
 
@@ -204,33 +196,25 @@ TEST(RtpReorderBuffer, ShuffledStreamsComeOutInOrderAndMemoryStaysBounded)
 
 TEST(RtpReception, CountsAsTheStandardSays)
 {
-    struct Row {
-        const char* situation;
-        std::vector<int> numbers;
-        const char* figures; // extended highest, received, expected, lost, fraction of 256
-    };
-    const Row rows[] = {
-        {"in order over a wrap", {65534, 65535, 0, 1}, "65537 4 4 0 0"},
-        {"one of four lost", {1, 2, 4}, "4 3 4 1 64"},
-        {"late ones and duplicates take losses back", {1, 4, 2, 3, 3}, "4 5 4 -1 0"},
-        {"a jump ahead waits for its second", {1, 2, 30000, 3}, "3 3 3 0 0"},
-        {"a new run counts afresh", {1, 2, 9, 30000, 30001, 30004}, "30004 3 5 2 102"},
-        {"back by one is a duplicate", {500, 501, 500, 502}, "502 4 3 -1 0"},
-        {"back by a thousand is a new run, not 64,536 losses", {5000, 5001, 4000, 4001, 4002},
-            "4002 3 3 0 0"},
-        {"99 behind the highest counts, 100 waits", {200, 101, 100, 201}, "201 3 2 -1 0"},
-        {"two strays are no run", {5, 6, 40000, 20000, 7}, "7 3 3 0 0"},
-    };
-    for (const Row& row : rows) {
-        RtpReception reception(7, 90000);
-        for (const int number : row.numbers)
-            reception.update(static_cast<quint16>(number), 0, 0);
-        EXPECT_EQ(
-            spaced({reception.extendedHighest(), qint64(reception.received()), qint64(reception.expected()),
-                reception.cumulativeLost(), reception.takeReport(0).nFractionLost}),
-            row.figures)
-            << row.situation;
-        EXPECT_EQ(reception.takeReport(0).nFractionLost, 0) << row.situation << ": nothing since";
+    // Situation; numbers; extended highest, received, expected, lost, fraction of 256.
+    for (const auto& row : rowsOf(R"(
+in order over a wrap; 65534 65535 0 1; 65537 4 4 0 0
+one of four lost; 1 2 4; 4 3 4 1 64
+late ones and duplicates take losses back; 1 4 2 3 3; 4 5 4 -1 0
+a jump ahead waits for its second; 1 2 30000 3; 3 3 3 0 0
+a new run counts afresh; 1 2 9 30000 30001 30004; 30004 3 5 2 102
+back by one is a duplicate; 500 501 500 502; 502 4 3 -1 0
+back by a thousand is a new run, not 64,536 losses; 5000 5001 4000 4001 4002; 4002 3 3 0 0
+99 behind the highest counts, 100 waits; 200 101 100 201; 201 3 2 -1 0
+two strays are no run; 5 6 40000 20000 7; 7 3 3 0 0)")) {
+        RtpReception r(7, 90000);
+        for (const int number : numbersOf(row[1]))
+            r.update(static_cast<quint16>(number), 0, 0);
+        const std::string counted
+            = spaced(r.extendedHighest(), r.received(), r.expected(), r.cumulativeLost());
+        EXPECT_EQ(counted + ' ' + spaced(r.takeReport(0).nFractionLost), row[2].toStdString())
+            << row[0].constData();
+        EXPECT_EQ(r.takeReport(0).nFractionLost, 0) << row[0].constData() << ": nothing since";
     }
     RtpReception lossy(7, 90000);
     for (quint32 i = 0; i < 4000; ++i)
@@ -297,47 +281,31 @@ TEST(RtpReception, WritesReportsThatFitTheirBuffer)
 
 TEST(RtcpCompound, ReadsWhatPeersSend)
 {
-    const char* kShort = "RTCP, byte 0: the packet is shorter than its count says";
-    const struct {
-        const char* situation;
-        const char* hex;
-        const char* told;
-    } rows[] = {
-        {"nothing", "", ""},
-        {"a sender report with a block of negative losses",
-            "81c8000c00000001000000028000000000000003000000040000000500000006ffffffff00000008000000090000000a"
-            "0000000b",
-            "200:1 at 2500=3 sent 4/5 of 6 255/-1 8 9 10 11;"},
-        {"empty receiver report", "80c9000100000001", "201:1;"},
-        {"description of two sources with several items", "82ca00050000000101026162060178000000000201016300",
-            "202:1 1.1=ab 1.6=x 2.1=c;"},
-        {"description without its end byte", "81ca00020000000101026162", "202:1 1.1=ab;"},
-        {"description that ends before its padding", "81ca0003000000010103616263", "202:1 1.1=abc;"},
-        {"a missing end byte is no excuse for a missing word", "81ca00030000000101026162",
-            "RTCP, byte 2: the packet is longer than what was received"},
-        {"an item over the end", "80c900010000000181ca00020000000101ff6162",
-            "201:1; 202:1; RTCP, byte 16: an item reaches over the end"},
-        {"an item one byte over the end", "81ca00020000000101036162",
-            "202:1; RTCP, byte 8: an item reaches over the end"},
-        {"fewer chunks than counted", "82ca0003000000010102616200000000",
-            "202:1 1.1=ab; RTCP, byte 16: a chunk is missing"},
-        {"bye with its reason", "81cb0003000000070362796500000000", "203:7 bye 7 bye;"},
-        {"bye whose reason is too long is cut", "81cb00020000000709627965", "203:7 bye 7 bye;"},
-        {"bye of nobody", "80cb0000", "203:0;"},
-        {"bye of more than are there", "82cb000100000007", kShort},
-        {"application", "85cc0003000000034142434465666768", "204:3 ABCD efgh;"},
-        {"application without a name", "85cc000100000003", kShort},
-        {"unknown type, then a report", "80cf000000c9000180c9000100000001",
-            "207:0; RTCP, byte 4: not version 2"},
-        {"padding", "a0c900020000000100000004", "201:1;"},
-        {"padding of nothing", "a0c900020000000100000000", "RTCP, byte 11: the padding does not fit"},
-        {"padding over the head", "a0c90001000000ff", "RTCP, byte 7: the padding does not fit"},
-        {"blocks that are not there", "9fc9000700000001000000000000000000000000000000000000000000000000",
-            kShort},
-        {"bytes behind", "80c900010000000180c9", "201:1; RTCP, byte 8: too few bytes for a packet"},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(told(fromHex(row.hex)), row.told) << row.situation;
+    EXPECT_EQ(told(Bytes()), "");
+    for (const auto& row : rowsOf(R"(
+a sender report with a block of negative losses | 81c8000c00000001000000028000000000000003000000040000000500000006ffffffff00000008000000090000000a0000000b | 200:1 at 2500=3 sent 4/5 of 6 255/-1 8 9 10 11;
+empty receiver report | 80c9000100000001 | 201:1;
+description of two sources with several items | 82ca00050000000101026162060178000000000201016300 | 202:1 1.1=ab 1.6=x 2.1=c;
+description without its end byte | 81ca00020000000101026162 | 202:1 1.1=ab;
+description that ends before its padding | 81ca0003000000010103616263 | 202:1 1.1=abc;
+a missing end byte is no excuse for a missing word | 81ca00030000000101026162 | RTCP, byte 2: the packet is longer than what was received
+an item over the end | 80c900010000000181ca00020000000101ff6162 | 201:1; 202:1; RTCP, byte 16: an item reaches over the end
+an item one byte over the end | 81ca00020000000101036162 | 202:1; RTCP, byte 8: an item reaches over the end
+fewer chunks than counted | 82ca0003000000010102616200000000 | 202:1 1.1=ab; RTCP, byte 16: a chunk is missing
+bye with its reason | 81cb0003000000070362796500000000 | 203:7 bye 7 bye;
+bye whose reason is too long is cut | 81cb00020000000709627965 | 203:7 bye 7 bye;
+bye of nobody | 80cb0000 | 203:0;
+bye of more than are there | 82cb000100000007 | RTCP, byte 0: the packet is shorter than its count says
+application | 85cc0003000000034142434465666768 | 204:3 ABCD efgh;
+application without a name | 85cc000100000003 | RTCP, byte 0: the packet is shorter than its count says
+unknown type, then a report | 80cf000000c9000180c9000100000001 | 207:0; RTCP, byte 4: not version 2
+padding | a0c900020000000100000004 | 201:1;
+padding of nothing | a0c900020000000100000000 | RTCP, byte 11: the padding does not fit
+padding over the head | a0c90001000000ff | RTCP, byte 7: the padding does not fit
+blocks that are not there | 9fc9000700000001000000000000000000000000000000000000000000000000 | RTCP, byte 0: the packet is shorter than its count says
+bytes behind | 80c900010000000180c9 | 201:1; RTCP, byte 8: too few bytes for a packet)",
+             '|'))
+        EXPECT_EQ(told(fromHex(row[1])), row[2].toStdString()) << row[0].constData();
 }
 
 TEST(RtpPackets, OfRealSendersAreRtpOrRtcpAndNeverBoth)
@@ -351,7 +319,7 @@ TEST(RtpPackets, OfRealSendersAreRtpOrRtcpAndNeverBoth)
         const bool bReports = name.contains(QLatin1String("rtcp"));
         int count = 0;
         for (; !file.atEnd(); ++count) {
-            const Bytes bytes = fromHex(file.readLine().trimmed().constData());
+            const Bytes bytes = fromHex(file.readLine().trimmed());
             const auto size = static_cast<unsigned int>(bytes.size());
             EXPECT_EQ(RTPPacket(bytes.data(), size).isHeaderValid(), !bReports) << qPrintable(name) << count;
             EXPECT_EQ(RTCPPacket(bytes.data(), size).isHeaderValid(), bReports) << qPrintable(name) << count;
