@@ -25,7 +25,8 @@ class Receiver
 public:
     explicit Receiver(int limit) : m_buffer(limit & 15, (limit >> 4) * 40), m_reception(1, 90000)
     {
-        m_timeline.addTrack(90000);
+        constexpr quint32 kRates[] = {90000, 8000, 1, 0, 0xFFFFFFFF};
+        m_timeline.addTrack(kRates[static_cast<unsigned int>(limit) % 5]);
     }
 
     // Five bytes: two of the number, one of time, one of the timestamp's step, one of what else comes.
