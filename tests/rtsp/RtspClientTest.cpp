@@ -20,19 +20,12 @@ RtspOptions udp(RtspOptions::Transport transport = RtspOptions::eUdp)
     return options;
 }
 
-bool play(Viewer& viewer)
-{
-    viewer.start();
-    return viewer.waitUntil("playing");
-}
 } // namespace
 
 TEST(RtspClient, PlaysPausesResumesAndStops)
 {
-    ScriptedCamera camera;
-    Viewer viewer(camera);
-    viewer.start();
-    ASSERT_TRUE(viewer.waitUntil("unit 0 2")) << viewer.log();
+    Viewer viewer;
+    ASSERT_TRUE(viewer.starts("unit 0 2")) << viewer.log();
     EXPECT_FALSE(viewer.client->start(QStringLiteral("rtsp://x/"))) << "while it plays";
     EXPECT_EQ(viewer.client->sessionId(), QStringLiteral("42"));
     EXPECT_EQ(viewer.client->state(), RtspClient::ePlaying);
@@ -42,32 +35,30 @@ TEST(RtspClient, PlaysPausesResumesAndStops)
     viewer.events.clear();
     EXPECT_TRUE(viewer.client->resume());
     ASSERT_TRUE(viewer.waitUntil("playing"));
-    EXPECT_FALSE(camera.last("PLAY").contains("Range")) << "it goes on where it was";
+    EXPECT_FALSE(viewer.camera.last("PLAY").contains("Range")) << "it goes on where it was";
     viewer.client->stop();
     EXPECT_FALSE(viewer.has("stopped")) << "not inside the call";
     ASSERT_TRUE(viewer.waitUntil("stopped"));
-    EXPECT_TRUE(camera.last("TEARDOWN").startsWith("TEARDOWN rtsp://127.0.0.1"));
-    EXPECT_TRUE(viewer.waitUntil([&] { return camera.connection().atEnd(); }));
+    EXPECT_TRUE(viewer.camera.last("TEARDOWN").startsWith("TEARDOWN rtsp://127.0.0.1"));
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.connection().atEnd(); }));
     viewer.events.clear();
-    viewer.start();
-    EXPECT_TRUE(viewer.waitUntil("playing")) << "it may be used again";
+    EXPECT_TRUE(viewer.starts("playing")) << "it may be used again";
 }
 
 TEST(RtspClient, TakesDatagramsInOrderFromTheServerOnly)
 {
-    ScriptedCamera camera(silent());
     RtspOptions options = udp();
     options.nReorderMs = 50;
-    Viewer viewer(camera, options);
-    ASSERT_TRUE(play(viewer)) << viewer.log();
-    EXPECT_EQ(camera.clientPort % 2, 0) << "RTCP on the odd one";
-    EXPECT_EQ(camera.rtpPort.take().size(), 12) << "a first packet opens the way";
-    EXPECT_GE(camera.rtcpPort.take().size(), 8);
+    Viewer viewer(silent(), options);
+    ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
+    EXPECT_EQ(viewer.camera.clientPort % 2, 0) << "RTCP on the odd one";
+    EXPECT_EQ(viewer.camera.rtpPort.take().size(), 12) << "a first packet opens the way";
+    EXPECT_GE(viewer.camera.rtcpPort.take().size(), 8);
     RawUdp stranger;
-    stranger.sendTo(camera.clientPort, rtp(0, 99));
+    stranger.sendTo(viewer.camera.clientPort, rtp(0, 99));
     for (const int sequence : {1, 3, 2, 4, 6})
-        camera.rtpPort.sendTo(camera.clientPort, rtp(0, sequence));
-    camera.rtcpPort.sendTo(camera.clientPort + 1, QByteArray::fromHex("80c9000111223344"));
+        viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, sequence));
+    viewer.camera.rtcpPort.sendTo(viewer.camera.clientPort + 1, QByteArray::fromHex("80c9000111223344"));
     ASSERT_TRUE(viewer.waitUntil("unit 0 6")) << viewer.log();
     QStringList units = viewer.events.filter(QStringLiteral("unit"));
     EXPECT_EQ(units.join(QLatin1Char(' ')), QStringLiteral("unit 0 1 unit 0 2 unit 0 3 unit 0 4 unit 0 6"));
@@ -87,16 +78,15 @@ TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
         {"no port", "RTP/AVP;unicast"},
         {"ports 0 and 1", "RTP/AVP;unicast;server_port=0-1"},
         {"another port", "RTP/AVP;unicast;server_port=9-10", false},
-        {"a name as source", "RTP/AVP;unicast;source=camera.local"},
+        {"a name as source", "RTP/AVP;unicast;source=viewer.camera.local"},
         {"an empty source", "RTP/AVP;unicast;source="},
         {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9"},
         {"one port for a pair", "RTP/AVP;server_port={rtp}"},
     };
     for (const auto& row : rows) {
-        ScriptedCamera camera(silent().on("SETUP", {setUp(row.transport)}));
-        Viewer viewer(camera, udp());
-        ASSERT_TRUE(play(viewer)) << row.name << viewer.log();
-        camera.rtpPort.sendTo(camera.clientPort, rtp(0, 5));
+        Viewer viewer(silent().on("SETUP", {setUp(row.transport)}), udp());
+        ASSERT_TRUE(viewer.starts("playing")) << row.name << viewer.log();
+        viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5));
         EXPECT_TRUE(viewer.waitUntil(
             [&] { return viewer.has("packet 0 5") || viewer.client->droppedPackets() == 1; }));
         EXPECT_EQ(viewer.has("packet 0 5"), row.bTaken) << row.name;
@@ -110,17 +100,15 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
         for (const Script& script : {group("RTP/AVP;multicast;destination=239.9.9.9;port=17000-17001"),
                  group("RTP/AVP;multicast")
                      .describes("v=0\nc=IN IP4 239.9.9.9/1\nm=audio 17000 RTP/AVP 0\n")}) {
-            ScriptedCamera camera(script);
-            Viewer viewer(camera, udp(RtspOptions::eMulticast));
-            ASSERT_TRUE(play(viewer)) << viewer.log();
-            EXPECT_TRUE(camera.last("SETUP").contains("Transport: RTP/AVP;multicast\r\n"));
-            camera.rtpPort.sendTo(17000, rtp(0, 5), "239.9.9.9");
+            Viewer viewer(script, udp(RtspOptions::eMulticast));
+            ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
+            EXPECT_TRUE(viewer.camera.last("SETUP").contains("Transport: RTP/AVP;multicast\r\n"));
+            viewer.camera.rtpPort.sendTo(17000, rtp(0, 5), "239.9.9.9");
             EXPECT_TRUE(viewer.waitUntil("unit 0 5")) << script.sdp.constData();
         }
-        ScriptedCamera camera(group("RTP/AVP;multicast;destination=127.0.0.1;port=17000-17001"));
-        Viewer viewer(camera, udp(RtspOptions::eMulticast));
-        viewer.start();
-        EXPECT_TRUE(viewer.waitUntil("error 461")) << "what is no group is not joined";
+        const Script noGroup = group("RTP/AVP;multicast;destination=127.0.0.1;port=17000-17001");
+        Viewer viewer(noGroup, udp(RtspOptions::eMulticast));
+        EXPECT_TRUE(viewer.starts("error 461")) << "what is no group is not joined";
     });
     if (!bMade)
         GTEST_SKIP() << kNoOwnNetwork;
@@ -164,12 +152,11 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
     ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
     for (const auto& row : rows) {
         describe = row.describe;
-        ScriptedCamera unused;
         RtspOptions options;
         options.transport = row.transport;
         if (row.bTrusted)
             options.tlsTrusted = certificates.authority();
-        Viewer viewer(unused, options);
+        Viewer viewer(Script(), options);
         viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
         EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
     }
@@ -177,40 +164,35 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
 
 TEST(RtspClient, GoesFromUdpToTcpWhenNothingComesAndRemembersIt)
 {
-    ScriptedCamera camera;
-    Viewer viewer(camera, udp(RtspOptions::eAutomatic));
-    viewer.start();
-    ASSERT_TRUE(viewer.waitUntil("unit 0")) << viewer.log();
+    Viewer viewer(Script(), udp(RtspOptions::eAutomatic));
+    ASSERT_TRUE(viewer.starts("unit 0")) << viewer.log();
     EXPECT_TRUE(viewer.has("transport 1"));
-    EXPECT_EQ(camera.count("TEARDOWN"), 1);
-    EXPECT_EQ(camera.count("OPTIONS"), 1);
-    EXPECT_EQ(camera.count("DESCRIBE"), 2) << "each connection begins with it";
-    EXPECT_EQ(camera.sockets.size(), 2U);
+    EXPECT_EQ(viewer.camera.count("TEARDOWN"), 1);
+    EXPECT_EQ(viewer.camera.count("OPTIONS"), 1);
+    EXPECT_EQ(viewer.camera.count("DESCRIBE"), 2) << "each connection begins with it";
+    EXPECT_EQ(viewer.camera.sockets.size(), 2U);
     EXPECT_EQ(viewer.events.filter(QStringLiteral("described")).size(), 1);
     viewer.client->stop();
     ASSERT_TRUE(viewer.waitUntil("stopped"));
     viewer.events.clear();
-    viewer.start();
-    ASSERT_TRUE(viewer.waitUntil("unit 0"));
+    ASSERT_TRUE(viewer.starts("unit 0"));
     EXPECT_FALSE(viewer.has("transport")) << "what worked is tried first";
 }
 
 TEST(RtspClient, KeepsTheSessionAsTheServerUnderstandsIt)
 {
-    ScriptedCamera camera(on("SETUP", {setUp("{transport}", "42;timeout=20")})
-                              .on("PLAY", {answer("Session: 42;timeout=1")})
-                              .on("GET_PARAMETER", {refuses("405 Method Not Allowed")})
-                              .on("SET_PARAMETER", {QByteArray()})); // never answered
-    Viewer viewer(camera);
-    viewer.start();
-    ASSERT_TRUE(viewer.waitUntil("unit 0"));
+    Viewer viewer(on("SETUP", {setUp("{transport}", "42;timeout=20")})
+                      .on("PLAY", {answer("Session: 42;timeout=1")})
+                      .on("GET_PARAMETER", {refuses("405 Method Not Allowed")})
+                      .on("SET_PARAMETER", {QByteArray()})); // never answered
+    ASSERT_TRUE(viewer.starts("unit 0"));
     EXPECT_EQ(viewer.client->sessionTimeout(), 1) << "the last holds";
-    EXPECT_TRUE(viewer.waitUntil([&] { return camera.count("SET_PARAMETER") == 2; }))
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.count("SET_PARAMETER") == 2; }))
         << "an answer that is missing is no error";
-    EXPECT_EQ(camera.count("GET_PARAMETER"), 1) << "the next one after an error";
-    const QByteArray base = camera.url() + ' ';
-    EXPECT_TRUE(camera.last("GET_PARAMETER").startsWith("GET_PARAMETER " + base));
-    EXPECT_TRUE(camera.last("SET_PARAMETER").contains("Session: 42"));
+    EXPECT_EQ(viewer.camera.count("GET_PARAMETER"), 1) << "the next one after an error";
+    const QByteArray base = viewer.camera.url() + ' ';
+    EXPECT_TRUE(viewer.camera.last("GET_PARAMETER").startsWith("GET_PARAMETER " + base));
+    EXPECT_TRUE(viewer.camera.last("SET_PARAMETER").contains("Session: 42"));
     EXPECT_FALSE(viewer.has("error")) << viewer.log();
 }
 
@@ -230,19 +212,17 @@ TEST(RtspClient, ASessionIsKeptAtHalfOfItsTimeAtMostThirtySecondsApart)
 
 TEST(RtspClient, AnswersAKeepAliveWhoseNonceHasExpired)
 {
-    ScriptedCamera camera(on("DESCRIBE", {asksDigest("n1"), describes()})
-                              .on("SETUP", {setUp("{transport}", "42;timeout=1")})
-                              .on("GET_PARAMETER", {asksDigest("n2"), answer()})
-                              .on("TEARDOWN", {asksDigest("n3"), answer()}));
-    Viewer viewer(camera);
-    viewer.start(QByteArray(), "user", "secret");
-    ASSERT_TRUE(viewer.waitUntil("unit 0")) << viewer.log();
-    EXPECT_TRUE(viewer.waitUntil([&] { return camera.count("GET_PARAMETER") == 2; }));
-    EXPECT_TRUE(camera.last("GET_PARAMETER").contains("nonce=\"n2\""));
+    Viewer viewer(on("DESCRIBE", {asksDigest("n1"), describes()})
+                      .on("SETUP", {setUp("{transport}", "42;timeout=1")})
+                      .on("GET_PARAMETER", {asksDigest("n2"), answer()})
+                      .on("TEARDOWN", {asksDigest("n3"), answer()}));
+    ASSERT_TRUE(viewer.starts("unit 0", "user", "secret")) << viewer.log();
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.count("GET_PARAMETER") == 2; }));
+    EXPECT_TRUE(viewer.camera.last("GET_PARAMETER").contains("nonce=\"n2\""));
     viewer.client->stop();
     EXPECT_TRUE(viewer.waitUntil("stopped"));
-    EXPECT_EQ(camera.count("TEARDOWN"), 2);
-    EXPECT_TRUE(camera.last("TEARDOWN").contains("nonce=\"n3\""));
+    EXPECT_EQ(viewer.camera.count("TEARDOWN"), 2);
+    EXPECT_TRUE(viewer.camera.last("TEARDOWN").contains("nonce=\"n3\""));
 }
 
 TEST(RtspClient, EachTimeLimitHasItsSentence)
@@ -264,18 +244,15 @@ TEST(RtspClient, EachTimeLimitHasItsSentence)
     for (const auto& row : rows) {
         RtspOptions options = row.bUdp ? udp() : Viewer::tcp();
         options.timeouts.*row.limit = 100;
-        ScriptedCamera camera(row.script);
-        Viewer viewer(camera, options);
-        viewer.start();
-        EXPECT_TRUE(viewer.waitUntil("error 10060")) << viewer.log();
+        Viewer viewer(row.script, options);
+        EXPECT_TRUE(viewer.starts("error 10060")) << viewer.log();
         EXPECT_TRUE(viewer.has(row.text)) << viewer.log();
-        EXPECT_EQ(camera.count("TEARDOWN"), row.nTeardowns) << row.text;
+        EXPECT_EQ(viewer.camera.count("TEARDOWN"), row.nTeardowns) << row.text;
     }
     RtspOptions options = Viewer::tcp();
     options.timeouts.nConnect = 100;
     seams::holdLookups(true);
-    ScriptedCamera camera;
-    Viewer viewer(camera, options);
+    Viewer viewer(Script(), options);
     viewer.start("rtsp://slow.name/");
     EXPECT_TRUE(viewer.waitUntil("error 10060"));
     EXPECT_TRUE(viewer.has("no connection within 0.1 s")) << viewer.log();
@@ -291,15 +268,14 @@ TEST(RtspClient, WaitsForATeardownAndTriesOnceMoreOverUdp)
     } rows[] = {{Viewer::tcp(), "", 1}, {udp(), "", 2}, {udp(), refuses("454 Session Not Found"), 1},
         {udp(), refuses("500 Oh"), 1}};
     for (const auto& row : rows) {
-        ScriptedCamera camera(silent().on("TEARDOWN", {row.first, answer()}));
         RtspOptions options = row.options;
         options.timeouts.nTeardown = 100;
-        Viewer viewer(camera, options);
-        ASSERT_TRUE(play(viewer));
+        Viewer viewer(silent().on("TEARDOWN", {row.first, answer()}), options);
+        ASSERT_TRUE(viewer.starts("playing"));
         viewer.client->stop();
         EXPECT_TRUE(viewer.waitUntil("stopped"));
-        EXPECT_EQ(camera.sockets.size(), row.connections);
-        EXPECT_EQ(camera.count("TEARDOWN"), static_cast<int>(row.connections));
+        EXPECT_EQ(viewer.camera.sockets.size(), row.connections);
+        EXPECT_EQ(viewer.camera.count("TEARDOWN"), static_cast<int>(row.connections));
     }
 }
 
@@ -308,46 +284,40 @@ TEST(RtspClient, TellsTheEndOfAConnectionAndFreesTheServer)
     for (const bool bUdp : {false, true}) {
         Script script = silent();
         script.bCloseAfterPlay = true;
-        ScriptedCamera camera(script);
-        Viewer viewer(camera, bUdp ? udp() : Viewer::tcp());
-        viewer.start();
-        ASSERT_TRUE(viewer.waitUntil("error 10054")) << viewer.log();
+        Viewer viewer(script, bUdp ? udp() : Viewer::tcp());
+        ASSERT_TRUE(viewer.starts("error 10054")) << viewer.log();
         EXPECT_TRUE(viewer.has("the server ended the connection, behind ")) << viewer.log();
-        EXPECT_EQ(camera.count("TEARDOWN"), bUdp ? 1 : 0) << "on a connection of its own";
+        EXPECT_EQ(viewer.camera.count("TEARDOWN"), bUdp ? 1 : 0) << "on a connection of its own";
     }
 }
 
 TEST(RtspClient, ReportsWhatItReceives)
 {
-    ScriptedCamera camera;
     RtspOptions options = Viewer::tcp();
     options.nReportMs = 50;
-    Viewer viewer(camera, options);
+    Viewer viewer(Script(), options);
     QVector<RtspTrackStatistics> told;
     QObject::connect(viewer.client.get(), &RtspClient::statistics, viewer.client.get(),
         [&](const QVector<RtspTrackStatistics>& all) { told = all; });
-    viewer.start();
-    ASSERT_TRUE(viewer.waitUntil("unit 0 2"));
+    ASSERT_TRUE(viewer.starts("unit 0 2"));
     EXPECT_TRUE(viewer.waitUntil([&] { return told.size() == 1; }));
     EXPECT_EQ(told.value(0).nPackets, 2U);
     EXPECT_EQ(told.value(0).nUnits, 2U);
     EXPECT_GT(told.value(0).nBitsPerSecond, 0U);
-    EXPECT_TRUE(viewer.waitUntil([&] { return camera.reports >= 2; }));
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.reports >= 2; }));
 }
 
 TEST(RtspClient, FollowsANewSourceOnceTheOldOneIsSilent)
 {
-    ScriptedCamera camera;
     RtspOptions options = Viewer::tcp();
     options.timeouts.nSilence = 0;
-    Viewer viewer(camera, options);
-    viewer.start();
-    ASSERT_TRUE(viewer.waitUntil("unit 0 2"));
-    camera.connection().write(framed(0, rtp(0, 50, 0x99)) + framed(0, rtp(0, 3)));
+    Viewer viewer(Script(), options);
+    ASSERT_TRUE(viewer.starts("unit 0 2"));
+    viewer.camera.connection().write(framed(0, rtp(0, 50, 0x99)) + framed(0, rtp(0, 3)));
     ASSERT_TRUE(viewer.waitUntil("unit 0 3"));
     EXPECT_FALSE(viewer.has("packet 0 50")) << "while the first one flows";
     seams::clockOffsetMs = 2100;
-    camera.connection().write(framed(0, rtp(0, 60, 0x99)) + framed(0, rtp(0, 61, 0x99)));
+    viewer.camera.connection().write(framed(0, rtp(0, 60, 0x99)) + framed(0, rtp(0, 61, 0x99)));
     ASSERT_TRUE(viewer.waitUntil("unit 0 61")) << viewer.log();
     const RtspTrackStatistics counts = viewer.client->trackStatistics().first();
     EXPECT_EQ(counts.nStrangers, 1U);
@@ -359,15 +329,14 @@ TEST(RtspClient, SendsCredentialsToNoOtherHost)
 {
     seams::setName("elsewhere", {"127.0.0.1"});
     for (const bool bAllowed : {false, true}) {
-        ScriptedCamera camera(on("DESCRIBE",
-            {asksBasic(), answer("Location: rtsp://elsewhere:{port}/", "302 Found"), asksBasic(),
-                describes()}));
         RtspOptions options = Viewer::tcp();
         options.bCredentialsToOtherHosts = bAllowed;
-        Viewer viewer(camera, options);
-        viewer.start(QByteArray(), "user", "secret");
-        EXPECT_TRUE(viewer.waitUntil(bAllowed ? "unit 0" : "error 401")) << viewer.log();
-        EXPECT_EQ(camera.last("DESCRIBE").contains("Authorization"), bAllowed);
+        Viewer viewer(on("DESCRIBE",
+                          {asksBasic(), answer("Location: rtsp://elsewhere:{port}/", "302 Found"),
+                              asksBasic(), describes()}),
+            options);
+        EXPECT_TRUE(viewer.starts(bAllowed ? "unit 0" : "error 401", "user", "secret")) << viewer.log();
+        EXPECT_EQ(viewer.camera.last("DESCRIBE").contains("Authorization"), bAllowed);
     }
 }
 
@@ -385,8 +354,7 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
             const bool bTransport = moment == QLatin1String("transport");
             if (bTransport)
                 script.answers["SETUP"] = {refuses("461 No"), setUp()};
-            ScriptedCamera camera(script);
-            Viewer viewer(camera, bTransport ? udp(RtspOptions::eAutomatic) : Viewer::tcp());
+            Viewer viewer(script, bTransport ? udp(RtspOptions::eAutomatic) : Viewer::tcp());
             bool bActed = false;
             viewer.onEvent = [&](const QString& event) {
                 if (moment == QLatin1String("paused") && event == QLatin1String("unit 0 1"))
@@ -415,9 +383,8 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
 
 TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
 {
-    ScriptedCamera camera(silent());
-    Viewer viewer(camera);
-    ASSERT_TRUE(play(viewer));
+    Viewer viewer(silent());
+    ASSERT_TRUE(viewer.starts("playing"));
     QByteArray seen;
     const auto take = [&](int, const RTPPacket& packet, const RtpArrival&) {
         viewer.client.reset();
@@ -426,28 +393,26 @@ TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
     };
     QObject::connect(viewer.client.get(), &RtspClient::packetReceived, take);
     const QByteArray bytes = framed(0, rtp(0, 1, 1, QByteArray(1000, 'p')));
-    camera.connection().write(bytes.left(500)); // joined from its pieces
+    viewer.camera.connection().write(bytes.left(500)); // joined from its pieces
     settle(10);
-    camera.connection().write(bytes.mid(500));
+    viewer.camera.connection().write(bytes.mid(500));
     EXPECT_TRUE(viewer.waitUntil([&] { return viewer.client == nullptr; }));
     EXPECT_EQ(seen, QByteArray(1000, 'p'));
 }
 
 TEST(RtspClient, SurvivesAnEventLoopInAHandler)
 {
-    ScriptedCamera camera;
-    Viewer viewer(camera);
+    Viewer viewer;
     int depth = 0;
     viewer.onEvent = [&](const QString& event) {
         if (event != QLatin1String("unit 0 1"))
             return;
         EXPECT_EQ(++depth, 1);
-        camera.connection().write(framed(0, rtp(0, 3)));
+        viewer.camera.connection().write(framed(0, rtp(0, 3)));
         settle(20);
         EXPECT_FALSE(viewer.has("unit 0 3")) << "signals do not overtake each other";
     };
-    viewer.start();
-    EXPECT_TRUE(viewer.waitUntil("unit 0 3")) << viewer.log();
+    EXPECT_TRUE(viewer.starts("unit 0 3")) << viewer.log();
 }
 
 TEST(RtspClient, HostileServersCostLittle)
@@ -465,10 +430,8 @@ TEST(RtspClient, HostileServersCostLittle)
         {"requests without end", on("OPTIONS", {asks.repeated(20000) + answer()})},
         {"a length that never comes", Script().sends(framed(0, rtp(0, 1)) + QByteArray("$\0\xFF\xFFzz", 6))}};
     for (const auto& row : rows) {
-        ScriptedCamera camera(row.script);
-        Viewer viewer(camera);
-        viewer.start();
-        EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
+        Viewer viewer(row.script);
+        EXPECT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
         viewer.client->stop();
         EXPECT_TRUE(viewer.waitUntil("stopped")) << row.name;
     }

@@ -15,14 +15,13 @@ struct Row {
 void run(const std::vector<Row>& rows)
 {
     for (const Row& row : rows) {
-        ScriptedCamera camera(row.script);
-        Viewer viewer(camera, row.options);
-        viewer.start(camera.url(row.path), "user", "secret");
+        Viewer viewer(row.script, row.options);
+        viewer.start(viewer.camera.url(row.path), "user", "secret");
         EXPECT_TRUE(viewer.waitUntil([&] { return viewer.has(row.until) || viewer.has("error"); }));
         EXPECT_TRUE(viewer.has(row.until)) << row.name << ": " << viewer.log();
         EXPECT_LE(viewer.events.filter(QStringLiteral("error")).size(), 1) << row.name;
-        QByteArray sent = camera.requests.join();
-        sent.replace("127.0.0.1:" + QByteArray::number(camera.listener.port()), "H");
+        QByteArray sent = viewer.camera.requests.join();
+        sent.replace("127.0.0.1:" + QByteArray::number(viewer.camera.listener.port()), "H");
         int at = 0;
         for (const char* part : row.sent) { // each behind the one before it
             at = sent.indexOf(part, at) + static_cast<int>(qstrlen(part));
@@ -148,8 +147,8 @@ TEST(RtspServers, Urls)
         {"a base without scheme", based("Content-Base: 127.0.0.1:{port}/w/", "", "a=control:t1\n"),
             {"SETUP rtsp://H/w/t1 "}},
         {"a base with another host's name",
-            based("Content-Base: rtsp://camera.local/live/", "", "a=control:t1\n"),
-            {"SETUP rtsp://camera.local/live/t1 ", "PLAY rtsp://camera.local/live/ "}},
+            based("Content-Base: rtsp://viewer.camera.local/live/", "", "a=control:t1\n"),
+            {"SETUP rtsp://viewer.camera.local/live/t1 ", "PLAY rtsp://viewer.camera.local/live/ "}},
         {"an absolute session control", based("", "a=control:rtsp://inner/agg\n", "a=control:t1\n"),
             {"SETUP rtsp://inner/agg/t1 ", "PLAY rtsp://inner/agg "}},
         {"an absolute track control with localhost", track("rtsp://localhost/live/t1"),

@@ -215,7 +215,7 @@ private:
 class Viewer
 {
 public:
-    explicit Viewer(ScriptedCamera& camera, const RtspOptions& options = tcp()) : m_camera(camera)
+    explicit Viewer(const Script& script = Script(), const RtspOptions& options = tcp()) : camera(script)
     {
         client = std::make_unique<RtspClient>();
         client->setOptions(options);
@@ -255,8 +255,13 @@ public:
     }
     void start(const QByteArray& url = QByteArray(), const char* user = "", const char* password = "")
     {
-        client->start(QString::fromLatin1(url.isEmpty() ? m_camera.url() : url), QString::fromLatin1(user),
+        client->start(QString::fromLatin1(url.isEmpty() ? camera.url() : url), QString::fromLatin1(user),
             QString::fromLatin1(password));
+    }
+    bool starts(const char* until, const char* user = "", const char* password = "")
+    {
+        start({}, user, password);
+        return waitUntil(until);
     }
     bool waitUntil(const char* event)
     {
@@ -265,7 +270,7 @@ public:
     bool waitUntil(const std::function<bool()>& condition)
     {
         return waitFor([&] {
-            m_camera.serve();
+            camera.serve();
             return condition();
         });
     }
@@ -279,11 +284,11 @@ public:
     }
     std::string log() const { return events.join(QStringLiteral(", ")).toStdString(); }
 
+    ScriptedCamera camera;
     std::unique_ptr<RtspClient> client;
     QStringList events;
     std::function<void(const QString&)> onEvent;
 
 private:
-    ScriptedCamera& m_camera;
     LogCapture m_quiet;
 };
