@@ -6,24 +6,14 @@
 
 namespace
 {
+unsigned long s_nLooks = 0;
+
 // A line that counts how often lines are looked at.
 struct Line {
     int value = 0;
-    static unsigned long s_nLooks;
-
-    bool operator==(const Line& other) const
-    {
-        ++s_nLooks;
-        return value == other.value;
-    }
+    bool operator==(const Line& other) const { return ++s_nLooks > 0 && value == other.value; }
 };
-unsigned long Line::s_nLooks = 0;
-
-uint qHash(const Line& line, uint seed)
-{
-    ++Line::s_nLooks;
-    return ::qHash(line.value, seed);
-}
+uint qHash(const Line& line, uint seed) { return ++s_nLooks > 0 ? ::qHash(line.value, seed) : 0; }
 
 unsigned long looksAt(int count, bool bAlike)
 {
@@ -34,9 +24,9 @@ unsigned long looksAt(int count, bool bAlike)
         if (i % 2 == 0)
             kept.push_back(given.back());
     }
-    Line::s_nLooks = 0;
+    s_nLooks = 0;
     EXPECT_EQ(missingLines(given, kept).size(), std::size_t(count) / 2);
-    return Line::s_nLooks;
+    return s_nLooks;
 }
 } // namespace
 

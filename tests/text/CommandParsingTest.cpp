@@ -10,15 +10,22 @@ namespace
 {
 QString q(const char* text) { return QString::fromUtf8(text); }
 
-std::string tokens(const char* text, const char* separators = " ", bool bStrip = true)
+std::string tokens(const char* text, const char* separators, bool bStrip)
 {
     QStringList out{QStringLiteral("x")};
     parseSubStrings(q(text), &out, q(separators), bStrip, false);
     EXPECT_EQ(out.takeFirst(), QStringLiteral("x")) << "the list is added to";
-    std::string all;
-    for (const QString& token : out)
-        all += '[' + token.toStdString() + ']';
-    return all;
+    for (QString& token : out)
+        token = QLatin1Char('[') + token + QLatin1Char(']');
+    return out.join(QString()).toStdString();
+}
+
+QString randomText(std::mt19937* random, unsigned int most, const char* letters)
+{
+    QString text;
+    for (unsigned int i = (*random)() % most; i > 0; --i)
+        text += QLatin1Char(letters[(*random)() % qstrlen(letters)]);
+    return text;
 }
 
 QMap<QString, QVariant> parameters(const char* text, QString* command = nullptr)
@@ -34,26 +41,25 @@ QMap<QString, QVariant> parameters(const char* text, QString* command = nullptr)
 
 TEST(CommandParsing, Tokenises)
 {
-    EXPECT_EQ(tokens("a  b"), "[a][b]");
-    EXPECT_EQ(tokens("\"a b\" c"), "[a b][c]");
-    EXPECT_EQ(tokens("\"a b\" c", " ", false), "[\"a b\"][c]");
-    EXPECT_EQ(tokens("x\\ty"), "[x\ty]");
-    EXPECT_EQ(tokens("x\\ty", " ", false), "[x\\ty]");
-    EXPECT_EQ(tokens(""), "");
-    EXPECT_EQ(tokens("   "), "");
-    EXPECT_EQ(tokens("\"\""), "[]") << "a quoted empty string is a token";
-    EXPECT_EQ(tokens("a \"\" b"), "[a][][b]");
-    EXPECT_EQ(tokens(";\" a \";", ";"), "[a]") << "trimmed, quoted or not";
-    EXPECT_EQ(tokens("\"open ; end", ";"), "[open ; end]");
-    EXPECT_EQ(tokens("a\\"), "[a]");
-    EXPECT_EQ(tokens("a\\;b;c", ";"), "[a;b][c]");
-    EXPECT_EQ(tokens("a\"b\"c"), "[abc]");
-    EXPECT_EQ(tokens("a\"b", "\""), "[a][b]") << "a separator first, whatever else it is";
-    EXPECT_EQ(tokens("a\\b", "\\"), "[a][b]");
-    EXPECT_EQ(tokens("\\x\\n\\\\", "x"), "[x\n\\]");
-    EXPECT_EQ(tokens("\"a\\\"b\\n;\" c\\\" d", " "), "[a\"b\n;][c\"][d]") << "escapes in and out of quotes";
-    EXPECT_EQ(tokens("\"a\\\"b\\n;\" c", " ", false), "[\"a\\\"b\\n;\"][c]") << "and nothing is taken away";
-    EXPECT_EQ(tokens("one\\ two\" three\"four"), "[one two threefour]") << "quotes inside a token";
+    const struct {
+        const char* text;
+        const char* tokens;
+        const char* separators = " ";
+        bool bStrip = true;
+    } rows[] = {
+        {"a  b", "[a][b]"}, {R"("a b" c)", "[a b][c]"}, {R"("a b" c)", R"(["a b"][c])", " ", false},
+        {R"(x\ty)", "[x\ty]"}, {R"(x\ty)", R"([x\ty])", " ", false}, {"", ""}, {"   ", ""},
+        {R"("")", "[]"}, // a quoted empty string is a token
+        {R"(a "" b)", "[a][][b]"}, {R"(;" a ";)", "[a]", ";"}, // trimmed, quoted or not
+        {R"("open ; end)", "[open ; end]", ";"}, {R"(a\)", "[a]"}, {R"(a\;b;c)", "[a;b][c]", ";"},
+        {R"(a"b"c)", "[abc]"}, {R"(a"b)", "[a][b]", "\""}, // a separator first, whatever else it is
+        {R"(a\b)", "[a][b]", "\\"}, {R"(\x\n\\)", "[x\n\\]", "x"},
+        {R"("a\"b\n;" c\" d)", "[a\"b\n;][c\"][d]"}, // escapes in and out of quotes
+        {R"("a\"b\n;" c)", R"(["a\"b\n;"][c])", " ", false}, // and nothing is taken away
+        {R"(one\ two" three"four)", "[one two threefour]"}, // quotes inside a token
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(tokens(row.text, row.separators, row.bStrip), row.tokens) << row.text;
 }
 
 TEST(CommandParsing, EscapesAndTakesItBack)
@@ -61,10 +67,7 @@ TEST(CommandParsing, EscapesAndTakesItBack)
     EXPECT_EQ(escapeString(q("a\r\n\t\"\\;b"), q(";")), q("a\\r\\n\\t\\\"\\\\\\;b"));
     std::mt19937 random(9);
     for (int round = 0; round < 5000; ++round) {
-        QString text;
-        for (unsigned int i = random() % 12; i > 0; --i)
-            text += QLatin1Char("ab \"\\\r\n\t;"[random() % 9]);
-        text = QLatin1Char('x') + text + QLatin1Char('x');
+        const QString text = q("x") + randomText(&random, 12, "ab \"\\\r\n\t;") + q("x");
         ASSERT_EQ(deEscapeString(escapeString(text, QString())), text);
     }
     EXPECT_EQ(deEscapeString(QString()), QString());
@@ -77,27 +80,28 @@ TEST(CommandParsing, EscapesAndTakesItBack)
 
 TEST(CommandParsing, ParsesCommands)
 {
-    QString command;
-    auto params = parameters("set:Name=Cam1;Mode", &command);
-    EXPECT_EQ(command, q("set"));
-    EXPECT_EQ(params.size(), 2);
-    EXPECT_EQ(params.value(q("name")), QVariant(q("Cam1")));
-    EXPECT_TRUE(params.contains(q("Mode")) && !params.value(q("Mode")).isValid()) << "its case is kept";
-    params = parameters("a=1;b=2", &command);
-    EXPECT_EQ(command, QString());
-    EXPECT_EQ(params.size(), 2);
-    params = parameters("cmd:url=rtsp://h:554/x?a=b=c", &command);
-    EXPECT_EQ(command, q("cmd"));
-    EXPECT_EQ(params.value(q("url")), QVariant(q("rtsp://h:554/x?a=b=c")));
-    EXPECT_TRUE(parameters("", &command).isEmpty());
-    EXPECT_EQ(command, QString());
-    EXPECT_TRUE(parameters(":;;", &command).isEmpty());
-    EXPECT_EQ(parameters("c:a=1;A=2").value(q("a")), QVariant(q("2"))) << "a later one replaces";
-    EXPECT_EQ(parameters("c:==").size(), 0);
-    EXPECT_EQ(parameters("c:k=\"\"").value(q("k")), QVariant())
-        << "quotes protect one level of splitting only";
-    params = parameters(("login:user=u;password=" + StrHlp::toHex(q("geheim")).toStdString()).c_str());
-    EXPECT_EQ(params.value(q("password")), QVariant(q("geheim")));
+    const std::string hex = StrHlp::toHex(q("geheim")).toStdString();
+    const struct {
+        std::string text;
+        const char* told; // command, and key=value in order; a key without value is without =
+    } rows[] = {
+        {"set:Name=Cam1;Mode", "set Mode name=Cam1"}, // the case of a key without value is kept
+        {"a=1;b=2", " a=1 b=2"},
+        {"cmd:url=rtsp://h:554/x?a=b=c", "cmd url=rtsp://h:554/x?a=b=c"},
+        {"", ""},
+        {":;;", ""},
+        {"c:a=1;A=2", "c a=2"}, // a later one replaces
+        {"c:==", "c"},
+        {"c:k=\"\"", "c k"}, // quotes protect one level of splitting only
+        {"login:user=u;password=" + hex, "login password=geheim user=u"},
+    };
+    for (const auto& row : rows) {
+        QString told;
+        const auto params = parameters(row.text.c_str(), &told);
+        for (auto each = params.begin(); each != params.end(); ++each)
+            told += q(" ") + each.key() + (each->isValid() ? q("=") + each->toString() : QString());
+        EXPECT_EQ(told, q(row.told)) << row.text;
+    }
 }
 
 TEST(CommandParsing, ParsesDefinitions)
@@ -126,9 +130,8 @@ TEST(CommandParsing, SplitsAsItsThreeStepsSay)
     };
     std::mt19937 random(5);
     for (int round = 0; round < 20000; ++round) {
-        QString text;
-        for (unsigned int i = random() % 24; i > 0; --i) // half of the texts without quotes and backslashes
-            text += QLatin1Char("aB :;==\t:;\"\\"[random() % (round % 2 == 0 ? 10 : 12)]);
+        // Half of the texts without quotes and backslashes.
+        const QString text = randomText(&random, 24, round % 2 == 0 ? "aB :;==\t:;" : "aB :;==\t:;\"\\");
         const QStringList parts = split(text, ":");
         QMap<QString, QVariant> expected;
         QStringList items;
@@ -155,10 +158,8 @@ TEST(CommandParsing, ValuesThatWereEscapedForEachSplitComeBack)
     const auto guarded = [](const QString& s) { return escapeString(s, QStringLiteral(":;=")); };
     std::mt19937 random(6);
     for (int round = 0; round < 3000; ++round) {
-        QString value = q(round == 0 ? "x;role=admin" : "x");
-        for (unsigned int i = random() % 12; i > 0; --i)
-            value += QLatin1Char("a \"\\\r\n\t;:="[random() % 10]);
-        value += QLatin1Char('x');
+        const QString value
+            = q(round == 0 ? "x;role=admin" : "x") + randomText(&random, 12, "a \"\\\r\n\t;:=") + q("x");
         const QString twice = guarded(guarded(value));
         const QString line = q("login:role=guest;password=");
         for (const QString& text : {guarded(twice), StrHlp::toHex(guarded(twice))}) {
