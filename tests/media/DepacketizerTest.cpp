@@ -1,6 +1,6 @@
 // Packets that are written by hand, in tables: what a camera sends, and the units that come of it.
 #include "media/AnnexBSplitter_p.h"
-#include "media/Table.h"
+#include "support/Table.h"
 #include "media/UnitBuffer_p.h"
 #include "support/Seams.h"
 

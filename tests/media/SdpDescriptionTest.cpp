@@ -1,4 +1,4 @@
-#include "media/Table.h"
+#include "support/Table.h"
 
 #include <KepNuvikaUtil/SdpDescription.h>
 

@@ -4,7 +4,7 @@ import os
 import subprocess
 import unittest
 
-from peers import PeerTest, free_port, tool
+from peers import PeerTest, free_port
 from web_server_cases import WebServerCases
 
 CONFIG = """
@@ -82,16 +82,13 @@ class Apache(WebServerCases, PeerTest):
     def test_form_upload_with_basic_and_digest(self):
         body = self.write("body.bin", "x" * 50000)
         for path in ("/basic/form", "/digest/form"):
-            result = tool("get", self.url(path, "us%40er:se%3Acret@"), "--form", body, "--type", "image/jpeg")
-            self.assertEqual(result.returncode, 0, result.stderr)
-            self.assertEqual(result.stdout.decode(),
-                             'form-data; name="file"; filename="body.bin" image/jpeg 50000 True\n')
+            out, _ = self.check_tool(0, "get", self.url(path, "us%40er:se%3Acret@"), "--form", body, "--type", "image/jpeg")
+            self.assertEqual(out, b'form-data; name="file"; filename="body.bin" image/jpeg 50000 True\n')
 
     def test_post_and_put_from_a_file(self):
         body = self.write("body.txt", "x" * 50000)
-        for option in ("--post", "--put"):
-            result = tool("get", self.url("/digest/picture.jpg", "us%40er:se%3Acret@"), option, body)
-            self.assertEqual(result.returncode, 22 if option == "--put" else 0, result.stderr)
+        for code, option in ((0, "--post"), (22, "--put")):
+            self.check_tool(code, "get", self.url("/digest/picture.jpg", "us%40er:se%3Acret@"), option, body)
 
 
 if __name__ == "__main__":

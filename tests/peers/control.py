@@ -68,9 +68,7 @@ class Control(PeerTest):
     def test_status_and_commands_of_a_recorder(self):
         with demo("--cameras", "2") as (_, _, commands):
             time.sleep(3)
-            status = tool("status", commands)
-            self.assertEqual(status.returncode, 0, status.stderr)
-            lines = status.stdout.decode().splitlines()
+            lines = self.check_tool(0, "status", commands)[0].decode().splitlines()
             self.assertEqual([line.split()[0] for line in lines[1:]], ["cam_camera1_0001", "cam_camera2_0002"])
             self.assertRegex(lines[1], r"camera 1 +\d+\.\d +0\.\d\d +0\.\d\d +0\.00 +receiving +\d\d:\d\d:\d\d-\d\d:\d\d:\d\d")
             with process([TOOL, "status", commands, "--watch"], stdout=subprocess.PIPE, text=True) as watching, watching.stdout:
@@ -81,13 +79,12 @@ class Control(PeerTest):
             self.assertTrue(picture.startswith(b"\xff\xd8") and picture.endswith(b"\xff\xd9"))
             for command, says in (("snapshot:camera=cam_x", 'no camera "cam_x"; status lists them'),
                                   ("dance", 'no command "dance"; help lists them')):
-                wrong = tool("send", commands, command)
-                self.assertEqual((wrong.returncode, wrong.stderr.decode()), (1, f"nuvika: {says}\n"))
+                self.assertEqual(self.check_tool(1, "send", commands, command)[1], f"nuvika: {says}\n")
             with socket.create_connection(commands.split(":")) as stranger:
                 stranger.sendall(b"GET / HTTP/1.1\r\n\r\n" + b"GEUD" + struct.pack(">I", 4) + b"xxxx")
             self.assertEqual(tool("send", commands, "help").returncode, 0, "a stranger does no harm")
-        self.assertEqual(tool("status", commands).returncode, 7)
-        self.assertEqual(tool("status", "nonsense").returncode, 2)
+        self.check_tool(7, "status", commands)
+        self.check_tool(2, "status", "nonsense")
 
     def test_watch_takes_its_cameras_from_a_file(self):
         password = "semi;colon=\"quoted\""
@@ -95,8 +92,7 @@ class Control(PeerTest):
         with web_server(200, [("Content-Type", "image/jpeg"), ("WWW-Authenticate", 'Basic realm="camera"')], PICTURE, user) as camera:
             line = f"name=Gate 7;url=http://{camera}/picture;user=viewer;password="
             good = self.write("good.conf", f"# the gate\n\n{line}{self.encoded(password)}\n")
-            result = tool("watch", "--config", good, "--port", "0", "--seconds", "3")
-            self.assertEqual(result.returncode, 0, result.stdout)
+            self.check_tool(0, "watch", "--config", good, "--port", "0", "--seconds", "3")
         marked = self.encoded("x")
         for text, reason in (
                 (f"{line}plain", "line 1: the password is no marked hex string: make one with nuvika password encode"),
@@ -107,8 +103,7 @@ class Control(PeerTest):
                 ("url=http://x/;pasword=1", 'line 1: "pasword" is none of name, url, user, password'),
                 ("url=http://x/;user", 'line 1: "user" has no value')):
             name = self.write("bad.conf", text + "\n")
-            result = tool("watch", "--config", name)
-            self.assertEqual((result.returncode, result.stderr.decode()), (2, f"nuvika: {name}, {reason}\n"))
+            self.assertEqual(self.check_tool(2, "watch", "--config", name)[1], f"nuvika: {name}, {reason}\n")
 
 
 if __name__ == "__main__":

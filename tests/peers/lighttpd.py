@@ -3,7 +3,7 @@ import hashlib
 import unittest
 import urllib.parse
 
-from peers import PICTURE, PeerTest, free_port, tool
+from peers import PICTURE, PeerTest, free_port
 from web_server_cases import WebServerCases
 
 CONFIG = """
@@ -49,8 +49,7 @@ class Lighttpd(PeerTest):
 
     def test_names_are_sent_in_utf8(self):
         user, password = map(urllib.parse.quote, USERS[1])
-        result = tool("get", self.url("/sha/picture.jpg", f"{user}:{password}@"))
-        self.assertEqual((result.returncode, result.stdout), (0, PICTURE), result.stderr)
+        self.assertEqual(self.check_tool(0, "get", self.url("/sha/picture.jpg", f"{user}:{password}@"))[0], PICTURE)
 
 
 if __name__ == "__main__":

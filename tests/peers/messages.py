@@ -58,15 +58,14 @@ class Messages(PeerTest):
     def test_faults(self):
         for code, text, *arguments in FAULTS:
             with self.subTest(arguments):
-                result = tool(*(a.replace("FOLDER", self.folder) for a in arguments))
-                self.assertEqual(result.returncode, code, result.stderr)
-                self.assertIn(text.replace("FOLDER", self.folder), result.stderr.decode())
-                self.assertEqual(result.stderr.count(b"\n"), 1, result.stderr)
-                self.assertNotIn(b"secret", result.stderr)
+                _, errors = self.check_tool(code, *(a.replace("FOLDER", self.folder) for a in arguments))
+                self.assertIn(text.replace("FOLDER", self.folder), errors)
+                self.assertEqual(errors.count("\n"), 1, errors)
+                self.assertNotIn("secret", errors)
         with socket.create_server(("127.0.0.1", 0)) as taken:
-            result = tool("demo", "--port", str(taken.getsockname()[1]), "--seconds", "1")
-        self.assertEqual((result.returncode, b"cannot listen on port" in result.stderr), (1, True), result.stderr)
-        self.assertEqual(tool("nonsense").returncode, 2)
+            _, errors = self.check_tool(1, "demo", "--port", str(taken.getsockname()[1]), "--seconds", "1")
+        self.assertIn("cannot listen on port", errors)
+        self.check_tool(2, "nonsense")
 
     def test_help_and_readme_have_one_table_of_exit_codes(self):
         table = tool("--help").stdout.decode().split("Exit codes:\n")[1].splitlines()
@@ -100,26 +99,23 @@ class Messages(PeerTest):
         self.assertRegex(result.stdout, rb"\d\.\d\d Mbit/s  RTP \d\.\d\d Mbit/s, 0\.00 % lost\n")
 
     def test_passwords_that_would_not_come_back(self):
-        for text, code, says in ((b"a\0b", 1, b"zero byte"), (b"\xff\xfe", 1, b"not plain UTF-8"), (b"\xef\xbb\xbfx", 1, b"not plain UTF-8"),
-                                 (b"a" * 65537, 1, b"longer than 65536 bytes"), (b"", 26, b"nothing on standard input")):
+        for text, code, says in ((b"a\0b", 1, "zero byte"), (b"\xff\xfe", 1, "not plain UTF-8"), (b"\xef\xbb\xbfx", 1, "not plain UTF-8"),
+                                 (b"a" * 65537, 1, "longer than 65536 bytes"), (b"", 26, "nothing on standard input")):
             for end in (b"\n", b""):
                 with self.subTest(text=text[:9], end=end):
-                    result = tool("password", "encode", input=text + end)
-                    self.assertEqual((result.returncode, result.stdout), (code, b""), result.stderr)
-                    self.assertIn(says, result.stderr)
+                    out, errors = self.check_tool(code, "password", "encode", input=text + end)
+                    self.assertEqual((out, says in errors), (b"", True), errors)
         for text in (b"a" * 65536, "\u00fc \U0001f511".encode(), b" \t ", b"ends in CR\r"):
             marked = tool("password", "encode", input=text + b"\r\n").stdout
             self.assertEqual(tool("password", "decode", input=marked).stdout, text + b"\n")
 
     def test_answers_that_are_no_http(self):
         with socket.create_server(("127.0.0.1", 0)) as server:
-            child = subprocess.Popen([TOOL, "get", f"http://127.0.0.1:{server.getsockname()[1]}/"], stderr=subprocess.PIPE)
-            connection, _ = server.accept()
-            connection.sendall(b"SSH-2.0-peer\r\n\r\n")
-            _, errors = child.communicate(timeout=20)
-            connection.close()
-        self.assertEqual(child.returncode, 56)
-        self.assertIn(b"no HTTP", errors)
+            with process([TOOL, "get", f"http://127.0.0.1:{server.getsockname()[1]}/"], stderr=subprocess.PIPE) as child, child.stderr:
+                with server.accept()[0] as connection:
+                    connection.sendall(b"SSH-2.0-peer\r\n\r\n")
+                    self.assertIn(b"no HTTP", child.stderr.read())
+                self.assertEqual(child.wait(20), 56)
 
     def test_watch_goes_on_after_its_camera_comes_back(self):
         port = free_port()
@@ -139,17 +135,15 @@ class Messages(PeerTest):
         self.assertRegex(text, r"1 cameras, 1 pictures")
 
     def test_demo_serves_hundreds_of_cameras(self):
-        result = tool("demo", "--cameras", "100", "--port", "0", "--seconds", "5")
-        self.assertEqual(result.returncode, 0, result.stdout)
-        self.assertIn(b"100 of 100 cameras receiving", result.stdout)
-        rates = [float(r) for r in re.findall(rb"([\d.]+) pictures/s", result.stdout)]
+        out, _ = self.check_tool(0, "demo", "--cameras", "100", "--port", "0", "--seconds", "5")
+        self.assertIn(b"100 of 100 cameras receiving", out)
+        rates = [float(r) for r in re.findall(rb"([\d.]+) pictures/s", out)]
         self.assertGreater(rates[-1], 600, "pictures a second; the cameras send 1200")
 
     def test_wrong_password_of_a_camera(self):
         with web_server(401, [("WWW-Authenticate", 'Digest realm="r", nonce="n", qop="auth"')]) as camera:
-            result = tool("watch", f"http://u:wrong@{camera}/", "--port", "0", "--seconds", "2")
-        self.assertEqual(result.returncode, 1)
-        self.assertIn(b"delivered nothing: wrong user or password", result.stdout)
+            out, _ = self.check_tool(1, "watch", f"http://u:wrong@{camera}/", "--port", "0", "--seconds", "2")
+        self.assertIn(b"delivered nothing: wrong user or password", out)
 
 
 if __name__ == "__main__":

@@ -30,14 +30,19 @@ def free_ports():
             return first
 
 
-def wait_for_port(port, seconds=20):
+def wait_for(condition, what, seconds=30):
     end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        with socket.socket() as s:
-            if s.connect_ex(("127.0.0.1", port)) == 0:
-                return
+    while not condition():
+        if time.monotonic() > end:
+            raise TimeoutError(what)
         time.sleep(0.05)
-    raise TimeoutError(f"nobody listens on port {port}")
+
+
+def wait_for_port(port):
+    def answers():
+        with socket.socket() as s:
+            return s.connect_ex(("127.0.0.1", port)) == 0
+    wait_for(answers, f"nobody listens on port {port}")
 
 
 @contextlib.contextmanager
@@ -117,6 +122,12 @@ class PeerTest(unittest.TestCase):
     def nginx(self, port, config):
         config = self.write("nginx.conf", (NGINX_HEAD + config).format(folder=self.folder, port=port))
         self.serve(port, "nginx", "-p", self.folder, "-c", config, "-e", self.path("error.log"))
+
+    def check_tool(self, code, *arguments, **options):
+        """Runs the tool to this exit code; returns what it wrote to its output, and to its errors as text."""
+        result = tool(*arguments, **options)
+        self.assertEqual(result.returncode, code, result.stderr or result.stdout)
+        return result.stdout, result.stderr.decode()
 
     def check_watch(self, least, seconds, url, *arguments):
         """Watches one camera: so many pictures at least, no interruption; returns how many."""

@@ -14,7 +14,7 @@ import threading
 import time
 import unittest
 
-from peers import PICTURE, PeerTest, TOOL, demo, free_ports, process, tool
+from peers import PICTURE, PeerTest, TOOL, demo, free_ports, process, tool, wait_for
 
 RECORDER = ["--port", "0", "--seconds", "3"]
 
@@ -58,14 +58,6 @@ def cameras(port):
     return json.loads(answer(port, "/state.json")[1])["cameras"]
 
 
-def wait_for(condition, what, seconds=30):
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError(what)
-        time.sleep(0.05)
-
-
 def on_terminal(*arguments):
     """What the tool shows there until it ends."""
     main, side = pty.openpty()
@@ -105,9 +97,7 @@ class Recorder(PeerTest):
                 ([part(PICTURE), part(b"busy", "text/plain"), part(png, "image/png")], 0, 2, "1 cameras, 2 pictures", ["jpg", "png"])):
             with self.subTest(says), camera(*parts) as url:
                 folder = os.path.join(self.folder, str(len(os.listdir(self.folder))))
-                result = tool("watch", url, "--port", "0", "--seconds", "1", "--save", folder)
-                text = result.stdout.decode()
-                self.assertEqual(result.returncode, code, text)
+                text = self.check_tool(code, "watch", url, "--port", "0", "--seconds", "1", "--save", folder)[0].decode()
                 self.assertIn(f"{pictures} pictures, ", text)
                 self.assertIn(says, text)
                 self.assertEqual(sorted(name.rsplit(".")[-1] for name in os.listdir(folder)), endings)
@@ -128,7 +118,7 @@ class Recorder(PeerTest):
         seen = []
         with camera(part(PICTURE), seen=seen, host="::1") as url:
             host = url.split("/")[2]
-            self.assertEqual(tool("watch", url, "--port", "0", "--seconds", "1").returncode, 0)
+            self.check_tool(0, "watch", url, "--port", "0", "--seconds", "1")
             with process([TOOL, "get", url]):
                 wait_for(lambda: len(seen) == 2, "both have asked")
         for request in seen:
@@ -158,11 +148,12 @@ class Recorder(PeerTest):
                 wait_for(lambda: cameras(port)[0]["viewers"] == 0, "none, once they have gone")
 
     def test_a_low_limit_of_descriptors_is_raised_or_told(self):
-        def limit(soft, hard):
-            return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
-        raised = subprocess.run([TOOL, "demo", "--cameras", "10", *RECORDER], capture_output=True, preexec_fn=limit(64, 4096), timeout=60)
+        def limited(soft, hard):
+            return subprocess.run([TOOL, "demo", "--cameras", "10", *RECORDER], capture_output=True, timeout=60,
+                                  preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard)))
+        raised = limited(64, 4096)
         self.assertEqual((raised.returncode, raised.stderr), (0, b""), raised.stdout)
-        low = subprocess.run([TOOL, "demo", "--cameras", "10", *RECORDER], capture_output=True, preexec_fn=limit(74, 74), timeout=60)
+        low = limited(74, 74)
         self.assertEqual(low.returncode, 1, low.stdout)
         told = rb"\d+ of 10 RTP streams are not received: cannot receive on 127\.0\.0\.1 port 0: Too many open files\n"
         self.assertRegex(low.stderr, rb"\Anuvika: " + told + rb"\Z")
@@ -193,10 +184,7 @@ class Recorder(PeerTest):
             before = [p for p in packets if struct.unpack(">I", p[4:8])[0] - clock & 1 << 31]
             payload = sum(len(p) - 12 - (p[-1] if p[0] & 0x20 else 0) for p in before)
             self.assertEqual((count, octets), (len(before), payload))
-            self.assertEqual(report[28:30], b"\x81\xca", "a source description follows")
-            length, described, item, size = struct.unpack(">HIBB", report[30:38])
-            self.assertEqual((28 + 4 * (length + 1), described, item), (len(report), ssrc, 1))
-            self.assertEqual((size, report[38 + size]), (16, 0), "a name, and the end of the items")
+            self.assertEqual((report[28:30], report[32:36]), (b"\x81\xca", report[4:8]), "a description of this source follows")
         self.assertGreater(len(before), 100)
 
 

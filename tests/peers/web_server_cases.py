@@ -1,7 +1,7 @@
 """What the tool must manage with any web server; the server's own test gives the address and the files."""
 import os
 
-from peers import PICTURE, tool
+from peers import PICTURE
 
 
 class WebServerCases:
@@ -9,29 +9,22 @@ class WebServerCases:
         return f"http://{user}127.0.0.1:{self.port}{path}"
 
     def test_body_of_known_length(self):
-        result = tool("get", self.url("/big.bin"))
-        self.assertEqual(result.returncode, 0, result.stderr)
-        self.assertEqual(result.stdout, self.big)
+        self.assertEqual(self.check_tool(0, "get", self.url("/big.bin"))[0], self.big)
 
     def test_chunked_body(self):
-        result = tool("get", "-i", self.url("/page.shtml"))
-        head, _, body = result.stdout.partition(b"\r\n\r\n")
+        head, _, body = self.check_tool(0, "get", "-i", self.url("/page.shtml"))[0].partition(b"\r\n\r\n")
         self.assertIn(b"transfer-encoding: chunked", head.lower())
         self.assertTrue(body.startswith(b"<p>included</p>"), body[:80])
         self.assertEqual(len(body.strip()), len("<p>included</p>") + 300000)
 
     def test_status_codes(self):
-        self.assertEqual(tool("get", self.url("/missing")).returncode, 22)
+        self.check_tool(22, "get", self.url("/missing"))
 
     def check_credentials(self, path):
-        good = tool("get", self.url(path, "us%40er:se%3Acret@"))
-        self.assertEqual((good.returncode, good.stdout), (0, PICTURE), good.stderr)
-        bad = tool("get", self.url(path, "us%40er:wrong@"))
-        self.assertEqual(bad.returncode, 67)
-        self.assertEqual(bad.stderr.decode().count("\n"), 1)
-        self.assertIn(b"refuses this user or password", bad.stderr)
-        none = tool("get", self.url(path))
-        self.assertEqual(none.returncode, 67)
+        self.assertEqual(self.check_tool(0, "get", self.url(path, "us%40er:se%3Acret@"))[0], PICTURE)
+        _, errors = self.check_tool(67, "get", self.url(path, "us%40er:wrong@"))
+        self.assertEqual((errors.count("\n"), "refuses this user or password" in errors), (1, True), errors)
+        self.check_tool(67, "get", self.url(path))
 
     def test_basic(self):
         self.check_credentials("/basic/picture.jpg")
