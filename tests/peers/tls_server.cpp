@@ -8,57 +8,51 @@
 
 namespace
 {
-class Connection : public NuvikaSslSocket
+void say(const QString& text)
 {
-public:
-    Connection(int descriptor, const QStringList& files)
-    {
-        connect(this, &NuvikaSslSocket::connected, this, [this] { say("connected", protocolName()); });
-        connect(this, &NuvikaSslSocket::dataReceived, this,
-            [this](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) { take(data, size); });
-        connect(this, &NuvikaSslSocket::disconnected, this, [this](unsigned long how) {
-            say("disconnected", QString::number(how));
-            deleteLater();
-        });
-        connect(this, &NuvikaSslSocket::error, this, [this] {
-            say("error", errorString());
-            deleteLater();
-        });
-        initSsl(true, eSslAny12, files.value(1), files.value(2), QString());
-        setSocketDescriptor(descriptor);
-    }
+    std::printf("%s\n", qUtf8Printable(text));
+    std::fflush(stdout);
+}
 
-private:
-    static void say(const char* what, const QString& more)
-    {
-        std::printf("%s %s\n", what, qUtf8Printable(more));
-        std::fflush(stdout);
-    }
-    void take(const char* data, int size)
-    {
-        m_request.append(data, size);
-        if (!m_request.contains("\r\n\r\n"))
-            return;
-        const QByteArray body(m_request.startsWith("GET /large") ? 20000000 : 5, 'x');
-        const QByteArray answer
-            = "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
-        m_request.clear();
-        sendData(answer.constData(), answer.size());
-    }
-
-    QByteArray m_request;
-};
+void serve(int descriptor)
+{
+    const QStringList files = QCoreApplication::arguments();
+    auto* socket = new NuvikaSslSocket; // deletes itself
+    const auto on
+        = [socket](auto signal, auto handler) { QObject::connect(socket, signal, socket, handler); };
+    on(&NuvikaSslSocket::connected, [socket] { say(QStringLiteral("connected ") + socket->protocolName()); });
+    on(&NuvikaSslSocket::dataReceived,
+        [socket, request = QByteArray()](
+            const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) mutable {
+            request.append(data, size);
+            if (!request.contains("\r\n\r\n"))
+                return;
+            const QByteArray body(request.startsWith("GET /large") ? 20000000 : 5, 'x');
+            const QByteArray answer
+                = "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+            request.clear();
+            socket->sendData(answer.constData(), answer.size());
+        });
+    on(&NuvikaSslSocket::disconnected, [socket](unsigned long how) {
+        say(QStringLiteral("disconnected ") + QString::number(how));
+        socket->deleteLater();
+    });
+    on(&NuvikaSslSocket::error, [socket] {
+        say(QStringLiteral("error ") + socket->errorString());
+        socket->deleteLater();
+    });
+    socket->initSsl(true, NuvikaSslSocket::eSslAny12, files.value(1), files.value(2), QString());
+    socket->setSocketDescriptor(descriptor);
+}
 } // namespace
 
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     NuvikaTcpServer server;
-    QObject::connect(&server, &NuvikaTcpServer::newConnectionDesc, &application,
-        [](int descriptor) { new Connection(descriptor, QCoreApplication::arguments()); }); // deletes itself
+    QObject::connect(&server, &NuvikaTcpServer::newConnectionDesc, &application, serve);
     if (!server.listen(QHostAddress(QHostAddress::LocalHost), 0))
         return 1;
-    std::printf("%hu\n", server.serverPort());
-    std::fflush(stdout);
+    say(QString::number(server.serverPort()));
     return QCoreApplication::exec();
 }

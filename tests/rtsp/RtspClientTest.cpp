@@ -52,8 +52,8 @@ TEST(RtspClient, TakesDatagramsInOrderFromTheServerOnly)
     Viewer viewer(silent(), options);
     ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
     EXPECT_EQ(viewer.camera.clientPort % 2, 0) << "RTCP on the odd one";
-    EXPECT_EQ(viewer.camera.rtpPort.take().size(), 12) << "a first packet opens the way";
-    EXPECT_GE(viewer.camera.rtcpPort.take().size(), 8);
+    EXPECT_EQ(viewer.camera.rtpPort.receiveDatagram().data().size(), 12) << "a first packet opens the way";
+    EXPECT_GE(viewer.camera.rtcpPort.receiveDatagram().data().size(), 8);
     RawUdp stranger;
     stranger.sendTo(viewer.camera.clientPort, rtp(0, 99));
     for (const int sequence : {1, 3, 2, 4, 6})
@@ -119,43 +119,41 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
     Certificates certificates;
     NuvikaTcpServer listener;
     std::vector<std::unique_ptr<NuvikaSslSocket>> served;
+    const QByteArray usual
+        = "RTSP/1.0 200 OK\r\nContent-Length: " + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
     const struct {
         const char* name;
-        const char* describe; // empty: the usual one
+        QByteArray described;
         RtspOptions::Transport transport;
-        bool bTrusted;
+        QString trusted;
         const char* until;
-    } rows[] = {{"trusted", "", RtspOptions::eAutomatic, true, "unit 0 1"},
-        {"a certificate of nobody", "", RtspOptions::eAutomatic, false, "error 10013"},
+    } rows[] = {{"trusted", usual, RtspOptions::eAutomatic, certificates.authority(), "unit 0 1"},
+        {"a certificate of nobody", usual, RtspOptions::eAutomatic, QString(), "error 10013"},
         {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
-            RtspOptions::eTcp, true, "error 302"},
-        {"datagrams", "", RtspOptions::eUdp, true, "error 10022"}};
-    const char* describe = "";
+            RtspOptions::eTcp, certificates.authority(), "error 302"},
+        {"datagrams", usual, RtspOptions::eUdp, certificates.authority(), "error 10022"}};
+    QByteArray described;
     QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
         served.push_back(std::make_unique<NuvikaSslSocket>());
         NuvikaSslSocket* socket = served.back().get();
         socket->initSsl(true, NuvikaSslSocket::eSslAny12, certificates.forLocalhost(), QString(), QString());
         QObject::connect(socket, &NuvikaSslSocket::dataReceived, socket,
-            [socket, &describe](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
+            [socket, &described](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
                 const QByteArray request(data, size);
-                QByteArray text = "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n";
-                if (request.startsWith("DESCRIBE"))
-                    text = *describe != '\0' ? QByteArray(describe)
-                                             : "RTSP/1.0 200 OK\r\nContent-Length: "
-                            + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
-                if (request.startsWith("PLAY"))
-                    text += framed(0, rtp(0, 1));
+                const QByteArray media = request.startsWith("PLAY") ? framed(0, rtp(0, 1)) : QByteArray();
+                const QByteArray text = request.startsWith("DESCRIBE")
+                    ? described
+                    : "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n" + media;
                 socket->sendData(text.constData(), text.size());
             });
         socket->setSocketDescriptor(descriptor);
     });
     ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
     for (const auto& row : rows) {
-        describe = row.describe;
+        described = row.described;
         RtspOptions options;
         options.transport = row.transport;
-        if (row.bTrusted)
-            options.tlsTrusted = certificates.authority();
+        options.tlsTrusted = row.trusted;
         Viewer viewer(Script(), options);
         viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
         EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
@@ -439,26 +437,28 @@ TEST(RtspClient, HostileServersCostLittle)
 
 TEST(RtspClient, AnIdleSessionTakesLittleMemory)
 {
-    constexpr int kSessions = 100;
+    constexpr std::size_t kSessions = 100;
     constexpr long long kMost = 32 << 10;
-    Script script;
-    script.sdp
-        = "v=0\r\no=- 1 1 IN IP4 0.0.0.0\r\ns=camera\r\nt=0 0\r\na=control:*\r\nm=video 0 RTP/AVP 96\r\n"
-          "a=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=1;profile-level-id=42c015;"
-          "sprop-parameter-sets=Z0LAFdkBQfsBagwMDUoAAAMAAgAAAwBlHixckA==,aMuMsg==\r\na=control:track1\r\n"
-        + kAudioTrack;
+    const Script script = Script().describes("v=0\no=- 1 1 IN IP4 0.0.0.0\ns=camera\nt=0 "
+                                             "0\na=control:*\nm=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n"
+                                             "a=fmtp:96 "
+                                             "packetization-mode=1;profile-level-id=42c015;sprop-parameter-"
+                                             "sets=Z0LAFdkBQfsBagwMDUoAAAMAAgAAAwBlHixckA==,aMuMsg==\n"
+                                             "a=control:track1\n"
+        + kAudioTrack);
     std::vector<std::unique_ptr<ScriptedCamera>> cameras;
-    std::vector<std::unique_ptr<RtspClient>> clients;
-    for (int i = 0; i < kSessions; ++i)
+    for (std::size_t i = 0; i < kSessions; ++i)
         cameras.push_back(std::make_unique<ScriptedCamera>(script));
-    int nPlaying = 0;
-    const auto playAll = [&](int from, int to) {
-        for (int i = from; i < to; ++i) {
+    std::vector<std::unique_ptr<RtspClient>> clients;
+    clients.reserve(kSessions);
+    std::size_t nPlaying = 0;
+    const auto playAll = [&](std::size_t to) {
+        for (std::size_t i = clients.size(); i < to; ++i) {
             clients.push_back(std::make_unique<RtspClient>());
-            clients.back()->setOptions(Viewer::tcp());
-            QObject::connect(
-                clients.back().get(), &RtspClient::playing, clients.back().get(), [&] { ++nPlaying; });
-            clients.back()->start(QString::fromLatin1(cameras[static_cast<std::size_t>(i)]->url()));
+            RtspClient* client = clients.back().get();
+            client->setOptions(Viewer::tcp());
+            QObject::connect(client, &RtspClient::playing, client, [&] { ++nPlaying; });
+            client->start(QString::fromLatin1(cameras[i]->url()));
         }
         EXPECT_TRUE(waitFor([&] {
             for (const auto& camera : cameras)
@@ -466,11 +466,11 @@ TEST(RtspClient, AnIdleSessionTakesLittleMemory)
             return nPlaying == to;
         }));
     };
-    clients.reserve(kSessions);
-    playAll(0, 10); // what the thread has once
+    playAll(10); // what the thread has once
     const auto before = static_cast<long long>(mallinfo2().uordblks);
-    playAll(10, kSessions);
-    const long long each = (static_cast<long long>(mallinfo2().uordblks) - before) / (kSessions - 10);
+    playAll(kSessions);
+    const long long each
+        = (static_cast<long long>(mallinfo2().uordblks) - before) / (static_cast<long long>(kSessions) - 10);
     EXPECT_LT(each, kMost);
     RecordProperty("bytesOfASession", static_cast<int>(each));
 }

@@ -11,6 +11,7 @@
 #include <QtCore/QHash>
 #include <QtCore/QStringList>
 #include <QtCore/QtEndian>
+#include <QtNetwork/QNetworkDatagram>
 #include <QtNetwork/QUdpSocket>
 
 #include <gtest/gtest.h>
@@ -42,16 +43,9 @@ class RawUdp : public QUdpSocket
 {
 public:
     RawUdp() { bind(QHostAddress(QHostAddress::LocalHost), 0); }
-    int port() const { return localPort(); }
     void sendTo(int port, const QByteArray& bytes, const char* host = "127.0.0.1")
     {
         writeDatagram(bytes, QHostAddress(QLatin1String(host)), static_cast<quint16>(port));
-    }
-    QByteArray take()
-    {
-        QByteArray bytes(hasPendingDatagrams() ? static_cast<int>(pendingDatagramSize()) : 0, '\0');
-        readDatagram(bytes.data(), bytes.size());
-        return bytes;
     }
 };
 
@@ -195,8 +189,9 @@ private:
         if (!told.isEmpty())
             text = told.size() > 1 ? told.takeFirst() : told.first();
         const QPair<const char*, QByteArray> places[] = {{"{transport}", transport},
-            {"{cseq}", field(request, "CSeq")}, {"{rtp}", QByteArray::number(rtpPort.port())},
-            {"{rtcp}", QByteArray::number(rtcpPort.port())}, {"{port}", QByteArray::number(listener.port())},
+            {"{cseq}", field(request, "CSeq")}, {"{rtp}", QByteArray::number(rtpPort.localPort())},
+            {"{rtcp}", QByteArray::number(rtcpPort.localPort())},
+            {"{port}", QByteArray::number(listener.port())},
             {"{size}", QByteArray::number(m_script.sdp.size())}, {"{sdp}", m_script.sdp}};
         for (const auto& place : places)
             text.replace(place.first, place.second);
