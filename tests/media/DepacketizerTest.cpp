@@ -1,8 +1,8 @@
 // Packets that are written by hand, in tables: what a camera sends, and the units that come of it.
 #include "media/AnnexBSplitter_p.h"
-#include "support/Table.h"
 #include "media/UnitBuffer_p.h"
 #include "support/Seams.h"
+#include "support/Table.h"
 
 #include <KepNuvikaUtil/RTPPacket.h>
 #include <KepNuvikaUtil/RtpDepacketizer.h>

@@ -78,8 +78,7 @@ c=IN IP4 camera.example | camera.example -1 0)",
         const QByteArray lines = QByteArray(row[0]).replace("\\n", "\n") + " \n";
         for (const QByteArray& whole : {lines + media, media + lines}) {
             const SdpConnection c = SdpDescription::read(whole).media[0].connection;
-            const QString told
-                = QStringLiteral("%1 %2 %3").arg(c.address).arg(c.ttl).arg(int(c.bMulticast)).trimmed();
+            const QString told = text("%1 %2 %3").arg(c.address).arg(c.ttl).arg(int(c.bMulticast)).trimmed();
             EXPECT_EQ(told.toStdString(), row[1].toStdString()) << whole.constData();
         }
     }
@@ -94,16 +93,16 @@ TEST(SdpDescription, KeepsEveryLineInItsOrderAndNeedsNone)
     QString order;
     for (const SdpLine& line : read.lines)
         order += QLatin1Char(line.type);
-    EXPECT_EQ(order, QStringLiteral("atoaav")) << "the session's";
-    EXPECT_EQ(read.lines[1].value, QStringLiteral("now-"));
-    EXPECT_EQ(read.attribute(QStringLiteral("range")), QStringLiteral("npt=0-"));
-    EXPECT_EQ(read.attribute(QStringLiteral("rang")), QString());
+    EXPECT_EQ(order, text("atoaav")) << "the session's";
+    EXPECT_EQ(read.lines[1].value, text("now-"));
+    EXPECT_EQ(read.attribute(text("range")), text("npt=0-"));
+    EXPECT_EQ(read.attribute(text("rang")), QString());
     ASSERT_EQ(read.media.size(), 2);
     EXPECT_EQ(read.media[0].lines.size(), 6);
-    EXPECT_EQ(read.media[0].attribute(QStringLiteral("Range")), QStringLiteral("clock=x"));
-    EXPECT_EQ(read.media[0].control, QStringLiteral("track1"));
+    EXPECT_EQ(read.media[0].attribute(text("Range")), text("clock=x"));
+    EXPECT_EQ(read.media[0].control, text("track1"));
     EXPECT_EQ(read.media[0].frameRate, 25.5);
-    EXPECT_EQ(read.media[1].format(0)->encoding, QStringLiteral("PCMU"));
+    EXPECT_EQ(read.media[1].format(0)->encoding, text("PCMU"));
     EXPECT_EQ(read.media[1].format(-1), nullptr);
     EXPECT_TRUE(SdpDescription::read(QByteArray()).media.isEmpty());
     EXPECT_TRUE(SdpDescription::read(QByteArray("\0\xFF=\n\xC3\xA4=a\nm", 10)).lines.isEmpty());
@@ -118,9 +117,9 @@ TEST(SdpDescription, TellsDirectionsAndUrls)
             out += read.isForClient(i) ? QLatin1Char('+') : QLatin1Char('-');
         return out;
     };
-    EXPECT_EQ(tracks("m=video 0\na=recvonly\nm=audio 0\na=sendonly\nm=audio 0"), QStringLiteral("-+-+-"));
-    EXPECT_EQ(tracks("a=SendOnly\nm=video 0\nm=audio 0"), QStringLiteral("-++-")) << "all say so";
-    EXPECT_EQ(tracks("a=sendonly\nm=video 0\na=inactive\nm=audio 0"), QStringLiteral("-+--"));
+    EXPECT_EQ(tracks("m=video 0\na=recvonly\nm=audio 0\na=sendonly\nm=audio 0"), text("-+-+-"));
+    EXPECT_EQ(tracks("a=SendOnly\nm=video 0\nm=audio 0"), text("-++-")) << "all say so";
+    EXPECT_EQ(tracks("a=sendonly\nm=video 0\na=inactive\nm=audio 0"), text("-+--"));
 
     // Base | session's control | track's control | URL.
     for (const auto& row : rowsOf(R"(
@@ -176,9 +175,9 @@ TEST(SdpDescription, ReadsWhatPeersDescribe)
         const QByteArray whole = file.readAll();
         const SdpDescription read = SdpDescription::read(whole);
         ASSERT_EQ(read.media.size(), 2) << name;
-        EXPECT_EQ(read.media[0].formats[0].encoding, QStringLiteral("H264")) << name;
-        EXPECT_EQ(read.media[1].formats[0].encoding, QStringLiteral("PCMU")) << name;
-        EXPECT_EQ(read.media[0].connection.address, QStringLiteral("127.0.0.1")) << name;
+        EXPECT_EQ(read.media[0].formats[0].encoding, text("H264")) << name;
+        EXPECT_EQ(read.media[1].formats[0].encoding, text("PCMU")) << name;
+        EXPECT_EQ(read.media[0].connection.address, text("127.0.0.1")) << name;
         for (int size = 0; size < whole.size(); ++size) // cut anywhere, it is a beginning of the whole
             ASSERT_LE(SdpDescription::read(whole.left(size)).media.size(), 2);
     }

@@ -12,6 +12,8 @@
 
 namespace
 {
+QString q(const char* text) { return QString::fromUtf8(text); }
+
 QString lines(std::initializer_list<const char*> parts)
 {
     QString text;
@@ -30,21 +32,18 @@ QString kept(const char* parts, const QString& head = lines({"v=0", "o=-", "s=x"
     return SDP::fromSDPString(text).toString().mid(head.size()).simplified();
 }
 
-const QString a = QStringLiteral("a");
+const QString a = q("a");
 } // namespace
 
 TEST(Sdp, ParsesAndWritesBack)
 {
     SDP sdp = SDP::fromSDPString(kSmall);
-    EXPECT_EQ(sdp.getSessionParamNames(),
-        QStringList({QStringLiteral("v"), QStringLiteral("o"), QStringLiteral("s")}));
-    EXPECT_EQ(sdp.getNumTimeDesc(), 1);
-    EXPECT_EQ(sdp.getNumMediaDesc(), 1);
-    EXPECT_EQ(sdp.getMediaParamNames(0).size(), 2);
+    EXPECT_EQ(sdp.getSessionParamNames(), QStringList({q("v"), q("o"), q("s")}));
+    EXPECT_EQ(sdp.getMediaParamNames(0), QStringList({q("m"), a}));
     EXPECT_EQ(sdp.toString(), kSmall);
     EXPECT_EQ(sdp, SDP::fromSDPString(kSmall)) << "from the cache";
-    EXPECT_EQ(sdp.getMediaAttributeValue(0, QStringLiteral("rtpmap")), QStringLiteral("96 H264/90000"));
-    EXPECT_EQ(sdp.getTimeParamValues(0, QStringLiteral("t")), QStringList(QStringLiteral("0 0")));
+    EXPECT_EQ(sdp.getMediaAttributeValue(0, q("rtpmap")), q("96 H264/90000"));
+    EXPECT_EQ(sdp.getTimeParamValues(0, q("t")), QStringList(q("0 0")));
     for (const int idx : {-1, 1, 5}) {
         EXPECT_TRUE(sdp.getMediaAttributeNames(idx).isEmpty());
         EXPECT_TRUE(sdp.getMediaParamValues(idx, a).isEmpty());
@@ -54,7 +53,7 @@ TEST(Sdp, ParsesAndWritesBack)
     EXPECT_NE(sdp, SDP()) << "an object that was never parsed is not valid";
     EXPECT_EQ(SDP::fromSDPString(QString()).toString(), QString());
     // Line ends of any kind, none at the end, and lines that are none.
-    EXPECT_EQ(SDP::fromSDPString(QStringLiteral("v=0\n\r\no=-\r\r\ns=\nnonsense\n=x\nQ=1\nv")).toString(),
+    EXPECT_EQ(SDP::fromSDPString(q("v=0\n\r\no=-\r\r\ns=\nnonsense\n=x\nQ=1\nv")).toString(),
         lines({"v=0", "o=-", "s="}));
 }
 
@@ -75,43 +74,43 @@ TEST(Sdp, SortsEachSectionThenDropsWhatBreaksItsOrder)
     for (const auto& row : rows)
         EXPECT_EQ(kept(row.session), QLatin1String(row.kept)) << row.session;
     const QString media = lines({"m=x"});
-    EXPECT_EQ(kept("i=1 c=2 b=3 a=4 a=5", media), QStringLiteral("i=1 c=2 b=3 a=4 a=5"));
-    EXPECT_EQ(kept("k=3 b=1 b=2", media), QStringLiteral("b=1 b=2 k=3"));
-    EXPECT_EQ(kept("i=1 i=2 c=1 c=2 k=1 k=2", media), QStringLiteral("i=1 c=1 k=1"));
+    EXPECT_EQ(kept("i=1 c=2 b=3 a=4 a=5", media), q("i=1 c=2 b=3 a=4 a=5"));
+    EXPECT_EQ(kept("k=3 b=1 b=2", media), q("b=1 b=2 k=3"));
+    EXPECT_EQ(kept("i=1 i=2 c=1 c=2 k=1 k=2", media), q("i=1 c=1 k=1"));
     EXPECT_EQ(kept("t=0 v=0 s=x e=1", media), QString());
     const SDP two = SDP::fromSDPString(lines({"m=video", "c=1", "a=first", "m=audio", "a=second", "c=2"}));
     EXPECT_EQ(two.getNumMediaDesc(), 2);
-    EXPECT_EQ(two.getMediaAttributeNames(0), QStringList(QStringLiteral("first")));
-    EXPECT_EQ(two.getMediaParamNames(1), QStringList({QStringLiteral("m"), QStringLiteral("c"), a}));
+    EXPECT_EQ(two.getMediaAttributeNames(0), QStringList(q("first")));
+    EXPECT_EQ(two.getMediaParamNames(1), QStringList({q("m"), q("c"), a}));
 }
 
 TEST(Sdp, EditsLinesAndAttributes)
 {
     LogCapture log;
     SDP sdp = SDP::fromSDPString(kSmall);
-    const QString control = QStringLiteral("control");
+    const QString control = q("control");
     for (const char* value : {"%1/track", "2"}) {
         EXPECT_TRUE(sdp.setMediaAttribute(0, control, QLatin1String(value)));
         EXPECT_EQ(sdp.getMediaAttributeValue(0, control), QLatin1String(value));
     }
-    EXPECT_EQ(sdp.getMediaAttributeNames(0), QStringList({QStringLiteral("rtpmap"), control}));
-    EXPECT_TRUE(sdp.replaceMediaAttribute(0, control, QStringLiteral("3")));
-    EXPECT_FALSE(sdp.replaceMediaAttribute(0, QStringLiteral("absent"), QStringLiteral("4")));
-    EXPECT_FALSE(sdp.replaceMediaAttribute(1, control, QStringLiteral("4")));
-    EXPECT_EQ(sdp.getMediaAttributeValue(0, control), QStringLiteral("3"));
-    EXPECT_TRUE(sdp.setSessionParam(QStringLiteral("t"), QString(), QStringLiteral("9 9")));
+    EXPECT_EQ(sdp.getMediaAttributeNames(0), QStringList({q("rtpmap"), control}));
+    EXPECT_TRUE(sdp.replaceMediaAttribute(0, control, q("3")));
+    EXPECT_FALSE(sdp.replaceMediaAttribute(0, q("absent"), q("4")));
+    EXPECT_FALSE(sdp.replaceMediaAttribute(1, control, q("4")));
+    EXPECT_EQ(sdp.getMediaAttributeValue(0, control), q("3"));
+    EXPECT_TRUE(sdp.setSessionParam(q("t"), QString(), q("9 9")));
     EXPECT_EQ(sdp.getNumTimeDesc(), 1) << "appended as it is, not as a time description";
-    EXPECT_TRUE(sdp.setSessionParam(QStringLiteral("s"), QStringLiteral("x"), QStringLiteral("y")));
-    EXPECT_TRUE(sdp.setTimeParam(0, QStringLiteral("r"), QString(), QStringLiteral("1d")));
-    EXPECT_EQ(sdp.getTimeParamValues(0, QStringLiteral("r")), QStringList(QStringLiteral("1d")));
-    EXPECT_TRUE(sdp.setSessionParam(a, QString(), QStringLiteral("tool")));
-    EXPECT_TRUE(sdp.setSessionParam(a, QString(), QStringLiteral("range:npt=0-:x")));
-    EXPECT_EQ(sdp.getSessionAttributeNames(), QStringList({QStringLiteral("tool"), QStringLiteral("range")}));
-    EXPECT_EQ(sdp.getSessionAttributeValue(QStringLiteral("range")), QStringLiteral("npt=0-:x"));
-    EXPECT_EQ(sdp.getSessionAttributeValue(QStringLiteral("tool")), QString());
-    EXPECT_TRUE(sdp.removeSessionParam(a, QStringLiteral("tool")));
-    EXPECT_TRUE(sdp.removeTimeParam(0, QStringLiteral("t"), QStringLiteral("0 0")));
-    EXPECT_TRUE(sdp.removeTimeParam(0, QStringLiteral("r"), QStringLiteral("1d")));
+    EXPECT_TRUE(sdp.setSessionParam(q("s"), q("x"), q("y")));
+    EXPECT_TRUE(sdp.setTimeParam(0, q("r"), QString(), q("1d")));
+    EXPECT_EQ(sdp.getTimeParamValues(0, q("r")), QStringList(q("1d")));
+    EXPECT_TRUE(sdp.setSessionParam(a, QString(), q("tool")));
+    EXPECT_TRUE(sdp.setSessionParam(a, QString(), q("range:npt=0-:x")));
+    EXPECT_EQ(sdp.getSessionAttributeNames(), QStringList({q("tool"), q("range")}));
+    EXPECT_EQ(sdp.getSessionAttributeValue(q("range")), q("npt=0-:x"));
+    EXPECT_EQ(sdp.getSessionAttributeValue(q("tool")), QString());
+    EXPECT_TRUE(sdp.removeSessionParam(a, q("tool")));
+    EXPECT_TRUE(sdp.removeTimeParam(0, q("t"), q("0 0")));
+    EXPECT_TRUE(sdp.removeTimeParam(0, q("r"), q("1d")));
     EXPECT_EQ(sdp.getNumTimeDesc(), 1) << "a description may be empty";
     EXPECT_TRUE(sdp.removeTimeDesc(0));
     EXPECT_TRUE(log.records().empty());
@@ -122,20 +121,18 @@ TEST(Sdp, RefusesWhatWouldEndALine)
 {
     SDP sdp = SDP::fromSDPString(kSmall);
     const QString before = sdp.toString();
-    const QString x = QStringLiteral("x");
-    const QString tool = QStringLiteral("tool");
-    for (const QString& end :
-        {QStringLiteral("\r\n"), QStringLiteral("\r"), QStringLiteral("\n"), QString(QChar(0))}) {
-        const QString bad = QStringLiteral("1") + end + QStringLiteral("m=audio 0 RTP/AVP 0");
+    const QString x = q("x");
+    for (const QString& end : {q("\r\n"), q("\r"), q("\n"), QString(QChar(0))}) {
+        const QString bad = q("1") + end + q("m=audio 0 RTP/AVP 0");
         LogCapture log;
         EXPECT_FALSE(sdp.setSessionParam(a, QString(), bad));
         EXPECT_FALSE(sdp.setSessionParam(a + end, QString(), x));
-        EXPECT_FALSE(sdp.setSessionParam(QStringLiteral("s"), x, bad));
-        EXPECT_FALSE(sdp.setTimeParam(0, QStringLiteral("r"), QString(), bad));
+        EXPECT_FALSE(sdp.setSessionParam(q("s"), x, bad));
+        EXPECT_FALSE(sdp.setTimeParam(0, q("r"), QString(), bad));
         EXPECT_FALSE(sdp.setMediaParam(0, a, QString(), bad));
-        EXPECT_FALSE(sdp.setMediaAttribute(0, tool, bad));
-        EXPECT_FALSE(sdp.setMediaAttribute(0, tool + end, x));
-        EXPECT_FALSE(sdp.replaceMediaAttribute(0, QStringLiteral("rtpmap"), bad));
+        EXPECT_FALSE(sdp.setMediaAttribute(0, a, bad));
+        EXPECT_FALSE(sdp.setMediaAttribute(0, a + end, x));
+        EXPECT_FALSE(sdp.replaceMediaAttribute(0, q("rtpmap"), bad));
         EXPECT_EQ(log.count("Param could not be changed because it holds a CR, LF or NUL", QtWarningMsg), 8);
     }
     EXPECT_EQ(sdp.toString(), before);
@@ -147,9 +144,9 @@ TEST(Sdp, TheCacheKeepsItsBoundInBytes)
     const qint64 before = inUse();
     QString text = lines({"v=0", "o=-", "s=x"});
     for (int i = 0; i < 2000; ++i)
-        text += QStringLiteral("a=line %1\n").arg(i);
+        text += q("a=line %1\n").arg(i);
     for (int i = 0; i < 1000; ++i) // some 300 KB each
-        SDP::fromSDPString(text + QStringLiteral("a=%1\n").arg(i));
+        SDP::fromSDPString(text + q("a=%1\n").arg(i));
     EXPECT_LT(inUse() - before, 100 << 20);
     const QString huge = text + QString(40 << 20, QLatin1Char('x'));
     EXPECT_EQ(SDP::fromSDPString(huge).getSessionParamValues(a).size(), 2000);
@@ -161,7 +158,7 @@ TEST(Sdp, SaysWhatItCouldNotChange)
 {
     LogCapture log;
     SDP sdp = SDP::fromSDPString(kSmall);
-    const QString x = QStringLiteral("x");
+    const QString x = q("x");
     EXPECT_FALSE(sdp.setSessionParam(a, x, x));
     EXPECT_FALSE(sdp.setTimeParam(0, a, x, x) || sdp.setMediaParam(0, a, x, x));
     EXPECT_FALSE(
@@ -185,7 +182,7 @@ TEST(Sdp, ParsesALargeDescriptionInLinearTime)
     const auto measure = [&](int count) {
         QString text = lines({"v=0", "o=-", "s=x"});
         for (int i = 0; i < count; ++i)
-            text += (i % 10 == 0 ? QStringLiteral("m=video %1\n") : QStringLiteral("a=fmtp:%1 x=1\n")).arg(i);
+            text += (i % 10 == 0 ? q("m=video %1\n") : q("a=fmtp:%1 x=1\n")).arg(i);
         const qint64 begin = cpuTimeNs();
         EXPECT_EQ(SDP::fromSDPString(text).getNumMediaDesc(), count / 10);
         return cpuTimeNs() - begin;
@@ -194,8 +191,8 @@ TEST(Sdp, ParsesALargeDescriptionInLinearTime)
     const qint64 small = measure(10010);
     const qint64 large = measure(100100);
     EXPECT_LT(large, 60 * small) << "ten times the lines";
-    const QString oneLine = QStringLiteral("v=0\no=-\ns=") + QString(1 << 20, QLatin1Char('x'));
-    EXPECT_EQ(SDP::fromSDPString(oneLine).getSessionParamValues(QStringLiteral("s")).first().size(), 1 << 20);
+    const QString oneLine = q("v=0\no=-\ns=") + QString(1 << 20, QLatin1Char('x'));
+    EXPECT_EQ(SDP::fromSDPString(oneLine).getSessionParamValues(q("s")).first().size(), 1 << 20);
 }
 
 TEST(Sdp, ServesManyThreadsAndForgetsWhatIsIdle)
@@ -206,8 +203,8 @@ TEST(Sdp, ServesManyThreadsAndForgetsWhatIsIdle)
     const auto read = [&good](int first, int count) {
         for (int i = first; i < first + count; ++i) {
             const QString name = QString::number(i);
-            const SDP sdp = SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=") + name);
-            good += sdp.getSessionParamValues(QStringLiteral("s")).value(0) == name ? 1 : 0;
+            const SDP sdp = SDP::fromSDPString(q("v=0\no=-\ns=") + name);
+            good += sdp.getSessionParamValues(q("s")).value(0) == name ? 1 : 0;
         }
     };
     std::thread threads[] = {std::thread(read, 0, 3000), std::thread(read, 10000, 3000),
@@ -219,14 +216,14 @@ TEST(Sdp, ServesManyThreadsAndForgetsWhatIsIdle)
     const auto looksOfMisses = [](const QString& prefix) {
         const unsigned long long before = Nuvika::sdpCacheEntriesLookedAt();
         for (int i = 0; i < 3000; ++i)
-            SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=%1 %2").arg(prefix).arg(i));
+            SDP::fromSDPString(q("v=0\no=-\ns=%1 %2").arg(prefix).arg(i));
         return Nuvika::sdpCacheEntriesLookedAt() - before;
     };
-    EXPECT_LE(looksOfMisses(QStringLiteral("new")), 3000U) << "none is idle, and one look says so";
+    EXPECT_LE(looksOfMisses(q("new")), 3000U) << "none is idle, and one look says so";
     seams::clockOffsetMs = 20500;
-    const unsigned long long looks = looksOfMisses(QStringLiteral("later"));
+    const unsigned long long looks = looksOfMisses(q("later"));
     EXPECT_GT(looks, 12000U) << "those that are idle go";
     EXPECT_LT(looks, 19000U) << "each once, and a miss looks at one more";
-    EXPECT_EQ(SDP::fromSDPString(QStringLiteral("v=0\no=-\ns=17")).getSessionParamNames().size(), 3);
+    EXPECT_EQ(SDP::fromSDPString(q("v=0\no=-\ns=17")).getSessionParamNames().size(), 3);
     seams::clockOffsetMs = 0;
 }

@@ -12,9 +12,9 @@ QString q(const char* text) { return QString::fromUtf8(text); }
 
 std::string tokens(const char* text, const char* separators, bool bStrip)
 {
-    QStringList out{QStringLiteral("x")};
+    QStringList out{q("x")};
     parseSubStrings(q(text), &out, q(separators), bStrip, false);
-    EXPECT_EQ(out.takeFirst(), QStringLiteral("x")) << "the list is added to";
+    EXPECT_EQ(out.takeFirst(), q("x")) << "the list is added to";
     for (QString& token : out)
         token = QLatin1Char('[') + token + QLatin1Char(']');
     return out.join(QString()).toStdString();
@@ -30,8 +30,8 @@ QString randomText(std::mt19937* random, unsigned int most, const char* letters)
 
 QMap<QString, QVariant> parameters(const char* text, QString* command = nullptr)
 {
-    QMap<QString, QVariant> params{{QStringLiteral("old"), 1}};
-    QString name = QStringLiteral("old");
+    QMap<QString, QVariant> params{{q("old"), 1}};
+    QString name = q("old");
     EXPECT_TRUE(parseCommand(q(text), name, params));
     if (command != nullptr)
         *command = name;
@@ -155,7 +155,7 @@ TEST(CommandParsing, ValuesThatWereEscapedForEachSplitComeBack)
 {
     EXPECT_EQ(
         parameters("command:key=value;other=\"\\\"va;lue\\\"\"").value(q("other")), QVariant(q("va;lue")));
-    const auto guarded = [](const QString& s) { return escapeString(s, QStringLiteral(":;=")); };
+    const auto guarded = [](const QString& s) { return escapeString(s, q(":;=")); };
     std::mt19937 random(6);
     for (int round = 0; round < 3000; ++round) {
         const QString value
@@ -194,11 +194,10 @@ TEST(CommandParsing, TakesItsOwnResultsAsArguments)
 TEST(CommandParsing, TakesAMillionParametersInLinearTime)
 {
     const auto measure = [](int count) {
-        QString text = QStringLiteral("c:");
+        QString text = q("c:");
         for (int i = 0; i < count; ++i)
-            text += QStringLiteral("k%1=v;").arg(i);
-        text
-            += QString(count, QLatin1Char(':')) + QStringLiteral("x=") + QStringLiteral("=y").repeated(count);
+            text += q("k%1=v;").arg(i);
+        text += QString(count, QLatin1Char(':')) + q("x=") + q("=y").repeated(count);
         QString command;
         QMap<QString, QVariant> params;
         const qint64 begin = cpuTimeNs();
