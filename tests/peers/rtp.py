@@ -1,8 +1,11 @@
-"""RTP with real peers: ffmpeg and GStreamer as senders, GStreamer as a receiver."""
+"""RTP with real peers: ffmpeg and GStreamer as senders, GStreamer as a receiver, and a relay that loses and swaps."""
 import json
 import os
 import re
+import select
+import socket
 import subprocess
+import threading
 import time
 import unittest
 
@@ -23,6 +26,51 @@ def summary(text):
     """By kind of media: packets, lost, sender reports, gaps."""
     found = re.findall(r"^(\w+) \S.*: (\d+) packets, (\d+) lost .*, (\d+) sender reports, (\d+) gaps$", text, re.M)
     return {kind: tuple(map(int, rest)) for kind, *rest in found}
+
+
+class Relay(threading.Thread):
+    """Passes datagrams on from one port to another; drops and swaps some by their place."""
+
+    def __init__(self, source, target, drop, swap):
+        super().__init__(daemon=True)
+        self.target, self.drop, self.swap = target, drop, swap
+        self.passed = self.dropped = self.swapped = 0
+        self.stopped = threading.Event()
+        self.out, *self.sockets = (socket.socket(type=socket.SOCK_DGRAM) for _ in range(3))
+        for offset, s in enumerate(self.sockets):
+            s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+            s.bind(("127.0.0.1", source + offset))
+
+    def send(self, data):
+        self.out.sendto(data, ("127.0.0.1", self.target))
+        self.passed += 1
+
+    def run(self):
+        held, count = None, 0
+        while not self.stopped.is_set():
+            for s in select.select(self.sockets, [], [], 0.05)[0]:
+                data = s.recv(65536)
+                if s is self.sockets[1]:
+                    self.out.sendto(data, ("127.0.0.1", self.target + 1))
+                    continue
+                count += 1
+                passes = count <= 2 or held is not None
+                if not passes and count % self.drop == 0:
+                    self.dropped += 1
+                elif not passes and count % self.swap == 0:
+                    held = data
+                else:
+                    self.send(data)
+                    if held is not None:
+                        self.send(held)
+                        self.swapped += 1
+                        held = None
+
+    def end(self):
+        self.stopped.set()
+        self.join()
+        for s in [*self.sockets, self.out]:
+            s.close()
 
 
 class Rtp(PeerTest):
@@ -106,6 +154,28 @@ class Rtp(PeerTest):
         self.assertTrue(source["reports"], "sender reports are accepted")
         unix = (source["ntp"] >> 32) - 2208988800
         self.assertLess(abs(unix - time.time()), 20, "the report's clock is the wall clock")
+
+    def relayed(self, drop, swap):
+        """What ffmpeg sends through a relay, as the tool reports it, beside what the relay did."""
+        from_port, to_port = free_ports(), free_ports()
+        description = self.write("relayed.sdp", f"v=0\no=- 1 1 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nm=audio {to_port} RTP/AVP 0\n")
+        relay = Relay(from_port, to_port, drop, swap)
+        relay.start()
+        sender = [*FFMPEG, "-map", "1", "-c:a", "pcm_mulaw", "-ar", "8000", "-t", "5", "-f", "rtp", f"rtp://127.0.0.1:{from_port}?pkt_size=172"]
+        seen, text = self.receive(sender, description, 8)
+        relay.end()
+        return relay, seen["audio"], text
+
+    def test_loss_is_reported_as_it_was_made(self):
+        relay, (packets, lost, _, gaps), text = self.relayed(10, 1 << 30)
+        self.assertGreater(relay.dropped, 15, text)
+        self.assertEqual((packets, lost, gaps > 0), (relay.passed, relay.dropped, True), text)
+
+    def test_reordering_is_reported_as_it_was_made(self):
+        # A packet that was overtaken counts as lost when the other comes, and as received when it comes itself.
+        relay, (packets, lost, _, _), text = self.relayed(1 << 30, 7)
+        self.assertGreater(relay.swapped, 20, text)
+        self.assertEqual((packets, lost), (relay.passed, relay.swapped), text)
 
     def test_sdp_shows_what_it_dropped(self):
         name = self.write("odd.sdp", "v=0\r\no=- 1 1 IN IP4 0.0.0.0\r\ns=x\r\nt=0 0\r\na=tool:x\r\n"
