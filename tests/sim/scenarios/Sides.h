@@ -1,0 +1,545 @@
+// What scenarios of talking sockets share: sides of connections, whose handlers do what they like (send, end,
+// close, call again, delete, stall, run event loops of their own). Every byte is checked, and every signal
+// against the state in which it may come.
+#pragma once
+
+#include "sim/scenarios/Bytes.h"
+
+#include <KepNuvikaUtil/BufferSocketFixedFifo.h>
+#include <KepNuvikaUtil/BufferSocketQueued.h>
+#include <KepNuvikaUtil/NuvikaSslSocket.h>
+#include <KepNuvikaUtil/NuvikaTcpServer.h>
+#include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
+
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
+
+#include <limits>
+#include <type_traits>
+
+#include <unistd.h>
+
+namespace sim
+{
+class Side;
+
+struct Talk {
+    // At most so many bytes, and so many at a time. The weather is fine until the talk begins.
+    Talk(World& w, qint64 mostSent, std::uint64_t largest)
+        : world(w), random(w.random()), weather(w.weather()), bCalm(random.chance(0.3)), nMostSent(mostSent),
+          nLargest(largest)
+    {
+        world.weather() = Weather();
+    }
+    bool isFine() const // no connection fails
+    {
+        return !weather.mayReset() && !weather.mayFail() && weather.refuse == 0 && weather.lose == 0
+            && nCuts == 0;
+    }
+
+    World& world;
+    Random& random;
+    const Weather weather; // while it is bad
+    const bool bCalm; // handlers end nothing
+    const qint64 nMostSent;
+    const std::uint64_t nLargest;
+    std::uint64_t nLongestStallMs = 5000;
+    std::vector<QString> hosts; // where sides connect to
+    quint16 nPort = 0;
+    Streams streams;
+    std::vector<Side*> sides; // on all threads
+    int nDepth = 0; // of nested event loops
+    int nCuts = 0; // connections that somebody has ended
+    qint64 nSent = 0;
+    bool bFinishing = false; // handlers do nothing of their own any more
+    std::vector<std::unique_ptr<Side>> own; // those of the first thread
+};
+
+// An event loop of a handler's own, up to some depth.
+inline void runNestedLoop(Talk& talk)
+{
+    constexpr int kMostDepth = 3;
+    if (talk.nDepth >= kMostDepth)
+        return;
+    ++talk.nDepth;
+    talk.world.run(talk.random.size(50));
+    --talk.nDepth;
+}
+
+class Side
+{
+public:
+    explicit Side(Talk& talk) : m_talk(talk)
+    {
+        talk.sides.push_back(this);
+        m_stallEnds.setSingleShot(true);
+        QObject::connect(&m_stallEnds, &QTimer::timeout, [this] { resume(); });
+    }
+    virtual ~Side()
+    {
+        if (m_bActive)
+            cut();
+        m_talk.sides.erase(std::find(m_talk.sides.begin(), m_talk.sides.end(), this));
+    }
+    Side(const Side&) = delete;
+    Side& operator=(const Side&) = delete;
+    virtual void connectOut() = 0;
+    virtual void accept(int descriptor) = 0;
+    virtual void act() = 0; // something at random
+    virtual void resume() = 0;
+    virtual void finish() = 0;
+    bool isActive() const { return m_bActive; }
+    bool isOutgoing() const { return m_bOutgoing; }
+    bool waits() const { return m_bActive && (!m_bConnected || m_bRefused || m_bAllSentDue || m_in.isDue()); }
+    std::string text() const
+    {
+        return std::string(m_bOutgoing ? "outgoing" : "accepted") + " stream " + std::to_string(m_pOut->nId)
+            + (m_bConnected ? "" : " unconnected") + (m_bRefused ? " cannot send" : "")
+            + (m_bAllSentDue ? " not all sent" : "") + ", received " + std::to_string(m_in.nReceived) + " of "
+            + std::to_string(m_in.pStream == nullptr ? 0 : m_in.pStream->nSent);
+    }
+
+protected:
+    void over()
+    {
+        m_bActive = m_bConnected = m_bReading = m_bRefused = m_bAllSentDue = false;
+        m_pOut->bCut = true;
+    }
+    void cut()
+    {
+        ++m_talk.nCuts;
+        over();
+    }
+
+    Talk& m_talk;
+    World& m_world = m_talk.world;
+    Random& m_random = m_talk.random;
+    const Qt::HANDLE m_thread = QThread::currentThreadId();
+    QTimer m_stallEnds;
+    int m_nSession = 0;
+    quint64 m_nBegin = 0; // of it, or of a server's handshake
+    bool m_bOutgoing = false;
+    bool m_bActive = false; // a connection is there or in the making, and signals may come
+    bool m_bConnected = false;
+    bool m_bReading = false; // the handler of received bytes is on the stack
+    bool m_bRefused = false; // sigCanSend() follows
+    bool m_bAllSentDue = false;
+    int m_nAfterStall = -1; // deliveries since then
+    int m_nPosted = std::numeric_limits<int>::max(); // receives at a time
+    Stream* m_pOut = nullptr;
+    Reception m_in;
+};
+
+template <class Socket>
+class SideOf : public Side
+{
+public:
+    using Side::Side;
+    void connectOut() override
+    {
+        begin();
+        m_bOutgoing = true;
+        const auto [host, port] = target();
+        const QHostAddress address(host);
+        if (!address.isNull() && m_random.chance(0.7))
+            m_pSocket->connectToHost(address, port);
+        else
+            m_pSocket->connectToHost(host, port);
+        if constexpr (kMessages)
+            m_world.expect(!m_pSocket->sendBuffer("early", 5), "it is taken before there is a connection");
+    }
+    void accept(int descriptor) override
+    {
+        begin();
+        m_bConnected = !kTls;
+        m_pSocket->setSocketDescriptor(descriptor);
+        send();
+    }
+    void resume() override
+    {
+        m_nAfterStall = -1;
+        if (m_pSocket)
+            m_pSocket->resumeRecv();
+    }
+    void finish() override
+    {
+        if (m_bConnected && !kMessages)
+            sendEnd();
+        else if (m_bActive)
+            close();
+    }
+    void act() override;
+
+protected:
+    using Tcp = NuvikaTcpSocket;
+    static constexpr bool kTls = std::is_same_v<Socket, NuvikaSslSocket>;
+    static constexpr bool kMessages = std::is_base_of_v<BufferSocketBase, Socket>;
+    static constexpr bool kQueued
+        = std::is_same_v<Socket, NuvikaTcpSocketQueued> || std::is_same_v<Socket, BufferSocketQueued>;
+
+    virtual std::unique_ptr<Socket> make();
+    virtual std::pair<QString, quint16> target() { return {m_random.pick(m_talk.hosts), m_talk.nPort}; }
+    virtual void checkConnected() { }
+    virtual void checkEnd(int code, bool bAnnounced);
+    virtual void other() { send(); } // that a handler may do
+
+    void checkSignal(const char* name, Tcp::STATE state)
+    {
+        m_world.expect(QThread::currentThreadId() == m_thread, "%s() comes on another thread", name);
+        m_world.expect(m_bActive, "%s() comes after the connection's end", name);
+        if constexpr (!kMessages)
+            m_world.expect(m_pSocket->getState() == state, "%s() comes in state %d", name,
+                static_cast<int>(m_pSocket->getState()));
+    }
+    void stall()
+    {
+        m_pSocket->stallRecv();
+        m_nAfterStall = 0;
+        m_stallEnds.start(static_cast<int>(m_random.size(m_talk.nLongestStallMs)));
+    }
+    void send();
+
+    std::unique_ptr<Socket> m_pSocket;
+
+private:
+    void connectSignals();
+    void begin();
+    void connected();
+    void received(const char* data, int size);
+    void ended(int code, bool bAnnounced);
+    void canSend();
+    void allSent();
+    bool mustTake() const;
+    void sendOne(int size);
+    void sendEnd();
+    void close();
+    void destroy();
+};
+
+// --- signals ---------------------------------------------------------------------------------------------
+
+template <class Socket>
+std::unique_ptr<Socket> SideOf<Socket>::make()
+{
+    const int hint = m_random.chance(0.5) ? 0 : static_cast<int>(m_random.size(200000));
+    const bool bSingle = m_random.chance(0.3);
+    const auto profile = [this] { return static_cast<Tcp::LOAD_PROFILE>(m_random.below(3)); };
+    if constexpr (kMessages)
+        return std::make_unique<Socket>(m_random.chance(0.5), static_cast<int>(profile()));
+    else if constexpr (kTls)
+        return std::make_unique<Socket>(hint);
+    else
+        m_nPosted = bSingle ? 1 : 2;
+    if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>)
+        return std::make_unique<Socket>(hint, bSingle);
+    else if constexpr (std::is_same_v<Socket, Tcp>)
+        return std::make_unique<Socket>(profile(), profile(), hint, bSingle);
+}
+
+template <class Socket>
+void SideOf<Socket>::connectSignals()
+{
+    const auto on = [this](auto signal, auto handler) { QObject::connect(m_pSocket.get(), signal, handler); };
+    const auto receive = [this](const char* data, int size) { received(data, size); };
+    on(&Socket::connected, [this] { connected(); });
+    on(&Socket::error, [this](int code) { ended(code, false); });
+    if constexpr (kTls)
+        on(&Socket::disconnected, [this](unsigned long how) { ended(0, how == 0); });
+    else
+        on(&Socket::disconnected, [this] { ended(0, true); });
+    if constexpr (!std::is_same_v<Socket, BufferSocketQueued>)
+        on(&Socket::sigCanSend, [this] { canSend(); });
+    if constexpr (kMessages) {
+        on(&Socket::incomingBuffer, receive);
+    } else {
+        on(&Socket::dataReceived, receive);
+        on(&Socket::sigAllSent, [this] { allSent(); });
+    }
+}
+
+template <class Socket>
+void SideOf<Socket>::begin()
+{
+    if (!m_pSocket) {
+        m_pSocket = make();
+        connectSignals();
+    }
+    ++m_nSession;
+    m_nBegin = m_world.nowMs();
+    m_bActive = true;
+    m_bConnected = m_bReading = false;
+    m_pOut = &m_talk.streams.make();
+    m_in = {};
+    resume();
+}
+
+template <class Socket>
+void SideOf<Socket>::connected()
+{
+    checkSignal("connected", Tcp::eConnected);
+    m_world.expect((m_bOutgoing || kTls) && !std::exchange(m_bConnected, true), "connected() comes again");
+    checkConnected();
+    send();
+    act();
+}
+
+template <class Socket>
+void SideOf<Socket>::received(const char* data, int size)
+{
+    checkSignal("dataReceived", Tcp::eConnected);
+    m_world.expect(m_bConnected && (size > 0 || kMessages), "%d bytes before connected(), or none", size);
+    m_world.expect(!std::exchange(m_bReading, kTls || kMessages), "dataReceived() nests");
+    m_world.expect(m_nAfterStall < 0 || ++m_nAfterStall <= m_nPosted,
+        "more is delivered than the receives that were posted");
+    m_in.read(m_world, m_talk.streams, data, size);
+    if constexpr (kMessages)
+        m_in.readMessage(m_world, size);
+    const int session = m_nSession;
+    expectKept(m_world, data, size, [this] { act(); });
+    if (session == m_nSession)
+        m_bReading = false;
+}
+
+template <class Socket>
+void SideOf<Socket>::ended(int code, bool bAnnounced)
+{
+    const bool bWasConnected = m_bConnected;
+    checkSignal(code == 0 ? "disconnected" : "error", code == 0 ? Tcp::eUnconnected : Tcp::eError);
+    m_world.expect(!m_bReading, "the end comes while a handler of received bytes runs");
+    m_world.expect(code != 0 || bWasConnected, "disconnected() comes before connected()");
+    checkEnd(code, bAnnounced);
+    over();
+    m_pOut->bBroken = !kMessages && code != 0 && bWasConnected && !m_talk.weather.mayFail();
+    if (code != 0)
+        m_pSocket->close();
+    act();
+}
+
+template <class Socket>
+void SideOf<Socket>::checkEnd(int code, bool)
+{
+    constexpr int kHostNotFound = 11001;
+    m_world.expect(code == 0 || !m_talk.isFine() || code == kHostNotFound, "error %d without a reason", code);
+    const Stream* in = m_in.pStream;
+    if (code != 0 || in == nullptr || (in->bCut && !in->bBroken))
+        return;
+    if constexpr (kMessages) // the peer's handler may run still
+        m_world.expect(
+            m_talk.weather.mayReset() || m_talk.weather.mayFail(), "an end, and the peer is there");
+    else
+        m_world.expect(in->bEnded && m_in.isComplete(), "stream %u, %s, ends after %lld of %lld bytes",
+            in->nId, in->bEnded ? "ended" : "not ended", m_in.nReceived, in->nSent);
+}
+
+template <class Socket>
+void SideOf<Socket>::canSend()
+{
+    checkSignal("sigCanSend", Tcp::eConnected);
+    if constexpr (!std::is_same_v<Socket, BufferSocketQueued>)
+        m_world.expect(m_pSocket->canSend(), "sigCanSend() comes, and nothing can be sent");
+    m_bRefused = false;
+    act();
+}
+
+template <class Socket>
+void SideOf<Socket>::allSent()
+{
+    checkSignal("sigAllSent", Tcp::eConnected);
+    m_world.expect(std::exchange(m_bAllSentDue, false), "sigAllSent() comes unasked");
+    if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>)
+        m_world.expect(m_pSocket->isDynamicDataQueueEmpty(), "sigAllSent() comes before all is sent");
+    act();
+}
+
+// --- what is done ----------------------------------------------------------------------------------------
+
+// Small ones in crowds, large ones alone.
+template <class Socket>
+void SideOf<Socket>::send()
+{
+    const bool bCrowd = m_random.chance(0.2);
+    for (std::uint64_t left = m_random.size(bCrowd ? 100 : 4); left > 0; --left)
+        sendOne(static_cast<int>(bCrowd ? m_random.below(30) : m_random.size(m_talk.nLargest)));
+}
+
+template <class Socket>
+bool SideOf<Socket>::mustTake() const
+{
+    if constexpr (kTls)
+        return m_talk.bCalm && m_talk.isFine();
+    else if constexpr (kQueued)
+        return !m_bReading; // then a connection's end is not told yet
+    else
+        return !m_bReading && m_pSocket->canSend();
+}
+
+template <class Socket>
+void SideOf<Socket>::sendOne(int size)
+{
+    if (!m_bConnected || m_pOut->bEnded || m_talk.nSent > m_talk.nMostSent || (kMessages && m_bRefused))
+        return;
+    const QByteArray bytes = m_pOut->next(std::max<int>(size, !kMessages) + (m_pOut->nSent == 0 ? 4 : 0));
+    const bool bMust = mustTake();
+    bool bTaken = false;
+    m_pOut->nSent += bytes.size(); // they may be received at once
+    m_pOut->sizes.push_back(bytes.size());
+    if constexpr (kMessages)
+        bTaken = m_pSocket->sendBuffer(bytes.constData(), bytes.size());
+    else
+        bTaken = m_pSocket->sendData(bytes.constData(), bytes.size());
+    m_talk.nSent += bytes.size();
+    m_world.expect(bTaken || !bMust, "bytes are refused though they can be sent");
+    if (!bTaken) {
+        m_pOut->nSent -= bytes.size();
+        m_pOut->sizes.pop_back();
+    }
+    if constexpr (kTls)
+        m_bRefused = bTaken && !m_pSocket->canSend();
+    else
+        m_bRefused = m_bRefused || (!bTaken && !std::is_same_v<Socket, BufferSocketQueued>);
+}
+
+template <class Socket>
+void SideOf<Socket>::sendEnd()
+{
+    if (kMessages || !m_bConnected || std::exchange(m_pOut->bEnded, true))
+        return;
+    if constexpr (std::is_same_v<Socket, Tcp>) {
+        m_world.expect(m_pSocket->sendEndOfData(), "the end of data is refused");
+    } else if constexpr (kTls) {
+        m_pSocket->sendEndOfData();
+        m_bRefused = false; // TCP may be ended already, and nothing can be sent any more
+        m_world.expect(!m_pSocket->sendData("", 0), "bytes are taken behind the end");
+    } else if constexpr (!kMessages) {
+        m_pSocket->finishSending();
+    }
+}
+
+template <class Socket>
+void SideOf<Socket>::close()
+{
+    cut();
+    m_pSocket->close();
+    if constexpr (kMessages)
+        m_world.expect(!m_pSocket->sendBuffer("late", 4), "a message is taken behind the end");
+    else
+        m_world.expect(m_pSocket->getState() == Tcp::eUnconnected, "closed, and not so");
+}
+
+template <class Socket>
+void SideOf<Socket>::destroy()
+{
+    if (m_bActive && m_random.chance(0.5))
+        close();
+    else if (m_bActive)
+        cut();
+    if (!m_random.chance(0.5))
+        return m_pSocket.reset();
+    m_pSocket->disconnect(); // until the loop deletes it, it may say something
+    m_pSocket.release()->deleteLater();
+}
+
+template <class Socket>
+void SideOf<Socket>::act()
+{
+    if (m_talk.bFinishing || !m_pSocket || m_random.chance(0.4))
+        return;
+    switch (m_random.below(m_talk.bCalm ? 16 : 20)) {
+    case 0:
+    case 1:
+        return runNestedLoop(m_talk);
+    case 2:
+    case 3:
+        if (m_bConnected)
+            stall();
+        return;
+    case 4:
+        return m_world.work(m_random.size(5000));
+    case 5:
+        if constexpr (!kMessages)
+            m_bAllSentDue = (m_bConnected && m_pSocket->notifyWhenAllSent()) || m_bAllSentDue;
+        return;
+    case 6:
+        return other();
+    case 16:
+        if (m_bActive)
+            close();
+        return;
+    case 17:
+        return destroy();
+    case 18: // at once again
+        if (m_bOutgoing && m_bActive && m_random.chance(0.3))
+            close();
+        if (m_bOutgoing && !m_bActive)
+            connectOut();
+        return;
+    case 19:
+        return sendEnd();
+    default:
+        send();
+    }
+}
+
+// --- the run ---------------------------------------------------------------------------------------------
+
+using MakeSide = std::function<std::unique_ptr<Side>()>;
+
+// A descriptor, too, may be let go.
+inline quint16 listen(Talk& talk, NuvikaTcpServer& server, const MakeSide& make)
+{
+    QObject::connect(&server, &NuvikaTcpServer::newConnectionDesc, [&talk, make](int descriptor) {
+        if (!talk.bCalm && !talk.bFinishing && talk.random.chance(0.03)) {
+            ++talk.nCuts;
+            ::close(descriptor);
+            return;
+        }
+        talk.own.push_back(make());
+        talk.own.back()->accept(descriptor);
+    });
+    talk.world.expect(server.listen(QHostAddress(QHostAddress::LocalHost), 0), "the server does not listen");
+    return server.serverPort();
+}
+
+inline void talkAWhile(Talk& talk, const MakeSide& make, const std::function<void()>& pause)
+{
+    talk.world.weather() = talk.weather;
+    for (std::uint64_t left = talk.random.size(12); left > 0; --left) {
+        talk.own.push_back(make());
+        talk.own.back()->connectOut();
+        talk.world.run(talk.random.below(20));
+    }
+    for (std::uint64_t left = talk.random.size(60); left > 0; --left) {
+        Side& side = *talk.random.pick(talk.own);
+        if (!side.isActive() && side.isOutgoing() && talk.random.chance(0.7))
+            side.connectOut();
+        else
+            side.act();
+        pause();
+    }
+}
+
+inline void waitUntilNone(Talk& talk, const char* what, bool (Side::*so)() const)
+{
+    const auto none = [&] { return std::none_of(talk.sides.begin(), talk.sides.end(), std::mem_fn(so)); };
+    talk.world.runUntil(none, 900000);
+    for (const Side* side : talk.sides)
+        talk.world.expect(!(side->*so)(), "%s: %s", what, side->text().c_str());
+}
+
+// In fine weather everything that was taken arrives, and every connection ends.
+inline void finish(Talk& talk, double acceptedToo)
+{
+    talk.bFinishing = true;
+    talk.world.weather() = Weather();
+    for (std::size_t i = 0; i < talk.own.size(); ++i)
+        talk.own[i]->resume();
+    waitUntilNone(talk, "waits in vain", &Side::waits);
+    talk.world.run(20000); // first bytes, too
+    for (std::size_t i = 0; i < talk.own.size(); ++i) {
+        if (talk.own[i]->isOutgoing() || talk.random.chance(acceptedToo))
+            talk.own[i]->finish();
+    }
+    waitUntilNone(talk, "does not end", &Side::isActive);
+    talk.own.clear();
+}
+} // namespace sim
