@@ -21,6 +21,8 @@
 
 namespace sim
 {
+constexpr int kHostNotFound = 11001;
+
 class Side;
 
 struct Talk {
@@ -141,10 +143,12 @@ public:
         m_bOutgoing = true;
         const auto [host, port] = target();
         const QHostAddress address(host);
+        m_bActive = false; // no signal comes inside of the call
         if (!address.isNull() && m_random.chance(0.7))
             m_pSocket->connectToHost(address, port);
         else
             m_pSocket->connectToHost(host, port);
+        m_bActive = true;
         if constexpr (kMessages)
             m_world.expect(!m_pSocket->sendBuffer("early", 5), "it is taken before there is a connection");
     }
@@ -318,7 +322,6 @@ void SideOf<Socket>::ended(int code, bool bAnnounced)
 template <class Socket>
 void SideOf<Socket>::checkEnd(int code, bool)
 {
-    constexpr int kHostNotFound = 11001;
     m_world.expect(code == 0 || !m_talk.isFine() || code == kHostNotFound, "error %d without a reason", code);
     const Stream* in = m_in.pStream;
     if (code != 0 || in == nullptr || (in->bCut && !in->bBroken))
