@@ -80,7 +80,7 @@ public:
     virtual ~Side()
     {
         if (m_bActive)
-            cut();
+            over(1);
         m_talk.sides.erase(std::find(m_talk.sides.begin(), m_talk.sides.end(), this));
     }
     Side(const Side&) = delete;
@@ -102,15 +102,11 @@ public:
     }
 
 protected:
-    void over()
+    void over(int cuts)
     {
+        m_talk.nCuts += cuts;
         m_bActive = m_bConnected = m_bReading = m_bRefused = m_bAllSentDue = false;
         m_pOut->bCut = true;
-    }
-    void cut()
-    {
-        ++m_talk.nCuts;
-        over();
     }
 
     Talk& m_talk;
@@ -127,7 +123,7 @@ protected:
     bool m_bRefused = false; // sigCanSend() follows
     bool m_bAllSentDue = false;
     int m_nAfterStall = -1; // deliveries since then
-    int m_nPosted = std::numeric_limits<int>::max(); // receives at a time
+    int m_nPosted = 0; // receives at a time
     Stream* m_pOut = nullptr;
     Reception m_in;
 };
@@ -172,7 +168,45 @@ public:
         else if (m_bActive)
             close();
     }
-    void act() override;
+    void act() override
+    {
+        if (m_talk.bFinishing || !m_pSocket || m_random.chance(0.4))
+            return;
+        switch (m_random.below(m_talk.bCalm ? 16 : 20)) {
+        case 0:
+        case 1:
+            return runNestedLoop(m_talk);
+        case 2:
+        case 3:
+            if (m_bConnected)
+                stall();
+            return;
+        case 4:
+            return m_world.work(m_random.size(5000));
+        case 5:
+            if constexpr (!kMessages)
+                m_bAllSentDue = (m_bConnected && m_pSocket->notifyWhenAllSent()) || m_bAllSentDue;
+            return;
+        case 6:
+            return other();
+        case 16:
+            if (m_bActive)
+                close();
+            return;
+        case 17:
+            return destroy();
+        case 18: // at once again
+            if (m_bOutgoing && m_bActive && m_random.chance(0.3))
+                close();
+            if (m_bOutgoing && !m_bActive)
+                connectOut();
+            return;
+        case 19:
+            return sendEnd();
+        default:
+            send();
+        }
+    }
 
 protected:
     using Tcp = NuvikaTcpSocket;
@@ -181,10 +215,39 @@ protected:
     static constexpr bool kQueued
         = std::is_same_v<Socket, NuvikaTcpSocketQueued> || std::is_same_v<Socket, BufferSocketQueued>;
 
-    virtual std::unique_ptr<Socket> make();
+    virtual std::unique_ptr<Socket> make()
+    {
+        const int hint = m_random.chance(0.5) ? 0 : static_cast<int>(m_random.size(200000));
+        const bool bSingle = m_random.chance(0.3);
+        const auto profile = [this] { return static_cast<Tcp::LOAD_PROFILE>(m_random.below(3)); };
+        m_nPosted = kMessages || kTls ? std::numeric_limits<int>::max() : bSingle ? 1 : 2;
+        if constexpr (kMessages)
+            return std::make_unique<Socket>(m_random.chance(0.5), static_cast<int>(profile()));
+        else if constexpr (kTls)
+            return std::make_unique<Socket>(hint);
+        else if constexpr (kQueued)
+            return std::make_unique<Socket>(hint, bSingle);
+        else
+            return std::make_unique<Socket>(profile(), profile(), hint, bSingle);
+    }
+
     virtual std::pair<QString, quint16> target() { return {m_random.pick(m_talk.hosts), m_talk.nPort}; }
     virtual void checkConnected() { }
-    virtual void checkEnd(int code, bool bAnnounced);
+    virtual void checkEnd(int code, bool)
+    {
+        m_world.expect(
+            code == 0 || !m_talk.isFine() || code == kHostNotFound, "error %d without a reason", code);
+        const Stream* in = m_in.pStream;
+        if (code != 0 || in == nullptr || (in->bCut && !in->bBroken))
+            return;
+        if constexpr (kMessages) // the peer's handler may run still
+            m_world.expect(
+                m_talk.weather.mayReset() || m_talk.weather.mayFail(), "an end, and the peer is there");
+        else
+            m_world.expect(in->bEnded && m_in.isComplete(), "stream %u, %s, ends after %lld of %lld bytes",
+                in->nId, in->bEnded ? "ended" : "not ended", m_in.nReceived, in->nSent);
+    }
+
     virtual void other() { send(); } // that a handler may do
 
     void checkSignal(const char* name, Tcp::STATE state)
@@ -201,287 +264,175 @@ protected:
         m_nAfterStall = 0;
         m_stallEnds.start(static_cast<int>(m_random.size(m_talk.nLongestStallMs)));
     }
-    void send();
+    // Small ones in crowds, large ones alone.
+    void send()
+    {
+        const bool bCrowd = m_random.chance(0.2);
+        for (std::uint64_t left = m_random.size(bCrowd ? 100 : 4); left > 0; --left)
+            sendOne(static_cast<int>(bCrowd ? m_random.below(30) : m_random.size(m_talk.nLargest)));
+    }
 
     std::unique_ptr<Socket> m_pSocket;
 
 private:
-    void connectSignals();
-    void begin();
-    void connected();
-    void received(const char* data, int size);
-    void ended(int code, bool bAnnounced);
-    void canSend();
-    void allSent();
-    bool mustTake() const;
-    void sendOne(int size);
-    void sendEnd();
-    void close();
-    void destroy();
-};
-
-// --- signals ---------------------------------------------------------------------------------------------
-
-template <class Socket>
-std::unique_ptr<Socket> SideOf<Socket>::make()
-{
-    const int hint = m_random.chance(0.5) ? 0 : static_cast<int>(m_random.size(200000));
-    const bool bSingle = m_random.chance(0.3);
-    const auto profile = [this] { return static_cast<Tcp::LOAD_PROFILE>(m_random.below(3)); };
-    if constexpr (kMessages)
-        return std::make_unique<Socket>(m_random.chance(0.5), static_cast<int>(profile()));
-    else if constexpr (kTls)
-        return std::make_unique<Socket>(hint);
-    else
-        m_nPosted = bSingle ? 1 : 2;
-    if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>)
-        return std::make_unique<Socket>(hint, bSingle);
-    else if constexpr (std::is_same_v<Socket, Tcp>)
-        return std::make_unique<Socket>(profile(), profile(), hint, bSingle);
-}
-
-template <class Socket>
-void SideOf<Socket>::connectSignals()
-{
-    const auto on = [this](auto signal, auto handler) { QObject::connect(m_pSocket.get(), signal, handler); };
-    const auto receive = [this](const char* data, int size) { received(data, size); };
-    on(&Socket::connected, [this] { connected(); });
-    on(&Socket::error, [this](int code) { ended(code, false); });
-    if constexpr (kTls)
-        on(&Socket::disconnected, [this](unsigned long how) { ended(0, how == 0); });
-    else
-        on(&Socket::disconnected, [this] { ended(0, true); });
-    if constexpr (!std::is_same_v<Socket, BufferSocketQueued>)
-        on(&Socket::sigCanSend, [this] { canSend(); });
-    if constexpr (kMessages) {
-        on(&Socket::incomingBuffer, receive);
-    } else {
-        on(&Socket::dataReceived, receive);
-        on(&Socket::sigAllSent, [this] { allSent(); });
+    void connectSignals()
+    {
+        const auto on
+            = [this](auto signal, auto handler) { QObject::connect(m_pSocket.get(), signal, handler); };
+        const auto receive = [this](const char* data, int size) { received(data, size); };
+        on(&Socket::connected, [this] { connected(); });
+        on(&Socket::error, [this](int code) { ended(code, false); });
+        if constexpr (kTls)
+            on(&Socket::disconnected, [this](unsigned long how) { ended(0, how == 0); });
+        else
+            on(&Socket::disconnected, [this] { ended(0, true); });
+        if constexpr (!kMessages || !kQueued)
+            on(&Socket::sigCanSend, [this] {
+                checkSignal("sigCanSend", Tcp::eConnected);
+                m_world.expect(m_pSocket->canSend(), "sigCanSend() comes, and nothing can be sent");
+                m_bRefused = false;
+                act();
+            });
+        if constexpr (kMessages) {
+            on(&Socket::incomingBuffer, receive);
+        } else {
+            on(&Socket::dataReceived, receive);
+            on(&Socket::sigAllSent, [this] {
+                checkSignal("sigAllSent", Tcp::eConnected);
+                m_world.expect(std::exchange(m_bAllSentDue, false), "sigAllSent() comes unasked");
+                if constexpr (kQueued)
+                    m_world.expect(
+                        m_pSocket->isDynamicDataQueueEmpty(), "sigAllSent() comes before all is sent");
+                act();
+            });
+        }
     }
-}
 
-template <class Socket>
-void SideOf<Socket>::begin()
-{
-    if (!m_pSocket) {
-        m_pSocket = make();
-        connectSignals();
+    void begin()
+    {
+        if (!m_pSocket) {
+            m_pSocket = make();
+            connectSignals();
+        }
+        ++m_nSession;
+        m_nBegin = m_world.nowMs();
+        m_bActive = true;
+        m_bConnected = m_bReading = false;
+        m_pOut = &m_talk.streams.make();
+        m_in = {};
+        resume();
     }
-    ++m_nSession;
-    m_nBegin = m_world.nowMs();
-    m_bActive = true;
-    m_bConnected = m_bReading = false;
-    m_pOut = &m_talk.streams.make();
-    m_in = {};
-    resume();
-}
 
-template <class Socket>
-void SideOf<Socket>::connected()
-{
-    checkSignal("connected", Tcp::eConnected);
-    m_world.expect((m_bOutgoing || kTls) && !std::exchange(m_bConnected, true), "connected() comes again");
-    checkConnected();
-    send();
-    act();
-}
-
-template <class Socket>
-void SideOf<Socket>::received(const char* data, int size)
-{
-    checkSignal("dataReceived", Tcp::eConnected);
-    m_world.expect(m_bConnected && (size > 0 || kMessages), "%d bytes before connected(), or none", size);
-    m_world.expect(!std::exchange(m_bReading, kTls || kMessages), "dataReceived() nests");
-    m_world.expect(m_nAfterStall < 0 || ++m_nAfterStall <= m_nPosted,
-        "more is delivered than the receives that were posted");
-    m_in.read(m_world, m_talk.streams, data, size);
-    if constexpr (kMessages)
-        m_in.readMessage(m_world, size);
-    const int session = m_nSession;
-    expectKept(m_world, data, size, [this] { act(); });
-    if (session == m_nSession)
-        m_bReading = false;
-}
-
-template <class Socket>
-void SideOf<Socket>::ended(int code, bool bAnnounced)
-{
-    const bool bWasConnected = m_bConnected;
-    checkSignal(code == 0 ? "disconnected" : "error", code == 0 ? Tcp::eUnconnected : Tcp::eError);
-    m_world.expect(!m_bReading, "the end comes while a handler of received bytes runs");
-    m_world.expect(code != 0 || bWasConnected, "disconnected() comes before connected()");
-    checkEnd(code, bAnnounced);
-    over();
-    m_pOut->bBroken = !kMessages && code != 0 && bWasConnected && !m_talk.weather.mayFail();
-    if (code != 0)
-        m_pSocket->close();
-    act();
-}
-
-template <class Socket>
-void SideOf<Socket>::checkEnd(int code, bool)
-{
-    m_world.expect(code == 0 || !m_talk.isFine() || code == kHostNotFound, "error %d without a reason", code);
-    const Stream* in = m_in.pStream;
-    if (code != 0 || in == nullptr || (in->bCut && !in->bBroken))
-        return;
-    if constexpr (kMessages) // the peer's handler may run still
+    void connected()
+    {
+        checkSignal("connected", Tcp::eConnected);
         m_world.expect(
-            m_talk.weather.mayReset() || m_talk.weather.mayFail(), "an end, and the peer is there");
-    else
-        m_world.expect(in->bEnded && m_in.isComplete(), "stream %u, %s, ends after %lld of %lld bytes",
-            in->nId, in->bEnded ? "ended" : "not ended", m_in.nReceived, in->nSent);
-}
-
-template <class Socket>
-void SideOf<Socket>::canSend()
-{
-    checkSignal("sigCanSend", Tcp::eConnected);
-    if constexpr (!std::is_same_v<Socket, BufferSocketQueued>)
-        m_world.expect(m_pSocket->canSend(), "sigCanSend() comes, and nothing can be sent");
-    m_bRefused = false;
-    act();
-}
-
-template <class Socket>
-void SideOf<Socket>::allSent()
-{
-    checkSignal("sigAllSent", Tcp::eConnected);
-    m_world.expect(std::exchange(m_bAllSentDue, false), "sigAllSent() comes unasked");
-    if constexpr (std::is_same_v<Socket, NuvikaTcpSocketQueued>)
-        m_world.expect(m_pSocket->isDynamicDataQueueEmpty(), "sigAllSent() comes before all is sent");
-    act();
-}
-
-// --- what is done ----------------------------------------------------------------------------------------
-
-// Small ones in crowds, large ones alone.
-template <class Socket>
-void SideOf<Socket>::send()
-{
-    const bool bCrowd = m_random.chance(0.2);
-    for (std::uint64_t left = m_random.size(bCrowd ? 100 : 4); left > 0; --left)
-        sendOne(static_cast<int>(bCrowd ? m_random.below(30) : m_random.size(m_talk.nLargest)));
-}
-
-template <class Socket>
-bool SideOf<Socket>::mustTake() const
-{
-    if constexpr (kTls)
-        return m_talk.bCalm && m_talk.isFine();
-    else if constexpr (kQueued)
-        return !m_bReading; // then a connection's end is not told yet
-    else
-        return !m_bReading && m_pSocket->canSend();
-}
-
-template <class Socket>
-void SideOf<Socket>::sendOne(int size)
-{
-    if (!m_bConnected || m_pOut->bEnded || m_talk.nSent > m_talk.nMostSent || (kMessages && m_bRefused))
-        return;
-    const QByteArray bytes = m_pOut->next(std::max<int>(size, !kMessages) + (m_pOut->nSent == 0 ? 4 : 0));
-    const bool bMust = mustTake();
-    bool bTaken = false;
-    m_pOut->nSent += bytes.size(); // they may be received at once
-    m_pOut->sizes.push_back(bytes.size());
-    if constexpr (kMessages)
-        bTaken = m_pSocket->sendBuffer(bytes.constData(), bytes.size());
-    else
-        bTaken = m_pSocket->sendData(bytes.constData(), bytes.size());
-    m_talk.nSent += bytes.size();
-    m_world.expect(bTaken || !bMust, "bytes are refused though they can be sent");
-    if (!bTaken) {
-        m_pOut->nSent -= bytes.size();
-        m_pOut->sizes.pop_back();
-    }
-    if constexpr (kTls)
-        m_bRefused = bTaken && !m_pSocket->canSend();
-    else
-        m_bRefused = m_bRefused || (!bTaken && !std::is_same_v<Socket, BufferSocketQueued>);
-}
-
-template <class Socket>
-void SideOf<Socket>::sendEnd()
-{
-    if (kMessages || !m_bConnected || std::exchange(m_pOut->bEnded, true))
-        return;
-    if constexpr (std::is_same_v<Socket, Tcp>) {
-        m_world.expect(m_pSocket->sendEndOfData(), "the end of data is refused");
-    } else if constexpr (kTls) {
-        m_pSocket->sendEndOfData();
-        m_bRefused = false; // TCP may be ended already, and nothing can be sent any more
-        m_world.expect(!m_pSocket->sendData("", 0), "bytes are taken behind the end");
-    } else if constexpr (!kMessages) {
-        m_pSocket->finishSending();
-    }
-}
-
-template <class Socket>
-void SideOf<Socket>::close()
-{
-    cut();
-    m_pSocket->close();
-    if constexpr (kMessages)
-        m_world.expect(!m_pSocket->sendBuffer("late", 4), "a message is taken behind the end");
-    else
-        m_world.expect(m_pSocket->getState() == Tcp::eUnconnected, "closed, and not so");
-}
-
-template <class Socket>
-void SideOf<Socket>::destroy()
-{
-    if (m_bActive && m_random.chance(0.5))
-        close();
-    else if (m_bActive)
-        cut();
-    if (!m_random.chance(0.5))
-        return m_pSocket.reset();
-    m_pSocket->disconnect(); // until the loop deletes it, it may say something
-    m_pSocket.release()->deleteLater();
-}
-
-template <class Socket>
-void SideOf<Socket>::act()
-{
-    if (m_talk.bFinishing || !m_pSocket || m_random.chance(0.4))
-        return;
-    switch (m_random.below(m_talk.bCalm ? 16 : 20)) {
-    case 0:
-    case 1:
-        return runNestedLoop(m_talk);
-    case 2:
-    case 3:
-        if (m_bConnected)
-            stall();
-        return;
-    case 4:
-        return m_world.work(m_random.size(5000));
-    case 5:
-        if constexpr (!kMessages)
-            m_bAllSentDue = (m_bConnected && m_pSocket->notifyWhenAllSent()) || m_bAllSentDue;
-        return;
-    case 6:
-        return other();
-    case 16:
-        if (m_bActive)
-            close();
-        return;
-    case 17:
-        return destroy();
-    case 18: // at once again
-        if (m_bOutgoing && m_bActive && m_random.chance(0.3))
-            close();
-        if (m_bOutgoing && !m_bActive)
-            connectOut();
-        return;
-    case 19:
-        return sendEnd();
-    default:
+            (m_bOutgoing || kTls) && !std::exchange(m_bConnected, true), "connected() comes again");
+        checkConnected();
         send();
+        act();
     }
-}
+
+    void received(const char* data, int size)
+    {
+        checkSignal("dataReceived", Tcp::eConnected);
+        m_world.expect(m_bConnected && (size > 0 || kMessages), "%d bytes before connected(), or none", size);
+        m_world.expect(!std::exchange(m_bReading, kTls || kMessages), "dataReceived() nests");
+        m_world.expect(m_nAfterStall < 0 || ++m_nAfterStall <= m_nPosted,
+            "more is delivered than the receives that were posted");
+        m_in.read(m_world, m_talk.streams, data, size);
+        if constexpr (kMessages)
+            m_in.readMessage(m_world, size);
+        const int session = m_nSession;
+        expectKept(m_world, data, size, [this] { act(); });
+        if (session == m_nSession)
+            m_bReading = false;
+    }
+
+    void ended(int code, bool bAnnounced)
+    {
+        const bool bWasConnected = m_bConnected;
+        checkSignal(code == 0 ? "disconnected" : "error", code == 0 ? Tcp::eUnconnected : Tcp::eError);
+        m_world.expect(!m_bReading, "the end comes while a handler of received bytes runs");
+        m_world.expect(code != 0 || bWasConnected, "disconnected() comes before connected()");
+        checkEnd(code, bAnnounced);
+        over(0);
+        m_pOut->bBroken = !kMessages && code != 0 && bWasConnected && !m_talk.weather.mayFail();
+        if (code != 0)
+            m_pSocket->close();
+        act();
+    }
+
+    bool mustTake() const
+    {
+        if constexpr (kTls)
+            return m_talk.bCalm && m_talk.isFine();
+        else if constexpr (kQueued)
+            return !m_bReading; // then a connection's end is not told yet
+        else
+            return !m_bReading && m_pSocket->canSend();
+    }
+
+    void sendOne(int size)
+    {
+        if (!m_bConnected || m_pOut->bEnded || m_talk.nSent > m_talk.nMostSent || (kMessages && m_bRefused))
+            return;
+        const QByteArray bytes = m_pOut->next(std::max<int>(size, !kMessages) + (m_pOut->nSent == 0 ? 4 : 0));
+        const bool bMust = mustTake();
+        bool bTaken = false;
+        m_pOut->nSent += bytes.size(); // they may be received at once
+        m_pOut->sizes.push_back(bytes.size());
+        if constexpr (kMessages)
+            bTaken = m_pSocket->sendBuffer(bytes.constData(), bytes.size());
+        else
+            bTaken = m_pSocket->sendData(bytes.constData(), bytes.size());
+        m_talk.nSent += bytes.size();
+        m_world.expect(bTaken || !bMust, "bytes are refused though they can be sent");
+        if (!bTaken) {
+            m_pOut->nSent -= bytes.size();
+            m_pOut->sizes.pop_back();
+        }
+        if constexpr (kTls)
+            m_bRefused = bTaken && !m_pSocket->canSend();
+        else
+            m_bRefused = m_bRefused || (!bTaken && !kQueued); // of those, one that ends
+    }
+
+    void sendEnd()
+    {
+        if (kMessages || !m_bConnected || std::exchange(m_pOut->bEnded, true))
+            return;
+        if constexpr (std::is_same_v<Socket, Tcp>) {
+            m_world.expect(m_pSocket->sendEndOfData(), "the end of data is refused");
+        } else if constexpr (kTls) {
+            m_pSocket->sendEndOfData();
+            m_bRefused = false; // TCP may be ended already, and nothing can be sent any more
+            m_world.expect(!m_pSocket->sendData("", 0), "bytes are taken behind the end");
+        } else if constexpr (!kMessages) {
+            m_pSocket->finishSending();
+        }
+    }
+
+    void close()
+    {
+        over(1);
+        m_pSocket->close();
+        if constexpr (kMessages)
+            m_world.expect(!m_pSocket->sendBuffer("late", 4), "a message is taken behind the end");
+        else
+            m_world.expect(m_pSocket->getState() == Tcp::eUnconnected, "closed, and not so");
+    }
+
+    void destroy()
+    {
+        if (m_bActive)
+            m_random.chance(0.5) ? close() : over(1);
+        if (!m_random.chance(0.5))
+            return m_pSocket.reset();
+        m_pSocket->disconnect(); // until the loop deletes it, it may say something
+        m_pSocket.release()->deleteLater();
+    }
+};
 
 // --- the run ---------------------------------------------------------------------------------------------
 

@@ -12,19 +12,6 @@ constexpr int kMostRooms = 12; // of a run
 
 class Room;
 
-// On its way to another thread, which may be gone.
-struct Descriptor {
-    explicit Descriptor(int descriptor) : n(descriptor) { }
-    ~Descriptor()
-    {
-        if (n >= 0)
-            ::close(n);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int n;
-};
-
 struct House : sim::Talk {
     explicit House(sim::World& w) : Talk(w, 4 << 20, 100000) { world.weather() = weather; }
     // Calls it on the thread of a room, or of each, if that still runs by then.
@@ -114,8 +101,13 @@ Room::~Room()
 void Room::accepted(int descriptor)
 {
     if (!m_house.bFinishing && m_house.random.chance(0.4)) {
-        const auto sent = std::make_shared<Descriptor>(descriptor);
-        m_house.post(false, [sent](Room& room) { room.accepted(std::exchange(sent->n, -1)); });
+        const auto let = [](int* n) {
+            if (*n >= 0) // the other room was gone
+                ::close(*n);
+            std::default_delete<int>()(n);
+        };
+        const std::shared_ptr<int> sent(std::make_unique<int>(descriptor).release(), let);
+        m_house.post(false, [sent](Room& room) { room.accepted(std::exchange(*sent, -1)); });
         return;
     }
     ends.push_back(std::make_unique<End>(m_house));
