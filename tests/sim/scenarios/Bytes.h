@@ -4,7 +4,6 @@
 #include "sim/World.h"
 
 #include <algorithm>
-#include <cstring>
 #include <deque>
 #include <vector>
 
@@ -84,14 +83,4 @@ private:
     quint32 m_nId = 0;
     std::size_t m_nMessages = 0;
 };
-
-// Received bytes stay as they are while their handler runs, whatever it does.
-template <class Handler>
-void expectKept(World& world, const char* data, int size, Handler handler)
-{
-    const QByteArray copy(data, size);
-    handler();
-    world.expect(std::memcmp(copy.constData(), data, static_cast<std::size_t>(size)) == 0,
-        "%d received bytes change while their handler runs", size);
-}
 } // namespace sim

@@ -1,21 +1,29 @@
-// Plain and queued sockets that talk to each other through a server; and to peers which are not the library:
-// those write when they like, urgent bytes too, end or reset in the middle, and read late.
+// Sockets that talk to each other through a server: plain and queued ones, and those of messages, plain and
+// encrypted, each of which comes once, whole and in order, or not at all. And sockets that talk to peers
+// which are not the library: those write when they like, urgent bytes too, end or reset in the middle, and
+// read late.
 #include "sim/scenarios/Sides.h"
 
 namespace
 {
-std::unique_ptr<sim::Side> makeSide(sim::Talk& talk)
+template <class One, class Other>
+std::unique_ptr<sim::Side> make(sim::Talk& talk)
 {
     if (talk.random.chance(0.5))
-        return std::make_unique<sim::SideOf<NuvikaTcpSocket>>(talk);
-    return std::make_unique<sim::SideOf<NuvikaTcpSocketQueued>>(talk);
+        return std::make_unique<sim::SideOf<One>>(talk);
+    return std::make_unique<sim::SideOf<Other>>(talk);
 }
 
+// Through a server, where it is one of their own.
+template <class One, class Other>
 void converse(sim::Talk& talk)
 {
-    sim::talkAWhile(
-        talk, [&] { return makeSide(talk); }, [&] { talk.world.run(talk.random.size(100)); });
-    sim::finish(talk, 0.5);
+    const auto makeOne = [&] { return make<One, Other>(talk); };
+    NuvikaTcpServer server;
+    if (talk.nPort == 0)
+        talk.nPort = sim::listen(talk, server, makeOne);
+    sim::talkAWhile(talk, makeOne, [&] { talk.world.run(talk.random.size(100)); });
+    sim::finish(talk, 0.3);
 }
 
 // What a peer does next, and when.
@@ -60,15 +68,20 @@ void welcome(sim::Talk& talk, sim::Peer& peer)
 
 SCENARIO(streams)
 {
-    NuvikaTcpServer server;
     sim::Talk talk(world, 8 << 20, 300000);
     world.setName("here", {"127.0.0.1"});
     world.setName("at last", {"10.7.7.7", "fd00::1", "10.0.0.1", "127.0.0.1"}); // no answer, then refusals
     world.setName("nobody", {});
     for (const char* host : {"127.0.0.1", "127.0.0.1", "127.0.0.1", "here", "at last", "nobody"})
         talk.hosts.push_back(QString::fromLatin1(host));
-    talk.nPort = sim::listen(talk, server, [&] { return makeSide(talk); });
-    converse(talk);
+    converse<NuvikaTcpSocket, NuvikaTcpSocketQueued>(talk);
+}
+
+SCENARIO(messages)
+{
+    sim::Talk talk(world, 12 << 20, 2000000);
+    talk.hosts = {QStringLiteral("127.0.0.1"), QStringLiteral("127.0.0.1"), QStringLiteral("nowhere")};
+    converse<BufferSocketFixedFifo, BufferSocketQueued>(talk);
 }
 
 SCENARIO(strangers)
@@ -77,5 +90,5 @@ SCENARIO(strangers)
     talk.hosts = {QStringLiteral("10.0.0.9")};
     talk.nPort = 1000;
     world.listen("10.0.0.9", talk.nPort, [&](sim::Peer& peer) { welcome(talk, peer); });
-    converse(talk);
+    converse<NuvikaTcpSocket, NuvikaTcpSocketQueued>(talk);
 }

@@ -4,6 +4,7 @@
 
 #include "platform/Thread_p.h"
 
+#include <QtCore/QEventLoop>
 #include <QtCore/QMutex>
 
 namespace
@@ -136,27 +137,13 @@ void Room::tick()
         connectOut();
 }
 
-class RoomThread : public QThread
+void runRoom(House& house)
 {
-public:
-    explicit RoomThread(House& house) : m_house(house) { }
-
-protected:
-    void run() override
-    {
-        if (m_house.random.chance(0.5)) {
-            Room room(m_house); // ends behind the loop
-            exec();
-            return;
-        }
-        auto* room = std::make_unique<Room>(m_house).release(); // ends with the thread's last deeds
-        QObject::connect(this, &QThread::finished, room, &QObject::deleteLater, Qt::DirectConnection);
-        exec();
-    }
-
-private:
-    House& m_house;
-};
+    auto room = std::make_unique<Room>(house);
+    QEventLoop().exec();
+    if (house.random.chance(0.5)) // with the thread's last deeds
+        room.release()->deleteLater();
+}
 
 void finishAll(House& house)
 {
@@ -180,10 +167,10 @@ SCENARIO(threads)
 {
     world.setName("here", {"127.0.0.1"});
     House house(world);
-    std::vector<std::unique_ptr<RoomThread>> threads;
+    std::vector<std::unique_ptr<QThread>> threads;
     sim::Random& random = world.random();
     const auto start = [&] {
-        auto thread = std::make_unique<RoomThread>(house);
+        std::unique_ptr<QThread> thread(QThread::create([&] { runRoom(house); }));
         if (Nuvika::Threads::start(*thread))
             threads.push_back(std::move(thread));
     };
