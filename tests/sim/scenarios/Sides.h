@@ -147,6 +147,8 @@ public:
         m_bActive = true;
         if constexpr (kMessages)
             m_world.expect(!m_pSocket->sendBuffer("early", 5), "it is taken before there is a connection");
+        else
+            m_world.expect(m_pSocket->getState() == Tcp::eConnecting, "it does not connect");
     }
     void accept(int descriptor) override
     {
@@ -194,7 +196,7 @@ public:
         case 13:
             return destroy();
         case 14: // at once again
-            if (m_bOutgoing && m_bActive && m_random.chance(0.3))
+            if (m_bOutgoing && m_bActive && m_random.chance(0.6))
                 close();
             if (m_bOutgoing && !m_bActive)
                 connectOut();
@@ -281,7 +283,10 @@ private:
         on(&Socket::connected, [this] { connected(); });
         on(&Socket::error, [this](int code) { ended(code, false); });
         if constexpr (kTls)
-            on(&Socket::disconnected, [this](unsigned long how) { ended(0, how == 0); });
+            on(&Socket::disconnected, [this](unsigned long how) {
+                m_world.expect(how <= 1, "disconnected(%lu)", how);
+                ended(0, how == 0);
+            });
         else
             on(&Socket::disconnected, [this] { ended(0, true); });
         if constexpr (!kMessages || !kQueued)
@@ -458,7 +463,7 @@ inline quint16 listen(Talk& talk, NuvikaTcpServer& server, const MakeSide& make)
 inline void talkAWhile(Talk& talk, const MakeSide& make, const std::function<void()>& pause)
 {
     talk.world.weather() = talk.weather;
-    for (std::uint64_t left = talk.random.size(12); left > 0; --left) {
+    for (std::uint64_t left = talk.random.size(8); left > 0; --left) {
         talk.own.push_back(make());
         talk.own.back()->connectOut();
         talk.world.run(talk.random.below(20));
