@@ -60,8 +60,7 @@ struct Talk {
 // An event loop of a handler's own, up to some depth.
 inline void runNestedLoop(Talk& talk)
 {
-    constexpr int kMostDepth = 3;
-    if (talk.nDepth >= kMostDepth)
+    if (talk.nDepth >= 3)
         return;
     ++talk.nDepth;
     talk.world.run(talk.random.size(50));
@@ -462,6 +461,7 @@ inline quint16 listen(Talk& talk, NuvikaTcpServer& server, const MakeSide& make)
 
 inline void talkAWhile(Talk& talk, const MakeSide& make, const std::function<void()>& pause)
 {
+    const auto isDone = [](const auto& side) { return !side->isActive() && !side->isOutgoing(); };
     talk.world.weather() = talk.weather;
     for (std::uint64_t left = talk.random.size(8); left > 0; --left) {
         talk.own.push_back(make());
@@ -469,6 +469,7 @@ inline void talkAWhile(Talk& talk, const MakeSide& make, const std::function<voi
         talk.world.run(talk.random.below(20));
     }
     for (std::uint64_t left = talk.random.size(60); left > 0; --left) {
+        talk.own.erase(std::remove_if(talk.own.begin(), talk.own.end(), isDone), talk.own.end());
         Side& side = *talk.random.pick(talk.own);
         if (!side.isActive() && side.isOutgoing() && talk.random.chance(0.7))
             side.connectOut();

@@ -67,13 +67,13 @@ private:
     Site* m_pAsked = nullptr; // by a client; null: a liar
     Ssl::SslVerifyCertificateMode m_mode = Ssl::eVerifyChainAndHost;
     QString m_host;
-    const bool m_bLoyal = m_random.chance(0.5); // to the first site
+    const bool m_bLoyal = m_random.chance(0.7); // to the first site
     QString m_how; // all on which resuming depends
 };
 
 void TlsSide::configure(Ssl& socket)
 {
-    static constexpr std::array<Ssl::SslProtocol, 3> kProtocols{Ssl::eSslAny12, Ssl::eTls12, Ssl::eTls13};
+    static constexpr std::array<Ssl::SslProtocol, 2> kProtocols{Ssl::eTls12, Ssl::eSslAny12};
     const auto protocol = isServer() ? Ssl::eSslAny12 : m_random.pick(kProtocols);
     const auto mode
         = isServer() ? (m_pSite->kind == Site::eAsks ? m_random.between(1, 2) : 0) : m_random.below(3);
