@@ -1,12 +1,11 @@
 // Storms of connections to a server that listens, closes and listens again, while descriptors run out and
-// come back. Who is connected in the end is served or let go, and each is handed out once, in order.
+// come back. Who is connected in the end is served or let go, and each is handed out once.
 #include "sim/World.h"
 
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
 #include <algorithm>
-#include <memory>
 #include <set>
 
 #include <unistd.h>
@@ -18,10 +17,7 @@ constexpr int kMostWaiting = 300; // of peers
 
 // A peer dials, tells its number, and wants to read it from the server again.
 struct Caller {
-    sim::Peer* pPeer = nullptr;
-    bool bConnected = false;
     bool bOver = false; // refused, reset, ended or gone
-    bool bLeaves = false; // as soon as it is connected
     QByteArray answer;
 };
 
@@ -29,12 +25,12 @@ struct Storm {
     explicit Storm(sim::World& w) : world(w) { }
 
     sim::World& world;
-    NuvikaTcpServer* pServer = nullptr;
+    sim::Random& random = world.random();
+    std::unique_ptr<NuvikaTcpServer> pServer;
     std::vector<std::unique_ptr<Caller>> callers;
     std::vector<std::unique_ptr<NuvikaTcpSocket>> sockets;
     std::set<int> heard; // numbers that callers have told
     std::vector<int> kept; // descriptors that nobody uses
-    int nHandedOut = 0;
     bool bFinishing = false;
     bool bListening = false;
     int nDepth = 0;
@@ -42,19 +38,16 @@ struct Storm {
 
 void dial(Storm& storm)
 {
-    auto& random = storm.world.random();
     storm.callers.push_back(std::make_unique<Caller>());
     Caller& caller = *storm.callers.back();
-    const auto number = static_cast<int>(storm.callers.size());
-    caller.bLeaves = random.chance(0.2);
-    caller.pPeer = &storm.world.dial("127.0.0.1", kPort, [&caller, number](sim::Peer& peer) {
-        peer.onConnected = [&caller, &peer, number] {
-            caller.bConnected = true;
-            peer.write(QByteArray::number(number) + '\n');
-            if (caller.bLeaves) {
-                caller.bOver = true;
+    const auto line = QByteArray::number(static_cast<int>(storm.callers.size())) + '\n';
+    const bool bLeaves = !storm.bFinishing && storm.random.chance(0.2); // as soon as it is connected
+    storm.world.dial("127.0.0.1", kPort, [&caller, line, bLeaves](sim::Peer& peer) {
+        peer.onConnected = [&caller, &peer, line, bLeaves] {
+            peer.write(line);
+            caller.bOver = bLeaves;
+            if (bLeaves)
                 peer.reset();
-            }
         };
         peer.onBytes = [&caller](const QByteArray& bytes) { caller.answer += bytes; };
         peer.onEnd = [&caller] { caller.bOver = true; };
@@ -79,8 +72,8 @@ void closeServer(Storm& storm)
 // Echoes a line, then goes.
 void serve(Storm& storm, int descriptor)
 {
-    auto socket = std::make_unique<NuvikaTcpSocket>();
-    NuvikaTcpSocket* echo = socket.get();
+    storm.sockets.push_back(std::make_unique<NuvikaTcpSocket>());
+    NuvikaTcpSocket* echo = storm.sockets.back().get();
     const auto line = std::make_shared<QByteArray>();
     QObject::connect(echo, &NuvikaTcpSocket::dataReceived, [&storm, echo, line](const char* data, int size) {
         line->append(data, size);
@@ -92,25 +85,13 @@ void serve(Storm& storm, int descriptor)
         echo->sendEndOfData();
     });
     echo->setSocketDescriptor(descriptor);
-    storm.sockets.push_back(std::move(socket));
-}
-
-void nestedLoop(Storm& storm)
-{
-    if (storm.nDepth > 2)
-        return;
-    ++storm.nDepth;
-    storm.world.run(storm.world.random().size(200));
-    --storm.nDepth;
 }
 
 void handOut(Storm& storm, int descriptor)
 {
-    auto& random = storm.world.random();
+    sim::Random& random = storm.random;
     storm.world.expect(storm.bListening, "a connection of a server that was closed");
-    ++storm.nHandedOut;
-    const bool bServe = storm.bFinishing || random.chance(0.7);
-    if (bServe)
+    if (storm.bFinishing || random.chance(0.7))
         serve(storm, descriptor);
     else if (random.chance(0.5))
         ::close(descriptor);
@@ -118,8 +99,11 @@ void handOut(Storm& storm, int descriptor)
         storm.kept.push_back(descriptor);
     if (storm.bFinishing)
         return;
-    if (random.chance(0.05))
-        nestedLoop(storm);
+    if (random.chance(0.05) && storm.nDepth < 3) {
+        ++storm.nDepth;
+        storm.world.run(random.size(200));
+        --storm.nDepth;
+    }
     if (random.chance(0.03))
         closeServer(storm);
     if (random.chance(0.02))
@@ -128,50 +112,42 @@ void handOut(Storm& storm, int descriptor)
         storm.world.work(random.size(20000));
 }
 
-void makeServer(Storm& storm, std::unique_ptr<NuvikaTcpServer>* server)
+void makeServer(Storm& storm)
 {
-    *server = std::make_unique<NuvikaTcpServer>();
-    storm.pServer = server->get();
     storm.bListening = false;
+    storm.pServer = std::make_unique<NuvikaTcpServer>();
     QObject::connect(
-        storm.pServer, &NuvikaTcpServer::newConnectionDesc, [&storm](int s) { handOut(storm, s); });
+        storm.pServer.get(), &NuvikaTcpServer::newConnectionDesc, [&storm](int s) { handOut(storm, s); });
 }
 
 void freeDescriptors(Storm& storm)
 {
-    for (const int descriptor : storm.kept)
+    for (const int descriptor : std::exchange(storm.kept, {}))
         ::close(descriptor);
-    storm.kept.clear();
-    auto& sockets = storm.sockets;
-    if (storm.nDepth == 0)
-        sockets.erase(std::remove_if(sockets.begin(), sockets.end(),
-                          [](const auto& s) { return s->getState() != NuvikaTcpSocket::eConnected; }),
-            sockets.end());
+    const auto isOver = [](const auto& s) { return s->getState() != NuvikaTcpSocket::eConnected; };
+    auto& all = storm.sockets;
+    all.erase(std::remove_if(all.begin(), all.end(), isOver), all.end());
 }
 
-void step(Storm& storm, std::unique_ptr<NuvikaTcpServer>* server)
+void step(Storm& storm)
 {
-    auto& random = storm.world.random();
-    auto& weather = storm.world.weather();
-    switch (random.below(8)) {
-    case 0: // descriptors are short
+    sim::Random& random = storm.random;
+    sim::Weather& weather = storm.world.weather();
+    const auto deed = random.below(8);
+    if (deed == 0) { // descriptors are short
         weather.nDescriptors = static_cast<int>(sim::Kernel::get().openDescriptors() + random.below(6));
-        break;
-    case 1:
+    } else if (deed == 1) {
         weather.nDescriptors = 10000;
         freeDescriptors(storm);
-        break;
-    case 2:
+    } else if (deed == 2) {
         if (random.chance(0.3))
-            makeServer(storm, server);
+            makeServer(storm);
         else if (random.chance(0.3))
             closeServer(storm);
-        break;
-    case 3:
+    } else if (deed == 3) {
         if (!storm.bListening)
             listen(storm);
-        break;
-    default:
+    } else {
         for (std::uint64_t left = random.size(60); left > 0 && storm.callers.size() < kMostWaiting; --left)
             dial(storm);
     }
@@ -188,15 +164,14 @@ void finish(Storm& storm)
     if (!storm.bListening)
         listen(storm);
     storm.world.expect(storm.bListening, "the server does not listen again");
-    const auto waits = [](const std::unique_ptr<Caller>& caller) { return !caller->bOver; };
-    const auto nobodyWaits = [&] { return std::none_of(storm.callers.begin(), storm.callers.end(), waits); };
-    storm.world.runUntil(nobodyWaits, 300000);
+    const auto isOver = [](const auto& caller) { return caller->bOver; };
+    storm.world.runUntil(
+        [&] { return std::all_of(storm.callers.begin(), storm.callers.end(), isOver); }, 300000);
     for (std::size_t i = 0; i < storm.callers.size(); ++i) {
-        const Caller& caller = *storm.callers[i];
-        storm.world.expect(caller.bOver, "caller %zu (%s) waits in vain", i + 1,
-            caller.bConnected ? "connected" : "not connected");
         const QByteArray whole = QByteArray::number(static_cast<int>(i + 1)) + '\n';
-        storm.world.expect(whole.startsWith(caller.answer), "caller %zu hears another's number", i + 1);
+        storm.world.expect(isOver(storm.callers[i]), "caller %zu waits in vain", i + 1);
+        storm.world.expect(
+            whole.startsWith(storm.callers[i]->answer), "caller %zu hears another's number", i + 1);
     }
 }
 } // namespace
@@ -204,14 +179,12 @@ void finish(Storm& storm)
 SCENARIO(accepts)
 {
     Storm storm(world);
-    std::unique_ptr<NuvikaTcpServer> server;
-    makeServer(storm, &server);
+    makeServer(storm);
     for (std::uint64_t left = world.random().size(40) + 2; left > 0; --left)
-        step(storm, &server);
+        step(storm);
     finish(storm);
     const std::size_t heard = storm.heard.size();
     dial(storm); // and it goes on
-    storm.callers.back()->bLeaves = false;
     world.runUntil([&] { return storm.callers.back()->bOver; }, 10000);
     world.expect(storm.heard.size() == heard + 1, "the server serves nobody any more");
 }

@@ -4,8 +4,8 @@
 #include "sim/World.h"
 
 #include <algorithm>
-#include <cstring>
 #include <deque>
+#include <vector>
 
 namespace sim
 {
@@ -14,7 +14,9 @@ struct Stream {
     quint32 nId = 0;
     qint64 nSent = 0; // handed over and taken
     bool bEnded = false; // the sender has announced the end,
-    bool bCut = false; // or let go: what was not sent yet is lost
+    bool bCut = false; // or let go: what was not sent yet is lost,
+    bool bBroken = false; // or was told of the connection's failure: so must the receiver be
+    std::vector<int> sizes; // of messages
 
     char at(qint64 i) const
     {
@@ -54,7 +56,6 @@ struct Reception {
 
     void read(World& world, Streams& streams, const char* data, int size)
     {
-        world.expect(size > 0, "%d bytes are received", size);
         for (int i = 0; i < size; ++i, ++nReceived) {
             if (nReceived < 4) {
                 m_nId |= static_cast<quint32>(static_cast<unsigned char>(data[i])) << (8 * nReceived);
@@ -67,31 +68,19 @@ struct Reception {
         }
         world.expect(pStream == nullptr || nReceived <= pStream->nSent, "more is received than was sent");
     }
+    // What was read is the next message, whole.
+    void readMessage(World& world, int size)
+    {
+        world.expect(
+            pStream != nullptr && m_nMessages < pStream->sizes.size() && size == pStream->sizes[m_nMessages],
+            "message %zu of %u has %d bytes, and is another", m_nMessages, m_nId, size);
+        ++m_nMessages;
+    }
     bool isComplete() const { return pStream != nullptr && nReceived == pStream->nSent; }
     bool isDue() const { return pStream != nullptr && !pStream->bCut && nReceived < pStream->nSent; }
 
 private:
     quint32 m_nId = 0;
+    std::size_t m_nMessages = 0;
 };
-
-// Received bytes stay as they are while their handler runs, whatever it does.
-template <class Handler>
-void expectKept(World& world, const char* data, int size, Handler handler)
-{
-    const QByteArray copy(data, size);
-    handler();
-    world.expect(std::memcmp(copy.constData(), data, static_cast<std::size_t>(size)) == 0,
-        "%d received bytes change while their handler runs", size);
-}
-
-// An event loop of a handler's own, up to some depth.
-inline void runNestedLoop(World& world, int& depth)
-{
-    constexpr int kMostDepth = 3;
-    if (depth >= kMostDepth)
-        return;
-    ++depth;
-    world.run(world.random().size(50));
-    --depth;
-}
 } // namespace sim

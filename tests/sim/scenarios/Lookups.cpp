@@ -1,31 +1,23 @@
 // Names that change, are not found, hang in the resolver and are answered late: each request is answered
-// once, with what the name stood for; and sockets that connect by name, and are closed, reused and deleted
-// meanwhile, reach whom they were told last.
-#include "sim/World.h"
+// once, with what the name stood for; and sockets that connect by name reach whom they were told last.
+#include "sim/scenarios/Sides.h"
 
 #include <KepNuvikaUtil/HostLookup.h>
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
-#include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
-#include <QtCore/QTimer>
-
-#include <algorithm>
 #include <array>
 #include <map>
-#include <memory>
 #include <set>
-#include <vector>
 
 namespace
 {
-constexpr int kHostNotFound = 11001;
 constexpr quint16 kPort = 80;
 constexpr quint64 kCacheMs = 60000;
 constexpr quint64 kHangMs = 60000; // at the most
 constexpr quint64 kSlackMs = 3000;
-const std::array<const char*, 5> kNames{"camera", "Camera", "door", "gate", "nobody"};
+const std::array<std::string, 5> kNames{"camera", "Camera", "door", "gate", "nobody"};
 // Two that answer, one that refuses, one that nobody hears of.
-const std::array<const char*, 4> kAddresses{"10.0.0.7", "10.0.0.8", "10.0.0.1", "10.0.0.66"};
+const std::array<std::string, 4> kAddresses{"10.0.0.7", "10.0.0.8", "10.0.0.1", "10.0.0.66"};
 
 using Addresses = std::vector<std::string>;
 
@@ -36,19 +28,20 @@ struct Meaning {
 };
 
 class Asker;
-class Caller;
 
-struct Office {
-    explicit Office(sim::World& w) : world(w)
+struct Office : sim::Talk {
+    explicit Office(sim::World& w) : Talk(w, 0, 100)
     {
         s_pOffice = this;
         s_logHandler = qInstallMessageHandler(&Office::readLog);
+        nPort = kPort;
+        for (const std::string& name : kNames)
+            hosts.push_back(QString::fromStdString(name));
     }
     ~Office() { qInstallMessageHandler(s_logHandler); }
     Office(const Office&) = delete;
     Office& operator=(const Office&) = delete;
 
-    sim::World& world;
     bool bBad = false; // lookups may fail for no reason of the name's
     bool bServing = true;
     bool bRestarted = false;
@@ -56,7 +49,6 @@ struct Office {
     std::map<std::string, std::pair<quint64, Addresses>> found; // last, by the system, and when
     std::set<int> ids;
     std::vector<std::unique_ptr<Asker>> askers;
-    std::vector<std::unique_ptr<Caller>> callers;
 
     // Tells when the system has found something.
     static void readLog(QtMsgType type, const QMessageLogContext& context, const QString& text)
@@ -76,12 +68,13 @@ struct Office {
         meanings[name].push_back({world.nowMs(), addresses});
     }
     // At some time from then on.
-    bool meant(const std::string& name, quint64 since, const Addresses& addresses) const
+    template <class Condition>
+    bool meant(const std::string& name, quint64 since, Condition condition) const
     {
         const std::vector<Meaning>& all = meanings.at(name);
         for (std::size_t i = 0; i < all.size(); ++i) {
             const bool bOver = i + 1 < all.size() && all[i + 1].nSince < since;
-            if (!bOver && all[i].addresses == addresses)
+            if (!bOver && condition(all[i].addresses))
                 return true;
         }
         return false;
@@ -96,7 +89,6 @@ public:
     explicit Asker(Office& office) : m_office(office) { }
     void ask();
     bool waits() const { return !m_requests.empty(); }
-    std::string text() const { return m_requests.begin()->second.name; }
 
 private slots:
     void answer(const QHostInfo& info);
@@ -117,7 +109,7 @@ private:
 void Asker::ask()
 {
     sim::World& world = m_office.world;
-    Request request{world.random().pick(kNames), world.nowMs(), {}};
+    Request request{m_office.random.pick(kNames), world.nowMs(), {}};
     const auto last = m_office.found.find(request.name);
     const quint64 age = last == m_office.found.end() ? kCacheMs : request.nTime - last->second.first;
     if (age > kSlackMs && age < kCacheMs)
@@ -142,10 +134,10 @@ void Asker::answer(const QHostInfo& info)
     const Request request = found->second;
     m_requests.erase(found);
     check(request, info);
-    for (std::uint64_t left = world.random().below(3); left > 0 && m_requests.size() < 5; --left)
+    for (std::uint64_t left = m_office.random.below(3); left > 0 && m_requests.size() < 5; --left)
         ask();
-    if (world.random().chance(0.1))
-        world.work(world.random().size(20000));
+    if (m_office.random.chance(0.1))
+        world.work(m_office.random.size(20000));
 }
 
 void Asker::check(const Request& request, const QHostInfo& info)
@@ -164,148 +156,68 @@ void Asker::check(const Request& request, const QHostInfo& info)
         addresses.size(), static_cast<int>(info.error()));
     world.expect(request.cached.empty() || addresses == request.cached, "%s was known a moment ago", name);
     const quint64 since = request.nTime - (bFound ? kCacheMs + kSlackMs : 0);
-    world.expect((!bFound && m_office.bBad) || m_office.meant(request.name, since, addresses),
+    const auto same = [&](const Addresses& all) { return all == addresses; };
+    world.expect((!bFound && m_office.bBad) || m_office.meant(request.name, since, same),
         "%s did not stand for %s%s", name, bFound ? addresses.front().c_str() : "nothing",
         addresses.size() > 1 ? " and more" : "");
 }
 
-// Connects by name. Whoever answers says his address.
-class Caller
+// Connects by name.
+class Caller : public sim::SideOf<NuvikaTcpSocket>
 {
 public:
-    explicit Caller(Office& office) : m_office(office) { makeSocket(); }
-    void call();
-    void act();
-    bool waits() const { return m_bWaits; }
-    const std::string& name() const { return m_name; }
+    explicit Caller(Office& office) : SideOf(office), m_office(office) { }
 
 private:
-    void makeSocket();
-    void connected();
-    void greeted(const char* data, int size);
-    void failed(int code);
-    void close();
-    bool mayMean(const std::string& address) const;
+    std::pair<QString, quint16> target() override
+    {
+        const auto target = SideOf::target();
+        m_name = target.first.toStdString();
+        return target;
+    }
+    void checkConnected() override
+    {
+        const std::string peer = m_pSocket->peerAddress().toString().toStdString();
+        const auto names = [&](const Addresses& all) { return std::count(all.begin(), all.end(), peer) > 0; };
+        m_world.expect(peer.empty() || m_office.meant(m_name, m_nBegin - kCacheMs - kSlackMs, names),
+            "%s was called, and %s answers", m_name.c_str(), peer.c_str());
+        m_world.expect(m_pSocket->peerName().toStdString() == m_name + ":80", "whose name?");
+    }
+    void checkEnd(int code, bool) override
+    {
+        const auto none = [](const Addresses& all) { return all.empty(); };
+        m_world.expect(code != sim::kHostNotFound || m_office.bBad || !m_office.bServing
+                || m_office.meant(m_name, m_nBegin, none),
+            "%s is not found", m_name.c_str());
+    }
 
     Office& m_office;
-    std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::string m_name;
-    quint64 m_nSince = 0;
-    bool m_bWaits = false; // for connected() or error()
-    bool m_bCalling = false;
-    bool m_bOpen = false;
 };
-
-void Caller::makeSocket()
-{
-    m_pSocket = std::make_unique<NuvikaTcpSocket>();
-    QObject::connect(m_pSocket.get(), &NuvikaTcpSocket::connected, [this] { connected(); });
-    QObject::connect(m_pSocket.get(), &NuvikaTcpSocket::dataReceived,
-        [this](const char* data, int size) { greeted(data, size); });
-    QObject::connect(m_pSocket.get(), &NuvikaTcpSocket::error, [this](int code) { failed(code); });
-    QObject::connect(m_pSocket.get(), &NuvikaTcpSocket::disconnected, [this] {
-        m_office.world.expect(std::exchange(m_bOpen, false), "disconnected() without a connection");
-        act();
-    });
-}
-
-void Caller::call()
-{
-    sim::World& world = m_office.world;
-    if (!m_pSocket)
-        makeSocket();
-    m_name = world.random().pick(kNames);
-    m_nSince = world.nowMs();
-    m_bWaits = m_bCalling = true;
-    m_pSocket->connectToHost(QString::fromStdString(m_name), kPort);
-    m_bCalling = false;
-    world.expect(m_pSocket->getState() == NuvikaTcpSocket::eConnecting, "it does not connect");
-}
-
-bool Caller::mayMean(const std::string& address) const
-{
-    for (const Meaning& meaning : m_office.meanings.at(m_name)) {
-        const auto& all = meaning.addresses;
-        if (std::find(all.begin(), all.end(), address) != all.end()
-            && m_office.meant(m_name, m_nSince - kCacheMs - kSlackMs, all))
-            return true;
-    }
-    return false;
-}
-
-void Caller::connected()
-{
-    m_office.world.expect(!m_bCalling && std::exchange(m_bWaits, false), "connected() comes unasked");
-    m_bOpen = true;
-    const std::string peer = m_pSocket->peerAddress().toString().toStdString();
-    m_office.world.expect(
-        peer.empty() || mayMean(peer), "%s was called, and %s answers", m_name.c_str(), peer.c_str());
-    m_office.world.expect(m_pSocket->peerName().toStdString() == m_name + ":80", "whose name?");
-    act();
-}
-
-void Caller::greeted(const char* data, int size)
-{
-    m_office.world.expect(m_bOpen, "data without a connection");
-    m_office.world.expect(size == 1 && mayMean(std::string("10.0.0.") + *data),
-        "%s was called, and %.*s answers", m_name.c_str(), size, data);
-    act();
-}
-
-void Caller::failed(int code)
-{
-    m_office.world.expect(!m_bCalling && (m_bWaits || m_bOpen), "error() comes unasked");
-    const bool bNotFound = m_bWaits && code == kHostNotFound;
-    m_office.world.expect(
-        !bNotFound || m_office.bBad || !m_office.bServing || m_office.meant(m_name, m_nSince, {}),
-        "%s is not found", m_name.c_str());
-    m_bWaits = m_bOpen = false;
-    m_pSocket->close();
-    act();
-}
-
-void Caller::close()
-{
-    m_bWaits = m_bOpen = false;
-    m_pSocket->close();
-}
-
-void Caller::act()
-{
-    sim::Random& random = m_office.world.random();
-    if (!m_pSocket)
-        return;
-    switch (random.below(8)) {
-    case 0:
-        close();
-        break;
-    case 1:
-        close();
-        if (random.chance(0.5))
-            m_pSocket.release()->deleteLater();
-        else
-            m_pSocket.reset();
-        break;
-    case 2: // at once another
-        close();
-        call();
-        break;
-    default:
-        break;
-    }
-}
 
 void change(Office& office)
 {
-    sim::Random& random = office.world.random();
-    const std::string name = random.pick(kNames);
+    const std::string name = office.random.pick(kNames);
     Addresses addresses;
-    for (const char* address : kAddresses) {
-        if (name != "nobody" && random.chance(0.4))
+    for (const std::string& address : kAddresses) {
+        if (name != "nobody" && office.random.chance(0.4))
             addresses.insert(
-                addresses.begin() + static_cast<long>(random.below(addresses.size() + 1)), address);
+                addresses.begin() + static_cast<long>(office.random.below(addresses.size() + 1)), address);
     }
     office.rename(name, addresses);
+}
+
+sim::Side& call(Office& office)
+{
+    office.own.push_back(std::make_unique<Caller>(office));
+    office.own.back()->connectOut();
+    return *office.own.back();
+}
+
+Asker& newAsker(Office& office)
+{
+    office.askers.push_back(std::make_unique<Asker>(office));
+    return *office.askers.back();
 }
 
 // The library ends and begins anew, whoever still asks.
@@ -317,20 +229,12 @@ void restart(Office& office)
         static_cast<unsigned long long>(office.world.nowMs() - begin));
     office.bServing = false;
     office.bRestarted = true;
-    office.askers.clear(); // those get no answers
-    office.askers.push_back(std::make_unique<Asker>(office));
-    office.askers.back()->ask();
-    for (const auto& caller : office.callers) {
-        if (!caller->waits())
-            continue;
-        caller->act();
-    }
-    office.callers.clear(); // as their lookups
-    office.callers.push_back(std::make_unique<Caller>(office));
-    office.callers.back()->call();
-    office.world.run(office.world.random().between(100, 5000));
-    office.world.expect(
-        !office.callers.back()->waits(), "without lookups a connect neither fails nor succeeds");
+    office.askers.clear(); // those get no answers,
+    newAsker(office).ask();
+    office.own.clear(); // nor those
+    const sim::Side& caller = call(office);
+    office.world.run(office.random.between(100, 5000));
+    office.world.expect(!caller.waits(), "without lookups a connect neither fails nor succeeds");
     KepNuvikaUtilInit();
     office.bServing = true;
     office.ids.clear();
@@ -339,75 +243,45 @@ void restart(Office& office)
 
 void step(Office& office)
 {
-    sim::Random& random = office.world.random();
-    switch (random.below(10)) {
-    case 0:
-    case 1:
+    sim::Random& random = office.random;
+    const auto deed = random.below(10);
+    if (deed < 2)
         change(office);
-        break;
-    case 2:
-        if (!office.askers.empty() && random.chance(0.3))
-            office.askers.erase(
-                office.askers.begin() + static_cast<long>(random.below(office.askers.size())));
-        break;
-    case 3:
-        office.askers.push_back(std::make_unique<Asker>(office));
-        break;
-    case 4:
-    case 5:
-        if (!office.askers.empty())
-            random.pick(office.askers)->ask();
-        break;
-    case 6:
-        if (random.chance(0.1) && office.world.weather().noThread == 0)
-            restart(office);
-        break;
-    default:
-        office.callers.push_back(std::make_unique<Caller>(office));
-        office.callers.back()->call();
-        break;
-    }
-    if (!office.callers.empty())
-        random.pick(office.callers)->act();
+    else if (deed == 2 && !office.askers.empty() && random.chance(0.3))
+        office.askers.erase(office.askers.begin() + static_cast<long>(random.below(office.askers.size())));
+    else if (deed == 3)
+        newAsker(office);
+    else if (deed < 6 && !office.askers.empty())
+        random.pick(office.askers)->ask();
+    else if (deed == 6 && random.chance(0.1) && office.world.weather().noThread == 0)
+        restart(office);
+    else if (deed > 6)
+        call(office);
+    if (!office.own.empty())
+        random.pick(office.own)->act();
     office.world.run(random.size(random.chance(0.1) ? 100000 : 1000));
-}
-
-void expectAnswers(Office& office)
-{
-    const auto waits = [&] {
-        return std::any_of(
-                   office.askers.begin(), office.askers.end(), [](const auto& a) { return a->waits(); })
-            || std::any_of(
-                office.callers.begin(), office.callers.end(), [](const auto& c) { return c->waits(); });
-    };
-    office.world.runUntil(
-        [&] { return !waits(); }, 3600000); // who calls somebody whom nobody hears of waits long
-    for (const auto& asker : office.askers)
-        office.world.expect(
-            !asker->waits(), "%s is not answered", asker->waits() ? asker->text().c_str() : "");
-    for (const auto& caller : office.callers)
-        office.world.expect(!caller->waits(), "who calls %s waits in vain", caller->name().c_str());
 }
 } // namespace
 
 SCENARIO(lookups)
 {
-    Office office(world);
     sim::Weather& weather = world.weather();
     weather.stall = world.random().chance(0.7) ? 0.05 : weather.stall; // of ten times that hang
     weather.noThread = world.random().chance(0.8) ? 0 : weather.noThread;
-    office.bBad = weather.lose > 0 || weather.mayFail();
-    for (const char* ip : {"10.0.0.7", "10.0.0.8"}) {
-        world.listen(ip, kPort, [ip](sim::Peer& peer) {
-            peer.write(QByteArray(ip).right(1));
-            peer.onEnd = [&peer] { peer.close(); };
-        });
-    }
-    for (const char* name : kNames)
-        office.rename(name, name == std::string("nobody") ? Addresses{} : Addresses{"10.0.0.7"});
+    Office office(world);
+    office.bBad = office.weather.lose > 0 || office.weather.mayFail();
+    for (const char* ip : {"10.0.0.7", "10.0.0.8"})
+        world.listen(ip, kPort, [](sim::Peer& peer) { peer.onEnd = [&peer] { peer.close(); }; });
+    for (const std::string& name : kNames)
+        office.rename(name, name == "nobody" ? Addresses{} : Addresses{"10.0.0.7"});
+    weather = office.weather;
     for (std::uint64_t left = world.random().size(100); left > 0; --left)
         step(office);
-    expectAnswers(office);
+    const auto answered = [](const auto& asker) { return !asker->waits(); };
+    const auto allAnswered
+        = [&] { return std::all_of(office.askers.begin(), office.askers.end(), answered); };
+    world.expect(world.runUntil(allAnswered, 3600000), "somebody is not answered");
+    sim::finish(office, 0);
 }
 
 #include "Lookups.moc"
