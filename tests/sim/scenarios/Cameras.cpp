@@ -39,7 +39,7 @@ SCENARIO(cameras)
         cameras.back()->trouble = random.chance(0.3) ? 0 : 0.05;
         watchers.push_back(std::make_unique<Watcher>(world, *cameras.back(), kSilenceMs));
         watchers.back()->onPicture = act;
-        watchers.back()->start();
+        watchers.back()->ask();
     }
     world.run(random.size(200000));
     world.weather() = sim::Weather();

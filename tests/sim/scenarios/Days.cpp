@@ -18,7 +18,7 @@ struct Plant {
         for (int i = 0; i < count; ++i) {
             cameras.push_back(std::make_unique<Camera>(w, i, periodMs, 3000));
             watchers.push_back(std::make_unique<Watcher>(w, *cameras.back(), 3 * periodMs));
-            watchers.back()->start();
+            watchers.back()->ask();
         }
     }
     int pictures() const
