@@ -295,10 +295,12 @@ private:
         m_stage.world.expect(bDenied || e.nHeads > 0, "request %d finishes without a head", e.nNumber);
         m_stage.world.expect(!e.bStream || size == 0, "what came in pieces comes again");
         m_stage.world.expect(!(e.isMultipart() && e.hasBody() && !bDenied) || size == 0, "parts come again");
+        const QByteArray content(data, size);
         if (!e.bStream)
-            e.got = QByteArray(data, size);
+            e.got = content;
         checkWhole(e, header);
         end(eFinished);
+        m_stage.world.expect(QByteArray::fromRawData(data, size) == content, "content that changes");
     }
     void checkWhole(Exchange& e, const HttpResponseHeader& header)
     {

@@ -98,6 +98,7 @@ private:
         else
             answerLater();
         act();
+        m_stage.world.expect(QByteArray::fromRawData(data, size) == body, "content that changes");
     }
     void takeChunk(HttpRequestHeader header, const char* data, int size, Marker marker)
     {
