@@ -44,15 +44,28 @@ struct TlsServer {
         });
         EXPECT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
     }
+    void answersAll(const QByteArray& bytes)
+    {
+        onRequest = [bytes](Connection& c, const QByteArray&) { answer(c, bytes); };
+    }
     static void answer(Connection& c, const QByteArray& bytes)
     {
         EXPECT_TRUE(c.socket.sendData(bytes.constData(), bytes.size()));
     }
-    std::unique_ptr<HttpsClient> client(const QString& trusted = certificates().authority())
+};
+
+struct TlsExchange : Told {
+    TlsServer server;
+    HttpsClient client;
+
+    explicit TlsExchange(const QString& certificate = certificates().forLocalhost())
+        : server(certificate),
+          client(QStringLiteral("127.0.0.1"), server.listener.serverPort(), true, NuvikaSslSocket::eSslAny12,
+              QString(), certificates().authority(), QString())
     {
-        return std::make_unique<HttpsClient>(QStringLiteral("127.0.0.1"), listener.serverPort(), true,
-            NuvikaSslSocket::eSslAny12, QString(), trusted, QString());
+        watch(client);
     }
+    int get(const char* path = "/") { return client.get(QLatin1String(path), QString(), QString(), true); }
 };
 } // namespace
 
@@ -147,107 +160,91 @@ TEST(HttpsClient, TracesUnderItsOwnNameButOnce)
 
 TEST(HttpsClient, FetchesOverOneTlsConnection)
 {
-    TlsServer server;
+    TlsExchange x;
     const QByteArray large(3000000, 'L');
-    server.onRequest = [&](TlsServer::Connection& c, const QByteArray& head) {
-        if (head.startsWith("GET /large"))
-            TlsServer::answer(c, sized(large));
-        else if (!head.contains("Authorization: Digest"))
-            TlsServer::answer(c, denied("Digest realm=\"r\", nonce=\"n\", qop=\"auth\""));
-        else
-            TlsServer::answer(
-                c, "HTTP/1.1 200 OK\r\ntransfer-encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n");
+    x.server.onRequest = [&](TlsServer::Connection& c, const QByteArray& head) {
+        const bool bIn = head.startsWith("GET /large") || head.contains("Authorization: Digest");
+        TlsServer::answer(c, bIn ? sized(large) : denied("Digest realm=\"r\", nonce=\"n\", qop=\"auth\""));
     };
-    auto client = server.client();
-    Told events;
-    events.watch(*client);
     LogCapture log;
-    client->get(QStringLiteral("/large"), QString(), QString(), true);
-    ASSERT_TRUE(waitFor([&] { return events.events.size() == 2; }));
-    EXPECT_TRUE(events.events[1] == QStringLiteral("done1 200 ") + QString::fromLatin1(large));
+    const QString done = QStringLiteral("done1 200 ") + QString::fromLatin1(large);
+    x.get("/large");
+    ASSERT_TRUE(waitFor([&] { return x.events.contains(done); }));
     EXPECT_TRUE(log.has("HttpsClient::initSsl(): protocol=0"));
-    client->get(QStringLiteral("/login"), kUser, kPassword, true);
-    ASSERT_TRUE(events.sees("done2 200 abc"));
-    EXPECT_EQ(server.connections.size(), 1U);
-    EXPECT_EQ(client->peerCertificate().subject, QLatin1String("CN=cam-7"));
-    EXPECT_EQ(client->lastPeerAddress(), QHostAddress(QHostAddress::LocalHost));
-    client->shutdown();
+    x.client.get(QStringLiteral("/login"), kUser, kPassword, true);
+    ASSERT_TRUE(x.sees("head2 200"));
+    EXPECT_EQ(x.server.connections.size(), 1U);
+    EXPECT_EQ(x.client.peerCertificate().subject, QLatin1String("CN=cam-7"));
+    EXPECT_EQ(x.client.lastPeerAddress(), QHostAddress(QHostAddress::LocalHost));
+    x.client.shutdown();
     EXPECT_TRUE(log.has("HttpsClient::shutdownSsl():"));
-    client->get(QStringLiteral("/large"), QString(), QString(), false);
-    ASSERT_TRUE(waitFor([&] { return events.events.size() == 6; }));
-    EXPECT_EQ(server.connections.size(), 2U);
-    EXPECT_TRUE(server.connections.back()->socket.isSessionResumed());
+    x.get("/large");
+    ASSERT_TRUE(x.sees("head3 200"));
+    EXPECT_EQ(x.server.connections.size(), 2U);
+    EXPECT_TRUE(x.server.connections.back()->socket.isSessionResumed());
 }
 
 TEST(HttpsClient, GivesUpOnWhomItCannotTrustUntilToldBetter)
 {
     Certificates others(QStringLiteral("Somebody else"));
-    TlsServer server(others.forLocalhost());
-    server.onRequest = [](TlsServer::Connection& c, const QByteArray&) { TlsServer::answer(c, sized("ok")); };
-    auto client = server.client();
-    Told events;
-    events.watch(*client);
-    client->get(QStringLiteral("/"), kUser, kPassword, true);
-    ASSERT_TRUE(events.expect({"error 10013", "error 10013", "error 10013", "failed1"})) << "three losses";
-    EXPECT_EQ(client->errorString().toStdString(),
+    TlsExchange x(others.forLocalhost());
+    x.server.answersAll(sized("ok"));
+    x.client.get(QStringLiteral("/"), kUser, kPassword, true);
+    ASSERT_TRUE(x.expect({"error 10013", "error 10013", "error 10013", "failed1"})) << "three losses";
+    EXPECT_EQ(x.client.errorString().toStdString(),
         "the certificate of 127.0.0.1 was issued by CN=Somebody else, which is not trusted");
-    EXPECT_TRUE(server.requests.isEmpty()) << "no password has left";
+    EXPECT_TRUE(x.server.requests.isEmpty()) << "no password has left";
 
-    client->setCertificateFilePath(others.authority());
-    client->get(QStringLiteral("/"), QString(), QString(), false);
-    ASSERT_TRUE(events.sees("done2 200 ok"));
-    client->shutdown();
-    client->setCertificateFilePath(QString());
-    client->setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
-    client->get(QStringLiteral("/"), QString(), QString(), false);
-    ASSERT_TRUE(events.sees("done3 200 ok"));
-    client->shutdown();
+    x.client.setCertificateFilePath(others.authority());
+    x.get();
+    ASSERT_TRUE(x.expect({"head2 200", "done2 200 ok"}));
+    x.client.shutdown();
+    x.client.setCertificateFilePath(QString());
+    x.client.setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
+    x.get();
+    ASSERT_TRUE(x.expect({"head3 200", "done3 200 ok"}));
+    x.client.shutdown();
 
-    events.events.clear();
     LogCapture log;
-    client->setCertificateFileName(QStringLiteral("missing.pem"));
-    client->get(QStringLiteral("/"), QString(), QString(), false);
-    ASSERT_TRUE(events.expect({"error 10053", "error 10053", "error 10053", "failed4"}));
+    x.client.setCertificateFileName(QStringLiteral("missing.pem"));
+    x.get();
+    ASSERT_TRUE(x.expect({"error 10053", "error 10053", "error 10053", "failed4"}));
     EXPECT_EQ(log.count("HttpsClient::connectToHost(): initSsl() failed"), 3);
-    EXPECT_TRUE(client->errorString().contains(QLatin1String("missing.pem")));
+    EXPECT_TRUE(x.client.errorString().contains(QLatin1String("missing.pem")));
 }
 
 TEST(HttpsClient, BodiesMayEndWithTheConnection)
 {
-    TlsServer server;
-    server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
-        TlsServer::answer(c, "HTTP/1.1 200 OK\r\n\r\nuntil the end");
-        c.socket.close();
-    };
-    auto client = server.client();
-    Told events;
-    events.watch(*client);
-    client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.sees("done1 200 until the end"));
-    EXPECT_FALSE(client->lastAnswerMayBeCut());
-    server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
-        TlsServer::answer(c, "HTTP/1.1 200 OK\r\n\r\nuntil ");
-        ::shutdown(c.descriptor, SHUT_WR); // without TLS's goodbye, as whoever sits on the path could do it
-    };
-    client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.sees("done2 200 until "));
-    EXPECT_TRUE(client->lastAnswerMayBeCut());
-    server.onRequest = [](TlsServer::Connection& c, const QByteArray&) {
-        TlsServer::answer(c, "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\nnot all of it");
-        c.socket.close();
-    };
-    client->get(QStringLiteral("/"), QString(), QString(), true);
-    ASSERT_TRUE(events.sees("failed3")) << "three times too short";
-    EXPECT_EQ(server.requests.size(), 5);
-    EXPECT_FALSE(client->lastAnswerMayBeCut()) << "a length tells";
+    const struct {
+        QByteArray answer;
+        bool bGoodbye; // of TLS: whoever sits on the path can end a connection without it
+        const char* told;
+        bool bMayBeCut;
+    } cases[] = {{ok("", "until the end"), true, "done1 200 until the end", false},
+        {ok("", "until "), false, "done2 200 until ", true},
+        {ok("content-length: 100\r\n", "not all of it"), true, "failed3", false}};
+    TlsExchange x;
+    for (const auto& c : cases) {
+        x.server.onRequest = [&](TlsServer::Connection& connection, const QByteArray&) {
+            TlsServer::answer(connection, c.answer);
+            if (c.bGoodbye)
+                connection.socket.close();
+            else
+                ::shutdown(connection.descriptor, SHUT_WR);
+        };
+        x.get();
+        ASSERT_TRUE(x.sees(c.told));
+        EXPECT_EQ(x.client.lastAnswerMayBeCut(), c.bMayBeCut) << c.told;
+    }
+    EXPECT_EQ(x.server.requests.size(), 5) << "three times too short";
 }
 
 TEST(HttpsClient, AnUploadOverTlsEndsWhenAllOfItHasLeft)
 {
-    TlsServer server;
+    TlsExchange x;
     qint64 nReceived = 0;
     TlsServer::Connection* pServer = nullptr;
-    server.onRequest = [&](TlsServer::Connection& c, const QByteArray&) {
+    x.server.onRequest = [&](TlsServer::Connection& c, const QByteArray&) {
         pServer = &c;
         c.socket.stallRecv();
         QObject::connect(&c.socket, &NuvikaSslSocket::dataReceived, [&](const char*, int size, Marker) {
@@ -255,20 +252,17 @@ TEST(HttpsClient, AnUploadOverTlsEndsWhenAllOfItHasLeft)
             pServer->got.clear();
         });
     };
-    auto client = server.client();
-    bool bEnded = false;
-    QObject::connect(client.get(), &HttpsClient::sendEndOfUploadContentFinished, [&] { bEnded = true; });
     HttpRequestHeader header(QStringLiteral("PUT"), QStringLiteral("/up"));
     const QByteArray much(16 << 20, 'u');
     header.setContentLength(much.size());
-    const int id = client->request(header, false, nullptr, QString(), QString(), 0);
+    const int id = x.client.request(header, false, nullptr, QString(), QString(), 0);
     ASSERT_TRUE(waitFor([&] { return pServer != nullptr; }));
-    EXPECT_TRUE(client->sendUploadContentChunk(id, much.constData(), much.size(), true));
-    client->sendEndOfUploadContent();
+    EXPECT_TRUE(x.client.sendUploadContentChunk(id, much.constData(), much.size(), true));
+    x.client.sendEndOfUploadContent();
     settle(5300); // the time limit is 5 s, from when everything has left
-    EXPECT_FALSE(bEnded);
+    EXPECT_TRUE(x.events.isEmpty());
     pServer->socket.resumeRecv();
-    ASSERT_TRUE(waitFor([&] { return bEnded; }));
+    ASSERT_TRUE(x.sees("upload ended"));
     EXPECT_EQ(nReceived, much.size());
 }
 
