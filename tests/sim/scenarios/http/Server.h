@@ -217,8 +217,8 @@ private:
             const QByteArray challenge = m_stage.guard.challenge(e);
             header.addValue(QStringLiteral("WWW-Authenticate"), QString::fromLatin1(challenge));
             body = e.bHead || random.chance(0.5) ? QByteArray() : bytesOf(0, 100);
-        } else if (e.hasBody() && !e.isMultipart()) {
-            body = answerOf(e);
+        } else if (!e.isMultipart()) {
+            body = answerOf(e); // of HEAD, too, which is not sent
         }
         if (due.bAdmitted && e.isMultipart())
             header.addValue(
