@@ -36,27 +36,17 @@ public:
         sim::Random& random = m_stage.world.random();
         if (m_stage.bFinishing || m_bDestroying || random.chance(0.5))
             return;
-        switch (random.below(m_stage.bCalm ? 6 : 16)) {
-        case 0:
+        const auto what = random.below(m_stage.bCalm ? 6 : 16);
+        if (what == 0)
             m_stage.nestedLoop();
-            break;
-        case 1:
+        else if (what == 1)
             m_stage.world.work(random.size(5000));
-            break;
-        case 2:
+        else if (what == 2)
             discard();
-            break;
-        case 6:
-            if (random.chance(0.3))
-                shutdown();
-            break;
-        case 7:
-            if (random.chance(0.3))
-                destroy();
-            break;
-        default:
+        else if (what != 6 && what != 7)
             ask();
-        }
+        else if (random.chance(0.3))
+            what == 6 ? shutdown() : destroy();
     }
     std::size_t waiting() const override { return m_queue.size(); }
     std::string text() const override

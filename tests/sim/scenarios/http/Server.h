@@ -178,25 +178,15 @@ private:
         sim::Random& random = m_stage.world.random();
         if (m_stage.bFinishing || !m_pClient || random.chance(0.7))
             return;
-        switch (random.below(m_stage.bCalm ? 4 : 12)) {
-        case 0:
-        case 1:
+        const auto what = random.below(m_stage.bCalm ? 4 : 12);
+        if (what < 2)
             m_stage.nestedLoop();
-            break;
-        case 2:
+        else if (what == 2)
             m_stage.world.work(random.size(5000));
-            break;
-        case 4:
-            if (!m_bOver && random.chance(0.5))
-                cut();
-            break;
-        case 5:
-            if (random.chance(0.5))
-                destroy();
-            break;
-        default:
-            break;
-        }
+        else if (what == 4 && !m_bOver && random.chance(0.5))
+            cut();
+        else if (what == 5 && random.chance(0.5))
+            destroy();
     }
 
     struct Due {
