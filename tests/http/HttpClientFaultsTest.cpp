@@ -7,7 +7,7 @@
 
 #include <arpa/inet.h>
 #include <cstring>
-#include <fcntl.h>
+#include <thread>
 
 namespace
 {
@@ -331,6 +331,35 @@ TEST(HttpClientFaults, TheLastStreamedPieceFollowsTheCloseOfItsConnection)
     waitFor([&] { return x.events.size() == 2; });
     x.server.write("cd");
     ASSERT_TRUE(x.expect({"head1 200", "chunk ab", "chunk cd"}));
+}
+
+TEST(HttpClientFaults, ContentStaysWhileItsHandlerRunsWhateverThatDoes)
+{
+    for (const bool bDelete : {false, true}) {
+        Exchange x;
+        const QByteArray mine(3 << 20, 'm');
+        bool bDone = false;
+        QObject::connect(x.client.get(), &HttpClient::requestFinished,
+            [&](int, const HttpResponseHeader& header, const char* content, int size, Marker) {
+                if (bDelete) {
+                    x.client.reset();
+                } else {
+                    x.client->shutdown();
+                    x.ask();
+                    x.server.write(
+                        "HTTP/1.1 404 No\r\ncontent-length: 3145728\r\n\r\n" + QByteArray(100000, 'o'));
+                    waitFor([&] { return x.events.contains(QStringLiteral("head2 404")); });
+                    settle();
+                }
+                EXPECT_EQ(header.statusCode(), 200);
+                EXPECT_TRUE(QByteArray::fromRawData(content, size) == mine);
+                bDone = true;
+            });
+        x.ask();
+        std::thread sender([&] { x.server.write(sized(mine)); });
+        EXPECT_TRUE(waitFor([&] { return bDone; })) << bDelete;
+        sender.join();
+    }
 }
 
 TEST(HttpClientFaults, NoMoreOfAnUploadIsSentThanWasAnnounced)
