@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <initializer_list>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
@@ -38,6 +39,14 @@ struct Told {
         if (onEvent)
             onEvent(text);
     }
+    bool sees(const QString& event)
+    {
+        const bool bSeen = waitFor([&] { return events.contains(event); });
+        EXPECT_TRUE(bSeen) << event.toStdString() << ": "
+                           << events.join(QStringLiteral(" / ")).left(500).toStdString();
+        return bSeen;
+    }
+    bool sees(const char* event) { return sees(QLatin1String(event)); }
     bool expect(const QStringList& wanted)
     {
         waitFor([&] { return events.size() >= wanted.size(); });
@@ -47,52 +56,62 @@ struct Told {
         return std::exchange(events, QStringList()) == wanted;
     }
     bool expect(std::initializer_list<const char*> wanted) { return expect(list(wanted)); }
-};
 
-struct Exchange : Told {
-    RawListener listener;
-    RawSocket server;
-    int nConnections = 0;
-    std::unique_ptr<HttpClient> client; // its end reports cancelled requests
-
-    explicit Exchange(bool bKeepAlive = true)
-        : client(std::make_unique<HttpClient>(QStringLiteral("127.0.0.1"), listener.port(), bKeepAlive))
+    template <class Client>
+    void watch(Client& client)
     {
-        HttpClient* c = client.get();
-        QObject::connect(
-            c, &HttpClient::responseHeaderReceived, [this](int id, const HttpResponseHeader& header) {
-                note(QStringLiteral("head%1 %2").arg(id).arg(header.statusCode()));
+        Client* c = &client;
+        QObject::connect(c, &Client::responseHeaderReceived, [this](int id, const HttpResponseHeader& head) {
+            note(QStringLiteral("head%1 %2").arg(id).arg(head.statusCode()));
+        });
+        QObject::connect(c, &Client::requestFinished,
+            [this](int id, const HttpResponseHeader& head, const char* data, int size, Marker) {
+                note(QStringLiteral("done%1 %2 ").arg(id).arg(head.statusCode()) + latin1(data, size));
             });
-        QObject::connect(c, &HttpClient::requestFinished,
-            [this](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
-                note(QStringLiteral("done%1 %2 ").arg(id).arg(header.statusCode()) + latin1(data, size));
-            });
         QObject::connect(
-            c, &HttpClient::requestFailed, [this](int id) { note(QStringLiteral("failed%1").arg(id)); });
-        QObject::connect(c, &HttpClient::requestCancelled,
-            [this](int id) { note(QStringLiteral("cancelled%1").arg(id)); });
-        QObject::connect(c, &HttpClient::multipartReplaceContent,
+            c, &Client::requestFailed, [this](int id) { note(QStringLiteral("failed%1").arg(id)); });
+        if constexpr (std::is_same_v<Client, HttpClient>)
+            QObject::connect(c, &Client::requestCancelled,
+                [this](int id) { note(QStringLiteral("cancelled%1").arg(id)); });
+        QObject::connect(c, &Client::multipartReplaceContent,
             [this](int, const HttpResponseHeader&, const char* type, const char* data, int size, Marker) {
                 note(QStringLiteral("part %1 ").arg(QLatin1String(type)) + latin1(data, size));
             });
-        QObject::connect(c, &HttpClient::contentChunk,
+        QObject::connect(c, &Client::contentChunk,
             [this](int, const HttpResponseHeader&, const char* data, int size, Marker) {
                 note(QStringLiteral("chunk ") + latin1(data, size));
             });
+        QObject::connect(c, &Client::error, [this](int code) { note(QStringLiteral("error %1").arg(code)); });
         QObject::connect(
-            c, &HttpClient::error, [this](int code) { note(QStringLiteral("error %1").arg(code)); });
-        QObject::connect(
-            c, &HttpClient::sendEndOfUploadContentFinished, [this] { note(QStringLiteral("upload ended")); });
+            c, &Client::sendEndOfUploadContentFinished, [this] { note(QStringLiteral("upload ended")); });
+    }
+};
+
+template <class Client>
+struct ExchangeOf : Told {
+    RawListener listener;
+    RawSocket server;
+    int nConnections = 0;
+    std::unique_ptr<Client> client; // its end reports cancelled requests
+
+    ExchangeOf() : client(std::make_unique<Client>(QStringLiteral("127.0.0.1"), listener.port(), true))
+    {
+        watch(*client);
     }
 
     int get(const char* path = "/") { return client->get(QLatin1String(path), QString(), QString(), true); }
+    int login(const char* path = "/") { return client->get(QLatin1String(path), kUser, kPassword, true); }
+    int send(const HttpRequestHeader& header, bool bStream = false)
+    {
+        return client->request(header, bStream, nullptr, QString(), QString(), 0);
+    }
 
     // The next request head (and what came with it) on this or a new connection.
-    QByteArray request()
+    QByteArray request(const QByteArray& end = "\r\n\r\n")
     {
         QByteArray head;
         waitFor([&] {
-            if (server.isOpen() && server.received().contains("\r\n\r\n")) {
+            if (server.isOpen() && server.received().contains(end)) {
                 head = server.take();
                 return true;
             }
@@ -113,10 +132,15 @@ struct Exchange : Told {
         request();
     }
 };
+using Exchange = ExchangeOf<HttpClient>;
 
 inline QByteArray ok(const QByteArray& fields, const QByteArray& body = QByteArray())
 {
     return "HTTP/1.1 200 OK\r\n" + fields + "\r\n" + body;
+}
+inline QByteArray denied(const QByteArray& challenge)
+{
+    return "HTTP/1.1 401 No\r\ncontent-length: 0\r\nWWW-Authenticate: " + challenge + "\r\n\r\n";
 }
 inline QByteArray sized(const QByteArray& body)
 {

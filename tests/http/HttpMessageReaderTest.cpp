@@ -1,8 +1,12 @@
-// Every message whole, cut at every byte, and byte by byte: the same outcome each time.
+// Every message whole, cut at every byte, and byte by byte, from a buffer and received where it belongs: the
+// same outcome each time.
+#include "http/CollectedContent_p.h"
+#include "http/ContentMemory_p.h"
 #include "http/HttpMessageReader_p.h"
 
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 
+#include <cstring>
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -10,15 +14,24 @@ using namespace Nuvika;
 
 namespace
 {
+long long g_nPlaced = 0; // bytes of parts that were received where they belong
+
 // What a stream of answers is read as.
-QByteArray readAll(const std::vector<QByteArray>& pieces, bool bEnd = true)
+QByteArray readAll(const std::vector<QByteArray>& pieces, bool bPlace = false)
 {
     using Event = HttpMessageReader::Event;
     HttpMessageReader reader;
     QByteArray log;
     QByteArray content;
     for (const QByteArray& piece : pieces) {
-        reader.feed(piece.constData(), piece.size());
+        const iovec target = bPlace ? reader.partTarget() : iovec{};
+        const int placed = int(std::min(target.iov_len, std::size_t(piece.size())));
+        if (placed > 0) {
+            std::memcpy(target.iov_base, piece.constData(), std::size_t(placed));
+            reader.partPlaced(std::size_t(placed));
+            g_nPlaced += placed;
+        }
+        reader.feed(piece.constData() + placed, piece.size() - placed);
         for (Event event = reader.next(); event != Event::NeedMore; event = reader.next()) {
             if (event == Event::Head) {
                 const auto header = HttpResponseHeader::fromBytes(reader.data(), reader.size());
@@ -44,21 +57,20 @@ QByteArray readAll(const std::vector<QByteArray>& pieces, bool bEnd = true)
     }
     if (!content.isEmpty())
         log += "C(" + content + ") ";
-    if (bEnd)
-        log += reader.endOfStream() ? "end" : "cut";
-    return log;
+    return log + (reader.endOfStream() ? "end" : "cut");
 }
 
 void expectReads(const QByteArray& stream, const QByteArray& expected)
 {
-    EXPECT_EQ(readAll({stream}), expected) << stream.constData();
-    for (int cut = 1; cut < stream.size(); ++cut)
-        ASSERT_EQ(readAll({stream.left(cut), stream.mid(cut)}), expected)
-            << "cut at " << cut << " of " << stream.constData();
     std::vector<QByteArray> bytes;
     for (int i = 0; i < stream.size(); ++i)
         bytes.push_back(stream.mid(i, 1));
-    EXPECT_EQ(readAll(bytes), expected) << "byte by byte: " << stream.constData();
+    for (const bool bPlace : {false, true}) {
+        for (int cut = 0; cut < stream.size(); ++cut)
+            ASSERT_EQ(readAll({stream.left(cut), stream.mid(cut)}, bPlace), expected)
+                << "cut at " << cut << " of " << stream.constData();
+        EXPECT_EQ(readAll(bytes, bPlace), expected) << "byte by byte: " << stream.constData();
+    }
 }
 
 const QByteArray kOk = "HTTP/1.1 200 OK\r\n";
@@ -109,6 +121,11 @@ TEST(HttpMessageReader, ReadsMultipartAsCamerasSendIt)
             + "b\r\n\r\n7\r\n--b\r\nco\r\n15\r\nntent-length: 3\r\n\r\nab\r\n"
             + "f\r\nc\r\n--b\r\ncontent\r\n10\r\n-length: 1\r\n\r\nz\r\n0\r\n\r\n",
         "H200 P(|abc) P(|z) E cut");
+    g_nPlaced = 0;
+    const QByteArray part = "--b\r\ncontent-length: 30\r\n\r\n0123456789abcdefghijklmnopqrst\r\n";
+    expectReads(kOk + "content-length: 118\r\n" + kMixed + "b\r\n\r\n" + part + part,
+        "H200 P(|0123456789abcdefghijklmnopqrst) P(|0123456789abcdefghijklmnopqrst) E cut");
+    EXPECT_GT(g_nPlaced, 500);
 }
 
 TEST(HttpMessageReader, RefusesWhatIsHostile)
@@ -134,4 +151,52 @@ TEST(HttpMessageReader, RefusesWhatIsHostile)
     twice.addValue(QStringLiteral("content-length"), QStringLiteral("1"));
     twice.addValue(QStringLiteral("content-length"), QStringLiteral("2"));
     EXPECT_TRUE(HttpBody::fromFields(twice, HttpBody::None).bInvalid);
+}
+
+TEST(PlacedContent, CollectsNoMoreThanItMay)
+{
+    HttpMessageReader reader;
+    HttpBody body;
+    body.kind = HttpBody::UntilEnd;
+    reader.setBody(body);
+    CollectedContent content;
+    content.begin(-1, 10);
+    EXPECT_EQ(content.target(reader).iov_len, 0U) << "what may still come whole";
+    EXPECT_TRUE(content.add("1234", 4));
+    EXPECT_EQ(content.target(reader).iov_len, 6U);
+    content.placed(6);
+    EXPECT_EQ(content.target(reader).iov_len, 0U);
+    EXPECT_FALSE(content.add("x", 1));
+    const char whole[] = "1234";
+    content.begin(4, 10);
+    EXPECT_TRUE(content.add(whole, 4) && content.data() == whole) << "what comes whole is not copied";
+}
+
+TEST(PlacedContent, AReaderThatWasResetClaimsNothingForTheBodyBefore)
+{
+    HttpMessageReader reader;
+    reader.setBody(HttpBody{HttpBody::UntilEnd, 0, true, "b", false, false});
+    const QByteArray half = "--b\r\ncontent-length: 100\r\n\r\nhalf";
+    reader.feed(half.constData(), half.size());
+    ASSERT_EQ(reader.next(), HttpMessageReader::Event::NeedMore);
+    ASSERT_EQ(reader.partTarget().iov_len, 96U);
+    reader.reset();
+    reader.setBody(HttpBody{HttpBody::Length, 50, false, {}, false, false});
+    EXPECT_EQ(reader.partTarget().iov_len, 0U);
+}
+
+TEST(PlacedContent, MemoryGrowsWithWhatHasComeNotWithWhatIsAnnounced)
+{
+    ContentMemory memory;
+    memory.expect(std::size_t{1} << 30);
+    for (std::size_t come = 0; come < 20000000;) {
+        const iovec room = memory.room(std::size_t{1} << 30);
+        ASSERT_GT(room.iov_len, 0U);
+        ASSERT_LE(room.iov_len, std::max<std::size_t>(1 << 20, come)) << "behind " << come;
+        const std::size_t size = std::min<std::size_t>(room.iov_len, 100000);
+        std::memset(room.iov_base, 'x', size);
+        memory.grow(size);
+        come += size;
+        ASSERT_EQ(memory.size(), come);
+    }
 }

@@ -64,136 +64,88 @@ void expectBuffers(const char* name, const RawSocket& peer, Buffers buffers)
     EXPECT_EQ(segment > kProfilesSegment, bTuned) << name << ": the peer's segments have " << segment;
 }
 
-const QString& localHost()
-{
-    static const QString host = QStringLiteral("127.0.0.1");
-    return host;
-}
-
+// To that port, or from the descriptor of a connection that was accepted.
 template <class Socket, class... Arguments>
-Owner connecting(Buffers buffers, unsigned short port, Arguments... arguments)
+Owner connection(Buffers buffers, int port, int descriptor, Arguments... arguments)
 {
     auto socket = std::make_unique<Socket>(arguments...);
+    if constexpr (std::is_same_v<Socket, NuvikaSslSocket>) {
+        const QString own = port == 0 ? certificates().forLocalhost() : QString();
+        EXPECT_TRUE(socket->initSsl(port == 0, NuvikaSslSocket::eSslAny12, own, QString(), QString()));
+    }
     socket->setSystemBuffers(buffers);
-    socket->connectToHost(localHost(), port);
+    if (port != 0)
+        socket->connectToHost(QStringLiteral("127.0.0.1"), static_cast<unsigned short>(port));
+    else
+        socket->setSocketDescriptor(descriptor);
     return socket;
 }
 
 template <class Client, class... Arguments>
-Owner requesting(Buffers buffers, unsigned short port, Arguments... arguments)
+Owner request(Buffers buffers, int port, int, Arguments... arguments)
 {
-    auto client = std::make_unique<Client>(localHost(), port, true, arguments...);
+    auto client = std::make_unique<Client>(
+        QStringLiteral("127.0.0.1"), static_cast<unsigned short>(port), true, arguments...);
     client->setSystemBuffers(buffers);
     client->get(QStringLiteral("/"), QString(), QString(), true);
     return client;
 }
 
-template <class Socket, class... Arguments>
-Owner accepting(Buffers buffers, int descriptor, Arguments... arguments)
-{
-    auto socket = std::make_unique<Socket>(arguments...);
-    socket->setSystemBuffers(buffers);
-    socket->setSocketDescriptor(descriptor);
-    return socket;
-}
-
-std::unique_ptr<NuvikaSslSocket> tlsSocket(bool bServer, Buffers buffers)
-{
-    auto socket = std::make_unique<NuvikaSslSocket>();
-    EXPECT_TRUE(socket->initSsl(bServer, NuvikaSslSocket::eSslAny12,
-        bServer ? certificates().forLocalhost() : QString(), QString(), QString()));
-    socket->setSystemBuffers(buffers);
-    return socket;
-}
-
-Owner connectingTls(Buffers buffers, unsigned short port)
-{
-    auto socket = tlsSocket(false, buffers);
-    socket->connectToHost(localHost(), port);
-    return socket;
-}
-
-Owner acceptingTls(Buffers buffers, int descriptor)
-{
-    auto socket = tlsSocket(true, buffers);
-    socket->setSocketDescriptor(descriptor);
-    return socket;
-}
-
-Owner requestingTls(Buffers buffers, unsigned short port)
-{
-    return requesting<HttpsClient>(
-        buffers, port, NuvikaSslSocket::eSslAny12, QString(), QString(), QString());
-}
-
-Owner acceptingHttp(Buffers buffers, int descriptor)
-{
-    return std::make_unique<HttpResponseClient>(descriptor, false, buffers);
-}
-
 // The last option that a connection gets before its buffers.
 bool isTaken(const RawSocket& peer) { return option(ourEndOf(peer), IPPROTO_TCP, TCP_NODELAY) == 1; }
-
-constexpr Buffers kBoth[] = {NuvikaTcpSocket::eAsProfile, NuvikaTcpSocket::eTuned};
 } // namespace
 
-TEST(SystemBuffers, OfConnectionsThatAreMadeAreTheProfilesOrTheSystemsOwn)
+TEST(SystemBuffers, AreTheProfilesOrTheSystemsOwn)
 {
+    enum { eConnects = 1, eAccepts = 2 };
     const struct {
         const char* name;
-        std::function<Owner(Buffers, unsigned short port)> begin;
-    } rows[] = {
-        {"NuvikaTcpSocket", connecting<NuvikaTcpSocket>},
-        {"NuvikaTcpSocketQueued", connecting<NuvikaTcpSocketQueued>},
-        {"NuvikaSslSocket", connectingTls},
+        std::function<Owner(Buffers, int port, int descriptor)> begin;
+        int directions;
+    } rows[] = {{"NuvikaTcpSocket", connection<NuvikaTcpSocket>, eConnects | eAccepts},
+        {"NuvikaTcpSocketQueued", connection<NuvikaTcpSocketQueued>, eConnects | eAccepts},
+        {"NuvikaSslSocket", connection<NuvikaSslSocket>, eConnects | eAccepts},
         {"BufferSocketQueued",
-            [](Buffers b, auto port) { return connecting<BufferSocketQueued>(b, port, false); }},
+            [](Buffers b, int port, int fd) { return connection<BufferSocketQueued>(b, port, fd, false); },
+            eConnects | eAccepts},
         {"BufferSocketFixedFifo",
-            [](Buffers b, auto port) { return connecting<BufferSocketFixedFifo>(b, port, true); }},
-        {"HttpClient", requesting<HttpClient>},
-        {"HttpsClient, plain", requesting<HttpsClient>},
-        {"HttpsClient, TLS", requestingTls},
-    };
+            [](Buffers b, int port, int fd) { return connection<BufferSocketFixedFifo>(b, port, fd, true); },
+            eConnects | eAccepts},
+        {"HttpClient", request<HttpClient>, eConnects},
+        {"HttpsClient, plain", request<HttpsClient>, eConnects},
+        {"HttpsClient, TLS",
+            [](Buffers b, int port, int fd) {
+                return request<HttpsClient>(
+                    b, port, fd, NuvikaSslSocket::eSslAny12, QString(), QString(), QString());
+            },
+            eConnects},
+        {"HttpResponseClient",
+            [](Buffers b, int, int fd) { return std::make_unique<HttpResponseClient>(fd, false, b); },
+            eAccepts}};
     for (const auto& row : rows) {
-        for (const Buffers buffers : kBoth) {
-            RawListener listener;
-            const Owner owner = row.begin(buffers, listener.port());
-            RawSocket peer;
-            ASSERT_TRUE(waitFor([&] {
-                if (!peer.isOpen())
-                    peer = listener.accept();
-                return peer.isOpen() && isTaken(peer);
-            })) << row.name;
-            expectBuffers(row.name, peer, buffers);
-        }
-    }
-}
-
-TEST(SystemBuffers, OfConnectionsThatAreAcceptedAreTheProfilesOrTheSystemsOwn)
-{
-    const struct {
-        const char* name;
-        std::function<Owner(Buffers, int descriptor)> take;
-    } rows[] = {
-        {"NuvikaTcpSocket", accepting<NuvikaTcpSocket>},
-        {"NuvikaTcpSocketQueued", accepting<NuvikaTcpSocketQueued>},
-        {"NuvikaSslSocket", acceptingTls},
-        {"BufferSocketQueued", [](Buffers b, int fd) { return accepting<BufferSocketQueued>(b, fd, false); }},
-        {"BufferSocketFixedFifo",
-            [](Buffers b, int fd) { return accepting<BufferSocketFixedFifo>(b, fd, true); }},
-        {"HttpResponseClient", acceptingHttp},
-    };
-    for (const auto& row : rows) {
-        for (const Buffers buffers : kBoth) {
-            NuvikaTcpServer server;
-            server.setSystemBuffers(buffers);
-            Owner owner;
-            QObject::connect(&server, &NuvikaTcpServer::newConnectionDesc,
-                [&](int descriptor) { owner = row.take(buffers, descriptor); });
-            ASSERT_TRUE(server.listen(QHostAddress(QHostAddress::LocalHost), 0));
-            const RawSocket peer = RawSocket::connectTo(server.serverPort());
-            ASSERT_TRUE(waitFor([&] { return owner != nullptr; })) << row.name;
-            expectBuffers(row.name, peer, buffers);
+        for (const Buffers buffers : {NuvikaTcpSocket::eAsProfile, NuvikaTcpSocket::eTuned}) {
+            if (row.directions & eConnects) {
+                RawListener listener;
+                const Owner owner = row.begin(buffers, listener.port(), -1);
+                RawSocket peer;
+                ASSERT_TRUE(waitFor([&] {
+                    if (!peer.isOpen())
+                        peer = listener.accept();
+                    return peer.isOpen() && isTaken(peer);
+                })) << row.name;
+                expectBuffers(row.name, peer, buffers);
+            }
+            if (row.directions & eAccepts) {
+                NuvikaTcpServer server;
+                server.setSystemBuffers(buffers);
+                Owner owner;
+                QObject::connect(&server, &NuvikaTcpServer::newConnectionDesc,
+                    [&](int descriptor) { owner = row.begin(buffers, 0, descriptor); });
+                ASSERT_TRUE(server.listen(QHostAddress(QHostAddress::LocalHost), 0));
+                const RawSocket peer = RawSocket::connectTo(server.serverPort());
+                ASSERT_TRUE(waitFor([&] { return owner != nullptr; })) << row.name;
+                expectBuffers(row.name, peer, buffers);
+            }
         }
     }
 }

@@ -36,6 +36,12 @@ void ask(Run& run)
     }
 }
 
+template <class List, class Predicate>
+bool all(const List& list, Predicate predicate)
+{
+    return std::all_of(list.begin(), list.end(), predicate);
+}
+
 // In fine weather everybody gets an answer, and every connection ends.
 void finish(Run& run)
 {
@@ -45,10 +51,8 @@ void finish(Run& run)
     for (const auto& pipeliner : run.pipeliners)
         pipeliner->finish();
     const auto isDone = [&] {
-        return std::all_of(
-                   run.askers.begin(), run.askers.end(), [](const auto& a) { return a->waiting() == 0; })
-            && std::all_of(
-                run.pipeliners.begin(), run.pipeliners.end(), [](const auto& p) { return p->isOver(); });
+        return all(run.askers, [](const auto& a) { return a->waiting() == 0; })
+            && all(run.pipeliners, [](const auto& p) { return p->isOver(); });
     };
     world.runUntil(isDone, 300000);
     for (const auto& asker : run.askers)
@@ -58,11 +62,7 @@ void finish(Run& run)
         pipeliner->close();
     }
     run.askers.clear();
-    const auto isOver = [&] {
-        return std::all_of(
-            run.connections.begin(), run.connections.end(), [](const auto& c) { return c->isOver(); });
-    };
-    world.runUntil(isOver, 30000);
+    world.runUntil([&] { return all(run.connections, [](const auto& c) { return c->isOver(); }); }, 30000);
     for (const auto& connection : run.connections)
         world.expect(connection->isOver(), "a connection does not end: %s", connection->text().c_str());
 }

@@ -2,6 +2,7 @@
 // for ever, answers to nobody, resets and ends at any byte. Every request has one outcome, the one that the
 // lie earns, in bounded time and memory.
 #include "sim/World.h"
+#include "support/Slot.h"
 
 #include <KepNuvikaUtil/HttpClient.h>
 #include <KepNuvikaUtil/HttpsClient.h>
@@ -25,6 +26,8 @@ constexpr int kMostContent = 100000;
 constexpr std::size_t kMostMemory = 4 << 20; // of one run, beyond its beginning
 constexpr std::size_t kMost = 60; // requests
 constexpr int kAborted = 10053;
+const QByteArray kParts = "Content-Type: multipart/x-mixed-replace; boundary=b\r\n";
+const QByteArray kChunks = "Transfer-Encoding: chunked\r\n";
 
 enum Effect { // of one connection or answer on the request
     eWhole, // finishes it
@@ -69,9 +72,14 @@ QByteArray head(const QByteArray& fields, int status = 200)
     return "HTTP/1.1 " + QByteArray::number(status) + " So\r\n" + fields + "\r\n";
 }
 
+QByteArray lengthOf(const QByteArray& content)
+{
+    return "Content-Length: " + QByteArray::number(content.size()) + "\r\n";
+}
+
 QByteArray chunked(sim::Random& random, const QByteArray& content)
 {
-    QByteArray bytes = {};
+    QByteArray bytes;
     for (int at = 0; at < content.size();) {
         const QByteArray piece = content.mid(at, static_cast<int>(random.size(20000)));
         bytes += QByteArray::number(piece.size(), 16) + (random.chance(0.2) ? ";x=y\r\n" : "\r\n") + piece
@@ -81,19 +89,12 @@ QByteArray chunked(sim::Random& random, const QByteArray& content)
     return bytes + "0\r\n\r\n";
 }
 
-QByteArray part(const QByteArray& content)
-{
-    return "--b\r\nContent-Type: image/jpeg\r\nContent-Length: " + QByteArray::number(content.size())
-        + "\r\n\r\n" + content + "\r\n";
-}
-
 Lie whole(sim::Random& random)
 {
     Lie lie{eWhole, {}, someBytes(random, static_cast<int>(random.chance(0.2) ? 0 : random.size(50000)))};
-    const QByteArray length = "Content-Length: " + QByteArray::number(lie.content.size()) + "\r\n";
     switch (random.below(4)) {
     case 0:
-        lie.bytes = head("Transfer-Encoding: chunked\r\n") + chunked(random, lie.content);
+        lie.bytes = head(kChunks) + chunked(random, lie.content);
         break;
     case 1:
         lie.bytes = head("") + lie.content;
@@ -105,7 +106,7 @@ Lie whole(sim::Random& random)
         [[fallthrough]];
     default:
         lie.bEnds = random.chance(0.2);
-        lie.bytes += head(length + (lie.bEnds ? "Connection: close\r\n" : "")) + lie.content;
+        lie.bytes += head(lengthOf(lie.content) + (lie.bEnds ? "Connection: close\r\n" : "")) + lie.content;
         break;
     }
     return lie;
@@ -132,29 +133,24 @@ Lie bad(sim::Random& random)
     static const std::vector<QByteArray> lies{"HTTP/1.1 abc So\r\n\r\n", "220 mail\r\n\r\n",
         "\x16\x03\x01\x02\r\n\r\n", head("Content-Length: -1\r\n"), head("Content-Length: 4294967296\r\n"),
         head("Content-Length: five\r\n"), head("Content-Length: 5\r\nContent-Length: 6\r\n"),
-        head("Transfer-Encoding: chunked\r\n") + "xyz\r\n",
-        head("Transfer-Encoding: chunked\r\n") + "ffffffffffffffff1\r\n",
-        head("Transfer-Encoding: chunked\r\n") + "5\r\nabcdeXX\r\n",
-        head("Content-Type: multipart/x-mixed-replace\r\n"),
-        head("Content-Type: multipart/x-mixed-replace; boundary=" + QByteArray(80, 'b') + "\r\n")};
+        head(kChunks) + "xyz\r\n", head(kChunks) + "ffffffffffffffff1\r\n",
+        head(kChunks) + "5\r\nabcdeXX\r\n", head("Content-Type: multipart/x-mixed-replace\r\n"),
+        head(kParts.chopped(2) + QByteArray(80, 'b') + "\r\n")};
     return Lie{eBad, random.pick(lies), {}};
 }
 
 // Each ends at a limit.
 Lie endless(sim::Random& random)
 {
-    const QByteArray chunks = head("Transfer-Encoding: chunked\r\n");
-    const QByteArray parts = head("Content-Type: multipart/x-mixed-replace;boundary=b\r\n") + "--b\r\n";
+    const QByteArray chunks = head(kChunks);
+    const QByteArray parts = head(kParts) + "--b\r\n";
     const std::vector<std::pair<QByteArray, QByteArray>> lies{{"HTTP/1.1 200 So\r\nX: ", "yyyyyyyy"},
         {"HTTP/1.1 200 So\r\n", "X: yyyy\r\n"}, {chunks + "5;", "x"}, {chunks + "0\r\n", "X: y\r\n"},
         {parts + "X: ", "y"}, {parts, "X: y\r\n"}, {parts + "Content-Length: 60001\r\n\r\n", "z"},
         {parts + "\r\n", "zzz\r\n"}, {head(""), "z"}, {head("Content-Length: 100001\r\n"), "z"},
         {chunks, "3\r\nzzz\r\n"}};
     const auto& [begin, rest] = random.pick(lies);
-    Lie lie{eBad, begin, {}};
-    while (lie.endless.size() < 4000)
-        lie.endless += rest;
-    return lie;
+    return Lie{eBad, begin, {}, 200, false, false, rest.repeated(1 + 4000 / rest.size())};
 }
 
 Lie denied(sim::Random& random)
@@ -166,42 +162,25 @@ Lie denied(sim::Random& random)
     const QByteArray challenge = random.pick(challenges);
     const QByteArray field = challenge.isEmpty() ? challenge : "WWW-Authenticate: " + challenge + "\r\n";
     lie.nStatus = 401;
-    lie.bytes = head(field + "Content-Length: " + QByteArray::number(lie.content.size()) + "\r\n", 401)
-        + lie.content;
+    lie.bytes = head(field + lengthOf(lie.content), 401) + lie.content;
     return lie;
 }
 
 Lie pictures(sim::Random& random)
 {
-    Lie lie{eLost, head("Content-Type: multipart/x-mixed-replace; boundary=b\r\n"), {}};
+    Lie lie{eLost, head(kParts), {}};
     const auto most = static_cast<int>(random.below(20));
-    for (; lie.bytes.size() < 100000 && lie.nParts < most; ++lie.nParts)
-        lie.bytes += part(someBytes(random, static_cast<int>(random.size(kMostPart))));
+    for (; lie.bytes.size() < 100000 && lie.nParts < most; ++lie.nParts) {
+        const QByteArray content = someBytes(random, static_cast<int>(random.size(kMostPart)));
+        lie.bytes += "--b\r\nContent-Type: image/jpeg\r\n" + lengthOf(content) + "\r\n" + content + "\r\n";
+    }
     lie.bEnds = true;
     return lie;
 }
 
-Lie anyLie(sim::Random& random)
+Lie silent(sim::Random& random)
 {
-    switch (random.below(12)) {
-    case 0:
-    case 1:
-    case 2:
-        return cut(random);
-    case 3:
-        return bad(random);
-    case 4:
-        return endless(random);
-    case 5:
-    case 6:
-        return denied(random);
-    case 7:
-        return pictures(random);
-    case 8:
-        return Lie{eSilent, whole(random).bytes.left(static_cast<int>(random.below(15))), {}};
-    default:
-        return whole(random);
-    }
+    return Lie{eSilent, whole(random).bytes.left(static_cast<int>(random.below(15))), {}};
 }
 
 std::size_t memoryInUse() { return mallinfo2().uordblks; }
@@ -212,7 +191,7 @@ class Trial
 {
 public:
     Trial(sim::World& world, const sim::Weather& weather)
-        : m_world(world),
+        : m_world(world), m_random(world.random()),
           m_bKind(!weather.mayReset() && !weather.mayFail() && weather.refuse == 0 && weather.lose == 0)
     {
         world.listen(kHost, kPort, [this, alive = std::weak_ptr<bool>(m_pAlive)](sim::Peer& peer) {
@@ -223,27 +202,234 @@ public:
         m_nMemory = memoryInUse();
     }
 
-    void ask();
-    void wait();
-    void tellNobody();
-    std::size_t asked() const { return m_requests.size(); }
+    void ask()
+    {
+        m_requests.emplace_back();
+        Request& request = m_requests.back();
+        request.bStream = m_random.chance(0.3);
+        HttpRequestHeader header(
+            QStringLiteral("GET"), QLatin1Char('/') + QString::number(m_requests.size()));
+        header.addValue(QStringLiteral("Host"), QStringLiteral("x"));
+        const bool bLogin = m_random.chance(0.5);
+        request.nId
+            = m_pClient->request(header, request.bStream, nullptr, bLogin ? QStringLiteral("u") : QString(),
+                bLogin ? QStringLiteral("p") : QString(), static_cast<int>(m_random.below(2)));
+    }
+
+    // Until everything is over; a silent server is left after a while.
+    void wait()
+    {
+        while (m_nOver < m_requests.size()) {
+            const std::size_t before = m_nOver;
+            if (m_world.runUntil([&] { return m_nOver > before; }, 120000))
+                continue;
+            const Request& request = m_requests[m_nOver];
+            const bool bSilent = !request.told.empty() && request.told.back().effect == eSilent;
+            m_world.expect(bSilent, "request %zu waits in vain", m_nOver + 1);
+            const std::size_t asked = m_requests.size();
+            m_bLeaving = true;
+            m_pClient->shutdown();
+            while (m_nOver < asked && std::is_same_v<Client, HttpsClient>) // which says nothing
+                over(m_requests[m_nOver]);
+            m_bLeaving = false;
+            m_world.expect(m_nOver >= asked, "%zu requests are not cancelled", asked - m_nOver);
+        }
+        m_world.expect(m_pClient->numOfPendingRequests() == 0, "requests are left");
+    }
+
+    // Answers that nobody has asked for, on connections that are idle: they must not meet the next request.
+    void tellNobody()
+    {
+        for (sim::Peer* peer : m_peers) {
+            if (!peer->isOver())
+                peer->write(head("Content-Length: 6\r\n") + "nobody");
+        }
+        m_world.run(20000);
+    }
 
 private:
     using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
-    void makeClient();
-    void serve(sim::Peer& peer);
-    void answer(sim::Peer& peer, Request& request);
-    Lie lieTo(const Request& request);
-    void flood(sim::Peer& peer, const QByteArray& bytes, int times);
+    void makeClient()
+    {
+        m_pClient = std::make_unique<Client>(QLatin1String(kHost), kPort, true);
+        HttpReadLimits limits;
+        limits.nHead = kMostHead;
+        limits.nChunkSizeLine = 100;
+        limits.nPart = kMostPart;
+        limits.nContent = kMostContent;
+        m_pClient->setReadLimits(limits);
+        Client* client = m_pClient.get();
+        QObject::connect(client, &Client::responseHeaderReceived, to(this, &Trial::takeHead));
+        QObject::connect(client, &Client::contentChunk, to(this, &Trial::takePiece));
+        QObject::connect(client, &Client::multipartReplaceContent,
+            [this](int id) { ++front(id, "multipartReplaceContent").nParts; });
+        QObject::connect(client, &Client::requestFinished, to(this, &Trial::take));
+        QObject::connect(client, &Client::requestFailed, to(this, &Trial::failed));
+        QObject::connect(client, &Client::error, [this](int code) { m_nError = code; });
+        if constexpr (std::is_same_v<Client, HttpClient>)
+            QObject::connect(
+                client, &Client::requestCancelled, [this](int id) { over(front(id, "requestCancelled")); });
+    }
 
-    Request& front(int id, const char* signal);
-    void takePiece(int id, const HttpResponseHeader& header, const char* data, int size);
-    void finished(Request& request, int status);
-    void failed(int id);
-    void over(Request& request);
+    void serve(sim::Peer& peer)
+    {
+        m_peers.push_back(&peer);
+        const auto asked = std::make_shared<QByteArray>();
+        peer.onEnd = [&peer] { peer.close(); };
+        peer.onBytes = [this, asked, &peer](const QByteArray& bytes) {
+            *asked += bytes;
+            const int end = asked->indexOf("\r\n\r\n");
+            if (end < 0)
+                return;
+            const auto number = static_cast<std::size_t>(asked->mid(5, asked->indexOf(' ', 5) - 5).toInt());
+            m_world.expect(asked->size() == end + 4, "more than one request at a time");
+            m_world.expect(number == m_nOver + 1, "request %zu when %zu are over", number, m_nOver);
+            asked->clear();
+            answer(peer, m_requests[number - 1]);
+        };
+    }
+
+    Lie lieTo(const Request& request)
+    {
+        static constexpr Lie (*kLies[])(sim::Random&)
+            = {cut, cut, cut, bad, endless, denied, denied, pictures, silent, whole, whole, whole};
+        for (;;) {
+            const Lie lie = kLies[m_random.below(std::size(kLies))](m_random);
+            const bool bParts = lie.bytes.contains("multipart");
+            const bool bUnlimited = lie.endless.size() > 0 && !lie.bytes.startsWith("HTTP/1.1 200 So\r\nX")
+                && !lie.bytes.contains("0\r\n") && !lie.bytes.contains(";");
+            if (request.bStream && (bParts || bUnlimited))
+                continue; // what is not collected has no limit
+            const bool bDoubtful = request.nDenied > 0 && lie.effect == eLost;
+            const bool bWasLost = request.nLosses > 0 && lie.effect == eDenied;
+            if (!bDoubtful && !bWasLost) // whether two refusals stand in a row depends on what has arrived
+                return lie;
+        }
+    }
+
+    void answer(sim::Peer& peer, Request& request)
+    {
+        if (m_bKind && !request.told.empty()) {
+            const Lie& last = request.told.back();
+            m_world.expect(
+                last.effect == eLost || last.effect == eDenied, "a request comes again that had its answer");
+            m_world.expect(last.nParts == 0 || request.nParts == last.nParts, "%d of %d parts",
+                request.nParts, last.nParts);
+        }
+        request.got.clear(); // a refusal has no head that says so
+        Lie lie = lieTo(request);
+        sim::trace("tells %d: %s", static_cast<int>(lie.effect),
+            QByteArray(lie.bytes.left(60)).toPercentEncoding(" :/").constData());
+        request.nLosses += lie.effect == eLost ? 1 : 0;
+        request.nDenied += lie.effect == eDenied ? 1 : 0;
+        m_world.expect(!m_bKind || request.nLosses <= 3, "a request is sent a fourth time");
+        m_world.expect(request.told.size() < 8, "a request is sent again and again");
+        peer.write(std::exchange(lie.bytes, QByteArray()));
+        if (lie.bResets)
+            m_world.after(m_random.size(1000), [&peer] { peer.reset(); });
+        else if (lie.bEnds && m_random.chance(0.5))
+            peer.close();
+        else if (lie.bEnds)
+            peer.end();
+        if (!lie.endless.isEmpty())
+            flood(peer, lie.endless, 0);
+        request.told.push_back(lie);
+    }
+
+    void flood(sim::Peer& peer, const QByteArray& bytes, int times)
+    {
+        m_world.expect(times < 1000, "the client reads for ever");
+        if (peer.isOver())
+            return;
+        if (peer.unsent() == 0)
+            peer.write(bytes);
+        m_world.after(10, [this, &peer, bytes, times, alive = std::weak_ptr<bool>(m_pAlive)] {
+            if (!alive.expired())
+                flood(peer, bytes, times + (peer.unsent() == 0 ? 1 : 0));
+        });
+    }
+
+    Request& front(int id, const char* signal)
+    {
+        sim::trace("%s(%d)", signal, id);
+        m_world.expect(m_nOver < m_requests.size(), "%s(%d), and nobody waits", signal, id);
+        Request& request = m_requests[m_nOver];
+        m_world.expect(request.nId == id, "%s(%d) when %d is at the front", signal, id, request.nId);
+        m_world.expect(
+            memoryInUse() < m_nMemory + kMostMemory, "%zu bytes are in use", memoryInUse() - m_nMemory);
+        return request;
+    }
+
+    void takeHead(int id, const HttpResponseHeader& header)
+    {
+        Request& request = front(id, "responseHeaderReceived");
+        m_world.expect(header.statusCode() == 200, "a head of status %d is told", header.statusCode());
+        request.got.clear();
+        request.nParts = 0;
+    }
+
+    void takePiece(int id, const HttpResponseHeader& header, const char* data, int size, Marker)
+    {
+        Request& request = front(id, "contentChunk");
+        m_world.expect(request.bStream, "a piece of what is collected");
+        request.got.append(data, size);
+        if (header.hasContentLength() && request.got.size() == static_cast<int>(header.contentLength()))
+            finished(request, header.statusCode());
+    }
+
+    void take(int id, const HttpResponseHeader& header, const char* data, int size, Marker)
+    {
+        Request& request = front(id, "requestFinished");
+        if (!request.bStream)
+            request.got = QByteArray(data, size);
+        finished(request, header.statusCode());
+    }
+
+    void finished(Request& request, int status)
+    {
+        const Lie lie = request.told.empty() ? Lie{eSilent, {}, {}} : request.told.back();
+        const bool bUntilEnd = !m_bKind && lie.bEnds; // HTTP/1.1 cannot tell
+        if (!m_bKind && !lie.endless.isEmpty()) // so far, until a reset ended it
+            return over(request);
+        m_world.expect(lie.effect == eWhole || (lie.effect == eDenied && (!m_bKind || request.nDenied == 2)),
+            "a request finishes by a lie of kind %d", static_cast<int>(lie.effect));
+        m_world.expect(status == lie.nStatus, "status %d, and not %d", status, lie.nStatus);
+        m_world.expect(bUntilEnd ? lie.content.startsWith(request.got) : request.got == lie.content,
+            "%d of %d bytes, or others", request.got.size(), lie.content.size());
+        over(request);
+    }
+
+    void failed(int id)
+    {
+        Request& request = front(id, "requestFailed");
+        const bool bBad = !request.told.empty() && request.told.back().effect == eBad;
+        m_world.expect(
+            !m_bKind || bBad || request.nLosses == 3, "a request fails after %d losses", request.nLosses);
+        m_world.expect(!bBad || !m_bKind || m_nError == kAborted, "it fails with error %d", m_nError);
+        m_world.expect(!m_pClient->errorString().isEmpty(), "it fails without a reason");
+        over(request);
+    }
+
+    void over(Request& request)
+    {
+        m_world.expect(!std::exchange(request.bOver, true), "a second outcome");
+        request.told.clear();
+        request.got.clear();
+        m_nError = 0;
+        ++m_nOver;
+        if (m_random.chance(0.2) && m_requests.size() < kMost)
+            ask();
+        // (else a new request overtakes those that leave)
+        if (m_random.chance(0.1) && m_nDepth < 2 && !m_bLeaving) {
+            ++m_nDepth;
+            m_world.run(m_random.size(500));
+            --m_nDepth;
+        }
+    }
 
     sim::World& m_world;
+    sim::Random& m_random;
     const bool m_bKind;
     std::unique_ptr<Client> m_pClient;
     std::deque<Request> m_requests; // number n is the n-th
@@ -255,244 +441,6 @@ private:
     bool m_bLeaving = false;
     std::size_t m_nMemory = 0;
 };
-
-template <class Client>
-void Trial<Client>::makeClient()
-{
-    m_pClient = std::make_unique<Client>(QLatin1String(kHost), kPort, true);
-    HttpReadLimits limits;
-    limits.nHead = kMostHead;
-    limits.nChunkSizeLine = 100;
-    limits.nPart = kMostPart;
-    limits.nContent = kMostContent;
-    m_pClient->setReadLimits(limits);
-    Client* client = m_pClient.get();
-    QObject::connect(
-        client, &Client::responseHeaderReceived, [this](int id, const HttpResponseHeader& header) {
-            Request& request = front(id, "responseHeaderReceived");
-            m_world.expect(header.statusCode() == 200, "a head of status %d is told", header.statusCode());
-            request.got.clear();
-            request.nParts = 0;
-        });
-    QObject::connect(client, &Client::contentChunk,
-        [this](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
-            takePiece(id, header, data, size);
-        });
-    QObject::connect(client, &Client::multipartReplaceContent,
-        [this](int id) { ++front(id, "multipartReplaceContent").nParts; });
-    QObject::connect(client, &Client::requestFinished,
-        [this](int id, const HttpResponseHeader& header, const char* data, int size, Marker) {
-            Request& request = front(id, "requestFinished");
-            if (!request.bStream)
-                request.got = QByteArray(data, size);
-            finished(request, header.statusCode());
-        });
-    QObject::connect(client, &Client::requestFailed, [this](int id) { failed(id); });
-    QObject::connect(client, &Client::error, [this](int code) { m_nError = code; });
-    if constexpr (std::is_same_v<Client, HttpClient>)
-        QObject::connect(
-            client, &Client::requestCancelled, [this](int id) { over(front(id, "requestCancelled")); });
-}
-
-// --- the server ------------------------------------------------------------------------------------------
-
-template <class Client>
-void Trial<Client>::serve(sim::Peer& peer)
-{
-    m_peers.push_back(&peer);
-    const auto asked = std::make_shared<QByteArray>();
-    peer.onEnd = [&peer] { peer.close(); };
-    peer.onBytes = [this, asked, &peer](const QByteArray& bytes) {
-        *asked += bytes;
-        const int end = asked->indexOf("\r\n\r\n");
-        if (end < 0)
-            return;
-        const auto number = static_cast<std::size_t>(asked->mid(5, asked->indexOf(' ', 5) - 5).toInt());
-        m_world.expect(asked->size() == end + 4, "more than one request at a time");
-        m_world.expect(number == m_nOver + 1, "request %zu when %zu are over", number, m_nOver);
-        asked->clear();
-        answer(peer, m_requests[number - 1]);
-    };
-}
-
-template <class Client>
-Lie Trial<Client>::lieTo(const Request& request)
-{
-    sim::Random& random = m_world.random();
-    for (;;) {
-        Lie lie = anyLie(random);
-        const bool bParts = lie.bytes.contains("multipart");
-        const bool bUnlimited = lie.endless.size() > 0 && !lie.bytes.startsWith("HTTP/1.1 200 So\r\nX")
-            && !lie.bytes.contains("0\r\n") && !lie.bytes.contains(";");
-        if (request.bStream && (bParts || bUnlimited))
-            continue; // what is not collected has no limit
-        const bool bDoubtful = request.nDenied > 0 && (lie.effect == eLost || lie.effect == eDenied);
-        const bool bWasLost = request.nLosses > 0 && lie.effect == eDenied;
-        if ((bDoubtful && lie.effect == eLost) || bWasLost)
-            continue; // whether two refusals stand in a row depends on what has arrived
-        return lie;
-    }
-}
-
-template <class Client>
-void Trial<Client>::answer(sim::Peer& peer, Request& request)
-{
-    m_world.expect(request.told.empty() || !m_bKind || request.told.back().effect == eLost
-            || request.told.back().effect == eDenied,
-        "a request comes again that had its answer");
-    if (!request.told.empty() && m_bKind && request.told.back().nParts > 0)
-        m_world.expect(request.nParts == request.told.back().nParts, "%d of %d parts", request.nParts,
-            request.told.back().nParts);
-    request.got.clear(); // a refusal has no head that says so
-    Lie lie = lieTo(request);
-    sim::trace("tells %d: %s", static_cast<int>(lie.effect),
-        QByteArray(lie.bytes.left(60)).toPercentEncoding(" :/").constData());
-    request.nLosses += lie.effect == eLost ? 1 : 0;
-    request.nDenied = lie.effect == eDenied ? request.nDenied + 1 : request.nDenied;
-    m_world.expect(!m_bKind || request.nLosses <= 3, "a request is sent a fourth time");
-    m_world.expect(request.told.size() < 8, "a request is sent again and again");
-    peer.write(std::exchange(lie.bytes, QByteArray()));
-    if (lie.bResets)
-        m_world.after(m_world.random().size(1000), [&peer] { peer.reset(); });
-    else if (lie.bEnds && m_world.random().chance(0.5))
-        peer.close();
-    else if (lie.bEnds)
-        peer.end();
-    if (!lie.endless.isEmpty())
-        flood(peer, lie.endless, 0);
-    request.told.push_back(lie);
-}
-
-template <class Client>
-void Trial<Client>::flood(sim::Peer& peer, const QByteArray& bytes, int times)
-{
-    m_world.expect(times < 1000, "the client reads for ever");
-    if (peer.isOver())
-        return;
-    if (peer.unsent() == 0)
-        peer.write(bytes);
-    m_world.after(10, [this, &peer, bytes, times, alive = std::weak_ptr<bool>(m_pAlive)] {
-        if (!alive.expired())
-            flood(peer, bytes, times + (peer.unsent() == 0 ? 1 : 0));
-    });
-}
-
-// Answers that nobody has asked for, on connections that are idle: they must not meet the next request.
-template <class Client>
-void Trial<Client>::tellNobody()
-{
-    for (sim::Peer* peer : m_peers) {
-        if (!peer->isOver())
-            peer->write(head("Content-Length: 6\r\n") + "nobody");
-    }
-    m_world.run(20000);
-}
-
-// --- the client ------------------------------------------------------------------------------------------
-
-template <class Client>
-void Trial<Client>::ask()
-{
-    m_requests.emplace_back();
-    Request& request = m_requests.back();
-    request.bStream = m_world.random().chance(0.3);
-    HttpRequestHeader header(QStringLiteral("GET"), QLatin1Char('/') + QString::number(m_requests.size()));
-    header.addValue(QStringLiteral("Host"), QStringLiteral("x"));
-    const bool bLogin = m_world.random().chance(0.5);
-    request.nId
-        = m_pClient->request(header, request.bStream, nullptr, bLogin ? QStringLiteral("u") : QString(),
-            bLogin ? QStringLiteral("p") : QString(), static_cast<int>(m_world.random().below(2)));
-}
-
-template <class Client>
-Request& Trial<Client>::front(int id, const char* signal)
-{
-    sim::trace("%s(%d)", signal, id);
-    m_world.expect(m_nOver < m_requests.size(), "%s(%d), and nobody waits", signal, id);
-    Request& request = m_requests[m_nOver];
-    m_world.expect(request.nId == id, "%s(%d) when %d is at the front", signal, id, request.nId);
-    m_world.expect(
-        memoryInUse() < m_nMemory + kMostMemory, "%zu bytes are in use", memoryInUse() - m_nMemory);
-    return request;
-}
-
-template <class Client>
-void Trial<Client>::takePiece(int id, const HttpResponseHeader& header, const char* data, int size)
-{
-    Request& request = front(id, "contentChunk");
-    m_world.expect(request.bStream, "a piece of what is collected");
-    request.got.append(data, size);
-    if (header.hasContentLength() && request.got.size() == static_cast<int>(header.contentLength()))
-        finished(request, header.statusCode());
-}
-
-template <class Client>
-void Trial<Client>::finished(Request& request, int status)
-{
-    const Lie lie = request.told.empty() ? Lie{eSilent, {}, {}} : request.told.back();
-    const bool bUntilEnd = !m_bKind && lie.bEnds; // HTTP/1.1 cannot tell
-    if (!m_bKind && !lie.endless.isEmpty()) // so far, until a reset ended it
-        return over(request);
-    m_world.expect(lie.effect == eWhole || (lie.effect == eDenied && (!m_bKind || request.nDenied == 2)),
-        "a request finishes by a lie of kind %d", static_cast<int>(lie.effect));
-    m_world.expect(status == lie.nStatus, "status %d, and not %d", status, lie.nStatus);
-    m_world.expect(bUntilEnd ? lie.content.startsWith(request.got) : request.got == lie.content,
-        "%d of %d bytes, or others", request.got.size(), lie.content.size());
-    over(request);
-}
-
-template <class Client>
-void Trial<Client>::failed(int id)
-{
-    Request& request = front(id, "requestFailed");
-    const bool bBad = !request.told.empty() && request.told.back().effect == eBad;
-    m_world.expect(
-        !m_bKind || bBad || request.nLosses == 3, "a request fails after %d losses", request.nLosses);
-    m_world.expect(!bBad || !m_bKind || m_nError == kAborted, "it fails with error %d", m_nError);
-    m_world.expect(!m_pClient->errorString().isEmpty(), "it fails without a reason");
-    over(request);
-}
-
-template <class Client>
-void Trial<Client>::over(Request& request)
-{
-    m_world.expect(!std::exchange(request.bOver, true), "a second outcome");
-    request.told.clear();
-    request.got.clear();
-    m_nError = 0;
-    ++m_nOver;
-    sim::Random& random = m_world.random();
-    if (random.chance(0.2) && m_requests.size() < kMost)
-        ask();
-    if (random.chance(0.1) && m_nDepth < 2
-        && !m_bLeaving) { // (else a new request overtakes those that leave)
-        ++m_nDepth;
-        m_world.run(random.size(500));
-        --m_nDepth;
-    }
-}
-
-// Until everything is over; a silent server is left after a while.
-template <class Client>
-void Trial<Client>::wait()
-{
-    while (m_nOver < m_requests.size()) {
-        const std::size_t before = m_nOver;
-        if (m_world.runUntil([&] { return m_nOver > before; }, 120000))
-            continue;
-        const Request& request = m_requests[m_nOver];
-        const bool bSilent = !request.told.empty() && request.told.back().effect == eSilent;
-        m_world.expect(bSilent, "request %zu waits in vain", m_nOver + 1);
-        const std::size_t asked = m_requests.size();
-        m_bLeaving = true;
-        m_pClient->shutdown();
-        while (m_nOver < asked && std::is_same_v<Client, HttpsClient>) // which says nothing
-            over(m_requests[m_nOver]);
-        m_bLeaving = false;
-        m_world.expect(m_nOver >= asked, "%zu requests are not cancelled", asked - m_nOver);
-    }
-    m_world.expect(m_pClient->numOfPendingRequests() == 0, "requests are left");
-}
 
 template <class Client>
 void tryOut(sim::World& world)

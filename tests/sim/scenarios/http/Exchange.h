@@ -2,6 +2,7 @@
 #pragma once
 
 #include "sim/World.h"
+#include "support/Slot.h"
 
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 
@@ -38,12 +39,10 @@ struct Exchange {
 
     // At the server.
     int nSeen = 0;
-    int nCuts = 0; // connections it was on that the server ended early
     std::vector<int> parts; // sent by the last answer
     // At the client.
     Outcome outcome = eWaits;
     int nHeads = 0;
-    int nPieces = 0;
     QByteArray got; // in this attempt
     std::vector<int> gotParts;
     int nUploaded = 0;

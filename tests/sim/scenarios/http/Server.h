@@ -16,25 +16,178 @@ namespace web
 class Connection
 {
 public:
-    Connection(Stage& stage, int descriptor);
+    Connection(Stage& stage, int descriptor)
+        : m_stage(stage),
+          m_pClient(std::make_unique<HttpResponseClient>(descriptor, stage.world.random().chance(0.3)))
+    {
+        using Server = HttpResponseClient;
+        Server* client = m_pClient.get();
+        QObject::connect(client, &Server::requestReceived, to(this, &Connection::takeRequest));
+        QObject::connect(client, &Server::contentChunk, to(this, &Connection::takeChunk));
+        QObject::connect(client, &Server::multipartReplaceContent,
+            [this] { m_stage.world.expect(false, "a part that nobody has sent"); });
+        QObject::connect(client, &Server::responseFinished, [this] {
+            check("responseFinished");
+            m_stage.world.expect(--m_nFinishedDue >= 0, "responseFinished() comes once too often");
+            act();
+        });
+        QObject::connect(client, &Server::error, [this] {
+            m_stage.world.expect(!m_bOver, "error() behind the end");
+            m_stage.world.expect(!m_stage.isKind(), "error() without a reason");
+        });
+        QObject::connect(client, &Server::disconnected, [this] {
+            m_stage.world.expect(!m_bOver, "disconnected() comes twice");
+            m_stage.world.expect(!m_stage.isKind() || (m_due.empty() && m_nFinishedDue == 0 && !m_bStreams),
+                "a connection ends with %s", text().c_str());
+            over();
+            act();
+        });
+        QObject::connect(client, &Server::sigCanSendContent, [this] {
+            check("sigCanSendContent");
+            if (m_bStreams)
+                sendMore();
+            act();
+        });
+    }
 
     bool isOver() const { return m_bOver; }
     // Of the requests that wait, those that were never answered.
-    std::string text() const;
-    void destroy();
+    std::string text() const
+    {
+        return std::to_string(m_due.size()) + " unanswered, " + std::to_string(m_nFinishedDue) + " unfinished"
+            + (m_bStreams ? ", streaming" : "");
+    }
+    void destroy()
+    {
+        ++m_stage.nCuts;
+        if (m_stage.world.random().chance(0.5)) {
+            m_pClient->shutdown();
+            if (m_pClient) // the handler may have done it
+                m_pClient.release()->deleteLater();
+        }
+        m_pClient.reset();
+        m_bOver = true;
+        over();
+    }
 
 private:
     using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
-    void check(const char* signal);
-    void takeRequest(const HttpRequestHeader& header, const QByteArray& body);
-    void takeChunk(const HttpRequestHeader& header, const char* data, int size);
-    void answerLater();
-    void answerSome();
-    void sendMore();
-    void over();
-    void cut();
-    void act();
+    void check(const char* signal)
+    {
+        sim::trace("%s()", signal);
+        m_stage.world.expect(!m_bOver, "%s() behind the end", signal);
+    }
+    void takeRequest(HttpRequestHeader header, const char* data, int size, Marker)
+    {
+        check("requestReceived");
+        const QByteArray body(data, size);
+        Exchange& e = m_stage.of(header.path());
+        m_stage.world.expect(!m_bStreams, "a request inside a streamed answer");
+        m_stage.world.expect(m_pClient->isConnected(), "a request without a connection");
+        m_stage.world.expect(e.nNumber >= m_nLast, "request %d behind %d", e.nNumber, m_nLast);
+        m_nLast = e.nNumber;
+        m_stage.world.expect(body == askedOf(e), "request %d brings %d bytes, and not its %d", e.nNumber,
+            body.size(), e.nAsked);
+        m_stage.world.expect(e.asking != eUploadHalf, "half an upload is a request");
+        ++e.nSeen;
+        e.got.clear(); // of the attempt before: a refusal has no head that says so
+        m_due.push_back({&e, m_stage.guard.admits(header, e, m_stage.world.random())});
+        if (m_stage.world.random().chance(0.5))
+            answerSome();
+        else
+            answerLater();
+        act();
+        m_stage.world.expect(QByteArray::fromRawData(data, size) == body, "content that changes");
+    }
+    void takeChunk(HttpRequestHeader header, const char* data, int size, Marker marker)
+    {
+        check("contentChunk");
+        m_body.append(data, size);
+        if (size == 0) {
+            const QByteArray body = std::exchange(m_body, QByteArray());
+            takeRequest(header, body.constData(), body.size(), marker);
+        } else {
+            act();
+        }
+    }
+    void answerLater()
+    {
+        if (m_pClient && !m_bOver && !m_due.empty())
+            QTimer::singleShot(static_cast<int>(m_stage.world.random().size(300)), m_pClient.get(),
+                [this] { answerSome(); });
+    }
+    // Further answers may be given while one streams: they wait for its end.
+    void answerSome()
+    {
+        while (!m_due.empty() && !m_bOver && !(m_bStreams && isStreamed(m_due.front()))) {
+            const Due due = m_due.front();
+            m_due.pop_front();
+            answer(due);
+            if (m_stage.world.random().chance(0.2))
+                break;
+        }
+        if (!m_bStreams)
+            answerLater();
+    }
+    // A viewer that does not keep up gets fewer pictures.
+    void sendMore()
+    {
+        sim::Random& random = m_stage.world.random();
+        for (std::uint64_t most = random.size(20); m_bStreams && most > 0 && !m_pieces.empty(); --most) {
+            const QByteArray piece = m_pieces.front();
+            m_pieces.pop_front();
+            const bool bCould = m_pClient->canSendContent();
+            if (m_pPictures != nullptr && !bCould)
+                continue;
+            if (m_pPictures != nullptr)
+                m_pPictures->parts.push_back(m_pPictures->nAnswer - static_cast<int>(m_pieces.size()) - 1);
+            const KepNuvikaUtil::BUFFER halves[2] = {{piece.constData(), piece.size() / 2},
+                {piece.constData() + piece.size() / 2, piece.size() - piece.size() / 2}};
+            const bool bSent = random.chance(0.5) ? m_pClient->sendContent(halves, 2)
+                                                  : m_pClient->sendContent(piece.constData(), piece.size());
+            m_stage.world.expect(bSent || !m_stage.isKind(), "a piece of the answer is refused");
+        }
+        if (!m_bStreams)
+            return;
+        if (m_pieces.empty()) {
+            m_bStreams = false;
+            m_stage.world.expect(
+                m_pClient->endContent() || !m_stage.isKind(), "the end of the answer is refused");
+            m_stage.world.expect(!m_due.empty() || !m_pClient->endContent(), "an answer ends twice");
+            answerLater();
+        } else {
+            QTimer::singleShot(static_cast<int>(random.size(200)), m_pClient.get(), [this] { sendMore(); });
+        }
+    }
+    void over()
+    {
+        m_stage.world.expect(!m_pClient || !m_pClient->isConnected(), "connected behind the end");
+        m_bOver = true;
+        m_due.clear();
+        m_bStreams = false;
+    }
+    void cut()
+    {
+        ++m_stage.nCuts;
+        m_pClient->shutdown();
+        m_stage.world.expect(m_bOver, "shut down, and disconnected() has not come");
+    }
+    void act()
+    {
+        sim::Random& random = m_stage.world.random();
+        if (m_stage.bFinishing || !m_pClient || random.chance(0.7))
+            return;
+        const auto what = random.below(m_stage.bCalm ? 4 : 12);
+        if (what < 2)
+            m_stage.nestedLoop();
+        else if (what == 2)
+            m_stage.world.work(random.size(5000));
+        else if (what == 4 && !m_bOver && random.chance(0.5))
+            cut();
+        else if (what == 5 && random.chance(0.5))
+            destroy();
+    }
 
     struct Due {
         Exchange* pExchange;
@@ -44,8 +197,60 @@ private:
     {
         return due.bAdmitted && due.pExchange->hasBody() && due.pExchange->framing != eLength;
     }
-    void answer(const Due& due);
-    void cutIntoPieces(const Due& due, const QByteArray& body);
+    void answer(const Due& due)
+    {
+        sim::Random& random = m_stage.world.random();
+        Exchange& e = *due.pExchange;
+        HttpResponseHeader header(due.bAdmitted ? e.nStatus : 401, QStringLiteral("So"));
+        QByteArray body;
+        if (!due.bAdmitted) {
+            const QByteArray challenge = m_stage.guard.challenge(e);
+            header.addValue(QStringLiteral("WWW-Authenticate"), QString::fromLatin1(challenge));
+            body = e.bHead || random.chance(0.5) ? QByteArray() : bytesOf(0, 100);
+        } else if (!e.isMultipart()) {
+            body = answerOf(e); // of HEAD, too, which is not sent
+        }
+        if (due.bAdmitted && e.isMultipart())
+            header.addValue(
+                QStringLiteral("Content-Type"), QStringLiteral("multipart/x-mixed-replace; boundary=frame"));
+        if (isStreamed(due) && (e.framing == eChunked || e.framing == eParts))
+            header.addValue(QStringLiteral("Transfer-Encoding"), QStringLiteral("chunked"));
+        else if (!isStreamed(due) && e.nStatus != 204)
+            header.setContentLength(e.bHead && due.bAdmitted ? e.nAnswer : body.size());
+        if (due.bAdmitted && e.bClose && !e.closesByRequest())
+            header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
+        if (due.bAdmitted && e.closesByAnswer())
+            m_due.clear(); // what was asked behind it is not answered any more
+        if (random.chance(0.05))
+            m_pClient->response(HttpResponseHeader(103, QStringLiteral("Soon")), false, nullptr);
+        sim::trace("answers %d", e.nNumber);
+        ++m_nFinishedDue;
+        if (isStreamed(due) || (!m_bStreams && random.chance(0.3))) {
+            m_bStreams = true;
+            cutIntoPieces(due, body);
+            m_pClient->response(header, true, nullptr);
+            sendMore();
+        } else {
+            SharedPoolBuffer buffer = m_stage.pool->getBuffer();
+            buffer.setData(body.constData(), body.size());
+            m_pClient->response(header, false, &buffer);
+        }
+    }
+    void cutIntoPieces(const Due& due, const QByteArray& body)
+    {
+        m_pieces.clear();
+        m_pPictures = due.bAdmitted && due.pExchange->isMultipart() ? due.pExchange : nullptr;
+        for (int at = 0; at < body.size();) {
+            const QByteArray piece = body.mid(at, static_cast<int>(m_stage.world.random().size(100000)));
+            m_pieces.push_back(piece);
+            at += piece.size();
+        }
+        if (m_pPictures == nullptr)
+            return;
+        m_pPictures->parts.clear();
+        for (int i = 0; i < m_pPictures->nAnswer; ++i)
+            m_pieces.push_back(partOf(i));
+    }
 
     Stage& m_stage;
     std::unique_ptr<HttpResponseClient> m_pClient;
@@ -56,256 +261,7 @@ private:
     bool m_bStreams = false;
     std::deque<QByteArray> m_pieces; // of the streamed answer, still to be sent
     Exchange* m_pPictures = nullptr; // that it shows
-    bool m_bBehind = false; // sigCanSendContent() must come
     bool m_bOver = false;
 };
 
-inline Connection::Connection(Stage& stage, int descriptor)
-    : m_stage(stage),
-      m_pClient(std::make_unique<HttpResponseClient>(descriptor, stage.world.random().chance(0.3)))
-{
-    HttpResponseClient* client = m_pClient.get();
-    QObject::connect(client, &HttpResponseClient::requestReceived,
-        [this](const HttpRequestHeader& header, const char* data, int size, Marker) {
-            check("requestReceived");
-            takeRequest(HttpRequestHeader(header), QByteArray(data, size));
-        });
-    QObject::connect(client, &HttpResponseClient::contentChunk,
-        [this](const HttpRequestHeader& header, const char* data, int size, Marker) {
-            check("contentChunk");
-            takeChunk(HttpRequestHeader(header), data, size);
-        });
-    QObject::connect(client, &HttpResponseClient::multipartReplaceContent,
-        [this] { m_stage.world.expect(false, "a part that nobody has sent"); });
-    QObject::connect(client, &HttpResponseClient::responseFinished, [this] {
-        check("responseFinished");
-        m_stage.world.expect(--m_nFinishedDue >= 0, "responseFinished() comes once too often");
-        act();
-    });
-    QObject::connect(client, &HttpResponseClient::error, [this] {
-        m_stage.world.expect(!m_bOver, "error() behind the end");
-        m_stage.world.expect(!m_stage.isKind(), "error() without a reason");
-    });
-    QObject::connect(client, &HttpResponseClient::disconnected, [this] {
-        m_stage.world.expect(!m_bOver, "disconnected() comes twice");
-        m_stage.world.expect(!m_stage.isKind() || (m_due.empty() && m_nFinishedDue == 0 && !m_bStreams),
-            "a connection ends with %s", text().c_str());
-        over();
-        act();
-    });
-    QObject::connect(client, &HttpResponseClient::sigCanSendContent, [this] {
-        check("sigCanSendContent");
-        m_bBehind = false;
-        if (m_bStreams)
-            sendMore();
-        act();
-    });
-}
-
-inline void Connection::check(const char* signal)
-{
-    sim::trace("%s()", signal);
-    m_stage.world.expect(!m_bOver, "%s() behind the end", signal);
-}
-
-inline std::string Connection::text() const
-{
-    return std::to_string(m_due.size()) + " unanswered, " + std::to_string(m_nFinishedDue) + " unfinished"
-        + (m_bStreams ? ", streaming" : "");
-}
-
-inline void Connection::over()
-{
-    m_stage.world.expect(!m_pClient || !m_pClient->isConnected(), "connected behind the end");
-    m_bOver = true;
-    m_bBehind = false;
-    m_due.clear();
-    m_bStreams = false;
-}
-
-inline void Connection::takeChunk(const HttpRequestHeader& header, const char* data, int size)
-{
-    m_body.append(data, size);
-    if (size == 0)
-        takeRequest(header, std::exchange(m_body, QByteArray()));
-    else
-        act();
-}
-
-inline void Connection::takeRequest(const HttpRequestHeader& header, const QByteArray& body)
-{
-    Exchange& e = m_stage.of(header.path());
-    m_stage.world.expect(!m_bStreams, "a request inside a streamed answer");
-    m_stage.world.expect(m_pClient->isConnected(), "a request without a connection");
-    m_stage.world.expect(e.nNumber >= m_nLast, "request %d behind %d", e.nNumber, m_nLast);
-    m_nLast = e.nNumber;
-    m_stage.world.expect(
-        body == askedOf(e), "request %d brings %d bytes, and not its %d", e.nNumber, body.size(), e.nAsked);
-    m_stage.world.expect(e.asking != eUploadHalf, "half an upload is a request");
-    ++e.nSeen;
-    e.got.clear(); // of the attempt before: a refusal has no head that says so
-    m_due.push_back({&e, m_stage.guard.admits(header, e, m_stage.world.random())});
-    if (m_stage.world.random().chance(0.5))
-        answerSome();
-    else
-        answerLater();
-    act();
-}
-
-inline void Connection::answerLater()
-{
-    if (m_pClient && !m_bOver && !m_due.empty())
-        QTimer::singleShot(
-            static_cast<int>(m_stage.world.random().size(300)), m_pClient.get(), [this] { answerSome(); });
-}
-
-// Further answers may be given while one streams: they wait for its end.
-inline void Connection::answerSome()
-{
-    while (!m_due.empty() && !m_bOver && !(m_bStreams && isStreamed(m_due.front()))) {
-        const Due due = m_due.front();
-        m_due.pop_front();
-        answer(due);
-        if (m_stage.world.random().chance(0.2))
-            break;
-    }
-    if (!m_bStreams)
-        answerLater();
-}
-
-inline void Connection::answer(const Due& due)
-{
-    sim::Random& random = m_stage.world.random();
-    Exchange& e = *due.pExchange;
-    HttpResponseHeader header(due.bAdmitted ? e.nStatus : 401, QStringLiteral("So"));
-    QByteArray body;
-    if (!due.bAdmitted) {
-        const QByteArray challenge = m_stage.guard.challenge(e);
-        header.addValue(QStringLiteral("WWW-Authenticate"), QString::fromLatin1(challenge));
-        body = e.bHead || random.chance(0.5) ? QByteArray() : bytesOf(0, 100);
-    } else if (e.hasBody() && !e.isMultipart()) {
-        body = answerOf(e);
-    }
-    if (due.bAdmitted && e.isMultipart())
-        header.addValue(
-            QStringLiteral("Content-Type"), QStringLiteral("multipart/x-mixed-replace; boundary=frame"));
-    if (isStreamed(due) && (e.framing == eChunked || e.framing == eParts))
-        header.addValue(QStringLiteral("Transfer-Encoding"), QStringLiteral("chunked"));
-    else if (!isStreamed(due) && e.nStatus != 204)
-        header.setContentLength(e.bHead && due.bAdmitted ? e.nAnswer : body.size());
-    if (due.bAdmitted && e.bClose && !e.closesByRequest())
-        header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
-    if (due.bAdmitted && e.closesByAnswer())
-        m_due.clear(); // what was asked behind it is not answered any more
-    if (random.chance(0.05))
-        m_pClient->response(HttpResponseHeader(103, QStringLiteral("Soon")), false, nullptr);
-    sim::trace("answers %d", e.nNumber);
-    ++m_nFinishedDue;
-    if (isStreamed(due) || (!m_bStreams && random.chance(0.3))) {
-        m_bStreams = true;
-        cutIntoPieces(due, body);
-        m_pClient->response(header, true, nullptr);
-        sendMore();
-    } else {
-        SharedPoolBuffer buffer = m_stage.pool->getBuffer();
-        buffer.setData(body.constData(), body.size());
-        m_pClient->response(header, false, &buffer);
-    }
-}
-
-inline void Connection::cutIntoPieces(const Due& due, const QByteArray& body)
-{
-    m_pieces.clear();
-    m_pPictures = due.bAdmitted && due.pExchange->isMultipart() ? due.pExchange : nullptr;
-    for (int at = 0; at < body.size();) {
-        const QByteArray piece = body.mid(at, static_cast<int>(m_stage.world.random().size(100000)));
-        m_pieces.push_back(piece);
-        at += piece.size();
-    }
-    if (m_pPictures == nullptr)
-        return;
-    m_pPictures->parts.clear();
-    for (int i = 0; i < m_pPictures->nAnswer; ++i)
-        m_pieces.push_back(partOf(i));
-}
-
-// A viewer that does not keep up gets fewer pictures.
-inline void Connection::sendMore()
-{
-    sim::Random& random = m_stage.world.random();
-    for (std::uint64_t most = random.size(20); m_bStreams && most > 0 && !m_pieces.empty(); --most) {
-        const QByteArray piece = m_pieces.front();
-        m_pieces.pop_front();
-        const bool bCould = m_pClient->canSendContent();
-        m_bBehind = m_bBehind || !bCould;
-        if (m_pPictures != nullptr && !bCould)
-            continue;
-        if (m_pPictures != nullptr)
-            m_pPictures->parts.push_back(m_pPictures->nAnswer - static_cast<int>(m_pieces.size()) - 1);
-        const KepNuvikaUtil::BUFFER halves[2] = {{piece.constData(), piece.size() / 2},
-            {piece.constData() + piece.size() / 2, piece.size() - piece.size() / 2}};
-        const bool bSent = random.chance(0.5) ? m_pClient->sendContent(halves, 2)
-                                              : m_pClient->sendContent(piece.constData(), piece.size());
-        m_stage.world.expect(bSent || !m_stage.isKind(), "a piece of the answer is refused");
-    }
-    if (!m_bStreams)
-        return;
-    if (m_pieces.empty()) {
-        m_bStreams = false;
-        m_stage.world.expect(
-            m_pClient->endContent() || !m_stage.isKind(), "the end of the answer is refused");
-        m_stage.world.expect(!m_due.empty() || !m_pClient->endContent(), "an answer ends twice");
-        answerLater();
-    } else {
-        QTimer::singleShot(static_cast<int>(random.size(200)), m_pClient.get(), [this] { sendMore(); });
-    }
-}
-
-// --- what else it does -----------------------------------------------------------------------------------
-
-inline void Connection::cut()
-{
-    ++m_stage.nCuts;
-    m_pClient->shutdown();
-    m_stage.world.expect(m_bOver, "shut down, and disconnected() has not come");
-}
-
-inline void Connection::destroy()
-{
-    ++m_stage.nCuts;
-    if (m_stage.world.random().chance(0.5)) {
-        m_pClient->shutdown();
-        if (m_pClient) // the handler may have done it
-            m_pClient.release()->deleteLater();
-    }
-    m_pClient.reset();
-    m_bOver = true;
-    over();
-}
-
-inline void Connection::act()
-{
-    sim::Random& random = m_stage.world.random();
-    if (m_stage.bFinishing || !m_pClient || random.chance(0.7))
-        return;
-    switch (random.below(m_stage.bCalm ? 4 : 12)) {
-    case 0:
-    case 1:
-        m_stage.nestedLoop();
-        break;
-    case 2:
-        m_stage.world.work(random.size(5000));
-        break;
-    case 4:
-        if (!m_bOver && random.chance(0.5))
-            cut();
-        break;
-    case 5:
-        if (random.chance(0.5))
-            destroy();
-        break;
-    default:
-        break;
-    }
-}
 } // namespace web
