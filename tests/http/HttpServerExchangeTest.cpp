@@ -328,6 +328,24 @@ TEST(HttpServerExchange, MemoryOfLargeContentIsGivenBack)
     }
 }
 
+TEST(HttpServerExchange, APeerThatDoesNotReadIsNotReadEither)
+{
+    Served s;
+    s.onEvent = [&](const QString& event) {
+        if (event.startsWith(QLatin1String("GET")))
+            s.respond(200, QByteArray(1 << 20, 'x'));
+    };
+    constexpr int kRequests = 50;
+    s.client.write(get("/").repeated(kRequests));
+    const auto told = [&] { return s.events.filter(QStringLiteral("GET")).size(); };
+    settle(10);
+    EXPECT_LE(told(), 2);
+    EXPECT_TRUE(waitFor([&] {
+        (void)s.client.take();
+        return told() == kRequests;
+    }));
+}
+
 // The loop of a handler that hears of the first answer brings everything that follows, the end included.
 TEST(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
 {
