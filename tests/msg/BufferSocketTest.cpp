@@ -70,25 +70,6 @@ struct Connected {
 };
 } // namespace
 
-TEST(BufferSocket, DeliversFramesHoweverTheyAreCut)
-{
-    const QByteArray whole = frame("abc") + frame("") + frame(QByteArray(70000, 'x')) + frame("last");
-    for (const int piece : {1, 2, 7, 8, 9, 11, 4000, 1 << 20}) {
-        Connected<BufferSocketQueued> c(false);
-        const QByteArray stream = piece < 100 ? frame("abc") + frame("") + frame("last") : whole;
-        for (int at = 0; at < stream.size(); at += piece) {
-            c.peer.write(stream.mid(at, piece));
-            if (piece < 100)
-                settle(0);
-        }
-        const std::vector<QByteArray> expected = piece < 100
-            ? std::vector<QByteArray>{"abc", "", "last"}
-            : std::vector<QByteArray>{"abc", "", QByteArray(70000, 'x'), "last"};
-        ASSERT_TRUE(c.waitForCount(expected.size())) << "pieces of " << piece;
-        EXPECT_EQ(c.got, expected) << "pieces of " << piece;
-    }
-}
-
 TEST(BufferSocket, SeesAFrameOnlyWithAByteBehindItsHead)
 {
     Connected<BufferSocketQueued> c(false);

@@ -92,23 +92,6 @@ TEST(SslSocket, RefusesCertificatesInWords)
     client.meet(server);
 }
 
-TEST(SslSocket, ComparesTheNameThatWasAskedFor)
-{
-    Server server;
-    Client client;
-    seams::setName("cam-8.test", {"127.0.0.1"});
-    client.socket->connectToHost(QStringLiteral("cam-8.test"), server.listener.serverPort());
-    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-    EXPECT_EQ(client.errors, std::vector<int>{10013});
-    EXPECT_NE(client.problem().find("the certificate of cam-8.test was issued to another host: localhost"),
-        std::string::npos)
-        << client.problem();
-    seams::setName("LocalHost.", {"127.0.0.1"});
-    client.socket->close();
-    client.socket->connectToHost(QStringLiteral("LocalHost."), server.listener.serverPort());
-    ASSERT_TRUE(waitFor([&] { return client.connections == 1; })) << client.problem();
-}
-
 TEST(SslSocket, MatchesNamesAsTheyStand)
 {
     Server server({Ssl::eSslAny12,
@@ -127,16 +110,6 @@ TEST(SslSocket, MatchesNamesAsTheyStand)
         ASSERT_TRUE(waitFor([&] { return client.isOver() || client.connections == 1; })) << name;
         EXPECT_EQ(client.connections == 1, bMatches) << name << ": " << client.problem();
     }
-}
-
-TEST(SslSocket, ComparesTheCommonNameWhereACertificateNamesNoHosts)
-{
-    Server server(
-        {Ssl::eSslAny12, certificates().issue({QStringLiteral("cam-9.test"), QString()}), {}, false});
-    seams::setName("cam-9.test", {"127.0.0.1"});
-    Client client;
-    client.socket->connectToHost(QStringLiteral("cam-9.test"), server.listener.serverPort());
-    ASSERT_TRUE(waitFor([&] { return client.connections == 1; })) << client.problem();
 }
 
 TEST(SslSocket, AsksForClientCertificatesWhenToldWhomToTrust)
@@ -368,27 +341,4 @@ TEST(SslSocket, StallsItsPeerAndLosesNothing)
     client.socket->resumeRecv();
     ASSERT_TRUE(waitFor([&] { return client.got.size() >= block.size(); }));
     EXPECT_EQ(client.got, block);
-}
-
-TEST(SslSocket, FiveHundredConnectionsInOneThread)
-{
-    Server server({Ssl::eSslAny12, {}, {}, true});
-    std::vector<std::unique_ptr<Client>> clients;
-    const QByteArray block = text(20000);
-    for (int i = 0; i < 500; ++i) {
-        clients.push_back(std::make_unique<Client>());
-        Client& client = *clients.back();
-        client.onConnected = [&client, &block] { client.send(block); };
-        client.connectTo(server.listener.serverPort());
-    }
-    ASSERT_TRUE(waitFor(
-        [&] {
-            return std::all_of(clients.begin(), clients.end(),
-                [&](const auto& client) { return client->got.size() == block.size(); });
-        },
-        60000));
-    for (const auto& client : clients) {
-        EXPECT_EQ(client->got, block);
-        EXPECT_FALSE(client->isOver()) << client->problem();
-    }
 }

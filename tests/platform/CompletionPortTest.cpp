@@ -102,74 +102,6 @@ TEST(CompletionPort, CompletesOnceFromTheLoopNeverInsideThePost)
     end.channel->close();
 }
 
-TEST(CompletionPort, CompletesEachDirectionInPostingOrder)
-{
-    End end;
-    end.receive(0);
-    end.receive(1);
-    const std::string big(3000000, 'x'); // more than the system takes
-    EXPECT_LT(end.send(0, big.data(), big.size()), big.size());
-    EXPECT_TRUE(end.channel->isSendBlocked());
-    EXPECT_EQ(end.send(1, "tail", 4), 0U) << "a send behind a blocked one waits";
-    end.peer.write(QByteArray(64, 'a') + "b");
-    std::vector<const Transfer*> sent;
-    std::vector<const Transfer*> received;
-    end.onDone = [&](const Done& d) { (d.direction == 's' ? sent : received).push_back(d.transfer); };
-    ASSERT_TRUE(waitFor([&] { return end.peer.received().size() == 3000004 && sent.size() == 2; }));
-    EXPECT_TRUE(end.peer.received().endsWith("xtail"));
-    EXPECT_EQ(sent, (std::vector<const Transfer*>{&end.sends[0], &end.sends[1]}));
-    EXPECT_EQ(received, (std::vector<const Transfer*>{&end.receives[0], &end.receives[1]}));
-    EXPECT_EQ(end.receives[0].bytes(), 64);
-    end.channel->close();
-}
-
-TEST(CompletionPort, ClosingCancelsTwoReceivesAndTwoSends)
-{
-    End end;
-    end.receive(0);
-    end.receive(1);
-    const std::string big(3000000, 'x');
-    end.send(0, big.data(), big.size());
-    end.send(1, big.data(), big.size());
-    end.bPosting = true;
-    end.channel->close();
-    end.bPosting = false;
-    EXPECT_TRUE(end.receives[0].isBusy()) << "until its completion";
-    ASSERT_TRUE(waitFor([&] { return end.done.size() == 4; }));
-    for (const Done& d : end.done)
-        EXPECT_EQ(d.error, 995);
-}
-
-TEST(CompletionPort, HandlerDestroysItselfAndOthersWithWorkInTheSamePass)
-{
-    std::vector<std::unique_ptr<End>> ends;
-    int handled = 0;
-    for (int i = 0; i < 20; ++i) {
-        ends.push_back(std::make_unique<End>());
-        End* end = ends.back().get();
-        end->receive(0);
-        end->onDone = [&ends, &handled, end](const Done& d) {
-            if (d.error == 995)
-                return;
-            ++handled;
-            for (auto& other : ends) { // everybody else and itself, in the middle of the pass
-                if (other->channel)
-                    other->channel->close();
-            }
-            end->channel.reset();
-        };
-        end->peer.write("x");
-    }
-    ASSERT_TRUE(waitFor([&] {
-        for (const auto& end : ends) {
-            if (end->receives[0].isBusy())
-                return false;
-        }
-        return true;
-    }));
-    EXPECT_EQ(handled, 1) << "closed sockets report nothing but their cancellation";
-}
-
 TEST(CompletionPort, NestedLoopServesEverybodyElse)
 {
     End outer;
@@ -391,25 +323,6 @@ TEST(CompletionPort, AQuietSendThatLeavesWholeWakesNobodyAndIsFreeBeforeTheLoopS
     end.channel->close();
     settle();
     EXPECT_EQ(end.done.size(), 4U) << "closing completes quiet ones, too, once";
-}
-
-TEST(CompletionPort, ReceivesWhereTheHandlerWantsItAndTheRestInMemoryOfThePort)
-{
-    End end;
-    char place[4] = {};
-    end.target = {place, sizeof place};
-    end.receive(0);
-    std::string rest;
-    end.onDone = [&](const Done& d) {
-        EXPECT_EQ(d.bytes, 6);
-        EXPECT_EQ(d.transfer->bytesInTarget(), 4);
-        rest.assign(d.transfer->rest(), static_cast<std::size_t>(d.bytes - 4));
-    };
-    end.peer.write("abcdef");
-    ASSERT_TRUE(waitFor([&] { return end.done.size() == 1; }));
-    EXPECT_EQ(std::string(place, sizeof place), "abcd");
-    EXPECT_EQ(rest, "ef");
-    end.channel->close();
 }
 
 TEST(CompletionPort, ANestedLoopReceivesIntoMemoryOfItsOwn)
