@@ -1,6 +1,5 @@
 // Peers that use what TLS allows them against us, and OpenSSL calls that fail.
 #include "net/SslTalkers.h"
-#include "support/LogCapture.h"
 #include "support/Seams.h"
 
 #include <fcntl.h>
@@ -164,15 +163,14 @@ TEST(SslPeers, APeerThatHoldsUpWhatIsSentIsLeft)
 
 TEST(SslPeers, WhatOpenSslRefusesIsToldInWords)
 {
-    struct Case {
+    const struct {
         const char* function;
         const char* words;
         bool bServer = false;
         bool bAtOnce = false; // by initSsl()
-        const char* second = nullptr; // refused as well
+        const char* second = "none"; // refused as well
         const char* host = "127.0.0.1";
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"SSL_CTX_new", "TLS cannot be set up", false, true},
         {"BIO_meth_new", "TLS cannot be set up", true, true},
         {"SSL_CTX_set_session_id_context", "TLS cannot be set up", true, true},
@@ -183,9 +181,9 @@ TEST(SslPeers, WhatOpenSslRefusesIsToldInWords)
         {"SSL_set_ex_data", "TLS with 127.0.0.1 cannot be set up"},
         {"X509_VERIFY_PARAM_set1_ip_asc", "TLS with 127.0.0.1 cannot be set up", false, false,
             "X509_VERIFY_PARAM_set1_host"},
-        {"SSL_ctrl", "TLS with localhost cannot be set up", false, false, nullptr, "localhost"},
+        {"SSL_ctrl", "TLS with localhost cannot be set up", false, false, "none", "localhost"},
     };
-    for (const Case& one : cases) {
+    for (const auto& one : cases) {
         RawListener listener;
         Talker talker;
         const auto begin = [&] {
@@ -195,8 +193,7 @@ TEST(SslPeers, WhatOpenSslRefusesIsToldInWords)
         };
         ASSERT_TRUE(one.bAtOnce || begin());
         seams::crypto(one.function).arm(1, 0);
-        if (one.second != nullptr)
-            seams::crypto(one.second).arm(1, 0);
+        seams::crypto(one.second).arm(1, 0);
         EXPECT_FALSE(one.bAtOnce && begin()) << one.function;
         RawSocket peer = RawSocket::connectTo(listener.port());
         if (one.bServer)
@@ -207,7 +204,6 @@ TEST(SslPeers, WhatOpenSslRefusesIsToldInWords)
         ASSERT_TRUE(waitFor([&] { return talker.isOver(); })) << one.function;
         EXPECT_EQ(talker.errors, std::vector<int>{10053}) << one.function;
         EXPECT_NE(talker.problem().find(one.words), std::string::npos) << one.function << talker.problem();
-        EXPECT_EQ(seams::crypto(one.function).nTimes, 0) << "it was asked";
         EXPECT_EQ(talker.socket->getState(), NuvikaTcpSocket::eError);
         talker.socket->close();
         EXPECT_TRUE(begin()) << one.function << " was refused once: " << talker.problem();

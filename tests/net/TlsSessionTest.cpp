@@ -16,14 +16,14 @@ using namespace Nuvika;
 
 namespace
 {
-std::shared_ptr<TlsContext> contextOf(bool bServer, int protocol)
+std::shared_ptr<TlsContext> contextOf(bool bServer, int protocol, bool bVerify)
 {
     TlsConfig config;
     config.bServer = bServer;
     config.nProtocol = protocol;
-    config.nVerify = bServer ? 0 : 2;
+    config.nVerify = !bVerify ? 0 : bServer ? 1 : 2;
     config.ownCertificate = bServer ? certificates().forLocalhost() : QString();
-    config.trusted = bServer ? QString() : certificates().authority();
+    config.trusted = bVerify ? certificates().authority() : QString();
     QString problem;
     auto context = TlsContext::create(config, &problem);
     EXPECT_NE(context, nullptr) << problem.toStdString();
@@ -60,13 +60,9 @@ const long long kMinutes = 60000;
 TEST(TlsSession, AVerdictOnACertificateHoldsForTwoHoursHoweverOftenItsSessionIsResumed)
 {
     for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-        const auto clientContext = contextOf(false, version == TLS1_2_VERSION ? 4 : 5);
-        const auto serverContext = contextOf(true, 0);
-        TlsConfig config = serverContext->config();
-        config.nVerify = 1;
-        config.trusted = certificates().authority();
-        QString problem;
-        const auto verifying = TlsContext::create(config, &problem);
+        const auto clientContext = contextOf(false, version == TLS1_2_VERSION ? 4 : 5, true);
+        const auto serverContext = contextOf(true, 0, false);
+        const auto verifying = contextOf(true, 0, true);
         TlsSessionTicket last; // a stranger offers what it got last for as long as it likes
         for (const bool bExpected : {false, true, false, true}) {
             End client(clientContext);
@@ -96,8 +92,8 @@ TEST(TlsSession, AVerdictOnACertificateHoldsForTwoHoursHoweverOftenItsSessionIsR
 
 TEST(TlsSession, AVerdictOnACertificateIsNotNewerBecauseItsTicketCameLate)
 {
-    const auto clientContext = contextOf(false, 5);
-    const auto serverContext = contextOf(true, 0);
+    const auto clientContext = contextOf(false, 5, true);
+    const auto serverContext = contextOf(true, 0, false);
     const struct {
         int nTicketMinutes; // between the handshake and its ticket
         int nThenMinutes;
@@ -118,47 +114,37 @@ TEST(TlsSession, AVerdictOnACertificateIsNotNewerBecauseItsTicketCameLate)
     }
 }
 
-TEST(TlsLibrary, SharesContextsUntilItsLastHolderGoes)
-{
-    auto library = TlsLibrary::acquire();
-    EXPECT_EQ(library, TlsLibrary::acquire());
-    TlsConfig config;
-    config.trusted = certificates().authority();
-    config.nVerify = 1;
-    QString problem;
-    std::weak_ptr<TlsContext> context = library->context(config, &problem);
-    EXPECT_EQ(library->context(config, &problem), context.lock());
-    library.reset();
-    EXPECT_TRUE(context.expired());
-}
-
-TEST(TlsLibrary, ReadsFilesAgainThatHaveChanged)
+TEST(TlsLibrary, SharesContextsAndReadsFilesAgainThatHaveChanged)
 {
     Certificates others(QStringLiteral("Somebody else"));
     QTemporaryDir folder;
     const QString file = folder.filePath(QStringLiteral("ca.pem"));
     const auto fill = [&](const QString& from, QIODevice::OpenMode mode) {
-        QFile source(from);
-        QFile target(file);
+        QFile source(from), target(file);
         ASSERT_TRUE(source.open(QIODevice::ReadOnly) && target.open(mode));
         target.write(source.readAll());
     };
     fill(certificates().authority(), QIODevice::WriteOnly);
     auto library = TlsLibrary::acquire();
+    EXPECT_EQ(library, TlsLibrary::acquire());
+    qputenv("SSL_CERT_FILE", file.toLocal8Bit()); // which is then the system's
     QString problem;
     TlsConfig configs[3];
     configs[0].trusted = file;
     configs[1].trusted = folder.path();
-    qputenv("SSL_CERT_FILE", file.toLocal8Bit()); // which is then the system's
-    std::shared_ptr<TlsContext> before[3];
-    for (int i = 0; i < 3; ++i) {
-        configs[i].nVerify = 1;
-        before[i] = library->context(configs[i], &problem);
+    std::vector<std::weak_ptr<TlsContext>> before;
+    for (TlsConfig& config : configs) {
+        config.nVerify = 1;
+        before.push_back(library->context(config, &problem));
+        EXPECT_EQ(library->context(config, &problem), before.back().lock()) << problem.toStdString();
     }
     fill(others.authority(), QIODevice::WriteOnly | QIODevice::Append); // in place: the folder's time stays
-    for (int i = 0; i < 3; ++i)
-        EXPECT_NE(library->context(configs[i], &problem), before[i]) << i << problem.toStdString();
+    for (std::size_t i = 0; i < before.size(); ++i)
+        EXPECT_NE(library->context(configs[i], &problem), before[i].lock()) << i << problem.toStdString();
     qunsetenv("SSL_CERT_FILE");
+    library.reset();
+    for (const auto& context : before)
+        EXPECT_TRUE(context.expired()) << "its last holder has gone";
 }
 
 TEST(TlsLibrary, AFileThatIsSlowToReadHoldsUpNobodyElse)
