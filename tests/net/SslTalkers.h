@@ -5,6 +5,8 @@
 #include "support/EventLoop.h"
 #include "support/RawPeer.h"
 
+#include "net/TlsContext_p.h"
+
 #include <KepNuvikaUtil/NuvikaSslSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
@@ -23,17 +25,17 @@ struct Talker {
     int connections = 0;
     std::vector<unsigned long> ends;
     std::vector<int> errors;
-    std::function<void()> onConnected, onData;
+    std::function<void()> onConnected = [] {}, onData = [] {};
 
     Talker()
     {
         QObject::connect(socket.get(), &Ssl::connected, [this] {
             ++connections;
-            call(onConnected);
+            onConnected();
         });
         QObject::connect(socket.get(), &Ssl::dataReceived, [this](const char* data, int size, Marker) {
             got.append(data, size);
-            call(onData);
+            onData();
         });
         QObject::connect(
             socket.get(), &Ssl::disconnected, [this](unsigned long how) { ends.push_back(how); });
@@ -42,13 +44,6 @@ struct Talker {
     void send(const QByteArray& bytes) { EXPECT_TRUE(socket->sendData(bytes.constData(), bytes.size())); }
     bool isOver() const { return !ends.empty() || !errors.empty(); }
     std::string problem() const { return socket->errorString().toStdString(); }
-
-private:
-    static void call(const std::function<void()>& handler)
-    {
-        if (handler)
-            handler();
-    }
 };
 
 struct ServerWish {
@@ -113,48 +108,34 @@ inline QByteArray text(int size)
     return bytes;
 }
 
-// A server by plain OpenSSL calls over a raw socket, for what our own never does.
-class PlainTlsServer
-{
-public:
-    explicit PlainTlsServer(int version, const QString& certificate = certificates().forLocalhost())
-        : m_pContext(SSL_CTX_new(TLS_server_method()))
+// One end by plain OpenSSL calls in memory, for what our own never does.
+struct PlainTls {
+    std::unique_ptr<SSL_CTX, Nuvika::OpenSslFree<SSL_CTX_free>> context;
+    std::unique_ptr<SSL, Nuvika::OpenSslFree<SSL_free>> owner;
+    SSL* ssl;
+
+    PlainTls(bool bServer, int version, const QString& certificate)
+        : context(SSL_CTX_new(bServer ? TLS_server_method() : TLS_client_method()))
     {
         const QByteArray file = certificate.toLocal8Bit();
-        SSL_CTX_use_certificate_chain_file(m_pContext, file.constData());
-        SSL_CTX_use_PrivateKey_file(m_pContext, file.constData(), SSL_FILETYPE_PEM);
-        SSL_CTX_set_max_proto_version(m_pContext, version);
-        ssl = SSL_new(m_pContext);
+        SSL_CTX_use_certificate_chain_file(context.get(), file.constData());
+        SSL_CTX_use_PrivateKey_file(context.get(), file.constData(), SSL_FILETYPE_PEM);
+        SSL_CTX_set_max_proto_version(context.get(), version);
+        owner.reset(ssl = SSL_new(context.get()));
         SSL_set_bio(ssl, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
-        SSL_set_accept_state(ssl);
+        bServer ? SSL_set_accept_state(ssl) : SSL_set_connect_state(ssl);
     }
-    ~PlainTlsServer()
+    // Takes these bytes, and returns what it has read of them.
+    QByteArray feed(const QByteArray& bytes)
     {
-        SSL_free(ssl);
-        SSL_CTX_free(m_pContext);
-    }
-    PlainTlsServer(const PlainTlsServer&) = delete;
-    PlainTlsServer& operator=(const PlainTlsServer&) = delete;
-
-    void meet(Client& client)
-    {
-        client.connectTo(m_listener.port());
-        ASSERT_TRUE(waitFor([&] { return (peer = m_listener.accept()).isOpen(); }));
-        ASSERT_TRUE(waitFor([&] {
-            converse();
-            return client.connections == 1 && SSL_is_init_finished(ssl) == 1;
-        })) << client.problem();
-    }
-    void converse()
-    {
-        const QByteArray bytes = peer.take();
         if (!bytes.isEmpty())
             BIO_write(SSL_get_rbio(ssl), bytes.constData(), bytes.size());
         SSL_do_handshake(ssl);
+        QByteArray plain;
         char buffer[20000];
         for (int size = 0; (size = SSL_read(ssl, buffer, sizeof buffer)) > 0;)
             plain.append(buffer, size);
-        peer.write(output());
+        return plain;
     }
     QByteArray output()
     {
@@ -163,12 +144,30 @@ public:
             BIO_read(SSL_get_wbio(ssl), bytes.data(), bytes.size());
         return bytes;
     }
+};
 
-    SSL* ssl;
+// Such a server behind a raw socket.
+struct PlainTlsServer : PlainTls {
+    RawListener listener;
     RawSocket peer;
     QByteArray plain; // what the client sent
 
-private:
-    SSL_CTX* m_pContext;
-    RawListener m_listener;
+    explicit PlainTlsServer(int version, const QString& certificate = certificates().forLocalhost())
+        : PlainTls(true, version, certificate)
+    {
+    }
+    void meet(Client& client)
+    {
+        client.connectTo(listener.port());
+        ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
+        ASSERT_TRUE(waitFor([&] {
+            converse();
+            return client.connections == 1 && SSL_is_init_finished(ssl) == 1;
+        })) << client.problem();
+    }
+    void converse()
+    {
+        plain += feed(peer.take());
+        peer.write(output());
+    }
 };

@@ -12,15 +12,16 @@ using namespace Nuvika;
 
 TEST(WorkerPool, RunsManyItemsOfManyThreadsOnce)
 {
+    struct Call {
+        std::atomic<int>* pRan;
+        WaitableEvent done;
+    };
     std::atomic<int> ran{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&ran] {
             for (int i = 0; i < 2000; ++i) {
-                struct Call {
-                    std::atomic<int>* pRan;
-                    WaitableEvent done;
-                } call{&ran, {}};
+                Call call{&ran, {}};
                 ASSERT_TRUE(WorkerPool::promptCalls().submit(
                     [](void* p) {
                         ++*static_cast<Call*>(p)->pRan;
@@ -40,37 +41,24 @@ TEST(WorkerPool, RunsManyItemsOfManyThreadsOnce)
 TEST(WorkerPool, AnItemMaySubmitToItsOwnFullPool)
 {
     static std::atomic<int> inner{0};
-    static WaitableEvent all;
-    inner = 0;
-    for (int i = 0; i < 64; ++i) {
-        WorkerPool::promptCalls().submit(
-            [](void*) {
-                WorkerPool::promptCalls().submit(
-                    [](void*) {
-                        if (++inner == 64)
-                            all.set();
-                    },
-                    nullptr);
-            },
-            nullptr);
-    }
-    all.wait();
-    EXPECT_EQ(inner, 64);
+    constexpr auto item = [](void*) { WorkerPool::promptCalls().submit([](void*) { ++inner; }, nullptr); };
+    for (int i = 0; i < 64; ++i)
+        WorkerPool::promptCalls().submit(item, nullptr);
+    EXPECT_TRUE(waitFor([] { return inner == 64; }));
 }
 
 TEST(WorkerPool, AHundredHangingLookupsDoNotHoldUpTheNext)
 {
     static WaitableEvent release;
     static std::atomic<int> ended{0};
-    constexpr int kHanging = 200;
-    for (int i = 0; i < kHanging; ++i)
-        WorkerPool::lookups().submit(
-            [](void*) {
-                release.wait();
-                ++ended;
-            },
-            nullptr);
     static std::atomic<bool> bRan{false};
+    constexpr int kHanging = 200;
+    constexpr auto hang = [](void*) {
+        release.wait();
+        ++ended;
+    };
+    for (int i = 0; i < kHanging; ++i)
+        WorkerPool::lookups().submit(hang, nullptr);
     WorkerPool::lookups().submit([](void*) { bRan = true; }, nullptr);
     EXPECT_TRUE(waitFor([] { return bRan.load(); }, 3000));
     release.set();
@@ -80,13 +68,14 @@ TEST(WorkerPool, AHundredHangingLookupsDoNotHoldUpTheNext)
 TEST(WorkerPool, WorkersThatStayIdleEnd)
 {
     static WorkerPool& pool = *new WorkerPool(8, std::chrono::milliseconds(10)); // workers outlive this frame
+    static std::atomic<int> ran{0};
     const int before = runningThreads();
-    std::atomic<int> ran{0};
-    for (int i = 0; i < 8; ++i)
-        ASSERT_TRUE(pool.submit([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran));
-    EXPECT_TRUE(waitFor([&] { return ran == 8 && runningThreads() == before; })) << runningThreads();
-    EXPECT_TRUE(pool.submit([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran));
-    EXPECT_TRUE(waitFor([&] { return ran == 9; })) << "the next item finds a new one";
+    int items = 0;
+    for (const int count : {8, 9}) { // the last one finds no worker
+        for (; items < count; ++items)
+            ASSERT_TRUE(pool.submit([](void*) { ++ran; }, nullptr));
+        EXPECT_TRUE(waitFor([&] { return ran == count && runningThreads() == before; })) << runningThreads();
+    }
     pool.endWorkers(std::chrono::milliseconds(2000));
 }
 
@@ -96,14 +85,10 @@ TEST(WorkerPool, RefusesOnlyWithoutAnyThreadAndStartsAgainAfterItsEnd)
     pool.endWorkers(std::chrono::milliseconds(2000));
     seams::threadCreation.arm(1, EAGAIN);
     static std::atomic<int> ran{0};
-    ran = 0;
-    const auto item = [](void* done) {
-        ++ran;
-        static_cast<WaitableEvent*>(done)->set();
-    };
-    static WaitableEvent done;
-    EXPECT_FALSE(pool.submit(item, &done));
-    EXPECT_TRUE(pool.submit(item, &done)) << "the next one finds a thread";
-    done.wait();
+    constexpr auto item = [](void*) { ++ran; };
+    EXPECT_FALSE(pool.submit(item, nullptr));
+    EXPECT_TRUE(pool.submit(item, nullptr)) << "the next one finds a thread";
+    EXPECT_TRUE(waitFor([] { return ran == 1; }));
+    settle(5);
     EXPECT_EQ(ran, 1) << "a refused item never runs";
 }

@@ -32,12 +32,10 @@ X509* makeCertificate(EVP_PKEY* key, const Certificates::Wish& wish, int serial)
     return certificate;
 }
 
-void write(const QString& file, X509* first, X509* second, EVP_PKEY* key, const QByteArray& phrase)
+void write(const QString& file, X509* certificate, EVP_PKEY* key, const QByteArray& phrase)
 {
     FILE* out = std::fopen(QFile::encodeName(file).constData(), "w");
-    PEM_write_X509(out, first);
-    if (second != nullptr)
-        PEM_write_X509(out, second);
+    PEM_write_X509(out, certificate);
     if (key != nullptr)
         PEM_write_PrivateKey(out, key, phrase.isEmpty() ? nullptr : EVP_aes_128_cbc(),
             phrase.isEmpty() ? nullptr : reinterpret_cast<const unsigned char*>(phrase.constData()),
@@ -64,7 +62,7 @@ Certificates::Certificates(const QString& authority) : m_pAuthority(new Pair)
     addExtension(own.certificate, own.certificate, NID_basic_constraints, "critical,CA:TRUE");
     addExtension(own.certificate, own.certificate, NID_key_usage, "critical,keyCertSign,cRLSign");
     X509_sign(own.certificate, own.key, EVP_sha256());
-    write(this->authority(), own.certificate, nullptr, nullptr, {});
+    write(this->authority(), own.certificate, nullptr, {});
 }
 
 Certificates::~Certificates() = default;
@@ -79,7 +77,7 @@ QString Certificates::issue(const Wish& wish)
         addExtension(made.certificate, issuer.certificate, NID_subject_alt_name, wish.hosts.toLatin1());
     X509_sign(made.certificate, issuer.key, EVP_sha256());
     const QString file = m_folder.filePath(QString::number(m_nSerial) + QLatin1String(".pem"));
-    write(file, made.certificate, nullptr, made.key, wish.passPhrase);
+    write(file, made.certificate, made.key, wish.passPhrase);
     return file;
 }
 

@@ -10,6 +10,16 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
+
+inline sockaddr_in onLoopback(unsigned short port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
 
 class RawSocket
 {
@@ -30,23 +40,17 @@ public:
     {
         const seams::Exempt exempt;
         RawSocket s(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(s.m_nFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        const sockaddr_in address = onLoopback(port);
+        if (::connect(s.m_nFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             s.close();
         return s;
     }
 
+    unsigned short localPort() const { return portOf(&::getsockname); }
+    unsigned short peerPort() const { return portOf(&::getpeername); }
     int fd() const { return m_nFd; }
     bool isOpen() const { return m_nFd >= 0; }
-    int release()
-    {
-        const int fd = m_nFd;
-        m_nFd = -1;
-        return fd;
-    }
+    int release() { return std::exchange(m_nFd, -1); }
     void close()
     {
         if (m_nFd >= 0)
@@ -103,6 +107,14 @@ public:
     bool wasReset() const { return m_bReset; }
 
 private:
+    unsigned short portOf(int (*name)(int, sockaddr*, socklen_t*)) const
+    {
+        sockaddr_in6 address{}; // of IPv4, the port stands in the same place
+        socklen_t size = sizeof address;
+        name(m_nFd, reinterpret_cast<sockaddr*>(&address), &size);
+        return ntohs(address.sin6_port);
+    }
+
     int m_nFd;
     QByteArray m_received;
     bool m_bEnd = false;
@@ -115,13 +127,9 @@ public:
     explicit RawListener(int backlog = 4096)
         : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        bind(m_socket.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-        getsockname(m_socket.fd(), reinterpret_cast<sockaddr*>(&address), &size);
-        m_nPort = ntohs(address.sin_port);
+        const sockaddr_in address = onLoopback(0);
+        bind(m_socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        m_nPort = m_socket.localPort();
         listen(m_socket.fd(), backlog);
     }
     unsigned short port() const { return m_nPort; }

@@ -9,7 +9,6 @@
 #include <openssl/x509_vfy.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -24,19 +23,8 @@ namespace seams
 std::atomic<long long> clockOffsetMs{0};
 std::atomic<bool> bVirtualSleep{false};
 std::atomic<int> streamPort{0};
-Fault threadCreation;
-Fault accepting;
-Fault sending;
-Fault sendingTo;
-Fault receiving;
-Fault settingOptions;
-Fault opening;
-Fault receivingMany;
-Fault registering;
-Fault portCreation;
-Fault sendingRuns;
-Fault growing;
-Fault allocating;
+Fault threadCreation, accepting, sending, sendingTo, receiving, settingOptions, opening, receivingMany,
+    registering, portCreation, sendingRuns, growing, allocating;
 std::atomic<long long> hexDigitsRead{0};
 
 Fault& crypto(const char* function)
@@ -110,21 +98,12 @@ int lookupCalls()
 } // namespace seams
 
 extern "C" {
+// A function that fails where it is refused, and is the real one elsewhere.
+#define NUVIKA_SEAM(type, function, parameters, arguments, refused, failure)                                 \
+    type __real_##function parameters;                                                                       \
+    type __wrap_##function parameters { return (refused) ? (failure) : __real_##function arguments; }
+
 int __real_clock_gettime(clockid_t clock, timespec* now);
-int __real_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list);
-int __real_pthread_create(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
-int __real_accept4(int fd, sockaddr* address, socklen_t* length, int flags);
-ssize_t __real_send(int fd, const void* data, size_t size, int flags);
-ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length);
-ssize_t __real_recv(int fd, void* data, size_t size, int flags);
-int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-
-int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left);
-int __real_socket(int family, int type, int protocol);
-int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
-int __real_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags);
-
 int __wrap_clock_gettime(clockid_t clock, timespec* now)
 {
     const int result = __real_clock_gettime(clock, now);
@@ -138,6 +117,16 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now)
     return result;
 }
 
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left);
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left)
+{
+    if (!seams::bVirtualSleep)
+        return __real_clock_nanosleep(clock, flags, wanted, left);
+    seams::clockOffsetMs += wanted->tv_sec * 1000 + wanted->tv_nsec / 1000000;
+    return 0;
+}
+
+int __real_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list);
 int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list)
 {
     if (seams::refuses("getaddrinfo", 0))
@@ -159,28 +148,7 @@ int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hi
     return *list == nullptr ? EAI_NONAME : 0;
 }
 
-int __wrap_pthread_create(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
-{
-    return seams::refuses(seams::threadCreation, "pthread_create", EAGAIN)
-        ? EAGAIN
-        : __real_pthread_create(thread, attributes, run, argument);
-}
-
-int __wrap_accept4(int fd, sockaddr* address, socklen_t* length, int flags)
-{
-    return seams::refuses(seams::accepting, "accept4", EMFILE) ? -1
-                                                               : __real_accept4(fd, address, length, flags);
-}
-
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left)
-{
-    if (!seams::bVirtualSleep)
-        return __real_clock_nanosleep(clock, flags, wanted, left);
-    seams::clockOffsetMs += wanted->tv_sec * 1000 + wanted->tv_nsec / 1000000;
-    return 0;
-}
-
+int __real_socket(int family, int type, int protocol);
 int __wrap_socket(int family, int type, int protocol)
 {
     if (seams::refuses(seams::opening, "socket", EMFILE))
@@ -196,53 +164,6 @@ int __wrap_socket(int family, int type, int protocol)
     return s;
 }
 
-int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout)
-{
-    return seams::receivingMany.fires() ? -1 : __real_recvmmsg(fd, messages, count, flags, timeout);
-}
-
-int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags)
-{
-    const bool bRun = count > 0 && messages->msg_hdr.msg_controllen > 0;
-    return bRun && seams::sendingRuns.fires() ? -1 : __real_sendmmsg(fd, messages, count, flags);
-}
-
-ssize_t __wrap_send(int fd, const void* data, size_t size, int flags)
-{
-    return seams::sending.fires() ? -1 : __real_send(fd, data, size, flags);
-}
-
-ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length)
-{
-    return seams::sendingTo.fires() ? -1 : __real_sendto(fd, data, size, flags, to, length);
-}
-
-ssize_t __wrap_recv(int fd, void* data, size_t size, int flags)
-{
-    return seams::receiving.fires() ? -1 : __real_recv(fd, data, size, flags);
-}
-
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length)
-{
-    return seams::refuses(seams::settingOptions, "setsockopt", ENOBUFS)
-        ? -1
-        : __real_setsockopt(fd, level, name, value, length);
-}
-
-// Threads that Qt starts for the library.
-bool __real__ZN6Nuvika7Threads5startER7QThread(QThread& thread);
-bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
-{
-    return !seams::refuses(seams::threadCreation, "QThread::start", EAGAIN)
-        && __real__ZN6Nuvika7Threads5startER7QThread(thread);
-}
-
-void* __real_realloc(void* block, size_t size);
-void* __wrap_realloc(void* block, size_t size)
-{
-    return seams::growing.fires() ? nullptr : __real_realloc(block, size);
-}
-
 int __real__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out); // Nuvika::decodeHex()
 int __wrap__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out)
 {
@@ -250,69 +171,70 @@ int __wrap__ZN6Nuvika9decodeHexE11QStringViewPc(QStringView digits, char* out)
     return __real__ZN6Nuvika9decodeHexE11QStringViewPc(digits, out);
 }
 
-#define NUVIKA_WRAP(function, error, parameters, arguments)                                                  \
-    int __real_##function parameters;                                                                        \
-    int __wrap_##function parameters                                                                         \
-    {                                                                                                        \
-        return seams::refuses(#function, error) ? -1 : __real_##function arguments;                          \
-    }
+NUVIKA_SEAM(int, pthread_create, (pthread_t * t, const pthread_attr_t* a, void* (*run)(void*), void* p),
+    (t, a, run, p), seams::refuses(seams::threadCreation, "pthread_create", EAGAIN), EAGAIN)
+NUVIKA_SEAM(bool, _ZN6Nuvika7Threads5startER7QThread, (QThread & thread),
+    (thread), // Nuvika::Threads::start()
+    seams::refuses(seams::threadCreation, "QThread::start", EAGAIN), false)
+NUVIKA_SEAM(int, accept4, (int fd, sockaddr* a, socklen_t* n, int flags), (fd, a, n, flags),
+    seams::refuses(seams::accepting, "accept4", EMFILE), -1)
+NUVIKA_SEAM(
+    int, bind, (int fd, const sockaddr* a, socklen_t n), (fd, a, n), seams::refuses("bind", ENOMEM), -1)
+NUVIKA_SEAM(int, listen, (int fd, int n), (fd, n), seams::refuses("listen", EADDRINUSE), -1)
+NUVIKA_SEAM(int, setsockopt, (int fd, int level, int name, const void* v, socklen_t n),
+    (fd, level, name, v, n), seams::refuses(seams::settingOptions, "setsockopt", ENOBUFS), -1)
+NUVIKA_SEAM(int, eventfd, (unsigned int n, int flags), (n, flags), seams::refuses("eventfd", EMFILE), -1)
+NUVIKA_SEAM(int, epoll_create1, (int flags), (flags),
+    seams::refuses(seams::portCreation, "epoll_create1", EMFILE), -1)
+NUVIKA_SEAM(int, epoll_ctl, (int port, int operation, int fd, epoll_event* e), (port, operation, fd, e),
+    operation == EPOLL_CTL_ADD && seams::refuses(seams::registering, "epoll_ctl", ENOSPC), -1)
+NUVIKA_SEAM(ssize_t, send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags),
+    seams::sending.fires(), -1)
+NUVIKA_SEAM(ssize_t, sendto, (int fd, const void* d, size_t size, int flags, const sockaddr* to, socklen_t n),
+    (fd, d, size, flags, to, n), seams::sendingTo.fires(), -1)
+NUVIKA_SEAM(int, sendmmsg, (int fd, mmsghdr* m, unsigned int count, int flags), (fd, m, count, flags),
+    count > 0 && m->msg_hdr.msg_controllen > 0 && seams::sendingRuns.fires(), -1)
+NUVIKA_SEAM(ssize_t, recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags),
+    seams::receiving.fires(), -1)
+NUVIKA_SEAM(int, recvmmsg, (int fd, mmsghdr* m, unsigned int count, int flags, timespec* time),
+    (fd, m, count, flags, time), seams::receivingMany.fires(), -1)
+NUVIKA_SEAM(void*, realloc, (void* block, size_t size), (block, size), seams::growing.fires(), nullptr)
 
-int __real_epoll_create1(int flags);
-int __wrap_epoll_create1(int flags)
-{
-    return seams::refuses(seams::portCreation, "epoll_create1", EMFILE) ? -1 : __real_epoll_create1(flags);
-}
-NUVIKA_WRAP(eventfd, EMFILE, (unsigned int count, int flags), (count, flags))
-NUVIKA_WRAP(bind, ENOMEM, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
-NUVIKA_WRAP(listen, EADDRINUSE, (int fd, int backlog), (fd, backlog))
+#define NUVIKA_SEAM_CRYPTO(type, function, parameters, arguments)                                            \
+    NUVIKA_SEAM(type, function, parameters, arguments, seams::crypto(#function).fires(), type{})
 
-int __real_epoll_ctl(int port, int operation, int fd, epoll_event* event);
-int __wrap_epoll_ctl(int port, int operation, int fd, epoll_event* event)
-{
-    const bool bRefused
-        = operation == EPOLL_CTL_ADD && seams::refuses(seams::registering, "epoll_ctl", ENOSPC);
-    return bRefused ? -1 : __real_epoll_ctl(port, operation, fd, event);
-}
-
-#define NUVIKA_WRAP_OPENSSL(type, function, parameters, arguments)                                           \
-    type __real_##function parameters;                                                                       \
-    type __wrap_##function parameters                                                                        \
-    {                                                                                                        \
-        return seams::crypto(#function).fires() ? type{} : __real_##function arguments;                      \
-    }
-#define NUVIKA_WRAP_CRYPTO(function, parameters, arguments)                                                  \
-    NUVIKA_WRAP_OPENSSL(int, function, parameters, arguments)
-
-NUVIKA_WRAP_CRYPTO(EVP_DigestInit_ex, (EVP_MD_CTX * c, const EVP_MD* m, ENGINE* e), (c, m, e))
-NUVIKA_WRAP_CRYPTO(EVP_DigestUpdate, (EVP_MD_CTX * c, const void* d, size_t n), (c, d, n))
-NUVIKA_WRAP_CRYPTO(EVP_DigestFinal_ex, (EVP_MD_CTX * c, unsigned char* out, unsigned int* n), (c, out, n))
+NUVIKA_SEAM_CRYPTO(int, EVP_DigestInit_ex, (EVP_MD_CTX * c, const EVP_MD* m, ENGINE* e), (c, m, e))
+NUVIKA_SEAM_CRYPTO(int, EVP_DigestUpdate, (EVP_MD_CTX * c, const void* d, size_t n), (c, d, n))
+NUVIKA_SEAM_CRYPTO(
+    int, EVP_DigestFinal_ex, (EVP_MD_CTX * c, unsigned char* out, unsigned int* n), (c, out, n))
 #define NUVIKA_CIPHER_INIT                                                                                   \
     (EVP_CIPHER_CTX * c, const EVP_CIPHER* a, ENGINE* e, const unsigned char* k, const unsigned char* iv)
 #define NUVIKA_CIPHER_UPDATE                                                                                 \
     (EVP_CIPHER_CTX * c, unsigned char* out, int* n, const unsigned char* in, int size)
-NUVIKA_WRAP_CRYPTO(EVP_EncryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
-NUVIKA_WRAP_CRYPTO(EVP_EncryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
-NUVIKA_WRAP_CRYPTO(EVP_EncryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
-NUVIKA_WRAP_CRYPTO(EVP_DecryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
-NUVIKA_WRAP_CRYPTO(EVP_DecryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
-NUVIKA_WRAP_CRYPTO(EVP_DecryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
+NUVIKA_SEAM_CRYPTO(int, EVP_EncryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
+NUVIKA_SEAM_CRYPTO(int, EVP_EncryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
+NUVIKA_SEAM_CRYPTO(int, EVP_EncryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
+NUVIKA_SEAM_CRYPTO(int, EVP_DecryptInit_ex, NUVIKA_CIPHER_INIT, (c, a, e, k, iv))
+NUVIKA_SEAM_CRYPTO(int, EVP_DecryptUpdate, NUVIKA_CIPHER_UPDATE, (c, out, n, in, size))
+NUVIKA_SEAM_CRYPTO(int, EVP_DecryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* out, int* n), (c, out, n))
 
 using SslContext = SSL_CTX*;
 using SslPointer = SSL*;
 using BioPointer = BIO*;
 using BioMethod = BIO_METHOD*;
-NUVIKA_WRAP_OPENSSL(SslContext, SSL_CTX_new, (const SSL_METHOD* m), (m))
-NUVIKA_WRAP_OPENSSL(SslPointer, SSL_new, (SSL_CTX * c), (c))
-NUVIKA_WRAP_OPENSSL(BioPointer, BIO_new, (const BIO_METHOD* m), (m))
-NUVIKA_WRAP_OPENSSL(BioMethod, BIO_meth_new, (int type, const char* name), (type, name))
-NUVIKA_WRAP_OPENSSL(long, SSL_ctrl, (SSL * s, int command, long n, void* p), (s, command, n, p))
-NUVIKA_WRAP_CRYPTO(SSL_set_ex_data, (SSL * s, int index, void* data), (s, index, data))
-NUVIKA_WRAP_CRYPTO(
-    SSL_CTX_set_session_id_context, (SSL_CTX * c, const unsigned char* id, unsigned int n), (c, id, n))
-NUVIKA_WRAP_CRYPTO(SSL_CTX_set_default_verify_paths, (SSL_CTX * c), (c))
-NUVIKA_WRAP_CRYPTO(SSL_CTX_load_verify_file, (SSL_CTX * c, const char* file), (c, file))
-NUVIKA_WRAP_CRYPTO(X509_VERIFY_PARAM_set1_host, (X509_VERIFY_PARAM * p, const char* n, size_t s), (p, n, s))
-NUVIKA_WRAP_CRYPTO(X509_VERIFY_PARAM_set1_ip_asc, (X509_VERIFY_PARAM * p, const char* a), (p, a))
+NUVIKA_SEAM_CRYPTO(SslContext, SSL_CTX_new, (const SSL_METHOD* m), (m))
+NUVIKA_SEAM_CRYPTO(SslPointer, SSL_new, (SSL_CTX * c), (c))
+NUVIKA_SEAM_CRYPTO(BioPointer, BIO_new, (const BIO_METHOD* m), (m))
+NUVIKA_SEAM_CRYPTO(BioMethod, BIO_meth_new, (int type, const char* name), (type, name))
+NUVIKA_SEAM_CRYPTO(long, SSL_ctrl, (SSL * s, int command, long n, void* p), (s, command, n, p))
+NUVIKA_SEAM_CRYPTO(int, SSL_set_ex_data, (SSL * s, int index, void* data), (s, index, data))
+NUVIKA_SEAM_CRYPTO(
+    int, SSL_CTX_set_session_id_context, (SSL_CTX * c, const unsigned char* id, unsigned int n), (c, id, n))
+NUVIKA_SEAM_CRYPTO(int, SSL_CTX_set_default_verify_paths, (SSL_CTX * c), (c))
+NUVIKA_SEAM_CRYPTO(int, SSL_CTX_load_verify_file, (SSL_CTX * c, const char* file), (c, file))
+NUVIKA_SEAM_CRYPTO(
+    int, X509_VERIFY_PARAM_set1_host, (X509_VERIFY_PARAM * p, const char* n, size_t s), (p, n, s))
+NUVIKA_SEAM_CRYPTO(int, X509_VERIFY_PARAM_set1_ip_asc, (X509_VERIFY_PARAM * p, const char* a), (p, a))
 }
 
 // Names given by hand: no function of C returns such a value.

@@ -45,17 +45,10 @@ struct Fault {
     }
     bool fires();
 };
-extern Fault threadCreation;
-extern Fault accepting;
-extern Fault sending;
-extern Fault sendingTo;
-extern Fault receiving;
-extern Fault settingOptions;
-extern Fault opening;
-extern Fault receivingMany;
+extern Fault threadCreation, accepting, sending, sendingTo, receiving, receivingMany, settingOptions, opening;
+extern Fault registering, portCreation; // of ports, and with them
 extern Fault sendingRuns; // calls that begin with a run of datagrams
-extern Fault registering; // with a port
-extern Fault portCreation;
+extern Fault growing, allocating; // of blocks of memory, and such that may not be had
 
 // Of all calls that the system may refuse (descriptors, registrations, threads, options, addresses), the Nth
 // from now on fails once, with an error that is usual for it. 0: none.
@@ -70,8 +63,6 @@ struct Exempt {
     Exempt& operator=(const Exempt&) = delete;
 };
 
-extern Fault growing; // of blocks of memory
-extern Fault allocating; // blocks that may not be had
 extern std::atomic<long long> hexDigitsRead; // counted where texts are decoded
 // Steps of the crypto library, by the name of its function.
 Fault& crypto(const char* function);
