@@ -20,6 +20,8 @@
 
 using namespace sim;
 
+extern "C" int __real_poll(pollfd* set, nfds_t count, int milliseconds);
+
 namespace
 {
 // Ends a call: what it returns and errno, and a line of the trace.
@@ -100,6 +102,35 @@ long sendDatagram(int fd, const msghdr& message, int flags)
 {
     const auto socket = Kernel::get().fileOf<DatagramSocket>(fd, "sendto");
     return retried(*socket, "sendto", flags, EPOLLOUT, [&] { return socket->send(message, flags); });
+}
+
+// Besides ours there is the descriptor by which an event loop is woken: one of the real system's.
+int readyOf(pollfd* set, nfds_t count)
+{
+    int ready = 0;
+    for (pollfd* entry = set; entry != set + count; ++entry) {
+        entry->revents = 0;
+        if (Kernel::isOurs(entry->fd))
+            entry->revents = static_cast<short>(Kernel::get().file(entry->fd, "poll")->poll()
+                & (static_cast<unsigned short>(entry->events) | POLLERR | POLLHUP));
+        else if (entry->fd >= 0)
+            __real_poll(entry, 1, 0);
+        ready += entry->revents != 0 ? 1 : 0;
+    }
+    return ready;
+}
+
+int pollAll(const char* call, pollfd* set, nfds_t count, Time limit)
+{
+    Kernel& kernel = entered(call);
+    if (const int error = kernel.interrupted())
+        return told(error, call, 0);
+    Scheduler& scheduler = Scheduler::get();
+    const Time deadline = limit == kNever ? kNever : scheduler.now() + limit;
+    scheduler.wait(
+        call, [&] { return readyOf(set, count) > 0; }, deadline);
+    kernel.bPolledEndlessly = limit == kNever;
+    return told(readyOf(set, count), call, set[0].fd);
 }
 } // namespace
 
@@ -193,23 +224,13 @@ int __wrap_epoll_wait(int port, epoll_event* events, int most, int)
 
 int __wrap_poll(pollfd* set, nfds_t count, int milliseconds)
 {
-    Kernel& kernel = entered("poll");
-    if (const int error = kernel.interrupted())
-        return told(error, "poll", 0);
-    const auto look = [&] {
-        int ready = 0;
-        for (nfds_t i = 0; i < count; ++i) {
-            const unsigned int state = set[i].fd < 0 ? 0 : kernel.file(set[i].fd, "poll")->poll();
-            set[i].revents = static_cast<short>(state & (static_cast<unsigned short>(set[i].events) | 0x18U));
-            ready += set[i].revents != 0 ? 1 : 0;
-        }
-        return ready;
-    };
-    Scheduler& scheduler = Scheduler::get();
-    const Time deadline = milliseconds < 0 ? kNever : scheduler.now() + static_cast<Time>(milliseconds) * kMs;
-    scheduler.wait(
-        "poll", [&] { return look() > 0; }, deadline);
-    return told(look(), "poll", set[0].fd);
+    return pollAll("poll", set, count, milliseconds < 0 ? kNever : static_cast<Time>(milliseconds) * kMs);
+}
+
+// Of Qt's event loops.
+int ppoll(pollfd* set, nfds_t count, const timespec* time, const sigset_t*)
+{
+    return pollAll("ppoll", set, count, time == nullptr ? kNever : timeOf(*time));
 }
 
 // --- sockets -------------------------------------------------------------------------------------------

@@ -39,11 +39,6 @@ long systemCall(long number, long a, long b, long c, long d = 0, long e = 0, lon
     return -1;
 }
 
-Time timeOf(const timespec& time)
-{
-    return static_cast<Time>(time.tv_sec) * 1000 * kMs + static_cast<Time>(time.tv_nsec);
-}
-
 timespec recordOf(Time time)
 {
     return {static_cast<time_t>(time / (1000 * kMs)), static_cast<long>(time % (1000 * kMs))};

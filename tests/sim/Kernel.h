@@ -74,6 +74,7 @@ public:
 
     // Names that the resolver knows.
     std::map<std::string, std::vector<std::string>> names;
+    bool bPolledEndlessly = false; // by the last poll(): no timer runs
 
 private:
     std::map<int, std::shared_ptr<File>> m_files;

@@ -1,13 +1,11 @@
 #include "sim/Run.h"
 
-#include "sim/Dispatcher.h"
-
 #include "platform/Thread_p.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QThread>
 
 #include <openssl/rand.h>
 
@@ -64,7 +62,6 @@ void* runScenario(void* argument)
     int argc = 1;
     char name[] = "sim";
     char* argv[] = {name, nullptr};
-    QCoreApplication::setEventDispatcher(std::make_unique<Dispatcher>().release()); // Qt deletes it
     const QCoreApplication application(argc, argv);
     KepNuvikaUtilInit(); // in fine weather
     {
@@ -74,6 +71,10 @@ void* runScenario(void* argument)
         world.run(1000); // what was left to be done later
     }
     KepNuvikaUtilCleanup();
+    QAbstractEventDispatcher::instance()->wakeUp();
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    if (!Kernel::get().bPolledEndlessly)
+        fail("timers are left");
     return nullptr;
 }
 } // namespace
@@ -113,15 +114,3 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
     _exit(0);
 }
 } // namespace sim
-
-// Threads that Qt starts get a dispatcher of ours. A refused one is refused by pthread_create.
-extern "C" bool __real__ZN6Nuvika7Threads5startER7QThread(QThread& thread);
-extern "C" bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
-{
-    auto dispatcher = std::make_unique<sim::Dispatcher>();
-    thread.setEventDispatcher(dispatcher.get());
-    if (!__real__ZN6Nuvika7Threads5startER7QThread(thread))
-        return false;
-    static_cast<void>(dispatcher.release()); // the thread deletes it
-    return true;
-}

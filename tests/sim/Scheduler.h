@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include <ctime>
+
 #include <pthread.h>
 
 namespace sim
@@ -21,6 +23,10 @@ namespace sim
 using Time = std::uint64_t; // ns
 constexpr Time kNever = ~Time{0};
 constexpr Time kMs = 1000000;
+inline Time timeOf(const timespec& time)
+{
+    return static_cast<Time>(time.tv_sec) * 1000 * kMs + static_cast<Time>(time.tv_nsec);
+}
 
 class Scheduler
 {

@@ -97,7 +97,7 @@ void fixEnvironment(char** argv)
     if (const char* value = std::getenv("ASAN_OPTIONS"))
         asan += value;
     char* environment[] = {const_cast<char*>("QT_HASH_SEED=0"), const_cast<char*>("QT_NO_CPU_FEATURE=rdrnd"),
-        const_cast<char*>("LC_ALL=C"), const_cast<char*>("TZ=UTC"),
+        const_cast<char*>("QT_NO_GLIB=1"), const_cast<char*>("LC_ALL=C"), const_cast<char*>("TZ=UTC"),
         const_cast<char*>("GLIBC_TUNABLES=glibc.malloc.tcache_count=0"), asan.data(), nullptr};
     execve("/proc/self/exe", argv, environment);
 }
