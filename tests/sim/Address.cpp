@@ -37,7 +37,7 @@ Address Address::of(const sockaddr* record, socklen_t length)
     return address;
 }
 
-void Address::copyTo(void* record, socklen_t* length) const
+int Address::copyTo(void* record, socklen_t* length) const
 {
     sockaddr_in v4{};
     v4.sin_family = AF_INET;
@@ -51,6 +51,7 @@ void Address::copyTo(void* record, socklen_t* length) const
     const socklen_t whole = bV4 ? sizeof v4 : sizeof v6;
     std::memcpy(record, bV4 ? static_cast<void*>(&v4) : &v6, std::min(whole, *length));
     *length = whole;
+    return 0;
 }
 
 std::string Address::text() const
