@@ -56,6 +56,12 @@ auto call(const char* name, int fd, Operation operation, unsigned int events = 0
     return told(result, name, fd);
 }
 
+template <class Kind, class Result, class... Parameters, class... Arguments>
+Result call(const char* name, int fd, Result (Kind::*operation)(Parameters...), Arguments... arguments)
+{
+    return call<Kind>(name, fd, [=](Kind& file) { return (file.*operation)(arguments...); });
+}
+
 template <class Kind, class... Arguments>
 int make(const char* name, Arguments... arguments)
 {
@@ -150,19 +156,15 @@ int __wrap_close(int fd)
 ssize_t __real_read(int fd, void* data, std::size_t size);
 ssize_t __wrap_read(int fd, void* data, std::size_t size)
 {
-    if (!Kernel::isOurs(fd))
-        return __real_read(fd, data, size);
-    return call<EventFd>(
-        "read", fd, [=](EventFd& event) { return event.read(static_cast<std::uint64_t*>(data)); });
+    return Kernel::isOurs(fd) ? call("read", fd, &EventFd::read, static_cast<std::uint64_t*>(data))
+                              : __real_read(fd, data, size);
 }
 
 ssize_t __real_write(int fd, const void* data, std::size_t size);
 ssize_t __wrap_write(int fd, const void* data, std::size_t size)
 {
-    if (!Kernel::isOurs(fd))
-        return __real_write(fd, data, size);
-    return call<EventFd>(
-        "write", fd, [=](EventFd& event) { return event.write(*static_cast<const std::uint64_t*>(data)); });
+    return Kernel::isOurs(fd) ? call("write", fd, &EventFd::write, static_cast<const std::uint64_t*>(data))
+                              : __real_write(fd, data, size);
 }
 
 int __real_fcntl(int fd, int command, long argument);
@@ -202,7 +204,7 @@ int __wrap_epoll_ctl(int port, int operation, int fd, const epoll_event* event)
 
 int __wrap_epoll_wait(int port, epoll_event* events, int most, int)
 {
-    return call<Epoll>("epoll_wait", port, [=](Epoll& epoll) { return epoll.wait(events, most); });
+    return call("epoll_wait", port, &Epoll::wait, events, most);
 }
 
 int __wrap_poll(pollfd* set, nfds_t count, int milliseconds)
@@ -220,14 +222,10 @@ int ppoll(pollfd* set, nfds_t count, const timespec* time, const sigset_t*)
 
 int __wrap_bind(int fd, const sockaddr* address, socklen_t length)
 {
-    return call<Socket>(
-        "bind", fd, [=](Socket& socket) { return socket.bind(Address::of(address, length)); });
+    return call("bind", fd, &Socket::bind, Address::of(address, length));
 }
 
-int __wrap_listen(int fd, int backlog)
-{
-    return call<StreamSocket>("listen", fd, [=](StreamSocket& stream) { return stream.listen(backlog); });
-}
+int __wrap_listen(int fd, int backlog) { return call("listen", fd, &StreamSocket::listen, backlog); }
 
 int __wrap_connect(int fd, const sockaddr* address, socklen_t length)
 {
@@ -246,22 +244,17 @@ int __wrap_accept4(int fd, sockaddr*, socklen_t*, int flags)
         "accept4", fd, [=](StreamSocket& listener) { return listener.accept(flags); }, kReadable);
 }
 
-int __wrap_shutdown(int fd, int)
-{
-    return call<StreamSocket>("shutdown", fd, [](StreamSocket& stream) { return stream.shutdownWrite(); });
-}
+int __wrap_shutdown(int fd, int) { return call("shutdown", fd, &StreamSocket::shutdownWrite); }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size)
 {
     trace("option %d of level %d", name, level);
-    return call<Socket>(
-        "setsockopt", fd, [=](Socket& socket) { return socket.setOption(level, name, value, size); });
+    return call("setsockopt", fd, &Socket::setOption, level, name, value, size);
 }
 
 int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* size)
 {
-    return call<Socket>(
-        "getsockopt", fd, [=](Socket& socket) { return socket.option(level, name, value, size); });
+    return call("getsockopt", fd, &Socket::option, level, name, value, size);
 }
 
 int __wrap_getsockname(int fd, sockaddr* address, socklen_t* length)

@@ -103,11 +103,9 @@ long DatagramSocket::send(const msghdr& message, int)
         Scheduler::get().after(kernel.delay(), [this] { tellRoom(); });
         return -EAGAIN;
     }
-    ByteQueue bytes;
-    bytes.append(message, size);
     if (local.nPort == 0)
         bind(Address{local.nFamily, {}, 0});
-    transmit(to, {{}, {bytes.data(), size}, segment});
+    transmit(to, {{}, gather(message, size), segment});
     return static_cast<long>(size);
 }
 
@@ -211,9 +209,7 @@ long DatagramSocket::receive(msghdr* message, int flags)
         m_received.pop_front();
         m_nQueued -= run.bytes.size() + kOverhead;
     }
-    ByteQueue bytes;
-    bytes.append(run.bytes.data(), run.bytes.size());
-    const std::size_t size = bytes.take(*message, run.bytes.size());
+    const std::size_t size = scatter(run.bytes, *message);
     message->msg_flags = size < run.bytes.size() ? MSG_TRUNC : 0;
     if (message->msg_name != nullptr)
         run.from.copyTo(message->msg_name, &message->msg_namelen);

@@ -79,19 +79,17 @@ class EventFd : public File
 {
 public:
     unsigned int poll() override { return EPOLLOUT | (m_nCount > 0 ? EPOLLIN : 0U); }
-    long write(std::uint64_t value)
+    long write(const std::uint64_t* value)
     {
-        m_nCount += value;
+        m_nCount += *value;
         wake(EPOLLIN);
-        return sizeof value;
+        return sizeof *value;
     }
     long read(std::uint64_t* value)
     {
-        if (m_nCount == 0)
-            return -EAGAIN;
         *value = std::exchange(m_nCount, 0U);
         wake(EPOLLOUT);
-        return sizeof *value;
+        return *value > 0 ? static_cast<long>(sizeof *value) : -EAGAIN;
     }
 
 private:

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 #include <typeinfo>
 
 namespace sim
@@ -125,34 +124,20 @@ std::size_t sizeOf(const msghdr& message)
     return size;
 }
 
-void ByteQueue::append(const msghdr& message, std::size_t size)
+std::string gather(const msghdr& message, std::size_t size)
 {
-    for (const iovec* range = message.msg_iov; size > 0; ++range) {
-        const std::size_t step = std::min(size, range->iov_len);
-        append(static_cast<const char*>(range->iov_base), step);
-        size -= step;
-    }
+    std::string bytes;
+    for (const iovec* range = message.msg_iov; bytes.size() < size; ++range)
+        bytes.append(static_cast<char*>(range->iov_base), std::min(range->iov_len, size - bytes.size()));
+    return bytes;
 }
 
-std::size_t ByteQueue::take(const msghdr& message, std::size_t most)
+std::size_t scatter(std::string_view bytes, const msghdr& message)
 {
-    const std::size_t all = std::min({most, size(), sizeOf(message)});
     std::size_t taken = 0;
-    for (const iovec* range = message.msg_iov; taken < all; ++range) {
-        const std::size_t step = std::min(all - taken, range->iov_len);
-        std::copy_n(data() + taken, step, static_cast<char*>(range->iov_base));
-        taken += step;
-    }
-    drop(all);
-    return all;
-}
-
-void ByteQueue::drop(std::size_t size)
-{
-    m_nTaken += size;
-    if (m_nTaken * 2 >= m_bytes.size()) {
-        m_bytes.erase(0, m_nTaken);
-        m_nTaken = 0;
-    }
+    for (std::size_t i = 0; i < message.msg_iovlen && taken < bytes.size(); ++i)
+        taken
+            += bytes.copy(static_cast<char*>(message.msg_iov[i].iov_base), message.msg_iov[i].iov_len, taken);
+    return taken;
 }
 } // namespace sim

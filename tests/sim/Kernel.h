@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/socket.h>
@@ -111,25 +112,6 @@ private:
     std::uint64_t m_nCalls = 0;
 };
 
-// Bytes in order, cheap to take from the front.
-class ByteQueue
-{
-public:
-    std::size_t size() const { return m_bytes.size() - m_nTaken; }
-    bool isEmpty() const { return size() == 0; }
-    const char* data() const { return m_bytes.data() + m_nTaken; }
-    void append(const char* data, std::size_t size) { m_bytes.append(data, size); }
-    void append(const msghdr& message, std::size_t size);
-    std::size_t take(const msghdr& message, std::size_t most);
-    void drop(std::size_t size);
-    void shorten(std::size_t size) { m_bytes.resize(m_nTaken + size); }
-    void clear() { *this = ByteQueue(); }
-
-private:
-    std::string m_bytes;
-    std::size_t m_nTaken = 0;
-};
-
 // Of one range.
 struct Message : msghdr {
     Message(const void* data, std::size_t size) : msghdr{}, range{const_cast<void*>(data), size}
@@ -144,4 +126,7 @@ struct Message : msghdr {
 };
 
 std::size_t sizeOf(const msghdr& message);
+std::string gather(const msghdr& message, std::size_t size);
+// As many of the bytes as there is room for.
+std::size_t scatter(std::string_view bytes, const msghdr& message);
 } // namespace sim

@@ -55,11 +55,11 @@ bool Peer::readSome()
 
 void Peer::flush()
 {
-    while (m_pSocket != nullptr && m_out.size() > 0) {
+    while (m_pSocket != nullptr && !m_out.empty()) {
         const long sent = m_pSocket->send(Message(m_out.data(), m_out.size()), 0);
         if (sent == -EAGAIN)
             return;
-        m_out.drop(sent < 0 ? m_out.size() : static_cast<std::size_t>(sent)); // reading tells why
+        m_out.erase(0, sent < 0 ? m_out.size() : static_cast<std::size_t>(sent)); // reading tells why
     }
     if (m_pSocket == nullptr || m_bConnecting)
         return;
@@ -73,19 +73,19 @@ void Peer::finish()
 {
     if (m_pSocket != nullptr)
         std::exchange(m_pSocket, nullptr)->released();
-    m_out.clear();
+    std::string().swap(m_out);
 }
 
 void Peer::write(const QByteArray& bytes)
 {
-    m_out.append(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    m_out += bytes.toStdString();
     serveLater();
 }
 
 void Peer::writeUrgent(char byte)
 {
     flush();
-    if (m_pSocket == nullptr || m_out.size() > 0 || m_pSocket->send(Message(&byte, 1), MSG_OOB) < 0)
+    if (m_pSocket == nullptr || !m_out.empty() || m_pSocket->send(Message(&byte, 1), MSG_OOB) < 0)
         write(QByteArray(1, byte));
 }
 

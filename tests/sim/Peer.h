@@ -46,7 +46,7 @@ private:
     bool readSome();
 
     StreamSocket* m_pSocket; // null when it is finished
-    ByteQueue m_out;
+    std::string m_out;
     bool m_bConnecting;
     bool m_bDue = false;
     bool m_bStalled = false;

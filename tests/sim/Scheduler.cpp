@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <string>
 
-#include <dlfcn.h>
 #include <semaphore.h>
+#include <sys/mman.h>
 
 namespace sim
 {
@@ -35,13 +35,7 @@ struct Scheduler::Thread {
 
 namespace
 {
-using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-using Join = int (*)(pthread_t, void**);
-template <class Function>
-Function real(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
+constexpr std::size_t kStack = 1U << 21;
 constexpr std::intptr_t kEndRounds = 3; // of destructors of thread-local data, before the thread is gone
 } // namespace
 
@@ -123,7 +117,7 @@ void Scheduler::handOver(Thread& next)
 void Scheduler::joinEnded()
 {
     if (m_pEnded != nullptr)
-        real<Join>("pthread_join")(std::exchange(m_pEnded, nullptr)->handle, nullptr);
+        real(&pthread_join, "pthread_join")(std::exchange(m_pEnded, nullptr)->handle, nullptr);
 }
 
 bool Scheduler::wait(const char* where, const std::function<bool()>& ready, Time deadline)
@@ -144,21 +138,19 @@ void Scheduler::yield()
         wait("a yield", [] { return true; });
 }
 
-int Scheduler::createThread(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
+int Scheduler::createThread(pthread_t* thread, void* (*run)(void*), void* argument)
 {
     auto created = std::make_unique<Thread>();
     created->nNumber = ++m_nThreads;
     created->run = run;
     created->argument = argument;
     pthread_attr_t joinable;
-    if (attributes != nullptr)
-        joinable = *attributes;
-    else
-        pthread_attr_init(&joinable);
-    pthread_attr_setdetachstate(&joinable, PTHREAD_CREATE_JOINABLE);
-    const int result
-        = real<Create>("pthread_create")(&created->handle, &joinable, &Scheduler::threadMain, created.get());
+    pthread_attr_init(&joinable);
+    // A stack of its own, so that no other thread ever has this one's handle.
+    void* stack = mmap(nullptr, kStack, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    pthread_attr_setstack(&joinable, stack, kStack);
+    const int result = real(&pthread_create, "pthread_create")(
+        &created->handle, &joinable, &Scheduler::threadMain, created.get());
     trace("pthread_create() = %d: thread %d", result, created->nNumber);
     if (result != 0)
         return result;

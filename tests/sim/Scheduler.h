@@ -16,6 +16,7 @@
 
 #include <ctime>
 
+#include <dlfcn.h>
 #include <pthread.h>
 
 namespace sim
@@ -26,6 +27,13 @@ constexpr Time kMs = 1000000;
 inline Time timeOf(const timespec& time)
 {
     return static_cast<Time>(time.tv_sec) * 1000 * kMs + static_cast<Time>(time.tv_nsec);
+}
+
+// What the next library calls by that name.
+template <class Function>
+Function real(Function, const char* name)
+{
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 class Scheduler
@@ -50,8 +58,7 @@ public:
     bool wait(const char* where, const std::function<bool()>& ready, Time deadline = kNever);
     void yield();
 
-    int createThread(
-        pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
+    int createThread(pthread_t* thread, void* (*run)(void*), void* argument);
     int joinThread(pthread_t thread, void** result);
     int threadNumber() const;
     std::size_t threads() const { return m_threads.size(); } // that run

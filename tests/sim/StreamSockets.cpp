@@ -59,7 +59,7 @@ unsigned int StreamSocket::poll()
         events |= EPOLLHUP;
     if (m_bEndReceived)
         events |= EPOLLIN | EPOLLRDHUP;
-    if (!m_received.isEmpty())
+    if (!m_received.empty())
         events |= EPOLLIN;
     if (m_nUrgent != kNone)
         events |= EPOLLPRI;
@@ -193,7 +193,7 @@ int StreamSocket::accept(int flags)
 long StreamSocket::receive(msghdr* message, int flags)
 {
     std::size_t most = sizeOf(*message);
-    if (m_received.isEmpty()) {
+    if (m_received.empty()) {
         if (m_nError != 0)
             return -takeError();
         return m_bEndReceived ? 0 : m_state == eConnected ? -EAGAIN : -ENOTCONN;
@@ -202,7 +202,8 @@ long StreamSocket::receive(msghdr* message, int flags)
         return static_cast<long>(std::min(most, m_received.size())); // how much, and nobody asks what
     if (m_nUrgent != kNone && m_nUrgent > 0)
         most = std::min(most, m_nUrgent); // a read stops before an urgent byte
-    const std::size_t taken = m_received.take(*message, most);
+    const std::size_t taken = scatter(std::string_view(m_received).substr(0, most), *message);
+    m_received.erase(0, taken);
     if (m_nUrgent != kNone)
         m_nUrgent = m_nUrgent == 0 ? kNone : m_nUrgent - taken;
     if (m_pPeer != nullptr)
@@ -226,7 +227,7 @@ long StreamSocket::send(const msghdr& message, int flags)
     m_bNoSpace = m_bNoSpace || taken < wanted;
     if (taken == 0 && wanted > 0)
         return -EAGAIN;
-    m_wire.append(message, taken);
+    m_wire += gather(message, taken);
     if ((flags & MSG_OOB) != 0)
         m_nUrgentOnWire = m_wire.size() - 1;
     deliverLater();
@@ -244,7 +245,7 @@ void StreamSocket::tellRoom()
 void StreamSocket::deliverLater()
 {
     Kernel& kernel = Kernel::get();
-    if (m_bDelivering || (m_wire.isEmpty() && !m_bSendShut && !m_bResetBehind))
+    if (m_bDelivering || (m_wire.empty() && !m_bSendShut && !m_bResetBehind))
         return;
     m_bDelivering = true;
     const Time stall = kernel.chance(kernel.weather.stall) ? kernel.random().below(5000 * kMs) : 0;
@@ -258,7 +259,7 @@ void StreamSocket::deliver()
     StreamSocket* peer = m_pPeer;
     if (peer == nullptr || (m_bEndSent && !m_bResetBehind))
         return;
-    const bool bNobodyReads = peer->m_bReleased && !m_wire.isEmpty();
+    const bool bNobodyReads = peer->m_bReleased && !m_wire.empty();
     const bool bReset = kernel.chance(kernel.weather.reset);
     if (bReset)
         trace("the network resets %s - %s", local.text().c_str(), remote.text().c_str());
@@ -273,14 +274,14 @@ void StreamSocket::deliver()
         size = std::min<std::size_t>(size, kernel.random().size(size));
     if (size > 0)
         deliverBytes(size);
-    if (m_bResetBehind && (m_wire.isEmpty() || size == 0)) {
+    if (m_bResetBehind && (m_wire.empty() || size == 0)) {
         trace("a reset arrives at %s", peer->local.text().c_str());
         m_wire.clear();
         m_pPeer = nullptr;
         peer->receiveReset();
-    } else if (m_wire.isEmpty() && m_bSendShut && (size == 0 || !kernel.chance(kernel.weather.cut))) {
+    } else if (m_wire.empty() && m_bSendShut && (size == 0 || !kernel.chance(kernel.weather.cut))) {
         trace("the end arrives at %s", peer->local.text().c_str());
-        m_wire.clear();
+        m_wire.shrink_to_fit();
         m_bEndSent = true;
         peer->m_bEndReceived = true;
         peer->wake();
@@ -296,8 +297,8 @@ void StreamSocket::deliverBytes(std::size_t size)
         peer.m_nUrgent = peer.m_received.size() + std::exchange(m_nUrgentOnWire, kNone);
     else if (m_nUrgentOnWire != kNone)
         m_nUrgentOnWire -= size;
-    peer.m_received.append(m_wire.data(), size);
-    m_wire.drop(size);
+    peer.m_received.append(m_wire, 0, size);
+    m_wire.erase(0, size);
     trace("%zu bytes arrive at %s", size, peer.local.text().c_str());
     peer.wake(EPOLLIN | EPOLLPRI);
     tellRoom();
@@ -319,7 +320,7 @@ void StreamSocket::receiveReset()
 
 void StreamSocket::reset()
 {
-    m_wire.shorten(Kernel::get().random().below(m_wire.size() + 1));
+    m_wire.resize(Kernel::get().random().below(m_wire.size() + 1));
     m_bResetBehind = m_bSendShut = true;
     m_state = eClosed;
     deliverLater();
@@ -343,11 +344,11 @@ void StreamSocket::released()
         listeners().erase(local);
     while (StreamSocket* waiting = takeAccepted())
         waiting->reset();
-    if (m_state == eConnected && (!m_received.isEmpty() || (m_linger.l_onoff != 0 && m_linger.l_linger == 0)))
+    if (m_state == eConnected && (!m_received.empty() || (m_linger.l_onoff != 0 && m_linger.l_linger == 0)))
         reset();
     else if (m_state == eConnected)
         shutdownWrite();
-    m_received.clear();
+    std::string().swap(m_received);
     m_state = eClosed;
 }
 

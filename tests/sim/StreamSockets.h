@@ -66,8 +66,8 @@ private:
     bool m_bResetBehind = false; // a reset follows what lies on the wire
     bool m_bDelivering = false; // is due
     linger m_linger{};
-    ByteQueue m_wire;
-    ByteQueue m_received;
+    std::string m_wire;
+    std::string m_received;
     std::size_t m_nUrgent = kNone; // its place in what was received
     std::size_t m_nUrgentOnWire = kNone;
     std::vector<StreamSocket*> m_accepted; // wait in the backlog

@@ -1,17 +1,6 @@
 // What a scenario has: a seed's random choices, weather, peers, an event loop with an end, and checks.
-//
-//     SCENARIO(echo)
-//     {
-//         world.listen("10.0.0.9", 7, [](sim::Peer& peer) {
-//             peer.onBytes = [&peer](const QByteArray& bytes) { peer.write(bytes); };
-//         });
-//         NuvikaTcpSocket socket;
-//         ...
-//         world.expect(world.runUntil([&] { return received == sent; }, 60000), "nothing more came back");
-//     }
-//
-// It runs on the thread that made the application object, with the library started. What it makes it also
-// destroys; then nothing may be left: no descriptor, timer, notifier or thread.
+// README.md shows one. It runs on the thread that made the application object, with the library started. What
+// it makes it also destroys; then nothing may be left: no descriptor, timer, notifier or thread.
 #pragma once
 
 #include "sim/Kernel.h"
