@@ -73,16 +73,14 @@ int make(const char* name, Arguments... arguments)
 
 ssize_t sendOne(const char* name, int fd, const msghdr& message, int flags)
 {
-    return call<Socket>(
-        name, fd, [&](Socket& socket) { return socket.send(message, flags); },
-        (flags & MSG_DONTWAIT) != 0 ? 0 : kWriteable);
+    const auto operation = [&](Socket& socket) { return socket.send(message, flags); };
+    return call<Socket>(name, fd, operation, (flags & MSG_DONTWAIT) != 0 ? 0 : kWriteable);
 }
 
 ssize_t receiveOne(const char* name, int fd, msghdr* message, int flags)
 {
-    return call<StreamSocket>(
-        name, fd, [=](Socket& socket) { return socket.receive(message, flags); },
-        (flags & MSG_DONTWAIT) != 0 ? 0 : kReadable);
+    const auto operation = [=](Socket& socket) { return socket.receive(message, flags); };
+    return call<StreamSocket>(name, fd, operation, (flags & MSG_DONTWAIT) != 0 ? 0 : kReadable);
 }
 
 // As many as there is one after the other; an error is told where it is the first.

@@ -1,18 +1,14 @@
 // What shared libraries call: symbols of this program come before those of the C library. Clocks, waiting,
 // threads and randomness; before a run begins they are the real system's.
 #include "sim/Kernel.h"
-#include "sim/Report.h"
-#include "sim/Scheduler.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
-#include <ctime>
 #include <list>
 #include <utility>
 
-#include <dlfcn.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -21,20 +17,13 @@ using namespace sim;
 
 namespace
 {
-constexpr Time kEpochMs = 1700000000000; // when the clock of the wall stood at 0 on the other
-
-timespec recordOf(Time time)
-{
-    return {static_cast<time_t>(time / (1000 * kMs)), static_cast<long>(time % (1000 * kMs))};
-}
-
-Time wallClock() { return Scheduler::get().now() + kEpochMs * kMs; }
+constexpr Time kEpoch = 1700000000000 * kMs; // when the clock of the wall stood at 0 on the other
 
 // Of either clock, told by its size, in our time.
 Time deadlineOf(const timespec& time)
 {
     const Time value = timeOf(time);
-    return value >= kEpochMs * kMs ? value - kEpochMs * kMs : value;
+    return value >= kEpoch ? value - kEpoch : value;
 }
 
 // Who waits for a condition or for a word of memory, in the order of coming.
@@ -61,10 +50,8 @@ int wakeUp(const void* what, int most)
 {
     int woken = 0;
     for (Waiter& waiter : waiters()) {
-        if (waiter.what != what || waiter.bWoken || woken == most)
-            continue;
-        waiter.bWoken = true;
-        ++woken;
+        if (waiter.what == what && woken < most)
+            woken += std::exchange(waiter.bWoken, true) ? 0 : 1;
     }
     return woken;
 }
@@ -78,25 +65,22 @@ int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, Time dea
     return bWoken ? 0 : ETIMEDOUT;
 }
 
-long futex(int* word, int operation, int value, long four, int* word2, unsigned int code)
+long waitForWord(const int* word, int value, Time deadline)
+{
+    const bool bIsSo = __atomic_load_n(word, __ATOMIC_SEQ_CST) == value;
+    if (bIsSo && waitOn(word, "a futex", deadline))
+        return 0;
+    errno = bIsSo ? ETIMEDOUT : EAGAIN;
+    return -1;
+}
+
+long futex(int* word, int operation, int value, const timespec* time, int* word2, unsigned int code)
 {
     switch (operation & FUTEX_CMD_MASK) {
     case FUTEX_WAIT:
-    case FUTEX_WAIT_BITSET: {
-        if (__atomic_load_n(word, __ATOMIC_SEQ_CST) != value) {
-            errno = EAGAIN;
-            return -1;
-        }
-        const auto* time = reinterpret_cast<const timespec*>(four);
-        const bool bRelative = (operation & FUTEX_CMD_MASK) == FUTEX_WAIT;
-        const Time deadline = time == nullptr ? kNever
-            : bRelative                       ? Scheduler::get().now() + timeOf(*time)
-                                              : deadlineOf(*time);
-        if (waitOn(word, "a futex", deadline))
-            return 0;
-        errno = ETIMEDOUT;
-        return -1;
-    }
+        return waitForWord(word, value, time == nullptr ? kNever : Scheduler::get().now() + timeOf(*time));
+    case FUTEX_WAIT_BITSET:
+        return waitForWord(word, value, time == nullptr ? kNever : deadlineOf(*time));
     case FUTEX_WAKE_OP: // of a QSemaphore, which does not change the second word
         if (code >> 28U != FUTEX_OP_OR || (code >> 12U & 0xfffU) != 0)
             fail("futex operation %x on the second word is not simulated", code);
@@ -125,7 +109,8 @@ int clock_gettime(clockid_t clock, timespec* time)
         return real(&clock_gettime, "clock_gettime")(clock, time);
     Scheduler::get().pass(30); // so that who waits for the time sees it pass
     const bool bWall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-    *time = recordOf(bWall ? wallClock() : Scheduler::get().now());
+    const Time now = Scheduler::get().now() + (bWall ? kEpoch : 0);
+    *time = {static_cast<time_t>(now / (1000 * kMs)), static_cast<long>(now % (1000 * kMs))};
     return 0;
 }
 
@@ -179,8 +164,10 @@ int pthread_create(
 
 int pthread_join(pthread_t thread, void** result)
 {
-    return Scheduler::isActive() ? Scheduler::get().joinThread(thread, result)
-                                 : real(&pthread_join, "pthread_join")(thread, result);
+    if (!Scheduler::isActive())
+        return real(&pthread_join, "pthread_join")(thread, result);
+    Scheduler::get().joinThread(thread); // nobody asks for a result
+    return 0;
 }
 
 int sched_yield() noexcept
@@ -228,8 +215,9 @@ long syscall(long number, ...) noexcept
         argument = va_arg(list, long);
     va_end(list);
     if (number == SYS_futex && Scheduler::isActive())
-        return futex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]), static_cast<int>(a[2]), a[3],
-            reinterpret_cast<int*>(a[4]), static_cast<unsigned int>(a[5]));
+        return futex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]), static_cast<int>(a[2]),
+            reinterpret_cast<const timespec*>(a[3]), reinterpret_cast<int*>(a[4]),
+            static_cast<unsigned int>(a[5]));
     return real(&syscall, "syscall")(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 

@@ -8,13 +8,12 @@
 #include "sim/Random.h"
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
 #include <utility>
 #include <vector>
-
-#include <ctime>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -59,7 +58,7 @@ public:
     void yield();
 
     int createThread(pthread_t* thread, void* (*run)(void*), void* argument);
-    int joinThread(pthread_t thread, void** result);
+    void joinThread(pthread_t thread);
     int threadNumber() const;
     std::size_t threads() const { return m_threads.size(); } // that run
 
@@ -81,9 +80,8 @@ private:
     std::uint64_t m_nEvents = 0;
     int m_nThreads = 0;
     std::map<std::pair<Time, std::uint64_t>, std::function<void()>> m_events;
-    std::vector<Thread*> m_threads; // in the order of their starts
-    std::vector<std::unique_ptr<Thread>> m_all; // with those that have ended
-    Thread* m_pEnded = nullptr; // still to be joined in earnest
+    std::vector<std::unique_ptr<Thread>> m_threads; // in the order of their starts
+    std::unique_ptr<Thread> m_pEnded; // still to be joined in earnest
     pthread_key_t m_endKey{};
 };
 } // namespace sim
