@@ -19,38 +19,36 @@ Address Address::of(const std::string& ip, std::uint16_t port)
     return address;
 }
 
+// Both kinds of record begin with the family and the port.
 Address Address::of(const sockaddr* record, socklen_t length)
 {
     Address address;
-    address.nFamily = AF_UNSPEC;
-    if (length >= sizeof(sockaddr_in) && record->sa_family == AF_INET) {
-        const auto* v4 = reinterpret_cast<const sockaddr_in*>(record);
-        address.nFamily = AF_INET;
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(record);
+    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(record);
+    address.nFamily = length >= sizeof *v4 ? record->sa_family : AF_UNSPEC;
+    if (address.nFamily == AF_INET)
         std::memcpy(address.ip.data(), &v4->sin_addr, sizeof v4->sin_addr);
-        address.nPort = ntohs(v4->sin_port);
-    } else if (length >= sizeof(sockaddr_in6) && record->sa_family == AF_INET6) {
-        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(record);
-        address.nFamily = AF_INET6;
+    else if (address.nFamily == AF_INET6 && length >= sizeof *v6)
         std::memcpy(address.ip.data(), &v6->sin6_addr, sizeof v6->sin6_addr);
-        address.nPort = ntohs(v6->sin6_port);
-    }
+    else
+        address.nFamily = AF_UNSPEC;
+    address.nPort = address.nFamily == AF_UNSPEC ? 0 : ntohs(v4->sin_port);
     return address;
 }
 
-void Address::copyTo(void* record, socklen_t* length) const
+int Address::copyTo(void* record, socklen_t* length) const
 {
     sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_port = htons(nPort);
-    std::memcpy(&v4.sin_addr, ip.data(), sizeof v4.sin_addr);
     sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = htons(nPort);
+    v6.sin6_family = v4.sin_family = static_cast<sa_family_t>(nFamily);
+    v6.sin6_port = v4.sin_port = htons(nPort);
+    std::memcpy(&v4.sin_addr, ip.data(), sizeof v4.sin_addr);
     std::memcpy(&v6.sin6_addr, ip.data(), sizeof v6.sin6_addr);
     const bool bV4 = nFamily == AF_INET;
     const socklen_t whole = bV4 ? sizeof v4 : sizeof v6;
     std::memcpy(record, bV4 ? static_cast<void*>(&v4) : &v6, std::min(whole, *length));
     *length = whole;
+    return 0;
 }
 
 std::string Address::text() const

@@ -20,8 +20,8 @@ struct Address {
     static Address of(const std::string& ip, std::uint16_t port);
     // Family AF_UNSPEC when the record is not one.
     static Address of(const sockaddr* record, socklen_t length);
-    // Cut to the room that there is; *length is the whole.
-    void copyTo(void* record, socklen_t* length) const;
+    // Cut to the room that there is; *length is the whole. 0.
+    int copyTo(void* record, socklen_t* length) const;
 
     Address withPort(std::uint16_t port) const { return {nFamily, ip, port}; }
     Address withoutIp() const { return {nFamily, {}, nPort}; }

@@ -2,12 +2,10 @@
 // Descriptors that are not ours are the real system's.
 #include "sim/DatagramSockets.h"
 #include "sim/Epoll.h"
-#include "sim/Kernel.h"
 #include "sim/StreamSockets.h"
 
 #include "platform/Bytes_p.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -15,91 +13,117 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 
 using namespace sim;
 
+extern "C" int __real_poll(pollfd* set, nfds_t count, int milliseconds);
+
 namespace
 {
+constexpr unsigned int kReadable = EPOLLIN | EPOLLERR | EPOLLHUP;
+constexpr unsigned int kWriteable = EPOLLOUT | EPOLLERR | EPOLLHUP;
+
 // Ends a call: what it returns and errno, and a line of the trace.
 template <class Result>
-Result told(Result result, const char* call, int fd, const char* more = "")
+Result told(Result result, const char* call, int fd)
 {
     if (result < 0)
-        trace("%s(%d%s) = %s", call, fd, more, strerrorname_np(static_cast<int>(-result)));
+        trace("%s(%d) = %s", call, fd, strerrorname_np(static_cast<int>(-result)));
     else
-        trace("%s(%d%s) = %ld", call, fd, more, static_cast<long>(result));
+        trace("%s(%d) = %ld", call, fd, static_cast<long>(result));
     if (result >= 0)
         return result;
     errno = static_cast<int>(-result);
     return -1;
 }
 
-Kernel& entered(const char* call)
-{
-    Kernel::get().enter(call);
-    return Kernel::get();
-}
-
-template <class Kind>
-int openFile(const char* call, const std::shared_ptr<Kind>& file)
-{
-    Kernel& kernel = entered(call);
-    int result = kernel.fault(kernel.weather.noDescriptor, {EMFILE, ENFILE, ENOMEM});
-    if (result == 0)
-        result = kernel.open(file);
-    return told(result, call, 0);
-}
-
-std::shared_ptr<StreamSocket> streamOf(int fd, const char* call)
-{
-    return Kernel::get().fileOf<StreamSocket>(fd, call);
-}
-
-bool mayWait(const File& file, int flags) { return !file.bNonBlocking && (flags & MSG_DONTWAIT) == 0; }
-
-// Where nothing can be done yet, and the call may wait, it waits for those events.
+// A call of a descriptor of that kind. Where nothing can be done yet, and it may wait, it waits for those
+// events.
 template <class Kind, class Operation>
-long retried(Kind& file, const char* call, int flags, unsigned int events, Operation operation)
+auto call(const char* name, int fd, Operation operation, unsigned int events = 0)
 {
-    long result = operation();
-    while (result == -EAGAIN && mayWait(file, flags)) {
-        Scheduler::get().wait(call, [&] { return (file.poll() & events) != 0; });
-        result = operation();
+    Kernel& kernel = Kernel::get();
+    kernel.enter(name);
+    auto& file = kernel.file<Kind>(fd, name);
+    decltype(operation(file)) result = kernel.faultOf(name);
+    if (result == 0)
+        result = operation(file);
+    while (result == -EAGAIN && events != 0 && !file.bNonBlocking) {
+        Scheduler::get().wait(name, [&] { return (file.poll() & events) != 0; });
+        result = operation(file);
     }
-    return result;
+    return told(result, name, fd);
 }
 
+template <class Kind, class Result, class... Parameters, class... Arguments>
+Result call(const char* name, int fd, Result (Kind::*operation)(Parameters...), Arguments... arguments)
+{
+    return call<Kind>(name, fd, [=](Kind& file) { return (file.*operation)(arguments...); });
+}
+
+template <class Kind, class... Arguments>
+int make(const char* name, Arguments... arguments)
+{
+    Kernel& kernel = Kernel::get();
+    kernel.enter(name);
+    const int error = kernel.faultOf(name);
+    return told(error != 0 ? error : kernel.open(kernel.make<Kind>(arguments...)), name, 0);
+}
+
+ssize_t sendOne(const char* name, int fd, const msghdr& message, int flags)
+{
+    const auto operation = [&](Socket& socket) { return socket.send(message, flags); };
+    return call<Socket>(name, fd, operation, (flags & MSG_DONTWAIT) != 0 ? 0 : kWriteable);
+}
+
+ssize_t receiveOne(const char* name, int fd, msghdr* message, int flags)
+{
+    const auto operation = [=](Socket& socket) { return socket.receive(message, flags); };
+    return call<StreamSocket>(name, fd, operation, (flags & MSG_DONTWAIT) != 0 ? 0 : kReadable);
+}
+
+// As many as there is one after the other; an error is told where it is the first.
 template <class Operation>
-long transferred(int fd, const char* call, int flags, unsigned int events, Operation operation)
+int forEach(mmsghdr* messages, unsigned int count, Operation operation)
 {
-    Kernel& kernel = entered(call);
-    const auto stream = streamOf(fd, call);
-    long result = kernel.interrupted();
-    if (result == 0)
-        result = kernel.outOfMemory();
-    if (result == 0)
-        result = retried(*stream, call, flags, events, [&] { return operation(*stream); });
-    return told(result, call, fd);
+    for (unsigned int i = 0; i < count; ++i) {
+        const long size = operation(messages[i].msg_hdr);
+        if (size < 0)
+            return i > 0 ? static_cast<int>(i) : static_cast<int>(size);
+        messages[i].msg_len = static_cast<unsigned int>(size);
+    }
+    return static_cast<int>(count);
 }
 
-long sendStream(int fd, const char* call, const iovec* ranges, std::size_t count, int flags)
+// Besides ours there is the descriptor by which an event loop is woken: one of the real system's.
+int readyOf(pollfd* set, nfds_t count)
 {
-    return transferred(
-        fd, call, flags, ~0U, [=](StreamSocket& stream) { return stream.send(ranges, count, flags); });
+    int ready = 0;
+    for (pollfd* entry = set; entry != set + count; ++entry) {
+        entry->revents = 0;
+        if (Kernel::isOurs(entry->fd))
+            entry->revents = static_cast<short>(Kernel::get().file(entry->fd, "poll").poll()
+                & (static_cast<unsigned short>(entry->events) | POLLERR | POLLHUP));
+        else if (entry->fd >= 0)
+            __real_poll(entry, 1, 0);
+        ready += entry->revents != 0 ? 1 : 0;
+    }
+    return ready;
 }
 
-long receiveStream(int fd, const char* call, const iovec* ranges, std::size_t count, int flags)
+int pollAll(const char* name, pollfd* set, nfds_t count, Time limit)
 {
-    return transferred(fd, call, flags, EPOLLIN | EPOLLERR | EPOLLHUP,
-        [=](StreamSocket& stream) { return stream.receive(ranges, count, flags); });
-}
-
-long sendDatagram(int fd, const msghdr& message, int flags)
-{
-    const auto socket = Kernel::get().fileOf<DatagramSocket>(fd, "sendto");
-    return retried(*socket, "sendto", flags, EPOLLOUT, [&] { return socket->send(message, flags); });
+    Kernel& kernel = Kernel::get();
+    kernel.enter(name);
+    if (const int error = kernel.faultOf(name))
+        return told(error, name, 0);
+    Scheduler& scheduler = Scheduler::get();
+    const Time deadline = limit == kNever ? kNever : scheduler.now() + limit;
+    scheduler.wait(
+        name, [=] { return readyOf(set, count) > 0; }, deadline);
+    kernel.bPolledEndlessly = limit == kNever;
+    return told(readyOf(set, count), name, set[0].fd);
 }
 } // namespace
 
@@ -108,44 +132,37 @@ extern "C" {
 
 int __wrap_socket(int family, int type, int)
 {
-    if ((type & SOCK_DGRAM) != 0)
-        return openFile("socket", std::make_shared<DatagramSocket>(family));
-    return openFile("socket", std::make_shared<StreamSocket>(family));
+    return (type & SOCK_DGRAM) != 0 ? make<DatagramSocket>("socket", family)
+                                    : make<StreamSocket>("socket", family);
 }
 
-int __wrap_epoll_create1(int) { return openFile("epoll_create1", std::make_shared<Epoll>()); }
+int __wrap_epoll_create1(int) { return make<Epoll>("epoll_create1"); }
 
-int __wrap_eventfd(unsigned int, int) { return openFile("eventfd", std::make_shared<EventFd>()); }
+int __wrap_eventfd(unsigned int, int) { return make<EventFd>("eventfd"); }
 
 int __real_close(int fd);
 int __wrap_close(int fd)
 {
     if (!Kernel::isOurs(fd))
         return __real_close(fd);
-    Kernel& kernel = entered("close");
-    const int interrupted = kernel.interrupted(); // and closed all the same
+    Kernel& kernel = Kernel::get();
+    kernel.enter("close");
     kernel.close(fd);
-    return told(interrupted, "close", fd);
+    return told(kernel.faultOf("close"), "close", fd); // closed all the same
 }
 
 ssize_t __real_read(int fd, void* data, std::size_t size);
 ssize_t __wrap_read(int fd, void* data, std::size_t size)
 {
-    if (!Kernel::isOurs(fd))
-        return __real_read(fd, data, size);
-    Kernel& kernel = entered("read");
-    return told(kernel.fileOf<EventFd>(fd, "read")->read(static_cast<std::uint64_t*>(data)), "read", fd);
+    return Kernel::isOurs(fd) ? call("read", fd, &EventFd::read, static_cast<std::uint64_t*>(data))
+                              : __real_read(fd, data, size);
 }
 
 ssize_t __real_write(int fd, const void* data, std::size_t size);
 ssize_t __wrap_write(int fd, const void* data, std::size_t size)
 {
-    if (!Kernel::isOurs(fd))
-        return __real_write(fd, data, size);
-    Kernel& kernel = entered("write");
-    std::uint64_t value = 0;
-    std::memcpy(&value, data, sizeof value);
-    return told(kernel.fileOf<EventFd>(fd, "write")->write(value), "write", fd);
+    return Kernel::isOurs(fd) ? call("write", fd, &EventFd::write, static_cast<const std::uint64_t*>(data))
+                              : __real_write(fd, data, size);
 }
 
 int __real_fcntl(int fd, int command, long argument);
@@ -157,211 +174,148 @@ int __wrap_fcntl(int fd, int command, ...)
     va_end(arguments);
     if (!Kernel::isOurs(fd))
         return __real_fcntl(fd, command, argument);
-    const auto file = entered("fcntl").file(fd, "fcntl");
-    return told(command == F_GETFL ? O_RDWR | (file->bNonBlocking ? O_NONBLOCK : 0) : 0, "fcntl", fd);
+    return call<File>("fcntl", fd, [=](const File& file) {
+        return command == F_GETFL ? O_RDWR | (file.bNonBlocking ? O_NONBLOCK : 0) : 0;
+    });
 }
 
-int __wrap_ioctl(int fd, unsigned long request, int* value)
+int __wrap_ioctl(int fd, unsigned long request, const int* value)
 {
-    const auto file = entered("ioctl").file(fd, "ioctl");
-    if (request != FIONBIO)
-        return told(-EINVAL, "ioctl", fd);
-    file->bNonBlocking = *value != 0;
-    return told(0, "ioctl", fd);
+    return call<File>("ioctl", fd, [=](File& file) {
+        if (request != FIONBIO)
+            return -EINVAL;
+        file.bNonBlocking = *value != 0;
+        return 0;
+    });
 }
 
 // --- readiness -----------------------------------------------------------------------------------------
 
-int __wrap_epoll_ctl(int port, int operation, int fd, epoll_event* event)
+int __wrap_epoll_ctl(int port, int operation, int fd, const epoll_event* event)
 {
-    Kernel& kernel = entered("epoll_ctl");
-    const auto epoll = kernel.fileOf<Epoll>(port, "epoll_ctl");
-    const auto file = kernel.file(fd, "epoll_ctl");
-    if (operation == EPOLL_CTL_DEL)
-        return told(epoll->remove(*file), "epoll_ctl", port, " DEL");
-    int result = kernel.fault(kernel.weather.noMemory, {ENOSPC, ENOMEM});
-    if (result == 0)
-        result = epoll->add(file, *event);
-    return told(result, "epoll_ctl", fd, " ADD");
+    const bool bAdd = operation == EPOLL_CTL_ADD;
+    return call<Epoll>(bAdd ? "epoll_ctl ADD" : "epoll_ctl DEL", port, [=](Epoll& epoll) {
+        File& file = Kernel::get().file(fd, "epoll_ctl");
+        return bAdd ? epoll.add(file, *event) : epoll.remove(file);
+    });
 }
 
 int __wrap_epoll_wait(int port, epoll_event* events, int most, int)
 {
-    Kernel& kernel = entered("epoll_wait");
-    return told(kernel.fileOf<Epoll>(port, "epoll_wait")->wait(events, most), "epoll_wait", port);
+    return call("epoll_wait", port, &Epoll::wait, events, most);
 }
 
 int __wrap_poll(pollfd* set, nfds_t count, int milliseconds)
 {
-    Kernel& kernel = entered("poll");
-    if (const int error = kernel.interrupted())
-        return told(error, "poll", 0);
-    const auto look = [&] {
-        int ready = 0;
-        for (nfds_t i = 0; i < count; ++i) {
-            const unsigned int state = set[i].fd < 0 ? 0 : kernel.file(set[i].fd, "poll")->poll();
-            set[i].revents = static_cast<short>(state & (static_cast<unsigned short>(set[i].events) | 0x18U));
-            ready += set[i].revents != 0 ? 1 : 0;
-        }
-        return ready;
-    };
-    Scheduler& scheduler = Scheduler::get();
-    const Time deadline = milliseconds < 0 ? kNever : scheduler.now() + static_cast<Time>(milliseconds) * kMs;
-    scheduler.wait(
-        "poll", [&] { return look() > 0; }, deadline);
-    return told(look(), "poll", set[0].fd);
+    return pollAll("poll", set, count, milliseconds < 0 ? kNever : static_cast<Time>(milliseconds) * kMs);
+}
+
+// Of Qt's event loops.
+int ppoll(pollfd* set, nfds_t count, const timespec* time, const sigset_t*)
+{
+    return pollAll("ppoll", set, count, time == nullptr ? kNever : timeOf(*time));
 }
 
 // --- sockets -------------------------------------------------------------------------------------------
 
 int __wrap_bind(int fd, const sockaddr* address, socklen_t length)
 {
-    Kernel& kernel = entered("bind");
-    const Address name = Address::of(address, length);
-    const auto datagrams = std::dynamic_pointer_cast<DatagramSocket>(kernel.file(fd, "bind"));
-    return told(datagrams ? datagrams->bind(name) : streamOf(fd, "bind")->bind(name), "bind", fd);
+    return call("bind", fd, &Socket::bind, Address::of(address, length));
 }
 
-int __wrap_listen(int fd, int backlog)
-{
-    Kernel& kernel = entered("listen");
-    int result = kernel.fault(kernel.weather.noMemory, {EADDRINUSE});
-    if (result == 0)
-        result = streamOf(fd, "listen")->listen(backlog);
-    return told(result, "listen", fd);
-}
+int __wrap_listen(int fd, int backlog) { return call("listen", fd, &StreamSocket::listen, backlog); }
 
 int __wrap_connect(int fd, const sockaddr* address, socklen_t length)
 {
-    entered("connect");
-    const auto stream = streamOf(fd, "connect");
-    int result = stream->connect(Address::of(address, length));
-    if (result == -EINPROGRESS && !stream->bNonBlocking) {
-        Scheduler::get().wait("connect", [&] { return !stream->isConnecting(); });
-        result = stream->connect(Address::of(address, length));
-    }
-    return told(result, "connect", fd);
+    return call<StreamSocket>("connect", fd, [=](StreamSocket& stream) {
+        const int result = stream.connect(Address::of(address, length));
+        if (result != -EINPROGRESS || stream.bNonBlocking)
+            return result;
+        Scheduler::get().wait("connect", [&] { return !stream.isConnecting(); });
+        return stream.connect(Address::of(address, length));
+    });
 }
 
 int __wrap_accept4(int fd, sockaddr*, socklen_t*, int flags)
 {
-    Kernel& kernel = entered("accept4");
-    const auto listener = streamOf(fd, "accept4");
-    long result = kernel.interrupted();
-    if (result == 0)
-        result = retried(*listener, "accept4", 0, ~0U, [&] { return listener->accept(flags); });
-    return told(static_cast<int>(result), "accept4", fd);
+    return call<StreamSocket>(
+        "accept4", fd, [=](StreamSocket& listener) { return listener.accept(flags); }, kReadable);
 }
 
-int __wrap_shutdown(int fd, int)
-{
-    entered("shutdown");
-    return told(streamOf(fd, "shutdown")->shutdownWrite(), "shutdown", fd);
-}
+int __wrap_shutdown(int fd, int) { return call("shutdown", fd, &StreamSocket::shutdownWrite); }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size)
 {
-    Kernel& kernel = entered("setsockopt");
-    const auto datagrams = std::dynamic_pointer_cast<DatagramSocket>(kernel.file(fd, "setsockopt"));
-    int result = kernel.outOfMemory();
-    if (result == 0)
-        result = datagrams ? datagrams->setOption(level, name, value, size)
-                           : streamOf(fd, "setsockopt")->setOption(level, name, value, size);
-    return told(result, "setsockopt", fd, (" " + std::to_string(level) + " " + std::to_string(name)).c_str());
+    trace("option %d of level %d", name, level);
+    return call("setsockopt", fd, &Socket::setOption, level, name, value, size);
 }
 
 int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* size)
 {
-    Kernel& kernel = entered("getsockopt");
-    if (std::dynamic_pointer_cast<DatagramSocket>(kernel.file(fd, "getsockopt")))
-        return told(-ENOPROTOOPT, "getsockopt", fd);
-    return told(streamOf(fd, "getsockopt")->option(level, name, value, size), "getsockopt", fd);
+    return call("getsockopt", fd, &Socket::option, level, name, value, size);
 }
 
 int __wrap_getsockname(int fd, sockaddr* address, socklen_t* length)
 {
-    Kernel& kernel = entered("getsockname");
-    const auto datagrams = std::dynamic_pointer_cast<DatagramSocket>(kernel.file(fd, "getsockname"));
-    (datagrams ? datagrams->local : streamOf(fd, "getsockname")->local).copyTo(address, length);
-    return told(0, "getsockname", fd);
+    return call<Socket>(
+        "getsockname", fd, [=](const Socket& socket) { return socket.local.copyTo(address, length); });
 }
 
 int __wrap_getpeername(int fd, sockaddr* address, socklen_t* length)
 {
-    entered("getpeername");
-    const auto stream = streamOf(fd, "getpeername");
-    if (!stream->isConnected())
-        return told(-ENOTCONN, "getpeername", fd);
-    stream->remote.copyTo(address, length);
-    return told(0, "getpeername", fd);
+    return call<StreamSocket>("getpeername", fd, [=](const StreamSocket& stream) {
+        return stream.isConnected() ? stream.remote.copyTo(address, length) : -ENOTCONN;
+    });
 }
 
 // --- bytes ---------------------------------------------------------------------------------------------
 
 ssize_t __wrap_send(int fd, const void* data, std::size_t size, int flags)
 {
-    const iovec range{const_cast<void*>(data), size};
-    return sendStream(fd, "send", &range, 1, flags);
+    return sendOne("send", fd, Message(data, size), flags);
 }
 
 ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags)
 {
-    return sendStream(fd, "sendmsg", message->msg_iov, message->msg_iovlen, flags);
-}
-
-ssize_t __wrap_recv(int fd, void* data, std::size_t size, int flags)
-{
-    const iovec range{data, size};
-    return receiveStream(fd, "recv", &range, 1, flags);
-}
-
-ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags)
-{
-    return receiveStream(fd, "recvmsg", message->msg_iov, message->msg_iovlen, flags);
+    return sendOne("sendmsg", fd, *message, flags);
 }
 
 ssize_t __wrap_sendto(
     int fd, const void* data, std::size_t size, int flags, const sockaddr* to, socklen_t length)
 {
-    Kernel& kernel = entered("sendto");
-    iovec range{const_cast<void*>(data), size};
-    msghdr message{};
+    Message message(data, size);
     message.msg_name = const_cast<sockaddr*>(to);
     message.msg_namelen = length;
-    message.msg_iov = &range;
-    message.msg_iovlen = 1;
-    const long interrupted = kernel.interrupted();
-    return told(interrupted != 0 ? interrupted : sendDatagram(fd, message, flags), "sendto", fd);
+    return sendOne("sendto", fd, message, flags);
 }
 
 int __wrap_sendmmsg(int fd, mmsghdr* messages, unsigned int count, int flags)
 {
-    Kernel& kernel = entered("sendmmsg");
-    if (const int error = kernel.interrupted())
-        return told(error, "sendmmsg", fd);
-    for (unsigned int i = 0; i < count; ++i) {
-        const long sent = sendDatagram(fd, messages[i].msg_hdr, flags);
-        if (sent < 0)
-            return told(i > 0 ? static_cast<int>(i) : static_cast<int>(sent), "sendmmsg", fd);
-        messages[i].msg_len = static_cast<unsigned int>(sent);
-    }
-    return told(static_cast<int>(count), "sendmmsg", fd);
+    return call<DatagramSocket>(
+        "sendmmsg", fd,
+        [=](DatagramSocket& socket) {
+            return forEach(
+                messages, count, [&](const msghdr& message) { return socket.send(message, flags); });
+        },
+        (flags & MSG_DONTWAIT) != 0 ? 0 : kWriteable);
+}
+
+ssize_t __wrap_recv(int fd, void* data, std::size_t size, int flags)
+{
+    Message message(data, size);
+    return receiveOne("recv", fd, &message, flags);
+}
+
+ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags)
+{
+    return receiveOne("recvmsg", fd, message, flags);
 }
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec*)
 {
-    Kernel& kernel = entered("recvmmsg");
-    const auto socket = kernel.fileOf<DatagramSocket>(fd, "recvmmsg");
-    int result = kernel.interrupted();
-    if (result == 0)
-        result = kernel.fault(kernel.weather.noMemory, {ENOMEM});
-    for (unsigned int i = 0; i < count && result == static_cast<int>(i); ++i) {
-        const long got = socket->receive(&messages[i].msg_hdr, flags);
-        if (got >= 0)
-            messages[i].msg_len = static_cast<unsigned int>(got);
-        result = got >= 0 ? result + 1 : i > 0 ? result : static_cast<int>(got);
-    }
-    return told(result, "recvmmsg", fd);
+    return call<DatagramSocket>("recvmmsg", fd, [=](DatagramSocket& socket) {
+        return forEach(messages, count, [&](msghdr& message) { return socket.receive(&message, flags); });
+    });
 }
 
 // --- names and memory ----------------------------------------------------------------------------------
@@ -369,7 +323,8 @@ int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, ti
 int __real_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list);
 int __wrap_getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list)
 {
-    Kernel& kernel = entered("getaddrinfo");
+    Kernel& kernel = Kernel::get();
+    kernel.enter("getaddrinfo");
     Scheduler& scheduler = Scheduler::get();
     const Time answer = scheduler.now()
         + (kernel.chance(kernel.weather.stall * 10) ? kernel.random().below(60000 * kMs) : kernel.delay());

@@ -2,11 +2,8 @@
 // groups.
 #pragma once
 
-#include "sim/Address.h"
 #include "sim/Kernel.h"
 
-#include <deque>
-#include <functional>
 #include <set>
 
 namespace sim
@@ -16,35 +13,33 @@ struct Run {
     Address from;
     std::string bytes;
     std::size_t nSegment = 0; // 0: one datagram
+
+    std::vector<std::string> datagrams() const;
 };
 
-class DatagramSocket : public File
+class DatagramSocket : public Socket
 {
 public:
     explicit DatagramSocket(int family);
-    ~DatagramSocket() override;
 
     unsigned int poll() override;
-    void released() override { local.nPort = 0; } // what is on its way finds nobody
-
-    int bind(const Address& address);
-    // Bytes sent; a run's size stands in a control record.
-    long send(const msghdr& message, int flags);
-    long receive(msghdr* message, int flags);
-    int join(const Address& group);
-    int setOption(int level, int name, const void* value, socklen_t size);
+    void released() override; // what is on its way finds nobody
+    int bind(const Address& address) override;
+    long send(const msghdr& message, int flags) override; // a run's size stands in a control record
+    long receive(msghdr* message, int flags) override;
+    int setOption(int level, int name, const void* value, socklen_t size) override;
 
     // What a peer without a descriptor does.
-    void transmit(const Address& to, const std::string& bytes, std::size_t segment);
+    void transmit(const Address& to, Run run);
+    int join(const Address& group);
     std::function<void(const Run&)> onRun; // in place of a queue
-
-    Address local;
 
 private:
     bool hears(const Address& to) const;
     void arrive(const Run& run);
     void deliver(const Address& to, const Run& run, Time due);
     bool appendToRun(const Run& run);
+    void tellRoom();
 
     bool m_bReuse = false;
     bool m_bAllGroups = true;
@@ -52,10 +47,7 @@ private:
     std::set<Address> m_groups;
     std::deque<Run> m_received;
     std::size_t m_nQueued = 0;
-    std::size_t m_nReceiveLimit = 212992;
-    std::size_t m_nSendLimit = 212992;
     std::size_t m_nOnWire = 0;
-    bool m_bNoSpace = false;
     Time m_nLastDue = 0; // datagrams keep their order unless the weather says so
 };
 } // namespace sim

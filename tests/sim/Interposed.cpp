@@ -1,18 +1,14 @@
 // What shared libraries call: symbols of this program come before those of the C library. Clocks, waiting,
 // threads and randomness; before a run begins they are the real system's.
 #include "sim/Kernel.h"
-#include "sim/Report.h"
-#include "sim/Scheduler.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
-#include <ctime>
 #include <list>
 #include <utility>
 
-#include <dlfcn.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -21,41 +17,13 @@ using namespace sim;
 
 namespace
 {
-constexpr Time kEpochMs = 1700000000000; // when the clock of the wall stood at 0 on the other
-
-long systemCall(long number, long a, long b, long c, long d = 0, long e = 0, long f = 0)
-{
-    register long r10 __asm__("r10") = d;
-    register long r8 __asm__("r8") = e;
-    register long r9 __asm__("r9") = f;
-    long result = number;
-    __asm__ volatile("syscall"
-                     : "+a"(result)
-                     : "D"(a), "S"(b), "d"(c), "r"(r10), "r"(r8), "r"(r9)
-                     : "rcx", "r11", "memory");
-    if (result >= 0 || result < -4095)
-        return result;
-    errno = static_cast<int>(-result);
-    return -1;
-}
-
-Time timeOf(const timespec& time)
-{
-    return static_cast<Time>(time.tv_sec) * 1000 * kMs + static_cast<Time>(time.tv_nsec);
-}
-
-timespec recordOf(Time time)
-{
-    return {static_cast<time_t>(time / (1000 * kMs)), static_cast<long>(time % (1000 * kMs))};
-}
-
-Time wallClock() { return Scheduler::get().now() + kEpochMs * kMs; }
+constexpr Time kEpoch = 1700000000000 * kMs; // when the clock of the wall stood at 0 on the other
 
 // Of either clock, told by its size, in our time.
 Time deadlineOf(const timespec& time)
 {
     const Time value = timeOf(time);
-    return value >= kEpochMs * kMs ? value - kEpochMs * kMs : value;
+    return value >= kEpoch ? value - kEpoch : value;
 }
 
 // Who waits for a condition or for a word of memory, in the order of coming.
@@ -82,10 +50,8 @@ int wakeUp(const void* what, int most)
 {
     int woken = 0;
     for (Waiter& waiter : waiters()) {
-        if (waiter.what != what || waiter.bWoken || woken == most)
-            continue;
-        waiter.bWoken = true;
-        ++woken;
+        if (waiter.what == what && woken < most)
+            woken += std::exchange(waiter.bWoken, true) ? 0 : 1;
     }
     return woken;
 }
@@ -99,63 +65,31 @@ int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, Time dea
     return bWoken ? 0 : ETIMEDOUT;
 }
 
-// What FUTEX_WAKE_OP does to its second word (futex(2)); everybody who waits there is woken besides, and
-// looks again.
-void changeWord(int* word, unsigned int code)
+long waitForWord(const int* word, int value, Time deadline)
 {
-    const auto argument = static_cast<int>(code << 8U) >> 20;
-    const int value = (code >> 31U) != 0 ? 1 << argument : argument;
-    switch (code >> 28U & 7U) {
-    case FUTEX_OP_SET:
-        __atomic_store_n(word, value, __ATOMIC_SEQ_CST);
-        break;
-    case FUTEX_OP_ADD:
-        __atomic_fetch_add(word, value, __ATOMIC_SEQ_CST);
-        break;
-    case FUTEX_OP_OR:
-        __atomic_fetch_or(word, value, __ATOMIC_SEQ_CST);
-        break;
-    case FUTEX_OP_ANDN:
-        __atomic_fetch_and(word, ~value, __ATOMIC_SEQ_CST);
-        break;
-    default:
-        __atomic_fetch_xor(word, value, __ATOMIC_SEQ_CST);
-    }
+    const bool bIsSo = __atomic_load_n(word, __ATOMIC_SEQ_CST) == value;
+    if (bIsSo && waitOn(word, "a futex", deadline))
+        return 0;
+    errno = bIsSo ? ETIMEDOUT : EAGAIN;
+    return -1;
 }
 
-long futex(int* word, int operation, int value, long four, int* word2, unsigned int code)
+long futex(int* word, int operation, int value, const timespec* time, int* word2, unsigned int code)
 {
     switch (operation & FUTEX_CMD_MASK) {
     case FUTEX_WAIT:
-    case FUTEX_WAIT_BITSET: {
-        if (__atomic_load_n(word, __ATOMIC_SEQ_CST) != value) {
-            errno = EAGAIN;
-            return -1;
-        }
-        const auto* time = reinterpret_cast<const timespec*>(four);
-        const bool bRelative = (operation & FUTEX_CMD_MASK) == FUTEX_WAIT;
-        const Time deadline = time == nullptr ? kNever
-            : bRelative                       ? Scheduler::get().now() + timeOf(*time)
-                                              : deadlineOf(*time);
-        if (waitOn(word, "a futex", deadline))
-            return 0;
-        errno = ETIMEDOUT;
-        return -1;
-    }
-    case FUTEX_WAKE_OP:
-        changeWord(word2, code);
+        return waitForWord(word, value, time == nullptr ? kNever : Scheduler::get().now() + timeOf(*time));
+    case FUTEX_WAIT_BITSET:
+        return waitForWord(word, value, time == nullptr ? kNever : deadlineOf(*time));
+    case FUTEX_WAKE_OP: // of a QSemaphore, which does not change the second word
+        if (code >> 28U != FUTEX_OP_OR || (code >> 12U & 0xfffU) != 0)
+            fail("futex operation %x on the second word is not simulated", code);
         return wakeUp(word, value) + wakeUp(word2, INT_MAX);
     case FUTEX_WAKE:
         return wakeUp(word, value);
     default:
         fail("futex operation %d is not simulated", operation);
     }
-}
-
-template <class Function>
-Function real(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 } // namespace
 
@@ -172,10 +106,11 @@ extern "C" {
 int clock_gettime(clockid_t clock, timespec* time)
 {
     if (!Scheduler::isActive())
-        return static_cast<int>(systemCall(SYS_clock_gettime, clock, reinterpret_cast<long>(time), 0));
+        return real(&clock_gettime, "clock_gettime")(clock, time);
     Scheduler::get().pass(30); // so that who waits for the time sees it pass
     const bool bWall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-    *time = recordOf(bWall ? wallClock() : Scheduler::get().now());
+    const Time now = Scheduler::get().now() + (bWall ? kEpoch : 0);
+    *time = {static_cast<time_t>(now / (1000 * kMs)), static_cast<long>(now % (1000 * kMs))};
     return 0;
 }
 
@@ -199,8 +134,7 @@ time_t time(time_t* out) noexcept
 int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left)
 {
     if (!Scheduler::isActive())
-        return static_cast<int>(-systemCall(
-            SYS_clock_nanosleep, clock, flags, reinterpret_cast<long>(wanted), reinterpret_cast<long>(left)));
+        return real(&clock_nanosleep, "clock_nanosleep")(clock, flags, wanted, left);
     const Time now = Scheduler::get().now();
     const bool bAbsolute = (flags & TIMER_ABSTIME) != 0;
     Scheduler::get().wait(
@@ -218,22 +152,22 @@ int nanosleep(const timespec* wanted, timespec* left)
 int pthread_create(
     pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument) noexcept
 {
-    using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     if (!Scheduler::isActive())
-        return real<Create>("pthread_create")(thread, attributes, run, argument);
+        return real(&pthread_create, "pthread_create")(thread, attributes, run, argument);
     Kernel& kernel = Kernel::get();
     if (kernel.chance(kernel.weather.noThread)) {
         trace("pthread_create() = EAGAIN");
         return EAGAIN;
     }
-    return Scheduler::get().createThread(thread, attributes, run, argument);
+    return Scheduler::get().createThread(thread, run, argument);
 }
 
 int pthread_join(pthread_t thread, void** result)
 {
-    using Join = int (*)(pthread_t, void**);
-    return Scheduler::isActive() ? Scheduler::get().joinThread(thread, result)
-                                 : real<Join>("pthread_join")(thread, result);
+    if (!Scheduler::isActive())
+        return real(&pthread_join, "pthread_join")(thread, result);
+    Scheduler::get().joinThread(thread); // nobody asks for a result
+    return 0;
 }
 
 int sched_yield() noexcept
@@ -281,9 +215,10 @@ long syscall(long number, ...) noexcept
         argument = va_arg(list, long);
     va_end(list);
     if (number == SYS_futex && Scheduler::isActive())
-        return futex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]), static_cast<int>(a[2]), a[3],
-            reinterpret_cast<int*>(a[4]), static_cast<unsigned int>(a[5]));
-    return systemCall(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+        return futex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]), static_cast<int>(a[2]),
+            reinterpret_cast<const timespec*>(a[3]), reinterpret_cast<int*>(a[4]),
+            static_cast<unsigned int>(a[5]));
+    return real(&syscall, "syscall")(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
 // --- randomness ----------------------------------------------------------------------------------------
@@ -291,8 +226,7 @@ long syscall(long number, ...) noexcept
 int getentropy(void* out, std::size_t size)
 {
     if (!Scheduler::isActive())
-        return systemCall(SYS_getrandom, reinterpret_cast<long>(out), static_cast<long>(size), 0) < 0 ? -1
-                                                                                                      : 0;
+        return real(&getentropy, "getentropy")(out, size);
     auto* bytes = static_cast<unsigned char*>(out);
     std::generate(
         bytes, bytes + size, [] { return static_cast<unsigned char>(Kernel::get().random().next()); });

@@ -12,7 +12,25 @@ namespace sim
 namespace
 {
 constexpr std::uint64_t kMostCalls = 1'000'000; // of one run: it spins
-}
+
+// What may go wrong with a call before it has done anything. What goes wrong on the way stands where it does.
+const struct Fault {
+    std::vector<std::string_view> calls;
+    double Weather::*probability;
+    std::vector<int> errors;
+} kFaults[] = {
+    {{"close", "poll", "ppoll", "accept4", "send", "sendmsg", "sendto", "sendmmsg", "recv", "recvmsg",
+         "recvmmsg"},
+        &Weather::interrupt, {EINTR}},
+    {{"socket", "epoll_create1", "eventfd"}, &Weather::noDescriptor, {EMFILE, ENFILE, ENOMEM}},
+    {{"accept4"}, &Weather::noDescriptor, {EMFILE, ENFILE}},
+    {{"accept4", "setsockopt", "send", "sendmsg", "recv", "recvmsg"}, &Weather::noMemory, {ENOBUFS, ENOMEM}},
+    {{"epoll_ctl ADD"}, &Weather::noMemory, {ENOSPC, ENOMEM}},
+    {{"bind"}, &Weather::noMemory, {ENOMEM, ENOBUFS, EADDRINUSE}},
+    {{"listen"}, &Weather::noMemory, {EADDRINUSE}},
+    {{"recvmmsg"}, &Weather::noMemory, {ENOMEM}},
+};
+} // namespace
 
 void File::wake(unsigned int events)
 {
@@ -21,6 +39,20 @@ void File::wake(unsigned int events)
     if (onWake)
         onWake();
 }
+
+int Socket::setOption(int level, int name, const void* value, socklen_t size)
+{
+    int number = 0;
+    std::memcpy(&number, value, std::min<std::size_t>(size, sizeof number));
+    const auto doubled = 2 * static_cast<std::size_t>(std::clamp(number, 1152, 1 << 20));
+    if (level == SOL_SOCKET && name == SO_RCVBUF)
+        m_nReceiveLimit = doubled;
+    else if (level == SOL_SOCKET && name == SO_SNDBUF)
+        m_nSendLimit = doubled;
+    return 0;
+}
+
+int Socket::option(int, int, void*, socklen_t*) { return -ENOPROTOOPT; }
 
 Kernel& Kernel::get()
 {
@@ -39,41 +71,39 @@ void Kernel::enter(const char* call)
         scheduler.yield();
 }
 
-int Kernel::fault(double probability, std::initializer_list<int> errors)
+int Kernel::fault(double probability, const std::vector<int>& errors)
 {
-    return chance(probability) ? -*(errors.begin() + random().below(errors.size())) : 0;
+    return chance(probability) ? -errors[random().below(errors.size())] : 0;
 }
 
-int Kernel::open(const std::shared_ptr<File>& file)
+int Kernel::faultOf(const char* call)
+{
+    int error = 0;
+    for (const Fault& row : kFaults) {
+        if (error == 0 && std::find(row.calls.begin(), row.calls.end(), call) != row.calls.end())
+            error = fault(weather.*row.probability, row.errors);
+    }
+    return error;
+}
+
+int Kernel::open(File& file)
 {
     if (!hasRoom())
         return -EMFILE;
     int fd = kFirstDescriptor;
-    for (const auto& [taken, other] : m_files) {
-        if (taken != fd)
-            break;
+    while (m_files.count(fd) != 0)
         ++fd;
-    }
-    m_files.emplace(fd, file);
+    m_files.emplace(fd, &file);
     return fd;
 }
 
-int Kernel::close(int fd)
+void Kernel::close(int fd)
 {
-    const std::shared_ptr<File> closed = file(fd, "close");
+    File& closed = file(fd, "close");
     m_files.erase(fd);
-    while (!closed->watchers.empty())
-        closed->watchers.back()->remove(*closed);
-    closed->released();
-    return 0;
-}
-
-std::shared_ptr<File> Kernel::file(int fd, const char* call)
-{
-    const auto found = m_files.find(fd);
-    if (found == m_files.end())
-        fail("%s(%d): the descriptor is not open", call, fd);
-    return found->second;
+    while (!closed.watchers.empty())
+        closed.watchers.back()->remove(closed);
+    closed.released();
 }
 
 std::string Kernel::describeOpen() const
@@ -81,60 +111,33 @@ std::string Kernel::describeOpen() const
     std::string text;
     for (const auto& [fd, file] : m_files) {
         const File& open = *file;
-        text += (text.empty() ? "" : ", ") + std::to_string(fd) + " " + typeid(open).name();
+        text += " " + std::to_string(fd) + " " + typeid(open).name();
     }
     return text;
 }
 
-std::size_t sizeOf(const iovec* ranges, std::size_t count)
+std::size_t sizeOf(const msghdr& message)
 {
     std::size_t size = 0;
-    for (std::size_t i = 0; i < count; ++i)
-        size += ranges[i].iov_len;
+    for (std::size_t i = 0; i < message.msg_iovlen; ++i)
+        size += message.msg_iov[i].iov_len;
     return size;
 }
 
-void ByteQueue::append(const iovec* ranges, std::size_t count, std::size_t size)
+std::string gather(const msghdr& message, std::size_t size)
 {
-    for (std::size_t i = 0; i < count && size > 0; ++i) {
-        const std::size_t step = std::min(size, ranges[i].iov_len);
-        append(static_cast<const char*>(ranges[i].iov_base), step);
-        size -= step;
-    }
-}
-
-std::size_t ByteQueue::take(const iovec* ranges, std::size_t count, std::size_t most)
-{
-    std::size_t taken = 0;
-    for (std::size_t i = 0; i < count && taken < most; ++i) {
-        const std::size_t step = std::min({most - taken, ranges[i].iov_len, size()});
-        if (step > 0)
-            std::memcpy(ranges[i].iov_base, data(), step);
-        drop(step);
-        taken += step;
-    }
-    return taken;
-}
-
-std::string ByteQueue::take(std::size_t most)
-{
-    std::string bytes(data(), std::min(most, size()));
-    drop(bytes.size());
+    std::string bytes;
+    for (const iovec* range = message.msg_iov; bytes.size() < size; ++range)
+        bytes.append(static_cast<char*>(range->iov_base), std::min(range->iov_len, size - bytes.size()));
     return bytes;
 }
 
-void ByteQueue::drop(std::size_t size)
+std::size_t scatter(std::string_view bytes, const msghdr& message)
 {
-    m_nTaken += size;
-    if (m_nTaken * 2 >= m_bytes.size()) {
-        m_bytes.erase(0, m_nTaken);
-        m_nTaken = 0;
-    }
-}
-
-void ByteQueue::clear()
-{
-    m_bytes.clear();
-    m_nTaken = 0;
+    std::size_t taken = 0;
+    for (std::size_t i = 0; i < message.msg_iovlen && taken < bytes.size(); ++i)
+        taken
+            += bytes.copy(static_cast<char*>(message.msg_iov[i].iov_base), message.msg_iov[i].iov_len, taken);
+    return taken;
 }
 } // namespace sim

@@ -1,16 +1,17 @@
-// The simulated kernel: descriptors, what they stand for, and what fails.
+// The simulated kernel: descriptors, what they stand for, and what fails. Calls return 0, a count or a
+// descriptor, or an errno below 0.
 #pragma once
 
-#include "sim/Random.h"
+#include "sim/Address.h"
 #include "sim/Report.h"
 #include "sim/Scheduler.h"
 #include "sim/Weather.h"
 
-#include <initializer_list>
+#include <deque>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/socket.h>
@@ -18,14 +19,17 @@
 
 namespace sim
 {
-// Calls return 0, a count or a descriptor, or an errno below 0.
 class Epoll;
 
 // What a descriptor stands for.
-class File : public std::enable_shared_from_this<File>
+class File
 {
 public:
+    File() = default;
     virtual ~File() = default;
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
     virtual unsigned int poll() = 0; // EPOLLIN and its kin, as they are now
     virtual void released() { } // the descriptor was closed
     // Something has happened: 0 stands for everything.
@@ -34,6 +38,25 @@ public:
     bool bNonBlocking = false;
     std::vector<Epoll*> watchers;
     std::function<void()> onWake; // of a peer that has no descriptor
+};
+
+class Socket : public File
+{
+public:
+    explicit Socket(int family) { local.nFamily = family; }
+
+    virtual int bind(const Address& address) = 0;
+    virtual long send(const msghdr& message, int flags) = 0; // never waits, nor does
+    virtual long receive(msghdr* message, int flags) = 0;
+    virtual int setOption(int level, int name, const void* value, socklen_t size);
+    virtual int option(int level, int name, void* value, socklen_t* size);
+
+    Address local;
+
+protected:
+    std::size_t m_nReceiveLimit = 131072;
+    std::size_t m_nSendLimit = 65536;
+    bool m_bNoSpace = false; // somebody was refused room, and is told when there is some
 };
 
 class Kernel
@@ -52,53 +75,58 @@ public:
     // A system call begins: time passes, what is due happens, another thread may go on.
     void enter(const char* call);
     // One of those errors, below 0, or 0.
-    int fault(double probability, std::initializer_list<int> errors);
-    int interrupted() { return fault(weather.interrupt, {EINTR}); }
-    int outOfMemory() { return fault(weather.noMemory, {ENOBUFS, ENOMEM}); }
+    int fault(double probability, const std::vector<int>& errors);
+    int faultOf(const char* call); // as the table says
 
-    bool hasRoom() const { return static_cast<int>(m_files.size()) < weather.nDescriptors; }
-    int open(const std::shared_ptr<File>& file); // the lowest that is free
-    int close(int fd);
-    // Using a descriptor that is not open is a fault of the library, and ends the run.
-    std::shared_ptr<File> file(int fd, const char* call);
-    template <class Kind>
-    std::shared_ptr<Kind> fileOf(int fd, const char* call)
+    // Lives until the run ends: whoever still waits for it, or is on the way to it, finds it.
+    template <class Kind, class... Arguments>
+    Kind& make(Arguments&&... arguments)
     {
-        const auto found = std::dynamic_pointer_cast<Kind>(file(fd, call));
-        if (!found)
-            fail("%s(%d): not such a descriptor", call, fd);
-        return found;
+        const auto made = std::make_shared<Kind>(std::forward<Arguments>(arguments)...);
+        m_made.push_back(made);
+        return *made;
+    }
+    bool hasRoom() const { return static_cast<int>(m_files.size()) < weather.nDescriptors; }
+    int open(File& file); // the lowest that is free
+    void close(int fd);
+    // Using a descriptor that is not open, or is another's, is a fault of the library, and ends the run.
+    template <class Kind = File>
+    Kind& file(int fd, const char* call)
+    {
+        const auto found = m_files.find(fd);
+        auto* file = found == m_files.end() ? nullptr : dynamic_cast<Kind*>(found->second);
+        if (file == nullptr)
+            fail("%s(%d): no such descriptor is open", call, fd);
+        return *file;
     }
     std::size_t openDescriptors() const { return m_files.size(); }
     std::string describeOpen() const;
 
     // Names that the resolver knows.
     std::map<std::string, std::vector<std::string>> names;
+    bool bPolledEndlessly = false; // by the last poll(): no timer runs
 
 private:
-    std::map<int, std::shared_ptr<File>> m_files;
+    std::map<int, File*> m_files;
+    std::deque<std::shared_ptr<void>> m_made;
     std::uint64_t m_nCalls = 0;
 };
 
-// Bytes in order, cheap to take from the front.
-class ByteQueue
-{
-public:
-    std::size_t size() const { return m_bytes.size() - m_nTaken; }
-    bool isEmpty() const { return size() == 0; }
-    void append(const char* data, std::size_t size) { m_bytes.append(data, size); }
-    void append(const iovec* ranges, std::size_t count, std::size_t size);
-    std::size_t take(const iovec* ranges, std::size_t count, std::size_t size);
-    std::string take(std::size_t size);
-    void shorten(std::size_t size) { m_bytes.resize(m_nTaken + size); }
-    void clear();
-    const char* data() const { return m_bytes.data() + m_nTaken; }
-    void drop(std::size_t size);
+// Of one range.
+struct Message : msghdr {
+    Message(const void* data, std::size_t size) : msghdr{}, range{const_cast<void*>(data), size}
+    {
+        msg_iov = &range;
+        msg_iovlen = 1;
+    }
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
 
-private:
-    std::string m_bytes;
-    std::size_t m_nTaken = 0;
+    iovec range;
 };
 
-std::size_t sizeOf(const iovec* ranges, std::size_t count);
+std::size_t sizeOf(const msghdr& message);
+std::string gather(const msghdr& message, std::size_t size);
+// As many of the bytes as there is room for.
+std::size_t scatter(std::string_view bytes, const msghdr& message);
 } // namespace sim

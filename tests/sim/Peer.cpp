@@ -1,42 +1,22 @@
 #include "sim/Peer.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
-#include <netinet/udp.h>
-
 namespace sim
 {
-Peer::Peer(std::shared_ptr<StreamSocket> socket)
-    : m_pSocket(std::move(socket)), m_bConnecting(!m_pSocket->isConnected())
-{
-}
-
-Peer::~Peer() { finish(); }
-
 void Peer::start()
 {
     if (m_pSocket == nullptr) // reset at once
         return;
-    const std::weak_ptr<Peer> self = weak_from_this();
-    m_pSocket->onWake = [self] {
-        if (const auto peer = self.lock())
-            peer->serveLater();
-    };
+    m_pSocket->onWake = [this] { serveLater(); };
     serveLater();
 }
 
 void Peer::serveLater()
 {
-    if (m_bDue || m_pSocket == nullptr)
-        return;
-    m_bDue = true;
-    const std::weak_ptr<Peer> self = weak_from_this();
-    Scheduler::get().after(Kernel::get().delay() / 4, [self] {
-        if (const auto peer = self.lock())
-            peer->serve();
-    });
+    if (m_pSocket != nullptr && !std::exchange(m_bDue, true))
+        Scheduler::get().after(Kernel::get().delay() / 4, [this] { serve(); });
 }
 
 void Peer::serve()
@@ -57,11 +37,11 @@ void Peer::serve()
 // True when there may be more.
 bool Peer::readSome()
 {
-    std::string bytes(Kernel::get().random().size(262144), '\0');
-    const iovec range{bytes.data(), bytes.size()};
-    const long got = m_pSocket->receive(&range, 1, MSG_DONTWAIT);
+    QByteArray bytes(static_cast<int>(Kernel::get().random().size(262144)), Qt::Uninitialized);
+    Message message(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    const long got = m_pSocket->receive(&message, 0);
     if (got > 0 && onBytes)
-        onBytes(QByteArray(bytes.data(), static_cast<int>(got)));
+        onBytes(bytes.left(static_cast<int>(got)));
     if (got == 0 && !std::exchange(m_bEndSeen, true) && onEnd)
         onEnd();
     if (got < 0 && got != -EAGAIN) {
@@ -75,16 +55,11 @@ bool Peer::readSome()
 
 void Peer::flush()
 {
-    while (m_pSocket != nullptr && m_out.size() > 0) {
-        const iovec range{const_cast<char*>(m_out.data()), m_out.size()};
-        const long sent = m_pSocket->send(&range, 1, MSG_DONTWAIT);
+    while (m_pSocket != nullptr && !m_out.empty()) {
+        const long sent = m_pSocket->send(Message(m_out.data(), m_out.size()), 0);
         if (sent == -EAGAIN)
             return;
-        if (sent < 0) { // reading tells why
-            m_out.clear();
-            break;
-        }
-        m_out.drop(static_cast<std::size_t>(sent));
+        m_out.erase(0, sent < 0 ? m_out.size() : static_cast<std::size_t>(sent)); // reading tells why
     }
     if (m_pSocket == nullptr || m_bConnecting)
         return;
@@ -96,24 +71,21 @@ void Peer::flush()
 
 void Peer::finish()
 {
-    if (m_pSocket == nullptr)
-        return;
-    m_pSocket->onWake = nullptr;
-    std::exchange(m_pSocket, nullptr)->released();
-    m_out = ByteQueue(); // peers live as long as the world
+    if (m_pSocket != nullptr)
+        std::exchange(m_pSocket, nullptr)->released();
+    std::string().swap(m_out);
 }
 
 void Peer::write(const QByteArray& bytes)
 {
-    m_out.append(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    m_out += bytes.toStdString();
     serveLater();
 }
 
 void Peer::writeUrgent(char byte)
 {
     flush();
-    const iovec range{&byte, 1};
-    if (m_pSocket == nullptr || m_out.size() > 0 || m_pSocket->send(&range, 1, MSG_DONTWAIT | MSG_OOB) < 0)
+    if (m_pSocket == nullptr || !m_out.empty() || m_pSocket->send(Message(&byte, 1), MSG_OOB) < 0)
         write(QByteArray(1, byte));
 }
 
@@ -131,9 +103,8 @@ void Peer::close()
 
 void Peer::reset()
 {
-    if (m_pSocket == nullptr)
-        return;
-    m_pSocket->reset();
+    if (m_pSocket != nullptr)
+        m_pSocket->reset();
     finish();
 }
 
@@ -143,54 +114,23 @@ void Peer::stall(bool bStalled)
     serveLater();
 }
 
-// --- datagrams -----------------------------------------------------------------------------------------
-
-UdpPeer::UdpPeer(const Address& address) : m_pSocket(std::make_shared<DatagramSocket>(address.nFamily))
+UdpPeer::UdpPeer(const Address& address) : m_socket(Kernel::get().make<DatagramSocket>(address.nFamily))
 {
     const int on = 1;
     const int off = 0;
-    m_pSocket->setOption(SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    m_pSocket->setOption(IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
-    m_pSocket->local = address;
-    m_pSocket->onRun = [this](const Run& run) {
-        const std::size_t step = run.nSegment > 0 ? run.nSegment : std::max<std::size_t>(run.bytes.size(), 1);
-        for (std::size_t at = 0; onDatagram && (at == 0 || at < run.bytes.size()); at += step)
-            onDatagram(run.from, QByteArray::fromStdString(run.bytes.substr(at, step)));
+    m_socket.setOption(SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    m_socket.setOption(IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
+    m_socket.local = address;
+    m_socket.onRun = [this](const Run& run) {
+        for (const std::string& bytes : run.datagrams()) {
+            if (onDatagram)
+                onDatagram(run.from, QByteArray::fromStdString(bytes));
+        }
     };
 }
 
 void UdpPeer::send(const Address& to, const QByteArray& bytes, std::size_t segment)
 {
-    m_pSocket->transmit(to, bytes.toStdString(), segment);
-}
-
-void UdpPeer::join(const Address& group) { m_pSocket->join(group.withPort(0)); }
-
-// --- listening -----------------------------------------------------------------------------------------
-
-PeerListener::PeerListener(
-    const Address& address, std::function<void(const std::shared_ptr<Peer>&)> accepted, int backlog)
-    : m_pSocket(std::make_shared<StreamSocket>(address.nFamily))
-{
-    m_pSocket->local = address;
-    if (m_pSocket->listen(backlog) != 0)
-        fail("%s has a listener already", address.text().c_str());
-    const std::weak_ptr<StreamSocket> listener = m_pSocket;
-    m_pSocket->onWake = [listener, accepted] {
-        Scheduler::get().after(Kernel::get().delay(), [listener, accepted] {
-            const auto socket = listener.lock();
-            while (auto connection = socket ? socket->takeAccepted() : nullptr) {
-                const auto peer = std::make_shared<Peer>(std::move(connection));
-                accepted(peer);
-                peer->start();
-            }
-        });
-    };
-}
-
-PeerListener::~PeerListener()
-{
-    m_pSocket->onWake = nullptr;
-    m_pSocket->released();
+    m_socket.transmit(to, {{}, bytes.toStdString(), segment});
 }
 } // namespace sim

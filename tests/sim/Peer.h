@@ -17,10 +17,7 @@ namespace sim
 class Peer : public std::enable_shared_from_this<Peer>
 {
 public:
-    explicit Peer(std::shared_ptr<StreamSocket> socket);
-    ~Peer();
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
+    explicit Peer(StreamSocket& socket) : m_pSocket(&socket), m_bConnecting(!socket.isConnected()) { }
 
     std::function<void()> onConnected; // of one that dials
     std::function<void(const QByteArray&)> onBytes; // cut anywhere
@@ -38,17 +35,18 @@ public:
     bool isOver() const { return m_pSocket == nullptr || m_bOver; }
     std::size_t unsent() const { return m_out.size(); }
 
-    void start(); // of whoever made it, once the handlers are set
+    // Of whoever made it:
+    void start(); // once the handlers are set
+    void finish(); // no handler is called any more
 
 private:
     void serveLater();
     void serve();
     void flush();
     bool readSome();
-    void finish();
 
-    std::shared_ptr<StreamSocket> m_pSocket;
-    ByteQueue m_out;
+    StreamSocket* m_pSocket; // null when it is finished
+    std::string m_out;
     bool m_bConnecting;
     bool m_bDue = false;
     bool m_bStalled = false;
@@ -62,27 +60,17 @@ class UdpPeer
 {
 public:
     explicit UdpPeer(const Address& address);
+    ~UdpPeer() { m_socket.released(); }
+    UdpPeer(const UdpPeer&) = delete;
+    UdpPeer& operator=(const UdpPeer&) = delete;
+
     std::function<void(const Address& from, const QByteArray& bytes)> onDatagram;
     // With a segment size: a run of datagrams that may arrive as one.
     void send(const Address& to, const QByteArray& bytes, std::size_t segment = 0);
-    void join(const Address& group);
-    const Address& address() const { return m_pSocket->local; }
+    void join(const Address& group) { m_socket.join(group.withPort(0)); }
+    const Address& address() const { return m_socket.local; }
 
 private:
-    std::shared_ptr<DatagramSocket> m_pSocket;
-};
-
-// Accepts whoever connects, and hands out a peer for each.
-class PeerListener
-{
-public:
-    PeerListener(
-        const Address& address, std::function<void(const std::shared_ptr<Peer>&)> accepted, int backlog);
-    ~PeerListener();
-    PeerListener(const PeerListener&) = delete;
-    PeerListener& operator=(const PeerListener&) = delete;
-
-private:
-    std::shared_ptr<StreamSocket> m_pSocket;
+    DatagramSocket& m_socket;
 };
 } // namespace sim

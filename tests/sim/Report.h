@@ -9,17 +9,15 @@
 namespace sim
 {
 struct Report {
-    static constexpr std::size_t kRing = 1U << 17;
+    static constexpr std::size_t kLast = 40;
 
-    char ring[kRing]; // the last lines
-    std::uint64_t nWritten; // bytes of all lines
+    char lines[kLast][512]; // the last ones, in a ring
+    std::uint64_t nLines; // of the whole trace
     std::uint64_t nHash; // of all lines
-    std::uint64_t nLines;
     std::uint64_t nTime; // virtual, ns
     char failure[2048];
 
-    // Of this process: null until a run begins.
-    static Report* current;
+    static Report* current; // of this process
     static std::FILE* text; // where each line goes besides, or null
 };
 

@@ -1,18 +1,15 @@
-#include "sim/Run.h"
-
-#include "sim/Dispatcher.h"
-
-#include "platform/Thread_p.h"
+#include "sim/World.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
+#include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QThread>
 
 #include <openssl/rand.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <memory>
+#include <thread>
 
 #include <malloc.h>
 #include <unistd.h>
@@ -28,11 +25,6 @@ namespace
 constexpr unsigned int kPatience = 120; // seconds of real time: then it hangs
 
 constexpr Time kLookups = 100'000 * kMs;
-
-struct Job {
-    const Scenario& scenario;
-    std::uint64_t nSeed;
-};
 
 void logToTrace(QtMsgType, const QMessageLogContext&, const QString& text)
 {
@@ -58,23 +50,24 @@ void fixRandomness(std::uint64_t seed)
 QT_WARNING_POP
 
 // With an application object and the library, as a program has them.
-void* runScenario(void* argument)
+void runScenario(const Scenario& scenario, std::uint64_t seed)
 {
-    const Job& job = *static_cast<Job*>(argument);
     int argc = 1;
     char name[] = "sim";
     char* argv[] = {name, nullptr};
-    QCoreApplication::setEventDispatcher(std::make_unique<Dispatcher>().release()); // Qt deletes it
     const QCoreApplication application(argc, argv);
     KepNuvikaUtilInit(); // in fine weather
     {
-        World world(job.nSeed);
-        job.scenario.run(world);
+        World world(seed);
+        scenario.run(world);
         world.weather() = Weather();
         world.run(1000); // what was left to be done later
     }
     KepNuvikaUtilCleanup();
-    return nullptr;
+    QAbstractEventDispatcher::instance()->wakeUp();
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    if (!Kernel::get().bPolledEndlessly)
+        fail("timers are left");
 }
 } // namespace
 
@@ -92,11 +85,7 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
     scheduler.start(mixed);
     const Time begin = scheduler.now();
     fixRandomness(mixed);
-    Job job{scenario, mixed};
-    pthread_t thread{};
-    if (scheduler.createThread(&thread, nullptr, &runScenario, &job) != 0)
-        fail("no thread can be had");
-    scheduler.joinThread(thread, nullptr);
+    std::thread([&] { runScenario(scenario, mixed); }).join();
     // A lookup that hangs outlives the library's clean-up.
     scheduler.wait(
         "the last threads", [&] { return scheduler.threads() == 1; }, scheduler.now() + kLookups);
@@ -113,15 +102,3 @@ void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
     _exit(0);
 }
 } // namespace sim
-
-// Threads that Qt starts get a dispatcher of ours. A refused one is refused by pthread_create.
-extern "C" bool __real__ZN6Nuvika7Threads5startER7QThread(QThread& thread);
-extern "C" bool __wrap__ZN6Nuvika7Threads5startER7QThread(QThread& thread)
-{
-    auto dispatcher = std::make_unique<sim::Dispatcher>();
-    thread.setEventDispatcher(dispatcher.get());
-    if (!__real__ZN6Nuvika7Threads5startER7QThread(thread))
-        return false;
-    static_cast<void>(dispatcher.release()); // the thread deletes it
-    return true;
-}

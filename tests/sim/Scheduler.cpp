@@ -3,11 +3,10 @@
 #include "sim/Report.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <string>
 
-#include <dlfcn.h>
 #include <semaphore.h>
+#include <sys/mman.h>
 
 namespace sim
 {
@@ -29,19 +28,11 @@ struct Scheduler::Thread {
     pthread_t handle{};
     void* (*run)(void*) = nullptr;
     void* argument = nullptr;
-    void* result = nullptr;
-    bool bEnded = false;
 };
 
 namespace
 {
-using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-using Join = int (*)(pthread_t, void**);
-template <class Function>
-Function real(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
+constexpr std::size_t kStack = 1U << 21;
 constexpr std::intptr_t kEndRounds = 3; // of destructors of thread-local data, before the thread is gone
 } // namespace
 
@@ -58,10 +49,8 @@ void Scheduler::start(std::uint64_t seed)
     m_nNow = m_random.chance(0.2) ? (0x100000000U - m_random.below(60000)) * kMs
                                   : m_random.between(1000, 100000000) * kMs;
     pthread_key_create(&m_endKey, &Scheduler::threadEnds);
-    m_all.push_back(std::make_unique<Thread>());
-    t_self = m_all.back().get();
-    t_self->handle = pthread_self();
-    m_threads.push_back(t_self);
+    m_threads.push_back(std::make_unique<Thread>());
+    t_self = m_threads.back().get();
     s_bActive = true;
 }
 
@@ -87,9 +76,9 @@ Scheduler::Thread& Scheduler::choose()
         runDueEvents();
         std::vector<Thread*> able;
         Time next = m_events.empty() ? kNever : m_events.begin()->first.first;
-        for (Thread* thread : m_threads) {
+        for (const auto& thread : m_threads) {
             if (thread->canRun(m_nNow))
-                able.push_back(thread);
+                able.push_back(thread.get());
             next = std::min(next, thread->ready == nullptr ? m_nNow : thread->deadline);
         }
         if (!able.empty())
@@ -103,7 +92,7 @@ Scheduler::Thread& Scheduler::choose()
 void Scheduler::deadlock()
 {
     std::string text = "deadlock: nobody can go on, and nothing is to come";
-    for (const Thread* thread : m_threads)
+    for (const auto& thread : m_threads)
         text += "\n  thread " + std::to_string(thread->nNumber) + " waits in " + thread->where;
     fail("%s", text.c_str());
 }
@@ -122,8 +111,8 @@ void Scheduler::handOver(Thread& next)
 // One that has ended is gone wholly before anything else happens: its memory and its stack, too.
 void Scheduler::joinEnded()
 {
-    if (m_pEnded != nullptr)
-        real<Join>("pthread_join")(std::exchange(m_pEnded, nullptr)->handle, nullptr);
+    if (const std::unique_ptr<Thread> ended = std::move(m_pEnded))
+        real(&pthread_join, "pthread_join")(ended->handle, nullptr);
 }
 
 bool Scheduler::wait(const char* where, const std::function<bool()>& ready, Time deadline)
@@ -144,27 +133,24 @@ void Scheduler::yield()
         wait("a yield", [] { return true; });
 }
 
-int Scheduler::createThread(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument)
+int Scheduler::createThread(pthread_t* thread, void* (*run)(void*), void* argument)
 {
     auto created = std::make_unique<Thread>();
     created->nNumber = ++m_nThreads;
     created->run = run;
     created->argument = argument;
     pthread_attr_t joinable;
-    if (attributes != nullptr)
-        joinable = *attributes;
-    else
-        pthread_attr_init(&joinable);
-    pthread_attr_setdetachstate(&joinable, PTHREAD_CREATE_JOINABLE);
-    const int result
-        = real<Create>("pthread_create")(&created->handle, &joinable, &Scheduler::threadMain, created.get());
+    pthread_attr_init(&joinable);
+    // A stack of its own, so that no other thread ever has this one's handle.
+    void* stack = mmap(nullptr, kStack, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    pthread_attr_setstack(&joinable, stack, kStack);
+    const int result = real(&pthread_create, "pthread_create")(
+        &created->handle, &joinable, &Scheduler::threadMain, created.get());
     trace("pthread_create() = %d: thread %d", result, created->nNumber);
     if (result != 0)
         return result;
     *thread = created->handle;
-    m_threads.push_back(created.get());
-    m_all.push_back(std::move(created));
+    m_threads.push_back(std::move(created));
     return 0;
 }
 
@@ -175,7 +161,7 @@ void* Scheduler::threadMain(void* thread)
     get().joinEnded();
     pthread_setspecific(get().m_endKey, reinterpret_cast<void*>(kEndRounds));
     t_self->where = "nothing";
-    return t_self->result = t_self->run(t_self->argument);
+    return t_self->run(t_self->argument);
 }
 
 // After everybody's thread-local data: the baton goes on, and the next thread waits until this one is gone.
@@ -189,23 +175,20 @@ void Scheduler::threadEnds(void* rounds)
     }
     trace("thread ends");
     auto& threads = scheduler.m_threads;
-    threads.erase(std::find(threads.begin(), threads.end(), t_self));
-    t_self->bEnded = true;
+    const auto self
+        = std::find_if(threads.begin(), threads.end(), [](const auto& t) { return t.get() == t_self; });
+    std::unique_ptr<Thread> ended = std::move(*self);
+    threads.erase(self);
     Thread& next = scheduler.choose();
-    scheduler.m_pEnded = t_self;
+    scheduler.m_pEnded = std::move(ended);
     sem_post(&next.gate);
 }
 
-int Scheduler::joinThread(pthread_t thread, void** result)
+void Scheduler::joinThread(pthread_t thread)
 {
-    const auto found = std::find_if(m_all.rbegin(), m_all.rend(),
-        [=](const auto& known) { return pthread_equal(known->handle, thread) != 0; });
-    if (found == m_all.rend())
-        return ESRCH;
-    Thread& joined = **found;
-    wait("pthread_join", [&] { return joined.bEnded; });
-    if (result != nullptr)
-        *result = joined.result;
-    return 0;
+    wait("pthread_join", [=] {
+        return std::none_of(m_threads.begin(), m_threads.end(),
+            [=](const auto& running) { return pthread_equal(running->handle, thread) != 0; });
+    });
 }
 } // namespace sim

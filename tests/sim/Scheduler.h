@@ -8,12 +8,14 @@
 #include "sim/Random.h"
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
 #include <utility>
 #include <vector>
 
+#include <dlfcn.h>
 #include <pthread.h>
 
 namespace sim
@@ -21,6 +23,17 @@ namespace sim
 using Time = std::uint64_t; // ns
 constexpr Time kNever = ~Time{0};
 constexpr Time kMs = 1000000;
+inline Time timeOf(const timespec& time)
+{
+    return static_cast<Time>(time.tv_sec) * 1000 * kMs + static_cast<Time>(time.tv_nsec);
+}
+
+// What the next library calls by that name.
+template <class Function>
+Function real(Function, const char* name)
+{
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
 
 class Scheduler
 {
@@ -44,9 +57,8 @@ public:
     bool wait(const char* where, const std::function<bool()>& ready, Time deadline = kNever);
     void yield();
 
-    int createThread(
-        pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument);
-    int joinThread(pthread_t thread, void** result);
+    int createThread(pthread_t* thread, void* (*run)(void*), void* argument);
+    void joinThread(pthread_t thread);
     int threadNumber() const;
     std::size_t threads() const { return m_threads.size(); } // that run
 
@@ -68,9 +80,8 @@ private:
     std::uint64_t m_nEvents = 0;
     int m_nThreads = 0;
     std::map<std::pair<Time, std::uint64_t>, std::function<void()>> m_events;
-    std::vector<Thread*> m_threads; // in the order of their starts
-    std::vector<std::unique_ptr<Thread>> m_all; // with those that have ended
-    Thread* m_pEnded = nullptr; // still to be joined in earnest
+    std::vector<std::unique_ptr<Thread>> m_threads; // in the order of their starts
+    std::unique_ptr<Thread> m_pEnded; // still to be joined in earnest
     pthread_key_t m_endKey{};
 };
 } // namespace sim

@@ -1,11 +1,8 @@
 #include "sim/StreamSockets.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
 
 namespace sim
@@ -15,28 +12,29 @@ namespace
 constexpr Time kFirstRetry = 1000 * kMs;
 constexpr int kMostAttempts = 7;
 
-std::map<Address, std::weak_ptr<StreamSocket>>& listeners()
+std::map<Address, StreamSocket*>& listeners()
 {
-    static std::map<Address, std::weak_ptr<StreamSocket>> map;
+    static std::map<Address, StreamSocket*> map;
     return map;
 }
 
-// Without a descriptor, and with bytes on the wire.
-std::set<std::shared_ptr<File>>& orphans()
+StreamSocket* listenerAt(const Address& address)
 {
-    static std::set<std::shared_ptr<File>> set;
-    return set;
+    for (const Address& name : {address, address.withoutIp()}) {
+        const auto found = listeners().find(name);
+        if (found != listeners().end())
+            return found->second;
+    }
+    return nullptr;
 }
 
 // Never the port that is connected to: no socket connects to itself.
 std::uint16_t freePort(const Address& remote)
 {
-    static std::uint16_t next = 0;
-    if (next == 0)
-        next = static_cast<std::uint16_t>(Kernel::get().random().below(28000));
+    static std::uint64_t next = Kernel::get().random().below(28000);
     for (;;) {
         const auto port = static_cast<std::uint16_t>(32768 + next++ % 28000);
-        if (port != remote.nPort && !StreamSocket::listenerAt(Address::of("127.0.0.1", port)))
+        if (port != remote.nPort && !listenerAt(Address::of("127.0.0.1", port)))
             return port;
     }
 }
@@ -50,26 +48,10 @@ bool isKnownMachine(const Address& address)
 }
 } // namespace
 
-std::shared_ptr<StreamSocket> StreamSocket::listenerAt(const Address& address)
-{
-    for (const Address& name : {address, address.withoutIp()}) {
-        const auto found = listeners().find(name);
-        if (found != listeners().end())
-            return found->second.lock();
-    }
-    return nullptr;
-}
-
-// --- what is there -------------------------------------------------------------------------------------
-
-std::size_t StreamSocket::roomToSend() const { return m_nSendLimit - std::min(m_nSendLimit, m_wire.size()); }
-
-bool StreamSocket::isWriteable() const { return roomToSend() >= m_wire.size() / 2 && roomToSend() > 0; }
-
 unsigned int StreamSocket::poll()
 {
     if (m_state == eListening)
-        return m_accepted.empty() ? 0U : static_cast<unsigned int>(EPOLLIN);
+        return m_accepted.empty() ? 0U : EPOLLIN;
     unsigned int events = m_nError != 0 ? EPOLLERR : 0U;
     if (m_state == eConnecting)
         return events;
@@ -77,9 +59,9 @@ unsigned int StreamSocket::poll()
         events |= EPOLLHUP;
     if (m_bEndReceived)
         events |= EPOLLIN | EPOLLRDHUP;
-    if (!m_received.isEmpty())
+    if (!m_received.empty())
         events |= EPOLLIN;
-    if (hasUrgent())
+    if (m_nUrgent != kNone)
         events |= EPOLLPRI;
     if (m_bSendShut || isWriteable())
         events |= EPOLLOUT;
@@ -94,8 +76,6 @@ int StreamSocket::bind(const Address& address)
 {
     if (address.nFamily != local.nFamily)
         return -EAFNOSUPPORT;
-    if (const int error = Kernel::get().fault(Kernel::get().weather.noMemory, {ENOMEM, EADDRINUSE}))
-        return error;
     local = address.nPort != 0 ? address : address.withPort(freePort(address));
     return listenerAt(local) ? -EADDRINUSE : 0;
 }
@@ -106,7 +86,7 @@ int StreamSocket::listen(int backlog)
         return -EADDRINUSE;
     m_state = eListening;
     m_nBacklog = static_cast<std::size_t>(std::clamp(backlog, 0, 4096)) + 1;
-    listeners()[local] = std::static_pointer_cast<StreamSocket>(shared_from_this());
+    listeners()[local] = this;
     return 0;
 }
 
@@ -114,8 +94,7 @@ int StreamSocket::connect(const Address& address)
 {
     if (m_state == eConnecting)
         return -EALREADY;
-    if (m_bConnectCalled) {
-        m_bConnectCalled = false; // told once
+    if (std::exchange(m_bConnectCalled, false)) { // told once
         if (m_state == eConnected)
             return 0;
         const int error = takeError();
@@ -130,8 +109,7 @@ int StreamSocket::connect(const Address& address)
     if (const int error = kernel.fault(kernel.weather.refuse / 4, {ENETUNREACH, EADDRNOTAVAIL, ENOBUFS}))
         return error;
     remote = address;
-    const std::uint16_t port = local.nPort != 0 ? local.nPort : freePort(remote);
-    local = sourceFor(remote).withPort(port);
+    local = sourceFor(remote).withPort(local.nPort != 0 ? local.nPort : freePort(remote));
     m_state = eConnecting;
     m_bConnectCalled = true;
     openConnection(0);
@@ -141,25 +119,20 @@ int StreamSocket::connect(const Address& address)
 // What opens the connection is on its way, for the nth time.
 void StreamSocket::openConnection(int attempt)
 {
-    Kernel& kernel = Kernel::get();
-    const auto self = std::static_pointer_cast<StreamSocket>(shared_from_this());
-    Scheduler::get().after(kernel.delay(), [self, attempt] {
+    Scheduler::get().after(Kernel::get().delay(), [this, attempt] {
         Kernel& net = Kernel::get();
-        if (self->m_state != eConnecting)
+        if (m_state != eConnecting)
             return;
-        const std::shared_ptr<StreamSocket> listener = listenerAt(self->remote);
-        if (net.chance(net.weather.refuse) || (!listener && isKnownMachine(self->remote))) {
-            self->connectionFails(ECONNREFUSED);
-        } else if (!listener || listener->m_accepted.size() >= listener->m_nBacklog
-            || net.chance(net.weather.lose)) {
-            if (attempt + 1 == kMostAttempts)
-                self->connectionFails(ETIMEDOUT);
-            else
-                Scheduler::get().after(
-                    kFirstRetry << attempt, [self, attempt] { self->openConnection(attempt + 1); });
-        } else {
-            self->connectTo(*listener);
-        }
+        StreamSocket* listener = listenerAt(remote);
+        const bool bLost = !listener || listener->m_accepted.size() >= listener->m_nBacklog;
+        if (net.chance(net.weather.refuse) || (!listener && isKnownMachine(remote)))
+            connectionFails(ECONNREFUSED);
+        else if (!bLost && !net.chance(net.weather.lose))
+            connectTo(*listener);
+        else if (attempt + 1 == kMostAttempts)
+            connectionFails(ETIMEDOUT);
+        else
+            Scheduler::get().after(kFirstRetry << attempt, [=] { openConnection(attempt + 1); });
     });
 }
 
@@ -176,25 +149,24 @@ void StreamSocket::connectionFails(int error)
 
 void StreamSocket::connectTo(StreamSocket& listener)
 {
-    auto other = std::make_shared<StreamSocket>(local.nFamily);
-    other->local = remote;
-    other->remote = local;
-    other->m_pPeer = std::static_pointer_cast<StreamSocket>(shared_from_this());
-    other->m_state = eConnected;
-    m_pPeer = other;
-    m_state = eConnected;
+    auto& other = Kernel::get().make<StreamSocket>(local.nFamily);
+    other.local = remote;
+    other.remote = local;
+    other.m_pPeer = this;
+    m_pPeer = &other;
+    m_state = other.m_state = eConnected;
     trace("%s is connected to %s", local.text().c_str(), remote.text().c_str());
-    listener.m_accepted.push_back(std::move(other));
+    listener.m_accepted.push_back(&other);
     listener.wake(EPOLLIN);
     wake();
 }
 
-std::shared_ptr<StreamSocket> StreamSocket::takeAccepted()
+StreamSocket* StreamSocket::takeAccepted()
 {
     if (m_accepted.empty())
         return nullptr;
-    std::shared_ptr<StreamSocket> accepted = std::move(m_accepted.front());
-    m_accepted.pop_front();
+    StreamSocket* accepted = m_accepted.front();
+    m_accepted.erase(m_accepted.begin());
     return accepted;
 }
 
@@ -205,74 +177,61 @@ int StreamSocket::accept(int flags)
         return -EINVAL;
     if (!kernel.hasRoom())
         return -EMFILE;
-    if (const int error = kernel.fault(kernel.weather.noDescriptor, {EMFILE, ENFILE}))
-        return error;
-    if (const int error = kernel.outOfMemory())
-        return error;
-    const std::shared_ptr<StreamSocket> accepted = takeAccepted();
-    if (!accepted)
+    StreamSocket* accepted = takeAccepted();
+    if (accepted == nullptr)
         return -EAGAIN;
     if (const int error = kernel.fault(kernel.weather.reset, {ECONNABORTED})) {
         accepted->reset();
         return error;
     }
     accepted->bNonBlocking = (flags & SOCK_NONBLOCK) != 0;
-    return kernel.open(accepted);
+    return kernel.open(*accepted);
 }
 
 // --- bytes ---------------------------------------------------------------------------------------------
 
-long StreamSocket::receive(const iovec* ranges, std::size_t count, int flags)
+long StreamSocket::receive(msghdr* message, int flags)
 {
-    const std::size_t wanted = sizeOf(ranges, count);
-    if (m_received.isEmpty()) {
-        if (m_bEndReceived && m_nError == 0)
-            return 0;
+    std::size_t most = sizeOf(*message);
+    if (m_received.empty()) {
         if (m_nError != 0)
             return -takeError();
-        return m_state == eConnected ? -EAGAIN : -ENOTCONN;
+        return m_bEndReceived ? 0 : m_state == eConnected ? -EAGAIN : -ENOTCONN;
     }
     if ((flags & MSG_PEEK) != 0)
-        return static_cast<long>(std::min(wanted, m_received.size())); // how much, and nobody asks what
-    // A read stops before an urgent byte.
-    const bool bAtMark = m_nUrgent == 0;
-    const std::size_t most = m_nUrgent != kNone && !bAtMark ? std::min(wanted, m_nUrgent) : wanted;
-    const std::size_t taken = m_received.take(ranges, count, most);
+        return static_cast<long>(std::min(most, m_received.size())); // how much, and nobody asks what
+    if (m_nUrgent != kNone && m_nUrgent > 0)
+        most = std::min(most, m_nUrgent); // a read stops before an urgent byte
+    const std::size_t taken = scatter(std::string_view(m_received).substr(0, most), *message);
+    m_received.erase(0, taken);
     if (m_nUrgent != kNone)
-        m_nUrgent = bAtMark ? kNone : m_nUrgent - taken;
-    if (const auto peer = m_pPeer.lock())
-        peer->deliverLater(); // there is room again
+        m_nUrgent = m_nUrgent == 0 ? kNone : m_nUrgent - taken;
+    if (m_pPeer != nullptr)
+        m_pPeer->deliverLater(); // there is room again
     return static_cast<long>(taken);
 }
 
-long StreamSocket::send(const iovec* ranges, std::size_t count, int flags)
+long StreamSocket::send(const msghdr& message, int flags)
 {
     Kernel& kernel = Kernel::get();
     if (m_state == eConnecting)
         return -EAGAIN;
     if (m_state != eConnected || m_bSendShut || m_nError != 0)
         return -(m_nError != 0 ? takeError() : EPIPE);
-    const std::size_t wanted = sizeOf(ranges, count);
+    const std::size_t wanted = sizeOf(message);
     std::size_t taken = std::min(wanted, roomToSend());
     if (kernel.chance(kernel.weather.squeeze)) {
         taken = kernel.random().below(taken + 1);
-        makeRoomLater();
+        Scheduler::get().after(kernel.delay(), [this] { tellRoom(); });
     }
-    if (taken < wanted)
-        m_bNoSpace = true;
+    m_bNoSpace = m_bNoSpace || taken < wanted;
     if (taken == 0 && wanted > 0)
         return -EAGAIN;
-    m_wire.append(ranges, count, taken);
+    m_wire += gather(message, taken);
     if ((flags & MSG_OOB) != 0)
         m_nUrgentOnWire = m_wire.size() - 1;
     deliverLater();
     return static_cast<long>(taken);
-}
-
-void StreamSocket::makeRoomLater()
-{
-    const auto self = std::static_pointer_cast<StreamSocket>(shared_from_this());
-    Scheduler::get().after(Kernel::get().delay(), [self] { self->tellRoom(); });
 }
 
 void StreamSocket::tellRoom()
@@ -286,93 +245,84 @@ void StreamSocket::tellRoom()
 void StreamSocket::deliverLater()
 {
     Kernel& kernel = Kernel::get();
-    if (m_bDelivering || (m_wire.isEmpty() && !m_bSendShut && !m_bResetBehind))
+    if (m_bDelivering || (m_wire.empty() && !m_bSendShut && !m_bResetBehind))
         return;
     m_bDelivering = true;
     const Time stall = kernel.chance(kernel.weather.stall) ? kernel.random().below(5000 * kMs) : 0;
-    const auto self = std::static_pointer_cast<StreamSocket>(shared_from_this());
-    Scheduler::get().after(kernel.delay() + stall, [self] { self->deliver(); });
+    Scheduler::get().after(kernel.delay() + stall, [this] { deliver(); });
 }
 
 void StreamSocket::deliver()
 {
     Kernel& kernel = Kernel::get();
     m_bDelivering = false;
-    const std::shared_ptr<StreamSocket> peer = m_pPeer.lock();
-    if (!peer || (m_bEndSent && !m_bResetBehind))
+    StreamSocket* peer = m_pPeer;
+    if (peer == nullptr || (m_bEndSent && !m_bResetBehind))
         return;
-    if (kernel.chance(kernel.weather.reset)) {
+    const bool bNobodyReads = peer->m_bReleased && !m_wire.empty();
+    const bool bReset = kernel.chance(kernel.weather.reset);
+    if (bReset)
         trace("the network resets %s - %s", local.text().c_str(), remote.text().c_str());
+    if (bReset || bNobodyReads) { // what either had still to send is lost
         receiveReset();
         peer->receiveReset();
         return;
     }
-    deliverTo(*peer);
-}
-
-void StreamSocket::deliverTo(StreamSocket& peer)
-{
-    Kernel& kernel = Kernel::get();
-    if (peer.m_bReleased && !m_wire.isEmpty()) { // nobody will read it
-        peer.receiveReset(); // what it had still to send is lost, too
-        receiveReset();
-        return;
-    }
     std::size_t size = std::min(
-        m_wire.size(), peer.m_nReceiveLimit - std::min(peer.m_nReceiveLimit, peer.m_received.size()));
+        m_wire.size(), peer->m_nReceiveLimit - std::min(peer->m_nReceiveLimit, peer->m_received.size()));
     if (size > 1 && kernel.chance(kernel.weather.cut))
         size = std::min<std::size_t>(size, kernel.random().size(size));
-    if (size > 0) {
-        if (m_nUrgentOnWire != kNone && m_nUrgentOnWire < size)
-            peer.m_nUrgent = peer.m_received.size() + std::exchange(m_nUrgentOnWire, kNone);
-        else if (m_nUrgentOnWire != kNone)
-            m_nUrgentOnWire -= size;
-        peer.m_received.append(m_wire.data(), size);
-        m_wire.drop(size);
-        trace("%zu bytes arrive at %s", size, peer.local.text().c_str());
-        peer.wake(EPOLLIN | EPOLLPRI);
-        tellRoom();
-    }
-    if (m_bResetBehind && (m_wire.isEmpty() || size == 0)) {
-        trace("a reset arrives at %s", peer.local.text().c_str());
+    if (size > 0)
+        deliverBytes(size);
+    if (m_bResetBehind && (m_wire.empty() || size == 0)) {
+        trace("a reset arrives at %s", peer->local.text().c_str());
         m_wire.clear();
-        m_pPeer.reset();
-        orphans().erase(shared_from_this());
-        peer.receiveReset();
-    } else if (m_wire.isEmpty() && m_bSendShut && (size == 0 || !kernel.chance(kernel.weather.cut))) {
-        trace("the end arrives at %s", peer.local.text().c_str());
+        m_pPeer = nullptr;
+        peer->receiveReset();
+    } else if (m_wire.empty() && m_bSendShut && (size == 0 || !kernel.chance(kernel.weather.cut))) {
+        trace("the end arrives at %s", peer->local.text().c_str());
+        m_wire.shrink_to_fit();
         m_bEndSent = true;
-        orphans().erase(shared_from_this());
-        peer.m_bEndReceived = true;
-        peer.wake();
+        peer->m_bEndReceived = true;
+        peer->wake();
     } else if (size > 0) {
         deliverLater();
     }
+}
+
+void StreamSocket::deliverBytes(std::size_t size)
+{
+    StreamSocket& peer = *m_pPeer;
+    if (m_nUrgentOnWire != kNone && m_nUrgentOnWire < size)
+        peer.m_nUrgent = peer.m_received.size() + std::exchange(m_nUrgentOnWire, kNone);
+    else if (m_nUrgentOnWire != kNone)
+        m_nUrgentOnWire -= size;
+    peer.m_received.append(m_wire, 0, size);
+    m_wire.erase(0, size);
+    trace("%zu bytes arrive at %s", size, peer.local.text().c_str());
+    peer.wake(EPOLLIN | EPOLLPRI);
+    tellRoom();
 }
 
 // --- connections end -----------------------------------------------------------------------------------
 
 void StreamSocket::receiveReset()
 {
-    const std::shared_ptr<File> self = shared_from_this();
-    orphans().erase(self);
     m_wire.clear();
-    m_pPeer.reset();
+    m_pPeer = nullptr;
     if (m_state == eClosed || (m_bEndReceived && m_bEndSent))
         return;
     m_nError = m_bEndReceived ? EPIPE : ECONNRESET;
     m_state = eClosed;
-    m_bSendShut = true;
-    m_bEndReceived = true;
+    m_bSendShut = m_bEndReceived = true;
     wake();
 }
 
 void StreamSocket::reset()
 {
-    m_wire.shorten(Kernel::get().random().below(m_wire.size() + 1));
-    m_bResetBehind = true;
+    m_wire.resize(Kernel::get().random().below(m_wire.size() + 1));
+    m_bResetBehind = m_bSendShut = true;
     m_state = eClosed;
-    m_bSendShut = true;
     deliverLater();
 }
 
@@ -389,19 +339,16 @@ int StreamSocket::shutdownWrite()
 void StreamSocket::released()
 {
     m_bReleased = true;
-    if (m_state == eListening) {
+    onWake = nullptr;
+    if (m_state == eListening)
         listeners().erase(local);
-        for (const std::shared_ptr<StreamSocket>& waiting : m_accepted)
-            waiting->reset();
-        m_accepted.clear();
-    }
-    if (m_state == eConnected && (!m_received.isEmpty() || (m_linger.l_onoff != 0 && m_linger.l_linger == 0)))
+    while (StreamSocket* waiting = takeAccepted())
+        waiting->reset();
+    if (m_state == eConnected && (!m_received.empty() || (m_linger.l_onoff != 0 && m_linger.l_linger == 0)))
         reset();
     else if (m_state == eConnected)
         shutdownWrite();
-    if ((m_state != eClosed || m_bResetBehind) && !m_bEndSent && !m_pPeer.expired())
-        orphans().insert(shared_from_this());
-    m_received.clear();
+    std::string().swap(m_received);
     m_state = eClosed;
 }
 
@@ -409,16 +356,9 @@ void StreamSocket::released()
 
 int StreamSocket::setOption(int level, int name, const void* value, socklen_t size)
 {
-    int number = 0;
-    std::memcpy(&number, value, std::min<std::size_t>(size, sizeof number));
-    const auto doubled = 2 * static_cast<std::size_t>(std::clamp(number, 1152, 1 << 20));
-    if (level == SOL_SOCKET && name == SO_RCVBUF)
-        m_nReceiveLimit = doubled;
-    else if (level == SOL_SOCKET && name == SO_SNDBUF)
-        m_nSendLimit = doubled;
-    else if (level == SOL_SOCKET && name == SO_LINGER)
+    if (level == SOL_SOCKET && name == SO_LINGER)
         std::memcpy(&m_linger, value, sizeof m_linger);
-    return 0;
+    return Socket::setOption(level, name, value, size);
 }
 
 int StreamSocket::option(int level, int name, void* value, socklen_t* size)

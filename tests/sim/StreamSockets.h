@@ -4,44 +4,39 @@
 //     send() -> [wire] --delivery, cut anywhere--> [the other end's received] -> receive()
 #pragma once
 
-#include "sim/Address.h"
 #include "sim/Kernel.h"
 
-#include <deque>
-#include <map>
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace sim
 {
-class StreamSocket : public File
+class StreamSocket : public Socket
 {
 public:
-    explicit StreamSocket(int family) { local.nFamily = family; }
+    using Socket::Socket;
 
     unsigned int poll() override;
     void released() override;
+    int bind(const Address& address) override;
+    long receive(msghdr* message, int flags) override;
+    long send(const msghdr& message, int flags) override;
+    int setOption(int level, int name, const void* value, socklen_t size) override;
+    int option(int level, int name, void* value, socklen_t* size) override;
 
-    int bind(const Address& address);
     int listen(int backlog);
     int connect(const Address& address); // never waits
     // With a descriptor for it; no connection is lost where there is none.
     int accept(int flags);
-    long receive(const iovec* ranges, std::size_t count, int flags); // never waits
-    long send(const iovec* ranges, std::size_t count, int flags); // never waits
     int shutdownWrite();
-    int setOption(int level, int name, const void* value, socklen_t size);
-    int option(int level, int name, void* value, socklen_t* size);
-    int takeError() { return std::exchange(m_nError, 0); }
     bool isConnecting() const { return m_state == eConnecting; }
     bool isConnected() const { return m_state == eConnected; }
-    bool hasUrgent() const { return m_nUrgent != kNone; }
 
-    Address local;
     Address remote;
 
     // For peers without a descriptor.
-    static std::shared_ptr<StreamSocket> listenerAt(const Address& address);
-    std::shared_ptr<StreamSocket> takeAccepted();
+    StreamSocket* takeAccepted();
     void reset(); // what lies on the wire may get lost
 
 private:
@@ -51,17 +46,17 @@ private:
     void openConnection(int attempt);
     void connectionFails(int error);
     void connectTo(StreamSocket& listener);
-    std::size_t roomToSend() const;
-    bool isWriteable() const;
+    std::size_t roomToSend() const { return m_nSendLimit - std::min(m_nSendLimit, m_wire.size()); }
+    bool isWriteable() const { return roomToSend() > 0 && roomToSend() >= m_wire.size() / 2; }
+    int takeError() { return std::exchange(m_nError, 0); }
     void deliverLater();
     void deliver();
-    void deliverTo(StreamSocket& peer);
+    void deliverBytes(std::size_t size);
     void receiveReset();
     void tellRoom();
-    void makeRoomLater();
 
     State m_state = eClosed;
-    std::weak_ptr<StreamSocket> m_pPeer;
+    StreamSocket* m_pPeer = nullptr;
     int m_nError = 0;
     bool m_bConnectCalled = false; // and its outcome not yet told by a further call
     bool m_bReleased = false;
@@ -70,15 +65,12 @@ private:
     bool m_bEndSent = false; // it has arrived there
     bool m_bResetBehind = false; // a reset follows what lies on the wire
     bool m_bDelivering = false; // is due
-    bool m_bNoSpace = false; // somebody was refused room, and is told when there is some
     linger m_linger{};
-    ByteQueue m_wire;
-    ByteQueue m_received;
+    std::string m_wire;
+    std::string m_received;
     std::size_t m_nUrgent = kNone; // its place in what was received
     std::size_t m_nUrgentOnWire = kNone;
-    std::size_t m_nReceiveLimit = 131072;
-    std::size_t m_nSendLimit = 65536;
-    std::deque<std::shared_ptr<StreamSocket>> m_accepted; // wait in the backlog
+    std::vector<StreamSocket*> m_accepted; // wait in the backlog
     std::size_t m_nBacklog = 0;
 };
 } // namespace sim

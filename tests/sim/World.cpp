@@ -27,7 +27,13 @@ bool Scenario::add(const char* name, Function run, bool bLong)
 
 World::World(std::uint64_t seed) : m_random(seed ^ 0x5ce9a210U) { weather() = Weather::ofSeed(m_random); }
 
-World::~World() = default;
+World::~World()
+{
+    for (StreamSocket* listener : m_listeners)
+        listener->released();
+    for (Peer* peer : m_peers)
+        peer->finish();
+}
 
 bool World::runUntil(const std::function<bool()>& done, std::uint64_t limitMs)
 {
@@ -44,8 +50,10 @@ bool World::runUntil(const std::function<bool()>& done, std::uint64_t limitMs)
     QTimer limit;
     limit.setTimerType(Qt::PreciseTimer);
     limit.start(static_cast<int>(std::min<std::uint64_t>(limitMs, std::numeric_limits<int>::max() / 2)));
-    if (!done())
+    for (int i = 0; i < 2 && !done(); ++i) { // the rest of the first's last pass may have undone it
+        bOver = false;
         loop.exec();
+    }
     return done();
 }
 
@@ -59,35 +67,45 @@ void World::setName(const std::string& name, const std::vector<std::string>& add
     Kernel::get().names[name] = addresses;
 }
 
+Peer& World::add(StreamSocket& socket)
+{
+    m_peers.push_back(&Kernel::get().make<Peer>(socket));
+    return *m_peers.back();
+}
+
 void World::listen(
     const std::string& ip, std::uint16_t port, std::function<void(Peer&)> accepted, int backlog)
 {
-    const auto keep = [this, accepted = std::move(accepted)](const std::shared_ptr<Peer>& peer) {
-        m_peers.push_back(peer);
-        accepted(*peer);
+    const Address address = Address::of(ip, port);
+    auto& listener = Kernel::get().make<StreamSocket>(address.nFamily);
+    m_listeners.push_back(&listener);
+    listener.local = address;
+    expect(listener.listen(backlog) == 0, "%s has a listener already", address.text().c_str());
+    const auto acceptAll = [this, &listener, accepted = std::move(accepted)] {
+        while (StreamSocket* connection = listener.takeAccepted()) {
+            Peer& peer = add(*connection);
+            accepted(peer);
+            peer.start();
+        }
     };
-    m_listeners.push_back(std::make_unique<PeerListener>(Address::of(ip, port), keep, backlog));
+    listener.onWake = [=] { Scheduler::get().after(Kernel::get().delay(), acceptAll); };
 }
 
 Peer& World::dial(const std::string& ip, std::uint16_t port, const std::function<void(Peer&)>& prepare)
 {
     const Address target = Address::of(ip, port);
-    const auto socket = std::make_shared<StreamSocket>(target.nFamily);
-    m_peers.push_back(std::make_shared<Peer>(socket));
-    Peer& peer = *m_peers.back();
+    auto& socket = Kernel::get().make<StreamSocket>(target.nFamily);
+    Peer& peer = add(socket);
     if (prepare)
         prepare(peer);
     peer.start();
-    const int result = socket->connect(target);
-    if (result != -EINPROGRESS) // the weather's; the peer is told as of any failure
-        trace("a peer does not reach %s", target.text().c_str());
+    socket.connect(target); // the weather's failure is told as any other
     return peer;
 }
 
 UdpPeer& World::udp(const std::string& ip, std::uint16_t port)
 {
-    m_udpPeers.push_back(std::make_unique<UdpPeer>(Address::of(ip, port)));
-    return *m_udpPeers.back();
+    return m_udpPeers.emplace_back(Address::of(ip, port));
 }
 
 void World::expect(bool condition, const char* text, ...)

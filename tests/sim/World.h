@@ -1,17 +1,6 @@
 // What a scenario has: a seed's random choices, weather, peers, an event loop with an end, and checks.
-//
-//     SCENARIO(echo)
-//     {
-//         world.listen("10.0.0.9", 7, [](sim::Peer& peer) {
-//             peer.onBytes = [&peer](const QByteArray& bytes) { peer.write(bytes); };
-//         });
-//         NuvikaTcpSocket socket;
-//         ...
-//         world.expect(world.runUntil([&] { return received == sent; }, 60000), "nothing more came back");
-//     }
-//
-// It runs on the thread that made the application object, with the library started. What it makes it also
-// destroys; then nothing may be left: no descriptor, timer, notifier or thread.
+// README.md shows one. It runs on the thread that made the application object, with the library started. What
+// it makes it also destroys; then nothing may be left: no descriptor, timer, notifier or thread.
 #pragma once
 
 #include "sim/Kernel.h"
@@ -19,9 +8,8 @@
 
 #include <QtCore/QString>
 
-#include <cstdint>
+#include <deque>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -62,10 +50,12 @@ public:
     [[gnu::format(printf, 3, 4)]] void expect(bool condition, const char* text, ...);
 
 private:
+    Peer& add(StreamSocket& socket);
+
     Random m_random;
-    std::vector<std::shared_ptr<Peer>> m_peers;
-    std::vector<std::unique_ptr<UdpPeer>> m_udpPeers;
-    std::vector<std::unique_ptr<PeerListener>> m_listeners;
+    std::vector<Peer*> m_peers;
+    std::deque<UdpPeer> m_udpPeers;
+    std::vector<StreamSocket*> m_listeners;
 };
 
 struct Scenario {
@@ -74,17 +64,19 @@ struct Scenario {
     Function run;
     bool bLong; // runs only where it is named, or with --long
     static std::vector<Scenario>& all();
-    static bool add(const char* name, Function run, bool bLong = false);
+    static bool add(const char* name, Function run, bool bLong);
 };
+
+// One run, in a process of its own, so that each begins from the same memory and a crash ends nobody else.
+// Does not return. The report lies in shared memory.
+[[noreturn]] void runHere(const Scenario& scenario, std::uint64_t seed, Report& report);
 } // namespace sim
 
-#define SCENARIO(name)                                                                                       \
-    static void scenario_##name(sim::World& world);                                                          \
-    [[maybe_unused]] static const bool s_bScenario_##name = sim::Scenario::add(#name, &scenario_##name);     \
-    static void scenario_##name([[maybe_unused]] sim::World& world)
-// One that takes minutes.
-#define LONG_SCENARIO(name)                                                                                  \
+#define SCENARIO_OF_LENGTH(name, bLong)                                                                      \
     static void scenario_##name(sim::World& world);                                                          \
     [[maybe_unused]] static const bool s_bScenario_##name                                                    \
-        = sim::Scenario::add(#name, &scenario_##name, true);                                                 \
+        = sim::Scenario::add(#name, &scenario_##name, bLong);                                                \
     static void scenario_##name([[maybe_unused]] sim::World& world)
+#define SCENARIO(name) SCENARIO_OF_LENGTH(name, false)
+// One that takes minutes.
+#define LONG_SCENARIO(name) SCENARIO_OF_LENGTH(name, true)

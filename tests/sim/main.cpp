@@ -1,18 +1,15 @@
 // Runs scenarios with seeds, each run in a process of its own, and tells what failed and how to repeat it.
-#include "sim/Run.h"
+#include "sim/World.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <sstream>
-#include <string>
 
+#include <getopt.h>
 #include <sys/mman.h>
 #include <sys/personality.h>
 #include <sys/wait.h>
@@ -22,69 +19,55 @@ using namespace sim;
 
 namespace
 {
-constexpr int kLastLines = 40;
 constexpr int kMostFailures = 10;
 
 struct Options {
     std::uint64_t nFirst = 1;
     std::uint64_t nLast = 100;
     std::string scenario; // empty: each
-    int nJobs = 2;
-    bool bTrace = false;
-    bool bHere = false; // in this process, for a debugger
-    bool bTwice = false; // each run twice, and the traces compared
-    bool bLong = false; // the long ones, and no other
+    std::size_t nJobs = static_cast<std::size_t>(sysconf(_SC_NPROCESSORS_ONLN));
+    int bTrace = 0;
+    int bHere = 0; // in this process, for a debugger
+    int bTwice = 0; // each run twice, and the traces compared
+    int bLong = 0; // the long ones, and no other
+
+    bool has(const Scenario& it) const
+    {
+        return scenario.empty() ? it.bLong == (bLong != 0) : it.name == scenario;
+    }
 };
 
-struct Job {
-    const Scenario* pScenario;
-    std::uint64_t nSeed;
-    std::uint64_t nHash = 0; // of the run before, when this is the second
-    std::uint64_t nLines = 0;
-};
-
-int usage()
+[[noreturn]] void tellUsage()
 {
     std::fprintf(
         stderr, "sim [--seeds A-B] [--scenario NAME] [--jobs N] [--twice] [--long] [--trace] [--here]\n");
     for (const Scenario& scenario : Scenario::all())
         std::fprintf(stderr, "  %s\n", scenario.name);
-    return 2;
+    std::exit(2);
 }
 
-bool parse(int argc, char** argv, Options* options)
+Options parse(int argc, char** argv)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string name = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (name == "--long") {
-            options->bLong = true;
-            continue;
-        }
-        if (name == "--trace" || name == "--here" || name == "--twice") {
-            (name == "--trace"         ? options->bTrace
-                    : name == "--here" ? options->bHere
-                                       : options->bTwice)
-                = true;
-            continue;
-        }
-        if (value == nullptr)
-            return false;
-        ++i;
-        if (name == "--seeds") {
-            char* end = nullptr;
-            options->nFirst = options->nLast = std::strtoull(value, &end, 10);
-            if (*end == '-')
-                options->nLast = std::strtoull(end + 1, nullptr, 10);
-        } else if (name == "--scenario") {
-            options->scenario = value;
-        } else if (name == "--jobs") {
-            options->nJobs = std::max(1, std::atoi(value));
-        } else {
-            return false;
-        }
+    Options options;
+    const option known[] = {{"seeds", required_argument, nullptr, 's'},
+        {"scenario", required_argument, nullptr, 'n'}, {"jobs", required_argument, nullptr, 'j'},
+        {"trace", no_argument, &options.bTrace, 1}, {"here", no_argument, &options.bHere, 1},
+        {"twice", no_argument, &options.bTwice, 1}, {"long", no_argument, &options.bLong, 1}, {}};
+    for (int name = 0; (name = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+        if (name == 's' && std::sscanf(optarg, "%" SCNu64 "-%" SCNu64, &options.nFirst, &options.nLast) == 1)
+            options.nLast = options.nFirst;
+        else if (name == 'n')
+            options.scenario = optarg;
+        else if (name == 'j')
+            options.nJobs = std::max(1UL, std::strtoul(optarg, nullptr, 10));
+        else if (name == '?')
+            tellUsage();
     }
-    return true;
+    const auto& all = Scenario::all();
+    if (optind < argc
+        || std::none_of(all.begin(), all.end(), [&](const auto& it) { return options.has(it); }))
+        tellUsage();
+    return options;
 }
 
 // The same addresses, hashes and locale in each process.
@@ -93,25 +76,15 @@ void fixEnvironment(char** argv)
     if (std::getenv("QT_HASH_SEED") != nullptr)
         return;
     personality(ADDR_NO_RANDOMIZE); // where it is not allowed, only what hangs on addresses differs
-    std::string asan = "ASAN_OPTIONS=";
-    if (const char* value = std::getenv("ASAN_OPTIONS"))
-        asan += value;
-    char* environment[] = {const_cast<char*>("QT_HASH_SEED=0"), const_cast<char*>("QT_NO_CPU_FEATURE=rdrnd"),
-        const_cast<char*>("LC_ALL=C"), const_cast<char*>("TZ=UTC"),
-        const_cast<char*>("GLIBC_TUNABLES=glibc.malloc.tcache_count=0"), asan.data(), nullptr};
-    execve("/proc/self/exe", argv, environment);
-}
-
-void printLastLines(const Report& report)
-{
-    std::string text;
-    const std::uint64_t size = std::min<std::uint64_t>(report.nWritten, Report::kRing);
-    for (std::uint64_t i = report.nWritten - size; i < report.nWritten; ++i)
-        text += report.ring[i % Report::kRing];
-    std::size_t begin = text.size();
-    for (int i = 0; i <= kLastLines && begin != std::string::npos && begin > 0; ++i)
-        begin = text.rfind('\n', begin - 1);
-    std::printf("%s", text.c_str() + (begin == std::string::npos ? 0 : begin + 1));
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    std::string variables[]
+        = {"QT_HASH_SEED=0", "QT_NO_CPU_FEATURE=rdrnd", "QT_NO_GLIB=1", "LC_ALL=C", "TZ=UTC",
+            "GLIBC_TUNABLES=glibc.malloc.tcache_count=0", std::string("ASAN_OPTIONS=") + (asan ? asan : "")};
+    std::vector<char*> environment;
+    for (std::string& variable : variables)
+        environment.push_back(variable.data());
+    environment.push_back(nullptr);
+    execve("/proc/self/exe", argv, environment.data());
 }
 
 class Runner
@@ -119,99 +92,106 @@ class Runner
 public:
     explicit Runner(const Options& options) : m_options(options) { }
 
-    void add(const Job& job) { m_jobs.push_back(job); }
+    void add(const Scenario& scenario, std::uint64_t seed);
+    void addKnownSeeds();
     int run();
 
 private:
-    struct Running {
-        Job job;
+    struct Job {
+        const Scenario* pScenario;
+        std::uint64_t nSeed;
         Report* pReport;
     };
-    void startNext();
+    void start(Job job);
     void waitForOne();
-    void ended(const Running& running, int status);
-    void tellFailure(const Running& running, int status);
+    void tellFailure(const Job& job, const std::string& what);
 
     const Options& m_options;
     std::deque<Job> m_jobs;
-    std::map<pid_t, Running> m_running;
+    std::map<pid_t, Job> m_running;
+    std::map<std::pair<const Scenario*, std::uint64_t>, std::uint64_t> m_hashes; // of those that run twice
     int m_nRuns = 0;
     int m_nFailures = 0;
     std::uint64_t m_nLines = 0;
     std::uint64_t m_nTime = 0;
 };
 
-void Runner::startNext()
+void Runner::add(const Scenario& scenario, std::uint64_t seed)
 {
-    const Job job = m_jobs.front();
-    m_jobs.pop_front();
+    for (int i = 0; i <= m_options.bTwice; ++i)
+        m_jobs.push_back({&scenario, seed, nullptr});
+}
+
+// Those that have found something, one a line: scenario, seed, # and what.
+void Runner::addKnownSeeds()
+{
+    std::ifstream file(NUVIKA_SIM_SEEDS);
+    std::string name;
+    std::uint64_t seed = 0;
+    for (std::string line; file >> name; std::getline(file, line)) {
+        for (const Scenario& scenario : Scenario::all()) {
+            if (name == scenario.name && m_options.has(scenario) && file >> seed)
+                add(scenario, seed);
+        }
+    }
+}
+
+void Runner::start(Job job)
+{
     void* memory = mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         std::abort();
-    auto* report = static_cast<Report*>(memory);
+    job.pReport = static_cast<Report*>(memory);
     std::fflush(stdout);
-    const pid_t child = m_options.bHere ? 0 : fork();
+    const pid_t child = m_options.bHere != 0 ? 0 : fork();
     if (child == 0) {
-        Report::text = m_options.bTrace ? stdout : nullptr;
-        runHere(*job.pScenario, job.nSeed, *report);
+        Report::text = m_options.bTrace != 0 ? stdout : nullptr;
+        runHere(*job.pScenario, job.nSeed, *job.pReport);
     }
-    m_running.emplace(child, Running{job, report});
+    m_running.emplace(child, job);
 }
 
 void Runner::waitForOne()
 {
     int status = 0;
-    const pid_t child = waitpid(-1, &status, 0);
-    const auto found = m_running.find(child);
-    if (found == m_running.end())
+    const auto ended = m_running.extract(waitpid(-1, &status, 0));
+    if (ended.empty())
         return;
-    const Running running = found->second;
-    m_running.erase(found);
-    ended(running, status);
-    munmap(running.pReport, sizeof(Report));
-}
-
-void Runner::ended(const Running& running, int status)
-{
-    const Report& report = *running.pReport;
+    const Job& job = ended.mapped();
+    const Report& report = *job.pReport;
     ++m_nRuns;
     m_nLines += report.nLines;
     m_nTime += report.nTime;
-    if (status != 0) {
-        tellFailure(running, status);
-    } else if (running.job.nHash != 0 && running.job.nHash != report.nHash) {
-        ++m_nFailures;
-        std::printf("%s %llu: a second run has another trace (%llu lines, %llu before)\n",
-            running.job.pScenario->name, static_cast<unsigned long long>(running.job.nSeed),
-            static_cast<unsigned long long>(report.nLines),
-            static_cast<unsigned long long>(running.job.nLines));
-    } else if (running.job.nHash == 0 && m_options.bTwice) {
-        m_jobs.push_front({running.job.pScenario, running.job.nSeed, report.nHash, report.nLines});
-    }
+    if (WIFSIGNALED(status))
+        tellFailure(job, std::string("ended by a signal: ") + strsignal(WTERMSIG(status)));
+    else if (status != 0)
+        tellFailure(job, report.failure[0] != '\0' ? report.failure : "ended without a word");
+    else if (m_options.bTwice != 0
+        && m_hashes.emplace(std::pair(job.pScenario, job.nSeed), report.nHash).first->second != report.nHash)
+        tellFailure(job, "a second run has another trace");
+    munmap(job.pReport, sizeof(Report));
 }
 
-void Runner::tellFailure(const Running& running, int status)
+void Runner::tellFailure(const Job& job, const std::string& what)
 {
-    const Report& report = *running.pReport;
     if (++m_nFailures > kMostFailures)
         return;
-    std::printf("--- %s, seed %llu ---\n", running.job.pScenario->name,
-        static_cast<unsigned long long>(running.job.nSeed));
-    printLastLines(report);
-    if (WIFSIGNALED(status))
-        std::printf("ended by signal %d: %s\n", WTERMSIG(status), strsignal(WTERMSIG(status)));
-    else
-        std::printf("%s\n", report.failure[0] != '\0' ? report.failure : "ended without a word");
-    std::printf("again: tests/sim/run --scenario %s --seeds %llu --trace\n", running.job.pScenario->name,
-        static_cast<unsigned long long>(running.job.nSeed));
+    const Report& report = *job.pReport;
+    std::printf("--- %s, seed %" PRIu64 " ---\n", job.pScenario->name, job.nSeed);
+    for (std::uint64_t i = report.nLines - std::min(report.nLines, Report::kLast); i < report.nLines; ++i)
+        std::printf("%s\n", report.lines[i % Report::kLast]);
+    std::printf("%s\nagain: tests/sim/run --scenario %s --seeds %" PRIu64 " --trace\n", what.c_str(),
+        job.pScenario->name, job.nSeed);
 }
 
 int Runner::run()
 {
     const auto begin = std::chrono::steady_clock::now();
     while (!m_jobs.empty() || !m_running.empty()) {
-        while (!m_jobs.empty() && m_running.size() < static_cast<std::size_t>(m_options.nJobs))
-            startNext();
+        while (!m_jobs.empty() && m_running.size() < m_options.nJobs) {
+            start(m_jobs.front());
+            m_jobs.pop_front();
+        }
         waitForOne();
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -221,49 +201,20 @@ int Runner::run()
         m_nRuns / std::max(seconds, 1e-9), static_cast<double>(m_nLines) / 1e6);
     return m_nFailures == 0 ? 0 : 1;
 }
-
-const Scenario* scenarioOf(const std::string& name)
-{
-    for (const Scenario& scenario : Scenario::all()) {
-        if (name == scenario.name)
-            return &scenario;
-    }
-    return nullptr;
-}
-
-// Those that have found something, one a line: scenario, seed, # and what.
-void addKnownSeeds(Runner& runner, const Options& options)
-{
-    std::ifstream file(NUVIKA_SIM_SEEDS);
-    for (std::string line; std::getline(file, line);) {
-        std::istringstream words(line);
-        std::string name;
-        std::uint64_t seed = 0;
-        if (!(words >> name >> seed) || (!options.scenario.empty() && options.scenario != name))
-            continue;
-        if (const Scenario* scenario = scenarioOf(name))
-            runner.add({scenario, seed});
-    }
-}
 } // namespace
 
 int main(int argc, char** argv)
 {
-    Options options;
-    options.nJobs = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
-    if (!parse(argc, argv, &options)
-        || (!options.scenario.empty() && scenarioOf(options.scenario) == nullptr))
-        return usage();
+    const Options options = parse(argc, argv);
     fixEnvironment(argv);
     setlinebuf(stdout);
     Runner runner(options);
-    if (!options.bTrace && !options.bHere)
-        addKnownSeeds(runner, options);
+    if (options.bTrace == 0 && options.bHere == 0)
+        runner.addKnownSeeds();
     for (std::uint64_t seed = options.nFirst; seed <= options.nLast; ++seed) {
         for (const Scenario& scenario : Scenario::all()) {
-            if (options.scenario.empty() ? scenario.bLong == options.bLong
-                                         : options.scenario == scenario.name)
-                runner.add({&scenario, seed});
+            if (options.has(scenario))
+                runner.add(scenario, seed);
         }
     }
     return runner.run();
