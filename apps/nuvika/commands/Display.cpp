@@ -17,18 +17,19 @@ double megabits(double bytes) { return bytes * 8 / 1e6; }
 QString rtpTotal(const Recorder& recorder)
 {
     double rate = 0;
-    unsigned int packets = 0;
-    unsigned int lost = 0;
+    quint64 packets = 0;
+    quint64 lost = 0;
     bool bAny = false;
     for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
-        if (const RtpReceiver* rtp = recorder.rtp(i)) {
+        if (const StreamRecord* rtp = recorder.rtp(i)) {
             bAny = true;
             rate += rtp->figures().megabits;
             packets += rtp->figures().packets;
             lost += rtp->figures().lost;
         }
     }
-    const double loss = packets + lost == 0 ? 0.0 : 100.0 * lost / (packets + lost);
+    const double loss
+        = packets + lost == 0 ? 0.0 : 100.0 * static_cast<double>(lost) / static_cast<double>(packets + lost);
     return bAny ? QString::asprintf("  RTP %.2f Mbit/s, %.2f %% lost", rate, loss) : QString();
 }
 
@@ -68,7 +69,7 @@ void Display::showTable(const Recorder& recorder, int seconds)
     const std::size_t rows = std::min<std::size_t>(cameras.size(), kMaxRows);
     for (std::size_t i = 0; i < rows; ++i) {
         const CameraStream& camera = *cameras[i];
-        const RtpReceiver* rtp = recorder.rtp(static_cast<int>(i));
+        const StreamRecord* rtp = recorder.rtp(static_cast<int>(i));
         Output::print(kFormat, column(camera.name()).constData(),
             QByteArray::number(camera.pictures()).constData(),
             QByteArray::number(camera.current().pictures, 'f', 0).constData(),
@@ -103,12 +104,12 @@ void Display::summary(const Recorder& recorder, int seconds)
                 Output::shown(camera->state()).constData());
     }
     for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
-        const RtpReceiver* rtp = recorder.rtp(i);
+        const StreamRecord* rtp = recorder.rtp(i);
         if (rtp != nullptr && (rtp->figures().allLost > 0 || rtp->figures().allPackets == 0))
             Output::print("%s by RTP: %llu packets, %llu lost, %d gaps in what was recorded\n",
                 Output::shown(recorder.cameras()[static_cast<std::size_t>(i)]->name()).constData(),
                 static_cast<unsigned long long>(rtp->figures().allPackets),
-                static_cast<unsigned long long>(rtp->figures().allLost), rtp->timeline().gaps());
+                static_cast<unsigned long long>(rtp->figures().allLost), rtp->gaps());
     }
     for (const QString& problem : {recorder.mediaProblem(), recorder.saved().shown()}) {
         if (!problem.isEmpty())

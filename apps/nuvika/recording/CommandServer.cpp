@@ -82,10 +82,9 @@ QByteArray CommandServer::status() const
     QString text;
     for (int i = 0; i < static_cast<int>(m_recorder.cameras().size()); ++i) {
         const CameraStream& camera = *m_recorder.cameras()[static_cast<std::size_t>(i)];
-        const RtpReceiver* rtp = m_recorder.rtp(i);
+        const StreamRecord* rtp = m_recorder.rtp(i);
         const CameraStream::Sample sample = camera.current();
-        const Periods<NTPTimestamp>& recorded
-            = rtp != nullptr ? rtp->timeline().recorded() : camera.recorded();
+        const Periods<NTPTimestamp>& recorded = rtp != nullptr ? rtp->recorded() : camera.recorded();
         const auto add = [&text](const char* key, const QString& value) {
             text += QLatin1String(key) + QLatin1Char('=') + protectedValue(value, 2) + QLatin1Char(';');
         };

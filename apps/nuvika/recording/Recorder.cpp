@@ -43,10 +43,10 @@ const CameraMedia* Recorder::media(int camera) const
     return found == m_media.end() ? nullptr : found->second.get();
 }
 
-const RtpReceiver* Recorder::rtp(int camera) const
+const StreamRecord* Recorder::rtp(int camera) const
 {
     const CameraMedia* own = media(camera);
-    return own == nullptr ? nullptr : own->receiver();
+    return own == nullptr || own->receiver() == nullptr ? nullptr : &own->receiver()->record();
 }
 
 bool Recorder::saveTo(const QString& folder, QString* problem)
@@ -91,7 +91,7 @@ bool Recorder::haveAllDelivered() const
         return camera->pictures() > 0;
     }) && std::all_of(m_media.begin(), m_media.end(), [](const auto& media) {
         const RtpReceiver* receiver = media.second->receiver();
-        return receiver != nullptr && receiver->hasHeard();
+        return receiver != nullptr && receiver->record().hasHeard();
     });
 }
 

@@ -37,7 +37,7 @@ public:
     QString identifier(int camera) const;
     int receivingCameras() const;
     // Of its RTP stream; null without one.
-    const RtpReceiver* rtp(int camera) const;
+    const StreamRecord* rtp(int camera) const;
     const CameraMedia* media(int camera) const;
     int viewers(int camera) const { return m_viewers[static_cast<std::size_t>(camera)].count(); }
     // Every camera sent pictures, and RTP where it was asked for.
