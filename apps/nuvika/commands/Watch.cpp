@@ -124,7 +124,7 @@ int collectCameras(const QCommandLineParser& parser, std::vector<ConfiguredCamer
     const QStringList urls = parser.positionalArguments();
     for (const QString& url : urls) {
         ConfiguredCamera camera;
-        if (!Target::parse(url, &camera.target, &problem)) {
+        if (!Target::parse(url, Target::eHttp, &camera.target, &problem)) {
             Output::complain(problem);
             return Exit::kUsage;
         }

@@ -1,0 +1,49 @@
+// Plays from an RTSP camera for a while, and prints what it offers, what it sends, and what is wrong with it.
+#pragma once
+
+#include "RtspAdvice.h"
+#include "recording/StreamFile.h"
+
+class RtspProbe : public QObject
+{
+public:
+    struct Settings {
+        Target camera;
+        RtspOptions options;
+        int seconds = 0; // behind the answer to PLAY; 0: until finish()
+        QString saveTo; // the first track of pictures; empty: nothing
+        bool bTrace = false; // requests and answers, to standard error
+    };
+
+    explicit RtspProbe(const Settings& settings);
+
+    // Ends the event loop with an exit code when it is through. False with a message when the file cannot be
+    // written.
+    bool start();
+    // Prints what is known, and ends.
+    void finish();
+
+private:
+    QString column(const RtspTrack& track) const;
+    void showTracks();
+    void chooseSaved();
+    void showPlaying();
+    void showSecond();
+    void showSummary();
+    void showTrackSummary(const RtspTrack& track);
+    void takeUnit(int track, const RtspUnit& unit);
+    void takeServer(const QByteArray& message);
+    void fail(int code);
+    void end(int code);
+    int finishFile();
+    double seconds() const { return static_cast<double>(m_played.elapsed()) / 1000; }
+
+    Settings m_settings;
+    RtspStreams m_streams;
+    RtspClient& m_client;
+    StreamFile m_file;
+    int m_saved = -1; // the track
+    RtspStage m_stage = RtspStage::Connecting;
+    QString m_server;
+    QElapsedTimer m_played;
+};
