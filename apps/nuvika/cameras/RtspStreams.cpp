@@ -2,6 +2,14 @@
 
 #include <algorithm>
 
+namespace
+{
+QString shownSize(const QSize& size)
+{
+    return QStringLiteral("%1x%2").arg(QString::number(size.width()), QString::number(size.height()));
+}
+} // namespace
+
 RtspStreams::RtspStreams(const Target& camera, RtspOptions options) : m_camera(camera)
 {
     options.clockBoundUs = StreamRecord::kAnyClockUs;
@@ -89,4 +97,23 @@ QString shownEncoding(const RtspTrack& track)
     if (track.encoding.isEmpty())
         return QStringLiteral("payload type %1").arg(track.payloadType);
     return QStringLiteral("%1/%2").arg(track.encoding, QString::number(track.clockRate));
+}
+
+QString shownParameters(const RtpMediaParameters& p)
+{
+    QStringList parts;
+    if (!p.codec.isEmpty())
+        parts += QString::fromLatin1(p.codec);
+    if (!p.shownSize.isEmpty())
+        parts += shownSize(p.shownSize);
+    if (!p.codedSize.isEmpty() && p.codedSize != p.shownSize)
+        parts += QStringLiteral("coded as %1").arg(shownSize(p.codedSize));
+    if (!p.pixelAspect.isEmpty() && p.pixelAspect.width() != p.pixelAspect.height())
+        parts += QStringLiteral("pixels %1:%2")
+                     .arg(QString::number(p.pixelAspect.width()), QString::number(p.pixelAspect.height()));
+    if (p.nSampleRate > 0)
+        parts += QStringLiteral("%1 Hz").arg(p.nSampleRate);
+    if (p.nChannels > 0)
+        parts += p.nChannels == 1 ? QStringLiteral("mono") : QStringLiteral("%1 channels").arg(p.nChannels);
+    return parts.join(QLatin1String(", "));
 }

@@ -48,3 +48,5 @@ private:
 QString shownTransport(RtspOptions::Transport transport);
 // "H264/90000"
 QString shownEncoding(const RtspTrack& track);
+// "avc1.640028, 1920x1080": codec, size, rate, as far as they are known.
+QString shownParameters(const RtpMediaParameters& parameters);

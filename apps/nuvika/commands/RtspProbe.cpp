@@ -17,31 +17,6 @@ QString nameOf(const RtspTrack& track)
         .arg(QString::number(track.index + 1), track.media, shownEncoding(track));
 }
 
-QString shownSize(const QSize& size)
-{
-    return QStringLiteral("%1x%2").arg(QString::number(size.width()), QString::number(size.height()));
-}
-
-// Codec, size, rate: what is known.
-QString shownParameters(const RtpMediaParameters& p)
-{
-    QStringList parts;
-    if (!p.codec.isEmpty())
-        parts += QString::fromLatin1(p.codec);
-    if (!p.shownSize.isEmpty())
-        parts += shownSize(p.shownSize);
-    if (!p.codedSize.isEmpty() && p.codedSize != p.shownSize)
-        parts += QStringLiteral("coded as %1").arg(shownSize(p.codedSize));
-    if (!p.pixelAspect.isEmpty() && p.pixelAspect.width() != p.pixelAspect.height())
-        parts += QStringLiteral("pixels %1:%2")
-                     .arg(QString::number(p.pixelAspect.width()), QString::number(p.pixelAspect.height()));
-    if (p.nSampleRate > 0)
-        parts += QStringLiteral("%1 Hz").arg(p.nSampleRate);
-    if (p.nChannels > 0)
-        parts += p.nChannels == 1 ? QStringLiteral("mono") : QStringLiteral("%1 channels").arg(p.nChannels);
-    return parts.join(QLatin1String(", "));
-}
-
 void trace(char direction, const QByteArray& text)
 {
     Output::flush();

@@ -25,6 +25,7 @@ QJsonObject streamJson(const StreamRecord& stream)
         {QStringLiteral("loss"), figures.lossPercent},
         {QStringLiteral("packets"), static_cast<double>(figures.allPackets)},
         {QStringLiteral("lost"), static_cast<double>(figures.allLost)},
+        {QStringLiteral("keyFrames"), static_cast<double>(figures.keyFrames)},
         {QStringLiteral("now"), unixMs(stream.newest())},
         {QStringLiteral("periods"), periods},
         {QStringLiteral("gaps"), stream.gaps()},
@@ -33,10 +34,10 @@ QJsonObject streamJson(const StreamRecord& stream)
 
 QJsonObject cameraJson(const Recorder& recorder, int number)
 {
-    const CameraStream& camera = *recorder.cameras()[static_cast<std::size_t>(number)];
+    const Camera& camera = *recorder.cameras()[static_cast<std::size_t>(number)];
     QJsonArray pictures;
     QJsonArray bits;
-    for (const CameraStream::Sample& sample : camera.history()) {
+    for (const Camera::Sample& sample : camera.history()) {
         pictures.append(sample.pictures);
         bits.append(sample.bytes * 8);
     }
@@ -45,6 +46,7 @@ QJsonObject cameraJson(const Recorder& recorder, int number)
         {QStringLiteral("name"), camera.name()},
         {QStringLiteral("address"), camera.address()},
         {QStringLiteral("state"), camera.state()},
+        {QStringLiteral("format"), camera.format()},
         {QStringLiteral("receiving"), camera.isReceiving()},
         {QStringLiteral("pictures"), static_cast<double>(camera.pictures())},
         {QStringLiteral("interruptions"), camera.interruptions()},
