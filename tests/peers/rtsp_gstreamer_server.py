@@ -1,5 +1,6 @@
 """GStreamer's RTSP server with a stream for each payload: rtsp_gstreamer_server.py PORT LOGIN_PORT SECONDS. Prints a
-line when it listens. /tcp is to be had over TCP only; what LOGIN_PORT has is for viewer with p@ss, by Digest."""
+line when it listens. Each client has a stream of its own, those of /shared/h264 and the like the same. /tcp is to be
+had over TCP only; what LOGIN_PORT has is for viewer with p@ss, by Digest."""
 import sys
 
 import gi
@@ -26,7 +27,7 @@ def serve(port, streams, auth=None):
     for path, launch in streams.items():
         factory = GstRtspServer.RTSPMediaFactory()
         factory.set_launch(f"( {launch} )")
-        factory.set_shared(True)
+        factory.set_shared(path.startswith("/shared"))
         if auth:
             factory.add_role_from_structure(Gst.Structure.from_string(
                 "viewer, media.factory.access=(boolean)true, media.factory.construct=(boolean)true")[0])
@@ -43,7 +44,8 @@ login.set_supported_methods(GstRtsp.RTSPAuthMethod.DIGEST)
 token = GstRtspServer.RTSPToken()
 token.set_string("media.factory.role", "viewer")
 login.add_digest("viewer", "p@ss", token)
-servers = serve(sys.argv[1], STREAMS), serve(sys.argv[2], {"/h264": H264}, login)
+SHARED = {"/shared" + path: launch for path, launch in STREAMS.items()}
+servers = serve(sys.argv[1], {**STREAMS, **SHARED}), serve(sys.argv[2], {"/h264": H264}, login)
 loop = GLib.MainLoop()
 GLib.timeout_add_seconds(int(sys.argv[3]), loop.quit)
 print("ready", flush=True)

@@ -73,6 +73,5 @@ void Camera::tick()
     if (m_history.size() > kHistorySeconds)
         m_history.erase(m_history.begin());
     m_sample = {0, 0};
-    if (!m_retry.isActive())
-        lookAtSilence();
+    lookAtSilence();
 }

@@ -61,7 +61,9 @@ protected:
 
     // Begins an attempt.
     virtual void open() = 0;
-    virtual void lookAtSilence() { }
+    virtual void lookAtSilence() = 0;
+    // Between two attempts.
+    bool isPausing() const { return m_retry.isActive(); }
 
     const Target& target() const { return m_target; }
     void setState(const QString& state) { m_state = state; }

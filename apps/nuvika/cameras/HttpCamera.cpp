@@ -102,7 +102,7 @@ void HttpCamera::takeAnswer(int status, const QByteArray& type, const char* data
 
 void HttpCamera::lookAtSilence()
 {
-    if (m_silence.elapsed() <= kSilenceMs)
+    if (isPausing() || m_silence.elapsed() <= kSilenceMs)
         return;
     m_client->shutdown();
     interrupted(QStringLiteral("silent for %1 seconds").arg(kSilenceMs / 1000));

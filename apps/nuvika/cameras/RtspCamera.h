@@ -16,6 +16,7 @@ public:
 
 private:
     void open() override { m_streams.start(); }
+    void lookAtSilence() override { m_streams.closeSilence(); } // the session itself has a time limit
     void takeDescription();
     void takeUnit(int track, const RtspUnit& unit);
     QString whyFailed(int code) const;

@@ -59,6 +59,14 @@ void RtspStreams::closeInterval()
         m_records[s.track].closeInterval({s.nPackets, s.nBytes, s.nLost}, ms);
 }
 
+void RtspStreams::closeSilence()
+{
+    for (auto& record : m_records) {
+        if (m_client.state() != RtspClient::ePlaying)
+            record.second.closeSilence(1000);
+    }
+}
+
 const RtspTrackStatistics& RtspStreams::statistics(int track) const
 {
     static const RtspTrackStatistics none;

@@ -21,6 +21,8 @@ public:
     void start();
     // Counts what came since the last second.
     void closeInterval();
+    // The same once a second where nothing plays.
+    void closeSilence();
 
     // By track.
     const std::map<int, StreamRecord>& records() const { return m_records; }

@@ -49,6 +49,8 @@ public:
     void takeReport(const NTPTimestamp& ntp, const RtpArrival& arrival);
     // Closes an interval of so many milliseconds.
     void closeInterval(const Counts& sinceSessionBegan, qint64 ms);
+    // One in which nothing came.
+    void closeSilence(qint64 ms) { closeInterval(Counts(m_counted), ms); }
 
     const Figures& figures() const { return m_figures; }
     // Anything of the stream, be it a sender report.
