@@ -1,17 +1,19 @@
 """RTSP with GStreamer's server: what the tool says of each kind of stream and of each failure, saves, and watches."""
 import contextlib
 import difflib
-import json
 import os
 import re
 import resource
+import socket
 import subprocess
+import threading
 import time
 import unittest
-import urllib.request
 from concurrent.futures import ThreadPoolExecutor
 
 from peers import PeerTest, TOOL, free_port, process, tool, wait_for_port
+from recorder import answer, cameras, wait_for
+from rtp import Relay, free_ports
 
 SYSTEM_PYTHON = "/usr/bin/python3"  # Debian's GStreamer bindings belong to it
 SERVER = os.path.join(os.path.dirname(__file__), "rtsp_gstreamer_server.py")
@@ -26,16 +28,45 @@ def server(port, login_port, seconds=100):
 
 
 def slices(name, codec):
-    """The coded slices of a byte stream, one after the other."""
     with open(name, "rb") as file:
-        units = [unit.rstrip(b"\0") for unit in re.split(b"\0\0\1", file.read())[1:]]
-    return [unit for unit in units if SLICES[codec](unit)]
+        return [unit.rstrip(b"\0") for unit in re.split(b"\0\0\1", file.read())[1:] if SLICES[codec](unit)]
 
 
 def decoded(name):
     """How many pictures ffmpeg makes of a file, and what it complains of."""
     result = subprocess.run(["ffmpeg", "-v", "error", "-i", name, "-f", "framemd5", "-"], capture_output=True, timeout=60)
     return len([line for line in result.stdout.splitlines() if not line.startswith(b"#")]), result.stderr
+
+
+@contextlib.contextmanager
+def bad_link(port, drop, swap, to=None):
+    """Stands in front of a server; its datagrams go through a relay, or to a port where nobody is. Yields port and relays."""
+    relays = []
+
+    def to_relay(found):
+        at = free_ports()
+        relays.append(Relay(at, to or int(found[1]), drop, swap))
+        relays[-1].start()
+        return b"client_port=%d-%d" % (at, at + 1)
+
+    def pump(source, target, pattern, replacement):
+        with contextlib.suppress(OSError):
+            while data := source.recv(65536):
+                target.sendall(re.sub(pattern, replacement, data))
+            target.shutdown(socket.SHUT_WR)
+    with socket.create_server(("127.0.0.1", 0)) as listener, contextlib.ExitStack() as stack:
+        def serve():
+            with contextlib.suppress(OSError):
+                while True:
+                    near = stack.enter_context(listener.accept()[0])
+                    far = stack.enter_context(socket.create_connection(("127.0.0.1", port)))
+                    for arguments in ((near, far, rb"client_port=(\d+)-\d+", to_relay), (far, near, rb"server_port=\d+-\d+;", b"")):
+                        threading.Thread(target=pump, args=arguments, daemon=True).start()
+        threading.Thread(target=serve, daemon=True).start()
+        yield listener.getsockname()[1], relays
+        listener.shutdown(socket.SHUT_RDWR)
+        for relay in relays:
+            relay.end()
 
 
 class Rtsp(PeerTest):
@@ -95,6 +126,25 @@ class Rtsp(PeerTest):
                     self.assertEqual(found, code, text + errors)
                     self.assertIn(says, errors)
 
+    def test_a_bad_link_is_told_as_it_is(self):
+        with server(self.port, self.login_port):
+            with bad_link(self.port, 20, 7) as (port, relays):
+                code, text, _ = self.probe(self.url("h264", port=port), "--seconds", "5")
+                self.assertEqual(code, 0, text)
+                packets, lost = map(int, re.search(r"(?m)^1 video H264/90000: (\d+) packets, (\d+) lost", text).groups())
+                self.assertGreater(relays[0].swapped, 5)
+                self.assertLessEqual(abs(relays[0].dropped - lost), 2, text + "what is only out of order is not lost")
+                self.assertRegex(text, r"(?m)^Track 1 \(video\) lost \d\.\d\d % of its packets: try --tcp")
+                self.assertRegex(text, r"\d+ damaged and left out")
+            with bad_link(self.port, 1 << 30, 1 << 30, to=free_ports()) as (port, _), ThreadPoolExecutor(2) as pool:
+                udp = pool.submit(self.probe, self.url("h264", port=port), "--udp")
+                code, text, errors = self.probe(self.url("h264", port=port), "--seconds", "2")
+                self.assertEqual((code, errors), (0, ""), text)
+                self.assertIn("TCP is tried next: no packet came by UDP within 3 s.\n", text)
+                code, text, errors = udp.result()
+                self.assertEqual(code, 28, text)
+                self.assertRegex(errors, r"no packet came within 10 s\nnuvika: a firewall or address translation may keep UDP away: try --tcp\n")
+
     def test_saves_the_slices_that_ffmpeg_gets_of_the_same_stream(self):
         # Who begins first differs, and where parameter sets and messages stand; the slices do not, to the byte.
         with server(self.port, self.login_port):
@@ -127,29 +177,23 @@ class Rtsp(PeerTest):
     def test_watch_comes_back_to_a_server_that_was_away(self):
         page = free_port()
 
-        def state():
-            return json.load(urllib.request.urlopen(f"http://127.0.0.1:{page}/state.json", timeout=20))["cameras"]
-
-        def wait_for(condition, what, seconds=60):
-            end = time.monotonic() + seconds
-            while not all(map(condition, state())):
-                self.assertLess(time.monotonic(), end, f"{what}: {state()}")
-                time.sleep(0.1)
+        def all_are(condition, what):
+            wait_for(lambda: all(map(condition, cameras(page))), what, 60)
         urls = [self.url("both"), self.url("jpeg"), self.url("tcp")]
         with process([TOOL, "watch", *urls, "--port", str(page), "--seconds", "150"]):
+            wait_for_port(page)
             with server(self.port, self.login_port) as peer:
-                wait_for_port(page)
-                wait_for(lambda c: c["receiving"] and c["pictures"] > 30 and len(c["rtp"]["periods"]) == 1, "all play")
+                all_are(lambda c: c["receiving"] and c["pictures"] > 30 and len(c["rtp"]["periods"]) == 1, "all play")
                 peer.kill()
-            wait_for(lambda c: not c["receiving"] and c["interruptions"] == 1 and c["rtp"]["rates"][-1] == 0, "all know that it has gone")
-            seen = [c["pictures"] for c in state()]
+            all_are(lambda c: not c["receiving"] and c["interruptions"] == 1 and c["rtp"]["rates"][-1] == 0, "all know that it has gone")
+            seen = max(c["pictures"] for c in cameras(page))
             with server(self.port, self.login_port):
-                wait_for(lambda c: c["receiving"] and c["pictures"] > max(seen) + 40, "all play again")
-                for camera in state():
+                all_are(lambda c: c["receiving"] and c["pictures"] > seen + 40, "all play again")
+                for camera in cameras(page):
                     self.assertEqual((camera["rtp"]["gaps"], camera["rtp"]["lost"]), (1, 0), camera)
                     self.assertLess(abs(camera["rtp"]["now"] / 1000 - time.time()), 5, "by the server's clock, which is ours")
-                self.assertEqual([c["format"] for c in state()], ["H264 avc1.42c015, 320x240", "", "H264 avc1.42c015, 320x240"])
-                picture = urllib.request.urlopen(f"http://127.0.0.1:{page}/picture/2", timeout=20).read()
+                self.assertEqual([c["format"] for c in cameras(page)], ["H264 avc1.42c015, 320x240", "", "H264 avc1.42c015, 320x240"])
+                picture = answer(page, "/picture/2")[1]
                 self.assertEqual((picture[:2], picture[-2:]), (b"\xff\xd8", b"\xff\xd9"), "of a JPEG stream the page has pictures")
 
 

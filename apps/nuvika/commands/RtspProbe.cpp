@@ -5,9 +5,9 @@
 #include "base/Output.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QTimer>
 
 #include <cstdio>
+#include <utility>
 
 namespace
 {
@@ -45,6 +45,8 @@ RtspProbe::RtspProbe(const Settings& settings)
         [](RtspOptions::Transport transport, const QString& reason) {
             print(QStringLiteral("%1 is tried next: %2.").arg(shownTransport(transport), reason));
         });
+    m_end.setSingleShot(true);
+    connect(&m_end, &QTimer::timeout, this, &RtspProbe::finish);
     connect(&m_client, &RtspClient::playing, this, &RtspProbe::showPlaying);
     connect(&m_client, &RtspClient::unitReceived, this, &RtspProbe::takeUnit);
     connect(&m_streams, &RtspStreams::updated, this, &RtspProbe::showSecond);
@@ -110,17 +112,20 @@ void RtspProbe::chooseSaved()
 
 void RtspProbe::showPlaying()
 {
-    if (m_stage == RtspStage::Playing)
-        return; // again, over another transport
     m_stage = RtspStage::Playing;
-    m_played.start();
-    const int forgets = m_client.sessionTimeout();
     print(QStringLiteral("Playing over %1; the session ends %2 s after our last request.")
-              .arg(shownTransport(m_client.transport()), QString::number(forgets)));
-    if (m_settings.seconds > 0) {
-        constexpr int kFiguresMs = 200; // the last second's figures come first
-        QTimer::singleShot(m_settings.seconds * 1000 + kFiguresMs, this, [this] { finish(); });
-    }
+              .arg(shownTransport(m_client.transport()), QString::number(m_client.sessionTimeout())));
+    Output::flush();
+    m_played.start();
+    m_bFirst = true;
+    endAfter(m_settings.options.timeouts.nFirstPacket); // where only data is played, which may be silent
+}
+
+void RtspProbe::endAfter(int patienceMs)
+{
+    constexpr int kFiguresMs = 200; // the last second's figures come first
+    if (m_settings.seconds > 0)
+        m_end.start(m_settings.seconds * 1000 + kFiguresMs + patienceMs);
 }
 
 void RtspProbe::showSecond()
@@ -142,6 +147,10 @@ void RtspProbe::showSecond()
 // Whole units from the first key frame on.
 void RtspProbe::takeUnit(int track, const RtspUnit& unit)
 {
+    if (std::exchange(m_bFirst, false)) {
+        m_played.start();
+        endAfter(0);
+    }
     if (!m_file.isOpen() || track != m_saved || (m_file.units() == 0 && !unit.bKeyFrame))
         return;
     if (!m_file.write(reinterpret_cast<const char*>(unit.pData), unit.nSize))
@@ -182,6 +191,7 @@ void RtspProbe::finish()
 
 void RtspProbe::end(int code)
 {
+    m_end.stop();
     disconnect(&m_client, nullptr, this, nullptr);
     disconnect(&m_streams, nullptr, this, nullptr);
     connect(&m_client, &RtspClient::stopped, this, [code] { QCoreApplication::exit(code); });
@@ -200,7 +210,7 @@ void RtspProbe::showSummary()
     }
     const QStringList findings = findingsOf(m_streams, seconds());
     for (const QString& finding : findings)
-        print(finding + QLatin1Char('.'));
+        print(finding.endsWith(QLatin1Char('?')) ? finding : finding + QLatin1Char('.'));
     if (findings.isEmpty())
         print(QStringLiteral("All is well: every track delivers, and nothing was lost."));
 }

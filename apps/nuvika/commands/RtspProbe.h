@@ -4,13 +4,15 @@
 #include "RtspAdvice.h"
 #include "recording/StreamFile.h"
 
+#include <QtCore/QTimer>
+
 class RtspProbe : public QObject
 {
 public:
     struct Settings {
         Target camera;
         RtspOptions options;
-        int seconds = 0; // behind the answer to PLAY; 0: until finish()
+        int seconds = 0; // from the first packet on; 0: until finish()
         QString saveTo; // the first track of pictures; empty: nothing
         bool bTrace = false; // requests and answers, to standard error
     };
@@ -28,6 +30,7 @@ private:
     void showTracks();
     void chooseSaved();
     void showPlaying();
+    void endAfter(int patienceMs);
     void showSecond();
     void showSummary();
     void showTrackSummary(const RtspTrack& track);
@@ -45,5 +48,7 @@ private:
     int m_saved = -1; // the track
     RtspStage m_stage = RtspStage::Connecting;
     QString m_server;
+    bool m_bFirst = false; // nothing has come yet
     QElapsedTimer m_played;
+    QTimer m_end;
 };
