@@ -31,7 +31,7 @@ constexpr char kUsage[] = R"(nuvika: cameras over HTTP(S) and RTP, by KepNuvikaU
   nuvika rtp FILE.sdp [--seconds S]                    receives the RTP streams of a description
   nuvika sdp FILE                                      shows a description as it is understood
   nuvika get URL [-i] [--post FILE] [--put FILE]       one request to standard output
-  (https: --ca FILE, --cert FILE, --insecure)
+  (https and rtsps: --ca FILE, --cert FILE, --insecure)
 
 nuvika COMMAND --help tells more. NUVIKA_LOG=1 in the environment shows the library's log.
 

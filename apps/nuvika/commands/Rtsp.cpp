@@ -47,7 +47,7 @@ void addOptions(QCommandLineParser& parser)
 }
 
 // False with a message.
-bool readTransport(const QCommandLineParser& parser, RtspOptions* options)
+bool readTransport(const QCommandLineParser& parser, bool bTls, RtspOptions* options)
 {
     const std::pair<const char*, RtspOptions::Transport> names[]
         = {{"tcp", RtspOptions::eTcp}, {"udp", RtspOptions::eUdp}, {"multicast", RtspOptions::eMulticast}};
@@ -60,7 +60,11 @@ bool readTransport(const QCommandLineParser& parser, RtspOptions* options)
     }
     if (given > 1)
         Output::complain(QStringLiteral("rtsp takes one of --tcp, --udp and --multicast"));
-    return given <= 1;
+    const bool bInTheClear
+        = bTls && (options->transport == RtspOptions::eUdp || options->transport == RtspOptions::eMulticast);
+    if (bInTheClear)
+        Output::complain(QStringLiteral("rtsps is for TCP only: datagrams would be sent in the clear"));
+    return given <= 1 && !bInTheClear;
 }
 
 void readLogin(const QCommandLineParser& parser, Target* camera)
@@ -90,7 +94,8 @@ int readSettings(const QCommandLineParser& parser, RtspProbe::Settings* settings
     settings->seconds = numberOf(parser, "seconds", kDefaultSeconds, 0, 1000000);
     settings->saveTo = parser.value(QStringLiteral("save"));
     settings->bTrace = parser.isSet(QStringLiteral("verbose"));
-    return readTransport(parser, &settings->options) && settings->seconds >= 0 ? Exit::kOk : Exit::kUsage;
+    return readTransport(parser, camera.bTls, &settings->options) && settings->seconds >= 0 ? Exit::kOk
+                                                                                            : Exit::kUsage;
 }
 } // namespace
 

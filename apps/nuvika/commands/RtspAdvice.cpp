@@ -36,7 +36,7 @@ constexpr std::array<Entry, 15> kEntries{{
         "choose another codec in the camera's settings: H.264, H.265, JPEG; AAC, G.711, Opus"},
     {453, Exit::kHttpError, "the camera is at its limit: close other viewers, or lower its bit rate"},
     {454, Exit::kLost, "the camera forgot the session: try again, or restart it"},
-    {461, Exit::kHttpError, "the camera does not send this way: try without --udp and --multicast, or --tcp"},
+    {461, Exit::kHttpError, "the camera does not send this way: try another of --tcp, --udp and --multicast"},
     {503, Exit::kHttpError, "the camera is busy: close other viewers, or restart it"},
 }};
 
