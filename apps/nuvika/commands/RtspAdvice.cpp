@@ -15,6 +15,7 @@ struct Entry {
 constexpr int kTimedOut = 10060;
 constexpr int kUnauthorised = 401;
 constexpr int kUnreadable = 10053;
+constexpr int kReset = 10054;
 
 constexpr std::array<Entry, 15> kEntries{{
     {5, Exit::kTimeout,
@@ -45,6 +46,8 @@ QString nextAfterSilence(RtspStage stage, RtspOptions::Transport transport)
     if (stage == RtspStage::Connecting)
         return QStringLiteral(
             "no answer from this address: is the camera on, the address right, a firewall between?");
+    if (stage == RtspStage::Connected)
+        return QStringLiteral("who listens there says nothing: is it the RTSP port (usually 554)?");
     if (stage == RtspStage::Answered)
         return QStringLiteral("the camera hangs or is overloaded: close other viewers, or restart it");
     if (transport == RtspOptions::eTcp)
@@ -151,8 +154,11 @@ RtspAdvice adviceFor(int code, RtspStage stage, const Target& camera, RtspOption
         return {Exit::kTimeout, nextAfterSilence(stage, transport)};
     if (code == kUnauthorised)
         return adviceForLogin(camera);
-    if (code == kUnreadable && stage == RtspStage::Connecting)
-        return {camera.bTls ? Exit::kTls : Exit::kLost,
+    if ((code == kUnreadable || code == kReset) && stage == RtspStage::Playing)
+        return {Exit::kLost,
+            QStringLiteral("the camera, or the way to it, went away: it may have restarted; try again")};
+    if (code == kUnreadable && stage < RtspStage::Answered)
+        return {camera.bTls && stage == RtspStage::Connecting ? Exit::kTls : Exit::kLost,
             QStringLiteral("is this a port of %1? -v shows what came")
                 .arg(camera.bTls ? QStringLiteral("rtsps") : QStringLiteral("RTSP"))};
     for (const Entry& entry : kEntries) {

@@ -6,7 +6,7 @@
 #include <QtCore/QStringList>
 
 // How far a session came.
-enum class RtspStage { Connecting, Answered, Playing };
+enum class RtspStage { Connecting, Connected, Answered, Playing };
 
 struct RtspAdvice {
     int exitCode;

@@ -6,6 +6,7 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -32,13 +33,15 @@ RtspProbe::RtspProbe(const Settings& settings)
     : m_settings(settings), m_streams(settings.camera, settings.options), m_client(m_streams.client())
 {
     connect(&m_client, &RtspClient::messageReceived, this, &RtspProbe::takeServer);
+    connect(&m_client, &RtspClient::messageSent, this,
+        [this] { m_stage = std::max(m_stage, RtspStage::Connected); });
     if (settings.bTrace) {
         connect(&m_client, &RtspClient::messageSent, this, [](const QByteArray& text) { trace('>', text); });
         connect(
             &m_client, &RtspClient::messageReceived, this, [](const QByteArray& text) { trace('<', text); });
     }
     connect(&m_client, &RtspClient::described, this, &RtspProbe::showTracks);
-    connect(&m_client, &RtspClient::trackRefused, this, [this](int track, const QString& reason) {
+    connect(&m_client, &RtspClient::trackRefused, this, [](int track, const QString& reason) {
         print(QStringLiteral("Track %1 is left out: %2").arg(QString::number(track + 1), reason));
     });
     connect(&m_client, &RtspClient::transportChanged, this,
@@ -130,7 +133,7 @@ void RtspProbe::endAfter(int patienceMs)
 
 void RtspProbe::showSecond()
 {
-    const int second = static_cast<int>(seconds() + 0.5);
+    const int second = static_cast<int>((m_played.elapsed() + 500) / 1000);
     for (const RtspTrack& track : m_client.tracks()) {
         const auto found = m_streams.records().find(track.index);
         if (found == m_streams.records().end() || !track.problem.isEmpty())
@@ -163,9 +166,8 @@ void RtspProbe::fail(int code)
 {
     m_streams.closeInterval();
     const RtspAdvice advice = adviceFor(code, m_stage, m_settings.camera, m_client.transport());
-    const bool bSomething = m_stage == RtspStage::Playing;
-    if (bSomething)
-        showSummary();
+    if (m_stage == RtspStage::Playing)
+        showSummary(true);
     const int file = finishFile();
     Output::flush();
     Output::complain(m_client.errorString());
@@ -181,7 +183,7 @@ void RtspProbe::finish()
         end(file == Exit::kOk ? Exit::kFailure : file);
         return;
     }
-    showSummary();
+    showSummary(false);
     const int file = finishFile();
     bool bAll = true;
     for (const auto& record : m_streams.records())
@@ -202,7 +204,7 @@ void RtspProbe::end(int code)
         m_client.stop(); // the camera's place is free again
 }
 
-void RtspProbe::showSummary()
+void RtspProbe::showSummary(bool bBroken)
 {
     for (const RtspTrack& track : m_client.tracks()) {
         if (m_streams.records().count(track.index) > 0)
@@ -211,7 +213,7 @@ void RtspProbe::showSummary()
     const QStringList findings = findingsOf(m_streams, seconds());
     for (const QString& finding : findings)
         print(finding.endsWith(QLatin1Char('?')) ? finding : finding + QLatin1Char('.'));
-    if (findings.isEmpty())
+    if (findings.isEmpty() && !bBroken)
         print(QStringLiteral("All is well: every track delivers, and nothing was lost."));
 }
 
@@ -233,7 +235,8 @@ void RtspProbe::showTrackSummary(const RtspTrack& track)
     if (track.clockRate > 0)
         parts += QStringLiteral("jitter %1 ms").arg(1000.0 * s.nJitter / track.clockRate, 0, 'f', 1);
     if (const auto errorUs = record.clockErrorUs())
-        parts += QString::asprintf("clock %+.3f s", static_cast<double>(*errorUs / 1000) / 1000);
+        parts += QString::asprintf(
+            "clock %+.3f s", static_cast<double>(qRound64(static_cast<double>(*errorUs) / 1000)) / 1000);
     parts.removeAll(QString());
     print(QStringLiteral("  ") + parts.join(QLatin1String(", ")));
 }

@@ -32,7 +32,7 @@ private:
     void showPlaying();
     void endAfter(int patienceMs);
     void showSecond();
-    void showSummary();
+    void showSummary(bool bBroken);
     void showTrackSummary(const RtspTrack& track);
     void takeUnit(int track, const RtspUnit& unit);
     void takeServer(const QByteArray& message);
