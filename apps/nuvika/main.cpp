@@ -6,6 +6,7 @@
 #include "commands/Get.h"
 #include "commands/Password.h"
 #include "commands/Rtp.h"
+#include "commands/Rtsp.h"
 #include "commands/Watch.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
@@ -26,10 +27,11 @@ constexpr char kUsage[] = R"(nuvika: cameras over HTTP(S) and RTP, by KepNuvikaU
   nuvika status HOST:PORT [--watch]                    a recorder's cameras, rates, losses, recorded periods
   nuvika send HOST:PORT COMMAND                        any command to a recorder, its answer to standard output
   nuvika password encode|decode                        a password as a marked hex string, for --config, and back
+  nuvika rtsp URL [--tcp|--udp] [--save FILE]          what an RTSP camera offers, sends and does wrong
   nuvika rtp FILE.sdp [--seconds S]                    receives the RTP streams of a description
   nuvika sdp FILE                                      shows a description as it is understood
   nuvika get URL [-i] [--post FILE] [--put FILE]       one request to standard output
-  (https: --ca FILE, --cert FILE, --insecure)
+  (https and rtsps: --ca FILE, --cert FILE, --insecure)
 
 nuvika COMMAND --help tells more. NUVIKA_LOG=1 in the environment shows the library's log.
 
@@ -52,6 +54,8 @@ Command commandOf(const QString& name)
         return &runPassword;
     if (name == QLatin1String("rtp"))
         return &runRtp;
+    if (name == QLatin1String("rtsp"))
+        return &runRtsp;
     if (name == QLatin1String("sdp"))
         return &runSdp;
     return name == QLatin1String("get") ? &runGet : nullptr;

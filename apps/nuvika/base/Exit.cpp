@@ -14,7 +14,7 @@ constexpr std::array<Meaning, 13> kMeanings{{
     {Exit::kUsage, "The command line or the configuration file is wrong."},
     {Exit::kNoHost, "The host is unknown."},
     {Exit::kNoConnection, "There is no connection to the host."},
-    {Exit::kHttpError, "The server answered with an HTTP error."},
+    {Exit::kHttpError, "The server answered with an error status."},
     {Exit::kWrite, "Output, or a picture to be saved, could not be written."},
     {Exit::kRead, "A file or standard input could not be read."},
     {Exit::kTimeout, "No answer, or no TLS handshake, came in time."},

@@ -48,11 +48,12 @@ void addTlsOptions(QCommandLineParser& parser)
 {
     parser.addOptions({
         {QStringLiteral("ca"),
-            QStringLiteral("https: trust the certificates of FILE (PEM, or a folder), not the system's."),
+            QStringLiteral(
+                "https, rtsps: trust the certificates of FILE (PEM, or a folder), not the system's."),
             QStringLiteral("FILE")},
-        {QStringLiteral("cert"), QStringLiteral("https: our certificate and its key (PEM)."),
+        {QStringLiteral("cert"), QStringLiteral("https, rtsps: our certificate and its key (PEM)."),
             QStringLiteral("FILE")},
-        {QStringLiteral("insecure"), QStringLiteral("https: whoever answers is believed.")},
+        {QStringLiteral("insecure"), QStringLiteral("https, rtsps: whoever answers is believed.")},
     });
 }
 

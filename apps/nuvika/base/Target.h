@@ -2,15 +2,19 @@
 #pragma once
 
 #include <KepNuvikaUtil/HttpsClient.h>
+#include <KepNuvikaUtil/RtspOptions.h>
 
 #include <QtCore/QString>
 
 #include <memory>
 
 struct Target {
+    enum Schemes { eHttp, eRtsp, eBoth }; // each with its variant over TLS
+
+    bool bRtsp = false;
     QString host;
     unsigned short port = 80;
-    QString path; // with the query
+    QString path; // with the query; of RTSP as it was given
     QString user;
     QString password;
     bool bTls = false;
@@ -19,11 +23,20 @@ struct Target {
     bool bInsecure = false; // nobody's certificate is verified
 
     // False with a sentence for the user.
-    static bool parse(const QString& url, Target* target, QString* problem);
+    static bool parse(const QString& url, Schemes schemes, Target* target, QString* problem);
     // Without the credentials.
     QString shown() const;
     // What a Host field says (RFC 9110, section 7.2): an IPv6 address in brackets, the port unless it is the
     // scheme's own.
     QString authority() const;
     std::unique_ptr<HttpsClient> makeClient(bool bKeepAlive) const;
+    // What RtspClient::start() takes, beside the credentials.
+    QString rtspUrl() const { return scheme() + QLatin1String("://") + authority() + path; }
+    RtspOptions rtspOptions() const;
+
+private:
+    QString scheme() const;
+    unsigned short usualPort() const;
+    bool parseHttp(const QString& url, QString* problem);
+    bool parseRtsp(const QString& url, QString* problem);
 };

@@ -33,18 +33,8 @@ bool CameraMedia::openUnicast()
     auto receiver = std::make_unique<RtpReceiver>(media);
     if (!receiver->open(QHostAddress(QHostAddress::LocalHost), &m_problem))
         return false;
-    attach(std::move(receiver));
-    return true;
-}
-
-void CameraMedia::attach(std::unique_ptr<RtpReceiver> receiver)
-{
     m_receiver = std::move(receiver);
-    connect(m_receiver.get(), &RtpReceiver::updated, this, [this] {
-        m_rates.push_back(m_receiver->figures().megabits);
-        if (m_rates.size() > RtpReceiver::kHistorySeconds)
-            m_rates.pop_front();
-    });
+    return true;
 }
 
 void CameraMedia::ask()
@@ -73,5 +63,5 @@ void CameraMedia::takeDescription(const QString& text)
         return;
     auto receiver = std::make_unique<RtpReceiver>(media.front());
     if (receiver->open(QHostAddress(QHostAddress::LocalHost), &m_problem))
-        attach(std::move(receiver));
+        m_receiver = std::move(receiver);
 }

@@ -9,7 +9,6 @@
 
 #include <QtCore/QTimer>
 
-#include <deque>
 #include <memory>
 
 class CameraMedia : public QObject
@@ -25,14 +24,11 @@ public:
     RtpReceiver* receiver() { return m_receiver.get(); }
     const QString& problem() const { return m_problem; }
     const QString& description() const { return m_description; }
-    // Mbit/s of the last seconds, oldest first.
-    const std::deque<double>& rates() const { return m_rates; }
 
 private:
     bool openUnicast();
     void ask();
     void takeDescription(const QString& text);
-    void attach(std::unique_ptr<RtpReceiver> receiver);
 
     Target m_camera;
     HttpClient m_client;
@@ -40,5 +36,4 @@ private:
     QString m_description;
     QString m_problem;
     std::unique_ptr<RtpReceiver> m_receiver;
-    std::deque<double> m_rates;
 };

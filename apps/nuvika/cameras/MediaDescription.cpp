@@ -30,15 +30,16 @@ QHostAddress connectionAddress(const QStringList& lines)
     return QHostAddress(address.section(QLatin1Char('/'), 0, 0));
 }
 
-QString encodingOf(const SDP& sdp, int index, int payloadType)
+// What an attribute says of a payload type; empty where it says nothing.
+QString attributeOf(const SDP& sdp, int index, const char* name, int payloadType)
 {
     const QStringList lines = sdp.getMediaParamValues(index, QStringLiteral("a"));
-    const QString lead = QStringLiteral("rtpmap:%1 ").arg(payloadType);
+    const QString lead = QStringLiteral("%1:%2 ").arg(QLatin1String(name), QString::number(payloadType));
     for (const QString& line : lines) {
         if (line.startsWith(lead))
             return line.mid(lead.size()).trimmed();
     }
-    return staticEncoding(payloadType);
+    return QString();
 }
 } // namespace
 
@@ -64,7 +65,10 @@ std::vector<MediaDescription> MediaDescription::of(const SDP& sdp, QStringList* 
             continue;
         }
         m.payloadType = fields.value(3).toInt();
-        m.encoding = encodingOf(sdp, i, m.payloadType);
+        m.encoding = attributeOf(sdp, i, "rtpmap", m.payloadType);
+        if (m.encoding.isEmpty())
+            m.encoding = staticEncoding(m.payloadType);
+        m.fmtp = attributeOf(sdp, i, "fmtp", m.payloadType);
         const unsigned int rate = m.encoding.section(QLatin1Char('/'), 1, 1).toUInt();
         m.clockRate = rate > 0 ? rate : m.clockRate;
         const QStringList own = sdp.getMediaParamValues(i, QStringLiteral("c"));

@@ -10,6 +10,7 @@
 struct MediaDescription {
     QString kind; // "video", "audio", ...
     QString encoding; // "H264/90000"; empty when unknown
+    QString fmtp; // the format's parameters
     QHostAddress address; // null when the description has none
     unsigned short rtpPort = 0;
     unsigned short rtcpPort = 0;

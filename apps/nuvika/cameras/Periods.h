@@ -39,6 +39,15 @@ public:
         if (m_ends.size() > kMost)
             m_ends.erase(m_ends.begin());
     }
+    // Those that begin there or later were told by a clock that was wrong by so much.
+    void moveFrom(const Time& begin, const Time& by, const Time& tolerance)
+    {
+        const auto first = m_ends.lower_bound(begin);
+        const std::map<Time, Time> moved(first, m_ends.end());
+        m_ends.erase(first, m_ends.end());
+        for (const auto& period : moved)
+            add(period.first + by, period.second + by, tolerance);
+    }
     // Forgets what ended before the first or begins behind the second.
     void limitTo(const Time& oldest, const Time& newest)
     {

@@ -1,7 +1,10 @@
 #include "RtpReceiver.h"
 
-#include <KepNuvikaUtil/RTCPPacket.h>
-#include <KepNuvikaUtil/RTPPacket.h>
+#include <KepNuvikaUtil/RtcpCompound.h>
+
+#include <QtCore/QDateTime>
+
+#include <algorithm>
 
 namespace
 {
@@ -12,29 +15,35 @@ const unsigned char* bytesOf(const NuvikaUdpReceiver::Datagram& datagram)
 {
     return reinterpret_cast<const unsigned char*>(datagram.pData);
 }
+
+std::unique_ptr<RtpDepacketizer> unitsOf(const MediaDescription& media)
+{
+    RtpPayloadFormat format;
+    format.encodingName = media.encoding.section(QLatin1Char('/'), 0, 0);
+    format.nClockRate = media.clockRate;
+    format.nChannels = media.encoding.section(QLatin1Char('/'), 2, 2).toUInt();
+    format.fmtp = media.fmtp;
+    format.media = media.kind;
+    return RtpDepacketizer::create(format);
+}
 } // namespace
 
-RtpReceiver::RtpReceiver(const MediaDescription& media)
-    : m_media(media), m_timeline(media.clockRate, media.kind == QLatin1String("audio"))
+RtpReceiver::RtpReceiver(const MediaDescription& media) : m_media(media), m_units(unitsOf(media))
 {
+    m_timeline.setClockBound(StreamRecord::kAnyClockUs);
+    m_timeline.addTrack(media.clockRate);
+    m_clock.start();
     m_rtp.registerCallback([](const NuvikaUdpReceiver::Datagram* datagram,
                                void* self) { static_cast<RtpReceiver*>(self)->takeRtp(*datagram); },
         this);
     m_rtcp.registerCallback([](const NuvikaUdpReceiver::Datagram* datagram,
                                 void* self) { static_cast<RtpReceiver*>(self)->takeRtcp(*datagram); },
         this);
-    connect(&m_statistics, &RtpStatistics::sigStatistics, this,
-        [this](
-            const QString&, unsigned int, double rate, unsigned int packets, unsigned int lost, double loss) {
-            m_figures.megabits = rate;
-            m_figures.packets = packets;
-            m_figures.lost = lost;
-            m_figures.lossPercent = loss;
-            m_figures.allPackets += packets;
-            m_figures.allLost += lost;
-            m_timeline.limitTo(NTPTimestamp::fromMilliseconds(kHistorySeconds * 1000));
-            emit updated();
-        });
+    connect(&m_second, &QTimer::timeout, this, [this] {
+        takeDue(now().monotonicUs);
+        closeInterval();
+        emit updated();
+    });
 }
 
 bool RtpReceiver::open(const QHostAddress& interfaceAddress, QString* problem)
@@ -56,14 +65,26 @@ bool RtpReceiver::open(const QHostAddress& interfaceAddress, QString* problem)
     };
     if (!create(m_rtp, m_media.rtpPort) || !create(m_rtcp, m_media.rtcpPort))
         return false;
-    m_statistics.start(qUtf8Printable(m_media.shown()), 1000, false, true);
+    m_sinceInterval.start();
+    m_second.start(1000);
     return true;
 }
 
 void RtpReceiver::finish()
 {
-    const QSignalBlocker silent(this);
-    m_statistics.report();
+    takeDue(RtpReorderBuffer::kNever);
+    closeInterval();
+}
+
+void RtpReceiver::closeInterval()
+{
+    const RtpReorderCounts& counts = m_order.counts();
+    m_record.closeInterval({counts.nReceived, m_nBytes, counts.nLost}, m_sinceInterval.restart());
+}
+
+RtpArrival RtpReceiver::now() const
+{
+    return {m_clock.nsecsElapsed() / 1000, QDateTime::currentMSecsSinceEpoch() * 1000};
 }
 
 bool RtpReceiver::isOurSource(unsigned int ssrc)
@@ -73,9 +94,12 @@ bool RtpReceiver::isOurSource(unsigned int ssrc)
             return false;
         if (m_ssrc) { // a sender that started again: other numbers, another clock
             finish();
-            m_statistics.restart();
-            m_timeline = RtpTimeline(m_media.clockRate, m_media.kind == QLatin1String("audio"));
+            m_order = RtpReorderBuffer();
+            m_nBytes = 0;
+            m_units = unitsOf(m_media);
+            m_record.beginSession();
         }
+        m_timeline.setSource(0, ssrc);
         m_ssrc = ssrc;
     }
     m_sinceSource.start();
@@ -91,16 +115,43 @@ void RtpReceiver::takeRtp(const NuvikaUdpReceiver::Datagram& datagram)
     }
     if (!isOurSource(packet.getSSRC()))
         return;
-    m_statistics.update(packet);
-    m_timeline.takePacket(packet);
+    m_nBytes += static_cast<quint64>(datagram.nSize);
+    const qint64 nowUs = now().monotonicUs;
+    RtpOrderedPacket ordered;
+    if (m_order.push(packet, nowUs, &ordered))
+        takeOrdered(ordered);
+    takeDue(nowUs);
 }
 
-bool RtpReceiver::takeRtcp(const NuvikaUdpReceiver::Datagram& datagram)
+void RtpReceiver::takeDue(qint64 nowUs)
 {
-    const RTCPPacket packet(bytesOf(datagram), static_cast<unsigned int>(datagram.nSize));
-    if (!packet.isHeaderValid() || packet.getType() != eRtcpSR || !isOurSource(packet.getSSRC()))
-        return false;
-    ++m_figures.reports;
-    m_timeline.takeReport(packet.getNtpTimestamp(), packet.getRtpTimestamp());
-    return true;
+    RtpOrderedPacket ordered;
+    while (m_order.pop(nowUs, &ordered))
+        takeOrdered(ordered);
+}
+
+void RtpReceiver::takeOrdered(const RtpOrderedPacket& ordered)
+{
+    const bool bBroken = ordered.bNewRun && m_order.counts().nRuns > 1;
+    if (bBroken)
+        m_timeline.restart(0);
+    m_units->push(ordered.packet, std::max(ordered.nLost, bBroken ? 1U : 0U));
+    RtpArrival arrival = now();
+    arrival.wallUs -= arrival.monotonicUs - ordered.arrivalUs;
+    arrival.monotonicUs = ordered.arrivalUs;
+    RtpAccessUnit unit;
+    while (m_units->next(&unit))
+        m_record.takeUnit(unit, m_timeline.stamp(0, unit.nTimestamp, arrival));
+}
+
+void RtpReceiver::takeRtcp(const NuvikaUdpReceiver::Datagram& datagram)
+{
+    RtcpCompound rtcp(bytesOf(datagram), static_cast<unsigned int>(datagram.nSize));
+    RtcpSenderInfo info;
+    while (rtcp.next()) {
+        if (!rtcp.senderInfo(&info) || !isOurSource(info.nSsrc))
+            continue;
+        m_timeline.senderReport(0, info.nSsrc, info.ntp, info.nRtpTimestamp, now());
+        m_record.takeReport(info.ntp, now());
+    }
 }

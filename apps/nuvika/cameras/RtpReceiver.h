@@ -1,31 +1,22 @@
-// Receives one RTP stream with its sender reports, and keeps its figures.
+// Receives one RTP stream with its sender reports, puts it in order, and keeps its record.
 #pragma once
 
 #include "MediaDescription.h"
-#include "RtpTimeline.h"
+#include "StreamRecord.h"
 
 #include <KepNuvikaUtil/NuvikaUdpReceiver.h>
-#include <KepNuvikaUtil/RtpStatistics.h>
+#include <KepNuvikaUtil/RtpDepacketizer.h>
+#include <KepNuvikaUtil/RtpReorderBuffer.h>
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QTimer>
+
+#include <memory>
 
 class RtpReceiver : public QObject
 {
     Q_OBJECT
 public:
-    static constexpr int kHistorySeconds = 180;
-
-    // Of the last whole second, and since the beginning.
-    struct Figures {
-        double megabits = 0; // a second
-        double lossPercent = 0;
-        unsigned int packets = 0;
-        unsigned int lost = 0;
-        quint64 allPackets = 0;
-        quint64 allLost = 0;
-        unsigned int reports = 0;
-    };
-
     explicit RtpReceiver(const MediaDescription& media);
 
     // Joins the group that the description names, over the interface with that address, or receives what
@@ -38,10 +29,7 @@ public:
     void finish();
 
     const MediaDescription& media() const { return m_media; }
-    const Figures& figures() const { return m_figures; }
-    // Anything of the stream, be it a sender report.
-    bool hasHeard() const { return m_figures.allPackets > 0 || m_figures.reports > 0; }
-    const RtpTimeline& timeline() const { return m_timeline; }
+    const StreamRecord& record() const { return m_record; }
 
 signals:
     // Each second.
@@ -49,15 +37,24 @@ signals:
 
 private:
     void takeRtp(const NuvikaUdpReceiver::Datagram& datagram);
-    bool takeRtcp(const NuvikaUdpReceiver::Datagram& datagram);
+    void takeRtcp(const NuvikaUdpReceiver::Datagram& datagram);
     bool isOurSource(unsigned int ssrc);
+    void takeDue(qint64 nowUs);
+    void takeOrdered(const RtpOrderedPacket& ordered);
+    void closeInterval();
+    RtpArrival now() const;
 
     MediaDescription m_media;
     NuvikaUdpReceiver m_rtp;
     NuvikaUdpReceiver m_rtcp;
-    RtpStatistics m_statistics;
-    RtpTimeline m_timeline;
-    Figures m_figures;
+    RtpReorderBuffer m_order;
+    std::unique_ptr<RtpDepacketizer> m_units;
+    RtpTimeline m_timeline; // of one track
+    StreamRecord m_record;
+    quint64 m_nBytes = 0;
     std::optional<quint32> m_ssrc;
+    QElapsedTimer m_clock;
     QElapsedTimer m_sinceSource;
+    QElapsedTimer m_sinceInterval;
+    QTimer m_second;
 };

@@ -17,18 +17,19 @@ double megabits(double bytes) { return bytes * 8 / 1e6; }
 QString rtpTotal(const Recorder& recorder)
 {
     double rate = 0;
-    unsigned int packets = 0;
-    unsigned int lost = 0;
+    quint64 packets = 0;
+    quint64 lost = 0;
     bool bAny = false;
     for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
-        if (const RtpReceiver* rtp = recorder.rtp(i)) {
+        if (const StreamRecord* rtp = recorder.rtp(i)) {
             bAny = true;
             rate += rtp->figures().megabits;
             packets += rtp->figures().packets;
             lost += rtp->figures().lost;
         }
     }
-    const double loss = packets + lost == 0 ? 0.0 : 100.0 * lost / (packets + lost);
+    const double loss
+        = packets + lost == 0 ? 0.0 : 100.0 * static_cast<double>(lost) / static_cast<double>(packets + lost);
     return bAny ? QString::asprintf("  RTP %.2f Mbit/s, %.2f %% lost", rate, loss) : QString();
 }
 
@@ -37,6 +38,24 @@ QByteArray column(const QString& name)
 {
     constexpr int kWidth = 14;
     return QString::fromUtf8(Output::shown(name)).leftJustified(kWidth).toUtf8();
+}
+
+// What is worth a line: losses, silence where pictures came, and that nothing was saved.
+void summariseStream(const Recorder& recorder, int number)
+{
+    const Camera& camera = *recorder.cameras()[static_cast<std::size_t>(number)];
+    const QByteArray name = Output::shown(camera.name());
+    if (recorder.isSaving() && !camera.format().isEmpty())
+        Output::print("%s sends %s, of which no pictures are saved\n", name.constData(),
+            Output::shown(camera.format()).constData());
+    const StreamRecord* rtp = recorder.rtp(number);
+    if (rtp == nullptr)
+        return;
+    const StreamRecord::Figures& f = rtp->figures();
+    if (f.allLost > 0 || (f.allPackets == 0 && camera.pictures() > 0))
+        Output::print("%s by RTP: %llu packets, %llu lost, %d gaps in what was recorded\n", name.constData(),
+            static_cast<unsigned long long>(f.allPackets), static_cast<unsigned long long>(f.allLost),
+            rtp->gaps());
 }
 } // namespace
 
@@ -47,7 +66,7 @@ void Display::show(const Recorder& recorder, int seconds)
     if (m_bTerminal) {
         showTable(recorder, seconds);
     } else {
-        const CameraStream::Sample total = recorder.total();
+        const Camera::Sample total = recorder.total();
         const QString unsaved = recorder.saved().shown();
         Output::print("%4d s  %d of %d cameras receiving  %6.1f pictures/s  %7.2f Mbit/s%s%s\n", seconds,
             recorder.receivingCameras(), static_cast<int>(recorder.cameras().size()), total.pictures,
@@ -67,8 +86,8 @@ void Display::showTable(const Recorder& recorder, int seconds)
     const auto& cameras = recorder.cameras();
     const std::size_t rows = std::min<std::size_t>(cameras.size(), kMaxRows);
     for (std::size_t i = 0; i < rows; ++i) {
-        const CameraStream& camera = *cameras[i];
-        const RtpReceiver* rtp = recorder.rtp(static_cast<int>(i));
+        const Camera& camera = *cameras[i];
+        const StreamRecord* rtp = recorder.rtp(static_cast<int>(i));
         Output::print(kFormat, column(camera.name()).constData(),
             QByteArray::number(camera.pictures()).constData(),
             QByteArray::number(camera.current().pictures, 'f', 0).constData(),
@@ -82,7 +101,7 @@ void Display::showTable(const Recorder& recorder, int seconds)
         Output::print("\x1b[2K... and %d more\n", static_cast<int>(cameras.size() - rows));
         ++m_nLines;
     }
-    const CameraStream::Sample total = recorder.total();
+    const Camera::Sample total = recorder.total();
     const QString unsaved = recorder.saved().shown();
     Output::print("\x1b[2K%d of %d receiving, %.0f pictures/s, %.2f Mbit/s, %d s%s\n",
         recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures, megabits(total.bytes),
@@ -102,14 +121,8 @@ void Display::summary(const Recorder& recorder, int seconds)
             Output::print("%s delivered nothing: %s\n", Output::shown(camera->name()).constData(),
                 Output::shown(camera->state()).constData());
     }
-    for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i) {
-        const RtpReceiver* rtp = recorder.rtp(i);
-        if (rtp != nullptr && (rtp->figures().allLost > 0 || rtp->figures().allPackets == 0))
-            Output::print("%s by RTP: %llu packets, %llu lost, %d gaps in what was recorded\n",
-                Output::shown(recorder.cameras()[static_cast<std::size_t>(i)]->name()).constData(),
-                static_cast<unsigned long long>(rtp->figures().allPackets),
-                static_cast<unsigned long long>(rtp->figures().allLost), rtp->timeline().gaps());
-    }
+    for (int i = 0; i < static_cast<int>(recorder.cameras().size()); ++i)
+        summariseStream(recorder, i);
     for (const QString& problem : {recorder.mediaProblem(), recorder.saved().shown()}) {
         if (!problem.isEmpty())
             Output::print("%s\n", Output::shown(problem).constData());

@@ -189,7 +189,7 @@ int runGet(const QStringList& arguments)
         return *code;
     Target target;
     QString problem;
-    if (!Target::parse(parser.positionalArguments().first(), &target, &problem)) {
+    if (!Target::parse(parser.positionalArguments().first(), Target::eHttp, &target, &problem)) {
         Output::complain(problem);
         return Exit::kUsage;
     }

@@ -7,9 +7,11 @@
 #include "base/Output.h"
 #include "cameras/RtpReceiver.h"
 #include "commands/MissingLines.h"
+#include "commands/StreamLines.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -87,26 +89,21 @@ void writeDescription(const QString& text)
         Output::write(Output::shown(line) + '\n');
 }
 
-void show(const RtpReceiver& stream, int second)
+// What time it is by the sender's clock.
+QByteArray senderClock(const StreamRecord& record)
 {
-    const RtpReceiver::Figures& f = stream.figures();
-    const NTPTimestamp clock = stream.timeline().senderClock();
-    Output::print("%4d s  %-20s  %8.3f Mbit/s  %6u packets  %5u lost (%.2f %%)  sender's clock %s\n", second,
-        Output::shown(stream.media().shown()).constData(), f.megabits, f.packets, f.lost, f.lossPercent,
-        clock.isNull() ? "unknown yet" : qUtf8Printable(clock.toString(false) + QLatin1Char('Z')));
-    if (!Output::flush())
-        QCoreApplication::exit(Exit::kOk);
+    if (!record.clockErrorUs())
+        return "unknown yet";
+    const qint64 us = QDateTime::currentMSecsSinceEpoch() * 1000 + *record.clockErrorUs();
+    return StreamRecord::ntpOf(us).toString(false).toUtf8() + 'Z';
 }
 
-void summarise(const RtpReceiver& stream)
+void show(const RtpReceiver& stream, int second)
 {
-    const RtpReceiver::Figures& f = stream.figures();
-    const quint64 sent = f.allPackets + f.allLost;
-    Output::print("%s: %llu packets, %llu lost (%.2f %%), %u sender reports, %d gaps\n",
-        Output::shown(stream.media().shown()).constData(), static_cast<unsigned long long>(f.allPackets),
-        static_cast<unsigned long long>(f.allLost),
-        sent == 0 ? 0.0 : 100.0 * static_cast<double>(f.allLost) / static_cast<double>(sent), f.reports,
-        stream.timeline().gaps());
+    Output::write(secondLine(second, stream.media().shown(), stream.record()) + "sender's clock "
+        + senderClock(stream.record()) + '\n');
+    if (!Output::flush())
+        QCoreApplication::exit(Exit::kOk);
 }
 
 using Streams = std::vector<std::unique_ptr<RtpReceiver>>;
@@ -151,8 +148,8 @@ int receive(const Streams& streams, int seconds)
     for (const auto& stream : streams) {
         stream->disconnect();
         stream->finish();
-        summarise(*stream);
-        bAll = bAll && stream->figures().allPackets > 0;
+        Output::write(summaryLine(stream->media().shown(), stream->record()) + '\n');
+        bAll = bAll && stream->record().figures().allPackets > 0;
     }
     return bAll ? Exit::kOk : Exit::kFailure;
 }

@@ -124,7 +124,7 @@ int collectCameras(const QCommandLineParser& parser, std::vector<ConfiguredCamer
     const QStringList urls = parser.positionalArguments();
     for (const QString& url : urls) {
         ConfiguredCamera camera;
-        if (!Target::parse(url, &camera.target, &problem)) {
+        if (!Target::parse(url, Target::eBoth, &camera.target, &problem)) {
             Output::complain(problem);
             return Exit::kUsage;
         }
@@ -201,7 +201,8 @@ int runWatch(const QStringList& arguments)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
         "Attaches to real cameras and shows them on a page, reconnecting for ever.\n"
-        "A camera's URL names a stream of pictures (multipart/x-mixed-replace) or a single picture."));
+        "A camera's URL names a stream of pictures (multipart/x-mixed-replace), a single picture, or an RTSP "
+        "stream;\nof H.264 and H.265 key frames, rates and losses are shown, of JPEG the pictures."));
     addCommonOptions(parser);
     parser.addOptions({
         {QStringLiteral("save"), QStringLiteral("Keep every picture in DIR."), QStringLiteral("DIR")},
@@ -212,7 +213,7 @@ int runWatch(const QStringList& arguments)
             QStringLiteral("FILE")},
     });
     parser.addPositionalArgument(
-        QStringLiteral("URL..."), QStringLiteral("http[s]://user:password@host:port/path"));
+        QStringLiteral("URL..."), QStringLiteral("http[s] or rtsp[s]://user:password@host:port/path"));
     addTlsOptions(parser);
     if (const auto code = readOptions(parser, "watch", arguments, {0, kMaxCameras, "the URLs of cameras"}))
         return *code;

@@ -55,7 +55,7 @@ QString readCamera(const QString& line, ConfiguredCamera* camera)
     if (url.isEmpty())
         return QStringLiteral("a camera needs url=...");
     QString problem;
-    if (!Target::parse(url, &camera->target, &problem))
+    if (!Target::parse(url, Target::eBoth, &camera->target, &problem))
         return problem;
     if (!camera->target.password.isEmpty())
         return QStringLiteral(

@@ -81,11 +81,10 @@ QByteArray CommandServer::status() const
 {
     QString text;
     for (int i = 0; i < static_cast<int>(m_recorder.cameras().size()); ++i) {
-        const CameraStream& camera = *m_recorder.cameras()[static_cast<std::size_t>(i)];
-        const RtpReceiver* rtp = m_recorder.rtp(i);
-        const CameraStream::Sample sample = camera.current();
-        const Periods<NTPTimestamp>& recorded
-            = rtp != nullptr ? rtp->timeline().recorded() : camera.recorded();
+        const Camera& camera = *m_recorder.cameras()[static_cast<std::size_t>(i)];
+        const StreamRecord* rtp = m_recorder.rtp(i);
+        const Camera::Sample sample = camera.current();
+        const Periods<NTPTimestamp>& recorded = rtp != nullptr ? rtp->recorded() : camera.recorded();
         const auto add = [&text](const char* key, const QString& value) {
             text += QLatin1String(key) + QLatin1Char('=') + protectedValue(value, 2) + QLatin1Char(';');
         };
@@ -100,6 +99,7 @@ QByteArray CommandServer::status() const
             add("rtpMegabits", QString::number(rtp->figures().megabits, 'f', 2));
             add("lossPercent", QString::number(rtp->figures().lossPercent, 'f', 2));
             add("lost", QString::number(rtp->figures().allLost));
+            add("keyFrames", QString::number(rtp->figures().keyFrames));
         }
         add("recorded", shown(recorded));
         text += QLatin1Char('\n');
@@ -113,6 +113,10 @@ QByteArray CommandServer::snapshot(const QString& identifier) const
         if (m_recorder.identifier(i) != identifier)
             continue;
         const QByteArray& picture = m_recorder.cameras()[static_cast<std::size_t>(i)]->lastPicture();
+        const QString format = m_recorder.cameras()[static_cast<std::size_t>(i)]->format();
+        if (!format.isEmpty())
+            return error(
+                QStringLiteral("%1 sends %2, of which no picture can be shown").arg(identifier, format));
         return picture.isEmpty() ? error(QStringLiteral("%1 has sent no picture yet").arg(identifier))
                                  : ok(picture);
     }

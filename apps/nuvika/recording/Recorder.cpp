@@ -26,9 +26,9 @@ Recorder::Recorder()
 void Recorder::addCamera(const QString& name, const Target& target)
 {
     const int number = static_cast<int>(m_cameras.size());
-    m_cameras.push_back(std::make_unique<CameraStream>(name, target));
+    m_cameras.push_back(Camera::create(name, target));
     m_viewers.emplace_back();
-    connect(m_cameras.back().get(), &CameraStream::picture, this,
+    connect(m_cameras.back().get(), &Camera::picture, this,
         [this, number](const QByteArray& picture) { takePicture(number, picture); });
 }
 
@@ -43,10 +43,12 @@ const CameraMedia* Recorder::media(int camera) const
     return found == m_media.end() ? nullptr : found->second.get();
 }
 
-const RtpReceiver* Recorder::rtp(int camera) const
+const StreamRecord* Recorder::rtp(int camera) const
 {
+    if (const StreamRecord* stream = m_cameras[static_cast<std::size_t>(camera)]->stream())
+        return stream;
     const CameraMedia* own = media(camera);
-    return own == nullptr ? nullptr : own->receiver();
+    return own == nullptr || own->receiver() == nullptr ? nullptr : &own->receiver()->record();
 }
 
 bool Recorder::saveTo(const QString& folder, QString* problem)
@@ -79,6 +81,8 @@ void Recorder::finish()
 {
     if (m_saver)
         m_saver->finish();
+    for (const auto& camera : m_cameras)
+        camera->finish();
     for (const auto& media : m_media) {
         if (media.second->receiver() != nullptr)
             media.second->receiver()->finish();
@@ -91,7 +95,7 @@ bool Recorder::haveAllDelivered() const
         return camera->pictures() > 0;
     }) && std::all_of(m_media.begin(), m_media.end(), [](const auto& media) {
         const RtpReceiver* receiver = media.second->receiver();
-        return receiver != nullptr && receiver->hasHeard();
+        return receiver != nullptr && receiver->record().hasHeard();
     });
 }
 
@@ -124,9 +128,9 @@ int Recorder::receivingCameras() const
     return count;
 }
 
-CameraStream::Sample Recorder::total() const
+Camera::Sample Recorder::total() const
 {
-    CameraStream::Sample sum{0, 0};
+    Camera::Sample sum{0, 0};
     for (const auto& camera : m_cameras) {
         sum.pictures += camera->current().pictures;
         sum.bytes += camera->current().bytes;

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "PictureSaver.h"
+#include "cameras/Camera.h"
 #include "cameras/CameraMedia.h"
-#include "cameras/CameraStream.h"
 #include "page/HostNames.h"
 #include "page/Viewers.h"
 #include "page/WebServer.h"
@@ -32,20 +32,21 @@ public:
     // What is still to be saved or counted, before the last figures are shown.
     void finish();
 
-    const std::vector<std::unique_ptr<CameraStream>>& cameras() const { return m_cameras; }
+    const std::vector<std::unique_ptr<Camera>>& cameras() const { return m_cameras; }
     // "cam_camera1_0001": stable as long as the camera's name and place are.
     QString identifier(int camera) const;
     int receivingCameras() const;
     // Of its RTP stream; null without one.
-    const RtpReceiver* rtp(int camera) const;
+    const StreamRecord* rtp(int camera) const;
     const CameraMedia* media(int camera) const;
     int viewers(int camera) const { return m_viewers[static_cast<std::size_t>(camera)].count(); }
     // Every camera sent pictures, and RTP where it was asked for.
     bool haveAllDelivered() const;
     // One sentence on RTP streams that cannot be received; empty without such.
     QString mediaProblem() const;
-    CameraStream::Sample total() const;
+    Camera::Sample total() const;
     quint64 skippedPictures() const { return m_nSkipped; }
+    bool isSaving() const { return m_saver != nullptr; }
     PictureSaver::Figures saved() const { return m_saver ? m_saver->figures() : PictureSaver::Figures(); }
 
 private:
@@ -53,7 +54,7 @@ private:
     void takePicture(int camera, const QByteArray& picture);
     const CameraMedia* mediaOfPath(const QString& path) const;
 
-    std::vector<std::unique_ptr<CameraStream>> m_cameras;
+    std::vector<std::unique_ptr<Camera>> m_cameras;
     std::unordered_map<int, std::unique_ptr<CameraMedia>> m_media; // by camera
     std::vector<Viewers> m_viewers; // by camera
     std::unique_ptr<PictureSaver> m_saver;

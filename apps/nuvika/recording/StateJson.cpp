@@ -11,35 +11,33 @@ namespace
 double unixMs(const NTPTimestamp& t) { return t.toUnixTime() * 1000; }
 
 // Times in milliseconds since 1970, by the camera's clock.
-QJsonObject mediaJson(const CameraMedia& media)
+QJsonObject streamJson(const StreamRecord& stream)
 {
-    const RtpReceiver* receiver = media.receiver();
-    if (receiver == nullptr)
-        return {{QStringLiteral("problem"), media.problem()}};
     QJsonArray rates;
-    for (const double rate : media.rates())
+    for (const double rate : stream.rates())
         rates.append(rate);
     QJsonArray periods;
-    for (const auto& period : receiver->timeline().recorded().all())
+    for (const auto& period : stream.recorded().all())
         periods.append(QJsonArray{unixMs(period.first), unixMs(period.second)});
-    const RtpReceiver::Figures& figures = receiver->figures();
+    const StreamRecord::Figures& figures = stream.figures();
     return {
         {QStringLiteral("rates"), rates},
         {QStringLiteral("loss"), figures.lossPercent},
         {QStringLiteral("packets"), static_cast<double>(figures.allPackets)},
         {QStringLiteral("lost"), static_cast<double>(figures.allLost)},
-        {QStringLiteral("now"), unixMs(receiver->timeline().senderClock())},
+        {QStringLiteral("keyFrames"), static_cast<double>(figures.keyFrames)},
+        {QStringLiteral("now"), unixMs(stream.newest())},
         {QStringLiteral("periods"), periods},
-        {QStringLiteral("gaps"), receiver->timeline().gaps()},
+        {QStringLiteral("gaps"), stream.gaps()},
     };
 }
 
 QJsonObject cameraJson(const Recorder& recorder, int number)
 {
-    const CameraStream& camera = *recorder.cameras()[static_cast<std::size_t>(number)];
+    const Camera& camera = *recorder.cameras()[static_cast<std::size_t>(number)];
     QJsonArray pictures;
     QJsonArray bits;
-    for (const CameraStream::Sample& sample : camera.history()) {
+    for (const Camera::Sample& sample : camera.history()) {
         pictures.append(sample.pictures);
         bits.append(sample.bytes * 8);
     }
@@ -48,6 +46,7 @@ QJsonObject cameraJson(const Recorder& recorder, int number)
         {QStringLiteral("name"), camera.name()},
         {QStringLiteral("address"), camera.address()},
         {QStringLiteral("state"), camera.state()},
+        {QStringLiteral("format"), camera.format()},
         {QStringLiteral("receiving"), camera.isReceiving()},
         {QStringLiteral("pictures"), static_cast<double>(camera.pictures())},
         {QStringLiteral("interruptions"), camera.interruptions()},
@@ -55,8 +54,10 @@ QJsonObject cameraJson(const Recorder& recorder, int number)
         {QStringLiteral("pictureRates"), pictures},
         {QStringLiteral("bitRates"), bits},
     };
-    if (const CameraMedia* media = recorder.media(number))
-        entry.insert(QStringLiteral("rtp"), mediaJson(*media));
+    if (const StreamRecord* stream = recorder.rtp(number))
+        entry.insert(QStringLiteral("rtp"), streamJson(*stream));
+    else if (const CameraMedia* media = recorder.media(number))
+        entry.insert(QStringLiteral("rtp"), QJsonObject{{QStringLiteral("problem"), media->problem()}});
     return entry;
 }
 } // namespace

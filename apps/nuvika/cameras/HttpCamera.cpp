@@ -1,25 +1,18 @@
-#include "CameraStream.h"
+#include "HttpCamera.h"
 
 #include "PictureKind.h"
 
 #include <KepNuvikaUtil/SocketError.h>
 
-#include <QtCore/QDateTime>
-
-#include <algorithm>
-
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 namespace
 {
-constexpr int kFirstPauseMs = 1000;
-constexpr int kLongestPauseMs = 30000;
 constexpr int kSilenceMs = 10000;
 constexpr int kSnapshotIntervalMs = 500;
 constexpr int kHostNotFound = 11001;
 constexpr int kVerificationRefused = 10013;
 constexpr int kConnectionAborted = 10053;
-constexpr int kGapMs = 2000; // between two recorded periods
 
 QString noPicture(const QByteArray& type, int size)
 {
@@ -35,11 +28,9 @@ QString noPicture(const QByteArray& type, int size)
 }
 } // namespace
 
-CameraStream::CameraStream(const QString& name, const Target& target)
-    : m_name(name), m_target(target), m_client(target.makeClient(true))
+HttpCamera::HttpCamera(const QString& name, const Target& target)
+    : Camera(name, target), m_client(target.makeClient(true))
 {
-    m_retry.setSingleShot(true);
-    connect(&m_retry, &QTimer::timeout, this, &CameraStream::request);
     connect(m_client.get(), &HttpsClient::multipartReplaceContent, this,
         [this](int, const HttpResponseHeader&, const char* type, const char* data, int size, Marker) {
             takePart(type, data, size);
@@ -52,7 +43,7 @@ CameraStream::CameraStream(const QString& name, const Target& target)
     connect(m_client.get(), &HttpsClient::requestFailed, this, [this] { interrupted(whyFailed()); });
 }
 
-QString CameraStream::whyFailed() const
+QString HttpCamera::whyFailed() const
 {
     switch (m_nError) {
     case 0:
@@ -67,53 +58,41 @@ QString CameraStream::whyFailed() const
     }
 }
 
-void CameraStream::start() { request(); }
-
-void CameraStream::request()
+void HttpCamera::open()
 {
     m_nError = 0;
     m_silence.start();
-    HttpRequestHeader header(QStringLiteral("GET"), m_target.path);
-    header.addValue(QStringLiteral("Host"), m_target.authority());
+    HttpRequestHeader header(QStringLiteral("GET"), target().path);
+    header.addValue(QStringLiteral("Host"), target().authority());
     constexpr int kOnlyWhenAsked = 1; // no password before a challenge
-    m_client->request(header, false, nullptr, m_target.user, m_target.password, kOnlyWhenAsked);
+    m_client->request(header, false, nullptr, target().user, target().password, kOnlyWhenAsked);
 }
 
-bool CameraStream::takePicture(const char* data, int size)
+bool HttpCamera::takePicture(const char* data, int size)
 {
     if (pictureKindOf(QByteArray::fromRawData(data, size)) == nullptr)
         return false;
     m_silence.start();
-    m_bReceiving = true;
-    m_state = QStringLiteral("receiving");
-    m_nPauseMs = 0;
-    ++m_nPictures;
-    m_nBytes += static_cast<quint64>(size);
-    m_sample.pictures += 1;
-    m_sample.bytes += size;
-    m_picture = QByteArray(data, size);
-    const NTPTimestamp now = NTPTimestamp::fromDateTime(QDateTime::currentDateTimeUtc());
-    m_recorded.add(now, now, NTPTimestamp::fromMilliseconds(kGapMs));
-    emit picture(m_picture);
+    count(size, QStringLiteral("receiving"));
+    countPicture();
+    show(QByteArray(data, size));
     return true;
 }
 
-void CameraStream::takePart(const QByteArray& type, const char* data, int size)
+void HttpCamera::takePart(const QByteArray& type, const char* data, int size)
 {
     if (takePicture(data, size))
         return;
     m_silence.start(); // whatever it sends, the camera lives
-    m_bReceiving = false;
-    m_state = noPicture(type, size);
+    complain(noPicture(type, size));
 }
 
-void CameraStream::takeAnswer(int status, const QByteArray& type, const char* data, int size)
+void HttpCamera::takeAnswer(int status, const QByteArray& type, const char* data, int size)
 {
     if (status == 200 && takePicture(data, size)) {
-        m_retry.start(kSnapshotIntervalMs); // a camera of single pictures is asked again
+        openAgain(kSnapshotIntervalMs); // a camera of single pictures is asked again
     } else if (status == 401) {
-        interrupted(m_target.user.isEmpty() ? QStringLiteral("asks for a password")
-                                            : QStringLiteral("wrong user or password"));
+        interrupted(loginProblem());
     } else if (status == 200) {
         interrupted(noPicture(type, size));
     } else {
@@ -121,23 +100,10 @@ void CameraStream::takeAnswer(int status, const QByteArray& type, const char* da
     }
 }
 
-void CameraStream::interrupted(const QString& why)
+void HttpCamera::lookAtSilence()
 {
-    m_nInterruptions += m_bReceiving ? 1 : 0;
-    m_bReceiving = false;
-    m_state = why;
-    m_nPauseMs = std::min(std::max(m_nPauseMs * 2, kFirstPauseMs), kLongestPauseMs);
-    m_retry.start(m_nPauseMs);
-}
-
-void CameraStream::tick()
-{
-    m_history.push_back(m_sample);
-    if (m_history.size() > kHistorySeconds)
-        m_history.erase(m_history.begin());
-    m_sample = {0, 0};
-    if (!m_retry.isActive() && m_silence.elapsed() > kSilenceMs) {
-        m_client->shutdown();
-        interrupted(QStringLiteral("silent for %1 seconds").arg(kSilenceMs / 1000));
-    }
+    if (isPausing() || m_silence.elapsed() <= kSilenceMs)
+        return;
+    m_client->shutdown();
+    interrupted(QStringLiteral("silent for %1 seconds").arg(kSilenceMs / 1000));
 }

@@ -1,19 +1,22 @@
-// One camera of the recorder: fetches its pictures by HTTP, plain or over TLS, for ever, with growing pauses
-// between attempts.
+// One camera of the recorder, however it is reached. It is tried for ever, with growing pauses between
+// attempts.
 #pragma once
 
+#include "BackOff.h"
 #include "Periods.h"
 #include "base/Target.h"
 
 #include <KepNuvikaUtil/NTPTimestamp.h>
 
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
+#include <memory>
 #include <vector>
 
-class CameraStream : public QObject
+class StreamRecord;
+
+class Camera : public QObject
 {
     Q_OBJECT
 public:
@@ -24,11 +27,14 @@ public:
         double bytes;
     };
 
-    CameraStream(const QString& name, const Target& target);
+    // By the scheme of its address.
+    static std::unique_ptr<Camera> create(const QString& name, const Target& target);
 
-    void start();
+    void start() { open(); }
     // Once a second: closes the current sample, and looks whether the camera has fallen silent.
     void tick();
+    // Counts what is not counted yet, before the last figures are shown.
+    virtual void finish() { }
 
     const QString& name() const { return m_name; }
     QString address() const { return m_target.shown(); }
@@ -37,7 +43,11 @@ public:
     quint64 pictures() const { return m_nPictures; }
     quint64 bytes() const { return m_nBytes; }
     int interruptions() const { return m_nInterruptions; }
+    // Empty for what browsers show no picture of; format() tells what that is.
     const QByteArray& lastPicture() const { return m_picture; }
+    virtual QString format() const { return QString(); }
+    // The RTP stream that it is received by; null without one.
+    virtual const StreamRecord* stream() const { return nullptr; }
     // Periods without a silence, by this host's clock.
     const Periods<NTPTimestamp>& recorded() const { return m_recorded; }
     const std::vector<Sample>& history() const { return m_history; } // oldest first
@@ -46,29 +56,40 @@ public:
 signals:
     void picture(const QByteArray& bytes);
 
-private:
-    void request();
-    // False for what is no picture.
-    bool takePicture(const char* data, int size);
-    void takePart(const QByteArray& type, const char* data, int size);
-    void takeAnswer(int status, const QByteArray& type, const char* data, int size);
-    QString whyFailed() const;
-    void interrupted(const QString& why);
+protected:
+    Camera(QString name, Target target);
 
+    // Begins an attempt.
+    virtual void open() = 0;
+    virtual void lookAtSilence() = 0;
+    // Between two attempts.
+    bool isPausing() const { return m_retry.isActive(); }
+
+    const Target& target() const { return m_target; }
+    void setState(const QString& state) { m_state = state; }
+    // It came from the camera; a picture beside it counts by the next.
+    void count(qint64 bytes, const QString& state);
+    void countPicture();
+    void show(const QByteArray& picture);
+    // It sends what is of no use.
+    void complain(const QString& state);
+    // The attempt has ended: another one follows.
+    void interrupted(const QString& why);
+    void openAgain(int ms) { m_retry.start(ms); }
+    QString loginProblem() const;
+
+private:
     QString m_name;
     Target m_target;
-    std::unique_ptr<HttpsClient> m_client;
     QString m_state = QStringLiteral("connecting");
     bool m_bReceiving = false;
-    int m_nError = 0;
     quint64 m_nPictures = 0;
     quint64 m_nBytes = 0;
     int m_nInterruptions = 0;
-    int m_nPauseMs = 0;
     Sample m_sample{0, 0};
     std::vector<Sample> m_history;
     QByteArray m_picture;
     Periods<NTPTimestamp> m_recorded;
-    QElapsedTimer m_silence;
+    BackOff m_backOff;
     QTimer m_retry;
 };
