@@ -89,6 +89,17 @@ def cameras():
                   all_of("raw", "nuvika", "qt", variant="medium" + used), "memory")
 
 
+def rtsp():
+    for mode, said in (("tcp", "interleaved"), ("udp", "UDP")):
+        def row(sessions, rate, amount, goal, *peers):
+            return Row("rtsp", f"{sessions:,} RTSP sessions, {said}, {rate:,} packets a second", goal, "near_rtsp", mode,
+                       f"far_rtsp {{connections}} {{amount}} {rate}", amount, sessions, all_of("raw", "nuvika", *peers), "cpu")
+        yield row(1000, 85000, 510000, "cpu 1.3, none lost", "avformat")
+        yield row(100, 8500, 85000, "a fifth of GStreamer", "avformat", "gstreamer")
+        yield Row("rtsp", f"an idle RTSP session of 1,000, {said}", "32 KiB", "near_rtsp", "idle" + mode,
+                  "far_rtsp {connections} 0 0", 1, 1000, all_of("raw", "nuvika", "avformat"), "memory")
+
+
 def datagrams():
     def row(title, goal, mode, far, amount, programs):
         return Row("udp", title, goal, "near_udp", mode, far, amount, 1, programs)
@@ -150,8 +161,8 @@ def path():
               all_of("raw", "nuvika", "qt"), environment=TUNED)
 
 
-ROWS = [row for rows in (cameras, streams, connections, datagrams, messages, tls, http, path) for row in rows()]
-GROUPS = ["cameras", "tcp", "udp", "msg", "tls", "http", "path", "idle", "server", "micro"]
+ROWS = [row for rows in (cameras, rtsp, streams, connections, datagrams, messages, tls, http, path) for row in rows()]
+GROUPS = ["cameras", "rtsp", "tcp", "udp", "msg", "tls", "http", "path", "idle", "server", "micro"]
 
 # Micro rows, times in ns by Google Benchmark: title, goal, limit, ours, peers
 MICRO = [
