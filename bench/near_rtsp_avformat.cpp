@@ -32,7 +32,7 @@ void play(AVFormatContext* context, RtspRow& row, int session)
 int main(int argc, char** argv)
 {
     const Arguments a(argc, argv);
-    av_log_set_level(AV_LOG_ERROR);
+    av_log_set_level(AV_LOG_QUIET); // it says each port that was taken
     avformat_network_init();
     RtspRow row(a);
     int sessions = 0;

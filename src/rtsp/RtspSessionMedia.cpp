@@ -172,10 +172,12 @@ bool RtspSession::takeOrdered(
     if (bBroken)
         m_timeline.restart(line);
     input->push(ordered, bBroken);
+    if (input->units() == nullptr)
+        return true;
     RtspUnit unit;
     unit.arrival = {ordered.arrivalUs, ordered.arrivalUs + m_wallOffsetUs};
     const Watched::Watch watch = m_session.watch();
-    while (input->units() != nullptr && input->units()->next(&unit)) {
+    while (input->units()->next(&unit)) {
         unit.time = m_timeline.stamp(line, unit.nTimestamp, unit.arrival);
         input->countUnit();
         emit m_client.unitReceived(track, unit);
