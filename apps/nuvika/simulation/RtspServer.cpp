@@ -62,9 +62,12 @@ QByteArray message(const RtspRequest& request, int status, const QByteArray& fie
 // What the track's name is appended to.
 QString baseOf(const RtspRequest& request)
 {
-    const QString url
-        = QUrl(request.url()).toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::FullyEncoded);
-    return url.endsWith(QLatin1Char('/')) ? url : url + QLatin1Char('/');
+    QString url = QUrl(request.url())
+                      .toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::StripTrailingSlash
+                          | QUrl::FullyEncoded);
+    if (request.path().endsWith(QLatin1Char('/') + QLatin1String(kTrack)))
+        url.chop(static_cast<int>(qstrlen(kTrack)) + 1);
+    return url + QLatin1Char('/');
 }
 
 QByteArray sessionField(const RtspSession& session)
@@ -224,12 +227,10 @@ QByteArray RtspServer::control(RtspSession& session, const RtspRequest& request)
     }
     session.setPlaying(method == QLatin1String("PLAY"));
     if (session.isPlaying()) {
-        const QString url
-            = baseOf(request) + QLatin1String(request.path().endsWith(QLatin1String(kTrack)) ? "" : kTrack);
         fields += field("Range", QStringLiteral("npt=now-"));
         fields += field("RTP-Info",
             QStringLiteral("url=%1;seq=%2;rtptime=%3")
-                .arg(url)
+                .arg(baseOf(request) + QLatin1String(kTrack))
                 .arg(session.source().nextSequence())
                 .arg(session.source().mediaTime()));
     }
