@@ -50,14 +50,24 @@ public:
     }
 
 private:
+    long long received() const
+    {
+        long long all = 0;
+        for (const RtspPackets& each : m_packets)
+            all += each.received;
+        return all;
+    }
+    // What still waits in the system is counted, too.
     [[noreturn]] void waitForEnd()
     {
         char byte = 0;
         while (recv(m_end, &byte, 1, 0) > 0) { }
-        long long all = 0;
-        for (const RtspPackets& each : m_packets)
-            all += each.received;
-        watch.report(all);
+        long long before = -1;
+        for (long long now = received(); now != before; now = received()) {
+            before = now;
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        watch.report(before);
         std::_Exit(0);
     }
 

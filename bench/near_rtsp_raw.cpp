@@ -85,7 +85,9 @@ void open(Session& session, const Arguments& a)
     const std::string url = rtspUrl(a);
     std::string transport = "RTP/AVP/TCP;unicast;interleaved=0-1";
     if (isUdp(a)) {
+        const int buffer = 1 << 20; // as the library asks for
         session.rtp = rawDatagramSocket(0);
+        setsockopt(session.rtp, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
         const int port = portOf(session.rtp);
         transport = "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
     }
