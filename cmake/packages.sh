@@ -3,7 +3,7 @@ build_packages="g++ cmake ninja-build ccache pkg-config qtbase5-dev libssl-dev l
 test_packages="libgtest-dev python3 apache2 apache2-utils nginx-light lighttpd ffmpeg curl wrk chromium iproute2 locales openssl gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav"
 sanitizer_packages="clang libclang-rt-14-dev"
 format_packages="clang-format clang-tidy"
-bench_packages="libasio-dev libuv1-dev libcurl4-openssl-dev libboost-dev libevent-dev libpoco-dev libbenchmark-dev libgstreamer-plugins-base1.0-dev python3 nginx-light wrk"
+bench_packages="libasio-dev libuv1-dev libcurl4-openssl-dev libboost-dev libevent-dev libpoco-dev libbenchmark-dev libgstreamer-plugins-base1.0-dev libavformat-dev gstreamer1.0-plugins-good python3 nginx-light wrk"
 
 # Installs what is missing, quietly and at once; a clear message when that fails.
 install_packages() {

@@ -4,7 +4,6 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "http/SocketTransport_p.h"
-#include "platform/Clock_p.h"
 #include "platform/ErrorCodes_p.h"
 
 using namespace Nuvika;
@@ -76,7 +75,7 @@ bool RtspConnection::send(const QByteArray& bytes)
 
 bool RtspConnection::read(const char* data, int size)
 {
-    m_lastReceivedUs = static_cast<qint64>(Clock::monotonicNs() / 1000);
+    m_lastReceived = arrivalNow();
     m_input.received(data, size);
     return true;
 }

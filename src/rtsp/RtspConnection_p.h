@@ -8,6 +8,7 @@
 #include "net/PendingInput_p.h"
 #include "net/ReceivePlacer_p.h"
 #include "rtsp/RtspMessageReader_p.h"
+#include "rtsp/RtspTime_p.h"
 
 #include <memory>
 
@@ -44,8 +45,8 @@ public:
     bool canSend() const { return m_bConnected && m_pTransport->canSend(); }
     QHostAddress localAddress() const { return m_pTransport->localAddress(); }
     QHostAddress peerAddress() const { return m_pTransport->peerAddress(); }
-    // Of the last bytes that were received, by the monotonic clock.
-    qint64 lastReceivedUs() const { return m_lastReceivedUs; }
+    // When the last bytes came: of all packets in them.
+    const RtpArrival& lastReceived() const { return m_lastReceived; }
     RtspMessageReader& reader() { return m_reader; }
 
     // Of the socket.
@@ -67,7 +68,7 @@ private:
     PendingInput m_input{*this};
     QString m_endReason;
     bool m_bConnected = false;
-    qint64 m_lastReceivedUs = 0;
+    RtpArrival m_lastReceived;
     Watched m_life;
 };
 } // namespace Nuvika

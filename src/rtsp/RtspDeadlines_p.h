@@ -1,18 +1,13 @@
-// Private: all that one session waits for, on one timer. Moments are microseconds of the monotonic clock.
+// Private: all that one session waits for, on a timer that the sessions of a thread share. Moments are
+// microseconds of the monotonic clock.
 #pragma once
 
-#include "platform/Clock_p.h"
+#include "rtsp/RtspAlarm_p.h"
 
-#include <QtCore/QTimer>
-
-#include <algorithm>
 #include <array>
-#include <limits>
 
 namespace Nuvika
 {
-inline qint64 monotonicUs() { return static_cast<qint64>(Clock::monotonicNs() / 1000); }
-
 class RtspDeadlines
 {
 public:
@@ -29,18 +24,25 @@ public:
         eEnd,
         eCount
     };
-    static constexpr qint64 kNever = std::numeric_limits<qint64>::max();
+    static constexpr qint64 kNever = RtspAlarm::kNever;
 
-    template <class Expired>
-    explicit RtspDeadlines(Expired expired)
-    {
-        clearAll();
-        m_timer.setSingleShot(true);
-        QObject::connect(&m_timer, &QTimer::timeout, &m_timer, expired);
-    }
+    explicit RtspDeadlines(RtspAlarm::Wake expired) : m_expired(std::move(expired)) { clearAll(); }
+    ~RtspDeadlines() { stop(); }
+    RtspDeadlines(const RtspDeadlines&) = delete;
+    RtspDeadlines& operator=(const RtspDeadlines&) = delete;
 
     // In so many milliseconds from now; with 0 as "for ever".
     void setLimit(Kind kind, int ms) { ms > 0 ? setAt(kind, monotonicUs() + ms * 1000LL) : clear(kind); }
+    // The same, give or take 25 ms, so that those of many sessions come together.
+    void setAbout(Kind kind, int ms)
+    {
+        constexpr qint64 kGridUs = 50000;
+        const qint64 us = monotonicUs() + ms * 1000LL;
+        if (ms * 1000LL < 4 * kGridUs)
+            setLimit(kind, ms);
+        else
+            setAt(kind, (us + kGridUs / 2) / kGridUs * kGridUs);
+    }
     void setAt(Kind kind, qint64 us)
     {
         m_due[kind] = us;
@@ -53,14 +55,16 @@ public:
     void clearAll() { m_due.fill(kNever); }
     bool isSet(Kind kind) const { return m_due[kind] != kNever; }
 
-    // When the timer has fired: the first that is due, which it forgets; eCount when there is none, and the
-    // timer waits for the next.
+    // When it is called: the first that is due, which it forgets; eCount when there is none, and the
+    // alarm waits for the next.
     Kind takeDue()
     {
         const auto first = std::min_element(m_due.begin(), m_due.end());
         const bool bDue = *first <= monotonicUs();
         if (bDue)
             *first = kNever;
+        if (m_armedUs != kNever)
+            m_alarm->leave(m_armedUs, m_expired);
         m_armedUs = kNever; // waits for the next, also in event loops that handlers run
         const qint64 next = *std::min_element(m_due.begin(), m_due.end());
         if (next != kNever)
@@ -70,20 +74,24 @@ public:
     void stop()
     {
         clearAll();
-        m_timer.stop();
+        if (m_armedUs != kNever)
+            m_alarm->leave(m_armedUs, m_expired);
         m_armedUs = kNever;
     }
 
 private:
     void arm(qint64 us)
     {
+        if (!m_alarm)
+            m_alarm = RtspAlarm::ofThread();
+        m_alarm->leave(m_armedUs, m_expired);
         m_armedUs = us;
-        const qint64 ms = std::max<qint64>((us - monotonicUs() + 999) / 1000, 0);
-        m_timer.start(static_cast<int>(std::min<qint64>(ms, std::numeric_limits<int>::max())));
+        m_alarm->enter(us, m_expired);
     }
 
+    const RtspAlarm::Wake m_expired; // its place is its name
+    std::shared_ptr<RtspAlarm> m_alarm;
     std::array<qint64, eCount> m_due{};
     qint64 m_armedUs = kNever;
-    QTimer m_timer;
 };
 } // namespace Nuvika

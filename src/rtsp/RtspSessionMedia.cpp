@@ -38,7 +38,8 @@ void RtspSession::packet(int channel, const char* data, int size)
     int track = 0;
     bool bRtcp = false;
     if (takesMedia() && trackOfChannel(channel, rtp, &track, &bRtcp))
-        takeMedia(track, bRtcp, data, size);
+        takeMedia(
+            track, bRtcp, rtp, data, size, RtpArrival(m_pConnection->lastReceived())); // a handler may end it
     else
         ++m_nDroppedPackets;
 }
@@ -88,7 +89,10 @@ void RtspSession::datagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datag
     if (!takesMedia() || !setup.pInput || !isFromServer(setup, bRtcp, datagram))
         ++m_nDroppedPackets;
     else
-        takeMedia(track, bRtcp, datagram.pData, datagram.nSize);
+        takeMedia(track, bRtcp,
+            RTPPacket(reinterpret_cast<const unsigned char*>(datagram.pData),
+                static_cast<unsigned int>(datagram.nSize)),
+            datagram.pData, datagram.nSize, arrivalNow());
 }
 
 bool RtspSession::isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) const
@@ -113,18 +117,13 @@ bool RtspSession::isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver
 
 // --- taking it -------------------------------------------------------------------------------------------
 
-void RtspSession::takeMedia(int track, bool bRtcp, const char* data, int size)
+void RtspSession::takeMedia(
+    int track, bool bRtcp, const RTPPacket& packet, const char* data, int size, const RtpArrival& arrival)
 {
-    RtpArrival arrival;
-    arrival.monotonicUs = monotonicUs();
-    arrival.wallUs = static_cast<qint64>(Clock::wallClockMs()) * 1000;
     m_wallOffsetUs = arrival.wallUs - arrival.monotonicUs;
-    if (bRtcp || isRtcp(data, size)) {
+    if (bRtcp || isRtcp(data, size))
         takeRtcp(track, data, size, arrival);
-        return;
-    }
-    const RTPPacket packet(reinterpret_cast<const unsigned char*>(data), static_cast<unsigned int>(size));
-    if (packet.isHeaderValid())
+    else if (packet.isHeaderValid())
         takeRtp(track, packet, arrival);
 }
 
@@ -173,10 +172,12 @@ bool RtspSession::takeOrdered(
     if (bBroken)
         m_timeline.restart(line);
     input->push(ordered, bBroken);
+    if (input->units() == nullptr)
+        return true;
     RtspUnit unit;
     unit.arrival = {ordered.arrivalUs, ordered.arrivalUs + m_wallOffsetUs};
     const Watched::Watch watch = m_session.watch();
-    while (input->units() != nullptr && input->units()->next(&unit)) {
+    while (input->units()->next(&unit)) {
         unit.time = m_timeline.stamp(line, unit.nTimestamp, unit.arrival);
         input->countUnit();
         emit m_client.unitReceived(track, unit);
@@ -256,7 +257,7 @@ void RtspSession::lookAtSilence()
     qint64 limitUs = m_current.timeouts.nSilence * 1000LL;
     qint64 lastUs = m_lastMediaUs;
     if (m_transport == RtspOptions::eTcp || hasOnlyData())
-        lastUs = std::max(lastUs, m_pConnection->lastReceivedUs());
+        lastUs = std::max(lastUs, m_pConnection->lastReceived().monotonicUs);
     if (hasOnlyData())
         limitUs = std::max(
             limitUs, 2000LL * RtspKeepAlive::intervalMs(m_nTimeout) + m_current.timeouts.nAnswer * 1000LL);
@@ -294,7 +295,7 @@ void RtspSession::sendReport(const Setup& setup)
 
 void RtspSession::sendReports()
 {
-    m_deadlines.setLimit(RtspDeadlines::eReport, m_current.nReportMs);
+    m_deadlines.setAbout(RtspDeadlines::eReport, m_current.nReportMs);
     for (const Setup& setup : m_setups) {
         if (setup.pInput)
             sendReport(setup);
@@ -305,7 +306,7 @@ void RtspSession::sendReports()
 
 void RtspSession::tellStatistics()
 {
-    m_deadlines.setLimit(RtspDeadlines::eStatistics, kStatisticsMs);
+    m_deadlines.setAbout(RtspDeadlines::eStatistics, kStatisticsMs);
     if (m_phase != Phase::Playing)
         return;
     QVector<RtspTrackStatistics> all;

@@ -81,7 +81,7 @@ void RtspSession::sendText(const RtspHead& head)
 // None is sent behind a connection that does not take it, and one that was not answered is given up.
 void RtspSession::keepAlive()
 {
-    m_deadlines.setLimit(RtspDeadlines::eKeepAlive, RtspKeepAlive::intervalMs(m_nTimeout));
+    m_deadlines.setAbout(RtspDeadlines::eKeepAlive, RtspKeepAlive::intervalMs(m_nTimeout));
     if (m_pConnection && m_pConnection->canSend())
         request(Purpose::KeepAlive, m_keepAlive.method(), m_base);
 }

@@ -371,7 +371,7 @@ void RtspSession::beginWaiting()
         m_deadlines.setLimit(RtspDeadlines::eFirstPacket, bTrial ? limits.nUdpTrial : limits.nFirstPacket);
     else
         m_deadlines.setLimit(RtspDeadlines::eSilence, limits.nSilence);
-    m_deadlines.setLimit(RtspDeadlines::eKeepAlive, RtspKeepAlive::intervalMs(m_nTimeout));
-    m_deadlines.setLimit(RtspDeadlines::eReport, m_current.nReportMs);
-    m_deadlines.setLimit(RtspDeadlines::eStatistics, kStatisticsMs);
+    m_deadlines.setAbout(RtspDeadlines::eKeepAlive, RtspKeepAlive::intervalMs(m_nTimeout));
+    m_deadlines.setAbout(RtspDeadlines::eReport, m_current.nReportMs);
+    m_deadlines.setAbout(RtspDeadlines::eStatistics, kStatisticsMs);
 }

@@ -167,7 +167,8 @@ private:
     bool isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) const;
     bool trackOfChannel(int channel, const RTPPacket& packet, int* track, bool* bRtcp) const;
     int trackOfType(int channel, const RTPPacket& packet) const;
-    void takeMedia(int track, bool bRtcp, const char* data, int size);
+    void takeMedia(int track, bool bRtcp, const RTPPacket& packet, const char* data, int size,
+        const RtpArrival& arrival);
     void takeRtp(int track, const RTPPacket& packet, const RtpArrival& arrival);
     bool takeOrdered(
         int track, const std::shared_ptr<RtspTrackInput>& input, const RtpOrderedPacket& ordered);

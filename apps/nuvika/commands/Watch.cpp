@@ -25,6 +25,7 @@ struct RecorderOptions {
     int port;
     int commandPort;
     int seconds; // 0: for ever
+    QString rtsp; // where simulated cameras speak it
 };
 
 bool listen(Recorder& recorder, CommandServer& commands, const RecorderOptions& options)
@@ -42,6 +43,8 @@ bool listen(Recorder& recorder, CommandServer& commands, const RecorderOptions& 
     }
     Output::print("The page with every camera: http://127.0.0.1:%hu/\n", recorder.port());
     Output::print("Commands (nuvika status, nuvika send): 127.0.0.1:%hu\n", commands.port());
+    if (!options.rtsp.isEmpty())
+        Output::print("The cameras by RTSP: %s\n", qUtf8Printable(options.rtsp));
     Output::flush();
     return true;
 }
@@ -158,6 +161,15 @@ void addSimulated(Recorder& recorder, const std::vector<unsigned short>& ports)
         recorder.receiveMedia(target);
     }
 }
+
+QString rtspPlaces(const CameraThread& cameras, int count)
+{
+    const QString first
+        = QStringLiteral("rtsp://%1:%2@127.0.0.1:%3/%4")
+              .arg(QLatin1String(SimulatedCamera::kUser), QLatin1String(SimulatedCamera::kPassword),
+                  QString::number(cameras.rtspPort()), RtspServer::pathOf(0));
+    return count == 1 ? first : first + QLatin1String(" to ") + RtspServer::pathOf(count - 1);
+}
 } // namespace
 
 int runDemo(const QStringList& arguments)
@@ -171,6 +183,9 @@ int runDemo(const QStringList& arguments)
         {QStringLiteral("cameras"), QStringLiteral("Number of cameras."), QStringLiteral("N"),
             QStringLiteral("4")},
         {QStringLiteral("multicast"), QStringLiteral("The cameras send RTP to groups, not to the recorder.")},
+        {QStringLiteral("rtsp-port"),
+            QStringLiteral("Port on which the cameras speak RTSP (0, the default, takes a free one)."),
+            QStringLiteral("P")},
         {QStringLiteral("loss"), QStringLiteral("The first camera drops this share of its RTP packets."),
             QStringLiteral("PERCENT")},
     });
@@ -186,13 +201,23 @@ int runDemo(const QStringList& arguments)
     if (!readCommonOptions(parser, defaultSeconds, recorder, &options) || count < 0 || media.nLossPercent < 0)
         return Exit::kUsage;
 
-    const CameraThread cameras(count, media);
+    const int rtspPort = numberOf(parser, "rtsp-port", 0, 0, 65535);
+    if (rtspPort < 0)
+        return Exit::kUsage;
+    const CameraThread cameras(count, media, static_cast<unsigned short>(rtspPort));
     if (static_cast<int>(cameras.ports().size()) < count) {
         Output::complain(QStringLiteral("camera %1 cannot listen: out of descriptors? (ulimit -Hn)")
                              .arg(cameras.ports().size() + 1));
         return Exit::kFailure;
     }
+    if (cameras.rtspPort() == 0) {
+        Output::complain(
+            QStringLiteral("the cameras cannot listen on port %1 (choose another with --rtsp-port)")
+                .arg(rtspPort));
+        return Exit::kFailure;
+    }
     addSimulated(recorder, cameras.ports());
+    options.rtsp = rtspPlaces(cameras, count);
     return runRecorder(recorder, options);
 }
 

@@ -1,13 +1,12 @@
 #include "DigestGuard.h"
 
-#include <QtCore/QCryptographicHash>
 #include <QtCore/QRandomGenerator>
 
 namespace
 {
-QByteArray hexMd5(const QByteArray& text)
+QByteArray hex(QCryptographicHash::Algorithm algorithm, const QByteArray& text)
 {
-    return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
+    return QCryptographicHash::hash(text, algorithm).toHex();
 }
 
 // The value of a parameter of our own form: name="value" or name=value.
@@ -29,26 +28,41 @@ QByteArray parameter(const QByteArray& credentials, const QByteArray& name)
 } // namespace
 
 DigestGuard::DigestGuard(const QByteArray& realm, const QByteArray& user, const QByteArray& password)
-    : m_realm(realm), m_user(user), m_ha1(hexMd5(user + ':' + realm + ':' + password)),
-      m_nonce(QByteArray::number(QRandomGenerator::system()->generate64(), 16))
+    : m_realm(realm), m_user(user), m_nonce(QByteArray::number(QRandomGenerator::system()->generate64(), 16)),
+      m_algorithms{{{"SHA-256", QCryptographicHash::Sha256, QByteArray()},
+          {"MD5", QCryptographicHash::Md5, QByteArray()}}}
 {
+    for (Algorithm& algorithm : m_algorithms)
+        algorithm.ha1 = hex(algorithm.hash, user + ':' + realm + ':' + password);
 }
 
-QString DigestGuard::challenge() const
+QStringList DigestGuard::challenges() const
 {
-    return QStringLiteral("Digest realm=\"%1\", nonce=\"%2\", algorithm=MD5, qop=\"auth\"")
-        .arg(QString::fromLatin1(m_realm), QString::fromLatin1(m_nonce));
+    QStringList challenges;
+    for (const Algorithm& algorithm : m_algorithms)
+        challenges += QStringLiteral("Digest realm=\"%1\", nonce=\"%2\", algorithm=%3, qop=\"auth\"")
+                          .arg(QString::fromLatin1(m_realm), QString::fromLatin1(m_nonce),
+                              QLatin1String(algorithm.name));
+    return challenges;
 }
 
-bool DigestGuard::admits(const HttpRequestHeader& request) const
+bool DigestGuard::admits(const QString& method, const QString& uri, const QString& field) const
 {
-    const QByteArray credentials = request.value(QStringLiteral("Authorization")).toLatin1();
+    const QByteArray credentials = field.toLatin1();
     if (!credentials.startsWith("Digest ") || parameter(credentials, "username") != m_user
-        || parameter(credentials, "nonce") != m_nonce
-        || parameter(credentials, "uri") != request.path().toLatin1())
+        || parameter(credentials, "nonce") != m_nonce || parameter(credentials, "uri") != uri.toLatin1())
         return false;
-    const QByteArray ha2 = hexMd5(request.method().toLatin1() + ':' + parameter(credentials, "uri"));
-    const QByteArray expected = hexMd5(m_ha1 + ':' + m_nonce + ':' + parameter(credentials, "nc") + ':'
-        + parameter(credentials, "cnonce") + ':' + parameter(credentials, "qop") + ':' + ha2);
-    return parameter(credentials, "response") == expected;
+    const QByteArray named = parameter(credentials, "algorithm");
+    const QByteArray qop = parameter(credentials, "qop");
+    for (const Algorithm& algorithm : m_algorithms) {
+        if (named.isEmpty() ? algorithm.hash != QCryptographicHash::Md5 : named != algorithm.name)
+            continue;
+        const QByteArray ha2 = hex(algorithm.hash, method.toLatin1() + ':' + uri.toLatin1());
+        const QByteArray once = qop.isEmpty() ? m_nonce
+                                              : m_nonce + ':' + parameter(credentials, "nc") + ':'
+                + parameter(credentials, "cnonce") + ':' + qop;
+        return parameter(credentials, "response")
+            == hex(algorithm.hash, algorithm.ha1 + ':' + once + ':' + ha2);
+    }
+    return false;
 }

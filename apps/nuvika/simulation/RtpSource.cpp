@@ -17,7 +17,6 @@ namespace
 {
 constexpr int kReportIntervalMs = 2000;
 constexpr int kMaxPayload = 1200;
-constexpr int kSendBuffer = 1 << 20; // a picture leaves in one call
 constexpr int kReportSize = 28;
 constexpr int kPacketCountAt = 20;
 constexpr int kOctetCountAt = 24;
@@ -48,21 +47,20 @@ QByteArray sourceDescription(quint32 ssrc, const QByteArray& name)
 }
 } // namespace
 
-RtpSource::RtpSource(
-    const QHostAddress& host, unsigned short rtpPort, unsigned short rtcpPort, int lossPercent)
-    : m_host(host), m_nRtpPort(rtpPort), m_nLossPercent(lossPercent), m_name(canonicalName()),
+RtpSource::RtpSource(std::unique_ptr<RtpSink> sink, int lossPercent)
+    : m_sink(std::move(sink)), m_nLossPercent(lossPercent), m_name(canonicalName()),
       m_nSsrc(QRandomGenerator::global()->generate()), m_nFirstTime(QRandomGenerator::global()->generate()),
       m_nSeqNum(static_cast<quint16>(QRandomGenerator::global()->generate()))
 {
-    NuvikaLLSock::createSockAddr(&m_rtp, host, rtpPort);
-    NuvikaLLSock::createSockAddr(&m_rtcp, host, rtcpPort);
-    m_sender.setSendBufferSize(kSendBuffer);
-    if (host.isMulticast()) {
-        m_sender.setMulticastInterface(QHostAddress(QHostAddress::LocalHost));
-        m_sender.setMulticastTtl(0); // simulated cameras stay on this host
-    }
     m_clock.start();
-    m_sinceAsked.start();
+}
+
+QByteArray RtpSource::description(
+    int camera, const QString& to, unsigned short port, const QString& session, const QString& media)
+{
+    const QString text = QStringLiteral("v=0\r\no=- %1 1 IN IP4 127.0.0.1\r\ns=camera %1\r\nc=IN IP4 %2\r\n"
+                                        "t=0 0\r\n%3m=video %4 RTP/AVP 26\r\n%5");
+    return text.arg(QString::number(camera + 1), to, session, QString::number(port), media).toLatin1();
 }
 
 quint32 RtpSource::mediaTime() const
@@ -80,12 +78,14 @@ void RtpSource::sendReport()
     qToBigEndian(m_nSentOctets, bytes + kOctetCountAt);
     const QByteArray description = sourceDescription(m_nSsrc, m_name);
     buffer.append(description.constData(), description.size());
-    m_sender.sendTo(buffer.constData(), static_cast<int>(buffer.size()), m_rtcp);
+    m_sink->sendReport({buffer.constData(), static_cast<qint32>(buffer.size())});
     m_sinceReport.start();
 }
 
 void RtpSource::sendPicture(const QByteArray& jpeg)
 {
+    if (!m_sink->isReady())
+        return;
     if (!m_sinceReport.isValid() || m_sinceReport.elapsed() >= kReportIntervalMs)
         sendReport();
     const std::vector<QByteArray> payloads = jpegPayloads(jpeg, kMaxPayload);
@@ -103,7 +103,7 @@ void RtpSource::sendPicture(const QByteArray& jpeg)
         datagrams.push_back({m_packets[i].constData(), static_cast<qint32>(packet.getRawPacketSize())});
         sizes.push_back(static_cast<quint32>(payload.size()));
     }
-    const int sent = m_sender.sendMany(datagrams.data(), static_cast<int>(datagrams.size()), m_rtp);
+    const int sent = m_sink->sendPackets(datagrams.data(), static_cast<int>(datagrams.size()));
     m_nSent += static_cast<quint32>(sent);
     m_nSentOctets = std::accumulate(sizes.begin(), sizes.begin() + sent, m_nSentOctets);
 }

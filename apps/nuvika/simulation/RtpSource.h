@@ -1,12 +1,14 @@
-// The RTP side of a simulated camera: sends pictures, and sender reports, to one destination.
+// The RTP side of a simulated camera: pictures, and sender reports, to one viewer or group.
 #pragma once
 
-#include <KepNuvikaUtil/NuvikaUdpSender.h>
+#include "RtpSink.h"
+
 #include <KepNuvikaUtil/VariableBuffer.h>
 
+#include <QtCore/QByteArray>
 #include <QtCore/QElapsedTimer>
-#include <QtNetwork/QHostAddress>
 
+#include <memory>
 #include <vector>
 
 class RtpSource
@@ -15,29 +17,22 @@ public:
     static constexpr unsigned int kClockRate = 90000;
 
     // Of lossPercent of the packets only the numbers are used up.
-    RtpSource(const QHostAddress& host, unsigned short rtpPort, unsigned short rtcpPort, int lossPercent);
+    RtpSource(std::unique_ptr<RtpSink> sink, int lossPercent);
+
+    // What it sends (RFC 4566). `to` and `port` may be null; `media` are lines of the track.
+    static QByteArray description(
+        int camera, const QString& to, unsigned short port, const QString& session, const QString& media);
 
     void sendPicture(const QByteArray& jpeg);
-    bool isFor(const QHostAddress& host, unsigned short rtpPort) const
-    {
-        return host == m_host && rtpPort == m_nRtpPort;
-    }
-    // A session ends unless it is asked for again.
-    void refresh() { m_sinceAsked.start(); }
-    bool isOver() const { return m_sinceAsked.elapsed() > kSessionMs; }
+    quint32 ssrc() const { return m_nSsrc; }
+    quint16 nextSequence() const { return m_nSeqNum; }
+    quint32 mediaTime() const;
 
 private:
-    static constexpr int kSessionMs = 30000;
-
-    quint32 mediaTime() const;
     void sendReport();
 
-    QHostAddress m_host;
-    unsigned short m_nRtpPort;
-    NuvikaLLSock::ADDR_V4_V6 m_rtp;
-    NuvikaLLSock::ADDR_V4_V6 m_rtcp;
+    std::unique_ptr<RtpSink> m_sink;
     int m_nLossPercent;
-    NuvikaUdpSender m_sender;
     QByteArray m_name; // of the source, in its reports
     quint32 m_nSent = 0; // packets, and bytes of their payloads, as sender reports count them
     quint32 m_nSentOctets = 0;
@@ -46,6 +41,5 @@ private:
     quint16 m_nSeqNum;
     QElapsedTimer m_clock;
     QElapsedTimer m_sinceReport;
-    QElapsedTimer m_sinceAsked;
     std::vector<VariableBuffer> m_packets;
 };

@@ -9,6 +9,7 @@
 namespace
 {
 constexpr unsigned short kGroupPort = 5004;
+constexpr int kStreamMs = 30000;
 
 QHostAddress groupOf(int camera)
 {
@@ -16,27 +17,33 @@ QHostAddress groupOf(int camera)
 }
 } // namespace
 
-SimulatedCamera::SimulatedCamera(int number, const Media& media)
+SimulatedCamera::SimulatedCamera(int number, const Media& media, RtspServer& rtsp)
     : m_nNumber(number), m_nFrame(number * 7), m_media(media), m_guard("camera", kUser, kPassword),
       m_server([this](HttpResponseClient& connection, const HttpRequestHeader& request) {
           handle(connection, request);
-      })
+      }),
+      m_rtsp(rtsp), m_nRtspStream(rtsp.addStream(lossPercent()))
 {
     connect(&m_timer, &QTimer::timeout, this, &SimulatedCamera::tick);
     m_timer.setTimerType(Qt::PreciseTimer);
     m_timer.start(1000 / kPicturesPerSecond);
     if (media.bMulticast)
-        m_sources.push_back(
-            std::make_unique<RtpSource>(groupOf(number), kGroupPort, kGroupPort + 1, lossPercent()));
+        refresh(groupOf(number), kGroupPort, kGroupPort + 1);
+}
+
+void SimulatedCamera::refuse(HttpResponseClient& connection)
+{
+    HttpResponseHeader header(401, QStringLiteral("Unauthorized"));
+    for (const QString& challenge : m_guard.challenges())
+        header.addValue(QStringLiteral("WWW-Authenticate"), challenge);
+    header.setContentLength(0);
+    connection.response(header, false, nullptr);
 }
 
 void SimulatedCamera::handle(HttpResponseClient& connection, const HttpRequestHeader& request)
 {
-    if (!m_guard.admits(request)) {
-        HttpResponseHeader header(401, QStringLiteral("Unauthorized"));
-        header.addValue(QStringLiteral("WWW-Authenticate"), m_guard.challenge());
-        header.setContentLength(0);
-        connection.response(header, false, nullptr);
+    if (!m_guard.admits(request.method(), request.path(), request.value(QStringLiteral("Authorization")))) {
+        refuse(connection);
     } else if (request.path() == QLatin1String("/snapshot.jpg")) {
         m_server.answer(connection, 200, Picture::frame(m_nNumber, m_nFrame), "image/jpeg");
     } else if (request.path() == QLatin1String("/live")) {
@@ -63,31 +70,34 @@ QByteArray SimulatedCamera::openStream(const QHostAddress& host, const QString& 
         rtcpPort = values.queryItemValue(QStringLiteral("rtcp")).toUShort();
         if (port == 0 || rtcpPort == 0)
             return QByteArray();
-        const auto known = std::find_if(
-            m_sources.begin(), m_sources.end(), [&](const auto& source) { return source->isFor(to, port); });
-        if (known != m_sources.end())
-            (*known)->refresh();
-        else
-            m_sources.push_back(std::make_unique<RtpSource>(to, port, rtcpPort, lossPercent()));
+        refresh(to, port, rtcpPort);
     }
-    const QString text
-        = QStringLiteral("v=0\r\no=- %1 1 IN IP4 127.0.0.1\r\ns=camera %1\r\nc=IN IP4 %2\r\nt=0 0\r\n"
-                         "m=video %3 RTP/AVP 26\r\na=rtcp:%4\r\n");
-    return text
-        .arg(QString::number(m_nNumber + 1),
-            to.toString() + (to.isMulticast() ? QStringLiteral("/0") : QString()), QString::number(port),
-            QString::number(rtcpPort))
-        .toLatin1();
+    return RtpSource::description(m_nNumber,
+        to.toString() + (to.isMulticast() ? QStringLiteral("/0") : QString()), port, QString(),
+        QStringLiteral("a=rtcp:%1\r\n").arg(rtcpPort));
+}
+
+void SimulatedCamera::refresh(const QHostAddress& host, unsigned short port, unsigned short rtcpPort)
+{
+    auto known = std::find_if(m_streams.begin(), m_streams.end(),
+        [&](const auto& stream) { return stream->host == host && stream->nPort == port; });
+    if (known == m_streams.end())
+        known = m_streams.insert(known,
+            std::make_unique<Stream>(Stream{
+                host, port, RtpSource(std::make_unique<UdpSink>(host, port, rtcpPort), lossPercent()), {}}));
+    (*known)->sinceAsked.start();
 }
 
 void SimulatedCamera::tick()
 {
     ++m_nFrame;
-    for (const auto& source : m_sources)
-        source->sendPicture(Picture::frame(m_nNumber, m_nFrame));
+    const QByteArray& picture = Picture::frame(m_nNumber, m_nFrame);
+    for (const auto& stream : m_streams)
+        stream->source.sendPicture(picture);
     if (!m_media.bMulticast)
-        m_sources.erase(std::remove_if(m_sources.begin(), m_sources.end(),
-                            [](const auto& source) { return source->isOver(); }),
-            m_sources.end());
-    m_viewers.send(Picture::frame(m_nNumber, m_nFrame), "image/jpeg");
+        m_streams.erase(std::remove_if(m_streams.begin(), m_streams.end(),
+                            [](const auto& stream) { return stream->sinceAsked.elapsed() > kStreamMs; }),
+            m_streams.end());
+    m_rtsp.sendPicture(m_nRtspStream, picture);
+    m_viewers.send(picture, "image/jpeg");
 }
