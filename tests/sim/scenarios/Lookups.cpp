@@ -23,7 +23,7 @@ using Addresses = std::vector<std::string>;
 
 // What a name has stood for since when.
 struct Meaning {
-    quint64 nSince;
+    qint64 nSince;
     Addresses addresses;
 };
 
@@ -65,11 +65,11 @@ struct Office : sim::Talk {
     void rename(const std::string& name, const Addresses& addresses)
     {
         world.setName(name, addresses);
-        meanings[name].push_back({world.nowMs(), addresses});
+        meanings[name].push_back({static_cast<qint64>(world.nowMs()), addresses});
     }
     // At some time from then on.
     template <class Condition>
-    bool meant(const std::string& name, quint64 since, Condition condition) const
+    bool meant(const std::string& name, qint64 since, Condition condition) const
     {
         const std::vector<Meaning>& all = meanings.at(name);
         for (std::size_t i = 0; i < all.size(); ++i) {
@@ -155,7 +155,7 @@ void Asker::check(const Request& request, const QHostInfo& info)
     world.expect(bFound != addresses.empty(), "%s has %zu addresses, and the error %d", name,
         addresses.size(), static_cast<int>(info.error()));
     world.expect(request.cached.empty() || addresses == request.cached, "%s was known a moment ago", name);
-    const quint64 since = request.nTime - (bFound ? kCacheMs + kSlackMs : 0);
+    const auto since = static_cast<qint64>(request.nTime - (bFound ? kCacheMs + kSlackMs : 0));
     const auto same = [&](const Addresses& all) { return all == addresses; };
     world.expect((!bFound && m_office.bBad) || m_office.meant(request.name, since, same),
         "%s did not stand for %s%s", name, bFound ? addresses.front().c_str() : "nothing",
@@ -179,7 +179,8 @@ private:
     {
         const std::string peer = m_pSocket->peerAddress().toString().toStdString();
         const auto names = [&](const Addresses& all) { return std::count(all.begin(), all.end(), peer) > 0; };
-        m_world.expect(peer.empty() || m_office.meant(m_name, m_nBegin - kCacheMs - kSlackMs, names),
+        m_world.expect(peer.empty()
+                || m_office.meant(m_name, static_cast<qint64>(m_nBegin - kCacheMs - kSlackMs), names),
             "%s was called, and %s answers", m_name.c_str(), peer.c_str());
         m_world.expect(m_pSocket->peerName().toStdString() == m_name + ":80", "whose name?");
     }
@@ -187,7 +188,7 @@ private:
     {
         const auto none = [](const Addresses& all) { return all.empty(); };
         m_world.expect(code != sim::kHostNotFound || m_office.bBad || !m_office.bServing
-                || m_office.meant(m_name, m_nBegin, none),
+                || m_office.meant(m_name, static_cast<qint64>(m_nBegin), none),
             "%s is not found", m_name.c_str());
     }
 
