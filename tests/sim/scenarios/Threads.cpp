@@ -126,6 +126,8 @@ void Room::connectOut()
 void Room::tick()
 {
     sim::Random& random = m_house.random;
+    if (m_house.bFinishing)
+        m_tick.stop();
     if (m_house.bFinishing || ends.empty())
         return;
     const std::size_t index = random.below(ends.size());
