@@ -148,17 +148,21 @@ void addCameras(Recorder& recorder, const std::vector<ConfiguredCamera>& cameras
     }
 }
 
-void addSimulated(Recorder& recorder, const std::vector<unsigned short>& ports)
+// Every fourth one is reached by RTSP.
+void addSimulated(Recorder& recorder, const CameraThread& cameras)
 {
-    for (const unsigned short port : ports) {
+    for (const unsigned short port : cameras.ports()) {
+        const int number = static_cast<int>(recorder.cameras().size());
         Target target;
+        target.bRtsp = number % 4 == 3;
         target.host = QStringLiteral("127.0.0.1");
-        target.port = port;
-        target.path = QStringLiteral("/live");
+        target.port = target.bRtsp ? cameras.rtspPort() : port;
+        target.path = target.bRtsp ? QLatin1Char('/') + RtspServer::pathOf(number) : QStringLiteral("/live");
         target.user = QLatin1String(SimulatedCamera::kUser);
         target.password = QLatin1String(SimulatedCamera::kPassword);
-        recorder.addCamera(QStringLiteral("camera %1").arg(recorder.cameras().size() + 1), target);
-        recorder.receiveMedia(target);
+        recorder.addCamera(QStringLiteral("camera %1").arg(number + 1), target);
+        if (!target.bRtsp)
+            recorder.receiveMedia(target);
     }
 }
 
@@ -216,7 +220,7 @@ int runDemo(const QStringList& arguments)
                 .arg(rtspPort));
         return Exit::kFailure;
     }
-    addSimulated(recorder, cameras.ports());
+    addSimulated(recorder, cameras);
     options.rtsp = rtspPlaces(cameras, count);
     return runRecorder(recorder, options);
 }
