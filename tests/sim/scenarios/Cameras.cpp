@@ -293,6 +293,7 @@ void watch(sim::World& world, int cameras, int periodMs, int steps, std::uint64_
 
 SCENARIO(cameras)
 {
+    world.weather().noMemory = 0; // a collected body without memory ends the process
     sim::Random& random = world.random();
     Plant plant(world);
     int depth = 0;
