@@ -96,14 +96,9 @@ def bad_link(port, drop, swap, to=None):
 
 def moved(packet, source, number, timestamp, seconds):
     """An RTP packet, or a sender report with its description, of a camera that has changed these; modulo their sizes."""
-    def add(at, size, what):
+    report = (4, 4, source), (8, 4, seconds), (16, 4, timestamp), (32, 4, source)
+    for at, size, what in report if packet[1] == 200 else ((2, 2, number), (4, 4, timestamp), (8, 4, source)):
         packet[at:at + size] = (int.from_bytes(packet[at:at + size], "big") + what & (1 << 8 * size) - 1).to_bytes(size, "big")
-    if packet[1] == 200:
-        for at, size, what in ((4, 4, source), (8, 4, seconds), (16, 4, timestamp), (32, 4, source)):
-            add(at, size, what)
-    else:
-        for at, size, what in ((2, 2, number), (4, 4, timestamp), (8, 4, source)):
-            add(at, size, what)
     return packet
 
 
@@ -139,11 +134,9 @@ class Rtsp(PeerTest):
         return self.path("film.mp4")
 
     def certificate(self):
-        name = self.path("server.pem")
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", name, "-out", name + ".c", "-subj", "/CN=x", "-addext",
+        name = self.path("server.pem")  # with its key
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", name, "-out", name, "-subj", "/CN=x", "-addext",
                         "subjectAltName=IP:127.0.0.1"], check=True, capture_output=True, timeout=60)
-        with open(name + ".c", "rb") as made, open(name, "ab") as both:
-            both.write(made.read())
         return name
 
     def probe(self, url, *options):
@@ -265,12 +258,13 @@ class Rtsp(PeerTest):
         with contextlib.ExitStack() as stack:
             stack.enter_context(server(self.ports))
             urls = [self.url("h264", port=stack.enter_context(changing(self.port, 200, *change))) for change in changes]
-            config = self.write("watch.conf", "".join(f"url={url};transport=tcp\n" for url in urls))
+            config = self.write("watch.conf", "".join(f"url={url};transport=tcp\n" for url in [*urls, self.url("aac")]))
             page = free_port()
             stack.enter_context(process([TOOL, "watch", "--config", config, "--port", str(page)]))
             pool = stack.enter_context(ThreadPoolExecutor())
             *results, (_, grown, _) = pool.map(lambda url: self.probe(url, "--tcp", "--seconds", "12"), [*urls, self.url("sizes")])
-            watched = cameras(page)
+            *watched, sound = cameras(page)
+        self.assertEqual((sound["receiving"], sound["pictures"], sound["format"]), (True, 0, "MPEG4-GENERIC mp4a.40.2, 44100 Hz, mono"))
         self.assertRegex(grown, r"(?m)^ +3 s  1 video H264/90000  is now avc1\.42c01e, 640x480$")
         for change, (code, text, errors), camera in zip(changes, results, watched):
             with self.subTest(change):
@@ -279,7 +273,6 @@ class Rtsp(PeerTest):
                 self.assertRegex(text, r"(?m)^1 \S+ \S+: \d{3,4} packets, 0 lost")
                 self.assertEqual((camera["rtp"]["lost"], camera["interruptions"]), (0, 0), camera)
                 periods = camera["rtp"]["periods"]
-                self.assertEqual(periods, sorted(periods), "in the order of their time")
                 self.assertTrue(3000 < sum(end - begin for begin, end in periods) < 20000, camera)
                 self.assertLess(abs(camera["rtp"]["now"] / 1000 - time.time() - change[3]), 5, "by the camera's clock, as it is now")
 
