@@ -253,8 +253,10 @@ class Rtsp(PeerTest):
         self.assertRegex(result.stdout, r"Playing over multicast(?s:.*)\n1 video H264/90000: \d\d+ packets, 0 lost")
 
     def test_a_camera_that_changes_in_the_middle_begins_a_new_run(self):
-        # What is added to source, sequence number, media clock and wall clock.
-        changes = ((0x5A5A5A5A, 30000, 1 << 30, 0), (0, 30000, -1 << 30, 0), (0, 0, 0, -3600))
+        # What is added to source, sequence number, media clock and wall clock; and what the tool finds.
+        changes = {(0x5A5A5A5A, 30000, 1 << 30, 0): r"1 gaps\n(?s:.*) brought \d+ packets of another source",
+                   (0, 30000, -1 << 30, 0): r"0 gaps\n(?s:.*)All is well",
+                   (0, 0, 0, -3600): r"has a clock that is 60 minutes behind ours"}
         with contextlib.ExitStack() as stack:
             stack.enter_context(server(self.ports))
             urls = [self.url("h264", port=stack.enter_context(changing(self.port, 200, *change))) for change in changes]
@@ -266,8 +268,9 @@ class Rtsp(PeerTest):
             *watched, sound = cameras(page)
         self.assertEqual((sound["receiving"], sound["pictures"], sound["format"]), (True, 0, "MPEG4-GENERIC mp4a.40.2, 44100 Hz, mono"))
         self.assertRegex(grown, r"(?m)^ +3 s  1 video H264/90000  is now avc1\.42c01e, 640x480$")
-        for change, (code, text, errors), camera in zip(changes, results, watched):
+        for (change, finding), (code, text, errors), camera in zip(changes.items(), results, watched):
             with self.subTest(change):
+                self.assertRegex(text, finding)
                 self.assertEqual((code, errors), (0, ""), text)
                 self.assertEqual(text.count("begins a new run: it started again, or its clock was set"), 1, text)
                 self.assertRegex(text, r"(?m)^1 \S+ \S+: \d{3,4} packets, 0 lost")
