@@ -36,9 +36,8 @@ def serve(port, streams, auth=None):
         factory = GstRtspServer.RTSPMediaFactory()
         factory.set_launch(f"( {launch} )")
         factory.set_shared(path.startswith("/shared"))
-        for role in ("viewer", "anonymous"):
-            factory.add_role_from_structure(Gst.Structure.from_string(
-                role + ", media.factory.access=(boolean)true, media.factory.construct=(boolean)true")[0])
+        factory.add_role_from_structure(Gst.Structure.from_string(
+            "viewer, media.factory.access=(boolean)true, media.factory.construct=(boolean)true")[0])
         if path == "/tcp":
             factory.set_protocols(GstRtsp.RTSPLowerTrans.TCP)
         if path == "/group":
@@ -54,23 +53,19 @@ def serve(port, streams, auth=None):
     return server
 
 
-def token(role):
-    made = GstRtspServer.RTSPToken()
-    made.set_string("media.factory.role", role)
-    return made
-
-
 Gst.init(None)
 ADDRESS, PLAIN, DIGEST, BASIC, TLS, SECONDS, *PEM = sys.argv[1:]
+viewer = GstRtspServer.RTSPToken()
+viewer.set_string("media.factory.role", "viewer")
 digest, basic, tls = (GstRtspServer.RTSPAuth() for _ in range(3))
 digest.set_supported_methods(GstRtsp.RTSPAuthMethod.DIGEST)
-digest.add_digest("viewer", "p@ss", token("viewer"))
-basic.add_basic(GstRtspServer.RTSPAuth.make_basic("viewer", "p@ss"), token("viewer"))
+digest.add_digest("viewer", "p@ss", viewer)
+basic.add_basic(GstRtspServer.RTSPAuth.make_basic("viewer", "p@ss"), viewer)
 ONE = {"/h264": H264}
 servers = [serve(PLAIN, {**STREAMS, **{"/shared" + path: launch for path, launch in STREAMS.items()}}), serve(DIGEST, ONE, digest), serve(BASIC, ONE, basic)]
 if PEM:
     tls.set_tls_certificate(Gio.TlsCertificate.new_from_file(PEM[0]))
-    tls.set_default_token(token("anonymous"))
+    tls.set_default_token(viewer)
     servers.append(serve(TLS, ONE, tls))
 loop = GLib.MainLoop()
 GLib.timeout_add_seconds(int(SECONDS), loop.quit)
