@@ -1,6 +1,6 @@
 # Debian packages by what they are for, and their installation. Sourced by the commands.
 build_packages="g++ cmake ninja-build ccache pkg-config qtbase5-dev libssl-dev libglib2.0-dev libjpeg62-turbo-dev"
-test_packages="libgtest-dev python3 apache2 apache2-utils nginx-light lighttpd ffmpeg curl wrk chromium iproute2 locales openssl gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav"
+test_packages="libgtest-dev python3 apache2 apache2-utils nginx-light lighttpd ffmpeg curl wrk chromium iproute2 locales openssl gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav vlc-bin vlc-plugin-base"
 sanitizer_packages="clang libclang-rt-14-dev"
 format_packages="clang-format clang-tidy"
 bench_packages="libasio-dev libuv1-dev libcurl4-openssl-dev libboost-dev libevent-dev libpoco-dev libbenchmark-dev libgstreamer-plugins-base1.0-dev libavformat-dev gstreamer1.0-plugins-good python3 nginx-light wrk"

@@ -96,7 +96,10 @@ class Control(PeerTest):
                 ("\n\nname=Gate", "line 3: a camera needs url=..."),
                 ("url=ftp://x/", "line 1: only http:// and https:// URLs are served, not ftp://"),
                 ("url=http://u:p@x/", "line 1: the password stands in the URL: use password=, made by nuvika password encode"),
-                ("url=http://x/;pasword=1", 'line 1: "pasword" is none of name, url, user, password'),
+                ("url=http://x/;pasword=1", 'line 1: "pasword" is none of name, url, user, password, transport'),
+                ("url=rtsp://x/;transport=smoke", 'line 1: "smoke" is none of tcp, udp, multicast'),
+                ("url=rtsps://x/;transport=udp", "line 1: rtsps is for TCP only: datagrams would be sent in the clear"),
+                ("url=http://x/;transport=tcp", "line 1: a transport is chosen for rtsp:// and rtsps:// only"),
                 ("url=http://x/;user", 'line 1: "user" has no value')):
             name = self.write("bad.conf", text + "\n")
             self.assertEqual(self.check_tool(2, "watch", "--config", name)[1], f"nuvika: {name}, {reason}\n")

@@ -114,6 +114,20 @@ class PeerTest(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
+    def own_network(self, purpose):
+        """The name of a network namespace that is there until the test's end."""
+        name = f"nuvika{os.getpid()}{purpose}"
+        if subprocess.run(["ip", "netns", "add", name], stderr=subprocess.DEVNULL).returncode != 0:
+            self.skipTest("no network namespaces are allowed here")
+        self.addCleanup(subprocess.run, ["ip", "netns", "del", name])
+        return name
+
+    def set_up_network(self, name, *commands):
+        """Commands of ip; returns what a command begins with to run there."""
+        for command in ("link set lo up", *commands):
+            subprocess.run(["ip", "-n", name, *command.split()], check=True)
+        return ["ip", "netns", "exec", name]
+
     def serve(self, port, *command):
         """A server that runs until the test's end."""
         self.enterContext(process(command))

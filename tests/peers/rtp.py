@@ -116,12 +116,7 @@ class Rtp(PeerTest):
         self.check_ffmpeg("[::1]")
 
     def test_ffmpeg_multicast(self):
-        name = f"nuvika{os.getpid()}"
-        subprocess.run(["ip", "netns", "add", name], check=True)
-        self.addCleanup(subprocess.run, ["ip", "netns", "del", name])
-        for command in (["link", "set", "lo", "up"], ["route", "add", "239.0.0.0/8", "dev", "lo"]):
-            subprocess.run(["ip", "-n", name, *command], check=True)
-        self.check_ffmpeg("239.255.77.40", "?ttl=0", "--interface", "127.0.0.1", prefix=("ip", "netns", "exec", name))
+        self.check_ffmpeg("239.255.77.40", "?ttl=0", "--interface", "127.0.0.1", prefix=self.set_up_network(self.own_network("rtp"), "route add 239.0.0.0/8 dev lo"))
 
     def test_gstreamer_sends_with_reports(self):
         port = free_ports()

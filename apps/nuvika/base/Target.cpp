@@ -1,5 +1,6 @@
 #include "Target.h"
 
+#include <QtCore/QMap>
 #include <QtCore/QUrl>
 
 namespace
@@ -120,12 +121,27 @@ QString Target::authority() const
 RtspOptions Target::rtspOptions() const
 {
     RtspOptions options;
+    options.transport = transport;
     options.userAgent = QStringLiteral("nuvika");
     options.tlsTrusted = trusted;
     options.tlsCertificateFile = certificate;
     if (bInsecure)
         options.tlsVerify = NuvikaSslSocket::eVerifyNone;
     return options;
+}
+
+bool Target::chooseTransport(const QString& name, QString* problem)
+{
+    static const QMap<QString, RtspOptions::Transport> names{{QStringLiteral("tcp"), RtspOptions::eTcp},
+        {QStringLiteral("udp"), RtspOptions::eUdp}, {QStringLiteral("multicast"), RtspOptions::eMulticast}};
+    transport = names.value(name, RtspOptions::eAutomatic);
+    if (!bRtsp)
+        *problem = QStringLiteral("a transport is chosen for rtsp:// and rtsps:// only");
+    else if (transport == RtspOptions::eAutomatic)
+        *problem = QStringLiteral("\"%1\" is none of tcp, udp, multicast").arg(name);
+    else if (bTls && transport != RtspOptions::eTcp)
+        *problem = QStringLiteral("rtsps is for TCP only: datagrams would be sent in the clear");
+    return problem->isEmpty();
 }
 
 std::unique_ptr<HttpsClient> Target::makeClient(bool bKeepAlive) const

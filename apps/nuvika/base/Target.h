@@ -21,6 +21,7 @@ struct Target {
     QString trusted; // PEM file or folder; empty: the system's
     QString certificate; // PEM file with ours and its key, or empty
     bool bInsecure = false; // nobody's certificate is verified
+    RtspOptions::Transport transport = RtspOptions::eAutomatic; // of RTSP
 
     // False with a sentence for the user.
     static bool parse(const QString& url, Schemes schemes, Target* target, QString* problem);
@@ -33,6 +34,8 @@ struct Target {
     // What RtspClient::start() takes, beside the credentials.
     QString rtspUrl() const { return scheme() + QLatin1String("://") + authority() + path; }
     RtspOptions rtspOptions() const;
+    // tcp, udp or multicast, of RTSP. False with a sentence for the user.
+    bool chooseTransport(const QString& name, QString* problem);
 
 private:
     QString scheme() const;

@@ -38,6 +38,11 @@ void Camera::countPicture()
 {
     ++m_nPictures;
     m_sample.pictures += 1;
+    countOther();
+}
+
+void Camera::countOther()
+{
     const NTPTimestamp now = NTPTimestamp::fromDateTime(QDateTime::currentDateTimeUtc());
     m_recorded.add(now, now, NTPTimestamp::fromMilliseconds(kGapMs));
 }

@@ -41,6 +41,8 @@ public:
     const QString& state() const { return m_state; }
     bool isReceiving() const { return m_bReceiving; }
     quint64 pictures() const { return m_nPictures; }
+    // Pictures, or what the camera has in their place.
+    bool hasDelivered() const { return !m_recorded.all().empty(); }
     quint64 bytes() const { return m_nBytes; }
     int interruptions() const { return m_nInterruptions; }
     // Empty for what browsers show no picture of; format() tells what that is.
@@ -70,6 +72,8 @@ protected:
     // It came from the camera; a picture beside it counts by the next.
     void count(qint64 bytes, const QString& state);
     void countPicture();
+    // Sound, or data: it came, and is no picture.
+    void countOther();
     void show(const QByteArray& picture);
     // It sends what is of no use.
     void complain(const QString& state);

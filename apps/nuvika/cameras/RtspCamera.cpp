@@ -31,7 +31,9 @@ const StreamRecord* RtspCamera::stream() const
 void RtspCamera::takeDescription()
 {
     m_nMain = m_streams.mainTrack();
-    m_encoding = m_nMain < 0 ? QString() : m_streams.client().tracks().at(m_nMain).encoding;
+    const RtspTrack track = m_streams.client().tracks().value(m_nMain);
+    m_encoding = track.encoding;
+    m_bVideo = track.media == QLatin1String("video");
     m_bPictures = m_encoding == QLatin1String("JPEG");
 }
 
@@ -42,7 +44,10 @@ void RtspCamera::takeUnit(int track, const RtspUnit& unit)
         QStringLiteral("receiving %1 over %2").arg(m_encoding, shownTransport(client.transport())));
     if (track != m_nMain)
         return;
-    countPicture();
+    if (m_bVideo)
+        countPicture();
+    else
+        countOther();
     if (m_bPictures)
         show(QByteArray(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize)));
     else if (unit.bParametersChanged || m_format.isEmpty())

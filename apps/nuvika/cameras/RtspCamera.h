@@ -23,6 +23,7 @@ private:
 
     RtspStreams m_streams;
     int m_nMain = -1; // the track that is shown
+    bool m_bVideo = false;
     bool m_bPictures = false; // it is of JPEG
     QString m_encoding;
     QString m_format;

@@ -79,6 +79,7 @@ void Display::show(const Recorder& recorder, int seconds)
 void Display::showTable(const Recorder& recorder, int seconds)
 {
     constexpr char kFormat[] = "\x1b[2K%s %9s %7s %8s %11s %7s  %s\n";
+    Output::print("\x1b[?7l"); // a line that is too long is cut: it stays one
     if (m_nLines > 0)
         Output::print("\x1b[%dA", m_nLines);
     Output::print(kFormat, column(QStringLiteral("camera")).constData(), "pictures", "per s", "Mbit/s",
@@ -106,6 +107,7 @@ void Display::showTable(const Recorder& recorder, int seconds)
     Output::print("\x1b[2K%d of %d receiving, %.0f pictures/s, %.2f Mbit/s, %d s%s\n",
         recorder.receivingCameras(), static_cast<int>(cameras.size()), total.pictures, megabits(total.bytes),
         seconds, qUtf8Printable(unsaved.isEmpty() ? unsaved : QLatin1String(", ") + unsaved));
+    Output::print("\x1b[?7h");
 }
 
 void Display::summary(const Recorder& recorder, int seconds)
@@ -117,7 +119,7 @@ void Display::summary(const Recorder& recorder, int seconds)
         pictures += camera->pictures();
         bytes += camera->bytes();
         interruptions += camera->interruptions();
-        if (camera->pictures() == 0)
+        if (!camera->hasDelivered())
             Output::print("%s delivered nothing: %s\n", Output::shown(camera->name()).constData(),
                 Output::shown(camera->state()).constData());
     }

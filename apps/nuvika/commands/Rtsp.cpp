@@ -47,24 +47,21 @@ void addOptions(QCommandLineParser& parser)
 }
 
 // False with a message.
-bool readTransport(const QCommandLineParser& parser, bool bTls, RtspOptions* options)
+bool readTransport(const QCommandLineParser& parser, Target* camera)
 {
-    const std::pair<const char*, RtspOptions::Transport> names[]
-        = {{"tcp", RtspOptions::eTcp}, {"udp", RtspOptions::eUdp}, {"multicast", RtspOptions::eMulticast}};
+    QString problem;
     int given = 0;
-    for (const auto& name : names) {
-        if (!parser.isSet(QLatin1String(name.first)))
+    for (const char* name : {"tcp", "udp", "multicast"}) {
+        if (!parser.isSet(QLatin1String(name)))
             continue;
-        options->transport = name.second;
+        camera->chooseTransport(QLatin1String(name), &problem);
         ++given;
     }
     if (given > 1)
-        Output::complain(QStringLiteral("rtsp takes one of --tcp, --udp and --multicast"));
-    const bool bInTheClear
-        = bTls && (options->transport == RtspOptions::eUdp || options->transport == RtspOptions::eMulticast);
-    if (bInTheClear)
-        Output::complain(QStringLiteral("rtsps is for TCP only: datagrams would be sent in the clear"));
-    return given <= 1 && !bInTheClear;
+        problem = QStringLiteral("rtsp takes one of --tcp, --udp and --multicast");
+    if (!problem.isEmpty())
+        Output::complain(problem);
+    return problem.isEmpty();
 }
 
 void readLogin(const QCommandLineParser& parser, Target* camera)
@@ -89,13 +86,14 @@ int readSettings(const QCommandLineParser& parser, RtspProbe::Settings* settings
     if (!checkTlsOptions(parser))
         return Exit::kRead;
     applyTlsOptions(parser, &camera);
+    if (!readTransport(parser, &camera))
+        return Exit::kUsage;
     readLogin(parser, &camera);
     settings->options = camera.rtspOptions();
     settings->seconds = numberOf(parser, "seconds", kDefaultSeconds, 0, 1000000);
     settings->saveTo = parser.value(QStringLiteral("save"));
     settings->bTrace = parser.isSet(QStringLiteral("verbose"));
-    return readTransport(parser, camera.bTls, &settings->options) && settings->seconds >= 0 ? Exit::kOk
-                                                                                            : Exit::kUsage;
+    return settings->seconds >= 0 ? Exit::kOk : Exit::kUsage;
 }
 } // namespace
 

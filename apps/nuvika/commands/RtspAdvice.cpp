@@ -106,6 +106,10 @@ private:
     {
         if (record.figures().allLost > 0)
             add(lossFinding(record.figures()));
+        if (const quint64 strangers = m_streams.statistics(track.index).nStrangers; strangers > 0)
+            add(QStringLiteral("brought %1 packets of another source, which were left out: it started again, "
+                               "or somebody else sends to our ports")
+                    .arg(strangers));
         if (m_streams.statistics(track.index).nUnknownTypes > 0)
             add(QStringLiteral("also sends payload types that its description does not name: left out"));
         if (track.media == QLatin1String("video") && record.figures().keyFrames == 0)

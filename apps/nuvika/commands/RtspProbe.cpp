@@ -147,6 +147,28 @@ void RtspProbe::showSecond()
         finish();
 }
 
+// A camera that restarts behind the same connection, sets its clock or changes its settings. That its first
+// sender report moves the wall clock is no change.
+void RtspProbe::tellChange(int track, const RtspUnit& unit)
+{
+    const auto [at, bFirst] = m_seen.try_emplace(track);
+    Seen& seen = at->second;
+    QStringList changes;
+    if (!bFirst && unit.time.bNewRun && (seen.bWallBySender || !unit.time.bWallBySender))
+        changes += QStringLiteral("begins a new run: it started again, or its clock was set");
+    seen.bWallBySender = unit.time.bWallBySender;
+    if (bFirst || unit.bParametersChanged) {
+        const QString parameters = shownParameters(m_client.parameters(track));
+        if (!bFirst && parameters != seen.parameters)
+            changes += QStringLiteral("is now %1").arg(parameters);
+        seen.parameters = parameters;
+    }
+    for (const QString& change : qAsConst(changes))
+        print(QStringLiteral("%1 s  %2  %3")
+                  .arg(QString::number(seconds(), 'f', 0).rightJustified(4),
+                      column(m_client.tracks().at(track)), change));
+}
+
 // Whole units from the first key frame on.
 void RtspProbe::takeUnit(int track, const RtspUnit& unit)
 {
@@ -154,6 +176,7 @@ void RtspProbe::takeUnit(int track, const RtspUnit& unit)
         m_played.start();
         endAfter(0);
     }
+    tellChange(track, unit);
     if (!m_file.isOpen() || track != m_saved || (m_file.units() == 0 && !unit.bKeyFrame))
         return;
     if (!m_file.write(reinterpret_cast<const char*>(unit.pData), unit.nSize))

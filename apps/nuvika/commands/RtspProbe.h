@@ -6,6 +6,8 @@
 
 #include <QtCore/QTimer>
 
+#include <map>
+
 class RtspProbe : public QObject
 {
 public:
@@ -35,6 +37,7 @@ private:
     void showSummary(bool bBroken);
     void showTrackSummary(const RtspTrack& track);
     void takeUnit(int track, const RtspUnit& unit);
+    void tellChange(int track, const RtspUnit& unit);
     void takeServer(const QByteArray& message);
     void fail(int code);
     void end(int code);
@@ -48,6 +51,11 @@ private:
     int m_saved = -1; // the track
     RtspStage m_stage = RtspStage::Connecting;
     QString m_server;
+    struct Seen { // of a track's last unit
+        bool bWallBySender = false;
+        QString parameters;
+    };
+    std::map<int, Seen> m_seen; // by track
     bool m_bFirst = false; // nothing has come yet
     QElapsedTimer m_played;
     QTimer m_end;

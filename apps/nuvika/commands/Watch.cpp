@@ -238,7 +238,8 @@ int runWatch(const QStringList& arguments)
         {QStringLiteral("config"),
             QStringLiteral(
                 "Take the cameras of FILE, one in each line: name=Gate;url=http://host/path;user=viewer;"
-                "password=... (made by nuvika password encode)."),
+                "password=... (made by nuvika password encode); of rtsp:// URLs also transport=tcp, udp or "
+                "multicast."),
             QStringLiteral("FILE")},
     });
     parser.addPositionalArgument(

@@ -11,8 +11,8 @@ namespace
 constexpr qint64 kLargest = 1 << 20;
 const QStringList& knownKeys()
 {
-    static const QStringList keys{
-        QStringLiteral("name"), QStringLiteral("url"), QStringLiteral("user"), QStringLiteral("password")};
+    static const QStringList keys{QStringLiteral("name"), QStringLiteral("url"), QStringLiteral("user"),
+        QStringLiteral("password"), QStringLiteral("transport")};
     return keys;
 }
 
@@ -34,7 +34,7 @@ QString readFields(const QString& line, QMap<QString, QString>* fields)
         const QString key = item.section(QLatin1Char('='), 0, 0).trimmed();
         const QString value = plainValue(item.section(QLatin1Char('='), 1));
         if (!knownKeys().contains(key))
-            return QStringLiteral("\"%1\" is none of name, url, user, password").arg(key);
+            return QStringLiteral("\"%1\" is none of %2").arg(key, knownKeys().join(QStringLiteral(", ")));
         if (value.isEmpty())
             return QStringLiteral("\"%1\" has no value").arg(key);
         if (fields->contains(key))
@@ -60,6 +60,9 @@ QString readCamera(const QString& line, ConfiguredCamera* camera)
     if (!camera->target.password.isEmpty())
         return QStringLiteral(
             "the password stands in the URL: use password=, made by nuvika password encode");
+    const QString transport = params.value(QStringLiteral("transport"));
+    if (!transport.isEmpty() && !camera->target.chooseTransport(transport, &problem))
+        return problem;
     camera->name = params.value(QStringLiteral("name"));
     if (params.contains(QStringLiteral("user")))
         camera->target.user = params.value(QStringLiteral("user"));

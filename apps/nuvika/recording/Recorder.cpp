@@ -92,7 +92,7 @@ void Recorder::finish()
 bool Recorder::haveAllDelivered() const
 {
     return std::all_of(m_cameras.begin(), m_cameras.end(), [](const auto& camera) {
-        return camera->pictures() > 0;
+        return camera->hasDelivered();
     }) && std::all_of(m_media.begin(), m_media.end(), [](const auto& media) {
         const RtpReceiver* receiver = media.second->receiver();
         return receiver != nullptr && receiver->record().hasHeard();
