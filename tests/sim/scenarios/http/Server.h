@@ -93,7 +93,11 @@ private:
         ++e.nSeen;
         e.got.clear(); // of the attempt before: a refusal has no head that says so
         m_due.push_back({&e, m_stage.guard.admits(header, e, m_stage.world.random())});
-        if (m_stage.world.random().chance(0.5))
+        const bool bCounted
+            = e.login == eDigest && m_due.back().bAdmitted; // asked again, it needs a new count
+        if (bCounted && !m_stage.bCalm && !m_stage.bFinishing && m_stage.world.random().chance(0.2))
+            cut();
+        else if (m_stage.world.random().chance(0.5))
             answerSome();
         else
             answerLater();
