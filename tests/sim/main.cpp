@@ -22,6 +22,7 @@ using namespace sim;
 namespace
 {
 constexpr int kMostFailures = 10;
+constexpr unsigned int kPatience = 120; // seconds of real time: then a run hangs
 constexpr int kTraceDescriptors = 500;
 
 struct Options {
@@ -187,7 +188,9 @@ void Runner::start(Job job)
     const pid_t child = m_options.bHere != 0 ? 0 : fork();
     if (child == 0) {
         Report::text = m_options.bTrace != 0 ? stdout : job.trace.get();
-        if (m_options.bHere != 0)
+        if (m_options.bHere == 0)
+            alarm(job.pScenario->bLong ? 30 * kPatience : kPatience);
+        else
             Report::onFailure = [&] { tellFailure(job, job.pReport->failure); };
         runHere(*job.pScenario, job.nSeed, *job.pReport);
     }
