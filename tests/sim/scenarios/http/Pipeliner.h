@@ -27,6 +27,7 @@ public:
             m_bStrict = m_nExpected == 0;
             if (m_nExpected == 0 && (e.closesByRequest() || e.closesByAnswer())) {
                 m_nExpected = m_asked.size();
+                m_bEnds = true;
                 if (m_random.chance(0.7))
                     break;
             }
@@ -50,7 +51,7 @@ public:
         });
     }
 
-    bool isOver() const { return m_bOver || m_nAnswered == m_nExpected; }
+    bool isOver() const { return m_bOver || (m_nAnswered == m_nExpected && !m_bEnds); }
     void finish() { m_pPeer->stall(false); }
     void close()
     {
@@ -110,7 +111,7 @@ private:
         using Event = Nuvika::HttpMessageReader::Event;
         m_reader.feed(bytes.constData(), bytes.size());
         for (Event event = m_reader.next(); event != Event::NeedMore; event = m_reader.next()) {
-            m_stage.world.expect(event != Event::Failed && m_nAnswered < m_asked.size(),
+            m_stage.world.expect(event != Event::Failed && m_nAnswered < m_nExpected,
                 "an answer to nobody, or none: %.100s", bytes.constData());
             if (event == Event::Head)
                 readHead(HttpResponseHeader::fromBytes(m_reader.data(), m_reader.size()));
@@ -157,6 +158,7 @@ private:
     std::vector<Exchange*> m_asked;
     std::size_t m_nExpected = 0;
     std::size_t m_nAnswered = 0;
+    bool m_bEnds = false; // the server, behind the last that it answers
     bool m_bStrict = true; // nothing stands behind the last request
     Nuvika::HttpMessageReader m_reader{Nuvika::HttpMessageReader::Grade::Strict};
     QByteArray m_body; // of the answer that comes
