@@ -22,6 +22,8 @@ public:
             Exchange& e = stage.newExchange();
             e.login = eNone;
             e.asking = e.asking == eUpload ? eWithBody : e.asking == eUploadHalf ? eUploadChunked : e.asking;
+            if (m_bLazy && e.hasBody() && !e.isMultipart())
+                e.nAnswer = 300000;
             m_asked.push_back(&e);
             all += bytesFor(e);
             m_bStrict = m_nExpected == 0;
@@ -33,8 +35,13 @@ public:
             }
         }
         m_nExpected = m_nExpected == 0 ? m_asked.size() : m_nExpected;
+        m_bEnds = m_bEnds || m_bHalfCloses;
         m_pPeer = &stage.world.dial("127.0.0.1", stage.nPort, [this, all](sim::Peer& peer) {
-            peer.onConnected = [this, all] { write(all); };
+            peer.onConnected = [this, all, &peer] {
+                write(all);
+                peer.stall(m_bLazy);
+                later(m_random.size(20000), [&peer] { peer.stall(false); });
+            };
             peer.onBytes = [this](const QByteArray& bytes) { read(bytes); };
             peer.onEnd = [this] {
                 sim::trace("a pipeliner's end");
@@ -98,6 +105,8 @@ private:
         const QByteArray rest = bytes.mid(size);
         if (!rest.isEmpty() && !m_pPeer->isOver())
             later(m_random.size(300), [this, rest] { write(rest); });
+        else if (m_bHalfCloses && !m_pPeer->isOver())
+            later(m_random.size(300), [this] { m_pPeer->end(); });
     }
     void later(std::uint64_t ms, const std::function<void()>& event)
     {
@@ -120,7 +129,7 @@ private:
             else if (!m_bInterim)
                 take();
         }
-        if (!m_stage.bFinishing && m_random.chance(0.1)) {
+        if (!m_stage.bFinishing && !m_bHalfCloses && m_random.chance(0.1)) { // else it had 5 s
             m_pPeer->stall(true);
             later(m_random.size(20000), [this] { m_pPeer->stall(false); });
         }
@@ -155,6 +164,8 @@ private:
     Stage& m_stage;
     sim::Random m_random;
     sim::Peer* m_pPeer = nullptr;
+    const bool m_bLazy = m_random.chance(0.2); // reads late, and the server has to wait
+    const bool m_bHalfCloses = !m_bLazy && m_random.chance(0.3); // behind what it asks
     std::vector<Exchange*> m_asked;
     std::size_t m_nExpected = 0;
     std::size_t m_nAnswered = 0;

@@ -88,8 +88,8 @@ private:
         Exchange& e = m_stage.of(header.path());
         m_stage.world.expect(!m_bStreams, "a request inside a streamed answer");
         m_stage.world.expect(m_pClient->isConnected(), "a request without a connection");
-        m_stage.world.expect(
-            e.asking != ePlain || m_pClient->canSendContent(), "a request of a peer that does not read");
+        m_stage.world.expect(!m_stage.isKind() || e.asking != ePlain || m_pClient->canSendContent(),
+            "a request of a peer that does not read");
         m_stage.world.expect(e.nNumber >= m_nLast, "request %d behind %d", e.nNumber, m_nLast);
         m_nLast = e.nNumber;
         m_stage.world.expect(body == askedOf(e), "request %d brings %d bytes, and not its %d", e.nNumber,
