@@ -11,6 +11,7 @@ namespace sim
 static Report s_beforeAnyRun;
 Report* Report::current = &s_beforeAnyRun;
 std::FILE* Report::text = nullptr;
+std::function<void()> Report::onFailure;
 
 void trace(const char* format, ...)
 {
@@ -38,6 +39,8 @@ void fail(const char* format, ...)
     trace("FAILED: %s", Report::current->failure);
     if (Report::text != nullptr)
         std::fflush(Report::text);
+    if (Report::onFailure)
+        Report::onFailure();
     _exit(1);
 }
 } // namespace sim

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 
 namespace sim
 {
@@ -19,6 +20,7 @@ struct Report {
 
     static Report* current; // of this process
     static std::FILE* text; // where each line goes besides, or null
+    static std::function<void()> onFailure; // in a process that nobody waits for
 };
 
 [[gnu::format(printf, 1, 2)]] void trace(const char* format, ...);

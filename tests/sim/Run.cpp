@@ -22,8 +22,6 @@ namespace sim
 {
 namespace
 {
-constexpr unsigned int kPatience = 120; // seconds of real time: then it hangs
-
 constexpr Time kLookups = 100'000 * kMs;
 
 void logToTrace(QtMsgType, const QMessageLogContext&, const QString& text)
@@ -73,7 +71,6 @@ void runScenario(const Scenario& scenario, std::uint64_t seed)
 
 void runHere(const Scenario& scenario, std::uint64_t seed, Report& report)
 {
-    alarm(scenario.bLong ? 30 * kPatience : kPatience);
     mallopt(M_ARENA_MAX, 1); // addresses are the same in each run, too
     report.nHash = 0xcbf29ce484222325U;
     Report::current = &report;

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <memory>
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <sys/mman.h>
 #include <sys/personality.h>
@@ -20,6 +22,8 @@ using namespace sim;
 namespace
 {
 constexpr int kMostFailures = 10;
+constexpr unsigned int kPatience = 120; // seconds of real time: then a run hangs
+constexpr int kTraceDescriptors = 500;
 
 struct Options {
     std::uint64_t nFirst = 1;
@@ -87,6 +91,37 @@ void fixEnvironment(char** argv)
     execve("/proc/self/exe", argv, environment.data());
 }
 
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+// Its descriptor is none that a run would get.
+File makeTraceFile()
+{
+    const File low(std::tmpfile());
+    return File(low ? fdopen(fcntl(fileno(low.get()), F_DUPFD, kTraceDescriptors), "w+") : nullptr);
+}
+
+// As it stands in a file, line by line.
+struct Trace {
+    explicit Trace(std::FILE* text) : file(text)
+    {
+        std::rewind(file);
+        readLine();
+    }
+    void readLine()
+    {
+        char bytes[sizeof Report::lines[0] + 1];
+        line = std::fgets(bytes, sizeof bytes, file) != nullptr ? bytes : ""; // empty: behind the last
+        ++nLine;
+    }
+
+    std::FILE* file;
+    std::string line;
+    std::uint64_t nLine = 0;
+};
+
 class Runner
 {
 public:
@@ -100,16 +135,19 @@ private:
     struct Job {
         const Scenario* pScenario;
         std::uint64_t nSeed;
-        Report* pReport;
+        Report* pReport = nullptr;
+        File trace = nullptr; // of those that run twice
     };
     void start(Job job);
     void waitForOne();
+    void compare(Job job);
     void tellFailure(const Job& job, const std::string& what);
+    void tellDifference(const Job& first, const Job& second);
 
     const Options& m_options;
     std::deque<Job> m_jobs;
     std::map<pid_t, Job> m_running;
-    std::map<std::pair<const Scenario*, std::uint64_t>, std::uint64_t> m_hashes; // of those that run twice
+    std::map<std::pair<const Scenario*, std::uint64_t>, Job> m_first; // of those that run twice
     int m_nRuns = 0;
     int m_nFailures = 0;
     std::uint64_t m_nLines = 0;
@@ -119,7 +157,7 @@ private:
 void Runner::add(const Scenario& scenario, std::uint64_t seed)
 {
     for (int i = 0; i <= m_options.bTwice; ++i)
-        m_jobs.push_back({&scenario, seed, nullptr});
+        m_jobs.push_back({&scenario, seed});
 }
 
 // Those that have found something, one a line: scenario, seed, # and what.
@@ -142,22 +180,30 @@ void Runner::start(Job job)
     if (memory == MAP_FAILED)
         std::abort();
     job.pReport = static_cast<Report*>(memory);
+    if (m_options.bTwice != 0)
+        job.trace = makeTraceFile();
+    if (m_options.bTwice != 0 && !job.trace)
+        std::abort();
     std::fflush(stdout);
     const pid_t child = m_options.bHere != 0 ? 0 : fork();
     if (child == 0) {
-        Report::text = m_options.bTrace != 0 ? stdout : nullptr;
+        Report::text = m_options.bTrace != 0 ? stdout : job.trace.get();
+        if (m_options.bHere == 0)
+            alarm(job.pScenario->bLong ? 30 * kPatience : kPatience);
+        else
+            Report::onFailure = [&] { tellFailure(job, job.pReport->failure); };
         runHere(*job.pScenario, job.nSeed, *job.pReport);
     }
-    m_running.emplace(child, job);
+    m_running.emplace(child, std::move(job));
 }
 
 void Runner::waitForOne()
 {
     int status = 0;
-    const auto ended = m_running.extract(waitpid(-1, &status, 0));
+    auto ended = m_running.extract(waitpid(-1, &status, 0));
     if (ended.empty())
         return;
-    const Job& job = ended.mapped();
+    Job& job = ended.mapped();
     const Report& report = *job.pReport;
     ++m_nRuns;
     m_nLines += report.nLines;
@@ -166,9 +212,22 @@ void Runner::waitForOne()
         tellFailure(job, std::string("ended by a signal: ") + strsignal(WTERMSIG(status)));
     else if (status != 0)
         tellFailure(job, report.failure[0] != '\0' ? report.failure : "ended without a word");
-    else if (m_options.bTwice != 0
-        && m_hashes.emplace(std::pair(job.pScenario, job.nSeed), report.nHash).first->second != report.nHash)
-        tellFailure(job, "a second run has another trace");
+    else if (m_options.bTwice != 0)
+        return compare(std::move(job));
+    munmap(job.pReport, sizeof(Report));
+}
+
+// The first of two is kept until the second is there.
+void Runner::compare(Job job)
+{
+    auto first = m_first.extract({job.pScenario, job.nSeed});
+    if (first.empty()) {
+        m_first.emplace(std::pair(job.pScenario, job.nSeed), std::move(job));
+        return;
+    }
+    if (first.mapped().pReport->nHash != job.pReport->nHash)
+        tellDifference(first.mapped(), job);
+    munmap(first.mapped().pReport, sizeof(Report));
     munmap(job.pReport, sizeof(Report));
 }
 
@@ -184,12 +243,34 @@ void Runner::tellFailure(const Job& job, const std::string& what)
         job.pScenario->name, job.nSeed);
 }
 
+// Both traces from the first line that differs.
+void Runner::tellDifference(const Job& first, const Job& second)
+{
+    if (++m_nFailures > kMostFailures)
+        return;
+    Trace traces[] = {Trace(first.trace.get()), Trace(second.trace.get())};
+    while (traces[0].line == traces[1].line && !traces[0].line.empty()) {
+        for (Trace& trace : traces)
+            trace.readLine();
+    }
+    std::printf("--- %s, seed %" PRIu64 " ---\n", first.pScenario->name, first.nSeed);
+    for (Trace& trace : traces) {
+        std::printf(
+            "the %s run, from line %" PRIu64 ":\n", &trace == traces ? "first" : "second", trace.nLine);
+        for (std::size_t left = Report::kLast; left > 0 && !trace.line.empty(); --left, trace.readLine())
+            std::fputs(trace.line.c_str(), stdout);
+    }
+    std::printf("a second run has another trace\nagain: tests/sim/run --scenario %s --seeds %" PRIu64
+                " --twice\n",
+        second.pScenario->name, second.nSeed);
+}
+
 int Runner::run()
 {
     const auto begin = std::chrono::steady_clock::now();
     while (!m_jobs.empty() || !m_running.empty()) {
         while (!m_jobs.empty() && m_running.size() < m_options.nJobs) {
-            start(m_jobs.front());
+            start(std::move(m_jobs.front()));
             m_jobs.pop_front();
         }
         waitForOne();

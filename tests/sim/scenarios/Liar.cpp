@@ -245,6 +245,8 @@ public:
                 peer->write(head("Content-Length: 6\r\n") + "nobody");
         }
         m_world.run(20000);
+        for (const sim::Peer* peer : m_peers)
+            m_world.expect(peer->isOver(), "a connection is kept that brought an answer to nobody");
     }
 
 private:

@@ -22,18 +22,26 @@ public:
             Exchange& e = stage.newExchange();
             e.login = eNone;
             e.asking = e.asking == eUpload ? eWithBody : e.asking == eUploadHalf ? eUploadChunked : e.asking;
+            if (m_bLazy && e.hasBody() && !e.isMultipart())
+                e.nAnswer = 300000;
             m_asked.push_back(&e);
             all += bytesFor(e);
             m_bStrict = m_nExpected == 0;
             if (m_nExpected == 0 && (e.closesByRequest() || e.closesByAnswer())) {
                 m_nExpected = m_asked.size();
+                m_bEnds = true;
                 if (m_random.chance(0.7))
                     break;
             }
         }
         m_nExpected = m_nExpected == 0 ? m_asked.size() : m_nExpected;
+        m_bEnds = m_bEnds || m_bHalfCloses;
         m_pPeer = &stage.world.dial("127.0.0.1", stage.nPort, [this, all](sim::Peer& peer) {
-            peer.onConnected = [this, all] { write(all); };
+            peer.onConnected = [this, all, &peer] {
+                write(all);
+                peer.stall(m_bLazy);
+                later(m_random.size(20000), [&peer] { peer.stall(false); });
+            };
             peer.onBytes = [this](const QByteArray& bytes) { read(bytes); };
             peer.onEnd = [this] {
                 sim::trace("a pipeliner's end");
@@ -50,7 +58,7 @@ public:
         });
     }
 
-    bool isOver() const { return m_bOver || m_nAnswered == m_nExpected; }
+    bool isOver() const { return m_bOver || (m_nAnswered == m_nExpected && !m_bEnds); }
     void finish() { m_pPeer->stall(false); }
     void close()
     {
@@ -97,6 +105,8 @@ private:
         const QByteArray rest = bytes.mid(size);
         if (!rest.isEmpty() && !m_pPeer->isOver())
             later(m_random.size(300), [this, rest] { write(rest); });
+        else if (m_bHalfCloses && !m_pPeer->isOver())
+            later(m_random.size(300), [this] { m_pPeer->end(); });
     }
     void later(std::uint64_t ms, const std::function<void()>& event)
     {
@@ -110,7 +120,7 @@ private:
         using Event = Nuvika::HttpMessageReader::Event;
         m_reader.feed(bytes.constData(), bytes.size());
         for (Event event = m_reader.next(); event != Event::NeedMore; event = m_reader.next()) {
-            m_stage.world.expect(event != Event::Failed && m_nAnswered < m_asked.size(),
+            m_stage.world.expect(event != Event::Failed && m_nAnswered < m_nExpected,
                 "an answer to nobody, or none: %.100s", bytes.constData());
             if (event == Event::Head)
                 readHead(HttpResponseHeader::fromBytes(m_reader.data(), m_reader.size()));
@@ -119,7 +129,7 @@ private:
             else if (!m_bInterim)
                 take();
         }
-        if (!m_stage.bFinishing && m_random.chance(0.1)) {
+        if (!m_stage.bFinishing && !m_bHalfCloses && m_random.chance(0.1)) { // else it had 5 s
             m_pPeer->stall(true);
             later(m_random.size(20000), [this] { m_pPeer->stall(false); });
         }
@@ -154,9 +164,12 @@ private:
     Stage& m_stage;
     sim::Random m_random;
     sim::Peer* m_pPeer = nullptr;
+    const bool m_bLazy = m_random.chance(0.2); // reads late, and the server has to wait
+    const bool m_bHalfCloses = !m_bLazy && m_random.chance(0.3); // behind what it asks
     std::vector<Exchange*> m_asked;
     std::size_t m_nExpected = 0;
     std::size_t m_nAnswered = 0;
+    bool m_bEnds = false; // the server, behind the last that it answers
     bool m_bStrict = true; // nothing stands behind the last request
     Nuvika::HttpMessageReader m_reader{Nuvika::HttpMessageReader::Grade::Strict};
     QByteArray m_body; // of the answer that comes
