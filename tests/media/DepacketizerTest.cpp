@@ -427,6 +427,8 @@ too short; 1! 0000 2! 0000000001320201aa; 2KP ~aaffd9; 1)");
     sized.pictureSize = QSize(2592, 1944);
     EXPECT_NE(Stream(sized).packets("1! 0000000001320000aa").unitsByPacket().find("ffc000110807980a20"),
         std::string::npos);
+    sized.pictureSize = QSize(0, 0);
+    EXPECT_FALSE(RtpDepacketizer::create(sized)->parameters().shownSize.isValid()) << "not known";
 }
 
 TEST(RtpJpeg, TakesTheSizeFromTheHeaderExtension)
