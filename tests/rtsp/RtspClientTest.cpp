@@ -96,11 +96,11 @@ TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
         const char* transport;
         const char* taken = "packet 0 5";
         RtspQuirks::ServerPort rule = RtspQuirks::eNamedPort;
-        bool bIPv6 = false;
+        const char* other = "127.0.0.1"; // sends, too, from another port
     } rows[] = {
         {"no port", "RTP/AVP;unicast", "packet 0 5 packet 0 6"},
         {"IPv6", "RTP/AVP;unicast;server_port={rtp}-{rtcp};source=::1", "packet 0 5", RtspQuirks::eNamedPort,
-            true},
+            "::1"},
         {"another port, and the first that sends counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5",
             RtspQuirks::eFirstSeenPort},
         {"another port, and none counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5 packet 0 6",
@@ -109,18 +109,20 @@ TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
         {"another port", "RTP/AVP;unicast;server_port=9-10", ""},
         {"a name as source", "RTP/AVP;unicast;source=viewer.camera.local", "packet 0 5 packet 0 6"},
         {"an empty source", "RTP/AVP;unicast;source=", "packet 0 5 packet 0 6"},
-        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "packet 0 5 packet 0 6"},
+        {"another machine", "RTP/AVP;unicast", "packet 0 5", RtspQuirks::eNamedPort, "127.0.0.9"},
+        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "packet 0 5 packet 0 6",
+            RtspQuirks::eNamedPort, "127.0.0.9"},
         {"one port for a pair", "RTP/AVP;server_port={rtp}"},
     };
     for (const auto& row : rows) {
         RtspOptions options = udp();
         options.quirks.serverPort = row.rule;
         Script script = silent().on("SETUP", {setUp(row.transport)});
-        script.bIPv6 = row.bIPv6;
+        script.bIPv6 = *row.other == ':';
         Viewer viewer(script, options);
         ASSERT_TRUE(viewer.starts("playing")) << row.name << viewer.log();
-        const char* host = row.bIPv6 ? "::1" : "127.0.0.1";
-        RawUdp other(host); // another port of the server
+        const char* host = script.bIPv6 ? "::1" : "127.0.0.1";
+        RawUdp other(row.other);
         const auto taken = [&] { return viewer.events.filter(QStringLiteral("packet")); };
         const auto nSeen = [&] { return taken().size() + static_cast<int>(viewer.client->droppedPackets()); };
         viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5), host);
