@@ -1,5 +1,6 @@
 // Session descriptions: what is understood is written so that it is understood the same way again; and as
-// clients read them.
+// clients read them, down to what depacketizers take from it.
+#include <KepNuvikaUtil/RtpDepacketizer.h>
 #include <KepNuvikaUtil/SDP.h>
 #include <KepNuvikaUtil/SdpDescription.h>
 
@@ -14,6 +15,17 @@ void check(bool bGood)
         std::abort();
 }
 
+// Configurations and parameter sets in "fmtp" lines.
+void readParameters(const SdpMedia& media, const SdpFormat& format)
+{
+    const RtpPayloadFormat payload{format.encoding, format.clockRate, format.fmtp, media.type,
+        static_cast<quint32>(format.channels), QSize(format.width, format.height)};
+    const RtpMediaParameters read = RtpDepacketizer::create(payload)->parameters();
+    for (const QSize& size : {read.codedSize, read.shownSize, read.pixelAspect})
+        check(!size.isValid() || !size.isEmpty());
+    check(read.configuration.size() <= 4 * (format.fmtp.size() + 64));
+}
+
 void readAsClient(const QByteArray& text)
 {
     const SdpDescription read = SdpDescription::read(text);
@@ -26,6 +38,7 @@ void readAsClient(const QByteArray& text)
         for (const SdpFormat& format : media.formats) {
             check(format.encoding.isEmpty() || (format.clockRate > 0 && format.channels > 0));
             check(format.payloadType < 0 || media.format(format.payloadType) != nullptr);
+            readParameters(media, format);
         }
     }
 }

@@ -41,15 +41,18 @@ RtpUnitFormat RtpUnitFormat::forDecoders() { return {}; }
 std::unique_ptr<RtpDepacketizer> RtpDepacketizer::create(
     const RtpPayloadFormat& payload, const RtpUnitFormat& format)
 {
-    const QString name = payload.encodingName.trimmed();
+    RtpPayloadFormat known = payload;
+    if (known.pictureSize.isEmpty())
+        known.pictureSize = QSize(); // what is not known is not valid
+    const QString name = known.encodingName.trimmed();
     for (const Entry& entry : kMakers) {
         if (name.compare(QLatin1String(entry.name), Qt::CaseInsensitive) == 0)
-            return entry.maker(payload, format);
+            return entry.maker(known, format);
     }
-    if (payload.media.compare(QLatin1String("audio"), Qt::CaseInsensitive) == 0)
-        return Nuvika::plainAudioDepacketizer(payload, format);
-    const bool bVideo = payload.media.compare(QLatin1String("video"), Qt::CaseInsensitive) == 0;
-    return Nuvika::markedDepacketizer(payload, format, bVideo);
+    if (known.media.compare(QLatin1String("audio"), Qt::CaseInsensitive) == 0)
+        return Nuvika::plainAudioDepacketizer(known, format);
+    const bool bVideo = known.media.compare(QLatin1String("video"), Qt::CaseInsensitive) == 0;
+    return Nuvika::markedDepacketizer(known, format, bVideo);
 }
 
 RtpDepacketizer::~RtpDepacketizer() = default;

@@ -18,7 +18,8 @@ struct RtpPayloadFormat {
     QString fmtp; ///< the parameters: SdpFormat::fmtp
     QString media; ///< "video", "audio", ...: decides what a unit is where we do not know the name
     quint32 nChannels = 0;
-    QSize pictureSize; ///< from a=framesize or the like, for JPEG that has none in its packets
+    QSize pictureSize; ///< from a=framesize or the like, for JPEG that has none in its packets; empty: nobody
+                       ///< says
 };
 
 /// Makes access units of the packets of one RTP stream:

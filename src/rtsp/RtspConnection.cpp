@@ -3,8 +3,11 @@
 #include <KepNuvikaUtil/NuvikaSslSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
+#include "core/Log_p.h"
 #include "http/SocketTransport_p.h"
 #include "platform/ErrorCodes_p.h"
+
+#include <utility>
 
 using namespace Nuvika;
 
@@ -102,6 +105,10 @@ int RtspConnection::readInput(const char* data, int size)
         if (!watch.holds())
             return kOver;
     }
+    if (m_reader.strayBytes() > 0 && !std::exchange(m_bStraysTold, true))
+        NUVIKA_WARNING(lcRtsp,
+            "RtspClient: %s sends bytes that are neither RTSP nor packets, before byte %llu; not told again",
+            qUtf8Printable(peerAddress().toString()), m_reader.position());
     return size;
 }
 

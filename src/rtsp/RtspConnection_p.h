@@ -68,6 +68,7 @@ private:
     PendingInput m_input{*this};
     QString m_endReason;
     bool m_bConnected = false;
+    bool m_bStraysTold = false;
     RtpArrival m_lastReceived;
     Watched m_life;
 };

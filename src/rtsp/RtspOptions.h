@@ -52,8 +52,8 @@ struct RtspQuirks {
 
 /// How an RtspClient plays. A plain value; taken by start().
 struct KEPNUVIKAUTIL_EXPORT RtspOptions {
-    /// Automatic: UDP, and TCP where that does not work; TCP at once for H.264 with packetization-mode 0, for
-    /// rtsps, and where the last session with the same URL ended up there.
+    /// Automatic: UDP, TCP where that does not work, multicast where the server refuses both; TCP at once for
+    /// H.264 with packetization-mode 0, for rtsps, and first what worked last for the same URL.
     enum Transport { eAutomatic, eTcp, eUdp, eMulticast };
 
     Transport transport = eAutomatic;

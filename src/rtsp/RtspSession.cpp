@@ -81,6 +81,7 @@ bool RtspSession::start(const QString& url, const QString& user, const QString& 
     m_cseq = 0;
     m_bDescribed = m_bPlayCalled = false;
     m_forced.reset();
+    m_tried.reset();
     m_redirected.reset();
     m_selected.clear();
     m_nDroppedPackets = 0;
@@ -104,7 +105,7 @@ bool RtspSession::pause()
     if (m_phase != Phase::Playing)
         return false;
     m_phase = Phase::Pausing;
-    request(Purpose::Pause, QStringLiteral("PAUSE"), m_sessionUrl);
+    control(Purpose::Pause);
     return true;
 }
 
@@ -113,7 +114,7 @@ bool RtspSession::resume()
     if (m_phase != Phase::Paused)
         return false;
     m_phase = Phase::Play;
-    request(Purpose::Play, QStringLiteral("PLAY"), m_sessionUrl);
+    control(Purpose::Play);
     return true;
 }
 
@@ -292,7 +293,7 @@ bool RtspSession::sendTeardown()
 {
     if (m_sessionId.isEmpty() || !m_pConnection || !m_pConnection->isConnected())
         return false;
-    request(Purpose::Teardown, QStringLiteral("TEARDOWN"), m_sessionUrl);
+    control(Purpose::Teardown);
     return true;
 }
 

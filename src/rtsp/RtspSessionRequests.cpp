@@ -127,6 +127,10 @@ void RtspSession::answered(Request& request, const RtspHead& answer, const QByte
     const bool bAccepted = answer.status() < 300;
     if (bAccepted)
         takeSession(request, answer);
+    if (bAccepted && request.purpose == Purpose::Play)
+        takeRtpInfo(answer);
+    if (controlOtherwise(request, answer) || (bAccepted && controlNext(request)))
+        return;
     const bool bOpening = m_phase < Phase::Playing && request.purpose != Purpose::KeepAlive;
     if (bOpening && followRedirect(answer))
         return;
@@ -144,7 +148,7 @@ void RtspSession::answered(Request& request, const RtspHead& answer, const QByte
         bAccepted ? setupAnswered(answer) : setupRefused(request, answer);
         break;
     case Purpose::Play:
-        bAccepted ? playAnswered(answer) : refused(request, answer);
+        bAccepted ? playAnswered() : refused(request, answer);
         break;
     case Purpose::Pause:
         bAccepted ? pauseAnswered() : refused(request, answer);
@@ -157,6 +161,49 @@ void RtspSession::answered(Request& request, const RtspHead& answer, const QByte
         finishEnd();
         break;
     }
+}
+
+// --- PLAY, PAUSE, TEARDOWN -------------------------------------------------------------------------------
+
+void RtspSession::control(Purpose purpose, const Fields& fields)
+{
+    m_nControlled = 0;
+    const QString method = purpose == Purpose::Play ? QStringLiteral("PLAY")
+        : purpose == Purpose::Pause                 ? QStringLiteral("PAUSE")
+                                                    : QStringLiteral("TEARDOWN");
+    request(purpose, method, m_controlled.value(0), fields);
+}
+
+// False when all have agreed.
+bool RtspSession::controlNext(const Request& request)
+{
+    if (!isControl(request.purpose) || ++m_nControlled >= m_controlled.size())
+        return false;
+    const QString url = m_controlled.at(m_nControlled);
+    this->request(request.purpose, request.method, url, request.fields);
+    return true;
+}
+
+// 459: not of the whole session, so of each track; 460: of the whole only, which is then not what we took for
+// it. Once: a server that wants neither is refused.
+bool RtspSession::controlOtherwise(const Request& request, const RtspHead& answer)
+{
+    constexpr int kNotAggregate = 459;
+    constexpr int kOnlyAggregate = 460;
+    const bool bEach = answer.status() == kNotAggregate;
+    if (!isControl(request.purpose) || m_bControlChosen || (!bEach && answer.status() != kOnlyAggregate))
+        return false;
+    QStringList urls = bEach ? QStringList() : QStringList(m_url.toString());
+    for (std::size_t i = 0; bEach && i < m_setups.size(); ++i) {
+        if (m_setups[i].bDone)
+            urls.append(m_tracks.at(static_cast<int>(i)).url);
+    }
+    if (urls.isEmpty())
+        return false;
+    m_bControlChosen = true;
+    m_controlled = urls;
+    control(request.purpose, request.fields);
+    return true;
 }
 
 void RtspSession::pauseAnswered()

@@ -18,6 +18,16 @@ PortPair usable(const PortPair& ports)
     return {ports.nFirst >= kLeastPort ? ports.nFirst : -1, ports.nSecond >= kLeastPort ? ports.nSecond : -1};
 }
 
+const char* nameOf(RtspOptions::Transport transport)
+{
+    return transport == RtspOptions::eTcp ? "TCP" : transport == RtspOptions::eUdp ? "UDP" : "multicast";
+}
+
+bool isAny(const QHostAddress& address)
+{
+    return address == QHostAddress(QHostAddress::AnyIPv4) || address == QHostAddress(QHostAddress::AnyIPv6);
+}
+
 quint32 ipv4Of(const QHostAddress& address)
 {
     bool bIPv4 = false;
@@ -76,7 +86,8 @@ void RtspSession::takeDescription(const RtspHead& answer, const QByteArray& body
 void RtspSession::placeTracks(const SdpDescription& description, const QString& base)
 {
     m_base = base;
-    m_sessionUrl = encodedUrl(description.sessionUrl(base));
+    m_controlled = QStringList(encodedUrl(description.sessionUrl(base)));
+    m_bControlChosen = false;
     for (RtspTrack& track : m_tracks)
         track.url = encodedUrl(description.trackUrl(track.index, base));
 }
@@ -131,6 +142,18 @@ RtspOptions::Transport RtspSession::firstTransport() const
     return RtspOptions::eUdp;
 }
 
+// What is left to try where the server refuses one.
+std::optional<RtspOptions::Transport> RtspSession::nextTransport() const
+{
+    if (m_current.transport != RtspOptions::eAutomatic || m_url.bTls)
+        return std::nullopt;
+    for (const auto transport : {RtspOptions::eUdp, RtspOptions::eTcp, RtspOptions::eMulticast}) {
+        if (!m_tried.test(transport))
+            return transport;
+    }
+    return std::nullopt;
+}
+
 void RtspSession::beginSetup()
 {
     m_transport = firstTransport();
@@ -166,6 +189,7 @@ void RtspSession::setupNext()
 
 void RtspSession::sendSetup(int track)
 {
+    m_tried.set(m_transport);
     Setup& setup = m_setups[static_cast<std::size_t>(track)];
     RtspTransportField field;
     field.lower = m_transport == RtspOptions::eTcp ? RtspTransportField::eTcp : RtspTransportField::eUdp;
@@ -240,7 +264,7 @@ bool RtspSession::takeUdp(Setup& setup, const RtspTransportField& field)
 void RtspSession::takeSource(Setup& setup, const RtspTransportField& field)
 {
     const QHostAddress source(field.source);
-    const bool bAddress = !source.isNull() && ipv4Of(source) != 0;
+    const bool bAddress = !source.isNull() && !isAny(source);
     setup.server = bAddress ? source : m_peerAddress;
     setup.nServerIPv4 = ipv4Of(setup.server);
     setup.bAnySender = !bAddress && source.isNull() && !field.source.isEmpty();
@@ -273,14 +297,15 @@ bool RtspSession::takeMulticast(Setup& setup, const RtspTransportField& field)
 
 void RtspSession::setupRefused(const Request& request, const RtspHead& answer)
 {
-    const bool bAutomatic = m_current.transport == RtspOptions::eAutomatic;
-    if (answer.status() == kUnsupportedTransport && bAutomatic && m_transport == RtspOptions::eUdp) {
-        const QString reason = QStringLiteral("the server refuses UDP (461)");
+    const std::optional<RtspOptions::Transport> other = nextTransport();
+    if (answer.status() == kUnsupportedTransport && other) {
+        const QString reason
+            = QStringLiteral("the server refuses %1 (461)").arg(QLatin1String(nameOf(m_transport)));
         const bool bFirst
             = std::none_of(m_setups.begin(), m_setups.end(), [](const Setup& each) { return each.bDone; });
         if (!bFirst) {
-            reopen(RtspOptions::eTcp, reason);
-        } else if (changeTransport(RtspOptions::eTcp, reason)) {
+            reopen(*other, reason);
+        } else if (changeTransport(*other, reason)) {
             m_setups[static_cast<std::size_t>(m_nSettingUp)] = Setup();
             setupNext();
         }
@@ -337,11 +362,10 @@ void RtspSession::sendPlay()
     m_phase = Phase::Play;
     for (const Setup& setup : m_setups)
         openFirewall(setup);
-    request(Purpose::Play, QStringLiteral("PLAY"), m_sessionUrl,
-        {{QStringLiteral("Range"), QStringLiteral("npt=0.000-")}});
+    control(Purpose::Play, {{QStringLiteral("Range"), QStringLiteral("npt=0.000-")}});
 }
 
-void RtspSession::playAnswered(const RtspHead& answer)
+void RtspSession::takeRtpInfo(const RtspHead& answer)
 {
     const QVector<RtpInfo> infos = parseRtpInfo(answer.value(QStringLiteral("RTP-Info")));
     const auto isDone = [](const Setup& each) { return each.bDone; };
@@ -353,6 +377,10 @@ void RtspSession::playAnswered(const RtspHead& answer)
                 m_setups[i].pInput->announceFirst(info);
         }
     }
+}
+
+void RtspSession::playAnswered()
+{
     for (const Setup& setup : m_setups) {
         if (setup.pInput)
             setup.pInput->takeStatistics(monotonicUs()); // the first second begins

@@ -24,6 +24,7 @@
 
 #include <QtCore/QPair>
 
+#include <bitset>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -75,6 +76,10 @@ private:
         Ending
     };
     enum class Purpose { Options, Describe, Setup, Play, Pause, Teardown, KeepAlive };
+    static bool isControl(Purpose purpose)
+    {
+        return purpose == Purpose::Play || purpose == Purpose::Pause || purpose == Purpose::Teardown;
+    }
     enum class Outcome { Stopped, Failed, Reopened }; // what follows the end
     using Fields = QVector<QPair<QString, QString>>;
 
@@ -132,6 +137,9 @@ private:
     bool retryWithLogin(Request& request, const RtspHead& answer);
     bool followRedirect(const RtspHead& answer);
     void refused(const Request& request, const RtspHead& answer);
+    void control(Purpose purpose, const Fields& fields = Fields());
+    bool controlNext(const Request& request);
+    bool controlOtherwise(const Request& request, const RtspHead& answer);
     void pauseAnswered();
     void takeSession(const Request& request, const RtspHead& answer);
     void serverAsks(const RtspHead& head);
@@ -144,6 +152,7 @@ private:
     void refusedDescription(const Request& request, const RtspHead& answer);
     void beginSetup();
     RtspOptions::Transport firstTransport() const;
+    std::optional<RtspOptions::Transport> nextTransport() const;
     QVector<int> usableTracks() const;
     QString unusableTracks() const;
     void setupNext();
@@ -157,7 +166,8 @@ private:
     void makeInput(int track, const RtspTransportField& field);
     void assignChannels();
     void sendPlay();
-    void playAnswered(const RtspHead& answer);
+    void takeRtpInfo(const RtspHead& answer);
+    void playAnswered();
     void beginWaiting();
 
     // Media.
@@ -206,13 +216,16 @@ private:
 
     bool m_bDescribed = false;
     QString m_base;
-    QString m_sessionUrl;
+    QStringList m_controlled; // what PLAY, PAUSE and TEARDOWN go to: the session, or each of its tracks
+    int m_nControlled = 0; // those that have agreed
+    bool m_bControlChosen = false; // by the server
     bool m_bPlayCalled = false;
     QVector<int> m_selected;
     std::vector<Setup> m_setups; // as m_tracks
     int m_nSettingUp = -1;
     int m_nLastRefusal = 0;
     std::optional<RtspOptions::Transport> m_forced; // by what the server did in this session
+    std::bitset<4> m_tried; // transports
     QPair<QString, RtspOptions::Transport> m_remembered; // what worked for this URL
 
     quint32 m_nOwnSsrc = 0;

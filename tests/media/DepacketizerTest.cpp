@@ -58,6 +58,19 @@ public:
         return *this;
     }
 
+    // Each of the packets, cut at every byte; its end is the end of the memory.
+    void cutPackets(const QByteArray& text)
+    {
+        for (const QByteArray& each : QByteArray(text).replace('_', "").split(' ')) {
+            const QByteArray whole = "\x80\x60" + QByteArray(10, '\1') + QByteArray::fromHex(each);
+            for (int size = 0; size <= whole.size(); ++size) {
+                const std::vector<unsigned char> bytes(whole.begin(), whole.begin() + size);
+                m_depacketizer->push(RTPPacket(bytes.data(), static_cast<unsigned int>(size)));
+                take();
+            }
+        }
+    }
+
     Stream& flush()
     {
         m_depacketizer->flush();
@@ -85,6 +98,7 @@ private:
         RtpAccessUnit unit;
         while (m_depacketizer->next(&unit)) {
             QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
+            EXPECT_GT(unit.nSize, 0U);
             bytes = bytes.toHex().replace("00000001", "|");
             m_units += QLatin1Char(' ') + QString::number(unit.nTimestamp);
             const char* key = unit.bKeyFrame ? "K" : unit.bRecoveryPoint ? "R" : "";
@@ -124,6 +138,7 @@ void check(const RtpPayloadFormat& payload, QByteArray lines,
         Stream stream(payload, format);
         EXPECT_EQ(stream.packets(row[1]).flush().units(), row[2].toStdString()) << row[0].constData();
         EXPECT_EQ(stream.depacketizer().unitsLost(), row.value(3).toULongLong()) << row[0].constData();
+        Stream(payload, format).cutPackets(row[1]);
     }
 }
 void checkForFiles(const RtpPayloadFormat& payload, const QByteArray& lines)
@@ -221,6 +236,7 @@ TEST(RtpH264, BelievesTheStreamBeforeTheDescription)
         {"repeated by the stream: no change", good, repeated},
         {"a comma at the end, keys of old", good + ',', silent},
         {"with start codes", base64("00000001" + kSps + "00000001" + kPps), silent},
+        {"more than two of them", good + ',' + base64("68420a"), "; 1! 658801; 1K |SPS|PPS|68420a|658801"},
         {"one of them is no base64", "Z0IA*," + good, silent},
         {"wrong, right in the stream", base64(otherSps) + ',' + base64(kPps), changed},
         {"wrong under another id", base64("6742c01e44b4126c10") + ',' + base64(kPps), changed},
@@ -427,6 +443,8 @@ too short; 1! 0000 2! 0000000001320201aa; 2KP ~aaffd9; 1)");
     sized.pictureSize = QSize(2592, 1944);
     EXPECT_NE(Stream(sized).packets("1! 0000000001320000aa").unitsByPacket().find("ffc000110807980a20"),
         std::string::npos);
+    sized.pictureSize = QSize(0, 0);
+    EXPECT_FALSE(RtpDepacketizer::create(sized)->parameters().shownSize.isValid()) << "not known";
 }
 
 TEST(RtpJpeg, TakesTheSizeFromTheHeaderExtension)

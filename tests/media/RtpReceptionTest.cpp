@@ -304,8 +304,12 @@ padding of nothing | a0c900020000000100000000 | RTCP, byte 11: the padding does 
 padding over the head | a0c90001000000ff | RTCP, byte 7: the padding does not fit
 blocks that are not there | 9fc9000700000001000000000000000000000000000000000000000000000000 | RTCP, byte 0: the packet is shorter than its count says
 bytes behind | 80c900010000000180c9 | 201:1; RTCP, byte 8: too few bytes for a packet)",
-             '|'))
-        EXPECT_EQ(told(fromHex(row[1])), row[2].toStdString()) << row[0].constData();
+             '|')) {
+        const Bytes bytes = fromHex(row[1]);
+        EXPECT_EQ(told(bytes), row[2].toStdString()) << row[0].constData();
+        for (auto cut = bytes.begin(); cut != bytes.end(); ++cut)
+            EXPECT_EQ(told(Bytes(bytes.begin(), cut)).empty(), cut == bytes.begin()) << row[0].constData();
+    }
 }
 
 TEST(RtpPackets, OfRealSendersAreRtpOrRtcpAndNeverBoth)

@@ -1,3 +1,4 @@
+#include "rtsp/RtspAlarm_p.h"
 #include "rtsp/RtspKeepAlive_p.h"
 #include "rtsp/ScriptedCamera.h"
 #include "support/Certificates.h"
@@ -45,6 +46,26 @@ TEST(RtspClient, PlaysPausesResumesAndStops)
     EXPECT_TRUE(viewer.starts("playing")) << "it may be used again";
 }
 
+TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsIt)
+{
+    Viewer viewer(on("PLAY", {refuses("459 Aggregate Operation Not Allowed"), answer()})
+                      .on("PAUSE", {asksDigest("n2"), answer()}) // and a nonce expires
+                      .describes(kAudioTrack + "m=audio 0 RTP/AVP 8\r\na=control:track2\r\n"));
+    ASSERT_TRUE(viewer.starts("playing", "user", "secret")) << viewer.log();
+    EXPECT_TRUE(viewer.client->pause());
+    ASSERT_TRUE(viewer.waitUntil("paused")) << viewer.log();
+    viewer.events.clear();
+    EXPECT_TRUE(viewer.client->resume());
+    ASSERT_TRUE(viewer.waitUntil("playing")) << viewer.log();
+    viewer.client->stop();
+    ASSERT_TRUE(viewer.waitUntil("stopped")) << viewer.log();
+    for (const auto& row :
+        {std::make_pair("PLAY", 5), std::make_pair("PAUSE", 3), std::make_pair("TEARDOWN", 2)}) {
+        EXPECT_EQ(viewer.camera.count(row.first), row.second) << row.first;
+        EXPECT_TRUE(viewer.camera.last(row.first).contains("/track2 ")) << row.first;
+    }
+}
+
 TEST(RtspClient, TakesDatagramsInOrderFromTheServerOnly)
 {
     RtspOptions options = udp();
@@ -73,23 +94,42 @@ TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
     const struct {
         const char* name;
         const char* transport;
-        bool bTaken = true;
+        const char* taken = "packet 0 5";
+        RtspQuirks::ServerPort rule = RtspQuirks::eNamedPort;
+        const char* other = "127.0.0.1"; // sends, too, from another port
     } rows[] = {
-        {"no port", "RTP/AVP;unicast"},
-        {"ports 0 and 1", "RTP/AVP;unicast;server_port=0-1"},
-        {"another port", "RTP/AVP;unicast;server_port=9-10", false},
-        {"a name as source", "RTP/AVP;unicast;source=viewer.camera.local"},
-        {"an empty source", "RTP/AVP;unicast;source="},
-        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9"},
+        {"no port", "RTP/AVP;unicast", "packet 0 5 packet 0 6"},
+        {"IPv6", "RTP/AVP;unicast;server_port={rtp}-{rtcp};source=::1", "packet 0 5", RtspQuirks::eNamedPort,
+            "::1"},
+        {"another port, and the first that sends counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5",
+            RtspQuirks::eFirstSeenPort},
+        {"another port, and none counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5 packet 0 6",
+            RtspQuirks::eAnyPort},
+        {"ports 0 and 1", "RTP/AVP;unicast;server_port=0-1", "packet 0 5 packet 0 6"},
+        {"another port", "RTP/AVP;unicast;server_port=9-10", ""},
+        {"a name as source", "RTP/AVP;unicast;source=viewer.camera.local", "packet 0 5 packet 0 6"},
+        {"an empty source", "RTP/AVP;unicast;source=", "packet 0 5 packet 0 6"},
+        {"another machine", "RTP/AVP;unicast", "packet 0 5", RtspQuirks::eNamedPort, "127.0.0.9"},
+        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "packet 0 5 packet 0 6",
+            RtspQuirks::eNamedPort, "127.0.0.9"},
         {"one port for a pair", "RTP/AVP;server_port={rtp}"},
     };
     for (const auto& row : rows) {
-        Viewer viewer(silent().on("SETUP", {setUp(row.transport)}), udp());
+        RtspOptions options = udp();
+        options.quirks.serverPort = row.rule;
+        Script script = silent().on("SETUP", {setUp(row.transport)});
+        script.bIPv6 = *row.other == ':';
+        Viewer viewer(script, options);
         ASSERT_TRUE(viewer.starts("playing")) << row.name << viewer.log();
-        viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5));
-        EXPECT_TRUE(viewer.waitUntil(
-            [&] { return viewer.has("packet 0 5") || viewer.client->droppedPackets() == 1; }));
-        EXPECT_EQ(viewer.has("packet 0 5"), row.bTaken) << row.name;
+        const char* host = script.bIPv6 ? "::1" : "127.0.0.1";
+        RawUdp other(row.other);
+        const auto taken = [&] { return viewer.events.filter(QStringLiteral("packet")); };
+        const auto nSeen = [&] { return taken().size() + static_cast<int>(viewer.client->droppedPackets()); };
+        viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5), host);
+        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 1; })) << row.name;
+        other.sendTo(viewer.camera.clientPort, rtp(0, 6), host);
+        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 2; })) << row.name;
+        EXPECT_EQ(taken().join(QLatin1Char(' ')).toStdString(), row.taken) << row.name;
     }
 }
 
@@ -97,12 +137,17 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
 {
     const auto group = [](const char* transport) { return silent().on("SETUP", {setUp(transport)}); };
     const bool bMade = inOwnNetwork({"route add 239.0.0.0/8 dev lo"}, [&] {
-        for (const Script& script : {group("RTP/AVP;multicast;destination=239.9.9.9;port=17000-17001"),
-                 group("RTP/AVP;multicast")
-                     .describes("v=0\nc=IN IP4 239.9.9.9/1\nm=audio 17000 RTP/AVP 0\n")}) {
-            Viewer viewer(script, udp(RtspOptions::eMulticast));
+        const char* inAnswer = "RTP/AVP;multicast;destination=239.9.9.9;port=17000-17001";
+        const QByteArray inText = "v=0\nc=IN IP4 239.9.9.9/1\nm=audio 17000 RTP/AVP 0\n";
+        const Script onlyGroups
+            = silent().on("SETUP", {refuses("461 No"), refuses("461 No"), setUp("RTP/AVP;multicast")});
+        for (const auto& [script, transport] : {std::make_pair(group(inAnswer), RtspOptions::eMulticast),
+                 std::make_pair(group("RTP/AVP;multicast").describes(inText), RtspOptions::eMulticast),
+                 std::make_pair(Script(onlyGroups).describes(inText), RtspOptions::eAutomatic)}) {
+            Viewer viewer(script, udp(transport));
             ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
             EXPECT_TRUE(viewer.camera.last("SETUP").contains("Transport: RTP/AVP;multicast\r\n"));
+            EXPECT_EQ(viewer.client->transport(), RtspOptions::eMulticast);
             viewer.camera.rtpPort.sendTo(17000, rtp(0, 5), "239.9.9.9");
             EXPECT_TRUE(viewer.waitUntil("unit 0 5")) << script.sdp.constData();
         }
@@ -257,14 +302,52 @@ TEST(RtspClient, EachTimeLimitHasItsSentence)
     seams::holdLookups(false);
 }
 
+TEST(RtspClient, KnowsWhatIsASignOfLife)
+{
+    const char* data = "m=application 0 RTP/AVP 107\na=rtpmap:107 vnd.onvif.metadata/90000\n";
+    const struct {
+        const char* name;
+        Script script;
+        QByteArray bytes;
+        const char* until;
+    } rows[] = {{"any bytes over TCP", Script(), framed(9, "x"), "packet"},
+        {"data may be silent for hours", silent().describes(data), "", "playing"}};
+    RtspOptions options = Viewer::tcp();
+    options.timeouts.nFirstPacket = options.timeouts.nSilence = 500;
+    for (const auto& row : rows) {
+        Viewer viewer(row.script, options);
+        ASSERT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
+        QElapsedTimer time;
+        time.start();
+        EXPECT_TRUE(viewer.waitUntil([&] {
+            viewer.camera.connection().write(row.bytes);
+            return time.elapsed() > 1100;
+        }));
+        EXPECT_FALSE(viewer.has("error")) << row.name << viewer.log();
+    }
+}
+
+TEST(RtspClient, WarnsOnceOfStrayBytes)
+{
+    Viewer viewer(silent());
+    ASSERT_TRUE(viewer.starts("playing"));
+    for (const int sequence : {1, 2, 3}) {
+        viewer.camera.connection().write("\x01stray" + framed(0, rtp(0, sequence)));
+        EXPECT_TRUE(
+            viewer.waitUntil([&] { return viewer.events.last().endsWith(QString::number(sequence)); }));
+    }
+    EXPECT_EQ(viewer.client->strayBytes(), 18U);
+    EXPECT_EQ(viewer.records.count("sends bytes that are neither RTSP nor packets"), 1);
+}
+
 TEST(RtspClient, WaitsForATeardownAndTriesOnceMoreOverUdp)
 {
     const struct {
         RtspOptions options;
         QByteArray first; // its answer
         std::size_t connections;
-    } rows[] = {{Viewer::tcp(), "", 1}, {udp(), "", 2}, {udp(), refuses("454 Session Not Found"), 1},
-        {udp(), refuses("500 Oh"), 1}};
+    } rows[] = {{Viewer::tcp(), "", 1}, {Viewer::tcp(), framed(0, rtp(0, 9)) + answer(), 1}, {udp(), "", 2},
+        {udp(), refuses("454 Session Not Found"), 1}, {udp(), refuses("500 Oh"), 1}};
     for (const auto& row : rows) {
         RtspOptions options = row.options;
         options.timeouts.nTeardown = 100;
@@ -272,6 +355,7 @@ TEST(RtspClient, WaitsForATeardownAndTriesOnceMoreOverUdp)
         ASSERT_TRUE(viewer.starts("playing"));
         viewer.client->stop();
         EXPECT_TRUE(viewer.waitUntil("stopped"));
+        EXPECT_FALSE(viewer.has("packet")) << "behind TEARDOWN";
         EXPECT_EQ(viewer.camera.sockets.size(), row.connections);
         EXPECT_EQ(viewer.camera.count("TEARDOWN"), static_cast<int>(row.connections));
     }
@@ -419,6 +503,20 @@ TEST(RtspClient, HostileServersCostLittle)
     for (int i = 0; i < 1000; ++i)
         tracks += "m=audio 0 RTP/AVP 0\r\na=control:" + QByteArray::number(i) + "\r\n";
     const QByteArray asks = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+    const auto h264 = [](const QByteArray& sets, const std::vector<QByteArray>& payloads) {
+        QByteArray media;
+        int sequence = 0;
+        for (const QByteArray& each : payloads)
+            media += framed(0, rtp(96, ++sequence, 1, each));
+        return Script().sends(media).describes(
+            "m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 sprop-parameter-sets=" + sets + '\n');
+    };
+    std::vector<QByteArray> endless(10, QByteArray("\x7c\x05") + QByteArray(60000, '\1'));
+    endless.front()[1] = '\x85';
+    const QByteArray picture = QByteArray::fromHex("658801");
+    RtspOptions options = Viewer::tcp();
+    options.unitFormat.nMaxUnitBytes = 100000;
+    endless.insert(endless.end(), 2, picture);
     const struct {
         const char* name;
         Script script;
@@ -426,19 +524,22 @@ TEST(RtspClient, HostileServersCostLittle)
     } rows[] = {{"a thousand tracks", Script().describes(tracks), "described 32"},
         {"a flood before PLAY", on("OPTIONS", {framed(0, rtp(0, 1)).repeated(50000) + answer()})},
         {"requests without end", on("OPTIONS", {asks.repeated(20000) + answer()})},
+        {"a picture without end", h264("", endless), "unit 0 11"},
+        {"garbage as parameter sets",
+            h264("Z//////////////,aP////8=,,Z0IA*,AAAB",
+                {"\x67" + QByteArray(300, '\xFF'), QByteArray::fromHex("68ff6700"), picture, picture}),
+            "unit 0 3"},
         {"a length that never comes", Script().sends(framed(0, rtp(0, 1)) + QByteArray("$\0\xFF\xFFzz", 6))}};
     for (const auto& row : rows) {
-        Viewer viewer(row.script);
+        Viewer viewer(row.script, options);
         EXPECT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
         viewer.client->stop();
         EXPECT_TRUE(viewer.waitUntil("stopped")) << row.name;
     }
 }
 
-TEST(RtspClient, AnIdleSessionTakesLittleMemory)
+TEST(RtspClient, AThousandSessionsOfAThreadTakeLittleAndLeaveNothing)
 {
-    constexpr std::size_t kSessions = 100;
-    constexpr long long kMost = 32 << 10;
     const Script script = Script().describes("v=0\no=- 1 1 IN IP4 0.0.0.0\ns=camera\nt=0 "
                                              "0\na=control:*\nm=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n"
                                              "a=fmtp:96 "
@@ -446,31 +547,44 @@ TEST(RtspClient, AnIdleSessionTakesLittleMemory)
                                              "sets=Z0LAFdkBQfsBagwMDUoAAAMAAgAAAwBlHixckA==,aMuMsg==\n"
                                              "a=control:track1\n"
         + kAudioTrack);
-    std::vector<std::unique_ptr<ScriptedCamera>> cameras;
-    for (std::size_t i = 0; i < kSessions; ++i)
-        cameras.push_back(std::make_unique<ScriptedCamera>(script));
-    std::vector<std::unique_ptr<RtspClient>> clients;
-    clients.reserve(kSessions);
-    std::size_t nPlaying = 0;
-    const auto playAll = [&](std::size_t to) {
-        for (std::size_t i = clients.size(); i < to; ++i) {
+    const auto memory = [] { return static_cast<long long>(mallinfo2().uordblks); };
+    const auto openAndClose = [&](int count) { // gives the memory of an open one
+        ScriptedCamera camera(script);
+        std::vector<std::unique_ptr<RtspClient>> clients;
+        int nPlaying = 0;
+        int nStopped = 0;
+        const auto served = [&](const int& n, int most) {
+            return waitFor([&] {
+                camera.serve();
+                return n == most;
+            });
+        };
+        const long long before = memory();
+        for (int i = 0; i < count; ++i) {
             clients.push_back(std::make_unique<RtspClient>());
             RtspClient* client = clients.back().get();
             client->setOptions(Viewer::tcp());
             QObject::connect(client, &RtspClient::playing, client, [&] { ++nPlaying; });
-            client->start(QString::fromLatin1(cameras[i]->url()));
+            QObject::connect(client, &RtspClient::stopped, client, [&] { ++nStopped; });
+            client->start(QString::fromLatin1(camera.url()));
         }
-        EXPECT_TRUE(waitFor([&] {
-            for (const auto& camera : cameras)
-                camera->serve();
-            return nPlaying == to;
-        }));
+        EXPECT_TRUE(served(nPlaying, count)) << nPlaying;
+        const long long each = (memory() - before) / count;
+        for (int i = 0; i < count; i += 2) // the others are deleted as they are
+            clients[static_cast<std::size_t>(i)]->stop();
+        EXPECT_TRUE(served(nStopped, (count + 1) / 2)) << nStopped;
+        return each;
     };
-    playAll(10); // what the thread has once
-    const auto before = static_cast<long long>(mallinfo2().uordblks);
-    playAll(kSessions);
-    const long long each
-        = (static_cast<long long>(mallinfo2().uordblks) - before) / (static_cast<long long>(kSessions) - 10);
-    EXPECT_LT(each, kMost);
+    openAndClose(10); // what the thread has once
+    const long long each = openAndClose(1000);
+    settle();
+    const int nDescriptors = openDescriptors();
+    const long long before = memory();
+    openAndClose(1000);
+    EXPECT_LT(each, 32 << 10);
     RecordProperty("bytesOfASession", static_cast<int>(each));
+    constexpr long long kMostLeft = 128 << 10; // of a thousand
+    EXPECT_TRUE(waitFor([&] { return memory() - before < kMostLeft; })) << memory() - before;
+    EXPECT_EQ(openDescriptors(), nDescriptors);
+    EXPECT_EQ(Nuvika::RtspAlarm::ofThread().use_count(), 1) << "no session waits for the timer";
 }

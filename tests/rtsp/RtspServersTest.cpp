@@ -7,7 +7,7 @@ struct Row {
     const char* name;
     Script script;
     std::vector<const char*> sent = {}; // what the requests hold, in this order; H for the server
-    const char* until = "unit 0"; // the event that shows it was borne with
+    const char* until = "unit 0"; // the event that shows it was borne with; | others before it; |! none of it
     RtspOptions options = Viewer::tcp();
     const char* path = "/live";
 };
@@ -15,10 +15,15 @@ struct Row {
 void run(const std::vector<Row>& rows)
 {
     for (const Row& row : rows) {
+        QList<QByteArray> told = QByteArray(row.until).split('|');
+        const QByteArray until = told.takeFirst();
         Viewer viewer(row.script, row.options);
         viewer.start(viewer.camera.url(row.path), "user", "secret");
-        EXPECT_TRUE(viewer.waitUntil([&] { return viewer.has(row.until) || viewer.has("error"); }));
-        EXPECT_TRUE(viewer.has(row.until)) << row.name << ": " << viewer.log();
+        EXPECT_TRUE(viewer.waitUntil([&] { return viewer.has(until) || viewer.has("error"); }));
+        EXPECT_TRUE(viewer.has(until)) << row.name << ": " << viewer.log();
+        for (const QByteArray& each : told)
+            EXPECT_NE(viewer.has(each.mid(each.startsWith('!') ? 1 : 0)), each.startsWith('!'))
+                << row.name << ": " << each.constData() << " in " << viewer.log();
         EXPECT_LE(viewer.events.filter(QStringLiteral("error")).size(), 1) << row.name;
         QByteArray sent = viewer.camera.requests.join();
         sent.replace("127.0.0.1:" + QByteArray::number(viewer.camera.listener.port()), "H");
@@ -32,6 +37,13 @@ void run(const std::vector<Row>& rows)
 }
 
 Script sends(const QByteArray& media) { return Script().sends(media); }
+QByteArray packets(int from, int to)
+{
+    QByteArray all;
+    for (int sequence = from; sequence <= to; ++sequence)
+        all += framed(0, rtp(0, sequence));
+    return all;
+}
 Script describing(const QByteArray& sdp) { return Script().describes(sdp); }
 
 RtspOptions automatic()
@@ -40,6 +52,14 @@ RtspOptions automatic()
     options.timeouts.nUdpTrial = 100;
     return options;
 }
+template <class Quirk>
+RtspOptions with(Quirk RtspQuirks::*quirk, Quirk value)
+{
+    RtspOptions options = Viewer::tcp();
+    options.quirks.*quirk = value;
+    return options;
+}
+const QByteArray kSps5 = "QgEBAWAAAAMAkAAAAwAAAwB4oAPAgBDllmkk7njQQAAAAwBAAAAGQg==";
 const QByteArray kTwoTracks
     = "v=0\ns=-\nm=audio 0 RTP/AVP 0\na=control:track1\nm=audio 0 RTP/AVP 8\na=control:track2\n";
 } // namespace
@@ -87,6 +107,23 @@ TEST(RtspServers, RequestsAndSessions)
             on("SETUP", {setUp("{transport}", "first"), setUp("{transport}", "second")})
                 .describes(kTwoTracks),
             {"PLAY", "Session: first\r\n"}},
+        {"the last session holds, if the user says so",
+            on("SETUP", {setUp("{transport}", "first"), setUp("{transport}", "second")})
+                .describes(kTwoTracks),
+            {"PLAY", "Session: second\r\n"}, "unit 0",
+            with(&RtspQuirks::sessionId, RtspQuirks::eLastSession)},
+        {"each track is played for itself",
+            on("PLAY", {refuses("459 Aggregate Operation Not Allowed"), answer()}).describes(kTwoTracks),
+            {"PLAY rtsp://H/live ", "PLAY rtsp://H/live/track1 ", "npt=0", "PLAY rtsp://H/live/track2 ",
+                "npt=0"},
+            "playing"},
+        {"the whole is what was described",
+            on("PLAY", {refuses("460 Only Aggregate Operation Allowed"), answer()})
+                .describes("a=control:all\n" + kTwoTracks),
+            {"PLAY rtsp://H/live/all ", "PLAY rtsp://H/live "}, "playing"},
+        {"neither the whole nor a track",
+            on("PLAY", {refuses("459 No"), answer(), refuses("460 No")}).describes(kTwoTracks),
+            {"TEARDOWN rtsp://H/live/track1 "}, "error 460"},
         {"numbers in another case with blanks", on("PLAY", {"RTSP/1.0 200 OK\r\nCseq : {cseq}  \r\n\r\n"})},
         {"no numbers", on("SETUP", {"RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n"})},
         {"a number that was never sent",
@@ -105,8 +142,11 @@ TEST(RtspServers, RequestsAndSessions)
         {"the server asks",
             on("OPTIONS",
                 {"OPTIONS rtsp://c/ RTSP/1.0\r\nCSeq: 77\r\n\r\nFLY rtsp://c/ RTSP/1.0\r\nCSeq: 78\r\n\r\n"
+                 "ANNOUNCE * RTSP/1.0\r\nCSeq: 79\r\nContent-Length: 3\r\n\r\nv=0GET_PARAMETER * "
+                 "RTSP/1.0\r\n\r\n"
                     + answer()}),
-            {"RTSP/1.0 200 OK\r\nCSeq: 77\r\nPublic: ", "RTSP/1.0 501 Not Implemented\r\nCSeq: 78\r\n"}},
+            {"RTSP/1.0 200 OK\r\nCSeq: 77\r\nPublic: ", "RTSP/1.0 501 Not Implemented\r\nCSeq: 78\r\n",
+                "RTSP/1.0 200 OK\r\nCSeq: 79\r\n", "RTSP/1.0 200 OK\r\n"}},
         {"the server sends us elsewhere",
             on("OPTIONS",
                 {answer() + "REDIRECT rtsp://c/ RTSP/1.0\r\nCSeq: 3\r\nLocation: /there\r\n\r\n", answer()}),
@@ -164,10 +204,10 @@ TEST(RtspServers, TransportsAndData)
     const auto channel = [](const char* transport, int number) {
         return on("SETUP", {setUp(transport)}).sends(framed(number, rtp(0, 1)));
     };
-    RtspOptions byType = Viewer::tcp();
-    byType.quirks.unassignedChannel = RtspQuirks::eByPayloadType;
+    const auto announcing = [&](const char* info) { return on("PLAY", {answer(info)}); };
     const QByteArray one = framed(0, rtp(0, 1));
     const QByteArray two = framed(0, rtp(0, 2));
+    const QByteArray stranger = framed(0, rtp(0, 7, 0x99));
     const QByteArray inTcp = setUp("RTP/AVP/TCP;unicast;interleaved=0-1");
     run({
         {"other channels than asked for", channel("RTP/AVP/TCP;unicast;interleaved=6-7", 6)},
@@ -189,7 +229,22 @@ TEST(RtspServers, TransportsAndData)
             on("PLAY", {one + "RTSP/1.0 200 OK\r\n" + two + "CSeq: {cseq}\r\n\r\n"}), {}, "unit 0 2"},
         {"data on channels that nobody set up", sends(framed(9, rtp(0, 7)) + framed(0, rtp(0, 8))), {},
             "unit 0 8"},
-        {"the same, told apart by type", sends(framed(9, rtp(0, 7))), {}, "unit 0 7", byType},
+        {"the same, told apart by type", sends(framed(9, rtp(0, 7))), {}, "unit 0 7",
+            with(&RtspQuirks::unassignedChannel, RtspQuirks::eByPayloadType)},
+        {"packets before the announced number", announcing("RTP-Info: url=track1;seq=2"), {},
+            "unit 0 2|!unit 0 1", with(&RtspQuirks::initialSequence, RtspQuirks::eFirstAsAnnounced)},
+        {"packets before the announced time", announcing("RTP-Info: url=x;rtptime=320"), {},
+            "unit 0 2|!unit 0 1", with(&RtspQuirks::initialTimestamp, RtspQuirks::eFirstAsAnnounced)},
+        {"the announced number never comes", announcing("RTP-Info: seq=2500").sends(packets(1, 1002)), {},
+            "unit 0 1002|unit 0 1001|!unit 0 1000",
+            with(&RtspQuirks::initialSequence, RtspQuirks::eFirstAsAnnounced)},
+        {"another source than the announced one",
+            channel("RTP/AVP/TCP;interleaved=0-1;ssrc=11223344", 0).sends(stranger + one), {},
+            "unit 0 1|!unit 0 7", with(&RtspQuirks::unknownSource, RtspQuirks::eDropUnknown)},
+        {"another source among the first one's", sends(one + stranger), {}, "unit 0 7",
+            with(&RtspQuirks::unknownSource, RtspQuirks::eTakeUnknown)},
+        {"another source that the answer announced",
+            channel("RTP/AVP/TCP;interleaved=0-1;ssrc=99", 0).sends(one + stranger), {}, "unit 0 7"},
         {"strays between packets", sends(one + "\x01stray$\x09" + two + framed(0, rtp(0, 3))), {},
             "unit 0 3"},
         {"types that were not described use up no numbers", sends(one + framed(0, rtp(50, 2)) + two), {},
@@ -204,6 +259,12 @@ TEST(RtspServers, TransportsAndData)
             {"SETUP", "Transport: RTP/AVP/TCP"}, "playing", automatic()},
         {"UDP refused", on("SETUP", {refuses("461 Unsupported Transport"), setUp()}),
             {"SETUP", "RTP/AVP;unicast;client_port", "SETUP", "RTP/AVP/TCP"}, "unit 0", automatic()},
+        {"TCP refused where it came first",
+            on("SETUP", {refuses("461 Unsupported Transport"), setUp()})
+                .describes("m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 packetization-mode=0\n"),
+            {"RTP/AVP/TCP", "SETUP", "client_port"}, "playing", automatic()},
+        {"everything refused", on("SETUP", {refuses("461 Unsupported Transport")}),
+            {"client_port", "RTP/AVP/TCP", "RTP/AVP;multicast"}, "error 461", automatic()},
         {"TCP in the place of UDP", on("SETUP", {inTcp}),
             {"SETUP", "client_port", "TEARDOWN", "DESCRIBE", "SETUP", "RTP/AVP/TCP"}, "unit 0", automatic()},
         {"a second DESCRIBE that is refused",
@@ -223,6 +284,23 @@ TEST(RtspServers, Descriptions)
             describing("v=0\nm=application/TP-LINK 0 RTP/AVP smart/1/90000\na=control:x\n" + audio),
             {"SETUP rtsp://H/live/t "}, "playing"},
         {"a back channel", describing("v=0\n" + audio + "m=audio 0 RTP/AVP 0\na=sendonly\na=control:back\n")},
+        {"one type in two tracks",
+            describing("m=audio 0 RTP/AVP 0\na=control:a\nm=audio 0 RTP/AVP 0\na=control:b\n")
+                .sends(framed(0, rtp(0, 1)) + framed(2, rtp(0, 3))),
+            {}, "unit 1 3|unit 0 1"},
+        {"several types in one track: units of the first",
+            describing("m=audio 0 RTP/AVP 0 8\n").sends(packets(1, 1) + framed(0, rtp(8, 2)) + packets(3, 3)),
+            {}, "unit 0 3|packet 0 2|!unit 0 2"},
+        {"H.265",
+            describing("m=video 0 RTP/AVP 96\na=rtpmap:96 H265/90000\na=fmtp:96 sprop-sps=" + kSps5 + '\n')
+                .sends(framed(0, rtp(96, 1, 1, QByteArray::fromHex("2601a001")))
+                    + framed(0, rtp(96, 2, 1, QByteArray::fromHex("0201d002")))),
+            {}, "unit 0 1|described 1 hvc1.1.6.L120.90"},
+        {"AAC",
+            describing("m=audio 0 RTP/AVP 97\na=rtpmap:97 mpeg4-generic/48000/2\na=fmtp:97 mode=AAC-hbr;"
+                       "sizelength=13;indexlength=3;indexdeltalength=3;config=1190\n")
+                .sends(framed(0, rtp(97 | 0x80, 1, 1, QByteArray::fromHex("00100010aabb")))),
+            {}, "unit 0 1|described 1 mp4a.40.2"},
         {"sendonly in all", describing("v=0\n" + audio + "a=sendonly\n")},
         {"nothing that we can read", describing("v=0\nm=video 0 RTP/AVP 96\na=rtpmap:96 H266/90000\n"), {},
             "offers nothing that we can play: video: we cannot read H266/90000"},

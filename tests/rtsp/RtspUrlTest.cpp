@@ -65,6 +65,14 @@ TEST(RtspFields, ReadWhatServersWrite)
             + pair(field.serverPort) + pair(field.port)
             + (field.ssrc ? QString::number(*field.ssrc, 16).toStdString() : "-");
         EXPECT_EQ(read, row.read) << row.text;
+        for (const char* cut = row.text + qstrlen(row.text); cut-- != row.text;) { // at every byte
+            const QString text = QString::fromLatin1(row.text, static_cast<int>(cut - row.text));
+            const PortPair ports = RtspTransportField::parse(text).interleaved;
+            EXPECT_TRUE(ports.nFirst <= 0xFFFF && ports.isSaid() == (ports.nSecond >= 0)) << row.text;
+            EXPECT_GT(RtspSessionField::parse(text).nTimeout, 0);
+            EXPECT_LE(parseRtpInfo(QStringLiteral("url=%1,url=").arg(text)).size(), 2);
+            EXPECT_LE(parseMethods(text).size(), text.count(QLatin1Char(',')) + 1);
+        }
     }
     const QVector<RtpInfo> infos = parseRtpInfo(
         QStringLiteral("url=rtsp://h/a,b;seq=1;rtptime=-1, url=\"track2\";seq=65536;rtptime=7;"));

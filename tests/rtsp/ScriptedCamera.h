@@ -42,7 +42,7 @@ inline QByteArray framed(int channel, const QByteArray& packet)
 class RawUdp : public QUdpSocket
 {
 public:
-    RawUdp() { bind(QHostAddress(QHostAddress::LocalHost), 0); }
+    explicit RawUdp(const char* host = "127.0.0.1") { bind(QHostAddress(QLatin1String(host)), 0); }
     void sendTo(int port, const QByteArray& bytes, const char* host = "127.0.0.1")
     {
         writeDatagram(bytes, QHostAddress(QLatin1String(host)), static_cast<quint16>(port));
@@ -60,6 +60,7 @@ struct Script {
     QByteArray sdp = kSdp;
     QByteArray media = framed(0, rtp(0, 1)) + framed(0, rtp(0, 2)); // behind the answer to PLAY
     bool bCloseAfterPlay = false;
+    bool bIPv6 = false;
 
     Script on(const char* method, const QList<QByteArray>& all)
     {
@@ -106,7 +107,8 @@ inline QByteArray setUp(const QByteArray& transport = "{transport}", const char*
 class ScriptedCamera
 {
 public:
-    explicit ScriptedCamera(const Script& script = Script()) : m_script(script)
+    explicit ScriptedCamera(const Script& script = Script())
+        : listener(4096, script.bIPv6), rtpPort(script.bIPv6 ? "::1" : "127.0.0.1"), m_script(script)
     {
         m_usual["OPTIONS"]
             = answer("Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER");
@@ -125,7 +127,8 @@ public:
     }
     QByteArray url(const char* path = "/live") const
     {
-        return "rtsp://127.0.0.1:" + QByteArray::number(listener.port()) + path;
+        const char* host = m_script.bIPv6 ? "rtsp://[::1]:" : "rtsp://127.0.0.1:";
+        return host + QByteArray::number(listener.port()) + path;
     }
     RawSocket& connection() { return sockets.back(); }
     int count(const char* method) const { return all(method).size(); }
@@ -222,7 +225,10 @@ public:
         };
         const auto on = [c](auto signal, auto handler) { QObject::connect(c, signal, c, handler); };
         on(&RtspClient::described, [note](const SdpDescription&, const QVector<RtspTrack>& tracks) {
-            note(QStringLiteral("described %1").arg(tracks.size()));
+            QString text = QStringLiteral("described %1").arg(tracks.size());
+            for (const RtspTrack& track : tracks)
+                text += QLatin1Char(' ') + QString::fromLatin1(track.parameters.codec);
+            note(text);
         });
         on(&RtspClient::playing, [note] { note(QStringLiteral("playing")); });
         on(&RtspClient::paused, [note] { note(QStringLiteral("paused")); });
@@ -283,7 +289,5 @@ public:
     std::unique_ptr<RtspClient> client;
     QStringList events;
     std::function<void(const QString&)> onEvent;
-
-private:
-    LogCapture m_quiet;
+    LogCapture records;
 };

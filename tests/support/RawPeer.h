@@ -124,11 +124,17 @@ private:
 class RawListener
 {
 public:
-    explicit RawListener(int backlog = 4096)
-        : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+    explicit RawListener(int backlog = 4096, bool bIPv6 = false)
+        : m_socket(::socket(bIPv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
     {
         const sockaddr_in address = onLoopback(0);
-        bind(m_socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        sockaddr_in6 address6{};
+        address6.sin6_family = AF_INET6;
+        address6.sin6_addr = in6addr_loopback;
+        if (bIPv6)
+            bind(m_socket.fd(), reinterpret_cast<const sockaddr*>(&address6), sizeof address6);
+        else
+            bind(m_socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
         m_nPort = m_socket.localPort();
         listen(m_socket.fd(), backlog);
     }
