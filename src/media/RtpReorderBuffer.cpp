@@ -70,7 +70,12 @@ bool RtpReorderBuffer::push(const RTPPacket& packet, qint64 nowUs, RtpOrderedPac
         hold(packet, sequence, nowUs);
         return false;
     }
-    *out = {packet, sequence, nowUs, advanceTo(sequence), bFirst};
+    // One by one: a whole that was just put together is read back before its parts have arrived.
+    out->packet = packet;
+    out->sequence = sequence;
+    out->arrivalUs = nowUs;
+    out->nLost = advanceTo(sequence);
+    out->bNewRun = bFirst;
     return true;
 }
 

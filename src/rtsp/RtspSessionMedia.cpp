@@ -138,8 +138,8 @@ void RtspSession::noteFirstPacket()
 
 void RtspSession::takeRtp(int track, const RTPPacket& packet, const RtpArrival& arrival)
 {
-    const std::shared_ptr<RtspTrackInput> input = m_setups[static_cast<std::size_t>(track)].pInput;
-    const RtspTrackInput::Verdict verdict = input->admit(packet, arrival.monotonicUs);
+    RtspTrackInput& input = *m_setups[static_cast<std::size_t>(track)].pInput;
+    const RtspTrackInput::Verdict verdict = input.admit(packet, arrival.monotonicUs);
     if (verdict == RtspTrackInput::Verdict::Dropped)
         return;
     m_lastMediaUs = arrival.monotonicUs;
@@ -147,35 +147,40 @@ void RtspSession::takeRtp(int track, const RTPPacket& packet, const RtpArrival& 
         noteFirstPacket();
     const Watched::Watch watch = m_session.watch();
     if (verdict == RtspTrackInput::Verdict::NewSource) {
-        if (!takeHeld(track, input, RtpReorderBuffer::kNever))
+        if (!takeHeld(track, RtpReorderBuffer::kNever))
             return;
-        input->beginSource(packet.getSSRC());
+        input.beginSource(packet.getSSRC());
         m_timeline.setSource(m_setups[static_cast<std::size_t>(track)].nTimeline, packet.getSSRC());
     }
-    input->reception()->update(packet, arrival.monotonicUs);
+    input.reception()->update(packet, arrival.monotonicUs);
     emit m_client.packetReceived(track, packet, arrival);
     if (!watch.holds())
         return;
     RtpOrderedPacket ordered;
-    if (input->order().push(packet, arrival.monotonicUs, &ordered) && !takeOrdered(track, input, ordered))
+    if (input.order().push(packet, arrival.monotonicUs, &ordered) && !takeOrdered(track, ordered))
         return;
-    if (takeHeld(track, input, arrival.monotonicUs))
-        noteReorder(*input);
+    if (takeHeld(track, arrival.monotonicUs))
+        noteReorder(input);
 }
 
 // False when a handler has ended the session.
-bool RtspSession::takeOrdered(
-    int track, const std::shared_ptr<RtspTrackInput>& input, const RtpOrderedPacket& ordered)
+bool RtspSession::takeOrdered(int track, const RtpOrderedPacket& ordered)
+{
+    const Setup& setup = m_setups[static_cast<std::size_t>(track)];
+    RtspTrackInput& input = *setup.pInput;
+    const bool bBroken = ordered.bNewRun && input.order().counts().nRuns > 1;
+    if (bBroken)
+        m_timeline.restart(setup.nTimeline);
+    input.push(ordered, bBroken);
+    return input.units() == nullptr || tellUnits(track, ordered.arrivalUs);
+}
+
+bool RtspSession::tellUnits(int track, qint64 arrivalUs)
 {
     const int line = m_setups[static_cast<std::size_t>(track)].nTimeline;
-    const bool bBroken = ordered.bNewRun && input->order().counts().nRuns > 1;
-    if (bBroken)
-        m_timeline.restart(line);
-    input->push(ordered, bBroken);
-    if (input->units() == nullptr)
-        return true;
+    const std::shared_ptr<RtspTrackInput> input = m_setups[static_cast<std::size_t>(track)].pInput;
     RtspUnit unit;
-    unit.arrival = {ordered.arrivalUs, ordered.arrivalUs + m_wallOffsetUs};
+    unit.arrival = {arrivalUs, arrivalUs + m_wallOffsetUs};
     const Watched::Watch watch = m_session.watch();
     while (input->units()->next(&unit)) {
         unit.time = m_timeline.stamp(line, unit.nTimestamp, unit.arrival);
@@ -187,11 +192,12 @@ bool RtspSession::takeOrdered(
     return true;
 }
 
-bool RtspSession::takeHeld(int track, const std::shared_ptr<RtspTrackInput>& input, qint64 nowUs)
+bool RtspSession::takeHeld(int track, qint64 nowUs)
 {
+    RtpReorderBuffer& order = m_setups[static_cast<std::size_t>(track)].pInput->order();
     RtpOrderedPacket ordered;
-    while (input->order().pop(nowUs, &ordered)) {
-        if (!takeOrdered(track, input, ordered))
+    while (order.pop(nowUs, &ordered)) {
+        if (!takeOrdered(track, ordered))
             return false;
     }
     return true;
@@ -208,12 +214,11 @@ void RtspSession::takeDueHeld()
 {
     const qint64 now = monotonicUs();
     for (std::size_t i = 0; i < m_setups.size(); ++i) {
-        const std::shared_ptr<RtspTrackInput> input = m_setups[i].pInput;
-        if (!input)
+        if (!m_setups[i].pInput)
             continue;
-        if (!takeHeld(static_cast<int>(i), input, now))
+        if (!takeHeld(static_cast<int>(i), now))
             return;
-        noteReorder(*input);
+        noteReorder(*m_setups[i].pInput);
     }
 }
 

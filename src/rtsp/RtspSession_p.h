@@ -104,7 +104,7 @@ private:
         PortPair serverPorts; // usable ones
         quint16 nSeenPort = 0; // of the first packets
         quint16 nSeenRtcpPort = 0;
-        std::shared_ptr<RtspTrackInput> pInput; // held while it calls out
+        std::shared_ptr<RtspTrackInput> pInput; // stays while the session does, and while units are told
         int nTimeline = -1;
     };
 
@@ -180,9 +180,9 @@ private:
     void takeMedia(int track, bool bRtcp, const RTPPacket& packet, const char* data, int size,
         const RtpArrival& arrival);
     void takeRtp(int track, const RTPPacket& packet, const RtpArrival& arrival);
-    bool takeOrdered(
-        int track, const std::shared_ptr<RtspTrackInput>& input, const RtpOrderedPacket& ordered);
-    bool takeHeld(int track, const std::shared_ptr<RtspTrackInput>& input, qint64 nowUs);
+    bool takeOrdered(int track, const RtpOrderedPacket& ordered);
+    bool tellUnits(int track, qint64 arrivalUs);
+    bool takeHeld(int track, qint64 nowUs);
     void takeRtcp(int track, const char* data, int size, const RtpArrival& arrival);
     void noteReorder(RtspTrackInput& input);
     void takeDueHeld();
