@@ -340,9 +340,12 @@ void RtspSession::finishEnd()
         emit m_client.stopped();
 }
 
-// The same description by another transport, on a connection of its own.
+// The same description by another transport, on a connection of its own. Nothing of the old one is told from
+// here on, also where a handler runs an event loop.
 void RtspSession::reopen(RtspOptions::Transport transport, const QString& reason)
 {
+    m_deadlines.clearAll();
+    m_phase = Phase::Setup;
     if (changeTransport(transport, reason))
         end(Outcome::Reopened);
 }
