@@ -279,6 +279,9 @@ void RtspSession::end(Outcome outcome)
     m_deadlines.clearAll();
     m_phase = Phase::Ending;
     m_session.endSession();
+    m_bTaking = false; // handlers of this session may still be at work, those of the next are others
+    m_kept.clear();
+    m_nKept = 0;
     m_open.reset();
     m_openKeepAlive.reset();
     m_deadlines.setLimit(RtspDeadlines::eTeardown, m_current.timeouts.nTeardown);
