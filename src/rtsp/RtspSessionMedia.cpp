@@ -100,7 +100,8 @@ void RtspSession::takeDatagram(int track, bool bRtcp, const char* data, int size
     const RTPPacket packet(reinterpret_cast<const unsigned char*>(data), static_cast<unsigned int>(size));
     m_bTaking = true;
     takeMedia(track, bRtcp, packet, data, size, arrival);
-    takeKept(watch);
+    if (watch.holds())
+        takeKept();
 }
 
 // What comes while a handler runs an event loop waits until it returns: the unit in its hand must stay as it
@@ -116,8 +117,9 @@ void RtspSession::keepDatagram(int track, bool bRtcp, const NuvikaUdpReceiver::D
     m_kept.push_back({track, bRtcp, QByteArray(datagram.pData, datagram.nSize), arrivalNow()});
 }
 
-void RtspSession::takeKept(const Watched::Watch& watch)
+void RtspSession::takeKept()
 {
+    const Watched::Watch watch = m_session.watch();
     while (watch.holds() && !m_kept.empty()) {
         const Kept kept = m_kept.front();
         m_kept.pop_front();
@@ -247,7 +249,6 @@ void RtspSession::takeDueHeld()
         m_deadlines.setLimit(RtspDeadlines::eReorder, kAgainMs);
         return;
     }
-    const Watched::Watch watch = m_session.watch();
     const qint64 now = monotonicUs();
     m_bTaking = true;
     for (std::size_t i = 0; i < m_setups.size(); ++i) {
@@ -258,7 +259,7 @@ void RtspSession::takeDueHeld()
             return;
         noteReorder(*input);
     }
-    takeKept(watch);
+    takeKept();
 }
 
 void RtspSession::takeRtcp(int track, const char* data, int size, const RtpArrival& arrival)

@@ -173,7 +173,7 @@ private:
     void datagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) override;
     void takeDatagram(int track, bool bRtcp, const char* data, int size, const RtpArrival& arrival);
     void keepDatagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram);
-    void takeKept(const Watched::Watch& watch);
+    void takeKept();
     bool isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) const;
     bool trackOfChannel(int channel, const RTPPacket& packet, int* track, bool* bRtcp) const;
     int trackOfType(int channel, const RTPPacket& packet) const;
