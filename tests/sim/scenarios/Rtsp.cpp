@@ -381,6 +381,12 @@ void finish(sim::World& world, Pair& pair)
         world.run(world.random().size(3 * kHourMs));
         world.expect(viewer.isPlaying(), "it does not play for hours");
     }
+    if (world.random().chance(0.5)) { // what was held for a lost packet comes, too
+        pair.camera.bTidy = false;
+        world.weather().lose = world.weather().reorder = 0.2;
+        world.run(3000);
+        world.weather() = sim::Weather();
+    }
     pair.camera.bHold = true;
     world.run(1000);
     viewer.checkAll();

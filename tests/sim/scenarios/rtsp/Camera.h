@@ -105,6 +105,7 @@ public:
         bAccepts = !bGuarded || m_random.chance(0.8);
         udp = m_random.chance(0.6) ? eUdp : m_random.chance(0.5) ? eRefused : eMute;
         m_bGetParameter = m_random.chance(0.7);
+        m_bDumb = m_random.chance(0.2);
         world.listen(m_address, 554, [this, alive = std::weak_ptr<bool>(m_pAlive)](sim::Peer& peer) {
             if (!alive.expired())
                 accept(peer);
@@ -254,6 +255,8 @@ private:
             setUp(c, request, session);
         } else if (session == nullptr || session->bOver || (bTrouble && method != "TEARDOWN")) {
             reply(c, request, method.endsWith("_PARAMETER") ? "451 What" : "454 Who", "");
+        } else if (m_bDumb && (method == "OPTIONS" || method.endsWith("_PARAMETER"))) {
+            return;
         } else if (method == "PLAY") {
             session->bPlaying = true;
             ++session->nPlays;
@@ -430,6 +433,7 @@ private:
     sim::UdpPeer& m_rtcp;
     std::deque<Session> m_sessions;
     bool m_bGetParameter;
+    bool m_bDumb; // answers no keep-alive, and needs them all the same
     std::map<QByteArray, bool> m_nonces; // and whether it was used
     int m_nNonces = 0;
     std::shared_ptr<bool> m_pAlive = std::make_shared<bool>(true);
