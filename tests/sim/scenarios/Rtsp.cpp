@@ -376,9 +376,9 @@ void finish(sim::World& world, Pair& pair)
     if (!viewer.isRunning())
         return;
     world.expect(plays(), "nothing comes");
-    if (world.random().chance(0.05)) {
+    if (world.random().chance(0.1)) {
         pair.camera.nPeriodMs = 9000;
-        world.run(world.random().size(3 * kHourMs));
+        world.run(120000 + world.random().size(3 * kHourMs));
         world.expect(viewer.isPlaying(), "it does not play for hours");
     }
     if (world.random().chance(0.5)) { // what was held for a lost packet comes, too
