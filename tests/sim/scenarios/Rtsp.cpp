@@ -406,7 +406,10 @@ SCENARIO(rtsp)
         Camera& camera = pairs.emplace_back(world, i).camera;
         camera.trouble = random.chance(0.3) ? 0 : 0.05;
         camera.bTidy = weather.lose + weather.duplicate + weather.reorder == 0;
-        camera.nLateMs = (weather.nMaxDelayUs > 3000 ? 15000 : 1500) + (weather.stall > 0 ? 20000 : 0)
+        camera.nLateMs
+            = (weather.nMaxDelayUs > 3000
+                      ? 15000
+                      : 6000) // a handler may keep the answer to PLAY + (weather.stall > 0 ? 20000 : 0)
             + (weather.squeeze > 0 ? 35000 : 0);
     }
     for (auto left = random.size(40); left > 0; --left) {
