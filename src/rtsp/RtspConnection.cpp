@@ -121,10 +121,11 @@ void RtspConnection::ended(int code, const QString& reason)
 
 void RtspConnection::readEnd(int code)
 {
+    const QString reason = m_endReason; // the connection may go
     if (code == kOrderly)
         m_listener.lost(ErrorCodes::kConnectionReset, QStringLiteral("the server ended the connection"));
     else
-        m_listener.lost(code, m_endReason);
+        m_listener.lost(code, reason);
 }
 
 void RtspConnection::stallSource(bool bStall)

@@ -280,6 +280,9 @@ void RtspSession::end(Outcome outcome)
     m_deadlines.clearAll();
     m_phase = Phase::Ending;
     m_session.endSession();
+    m_bTaking = false; // handlers of this session may still be at work, those of the next are others
+    m_kept.clear();
+    m_nKept = 0;
     m_open.reset();
     m_openKeepAlive.reset();
     m_deadlines.setLimit(RtspDeadlines::eTeardown, m_current.timeouts.nTeardown);
@@ -341,9 +344,12 @@ void RtspSession::finishEnd()
         emit m_client.stopped();
 }
 
-// The same description by another transport, on a connection of its own.
+// The same description by another transport, on a connection of its own. Nothing of the old one is told from
+// here on, also where a handler runs an event loop.
 void RtspSession::reopen(RtspOptions::Transport transport, const QString& reason)
 {
+    m_deadlines.clearAll();
+    m_phase = Phase::Setup;
     if (changeTransport(transport, reason))
         end(Outcome::Reopened);
 }

@@ -88,11 +88,49 @@ void RtspSession::datagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datag
     Setup& setup = m_setups[static_cast<std::size_t>(track)];
     if (!takesMedia() || !setup.pInput || !isFromServer(setup, bRtcp, datagram))
         ++m_nDroppedPackets;
+    else if (m_bTaking)
+        keepDatagram(track, bRtcp, datagram);
     else
-        takeMedia(track, bRtcp,
-            RTPPacket(reinterpret_cast<const unsigned char*>(datagram.pData),
-                static_cast<unsigned int>(datagram.nSize)),
-            datagram.pData, datagram.nSize, arrivalNow());
+        takeDatagram(track, bRtcp, datagram.pData, datagram.nSize, arrivalNow());
+}
+
+void RtspSession::takeDatagram(int track, bool bRtcp, const char* data, int size, const RtpArrival& arrival)
+{
+    const Watched::Watch watch = m_session.watch();
+    const RTPPacket packet(reinterpret_cast<const unsigned char*>(data), static_cast<unsigned int>(size));
+    m_bTaking = true;
+    takeMedia(track, bRtcp, packet, data, size, arrival);
+    if (watch.holds())
+        takeKept();
+}
+
+// What comes while a handler runs an event loop waits until it returns: the unit in its hand must stay as it
+// is, and packets in their order.
+void RtspSession::keepDatagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram)
+{
+    constexpr int kMostKept = 1 << 20; // bytes; then they are lost, as where the system's buffer is full
+    if (m_nKept + datagram.nSize > kMostKept) {
+        ++m_nDroppedPackets;
+        return;
+    }
+    m_nKept += datagram.nSize;
+    m_kept.push_back({track, bRtcp, QByteArray(datagram.pData, datagram.nSize), arrivalNow()});
+}
+
+void RtspSession::takeKept()
+{
+    const Watched::Watch watch = m_session.watch();
+    while (watch.holds() && !m_kept.empty()) {
+        const Kept kept = m_kept.front();
+        m_kept.pop_front();
+        m_nKept -= kept.bytes.size();
+        takeMedia(kept.nTrack, kept.bRtcp,
+            RTPPacket(reinterpret_cast<const unsigned char*>(kept.bytes.constData()),
+                static_cast<unsigned int>(kept.bytes.size())),
+            kept.bytes.constData(), kept.bytes.size(), kept.arrival);
+    }
+    if (watch.holds())
+        m_bTaking = false;
 }
 
 bool RtspSession::isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) const
@@ -212,7 +250,13 @@ void RtspSession::noteReorder(RtspTrackInput& input)
 
 void RtspSession::takeDueHeld()
 {
+    constexpr int kAgainMs = 50;
+    if (m_bTaking) {
+        m_deadlines.setLimit(RtspDeadlines::eReorder, kAgainMs);
+        return;
+    }
     const qint64 now = monotonicUs();
+    m_bTaking = true;
     for (std::size_t i = 0; i < m_setups.size(); ++i) {
         if (!m_setups[i].pInput)
             continue;
@@ -220,6 +264,7 @@ void RtspSession::takeDueHeld()
             return;
         noteReorder(*m_setups[i].pInput);
     }
+    takeKept();
 }
 
 void RtspSession::takeRtcp(int track, const char* data, int size, const RtpArrival& arrival)

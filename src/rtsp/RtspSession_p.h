@@ -25,6 +25,7 @@
 #include <QtCore/QPair>
 
 #include <bitset>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -107,6 +108,12 @@ private:
         std::shared_ptr<RtspTrackInput> pInput; // stays while the session does, and while units are told
         int nTimeline = -1;
     };
+    struct Kept {
+        int nTrack = 0;
+        bool bRtcp = false;
+        QByteArray bytes;
+        RtpArrival arrival;
+    };
 
     static constexpr int kStatisticsMs = 1000;
 
@@ -174,6 +181,9 @@ private:
     bool takesMedia() const { return m_phase >= Phase::Play && m_phase <= Phase::Paused; }
     void packet(int channel, const char* data, int size) override;
     void datagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) override;
+    void takeDatagram(int track, bool bRtcp, const char* data, int size, const RtpArrival& arrival);
+    void keepDatagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram);
+    void takeKept();
     bool isFromServer(Setup& setup, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram) const;
     bool trackOfChannel(int channel, const RTPPacket& packet, int* track, bool* bRtcp) const;
     int trackOfType(int channel, const RTPPacket& packet) const;
@@ -234,6 +244,9 @@ private:
     qint64 m_lastMediaUs = 0;
     qint64 m_wallOffsetUs = 0; // from the monotonic clock, when the last packet came
     bool m_bMediaSeen = false;
+    bool m_bTaking = false; // of a datagram or what was held: a handler may be at work
+    std::deque<Kept> m_kept; // datagrams behind it
+    int m_nKept = 0; // their bytes
 
     Outcome m_outcome = Outcome::Stopped;
     int m_nErrorCode = 0;

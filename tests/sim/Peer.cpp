@@ -1,5 +1,6 @@
 #include "sim/Peer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -39,7 +40,9 @@ bool Peer::readSome()
 {
     QByteArray bytes(static_cast<int>(Kernel::get().random().size(262144)), Qt::Uninitialized);
     Message message(bytes.constData(), static_cast<std::size_t>(bytes.size()));
-    const long got = m_pSocket->receive(&message, 0);
+    long got = m_pSocket->receive(&message, 0);
+    if (got == 0)
+        got = m_nSendError;
     if (got > 0 && onBytes)
         onBytes(bytes.left(static_cast<int>(got)));
     if (got == 0 && !std::exchange(m_bEndSeen, true) && onEnd)
@@ -59,7 +62,8 @@ void Peer::flush()
         const long sent = m_pSocket->send(Message(m_out.data(), m_out.size()), 0);
         if (sent == -EAGAIN)
             return;
-        m_out.erase(0, sent < 0 ? m_out.size() : static_cast<std::size_t>(sent)); // reading tells why
+        m_nSendError = std::min(sent, 0L); // reading tells it
+        m_out.erase(0, sent < 0 ? m_out.size() : static_cast<std::size_t>(sent));
     }
     if (m_pSocket == nullptr || m_bConnecting)
         return;

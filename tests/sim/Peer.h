@@ -47,6 +47,7 @@ private:
 
     StreamSocket* m_pSocket; // null when it is finished
     std::string m_out;
+    long m_nSendError = 0;
     bool m_bConnecting;
     bool m_bDue = false;
     bool m_bStalled = false;
