@@ -109,11 +109,12 @@ void RtspSession::takeDatagram(int track, bool bRtcp, const char* data, int size
 void RtspSession::keepDatagram(int track, bool bRtcp, const NuvikaUdpReceiver::Datagram& datagram)
 {
     constexpr int kMostKept = 1 << 20; // bytes; then they are lost, as where the system's buffer is full
-    if (m_nKept + datagram.nSize > kMostKept) {
+    const int bytes = datagram.nSize + kKeptHead;
+    if (m_nKept + bytes > kMostKept) {
         ++m_nDroppedPackets;
         return;
     }
-    m_nKept += datagram.nSize;
+    m_nKept += bytes;
     m_kept.push_back({track, bRtcp, QByteArray(datagram.pData, datagram.nSize), arrivalNow()});
 }
 
@@ -123,7 +124,7 @@ void RtspSession::takeKept()
     while (watch.holds() && !m_kept.empty()) {
         const Kept kept = m_kept.front();
         m_kept.pop_front();
-        m_nKept -= kept.bytes.size();
+        m_nKept -= kept.bytes.size() + kKeptHead;
         takeMedia(kept.nTrack, kept.bRtcp,
             RTPPacket(reinterpret_cast<const unsigned char*>(kept.bytes.constData()),
                 static_cast<unsigned int>(kept.bytes.size())),

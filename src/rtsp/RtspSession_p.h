@@ -116,6 +116,7 @@ private:
     };
 
     static constexpr int kStatisticsMs = 1000;
+    static constexpr int kKeptHead = sizeof(Kept) + 32; // what a datagram without bytes takes, too
 
     // Opening and ending.
     void connectTo();

@@ -484,17 +484,31 @@ TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
 
 TEST(RtspClient, SurvivesAnEventLoopInAHandler)
 {
-    Viewer viewer;
-    int depth = 0;
-    viewer.onEvent = [&](const QString& event) {
-        if (event != QLatin1String("unit 0 1"))
-            return;
-        EXPECT_EQ(++depth, 1);
-        viewer.camera.connection().write(framed(0, rtp(0, 3)));
-        settle(20);
-        EXPECT_FALSE(viewer.has("unit 0 3")) << "signals do not overtake each other";
-    };
-    EXPECT_TRUE(viewer.starts("unit 0 3")) << viewer.log();
+    for (const bool bUdp : {false, true}) {
+        Viewer viewer(silent(), bUdp ? udp() : Viewer::tcp());
+        const auto send = [&](int sequence) {
+            const QByteArray packet = rtp(0, sequence, 1, QByteArray(5, static_cast<char>(sequence)));
+            if (bUdp)
+                viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, packet);
+            else
+                viewer.camera.connection().write(framed(0, packet));
+        };
+        ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
+        int units = 0;
+        int depth = 0;
+        const auto take = [&](int, const RtspUnit& unit) {
+            EXPECT_EQ(++depth, 1) << "signals do not overtake each other";
+            if (++units == 1)
+                send(2);
+            settle(20);
+            const QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
+            EXPECT_EQ(bytes, QByteArray(5, static_cast<char>(units))) << "overwritten";
+            --depth;
+        };
+        QObject::connect(viewer.client.get(), &RtspClient::unitReceived, take);
+        send(1);
+        EXPECT_TRUE(viewer.waitUntil([&] { return units == 2; })) << viewer.log();
+    }
 }
 
 TEST(RtspClient, HostileServersCostLittle)
