@@ -18,12 +18,11 @@ class Viewer
 {
 public:
     Viewer(sim::World& world, int number)
-        : camera(std::make_shared<Camera>(world, number)), m_world(world),
+        : camera(Camera::make(world, number)), m_world(world),
           m_transport(static_cast<RtspOptions::Transport>(random(0.5) ? RtspOptions::eAutomatic
                   : random(0.5)                                       ? RtspOptions::eTcp
                                                                       : RtspOptions::eUdp))
     {
-        camera->listen();
     }
 
     // Something random, also in a handler: nothing is touched behind it.
@@ -94,7 +93,8 @@ public:
         m_world.expect(
             m_world.runUntil([this] { return !m_bRunning; }, kTeardownMs + 500), "it does not stop");
         start();
-        const auto plays = [this] { return m_bPlaying && m_tracks[0].nUnits > 2 && m_tracks[1].nUnits > 2; };
+        const auto plays
+            = [this] { return m_bPlaying && m_tracks[0].units.size() > 2 && m_tracks[1].units.size() > 2; };
         m_world.runUntil([&] { return !m_bRunning || plays(); }, 60000);
         const bool bMay
             = camera->bAccepts && (camera->udp == Camera::eUdp || m_transport != RtspOptions::eUdp);
@@ -127,8 +127,6 @@ public:
 private:
     // Of a session.
     struct Told {
-        int nUnits = 0;
-        int nLastUnit = -1;
         quint16 nNext = 0; // sequence number, over TCP
         std::set<int> units;
         std::map<int, std::set<int>> came; // packets of units
@@ -152,20 +150,21 @@ private:
         m_pClient->setOptions(options);
         const auto on
             = [this](auto signal, auto handler) { QObject::connect(m_pClient.get(), signal, handler); };
-        on(&Client::described, [this] {
-            told("described");
-            act();
-        });
+        const auto plain = [this](const char* signal, bool bMayWait) {
+            return [this, signal, bMayWait] {
+                told(signal);
+                m_world.expect(bMayWait || m_bPlaying, "%s(), and nothing plays", signal);
+                act();
+            };
+        };
+        on(&Client::described, plain("described", true));
+        on(&Client::paused, plain("paused", false));
+        on(&Client::statistics, plain("statistics", false));
         on(&Client::playing, [this] {
             told("playing");
             m_world.expect(!std::exchange(m_bPlaying, true), "playing() comes twice");
             m_bMedia = false;
             m_nSignMs = m_world.nowMs();
-            act();
-        });
-        on(&Client::paused, [this] {
-            told("paused");
-            m_world.expect(m_bPlaying, "paused(), and nothing plays");
             act();
         });
         on(&Client::transportChanged, [this] {
@@ -176,11 +175,6 @@ private:
         });
         on(&Client::packetReceived, to(this, &Viewer::takePacket));
         on(&Client::unitReceived, to(this, &Viewer::takeUnit));
-        on(&Client::statistics, [this](const QVector<RtspTrackStatistics>&) {
-            told("statistics");
-            m_world.expect(m_bPlaying, "statistics, and nothing plays");
-            act();
-        });
         on(&Client::messageSent, [this](const QByteArray& text) {
             sim::trace("%s", text.left(text.indexOf("\r\n")).constData());
             m_world.expect(m_bRunning, "a request behind the end");
@@ -266,11 +260,10 @@ private:
         const QByteArray expected = (track == 0 ? QByteArray("\0\0\0\1", 4) : QByteArray())
             + contentOf(track, m_pSession->nId, number);
         m_world.expect(bytes() == expected, "track %d: unit %d is another", track, number);
-        m_world.expect(m_pSession->bTcp ? number == t.nLastUnit + 1 : number > t.nLastUnit,
-            "track %d: unit %d behind %d", track, number, t.nLastUnit);
-        t.nLastUnit = number;
+        const int last = t.units.empty() ? -1 : *t.units.rbegin();
+        m_world.expect(m_pSession->bTcp ? number == last + 1 : number > last, "track %d: unit %d behind %d",
+            track, number, last);
         t.units.insert(number);
-        ++t.nUnits;
         const std::uint64_t ends = m_nEnds;
         act();
         if (m_nEnds == ends)

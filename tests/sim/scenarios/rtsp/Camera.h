@@ -44,6 +44,7 @@ inline QByteArray bigEndian(quint32 value, int bytes)
         text += static_cast<char>(value >> (8 * bytes));
     return text;
 }
+inline quint32 channelOf(int track) { return static_cast<quint32>(2 * track + 10); } // as it likes
 inline quint32 firstTimestamp(quint32 session) { return session * 2654435761U; }
 inline QByteArray field(const QByteArray& head, const QByteArray& name)
 {
@@ -62,7 +63,6 @@ struct Connection {
 
 struct Session {
     struct Track {
-        int nChannel = -1;
         sim::Address to;
         quint16 nSequence = 0;
         int nUnits = -1; // sent whole; < 0: not set up
@@ -81,7 +81,7 @@ struct Session {
 };
 
 // Lives as long as the world, because the network may bring its viewer's last words later.
-class Camera : public std::enable_shared_from_this<Camera>
+class Camera
 {
 public:
     Camera(sim::World& world, int number)
@@ -89,9 +89,11 @@ public:
           m_rtp(world.udp(address, 6970))
     {
     }
-    void listen()
+    static std::shared_ptr<Camera> make(sim::World& world, int number)
     {
-        m_world.listen(address, 554, [self = shared_from_this()](sim::Peer& peer) { self->accept(peer); });
+        const auto made = std::make_shared<Camera>(world, number);
+        world.listen(made->address, 554, [made](sim::Peer& peer) { made->accept(peer); });
+        return made;
     }
     Session* find(const QByteArray& name)
     {
@@ -233,8 +235,7 @@ private:
         track.nUnits = 0;
         track.nSequence = static_cast<quint16>(m_random.next());
         if (bTcp) {
-            track.nChannel = 2 * number + 10; // as it likes
-            transport = "RTP/AVP/TCP;interleaved=" + QByteArray::number(track.nChannel);
+            transport = "RTP/AVP/TCP;interleaved=" + QByteArray::number(channelOf(number));
         } else {
             const QByteArray port = transport.mid(transport.indexOf("client_port=") + 12);
             track.to = sim::Address::of("10.0.0.1", port.left(port.indexOf('-')).toUShort());
@@ -302,7 +303,7 @@ private:
                 const quint32 type = (number == 0 ? 96 : 0) | (&payload == &payloads.back() ? 0x80 : 0);
                 const QByteArray packet = bigEndian(0x8000 | type, 2) + bigEndian(track.nSequence++, 2)
                     + bigEndian(time, 4) + bigEndian(s.nId, 4) + payload;
-                framed += "$" + bigEndian(static_cast<quint32>(track.nChannel), 1)
+                framed += "$" + bigEndian(channelOf(number), 1)
                     + bigEndian(static_cast<quint32>(packet.size()), 2) + packet;
                 if (!s.bTcp && udp == eUdp)
                     m_rtp.send(track.to, packet);
