@@ -482,21 +482,6 @@ TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
     EXPECT_EQ(seen, QByteArray(1000, 'p'));
 }
 
-TEST(RtspClient, SurvivesAnEventLoopInAHandler)
-{
-    Viewer viewer;
-    int depth = 0;
-    viewer.onEvent = [&](const QString& event) {
-        if (event != QLatin1String("unit 0 1"))
-            return;
-        EXPECT_EQ(++depth, 1);
-        viewer.camera.connection().write(framed(0, rtp(0, 3)));
-        settle(20);
-        EXPECT_FALSE(viewer.has("unit 0 3")) << "signals do not overtake each other";
-    };
-    EXPECT_TRUE(viewer.starts("unit 0 3")) << viewer.log();
-}
-
 TEST(RtspClient, HostileServersCostLittle)
 {
     QByteArray tracks = "v=0\r\n";

@@ -21,7 +21,6 @@ public:
     virtual ~Asker() = default;
     virtual void act() = 0;
     virtual std::size_t waiting() const = 0;
-    virtual std::string text() const = 0;
 };
 
 template <class Client>
@@ -49,11 +48,6 @@ public:
             what == 6 ? shutdown() : destroy();
     }
     std::size_t waiting() const override { return m_queue.size(); }
-    std::string text() const override
-    {
-        return std::to_string(m_queue.size()) + " requests wait, the first is "
-            + std::to_string(m_queue.empty() ? 0 : m_queue.front().pExchange->nNumber);
-    }
 
 private:
     using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
