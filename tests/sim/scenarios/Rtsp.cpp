@@ -311,7 +311,7 @@ SCENARIO(rtsp)
     std::deque<Viewer> viewers;
     for (int i = 0; i < static_cast<int>(random.between(1, 3)); ++i) {
         viewers.emplace_back(world, i).camera->nLateMs // a handler may keep the answer to PLAY
-            = (weather.nMaxDelayUs > 3000 ? 15000 : 7000) + (weather.stall > 0 ? 20000 : 0)
+            = (weather.nMaxDelayUs > 3000 ? 15000 : 8000) + (weather.stall > 0 ? 20000 : 0)
             + (weather.squeeze > 0 ? 35000 : 0);
     }
     for (auto left = random.size(40); left > 0; --left) {

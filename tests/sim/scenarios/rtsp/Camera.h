@@ -252,7 +252,7 @@ private:
         const QByteArray text
             = "RTSP/1.0 " + status + "\r\nCSeq: " + field(request, "CSeq") + "\r\n" + fields + "\r\n" + body;
         const auto kind = m_random.chance(trouble) ? m_random.below(5) : 5;
-        if (kind == 0) // never
+        if (kind == 0 || c->bTroubled) // never
             return;
         if (kind == 1) // late
             return m_world.after(m_random.size(20000), [c, text] { c->pPeer->write(text); });
