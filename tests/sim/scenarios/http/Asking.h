@@ -21,7 +21,6 @@ public:
     virtual ~Asker() = default;
     virtual void act() = 0;
     virtual std::size_t waiting() const = 0;
-    virtual std::string text() const = 0;
 };
 
 template <class Client>
@@ -33,27 +32,21 @@ public:
 
     void act() override
     {
-        sim::Random& random = m_stage.world.random();
-        if (m_stage.bFinishing || m_bDestroying || random.chance(0.5))
+        if (m_stage.bFinishing || m_bDestroying || m_random.chance(0.5))
             return;
-        const auto what = random.below(m_stage.bCalm ? 6 : 16);
+        const auto what = m_random.below(m_stage.bCalm ? 6 : 16);
         if (what == 0)
             m_stage.nestedLoop();
         else if (what == 1)
-            m_stage.world.work(random.size(5000));
+            m_world.work(m_random.size(5000));
         else if (what == 2)
             discard();
         else if (what != 6 && what != 7)
             ask();
-        else if (random.chance(0.3))
+        else if (m_random.chance(0.3))
             what == 6 ? shutdown() : destroy();
     }
     std::size_t waiting() const override { return m_queue.size(); }
-    std::string text() const override
-    {
-        return std::to_string(m_queue.size()) + " requests wait, the first is "
-            + std::to_string(m_queue.empty() ? 0 : m_queue.front().pExchange->nNumber);
-    }
 
 private:
     using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
@@ -73,7 +66,7 @@ private:
         QObject::connect(client, &Client::requestFinished, to(this, &AskerOf::take));
         QObject::connect(client, &Client::requestFailed, [this](int id) {
             const Exchange& e = front(id, "requestFailed");
-            m_stage.world.expect(!m_stage.isKind() || e.framing == ePartsUntilEnd,
+            m_world.expect(!m_stage.isKind() || e.framing == ePartsUntilEnd,
                 "request %d fails without a reason: %s", e.nNumber, qUtf8Printable(m_pClient->errorString()));
             end(eFailed);
         });
@@ -84,11 +77,11 @@ private:
             });
         }
         QObject::connect(client, &Client::error, [this](int code) {
-            m_stage.world.expect(!m_stage.isKind(), "error %d without a reason", code);
+            m_world.expect(!m_stage.isKind(), "error %d without a reason", code);
             act();
         });
         QObject::connect(client, &Client::sendEndOfUploadContentFinished, [this] {
-            m_stage.world.expect(!m_queue.empty() && m_queue.front().pExchange->asking == eUploadHalf,
+            m_world.expect(!m_queue.empty() && m_queue.front().pExchange->asking == eUploadHalf,
                 "the end of an upload that was not ended");
             end(eUploadOver);
         });
@@ -116,7 +109,7 @@ private:
             : e.bRight                            ? QString::fromLatin1(Guard::kPassword)
                                                   : QStringLiteral("wrong");
         const QByteArray body = askedOf(e);
-        const bool bSimple = !e.bStream && !e.bHead && !e.isUpload() && m_stage.world.random().chance(0.5);
+        const bool bSimple = !e.bStream && !e.bHead && !e.isUpload() && m_random.chance(0.5);
         if (bSimple && e.asking == ePlain)
             return m_pClient->get(path, user, password, !e.closesByRequest());
         if (bSimple)
@@ -136,7 +129,7 @@ private:
         if (e.asking == eWithBody)
             buffer.setData(body.constData(), body.size());
         return m_pClient->request(
-            header, e.bStream, &buffer, user, password, static_cast<int>(m_stage.world.random().below(3)));
+            header, e.bStream, &buffer, user, password, static_cast<int>(m_random.below(3)));
     }
     // Sends pieces of the upload whenever it is its turn.
     void pump(int id)
@@ -147,8 +140,7 @@ private:
         if (m_queue.front().nId == id) {
             Exchange& e = *m_queue.front().pExchange;
             const QByteArray body = askedOf(e);
-            const int size
-                = std::min(body.size() - e.nUploaded, static_cast<int>(m_stage.world.random().size(60000)));
+            const int size = std::min(body.size() - e.nUploaded, static_cast<int>(m_random.size(60000)));
             const bool bLast = e.nUploaded + size == body.size() && e.asking != eUploadHalf;
             if (m_pClient->sendUploadContentChunk(id, body.constData() + e.nUploaded, size, bLast)) {
                 e.nUploaded += size;
@@ -161,7 +153,7 @@ private:
             }
         }
         Client* client = m_pClient.get();
-        QTimer::singleShot(static_cast<int>(m_stage.world.random().size(100)), client, [this, id, client] {
+        QTimer::singleShot(static_cast<int>(m_random.size(100)), client, [this, id, client] {
             if (m_pClient.get() == client)
                 pump(id);
         });
@@ -170,12 +162,11 @@ private:
     {
         if (!m_pClient || m_queue.empty() || m_bCancelling)
             return;
-        const auto place
-            = m_queue.begin() + static_cast<std::ptrdiff_t>(m_stage.world.random().below(m_queue.size()));
+        const auto place = m_queue.begin() + static_cast<std::ptrdiff_t>(m_random.below(m_queue.size()));
         const int before = m_pClient->numOfPendingRequests();
         m_pClient->discardNonePendingRequest(place->nId);
         const int gone = before - m_pClient->numOfPendingRequests();
-        m_stage.world.expect(
+        m_world.expect(
             gone == 1 || (gone == 0 && place == m_queue.begin()), "%d requests are discarded", gone);
         if (gone == 1) {
             place->pExchange->outcome = eDiscarded;
@@ -196,7 +187,7 @@ private:
         for (const Queued& queued : old) {
             if (!kTellsCancelled)
                 queued.pExchange->outcome = eCancelled;
-            m_stage.world.expect(queued.pExchange->outcome == eCancelled, "request %d is not cancelled",
+            m_world.expect(queued.pExchange->outcome == eCancelled, "request %d is not cancelled",
                 queued.pExchange->nNumber);
         }
     }
@@ -206,7 +197,7 @@ private:
             return;
         m_bDestroying = true; // its handlers queue nothing any more
         const bool bTells = kTellsCancelled && !m_bCancelling; // else nobody is there to tell it
-        if (!m_bCancelling && m_stage.world.random().chance(0.5)) {
+        if (!m_bCancelling && m_random.chance(0.5)) {
             shutdown();
             m_pClient.release()->deleteLater();
         } else {
@@ -214,7 +205,7 @@ private:
             m_pClient.reset();
         }
         for (const Queued& queued : m_queue) {
-            m_stage.world.expect(!bTells, "request %d is not cancelled", queued.pExchange->nNumber);
+            m_world.expect(!bTells, "request %d is not cancelled", queued.pExchange->nNumber);
             queued.pExchange->outcome = eCancelled;
         }
         m_queue.clear();
@@ -224,14 +215,14 @@ private:
     Exchange& front(int id, const char* signal)
     {
         sim::trace("%s(%d)", signal, id);
-        m_stage.world.expect(!m_queue.empty(), "%s(%d), and nobody waits", signal, id);
+        m_world.expect(!m_queue.empty(), "%s(%d), and nobody waits", signal, id);
         if (m_bCancelling) { // requests that handlers have queued meanwhile have a queue of their own
             const auto found
                 = std::find_if(m_queue.begin(), m_queue.end(), [id](const Queued& q) { return q.nId == id; });
             if (found != m_queue.end())
                 std::rotate(m_queue.begin(), found, std::next(found));
         }
-        m_stage.world.expect(
+        m_world.expect(
             m_queue.front().nId == id, "%s(%d) when %d is at the front", signal, id, m_queue.front().nId);
         return *m_queue.front().pExchange;
     }
@@ -239,9 +230,9 @@ private:
     {
         Exchange& e = front(id, "responseHeaderReceived");
         ++e.nHeads;
-        m_stage.world.expect(header.statusCode() == e.nStatus, "request %d: a head of status %d, and not %d",
+        m_world.expect(header.statusCode() == e.nStatus, "request %d: a head of status %d, and not %d",
             e.nNumber, header.statusCode(), e.nStatus);
-        m_stage.world.expect(e.nHeads <= (m_stage.isKind() && e.framing != ePartsUntilEnd ? 1 : 3),
+        m_world.expect(e.nHeads <= (m_stage.isKind() && e.framing != ePartsUntilEnd ? 1 : 3),
             "request %d has %d heads", e.nNumber, e.nHeads);
         e.got.clear();
         e.gotParts.clear();
@@ -250,12 +241,12 @@ private:
     void takePiece(int id, const HttpResponseHeader& header, const char* data, int size, Marker)
     {
         Exchange& e = front(id, "contentChunk");
-        m_stage.world.expect(
+        m_world.expect(
             e.bStream && (e.nHeads > 0 || header.statusCode() == 401), "a piece of request %d", e.nNumber);
-        m_stage.world.expect(size > 0 || header.contentLength() == 0, "an empty piece");
+        m_world.expect(size > 0 || header.contentLength() == 0, "an empty piece");
         e.got.append(data, size);
         const bool bByLength = header.hasContentLength();
-        m_stage.world.expect(!bByLength || static_cast<unsigned int>(e.got.size()) <= header.contentLength(),
+        m_world.expect(!bByLength || static_cast<unsigned int>(e.got.size()) <= header.contentLength(),
             "request %d: more than its length", e.nNumber);
         if (bByLength && static_cast<unsigned int>(e.got.size()) == header.contentLength()) {
             checkWhole(e, header);
@@ -268,13 +259,13 @@ private:
     {
         Exchange& e = front(id, "multipartReplaceContent");
         const int number = numberOfPicture(data, size);
-        m_stage.world.expect(e.isMultipart() && e.nHeads > 0, "a part of request %d", e.nNumber);
-        m_stage.world.expect(QByteArray(data, size) == pictureOf(number) && number < e.nAnswer,
+        m_world.expect(e.isMultipart() && e.nHeads > 0, "a part of request %d", e.nNumber);
+        m_world.expect(QByteArray(data, size) == pictureOf(number) && number < e.nAnswer,
             "request %d: a damaged picture of %d bytes", e.nNumber, size);
-        m_stage.world.expect(QByteArray(type) == "image/x-" + QByteArray::number(number),
+        m_world.expect(QByteArray(type) == "image/x-" + QByteArray::number(number),
             "picture %d is of type %s", number, type);
-        m_stage.world.expect(e.gotParts.empty() || e.gotParts.back() < number, "picture %d comes behind %d",
-            number, e.gotParts.empty() ? 0 : e.gotParts.back());
+        m_world.expect(e.gotParts.empty() || e.gotParts.back() < number, "picture %d comes behind %d", number,
+            e.gotParts.empty() ? 0 : e.gotParts.back());
         e.gotParts.push_back(number);
         act();
     }
@@ -282,41 +273,40 @@ private:
     {
         Exchange& e = front(id, "requestFinished");
         const bool bDenied = header.statusCode() == 401;
-        m_stage.world.expect(bDenied || e.nHeads > 0, "request %d finishes without a head", e.nNumber);
-        m_stage.world.expect(!e.bStream || size == 0, "what came in pieces comes again");
-        m_stage.world.expect(!(e.isMultipart() && e.hasBody() && !bDenied) || size == 0, "parts come again");
+        m_world.expect(bDenied || e.nHeads > 0, "request %d finishes without a head", e.nNumber);
+        m_world.expect(!e.bStream || size == 0, "what came in pieces comes again");
+        m_world.expect(!(e.isMultipart() && e.hasBody() && !bDenied) || size == 0, "parts come again");
         const QByteArray content(data, size);
         if (!e.bStream)
             e.got = content;
         checkWhole(e, header);
         end(eFinished);
-        m_stage.world.expect(QByteArray::fromRawData(data, size) == content, "content that changes");
+        m_world.expect(QByteArray::fromRawData(data, size) == content, "content that changes");
     }
     void checkWhole(Exchange& e, const HttpResponseHeader& header)
     {
         const bool bKind = m_stage.isKind();
-        sim::World& world = m_stage.world;
-        world.expect(e.asking != eUploadHalf, "half an upload is answered");
+        m_world.expect(e.asking != eUploadHalf, "half an upload is answered");
         if (header.statusCode() == 401) {
-            world.expect(e.login != eNone && !e.bRight, "request %d is denied, wrongly", e.nNumber);
+            m_world.expect(e.login != eNone && !e.bRight, "request %d is denied, wrongly", e.nNumber);
             const bool bMayBeCut = !bKind && (e.bStream || e.nStatus == 204); // that refusal has no length
-            world.expect(e.got.isEmpty() || bMayBeCut || e.got == bytesOf(0, 100),
+            m_world.expect(e.got.isEmpty() || bMayBeCut || e.got == bytesOf(0, 100),
                 "request %d: a damaged refusal", e.nNumber);
-            world.expect(!bKind || e.nSeen == 2, "request %d was denied %d times", e.nNumber, e.nSeen);
+            m_world.expect(!bKind || e.nSeen == 2, "request %d was denied %d times", e.nNumber, e.nSeen);
             return;
         }
-        world.expect(e.login == eNone || e.bRight, "request %d is admitted, wrongly", e.nNumber);
-        world.expect(
+        m_world.expect(e.login == eNone || e.bRight, "request %d is admitted, wrongly", e.nNumber);
+        m_world.expect(
             !bKind || e.nSeen <= (e.login == eNone ? 1 : 2), "request %d came %d times", e.nNumber, e.nSeen);
-        world.expect(e.nSeen <= 6, "request %d came %d times", e.nNumber, e.nSeen);
+        m_world.expect(e.nSeen <= 6, "request %d came %d times", e.nNumber, e.nSeen);
         if (e.isMultipart()) {
-            world.expect(
+            m_world.expect(
                 e.gotParts == e.parts, "%zu of %zu pictures came", e.gotParts.size(), e.parts.size());
             return;
         }
         const QByteArray whole = e.hasBody() ? answerOf(e) : QByteArray();
         const bool bMayBeCut = e.framing == eUntilEnd && !bKind; // HTTP/1.1 cannot tell
-        world.expect(bMayBeCut ? whole.startsWith(e.got) : e.got == whole,
+        m_world.expect(bMayBeCut ? whole.startsWith(e.got) : e.got == whole,
             "request %d: %d of %d bytes, or others", e.nNumber, e.got.size(), whole.size());
     }
     void end(Outcome outcome)
@@ -324,12 +314,14 @@ private:
         m_queue.front().pExchange->outcome = outcome;
         m_queue.pop_front();
         if (outcome != eCancelled && !m_bCancelling)
-            m_stage.world.expect(m_pClient->numOfPendingRequests() == static_cast<int>(m_queue.size()),
+            m_world.expect(m_pClient->numOfPendingRequests() == static_cast<int>(m_queue.size()),
                 "%d requests wait, and not %zu", m_pClient->numOfPendingRequests(), m_queue.size());
         act();
     }
 
     Stage& m_stage;
+    sim::World& m_world = m_stage.world;
+    sim::Random& m_random = m_world.random();
     std::unique_ptr<Client> m_pClient;
     std::deque<Queued> m_queue;
     bool m_bDestroying = false;

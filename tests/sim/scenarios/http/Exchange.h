@@ -91,24 +91,6 @@ inline QByteArray partOf(int number)
         + "\r\nContent-Length: " + QByteArray::number(picture.size()) + "\r\n\r\n" + picture + "\r\n";
 }
 
-// Checks logins as a server does: a nonce count is good once, and a nonce may become stale.
-class Guard
-{
-public:
-    static constexpr char kUser[] = "u";
-    static constexpr char kPassword[] = "p:&";
-
-    bool admits(const HttpRequestHeader& request, const Exchange& exchange, sim::Random& random);
-    QByteArray challenge(const Exchange& exchange);
-
-private:
-    struct Nonce {
-        int nLast = 0;
-        bool bStale = false;
-    };
-    std::map<QByteArray, Nonce> m_nonces;
-};
-
 inline QByteArray md5(const QByteArray& text)
 {
     return QCryptographicHash::hash(text, QCryptographicHash::Md5).toHex();
@@ -124,39 +106,52 @@ inline QByteArray parameterOf(const QByteArray& value, const QByteArray& name)
     return rest.left(rest.indexOf(',') < 0 ? rest.size() : rest.indexOf(',')).trimmed();
 }
 
-inline bool Guard::admits(const HttpRequestHeader& request, const Exchange& exchange, sim::Random& random)
+// Checks logins as a server does: a nonce count is good once, and a nonce may become stale.
+class Guard
 {
-    const QByteArray value = request.value(QStringLiteral("authorization")).toLatin1();
-    const QByteArray user(kUser);
-    const QByteArray password(kPassword);
-    if (exchange.login == eNone)
-        return true;
-    if (exchange.login == eBasic)
-        return value == "Basic " + (user + ':' + password).toBase64();
-    const auto nonce = m_nonces.find(
-        parameterOf(value, " nonce").isEmpty() ? parameterOf(value, "nonce") : parameterOf(value, " nonce"));
-    if (!value.startsWith("Digest ") || nonce == m_nonces.end())
-        return false;
-    const QByteArray count = parameterOf(value, "nc");
-    const QByteArray ha1 = md5(user + ":here:" + password);
-    const QByteArray ha2 = md5(request.method().toLatin1() + ':' + request.path().toLatin1());
-    const QByteArray expected
-        = md5(ha1 + ':' + nonce->first + ':' + count + ':' + parameterOf(value, "cnonce") + ":auth:" + ha2);
-    if (exchange.nSeen == 1 && nonce->second.nLast > 0 && random.chance(0.1))
-        nonce->second.bStale = true;
-    const bool bNew = count.toInt(nullptr, 16) > nonce->second.nLast;
-    nonce->second.nLast = std::max(nonce->second.nLast, count.toInt(nullptr, 16));
-    return bNew && !nonce->second.bStale && parameterOf(value, "response") == expected;
-}
+public:
+    static constexpr char kUser[] = "u";
+    static constexpr char kPassword[] = "p:&";
 
-inline QByteArray Guard::challenge(const Exchange& exchange)
-{
-    if (exchange.login == eBasic)
-        return "Basic realm=\"here\"";
-    const QByteArray nonce = "n=" + QByteArray::number(static_cast<int>(m_nonces.size()));
-    m_nonces[nonce];
-    return "Digest realm=\"here\", nonce=\"" + nonce + "\", qop=\"auth\", algorithm=MD5";
-}
+    bool admits(const HttpRequestHeader& request, const Exchange& exchange, sim::Random& random)
+    {
+        const QByteArray value = request.value(QStringLiteral("authorization")).toLatin1();
+        if (exchange.login == eNone)
+            return true;
+        if (exchange.login == eBasic)
+            return value == "Basic " + QByteArray(QByteArray(kUser) + ':' + kPassword).toBase64();
+        const auto nonce
+            = m_nonces.find(parameterOf(value, " nonce").isEmpty() ? parameterOf(value, "nonce")
+                                                                   : parameterOf(value, " nonce"));
+        if (!value.startsWith("Digest ") || nonce == m_nonces.end())
+            return false;
+        const QByteArray count = parameterOf(value, "nc");
+        const QByteArray ha1 = md5(QByteArray(kUser) + ":here:" + kPassword);
+        const QByteArray ha2 = md5(request.method().toLatin1() + ':' + request.path().toLatin1());
+        const QByteArray expected = md5(
+            ha1 + ':' + nonce->first + ':' + count + ':' + parameterOf(value, "cnonce") + ":auth:" + ha2);
+        if (exchange.nSeen == 1 && nonce->second.nLast > 0 && random.chance(0.1))
+            nonce->second.bStale = true;
+        const bool bNew = count.toInt(nullptr, 16) > nonce->second.nLast;
+        nonce->second.nLast = std::max(nonce->second.nLast, count.toInt(nullptr, 16));
+        return bNew && !nonce->second.bStale && parameterOf(value, "response") == expected;
+    }
+    QByteArray challenge(const Exchange& exchange)
+    {
+        if (exchange.login == eBasic)
+            return "Basic realm=\"here\"";
+        const QByteArray nonce = "n=" + QByteArray::number(static_cast<int>(m_nonces.size()));
+        m_nonces[nonce];
+        return "Digest realm=\"here\", nonce=\"" + nonce + "\", qop=\"auth\", algorithm=MD5";
+    }
+
+private:
+    struct Nonce {
+        int nLast = 0;
+        bool bStale = false;
+    };
+    std::map<QByteArray, Nonce> m_nonces;
+};
 
 // What all sides of a run share.
 struct Stage {
@@ -179,7 +174,29 @@ struct Stage {
         return nCuts == 0 && !weather.mayReset() && !weather.mayFail() && weather.refuse == 0
             && weather.lose == 0;
     }
-    Exchange& newExchange();
+    Exchange& newExchange()
+    {
+        sim::Random& random = world.random();
+        exchanges.emplace_back();
+        Exchange& e = exchanges.back();
+        e.nNumber = static_cast<int>(exchanges.size());
+        if (random.chance(0.4))
+            e.asking = static_cast<Asking>(random.between(eWithBody, eUploadHalf));
+        e.nAsked = e.asking == ePlain ? 0 : static_cast<int>(random.size(200000));
+        e.framing = static_cast<Framing>(random.below(5));
+        e.bHead = e.asking == ePlain && random.chance(0.1);
+        e.nStatus = random.chance(0.1) ? 204 : random.chance(0.2) ? 404 : 200;
+        if (e.nStatus == 204 || e.bHead)
+            e.framing = eLength;
+        e.bStream = !e.isMultipart() && random.chance(0.3);
+        e.nAnswer = e.isMultipart()                  ? static_cast<int>(random.between(1, 12))
+            : e.nStatus == 204 || random.chance(0.1) ? 0
+                                                     : static_cast<int>(random.size(400000));
+        e.login = e.isUpload() || random.chance(0.6) ? eNone : random.chance(0.5) ? eBasic : eDigest;
+        e.bRight = random.chance(0.8);
+        e.bClose = random.chance(0.15);
+        return e;
+    }
     Exchange& of(const QString& path)
     {
         const int number = path.midRef(1).toInt();
@@ -197,27 +214,4 @@ struct Stage {
     }
 };
 
-inline Exchange& Stage::newExchange()
-{
-    sim::Random& random = world.random();
-    exchanges.emplace_back();
-    Exchange& e = exchanges.back();
-    e.nNumber = static_cast<int>(exchanges.size());
-    if (random.chance(0.4))
-        e.asking = static_cast<Asking>(random.between(eWithBody, eUploadHalf));
-    e.nAsked = e.asking == ePlain ? 0 : static_cast<int>(random.size(200000));
-    e.framing = static_cast<Framing>(random.below(5));
-    e.bHead = e.asking == ePlain && random.chance(0.1);
-    e.nStatus = random.chance(0.1) ? 204 : random.chance(0.2) ? 404 : 200;
-    if (e.nStatus == 204 || e.bHead)
-        e.framing = eLength;
-    e.bStream = !e.isMultipart() && random.chance(0.3);
-    e.nAnswer = e.isMultipart()                  ? static_cast<int>(random.between(1, 12))
-        : e.nStatus == 204 || random.chance(0.1) ? 0
-                                                 : static_cast<int>(random.size(400000));
-    e.login = e.isUpload() || random.chance(0.6) ? eNone : random.chance(0.5) ? eBasic : eDigest;
-    e.bRight = random.chance(0.8);
-    e.bClose = random.chance(0.15);
-    return e;
-}
 } // namespace web

@@ -51,7 +51,7 @@ public:
             };
             peer.onFailure = [this](int error) {
                 sim::trace("a pipeliner's failure: %d", error);
-                m_stage.world.expect(
+                m_world.expect(
                     !m_stage.isKind() || !m_bStrict, "a connection fails with %d: %s", error, text().c_str());
                 m_bOver = true;
             };
@@ -74,8 +74,8 @@ public:
     }
     void check() const
     {
-        m_stage.world.expect(isOver(), "waits in vain: %s", text().c_str());
-        m_stage.world.expect(
+        m_world.expect(isOver(), "waits in vain: %s", text().c_str());
+        m_world.expect(
             !m_stage.isKind() || !m_bStrict || m_nAnswered == m_nExpected, "ends early: %s", text().c_str());
     }
 
@@ -110,7 +110,7 @@ private:
     }
     void later(std::uint64_t ms, const std::function<void()>& event)
     {
-        m_stage.world.after(ms, [event, alive = std::weak_ptr<bool>(m_pAlive)] {
+        m_world.after(ms, [event, alive = std::weak_ptr<bool>(m_pAlive)] {
             if (!alive.expired())
                 event();
         });
@@ -120,7 +120,7 @@ private:
         using Event = Nuvika::HttpMessageReader::Event;
         m_reader.feed(bytes.constData(), bytes.size());
         for (Event event = m_reader.next(); event != Event::NeedMore; event = m_reader.next()) {
-            m_stage.world.expect(event != Event::Failed && m_nAnswered < m_nExpected,
+            m_world.expect(event != Event::Failed && m_nAnswered < m_nExpected,
                 "an answer to nobody, or none: %.100s", bytes.constData());
             if (event == Event::Head)
                 readHead(HttpResponseHeader::fromBytes(m_reader.data(), m_reader.size()));
@@ -138,8 +138,8 @@ private:
     {
         const Exchange& e = *m_asked[m_nAnswered];
         m_bInterim = header.statusCode() == 103;
-        m_stage.world.expect(m_bInterim || header.statusCode() == e.nStatus, "request %d: status %d",
-            e.nNumber, header.statusCode());
+        m_world.expect(m_bInterim || header.statusCode() == e.nStatus, "request %d: status %d", e.nNumber,
+            header.statusCode());
         m_reader.setBody(e.hasBody() && !m_bInterim
                 ? Nuvika::HttpBody::fromFields(header, Nuvika::HttpBody::UntilEnd)
                 : Nuvika::HttpBody());
@@ -155,13 +155,14 @@ private:
         }
         const QByteArray body = std::exchange(m_body, QByteArray());
         const bool bMayBeCut = m_bOver && !m_stage.isKind();
-        m_stage.world.expect(bMayBeCut ? whole.startsWith(body) : body == whole,
+        m_world.expect(bMayBeCut ? whole.startsWith(body) : body == whole,
             "request %d: %d of %d bytes, or others", e.nNumber, body.size(), whole.size());
         ++m_nAnswered;
         e.outcome = eFinished;
     }
 
     Stage& m_stage;
+    sim::World& m_world = m_stage.world;
     sim::Random m_random;
     sim::Peer* m_pPeer = nullptr;
     const bool m_bLazy = m_random.chance(0.2); // reads late, and the server has to wait
