@@ -29,9 +29,9 @@ class RtspSession;
 ///
 /// Threads: owned by the thread that made it, which needs an event loop and may have a thousand of them; the
 /// library must be initialised for host names.
-/// Lifetime: a handler of any signal may stop, reuse or delete the client; the destructor sends TEARDOWN and
-/// waits for nothing. Packets, RTCP and units are valid during the emission only, and cannot pass a queued
-/// connection.
+/// Lifetime: a handler of any signal may stop, reuse or delete the client; the destructor sends TEARDOWN, as
+/// far as the system takes it at once, and waits for nothing. Packets, RTCP and units are valid during the
+/// emission only, and cannot pass a queued connection.
 /// Signals are never emitted inside a call of this class, but messageSent().
 ///
 /// Errors: error(int) with the status where the server refused (401, 404, 461, ...), 415 when nothing that it
