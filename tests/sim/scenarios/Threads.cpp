@@ -95,6 +95,7 @@ Room::Room(House& house) : m_house(house)
 Room::~Room()
 {
     const QMutexLocker lock(&m_house.mutex);
+    ++m_house.nCuts; // connections may wait in its server
     m_house.rooms.erase(std::find(m_house.rooms.begin(), m_house.rooms.end(), this));
 }
 
