@@ -1,0 +1,76 @@
+// The request engine's time limits.
+#include "http/HttpRequestEngine_p.h"
+
+#include "platform/ErrorCodes_p.h"
+
+#include <algorithm>
+
+using namespace Nuvika;
+
+namespace
+{
+QString textOf(HttpWaits::Kind kind, const HttpTimeLimits& limits)
+{
+    const QString ms = QStringLiteral(" ms");
+    switch (kind) {
+    case HttpWaits::eConnect:
+        return QStringLiteral("no connection within ") + QString::number(limits.nConnect) + ms;
+    case HttpWaits::eFirstByte:
+        return QStringLiteral("no answer within ") + QString::number(limits.nFirstByte) + ms;
+    case HttpWaits::eSilence:
+        return QStringLiteral("the server was silent for ") + QString::number(limits.nSilence) + ms;
+    case HttpWaits::eRequest:
+    case HttpWaits::eCount:
+        break;
+    }
+    return QStringLiteral("the request took more than ") + QString::number(limits.nRequest) + ms;
+}
+} // namespace
+
+// The request has been handed over; what of it has not left counts as progress once it does.
+void HttpRequestEngine::limitExchange()
+{
+    m_deadlines.setLimit(HttpWaits::eFirstByte, m_timeLimits.nFirstByte);
+    m_deadlines.setLimit(HttpWaits::eSilence, m_timeLimits.nSilence);
+    m_nLastToSend = 0;
+    noteProgress();
+}
+
+void HttpRequestEngine::deadlinePassed()
+{
+    const Watched::Watch watch = m_session.watch();
+    for (auto kind = m_deadlines.takeDue(); kind != HttpWaits::eCount; kind = m_deadlines.takeDue()) {
+        if (!hasPassed(kind))
+            continue;
+        m_uploadEndTimer.stop();
+        failFront({HttpFailure::eTimeLimit, ErrorCodes::kTimedOut, textOf(kind, m_timeLimits)}, true);
+        if (!watch.holds())
+            return;
+    }
+}
+
+// Bytes move no moment; that they did is seen here. Then, and while the next step is the caller's (the rest
+// of an upload, a handler that runs a loop), the limit begins anew.
+bool HttpRequestEngine::hasPassed(HttpWaits::Kind kind)
+{
+    if (m_requests.empty())
+        return false;
+    if (kind != HttpWaits::eFirstByte && kind != HttpWaits::eSilence)
+        return true;
+    const qint64 toSend = m_transport.bytesToSend();
+    const bool bCallersTurn = m_input.isReading() || (toSend == 0 && m_requests.front().owesBody());
+    const bool bMoves = toSend != std::exchange(m_nLastToSend, toSend) || bCallersTurn;
+    if (kind == HttpWaits::eFirstByte) {
+        if (!bMoves && toSend == 0)
+            return true;
+        m_deadlines.setLimit(kind, m_timeLimits.nFirstByte);
+        return false;
+    }
+    if (bMoves)
+        m_lastProgressUs = monotonicUs();
+    const qint64 dueUs = m_lastProgressUs + m_timeLimits.nSilence * 1000LL;
+    if (dueUs <= monotonicUs())
+        return true;
+    m_deadlines.setAt(kind, dueUs);
+    return false;
+}
