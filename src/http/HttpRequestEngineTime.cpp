@@ -11,19 +11,21 @@ namespace
 {
 QString textOf(HttpWaits::Kind kind, const HttpTimeLimits& limits)
 {
-    const QString ms = QStringLiteral(" ms");
+    const auto within = [](const char* what, int ms) {
+        return QLatin1String(what) + QString::number(ms / 1000.0) + QLatin1String(" s");
+    };
     switch (kind) {
     case HttpWaits::eConnect:
-        return QStringLiteral("no connection within ") + QString::number(limits.nConnect) + ms;
+        return within("no connection within ", limits.nConnect);
     case HttpWaits::eFirstByte:
-        return QStringLiteral("no answer within ") + QString::number(limits.nFirstByte) + ms;
+        return within("no answer within ", limits.nFirstByte);
     case HttpWaits::eSilence:
-        return QStringLiteral("the server was silent for ") + QString::number(limits.nSilence) + ms;
+        return within("the server was silent for ", limits.nSilence);
     case HttpWaits::eRequest:
     case HttpWaits::eCount:
         break;
     }
-    return QStringLiteral("the request took more than ") + QString::number(limits.nRequest) + ms;
+    return within("the request took more than ", limits.nRequest);
 }
 } // namespace
 

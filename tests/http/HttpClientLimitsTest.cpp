@@ -41,17 +41,17 @@ TEST(HttpClientLimits, APassedLimitFailsTheRequestOnceAndTheNextOneIsSent)
         QByteArray answer;
         const char* text;
     } cases[] = {
-        {"no answer", limits(0, 40, 0, 0), get, "", "no answer within 40 ms"},
-        {"half a head", limits(0, 40, 60, 0), get, "HTTP/1.1 200", "the server was silent for 60 ms"},
+        {"no answer", limits(0, 40, 0, 0), get, "", "no answer within 0.04 s"},
+        {"half a head", limits(0, 40, 60, 0), get, "HTTP/1.1 200", "the server was silent for 0.06 s"},
         {"half a body", limits(0, 0, 60, 0), get, ok("content-length: 9\r\n", "half"),
-            "the server was silent for 60 ms"},
+            "the server was silent for 0.06 s"},
         {"a stream that never ends", limits(0, 0, 0, 80), get, ok("", "piece"),
-            "the request took more than 80 ms"},
+            "the request took more than 0.08 s"},
         {"a login that is asked for again", limits(0, 0, 0, 80), [](Exchange& x) { x.login(); },
-            denied("Basic realm=\"r\""), "the request took more than 80 ms"},
+            denied("Basic realm=\"r\""), "the request took more than 0.08 s"},
         {"an upload that nobody reads", limits(0, 60, 60, 0),
             [](Exchange& x) { x.client->request(upload(64 << 20), QByteArray(64 << 20, 'x')); }, "",
-            "the server was silent for 60 ms"},
+            "the server was silent for 0.06 s"},
     };
     for (const auto& c : cases) {
         Exchange x;
@@ -84,7 +84,7 @@ TEST(HttpClientLimits, AConnectionThatDoesNotComeAboutEndsInTime)
     const int id = client.get(QStringLiteral("/"), QString(), QString(), true);
     ASSERT_TRUE(told.sees("failed1"));
     told.expect({"error 10060", "failed1"});
-    EXPECT_EQ(client.failureOf(id).text.toStdString(), "no connection within 50 ms");
+    EXPECT_EQ(client.failureOf(id).text.toStdString(), "no connection within 0.05 s");
 }
 
 // What moves, and what waits for the caller, is not silence.
