@@ -32,10 +32,10 @@ QString textOf(HttpWaits::Kind kind, const HttpTimeLimits& limits)
 // The request has been handed over; what of it has not left counts as progress once it does.
 void HttpRequestEngine::limitExchange()
 {
-    m_deadlines.setLimit(HttpWaits::eFirstByte, m_timeLimits.nFirstByte);
-    m_deadlines.setLimit(HttpWaits::eSilence, m_timeLimits.nSilence);
     m_nLastToSend = 0;
     noteProgress();
+    m_deadlines.setLimit(HttpWaits::eFirstByte, m_timeLimits.nFirstByte);
+    m_deadlines.setLimit(HttpWaits::eSilence, m_timeLimits.nSilence);
 }
 
 void HttpRequestEngine::deadlinePassed()
