@@ -7,6 +7,8 @@
 #include "http/HttpTransport_p.h"
 #include "net/ReceivePlacer_p.h"
 
+#include <type_traits>
+
 namespace Nuvika
 {
 template <class Socket>
@@ -27,6 +29,8 @@ public:
     void stallRecv() override { m_socket.stallRecv(); }
     void resumeRecv() override { m_socket.resumeRecv(); }
     bool hasPendingInput() const override { return m_socket.hasPendingInput(); }
+    bool isTls() const override { return std::is_same_v<Socket, NuvikaSslSocket>; }
+    qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
 
