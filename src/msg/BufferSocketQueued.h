@@ -29,8 +29,7 @@ public:
     /// Bytes of messages, as they travel, that were not yet given to the system; 0 when not connected.
     qint64 bytesToSend() const;
     /// While so many bytes wait, sendBuffer() refuses further ones: false, and nothing is taken; sigCanSend()
-    /// comes when fewer do. A message that was taken is taken whole, also past the limit. 0, the default:
-    /// none.
+    /// follows. A message that was taken is taken whole, also past the limit. 0, the default: none.
     void setSendLimit(qint64 bytes);
     /// What tells that refusal from the others. canSend() is false as well.
     bool isSendLimitReached() const;

@@ -132,7 +132,7 @@ public:
     /// 0 when not connected.
     qint64 bytesToSend() const;
     /// While so many bytes wait, sendData() refuses further ones: false, and nothing is taken; sigCanSend()
-    /// comes when fewer do. A block that was taken is taken whole, also past the limit. 0, the default: none.
+    /// follows. A block that was taken is taken whole, also past the limit. 0, the default: none.
     /// What TLS itself sends, such as answers to the peer's key updates and the end, is never refused.
     void setSendLimit(qint64 bytes);
     /// What tells that refusal from the others. canSend() is false as well.

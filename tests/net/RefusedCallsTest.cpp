@@ -88,43 +88,49 @@ Outcome connectAndReceive(const QString& host)
         3000);
     return {wait.bReceived, wait.bError};
 }
+
+Outcome listenAndAccept(const LogCapture& log, bool (NuvikaTcpServer::*listen)(const QHostAddress&, quint16))
+{
+    ByteWait wait;
+    NuvikaTcpServer server;
+    QObject::connect(
+        &server, &NuvikaTcpServer::newConnectionDesc, [&](int s) { wait.socket.setSocketDescriptor(s); });
+    if (!(server.*listen)(QHostAddress(QHostAddress::Any), 0))
+        return {false, log.has("NuvikaTcpServerThread::", QtCriticalMsg)};
+    RawSocket client = RawSocket::connectTo(server.serverPort());
+    client.write("x");
+    waitFor([&] { return wait.isOver(); }, 3000);
+    return {wait.bReceived, wait.bError};
+}
 } // namespace
 
 TEST(RefusedCalls, WhileListeningAndAccepting)
 {
-    eachCall([](const LogCapture& log) -> Outcome {
-        ByteWait wait;
-        NuvikaTcpServer server;
-        QObject::connect(
-            &server, &NuvikaTcpServer::newConnectionDesc, [&](int s) { wait.socket.setSocketDescriptor(s); });
-        if (!server.listen(kLocal, 0))
-            return {false, log.has("NuvikaTcpServerThread::", QtCriticalMsg)};
-        RawSocket client = RawSocket::connectTo(server.serverPort());
-        client.write("x");
-        waitFor([&] { return wait.isOver(); }, 3000);
-        return {wait.bReceived, wait.bError};
-    });
+    for (const auto listen : {&NuvikaTcpServer::listen, &NuvikaTcpServer::listenAnyFamily})
+        eachCall([&](const LogCapture& log) { return listenAndAccept(log, listen); });
 }
 
 TEST(RefusedCalls, WhileDatagramsAreSentAndReceived)
 {
-    eachCall([](const LogCapture& log) -> Outcome {
-        NuvikaUdpReceiver receiver;
-        NuvikaUdpSender sender;
-        bool bReceived = false;
-        receiver.registerCallback(
-            [](const NuvikaUdpReceiver::Datagram*, void* p) { *static_cast<bool*>(p) = true; }, &bReceived);
-        unsigned short port = 0;
-        if (!receiver.createUnicast(port, kLocal))
-            return {
-                false, !receiver.errorString().isEmpty() && log.has("NuvikaUdpReceiver::createUnicast()")};
-        NuvikaLLSock::ADDR_V4_V6 to;
-        NuvikaLLSock::createSockAddr(&to, kLocal, port);
-        if (!sender.sendTo("x", 1, to))
-            return {false, !sender.errorString().isEmpty()};
-        waitFor([&] { return bReceived || log.has("NuvikaUdpReceiverIO::"); }, 3000);
-        return {bReceived, log.has("NuvikaUdpReceiverIO::", QtWarningMsg)};
-    });
+    for (const QHostAddress& local : {kLocal, QHostAddress(QHostAddress::LocalHostIPv6)})
+        eachCall([&](const LogCapture& log) -> Outcome {
+            NuvikaUdpReceiver receiver;
+            NuvikaUdpSender sender(local.protocol());
+            bool bReceived = false;
+            receiver.registerCallback(
+                [](const NuvikaUdpReceiver::Datagram*, void* p) { *static_cast<bool*>(p) = true; },
+                &bReceived);
+            unsigned short port = 0;
+            if (!receiver.createUnicast(port, local))
+                return {false,
+                    !receiver.errorString().isEmpty() && log.has("NuvikaUdpReceiver::createUnicast()")};
+            NuvikaLLSock::ADDR_V4_V6 to;
+            NuvikaLLSock::createSockAddr(&to, local, port);
+            if (!sender.sendTo("x", 1, to))
+                return {false, !sender.errorString().isEmpty()};
+            waitFor([&] { return bReceived || log.has("NuvikaUdpReceiverIO::"); }, 3000);
+            return {bReceived, log.has("NuvikaUdpReceiverIO::", QtWarningMsg)};
+        });
 }
 
 TEST(RefusedCalls, WhileTheLibraryStartsConnectsByNameAndEnds)

@@ -1,7 +1,6 @@
 // What waits behind a socket, and a bound for it. The limits lie below the socket's own queue, and beyond it.
 #include "net/SslTalkers.h"
 
-#include <KepNuvikaUtil/BufferSocketFixedFifo.h>
 #include <KepNuvikaUtil/BufferSocketQueued.h>
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
@@ -22,16 +21,14 @@ template <class Socket>
 int sendToTheLimit(Socket& socket, qint64 limit, const std::function<void()>& letPeerRead)
 {
     settle(10); // the sigCanSend of the new connection
-    EXPECT_EQ(socket.bytesToSend(), 0);
     socket.setSendLimit(limit);
     int nTaken = 0;
-    while (nTaken < 1000 && sendTo(socket))
-        ++nTaken;
-    settle(20); // what the system takes late
-    while (nTaken < 1000 && sendTo(socket))
-        ++nTaken;
-    EXPECT_TRUE(socket.isSendLimitReached()) << limit;
-    EXPECT_FALSE(socket.canSend()) << limit;
+    for (int i = 0; i < 200; ++i) {
+        nTaken += sendTo(socket) ? 1 : 0;
+        if (i == 100)
+            settle(20); // the system takes some late
+    }
+    EXPECT_TRUE(socket.isSendLimitReached() && !socket.canSend()) << limit;
     EXPECT_GE(socket.bytesToSend(), limit);
     EXPECT_LT(socket.bytesToSend(), limit + kBlock.size() * 21 / 20) << "a refused block was taken";
     int nRooms = 0;
@@ -56,18 +53,12 @@ void expectLimits(int perBlock)
         RawListener listener;
         RawSocket peer;
         Socket socket(false);
-        socket.setSendLimit(1);
-        EXPECT_FALSE(sendTo(socket));
-        EXPECT_FALSE(socket.isSendLimitReached()) << "not connected is another reason";
+        EXPECT_TRUE(!sendTo(socket) && !socket.isSendLimitReached()) << "not connected is another reason";
         socket.connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
         ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
         settle(10);
         const int nTaken = sendToTheLimit(socket, limit, [&] { peer.received(); });
         EXPECT_TRUE(waitFor([&] { return peer.received().size() == nTaken * perBlock; })) << "bytes are lost";
-        for (int i = 0; i < 200; ++i)
-            EXPECT_TRUE(sendTo(socket)) << "without a limit all is taken";
-        socket.close();
-        EXPECT_EQ(socket.bytesToSend(), 0);
     }
 }
 } // namespace
@@ -104,25 +95,16 @@ TEST(BytesToSend, AreWhatTheSystemHasNotTaken)
     RawListener listener;
     RawSocket peer;
     NuvikaTcpSocket socket;
-    BufferSocketFixedFifo messages(false);
     const QByteArray data(8 << 20, 'x');
-    const auto expectCount = [&](auto& sender, const auto& send, int size) {
-        EXPECT_EQ(sender.bytesToSend(), 0);
-        sender.connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
-        ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
-        settle(10);
-        EXPECT_TRUE(send());
-        settle(20);
-        EXPECT_GT(sender.bytesToSend(), size - (4 << 20)) << "the system holds far less";
-        EXPECT_LT(sender.bytesToSend(), size);
-        const qint64 before = sender.bytesToSend();
-        EXPECT_FALSE(send());
-        EXPECT_EQ(sender.bytesToSend(), before) << "nothing of a refused block counts";
-        EXPECT_TRUE(waitFor([&] { return peer.received().size() == size; }));
-        EXPECT_TRUE(waitFor([&] { return sender.bytesToSend() == 0; })) << sender.bytesToSend();
-    };
-    expectCount(
-        socket, [&] { return socket.sendData(data.constData(), data.size()); }, data.size());
-    expectCount(
-        messages, [&] { return messages.sendBuffer(data.constData(), data.size()); }, data.size() + 8);
+    EXPECT_EQ(socket.bytesToSend(), 0);
+    socket.connectToHost(QHostAddress(QHostAddress::LocalHost), listener.port());
+    ASSERT_TRUE(waitFor([&] { return (peer = listener.accept()).isOpen(); }));
+    settle(10);
+    EXPECT_TRUE(socket.sendData(data.constData(), data.size()));
+    settle(20);
+    const qint64 before = socket.bytesToSend();
+    EXPECT_TRUE(before > data.size() / 2 && before < data.size()) << before;
+    EXPECT_FALSE(socket.sendData("x", 1));
+    EXPECT_EQ(socket.bytesToSend(), before) << "a refused block does not count";
+    EXPECT_TRUE(waitFor([&] { return peer.received().size() == data.size() && socket.bytesToSend() == 0; }));
 }

@@ -73,42 +73,32 @@ TEST(TcpServer, ListensOnBothFamiliesAndTellsIPv4PeersAsSuch)
     const QHostAddress local6(QHostAddress::LocalHostIPv6);
     const struct {
         QHostAddress listened, told;
-        bool bTakesIPv4, bTakesIPv6;
+        bool bIPv4, bIPv6;
     } rows[] = {{any, any, true, true}, {any6, any6, false, true}, {local6, local6, false, true},
-        {any4, any4, true, false}, {kLocal, kLocal, true, false}, {any, any4, true, false}};
+        {kLocal, kLocal, true, false}, {any, any4, true, false}};
     for (const auto& row : rows) {
-        const std::string where
-            = row.listened.toString().toStdString() + " as " + row.told.toString().toStdString();
         Server server, second;
-        if (row.listened == any && row.told == any4)
-            seams::opening.arm(1, EAFNOSUPPORT); // a host without IPv6
-        ASSERT_TRUE(server.listenAnyFamily(row.listened, 0)) << where;
-        EXPECT_EQ(server.serverAddress(), row.told) << where;
-        const unsigned short port = server.serverPort();
+        seams::opening.arm(row.listened == any && row.told == any4 ? 1 : 0, EAFNOSUPPORT); // no IPv6
+        ASSERT_TRUE(server.listenAnyFamily(row.listened, 0)) << row.listened.toString().toStdString();
+        EXPECT_EQ(server.serverAddress(), row.told);
         for (const QHostAddress& target : {kLocal, local6}) {
             NuvikaTcpSocket client, accepted;
-            client.connectToHost(target, port);
+            client.connectToHost(target, server.serverPort());
             ASSERT_TRUE(waitFor([&] { return client.getState() != NuvikaTcpSocket::eConnecting; }));
-            const bool bTaken = target == kLocal ? row.bTakesIPv4 : row.bTakesIPv6;
-            ASSERT_EQ(client.getState() == NuvikaTcpSocket::eConnected, bTaken) << where;
-            if (!bTaken)
-                continue;
-            ASSERT_TRUE(waitFor([&] { return !server.accepted.empty(); })) << where;
-            accepted.setSocketDescriptor(server.accepted.back().release());
+            const bool bTaken = client.getState() == NuvikaTcpSocket::eConnected;
+            ASSERT_EQ(bTaken, target == kLocal ? row.bIPv4 : row.bIPv6) << row.told.toString().toStdString();
+            ASSERT_TRUE(!bTaken || waitFor([&] { return !server.accepted.empty(); }));
+            if (bTaken) {
+                accepted.setSocketDescriptor(server.accepted.back().release());
+                EXPECT_EQ(accepted.peerAddress(), target) << accepted.peerAddress().toString().toStdString();
+                EXPECT_EQ(accepted.localAddress(), target);
+            }
             server.accepted.clear();
-            EXPECT_EQ(accepted.peerAddress(), target)
-                << where << accepted.peerAddress().toString().toStdString();
-            EXPECT_EQ(accepted.localAddress(), target) << where;
-            EXPECT_EQ(accepted.peerPort(), client.localPort());
         }
-        EXPECT_FALSE(second.listenAnyFamily(row.listened, port)) << "a live listener keeps its port";
-        server.close();
-        EXPECT_TRUE(server.listenAnyFamily(row.listened, port)) << "at once: " << where;
+        EXPECT_FALSE(second.listenAnyFamily(row.listened, server.serverPort())) << "it has a live listener";
+        EXPECT_EQ(second.listen(kLocal, server.serverPort()), !row.bIPv4) << "over IPv4, too";
     }
-    Server server, second;
-    EXPECT_FALSE(server.listenAnyFamily(QHostAddress(), 0)) << "a null address is no address";
-    ASSERT_TRUE(server.listenAnyFamily(any, 0));
-    EXPECT_FALSE(second.listen(kLocal, server.serverPort())) << "IPv4 is taken, too";
+    EXPECT_FALSE(Server().listenAnyFamily(QHostAddress(), 0)) << "a null address is no address";
 }
 
 TEST(TcpServer, PausesAndTellsOnceWhileAcceptingFails)
