@@ -2,6 +2,7 @@
 
 #include "PictureKind.h"
 
+#include <KepNuvikaUtil/NuvikaError.h>
 #include <KepNuvikaUtil/SocketError.h>
 
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
@@ -10,9 +11,6 @@ namespace
 {
 constexpr int kSilenceMs = 10000;
 constexpr int kSnapshotIntervalMs = 500;
-constexpr int kHostNotFound = 11001;
-constexpr int kVerificationRefused = 10013;
-constexpr int kConnectionAborted = 10053;
 
 QString noPicture(const QByteArray& type, int size)
 {
@@ -48,10 +46,10 @@ QString HttpCamera::whyFailed() const
     switch (m_nError) {
     case 0:
         return QStringLiteral("connection lost");
-    case kHostNotFound:
+    case NuvikaError::eHostNotFound:
         return QStringLiteral("host not found");
-    case kVerificationRefused:
-    case kConnectionAborted:
+    case NuvikaError::eAccessDenied:
+    case NuvikaError::eConnectionAborted:
         return m_client->errorString();
     default:
         return SocketError::format(m_nError).toLower();

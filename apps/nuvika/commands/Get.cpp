@@ -6,6 +6,8 @@
 #include "base/Output.h"
 #include "base/Target.h"
 
+#include <KepNuvikaUtil/NuvikaError.h>
+
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFileInfo>
@@ -111,18 +113,18 @@ private:
     {
         int code = Exit::kNoConnection;
         QString reason = m_client->errorString();
-        if (m_nError == 11001) {
+        if (m_nError == NuvikaError::eHostNotFound) {
             code = Exit::kNoHost;
             reason = QStringLiteral("no host \"%1\" is known").arg(m_target.host);
         } else if (m_nError == 0) {
             code = Exit::kLost;
             reason = QStringLiteral("the connection was lost before the answer was complete");
-        } else if (m_nError == 10053) {
+        } else if (m_nError == NuvikaError::eConnectionAborted) {
             const bool bConnected = !m_client->lastPeerAddress().isNull();
             code = bConnected ? Exit::kLost : Exit::kTls;
-        } else if (m_target.bTls && m_nError == 10013) {
+        } else if (m_target.bTls && m_nError == NuvikaError::eAccessDenied) {
             code = Exit::kCertificate;
-        } else if (m_target.bTls && m_nError == 5) {
+        } else if (m_target.bTls && m_nError == NuvikaError::eHandshakeTimeout) {
             code = Exit::kTimeout;
         }
         Output::complain(QStringLiteral("%1: %2").arg(m_target.shown(), reason));
