@@ -9,6 +9,7 @@
 #include <vector>
 
 class NuvikaUdpReceiverIO;
+class QDebug;
 
 /// Receives datagrams on one UDP socket, IPv4 or IPv6, unicast or multicast, and hands each to registered
 /// callbacks, without a copy.
@@ -101,3 +102,6 @@ private:
     QString m_errorString;
     Qt::HANDLE m_currentThreadId;
 };
+
+/// For logs: the size and the sender.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NuvikaUdpReceiver::Datagram& datagram);
