@@ -7,8 +7,8 @@
 ///
 ///     if (code == NuvikaError::eConnectionRefused) ...
 ///
-/// RtspClient::error() also tells the status of a server that refused, from 300 to 599, which is none of
-/// these.
+/// RtspClient::error() also tells the status of a server that refused: a number from 300 to 999, which is
+/// none of these.
 namespace NuvikaError
 {
 enum Code : int {
