@@ -39,6 +39,7 @@
 #include <KepNuvikaUtil/NTPTimestamp.h>
 #include <KepNuvikaUtil/NUVIKA_RECT.h>
 #include <KepNuvikaUtil/NUVIKA_SIZE.h>
+#include <KepNuvikaUtil/NuvikaError.h>
 #include <KepNuvikaUtil/NuvikaSslSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>

@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+class QDebug;
 class SharedPoolBuffer;
 
 /// A pool of reference-counted buffers.
@@ -85,5 +86,8 @@ private:
 
     SharedBufferPool::BUFFER* m_pBuffer = nullptr;
 };
+
+/// For logs: the size.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SharedPoolBuffer& buffer);
 
 Q_DECLARE_METATYPE(SharedPoolBuffer)

@@ -3,6 +3,7 @@
 #include <KepNuvikaUtil/Export.h>
 
 class QDataStream;
+class QDebug;
 
 /// A growable byte buffer on an aligned block.
 ///
@@ -85,3 +86,6 @@ KEPNUVIKAUTIL_EXPORT QDataStream& operator<<(QDataStream& stream, const Variable
 /// Reads what operator<< wrote. Length 0xFFFFFFFF counts as 0. A stream that ends early leaves an empty
 /// buffer and the status QDataStream::ReadPastEnd; memory grows only with bytes that have arrived.
 KEPNUVIKAUTIL_EXPORT QDataStream& operator>>(QDataStream& stream, VariableBuffer& buffer);
+
+/// For logs: the size.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const VariableBuffer& buffer);

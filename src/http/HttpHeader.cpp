@@ -134,6 +134,8 @@ HttpHeader::HttpHeader(const QString& str) : d_ptr(std::make_unique<HttpHeaderPr
 
 HttpHeader::HttpHeader(const HttpHeader& other) : d_ptr(std::make_unique<HttpHeaderPrivate>(*other.d_ptr)) { }
 
+HttpHeader::HttpHeader(HttpHeader&& other) noexcept = default;
+
 HttpHeader::HttpHeader(std::unique_ptr<HttpHeaderPrivate> d, const QString& str) : d_ptr(std::move(d))
 {
     HttpHeader::parse(str);
@@ -291,7 +293,18 @@ HttpRequestHeader::HttpRequestHeader(const HttpRequestHeader& other)
 
 HttpRequestHeader& HttpRequestHeader::operator=(const HttpRequestHeader& other)
 {
-    request(d_ptr) = request(other.d_ptr);
+    if (d_ptr)
+        request(d_ptr) = request(other.d_ptr);
+    else
+        d_ptr = std::make_unique<HttpRequestHeaderPrivate>(request(other.d_ptr));
+    return *this;
+}
+
+HttpRequestHeader::HttpRequestHeader(HttpRequestHeader&& other) noexcept = default;
+
+HttpRequestHeader& HttpRequestHeader::operator=(HttpRequestHeader&& other) noexcept
+{
+    d_ptr.swap(other.d_ptr);
     return *this;
 }
 
@@ -371,7 +384,18 @@ HttpResponseHeader::HttpResponseHeader(const HttpResponseHeader& other)
 
 HttpResponseHeader& HttpResponseHeader::operator=(const HttpResponseHeader& other)
 {
-    response(d_ptr) = response(other.d_ptr);
+    if (d_ptr)
+        response(d_ptr) = response(other.d_ptr);
+    else
+        d_ptr = std::make_unique<HttpResponseHeaderPrivate>(response(other.d_ptr));
+    return *this;
+}
+
+HttpResponseHeader::HttpResponseHeader(HttpResponseHeader&& other) noexcept = default;
+
+HttpResponseHeader& HttpResponseHeader::operator=(HttpResponseHeader&& other) noexcept
+{
+    d_ptr.swap(other.d_ptr);
     return *this;
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 
 class HttpHeaderPrivate;
+class QDebug;
 
 /// An ordered list of HTTP/1.x header fields (RFC 9112) with a validity flag; base of the two kinds of heads.
 ///
@@ -71,6 +72,13 @@ protected:
 
     std::unique_ptr<HttpHeaderPrivate> d_ptr;
 
+    HttpHeader(HttpHeader&& other) noexcept;
+
 private:
     friend class HttpHeaderPrivate;
 };
+
+/// For logs: the first line and the fields of either kind of head, without what may be a password: the values
+/// of fields with such names (Authorization, cookies, tokens, keys), and in other texts what stands before
+/// the '@' of a URL, behind a question mark, or behind a key such as "password=".
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const HttpHeader& header);

@@ -30,4 +30,8 @@ public:
     /// white space is that of ASCII, and what RFC 9112 tells servers to refuse is not valid (a name that is
     /// no token, control characters, a line feed inside a line, more than one Host).
     static HttpRequestHeader fromBytes(const char* data, int size);
+
+    /// Of a head that was moved from, only assignments of one of the same kind and its destruction are left.
+    HttpRequestHeader(HttpRequestHeader&& other) noexcept;
+    HttpRequestHeader& operator=(HttpRequestHeader&& other) noexcept;
 };

@@ -28,4 +28,8 @@ public:
 
     /// A head from received Latin-1 bytes, without its closing empty line.
     static HttpResponseHeader fromBytes(const char* data, int size);
+
+    /// Of a head that was moved from, only assignments of one of the same kind and its destruction are left.
+    HttpResponseHeader(HttpResponseHeader&& other) noexcept;
+    HttpResponseHeader& operator=(HttpResponseHeader&& other) noexcept;
 };

@@ -3,6 +3,9 @@
 #include <KepNuvikaUtil/Export.h>
 #include <KepNuvikaUtil/NTPTimestamp.h>
 
+#include <QtCore/QHashFunctions>
+#include <QtCore/QPair>
+
 #include <list>
 
 /// A span of time, such as a recorded period: from begin() up to, not including, end(). Nothing enforces
@@ -49,3 +52,11 @@ KEPNUVIKAUTIL_EXPORT void combineRanges(std::list<NTPRange>* ranges);
 /// order are reported as a failed assertion and give no gap.
 KEPNUVIKAUTIL_EXPORT void gapsFromCombinedRanges(
     const std::list<NTPRange>& combined, std::list<NTPRange>* gaps);
+
+inline uint qHash(const NTPRange& range, uint seed = 0)
+{
+    return qHash(qMakePair(range.begin(), range.end()), seed);
+}
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NTPRange& range);

@@ -3,10 +3,12 @@
 #include <KepNuvikaUtil/Export.h>
 
 #include <QtCore/QDateTime>
+#include <QtCore/QHashFunctions>
 #include <QtCore/QMetaType>
 #include <QtCore/QString>
 
 class QDataStream;
+class QDebug;
 
 /// A point in time as RTCP carries it (RFC 3550, section 4): 64-bit fixed point, the upper 32 bits whole
 /// seconds since 1900-01-01 00:00:00 UTC, the lower 32 bits a fraction in units of 2^-32 s. The default is 0,
@@ -96,5 +98,13 @@ inline NTPTimestamp operator*(quint64 factor, const NTPTimestamp& timestamp) { r
 /// One quint64 in the stream's byte order.
 KEPNUVIKAUTIL_EXPORT QDataStream& operator<<(QDataStream& stream, const NTPTimestamp& timestamp);
 KEPNUVIKAUTIL_EXPORT QDataStream& operator>>(QDataStream& stream, NTPTimestamp& timestamp);
+
+inline uint qHash(const NTPTimestamp& timestamp, uint seed = 0) noexcept
+{
+    return qHash(timestamp.toHostByteOrder(), seed);
+}
+
+/// For logs: the time in UTC as toString() has it, and the value.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NTPTimestamp& timestamp);
 
 Q_DECLARE_METATYPE(NTPTimestamp)

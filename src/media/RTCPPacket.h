@@ -5,6 +5,7 @@
 
 #include <QtCore/QByteArray>
 
+class QDebug;
 class VariableBuffer;
 
 /// The RTCP packet types that are known: full intra request (RFC 2032), sender and receiver report (RFC
@@ -60,3 +61,6 @@ private:
     bool m_bValid = false;
     const unsigned char* m_pData = nullptr;
 };
+
+/// For logs: what the head says, and the size.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RTCPPacket& packet);

@@ -4,6 +4,7 @@
 
 #include <QtCore/QtEndian>
 
+class QDebug;
 class VariableBuffer;
 
 /// Payload type numbers of RTP (RFC 3551 and dynamic types), and the one of a packet that is not valid.
@@ -120,3 +121,6 @@ private:
     bool m_bValid = false;
     const unsigned char* m_pData = nullptr;
 };
+
+/// For logs: what the head says, and sizes.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RTPPacket& packet);

@@ -120,3 +120,9 @@ private:
     const char* m_error = nullptr;
     unsigned int m_nErrorAt = 0;
 };
+
+/// For logs; of a compound the packet that next() came to.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtcpSenderInfo& info);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtcpReportBlock& block);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtcpSdesItem& item);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtcpCompound& rtcp);

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <KepNuvikaUtil/Export.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QSize>
 #include <QtCore/QtGlobal>
+
+class QDebug;
 
 /// What RtpDepacketizer::next() gives: a picture, a frame of audio, a document.
 ///
@@ -44,3 +48,15 @@ struct RtpMediaParameters {
     quint32 nSampleRate = 0; ///< in Hz; what is heard, which need not be the clock rate
     quint32 nChannels = 0;
 };
+
+inline bool operator==(const RtpMediaParameters& a, const RtpMediaParameters& b)
+{
+    return a.codec == b.codec && a.configuration == b.configuration && a.codedSize == b.codedSize
+        && a.shownSize == b.shownSize && a.pixelAspect == b.pixelAspect && a.nSampleRate == b.nSampleRate
+        && a.nChannels == b.nChannels;
+}
+inline bool operator!=(const RtpMediaParameters& a, const RtpMediaParameters& b) { return !(a == b); }
+
+/// For logs: all but the bytes.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpAccessUnit& unit);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpMediaParameters& parameters);

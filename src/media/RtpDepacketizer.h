@@ -75,3 +75,6 @@ private:
     virtual bool give(RtpAccessUnit* unit) = 0;
     virtual void end() = 0;
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpPayloadFormat& payload);

@@ -97,3 +97,7 @@ private:
     QByteArray m_delivered; // of the last pop()
     RtpReorderCounts m_counts;
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpOrderedPacket& ordered);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpReorderCounts& counts);

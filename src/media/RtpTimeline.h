@@ -8,6 +8,8 @@
 #include <optional>
 #include <vector>
 
+class QDebug;
+
 /// When something came, in microseconds.
 struct RtpArrival {
     qint64 monotonicUs = 0; ///< of a clock that nobody sets
@@ -116,3 +118,7 @@ private:
     qint64 m_senderNearUs = 0; // when a track was last near it
     Pace m_senderPace;
 };
+
+/// For logs: seconds, and wall clocks in UTC.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpArrival& arrival);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpTime& time);

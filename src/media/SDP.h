@@ -9,6 +9,8 @@
 #include <QtCore/QStringList>
 #include <QtCore/QVector>
 
+class QDebug;
+
 /// A session description (RFC 4566, now RFC 8866): its lines as (type, value) pairs in three lists, for
 /// reading, editing and writing back.
 ///
@@ -75,6 +77,10 @@ public:
     /// Changes the attribute; false when there is none.
     bool replaceMediaAttribute(int idx, const QString& name, const QString& value);
 
+    /// Moving leaves no lines behind.
+    SDP(SDP&& other) noexcept = default;
+    SDP& operator=(SDP&& other) noexcept = default;
+
 private:
     using Param = QPair<QString, QString>;
     using ParamList = QVector<Param>;
@@ -114,3 +120,6 @@ KEPNUVIKAUTIL_EXPORT extern const QString nuvikaStrongprivacyAttribute;
 KEPNUVIKAUTIL_EXPORT extern const QString nuvikaAssociationsAttribute;
 KEPNUVIKAUTIL_EXPORT extern const QString nuvikaDecoderconfigAttribute;
 KEPNUVIKAUTIL_EXPORT extern const QString nuvikaVirtualptzAttribute;
+
+/// For logs: its lines, without keys and passwords (k, a=crypto, a=key-mgmt; URLs).
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SDP& sdp);

@@ -6,6 +6,8 @@
 #include <QtCore/QString>
 #include <QtCore/QVector>
 
+class QDebug;
+
 /// Who sends, as the description says (RFC 8866, section 6.7).
 enum sdp_direction_t { eSdpSendRecv, eSdpSendOnly, eSdpRecvOnly, eSdpInactive };
 
@@ -104,3 +106,11 @@ struct KEPNUVIKAUTIL_EXPORT SdpDescription {
     QString sessionUrl(const QString& base) const;
     QString trackUrl(int index, const QString& base) const;
 };
+
+/// For logs, without keys and passwords as SDP's; the lines only one by one.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SdpLine& line);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SdpParameter& parameter);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SdpConnection& connection);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SdpFormat& format);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SdpMedia& media);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SdpDescription& description);

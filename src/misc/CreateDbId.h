@@ -3,7 +3,10 @@
 #include <KepNuvikaUtil/DbIdType.h>
 #include <KepNuvikaUtil/Export.h>
 
+#include <QtCore/QHashFunctions>
 #include <QtCore/QString>
+
+class QDebug;
 
 /// Turns an object's displayed name, number and kind into the stable, lowercase identifier that it is stored
 /// under ("Entrance Hall", 7, a camera: "cam_entrancehall_0007"), and into names derived from it.
@@ -26,6 +29,14 @@ public:
     QString getStreamName() const; ///< "Stream 3"
     QString getStreamNamePart() const; ///< "Stream "
 
+    /// Equal name, number and code.
+    bool operator==(const CreateDbId& other) const
+    {
+        return m_nId == other.m_nId && m_name == other.m_name && m_typeName == other.m_typeName;
+    }
+    bool operator!=(const CreateDbId& other) const { return !(*this == other); }
+    friend KEPNUVIKAUTIL_EXPORT uint qHash(const CreateDbId& id, uint seed);
+
 private:
     static QString getTypeName(DbIdType::enuKeyTypes type);
 
@@ -34,3 +45,8 @@ private:
     [[maybe_unused]] DbIdType::enuKeyTypes m_eType = DbIdType::eGEN;
     QString m_typeName;
 };
+
+KEPNUVIKAUTIL_EXPORT uint qHash(const CreateDbId& id, uint seed = 0);
+
+/// For logs: getDbId().
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const CreateDbId& id);

@@ -63,3 +63,6 @@ private:
     double m_dx = 0;
     double m_dy = 0;
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const HMatrix2D& matrix);

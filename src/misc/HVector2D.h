@@ -2,6 +2,10 @@
 
 #include <KepNuvikaUtil/Export.h>
 
+#include <QtCore/QHashFunctions>
+#include <QtCore/QPair>
+
+class QDebug;
 class HMatrix2D;
 
 /// A point or vector of the plane. Comparisons are exact; dividing by zero gives what doubles give.
@@ -31,3 +35,8 @@ private:
     double m_x = 0;
     double m_y = 0;
 };
+
+inline uint qHash(const HVector2D& v, uint seed = 0) { return qHash(qMakePair(v.x(), v.y()), seed); }
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const HVector2D& v);

@@ -3,7 +3,11 @@
 #include <KepNuvikaUtil/Export.h>
 #include <KepNuvikaUtil/WinRecords.h>
 
+#include <QtCore/QHashFunctions>
+#include <QtCore/QPair>
 #include <QtCore/QRect>
+
+class QDebug;
 
 /// A rectangle of whole pixels whose right and bottom are exclusive: its width is right - left. Arithmetic is
 /// 32-bit and wraps.
@@ -35,3 +39,11 @@ struct KEPNUVIKAUTIL_EXPORT NUVIKA_RECT {
     static NUVIKA_RECT fromWinRect(const KepNuvikaUtil::RECT& rect);
     KepNuvikaUtil::RECT toWinRect() const;
 };
+
+inline uint qHash(const NUVIKA_RECT& rect, uint seed = 0)
+{
+    return qHash(qMakePair(qMakePair(rect.left, rect.top), qMakePair(rect.right, rect.bottom)), seed);
+}
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NUVIKA_RECT& rect);

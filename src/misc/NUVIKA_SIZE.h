@@ -4,7 +4,11 @@
 #include <KepNuvikaUtil/NUVIKA_RECT.h>
 #include <KepNuvikaUtil/WinRecords.h>
 
+#include <QtCore/QHashFunctions>
+#include <QtCore/QPair>
 #include <QtCore/QSize>
+
+class QDebug;
 
 /// A size in whole pixels. Only a field of exactly 0 makes it empty; negative sizes are not.
 struct KEPNUVIKAUTIL_EXPORT NUVIKA_SIZE {
@@ -27,3 +31,8 @@ struct KEPNUVIKAUTIL_EXPORT NUVIKA_SIZE {
     QSize toQSize() const { return {cx, cy}; }
     KepNuvikaUtil::SIZE toWinSize() const { return {cx, cy}; }
 };
+
+inline uint qHash(const NUVIKA_SIZE& size, uint seed = 0) { return qHash(qMakePair(size.cx, size.cy), seed); }
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NUVIKA_SIZE& size);

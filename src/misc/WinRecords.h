@@ -2,7 +2,11 @@
 /// The Windows records RECT and SIZE, by layout, for data that was written with them.
 #pragma once
 
+#include <KepNuvikaUtil/Export.h>
+
 #include <QtCore/qglobal.h>
+
+class QDebug;
 
 namespace KepNuvikaUtil
 {
@@ -17,4 +21,16 @@ struct SIZE {
     qint32 cx;
     qint32 cy;
 };
+
+inline bool operator==(const RECT& a, const RECT& b)
+{
+    return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
+}
+inline bool operator!=(const RECT& a, const RECT& b) { return !(a == b); }
+inline bool operator==(const SIZE& a, const SIZE& b) { return a.cx == b.cx && a.cy == b.cy; }
+inline bool operator!=(const SIZE& a, const SIZE& b) { return !(a == b); }
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RECT& rect);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const SIZE& size);
 } // namespace KepNuvikaUtil

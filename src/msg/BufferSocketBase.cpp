@@ -5,6 +5,7 @@
 #include "msg/CommandExtractor_p.h"
 #include "msg/Frame_p.h"
 #include "net/PendingInput_p.h"
+#include "platform/ErrorCodes_p.h"
 
 #include <QtCore/QtEndian>
 
@@ -14,8 +15,6 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr int kMessageTooLong = 10040;
-
 NuvikaTcpSocket::LOAD_PROFILE profileOf(int loadProfile)
 {
     return loadProfile == NuvikaTcpSocket::eLight || loadProfile == NuvikaTcpSocket::eHeavy
@@ -132,8 +131,8 @@ void BufferSocketBase::refuseInput()
     NUVIKA_WARNING(
         lcMsg, "BufferSocketBase::dataReceived(): Received tcp data token too long, aborting connection");
     clearInput();
-    m_socket.errorClose(kMessageTooLong);
-    emit error(kMessageTooLong);
+    m_socket.errorClose(ErrorCodes::kMessageSize);
+    emit error(ErrorCodes::kMessageSize);
 }
 
 void BufferSocketBase::slotDisconnected() { m_pInput->pending.ended(0); }

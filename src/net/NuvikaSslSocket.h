@@ -9,6 +9,8 @@
 
 #include <memory>
 
+class QDebug;
+
 namespace Nuvika
 {
 class ReceivePlacer;
@@ -159,3 +161,6 @@ private:
     std::unique_ptr<Private> d;
     friend class Nuvika::ReceivePlacer;
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NuvikaSslSocket::PeerCertificate& certificate);

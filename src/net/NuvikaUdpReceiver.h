@@ -12,6 +12,7 @@
 #include <vector>
 
 class NuvikaUdpReceiverIO;
+class QDebug;
 
 /// Receives datagrams on one UDP socket, IPv4 or IPv6, unicast or multicast, and hands each to registered
 /// callbacks, without a copy.
@@ -114,3 +115,6 @@ private:
     std::map<int, Handler> m_handlers; // each the context of a registration, by its number
     int m_nLastHandler = 0;
 };
+
+/// For logs: the size and the sender.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const NuvikaUdpReceiver::Datagram& datagram);

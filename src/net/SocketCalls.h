@@ -15,6 +15,8 @@
 
 #include <netinet/in.h>
 
+class QDebug;
+
 namespace NuvikaLLSock
 {
 /// A socket address of either family: the system's own records, 28 bytes.
@@ -51,4 +53,7 @@ KEPNUVIKAUTIL_EXPORT void createSockAddr(ADDR_V4_V6* out, const QHostAddress& ad
 /// The reverse. A union of neither family gives a null address and leaves \a port untouched.
 KEPNUVIKAUTIL_EXPORT void getPortAndAddress(
     const ADDR_V4_V6* in, QHostAddress* address, unsigned short* port);
+
+/// For logs: address and port.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const ADDR_V4_V6& address);
 } // namespace NuvikaLLSock

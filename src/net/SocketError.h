@@ -6,7 +6,7 @@
 
 /// The codes that the sockets report, and their texts.
 ///
-/// Codes are Winsock's on every platform (10061 for a refused connection, 11001 for an unknown host, ...), in
+/// Codes are Winsock's on every platform (NuvikaError has their names), in
 /// `error(int)` signals as in the last error. Threads: any; the last error belongs to the calling thread.
 class KEPNUVIKAUTIL_EXPORT SocketError
 {

@@ -1,6 +1,8 @@
 // Private: why TLS failed, as a code and in words for a person.
 #pragma once
 
+#include "platform/ErrorCodes_p.h"
+
 #include <QtCore/QDateTime>
 #include <QtCore/QString>
 
@@ -9,9 +11,9 @@
 namespace Nuvika
 {
 struct TlsFailure {
-    static constexpr int kHandshakeTimeout = 5;
-    static constexpr int kVerificationRefused = 10013;
-    static constexpr int kOther = 10053;
+    static constexpr int kHandshakeTimeout = ErrorCodes::kHandshakeTimeout;
+    static constexpr int kVerificationRefused = ErrorCodes::kAccessDenied;
+    static constexpr int kOther = ErrorCodes::kConnectionAborted;
 
     QString peer; // as it was called when connecting; empty on the server's side
     int nCode = 0;

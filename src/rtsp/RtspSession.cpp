@@ -2,6 +2,7 @@
 #include "rtsp/RtspSession_p.h"
 
 #include "core/Log_p.h"
+#include "platform/ErrorCodes_p.h"
 
 #include <QtCore/QRandomGenerator>
 
@@ -11,8 +12,6 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr int kTimedOut = 10060;
-constexpr int kInvalidArgument = 10022;
 constexpr int kCnameWords = 3; // 96 random bits (RFC 7022)
 
 QByteArray randomCname()
@@ -144,11 +143,12 @@ void RtspSession::connectTo()
     const bool bDatagrams
         = m_current.transport == RtspOptions::eUdp || m_current.transport == RtspOptions::eMulticast;
     if (!m_url.problem.isEmpty()) {
-        fail(kInvalidArgument, m_url.problem);
+        fail(ErrorCodes::kInvalidArgument, m_url.problem);
         return;
     }
     if (m_url.bTls && bDatagrams) {
-        fail(kInvalidArgument, QStringLiteral("rtsps is for TCP only: datagrams would be sent in the clear"));
+        fail(ErrorCodes::kInvalidArgument,
+            QStringLiteral("rtsps is for TCP only: datagrams would be sent in the clear"));
         return;
     }
     m_pConnection = std::make_unique<RtspConnection>(*this, m_current, m_url.bTls);
@@ -209,7 +209,8 @@ void RtspSession::expired()
 
 void RtspSession::failLimit(int ms, const QString& what)
 {
-    fail(kTimedOut, QStringLiteral("%1: %2 within %3 s").arg(m_url.authority(), what).arg(ms / 1000.0));
+    fail(ErrorCodes::kTimedOut,
+        QStringLiteral("%1: %2 within %3 s").arg(m_url.authority(), what).arg(ms / 1000.0));
 }
 
 void RtspSession::expire(RtspDeadlines::Kind kind)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <KepNuvikaUtil/Export.h>
 #include <KepNuvikaUtil/RtpAccessUnit.h>
 #include <KepNuvikaUtil/RtpTimeline.h>
 #include <KepNuvikaUtil/SdpDescription.h>
@@ -44,3 +45,8 @@ struct RtspTrackStatistics {
     quint32 nBitsPerSecond = 0;
     double unitsPerSecond = 0;
 };
+
+/// For logs; URLs without passwords.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtspTrack& track);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtspUnit& unit);
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtspTrackStatistics& statistics);

@@ -21,7 +21,7 @@ strangers = []
 for line in out.splitlines():
     symbol = line.split(" ", 2)[2]
     symbol = re.sub(r"^(vtable|typeinfo|typeinfo name|guard variable) for |^(non-virtual|virtual) thunk to ", "", symbol)
-    if re.match(r"operator(<<|>>)\(QDataStream&", symbol):
+    if re.match(r"operator(<<|>>)\((QDataStream&|QDebug)", symbol):
         continue
     if re.match(r"[\w~]+", symbol).group().lstrip("~") not in names:
         strangers.append(symbol)

@@ -1,10 +1,10 @@
 #include "RtspCamera.h"
 
+#include <KepNuvikaUtil/NuvikaError.h>
 #include <KepNuvikaUtil/SocketError.h>
 
 namespace
 {
-constexpr int kHostNotFound = 11001;
 constexpr int kUnauthorised = 401;
 } // namespace
 
@@ -58,7 +58,7 @@ QString RtspCamera::whyFailed(int code) const
 {
     if (code == kUnauthorised)
         return loginProblem();
-    if (code == kHostNotFound)
+    if (code == NuvikaError::eHostNotFound)
         return QStringLiteral("host not found");
     QString why = m_streams.client().errorString();
     const QString lead = target().authority() + QLatin1String(": ");

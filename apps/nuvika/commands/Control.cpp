@@ -7,6 +7,7 @@
 
 #include <KepNuvikaUtil/BufferSocketQueued.h>
 #include <KepNuvikaUtil/CommandParsing.h>
+#include <KepNuvikaUtil/NuvikaError.h>
 #include <KepNuvikaUtil/SocketError.h>
 
 #include <QtCore/QCommandLineParser>
@@ -23,7 +24,6 @@ using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 namespace
 {
 constexpr int kPatienceMs = 10000;
-constexpr int kHostNotFound = 11001;
 
 // A connection to a command port: each answer goes to a handler, whatever ends it ends the program.
 class CommandClient : public QObject
@@ -43,7 +43,7 @@ public:
         connect(&m_socket, &BufferSocketBase::disconnected, this,
             [] { fail(Exit::kLost, QStringLiteral("the recorder has ended the connection")); });
         connect(&m_socket, &BufferSocketBase::error, this, [this](int code) {
-            const int refused = code == kHostNotFound ? Exit::kNoHost : Exit::kNoConnection;
+            const int refused = code == NuvikaError::eHostNotFound ? Exit::kNoHost : Exit::kNoConnection;
             fail(m_bConnected ? Exit::kLost : refused, SocketError::format(code).toLower());
         });
         m_patience.setSingleShot(true);

@@ -6,6 +6,8 @@
 #include "base/Output.h"
 #include "base/Target.h"
 
+#include <KepNuvikaUtil/NuvikaError.h>
+
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFileInfo>
@@ -21,7 +23,6 @@ namespace
 constexpr qint64 kLargestBody = 1 << 30; // it is sent in one piece
 constexpr int kConnectMs = 30000; // unless told otherwise
 constexpr int kLongestPauseMs = 600000; // between attempts, as curl's
-constexpr int kHandshakeTimeout = 5;
 constexpr int kMostRetries = 1000;
 
 class GetCommand : public QObject
@@ -166,7 +167,7 @@ private:
             : failure.text;
         Output::complain(QStringLiteral("%1: %2").arg(m_target.shown(), text));
         QCoreApplication::exit(
-            failure.code == kHandshakeTimeout ? Exit::kTimeout : exitCodeOf(failure.reason));
+            failure.code == NuvikaError::eHandshakeTimeout ? Exit::kTimeout : exitCodeOf(failure.reason));
     }
 
     Target m_target;
