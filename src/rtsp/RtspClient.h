@@ -36,7 +36,8 @@ class RtspSession;
 ///
 /// Errors: error(int) with the status where the server refused (401, 404, 461, ...), 415 when nothing that it
 /// offers can be played, and else SocketError's code: 10060 when a time limit has passed, 10053 for what
-/// cannot be read, and those of NuvikaSslSocket. errorString() tells what happened in a sentence.
+/// cannot be read, 10048 where another program has a group's port for itself, and those of NuvikaSslSocket.
+/// errorString() tells what happened in a sentence.
 class KEPNUVIKAUTIL_EXPORT RtspClient : public QObject
 {
     Q_OBJECT
