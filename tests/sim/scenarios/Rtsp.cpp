@@ -55,7 +55,8 @@ public:
         m_left.clear();
         m_pSession = nullptr;
         m_tracks = {};
-        const std::string url = "rtsp://u:p@" + camera->address + "/a";
+        const std::string host = camera->bIPv6 ? '[' + camera->address + ']' : camera->address;
+        const std::string url = "rtsp://u:p@" + host + "/a";
         m_world.expect(m_pClient->start(QString::fromStdString(url)), "an idle client does not start");
     }
     void stop()

@@ -85,7 +85,8 @@ class Camera
 {
 public:
     Camera(sim::World& world, int number)
-        : m_world(world), m_random(world.random().next()), address("10.0.3." + std::to_string(number + 1)),
+        : m_world(world), m_nSeed(world.random().next()), m_random(m_nSeed),
+          address((bIPv6 ? "fd00::3:" : "10.0.3.") + std::to_string(number + 1)),
           m_rtp(world.udp(address, 6970))
     {
     }
@@ -104,9 +105,11 @@ public:
 
 private:
     sim::World& m_world;
+    const std::uint64_t m_nSeed;
     sim::Random m_random;
 
 public:
+    const bool bIPv6 = (m_nSeed & 1) != 0;
     const std::string address;
     enum Udp { eUdp, eRefused, eMute };
     const Udp udp = m_random.chance(0.6) ? eUdp : m_random.chance(0.5) ? eRefused : eMute;
@@ -238,7 +241,8 @@ private:
             transport = "RTP/AVP/TCP;interleaved=" + QByteArray::number(channelOf(number));
         } else {
             const QByteArray port = transport.mid(transport.indexOf("client_port=") + 12);
-            track.to = sim::Address::of("10.0.0.1", port.left(port.indexOf('-')).toUShort());
+            track.to
+                = sim::Address::of(bIPv6 ? "fd00::1" : "10.0.0.1", port.left(port.indexOf('-')).toUShort());
             transport += ";server_port=6970-6971";
         }
         const QByteArray timeout
