@@ -101,7 +101,7 @@ signals:
     /// The server has agreed to PLAY. Packets may come before.
     void playing();
     void paused();
-    /// Each packet as it comes, before it is put in order.
+    /// Each packet with a payload as it comes, before it is put in order.
     void packetReceived(int track, const RTPPacket& packet, const RtpArrival& arrival);
     /// Copy the view to walk over it.
     void rtcpReceived(int track, const RtcpCompound& rtcp, const RtpArrival& arrival);

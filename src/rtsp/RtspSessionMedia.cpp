@@ -181,26 +181,34 @@ void RtspSession::noteFirstPacket()
     m_remembered = {m_started.toString(), m_transport};
 }
 
+// False when a handler has ended the session.
+bool RtspSession::beginSource(int track, quint32 ssrc, const RtpArrival& arrival)
+{
+    if (!takeHeld(track, RtpReorderBuffer::kNever))
+        return false;
+    const Setup& setup = m_setups[static_cast<std::size_t>(track)];
+    setup.pInput->beginSource(ssrc);
+    m_timeline.setSource(setup.nTimeline, ssrc);
+    const Watched::Watch watch = m_session.watch();
+    if (const QByteArray rival = setup.pInput->takeRival(); !rival.isEmpty())
+        takeRtp(track, viewOf(rival), arrival);
+    return watch.holds();
+}
+
 void RtspSession::takeRtp(int track, RTPPacket packet, const RtpArrival& arrival, bool bEmpty)
 {
     RtspTrackInput& input = *m_setups[static_cast<std::size_t>(track)].pInput;
+    if (bEmpty && input.source() != packet.getSSRC())
+        return; // of another source it says nothing
     const RtspTrackInput::Verdict verdict = input.admit(packet, arrival.monotonicUs);
     if (verdict == RtspTrackInput::Verdict::Dropped)
         return;
     m_lastMediaUs = arrival.monotonicUs;
     if (!m_bMediaSeen && m_phase == Phase::Playing)
         noteFirstPacket();
+    if (verdict == RtspTrackInput::Verdict::NewSource && !beginSource(track, packet.getSSRC(), arrival))
+        return;
     const Watched::Watch watch = m_session.watch();
-    if (verdict == RtspTrackInput::Verdict::NewSource) {
-        if (!takeHeld(track, RtpReorderBuffer::kNever))
-            return;
-        input.beginSource(packet.getSSRC());
-        m_timeline.setSource(m_setups[static_cast<std::size_t>(track)].nTimeline, packet.getSSRC());
-        if (const QByteArray rival = input.takeRival(); !rival.isEmpty())
-            takeRtp(track, viewOf(rival), arrival);
-        if (!watch.holds())
-            return;
-    }
     input.reception()->update(packet, arrival.monotonicUs);
     if (bEmpty)
         input.makeMute(&packet);

@@ -192,6 +192,7 @@ private:
     int trackOfType(int channel, const RTPPacket& packet) const;
     void takeMedia(int track, bool bRtcp, const RTPPacket& packet, const char* data, int size,
         const RtpArrival& arrival);
+    bool beginSource(int track, quint32 ssrc, const RtpArrival& arrival);
     void takeRtp(int track, RTPPacket packet, const RtpArrival& arrival, bool bEmpty = false);
     bool takeOrdered(int track, const RtpOrderedPacket& ordered);
     bool tellUnits(int track, qint64 arrivalUs);
