@@ -188,9 +188,14 @@ void RtpTimeline::Pace::note(qint64 behindUs, qint64 nowUs)
     leastUs = std::min(leastUs, behindUs);
 }
 
-void RtpTimeline::beginRun(Track& track, qint64 arrivalLineUs)
+// As long behind the last unit as it came, or, where that is not near it, where the arrival is: the line may
+// be somewhat before the arrivals or behind them.
+void RtpTimeline::beginRun(Track& track, qint64 arrivalLineUs, qint64 sinceLastUs)
 {
-    track.bStarted = true;
+    const qint64 behindLastUs = track.shownUs + sinceLastUs;
+    const bool bNear = qAbs(behindLastUs - arrivalLineUs) <= 2 * kPaceToleranceUs;
+    if (std::exchange(track.bStarted, true) && bNear)
+        arrivalLineUs = behindLastUs;
     track.anchorTicks = track.ticks;
     track.anchorUs = senderLineUs(track, track.ticks, arrivalLineUs).value_or(arrivalLineUs);
     track.anchorUs = std::max(track.anchorUs, track.shownUs);
@@ -242,7 +247,9 @@ void RtpTimeline::followSenders(Track& track, qint64 advanceUs, const RtpArrival
 // Our own clock is read without the delays of arrivals: by what the monotonic one says.
 qint64 RtpTimeline::wallTargetUs(const Track& track, const RtpArrival& arrival) const
 {
-    if (track.senderClock.hasTimeBase() && track.bBelieved) {
+    if (isBySender(track) && !track.senderClock.hasTimeBase())
+        return track.shownUs + track.wallOffsetUs;
+    if (isBySender(track)) {
         const NTPTimestamp ntp = track.senderClock.clockToNtp(static_cast<quint64>(track.ticks));
         return arrival.wallUs + differenceUs(ntpOf(arrival.wallUs), ntp);
     }
@@ -257,18 +264,18 @@ RtpTime RtpTimeline::stamp(int track, quint32 rtpTimestamp, const RtpArrival& ar
     if (!m_startUs)
         m_startUs = arrival.monotonicUs;
     t->ticks = unwrap(*t, rtpTimestamp, arrival.monotonicUs);
-    t->clockUs = arrival.monotonicUs;
+    const qint64 sinceLastUs = arrival.monotonicUs - std::exchange(t->clockUs, arrival.monotonicUs);
     t->bClock = true;
     const bool bFarOff = t->pace.slewUs > kJumpUs / 2; // the line cannot wait for what is ahead of it
     bool bNewRun = std::exchange(t->bRestart, false) || !t->bStarted || bFarOff;
     if (bNewRun)
-        beginRun(*t, arrival.monotonicUs - *m_startUs);
+        beginRun(*t, arrival.monotonicUs - *m_startUs, sinceLastUs);
     const qint64 beforeUs = t->shownUs;
     present(*t, arrival);
 
     const qint64 missingUs = wallTargetUs(*t, arrival) - t->shownUs - t->wallOffsetUs;
     bNewRun = bNewRun || qAbs(missingUs) > m_stepBoundUs;
     t->wallOffsetUs += bNewRun ? missingUs : slewed(missingUs, t->shownUs - beforeUs, kWallToleranceUs);
-    return {t->ticks, t->shownUs, t->shownUs + t->wallOffsetUs, t->senderClock.hasTimeBase() && t->bBelieved,
-        bNewRun};
+    t->bBySender = isBySender(*t);
+    return {t->ticks, t->shownUs, t->shownUs + t->wallOffsetUs, t->bBySender, bNewRun};
 }

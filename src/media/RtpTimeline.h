@@ -34,7 +34,8 @@ struct RtpTime {
 /// at most a quarter.
 ///
 /// Wall clock: by sender reports, before the first and where the camera's clock is off by more than the clock
-/// bound by our own. It never goes back within a run.
+/// bound by our own. It never goes back within a run. Where the media clock begins anew the wall clock goes
+/// on until the next report.
 ///
 /// A new run begins where timestamps go back by more than a second, or are off by more than ten seconds both
 /// from the last one and from the time that has passed; where the wall clock steps by more than the step
@@ -84,6 +85,7 @@ private:
         bool bStarted = false;
         bool bRestart = false;
         bool bBelieved = false; // the camera's wall clock
+        bool bBySender = false; // the last unit's wall time
         std::optional<quint32> source;
         qint64 ticks = 0; // of the last timestamp
         qint64 clockUs = 0; // when it came
@@ -104,7 +106,11 @@ private:
     std::optional<qint64> senderLineUs(const Track& track, qint64 ticks, qint64 arrivalLineUs) const;
     qint64 senderUs(const Track& track, qint64 ticks) const;
     void moveSenderClocks(const Track& mover, NTPTimestamp step);
-    void beginRun(Track& track, qint64 arrivalLineUs);
+    static bool isBySender(const Track& track)
+    {
+        return track.bBelieved && (track.senderClock.hasTimeBase() || track.bBySender);
+    }
+    void beginRun(Track& track, qint64 arrivalLineUs, qint64 sinceLastUs);
     void present(Track& track, const RtpArrival& arrival);
     void followSenders(Track& track, qint64 advanceUs, const RtpArrival& arrival);
     qint64 wallTargetUs(const Track& track, const RtpArrival& arrival) const;

@@ -36,7 +36,8 @@ class RtspSession;
 ///
 /// Errors: error(int) with the status where the server refused (401, 404, 461, ...), 415 when nothing that it
 /// offers can be played, and else SocketError's code: 10060 when a time limit has passed, 10053 for what
-/// cannot be read, and those of NuvikaSslSocket. errorString() tells what happened in a sentence.
+/// cannot be read, 10048 where another program has a group's port for itself, and those of NuvikaSslSocket.
+/// errorString() tells what happened in a sentence.
 class KEPNUVIKAUTIL_EXPORT RtspClient : public QObject
 {
     Q_OBJECT
@@ -100,7 +101,7 @@ signals:
     /// The server has agreed to PLAY. Packets may come before.
     void playing();
     void paused();
-    /// Each packet as it comes, before it is put in order.
+    /// Each packet with a payload as it comes, before it is put in order.
     void packetReceived(int track, const RTPPacket& packet, const RtpArrival& arrival);
     /// Copy the view to walk over it.
     void rtcpReceived(int track, const RtcpCompound& rtcp, const RtpArrival& arrival);

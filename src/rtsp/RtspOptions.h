@@ -34,7 +34,8 @@ struct RtspQuirks {
     enum First { eAnyFirst, eFirstAsAnnounced };
     /// Which holds when answers to SETUP name several sessions.
     enum SessionId { eFirstSession, eLastSession };
-    /// Packets of another source than the one that plays.
+    /// Packets of another source than the one that plays. Silent: for two seconds; over TCP, once it has
+    /// played so long, for twice its longest pause, when two packets of the other one come in sequence.
     enum UnknownSource { eTakeWhenSilent, eDropUnknown, eTakeUnknown };
     /// Interleaved packets on channels that no answer to SETUP named.
     enum UnassignedChannel { eDropUnassigned, eByPayloadType };

@@ -17,6 +17,12 @@ bool isRtcp(const char* data, int size)
     return type >= kFirstType && type <= kLastType;
 }
 
+RTPPacket viewOf(const QByteArray& bytes)
+{
+    return RTPPacket(
+        reinterpret_cast<const unsigned char*>(bytes.constData()), static_cast<unsigned int>(bytes.size()));
+}
+
 QByteArray interleaved(int channel, const QByteArray& bytes)
 {
     QByteArray framed("$");
@@ -125,10 +131,8 @@ void RtspSession::takeKept()
         const Kept kept = m_kept.front();
         m_kept.pop_front();
         m_nKept -= kept.bytes.size() + kKeptHead;
-        takeMedia(kept.nTrack, kept.bRtcp,
-            RTPPacket(reinterpret_cast<const unsigned char*>(kept.bytes.constData()),
-                static_cast<unsigned int>(kept.bytes.size())),
-            kept.bytes.constData(), kept.bytes.size(), kept.arrival);
+        takeMedia(kept.nTrack, kept.bRtcp, viewOf(kept.bytes), kept.bytes.constData(), kept.bytes.size(),
+            kept.arrival);
     }
     if (watch.holds())
         m_bTaking = false;
@@ -164,6 +168,8 @@ void RtspSession::takeMedia(
         takeRtcp(track, data, size, arrival);
     else if (packet.isHeaderValid())
         takeRtp(track, packet, arrival);
+    else if (const QByteArray place = placeOf(data, size); !place.isEmpty())
+        takeRtp(track, viewOf(place), arrival, true);
 }
 
 // What works is remembered.
@@ -175,24 +181,39 @@ void RtspSession::noteFirstPacket()
     m_remembered = {m_started.toString(), m_transport};
 }
 
-void RtspSession::takeRtp(int track, const RTPPacket& packet, const RtpArrival& arrival)
+// False when a handler has ended the session.
+bool RtspSession::beginSource(int track, quint32 ssrc, const RtpArrival& arrival)
+{
+    if (!takeHeld(track, RtpReorderBuffer::kNever))
+        return false;
+    const Setup& setup = m_setups[static_cast<std::size_t>(track)];
+    setup.pInput->beginSource(ssrc);
+    m_timeline.setSource(setup.nTimeline, ssrc);
+    const Watched::Watch watch = m_session.watch();
+    if (const QByteArray rival = setup.pInput->takeRival(); !rival.isEmpty())
+        takeRtp(track, viewOf(rival), arrival);
+    return watch.holds();
+}
+
+void RtspSession::takeRtp(int track, RTPPacket packet, const RtpArrival& arrival, bool bEmpty)
 {
     RtspTrackInput& input = *m_setups[static_cast<std::size_t>(track)].pInput;
+    if (bEmpty && input.source() != packet.getSSRC())
+        return; // of another source it says nothing
     const RtspTrackInput::Verdict verdict = input.admit(packet, arrival.monotonicUs);
     if (verdict == RtspTrackInput::Verdict::Dropped)
         return;
     m_lastMediaUs = arrival.monotonicUs;
     if (!m_bMediaSeen && m_phase == Phase::Playing)
         noteFirstPacket();
+    if (verdict == RtspTrackInput::Verdict::NewSource && !beginSource(track, packet.getSSRC(), arrival))
+        return;
     const Watched::Watch watch = m_session.watch();
-    if (verdict == RtspTrackInput::Verdict::NewSource) {
-        if (!takeHeld(track, RtpReorderBuffer::kNever))
-            return;
-        input.beginSource(packet.getSSRC());
-        m_timeline.setSource(m_setups[static_cast<std::size_t>(track)].nTimeline, packet.getSSRC());
-    }
     input.reception()->update(packet, arrival.monotonicUs);
-    emit m_client.packetReceived(track, packet, arrival);
+    if (bEmpty)
+        input.makeMute(&packet);
+    else
+        emit m_client.packetReceived(track, packet, arrival);
     if (!watch.holds())
         return;
     RtpOrderedPacket ordered;
@@ -338,17 +359,20 @@ void RtspSession::sendReport(const Setup& setup)
                          .writeReport(report.data(), static_cast<int>(report.size()), m_nOwnSsrc, m_cname,
                              monotonicUs());
     const QByteArray bytes(reinterpret_cast<const char*>(report.data()), size);
-    if (!setup.pPorts && m_pConnection->canSend())
+    if (!setup.pPorts)
         m_pConnection->send(interleaved(setup.channels.nSecond, bytes));
     else if (setup.pPorts && setup.serverPorts.nSecond > 0)
         setup.pPorts->send(true, setup.server, static_cast<quint16>(setup.serverPorts.nSecond), bytes);
 }
 
+// None waits behind what the connection has not taken.
 void RtspSession::sendReports()
 {
-    m_deadlines.setAbout(RtspDeadlines::eReport, m_current.nReportMs);
+    const bool bNow = m_transport != RtspOptions::eTcp || m_pConnection->isAllSent();
+    m_deadlines.setAbout(
+        RtspDeadlines::eReport, bNow ? m_current.nReportMs : std::min(m_current.nReportMs, kStalledMs));
     for (const Setup& setup : m_setups) {
-        if (setup.pInput)
+        if (setup.pInput && bNow)
             sendReport(setup);
     }
 }

@@ -78,11 +78,13 @@ void RtspSession::sendText(const RtspHead& head)
     emit m_client.messageSent(shown.toString().toLatin1());
 }
 
-// None is sent behind a connection that does not take it, and one that was not answered is given up.
+// None waits behind what the connection has not taken, and one that was not answered is given up.
 void RtspSession::keepAlive()
 {
-    m_deadlines.setAbout(RtspDeadlines::eKeepAlive, RtspKeepAlive::intervalMs(m_nTimeout));
-    if (m_pConnection && m_pConnection->canSend())
+    const int interval = RtspKeepAlive::intervalMs(m_nTimeout);
+    const bool bNow = m_pConnection && m_pConnection->isAllSent();
+    m_deadlines.setAbout(RtspDeadlines::eKeepAlive, bNow ? interval : std::min(interval, kStalledMs));
+    if (bNow)
         request(Purpose::KeepAlive, m_keepAlive.method(), m_base);
 }
 

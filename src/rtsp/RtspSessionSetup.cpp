@@ -201,7 +201,7 @@ void RtspSession::sendSetup(int track)
     } else if (m_transport == RtspOptions::eUdp) {
         setup.pPorts = std::make_unique<RtspUdpPorts>(*this, track);
         if (!setup.pPorts->open(m_localAddress, m_current.nUdpReceiveBuffer)) {
-            fail(kUnsupportedTransport, m_url.authority() + QStringLiteral(": ") + setup.pPorts->problem());
+            failPorts(*setup.pPorts);
             return;
         }
         field.clientPort = {setup.pPorts->rtpPort(), setup.pPorts->rtcpPort()};
@@ -291,8 +291,13 @@ bool RtspSession::takeMulticast(Setup& setup, const RtspTransportField& field)
     if (setup.pPorts->join(group, static_cast<quint16>(ports.nFirst), static_cast<quint16>(ports.nSecond),
             m_localAddress, m_current.nUdpReceiveBuffer))
         return true;
-    fail(kUnsupportedTransport, m_url.authority() + QStringLiteral(": ") + setup.pPorts->problem());
+    failPorts(*setup.pPorts);
     return false;
+}
+
+void RtspSession::failPorts(const RtspUdpPorts& ports)
+{
+    fail(ports.problemCode(), m_url.authority() + QStringLiteral(": ") + ports.problem());
 }
 
 void RtspSession::setupRefused(const Request& request, const RtspHead& answer)
@@ -336,7 +341,7 @@ void RtspSession::makeInput(int track, const RtspTransportField& field)
     Setup& setup = m_setups[static_cast<std::size_t>(track)];
     setup.pInput = std::make_shared<RtspTrackInput>(m_tracks.at(track), m_current);
     if (m_transport == RtspOptions::eTcp)
-        setup.pInput->setOrdering(0, 0);
+        setup.pInput->setInterleaved();
     else
         setup.pInput->setOrdering(m_current.nReorderPackets, m_current.nReorderMs);
     setup.pInput->announceSource(field.ssrc);

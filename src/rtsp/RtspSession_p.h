@@ -116,6 +116,7 @@ private:
     };
 
     static constexpr int kStatisticsMs = 1000;
+    static constexpr int kStalledMs = 1000; // from one look at a connection that does not send to the next
     static constexpr int kKeptHead = sizeof(Kept) + 32; // what a datagram without bytes takes, too
 
     // Opening and ending.
@@ -171,6 +172,7 @@ private:
     bool takeUdp(Setup& setup, const RtspTransportField& field);
     void takeSource(Setup& setup, const RtspTransportField& field);
     bool takeMulticast(Setup& setup, const RtspTransportField& field);
+    void failPorts(const RtspUdpPorts& ports);
     void makeInput(int track, const RtspTransportField& field);
     void assignChannels();
     void sendPlay();
@@ -190,7 +192,8 @@ private:
     int trackOfType(int channel, const RTPPacket& packet) const;
     void takeMedia(int track, bool bRtcp, const RTPPacket& packet, const char* data, int size,
         const RtpArrival& arrival);
-    void takeRtp(int track, const RTPPacket& packet, const RtpArrival& arrival);
+    bool beginSource(int track, quint32 ssrc, const RtpArrival& arrival);
+    void takeRtp(int track, RTPPacket packet, const RtpArrival& arrival, bool bEmpty = false);
     bool takeOrdered(int track, const RtpOrderedPacket& ordered);
     bool tellUnits(int track, qint64 arrivalUs);
     bool takeHeld(int track, qint64 nowUs);

@@ -9,6 +9,7 @@ using namespace Nuvika;
 namespace
 {
 constexpr qint64 kSourceSilentUs = 2000000;
+constexpr qint64 kLeastSilentUs = 100000; // of one that has a pace
 constexpr int kMostBeforeFirst = 1000; // then the announcement was wrong
 constexpr int kMaxAhead = 3000; // as sequences are counted
 
@@ -64,7 +65,33 @@ QString problemOf(const SdpDescription& description, int index, const SdpFormat*
             .arg(format->clockRate);
     return QString();
 }
+
+bool isSecond(const QByteArray& first, const RTPPacket& packet)
+{
+    if (first.isEmpty())
+        return false;
+    const RTPPacket before(
+        reinterpret_cast<const unsigned char*>(first.constData()), static_cast<unsigned int>(first.size()));
+    return before.getSSRC() == packet.getSSRC()
+        && static_cast<quint16>(before.getSeqNum() + 1) == packet.getSeqNum();
+}
 } // namespace
+
+QByteArray Nuvika::placeOf(const char* data, int size)
+{
+    constexpr int kHead = 12;
+    if (size < kHead || (static_cast<unsigned char>(data[0]) >> 6) != 2)
+        return QByteArray();
+    QByteArray filled(data, size);
+    filled.append('\0');
+    const int padding = (data[0] & 0x20) != 0 ? static_cast<unsigned char>(data[size - 1]) : 0;
+    filled[0] = static_cast<char>(data[0] & ~0x20);
+    const RTPPacket packet(
+        reinterpret_cast<const unsigned char*>(filled.constData()), static_cast<unsigned int>(filled.size()));
+    const bool bEmpty
+        = packet.isHeaderValid() && packet.getPayloadSize() == static_cast<unsigned int>(padding) + 1;
+    return bEmpty ? filled : QByteArray();
+}
 
 RtspTrack Nuvika::trackOf(
     const SdpDescription& description, int index, const QString& base, const RtpUnitFormat& unitFormat)
@@ -111,9 +138,8 @@ RtspTrackInput::Verdict RtspTrackInput::admit(const RTPPacket& packet, qint64 no
     const quint32 ssrc = packet.getSSRC();
     const bool bNew = m_source != ssrc;
     if (bNew && m_source) {
-        const bool bSilent = nowUs - m_sourceUs >= kSourceSilentUs;
         const bool bTaken = m_quirks.unknownSource == RtspQuirks::eTakeUnknown || m_announced == ssrc
-            || (m_quirks.unknownSource == RtspQuirks::eTakeWhenSilent && bSilent);
+            || (m_quirks.unknownSource == RtspQuirks::eTakeWhenSilent && isReplacedBy(packet, nowUs));
         if (!bTaken) {
             ++m_counts.nStrangers;
             return Verdict::Dropped;
@@ -125,10 +151,45 @@ RtspTrackInput::Verdict RtspTrackInput::admit(const RTPPacket& packet, qint64 no
     }
     if (isBeforeFirst(packet))
         return Verdict::Dropped;
-    m_sourceUs = nowUs;
+    noteSource(bNew, nowUs);
     ++m_counts.nPackets;
     m_counts.nBytes += packet.getRawPacketSize();
     return bNew ? Verdict::NewSource : Verdict::Taken;
+}
+
+// Interleaved, in the order in which the server wrote them: two packets of the other source in sequence, and
+// this one, which has a pace, has been silent for twice its longest pause.
+bool RtspTrackInput::isReplacedBy(const RTPPacket& packet, qint64 nowUs)
+{
+    const qint64 silentUs = nowUs - m_sourceUs;
+    const bool bSecond = isSecond(m_rival, packet);
+    if (!bSecond)
+        m_rival.clear();
+    if (silentUs >= kSourceSilentUs)
+        return true;
+    if (bSecond && silentUs >= std::max(2 * m_longestPauseUs, kLeastSilentUs))
+        return true;
+    if (m_bInterleaved && m_sourceUs - m_sourceBeganUs >= kSourceSilentUs)
+        m_rival = QByteArray(reinterpret_cast<const char*>(packet.getRawPacket()),
+            static_cast<int>(packet.getRawPacketSize()));
+    return false;
+}
+
+// The one before the packet that replaced the source; empty without one.
+QByteArray RtspTrackInput::takeRival()
+{
+    if (!m_rival.isEmpty())
+        --m_counts.nStrangers;
+    return std::exchange(m_rival, QByteArray());
+}
+
+void RtspTrackInput::noteSource(bool bNew, qint64 nowUs)
+{
+    m_longestPauseUs = bNew ? 0 : std::max(m_longestPauseUs, nowUs - m_sourceUs);
+    m_sourceBeganUs = bNew ? nowUs : m_sourceBeganUs;
+    m_sourceUs = nowUs;
+    if (!bNew)
+        m_rival.clear();
 }
 
 void RtspTrackInput::beginSource(quint32 ssrc)

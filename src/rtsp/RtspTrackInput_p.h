@@ -23,9 +23,10 @@ public:
 
     enum class Verdict { Dropped, Taken, NewSource };
     // Whether a packet is of this track, and counts it. NewSource: what order holds is of another source;
-    // take it, then beginSource().
+    // take it, then beginSource(), and then the packet of the new source that takeRival() may give.
     Verdict admit(const RTPPacket& packet, qint64 nowUs);
     void beginSource(quint32 ssrc);
+    QByteArray takeRival();
     bool hasPayloadType(int type) const // also of packets that are none
     {
         return type >= 0 && type < static_cast<int>(m_types.size())
@@ -35,11 +36,22 @@ public:
     void announceSource(std::optional<quint32> ssrc) { m_announced = ssrc; }
     void announceFirst(const RtpInfo& info);
     void setOrdering(int packets, int ms) { m_order = RtpReorderBuffer(packets, ms); }
+    // It comes on a connection that nobody else writes, in its order.
+    void setInterleaved()
+    {
+        setOrdering(0, 0);
+        m_bInterleaved = true;
+    }
     // Its source has left: another one may begin at once.
     void sourceLeft(quint32 ssrc);
 
     // The next packet in order: units() has what it completes. \a bBroken: what was before does not join it.
     void push(const RtpOrderedPacket& ordered, bool bBroken);
+    // One of them that makes no unit.
+    void makeMute(RTPPacket* packet) const
+    {
+        packet->setPayloadType(static_cast<rtp_payload_t>(m_nType ^ 1));
+    }
     std::optional<quint32> source() const { return m_source; }
     RtpReorderBuffer& order() { return m_order; }
     RtpDepacketizer* units() { return m_pUnits.get(); }
@@ -52,6 +64,8 @@ public:
 
 private:
     bool isBeforeFirst(const RTPPacket& packet);
+    bool isReplacedBy(const RTPPacket& packet, qint64 nowUs);
+    void noteSource(bool bNew, qint64 nowUs);
 
     RtspQuirks m_quirks;
     std::bitset<128> m_types; // that were described
@@ -60,6 +74,10 @@ private:
     std::optional<quint32> m_announced;
     std::optional<quint32> m_source;
     qint64 m_sourceUs = 0; // its last packet
+    qint64 m_sourceBeganUs = 0;
+    qint64 m_longestPauseUs = 0; // between two of its packets
+    bool m_bInterleaved = false;
+    QByteArray m_rival; // the last packet, of another source, that may replace it
     RtpInfo m_first;
     int m_nBeforeFirst = 0;
     RtpReorderBuffer m_order;
@@ -70,6 +88,10 @@ private:
     RtspTrackStatistics m_atInterval;
     qint64 m_intervalUs = 0;
 };
+
+// What keeps the place in the sequence of a packet without payload, which RTPPacket does not take; empty for
+// anything else.
+QByteArray placeOf(const char* data, int size);
 
 // What the description says of a track; its problem where we cannot read it.
 RtspTrack trackOf(

@@ -1,6 +1,7 @@
 #include "rtsp/RtspUdpPorts_p.h"
 
 #include "net/SocketAddress_p.h"
+#include "platform/ErrorCodes_p.h"
 
 #include <utility>
 
@@ -33,8 +34,7 @@ bool RtspUdpPorts::open(const QHostAddress& local, int bufferSize)
             return listen(bufferSize);
         (bOdd ? m_rtcp : m_rtp).pReceiver->close();
     }
-    m_problem = QStringLiteral("no pair of UDP ports is free: ") + m_rtp.pReceiver->errorString();
-    return false;
+    return fail(QStringLiteral("no pair of UDP ports is free"), *m_rtp.pReceiver);
 }
 
 bool RtspUdpPorts::join(
@@ -42,11 +42,18 @@ bool RtspUdpPorts::join(
 {
     unsigned short rtp = rtpPort;
     unsigned short rtcp = rtcpPort;
-    if (m_rtp.pReceiver->createMulticast(rtp, group, local)
-        && m_rtcp.pReceiver->createMulticast(rtcp, group, local))
-        return listen(bufferSize);
-    m_problem = QStringLiteral("group %1 cannot be joined: ").arg(group.toString())
-        + m_rtp.pReceiver->errorString() + m_rtcp.pReceiver->errorString();
+    const QString problem = QStringLiteral("group %1 cannot be joined on port %2").arg(group.toString());
+    if (!m_rtp.pReceiver->createMulticast(rtp, group, local))
+        return fail(problem.arg(rtp), *m_rtp.pReceiver);
+    if (!m_rtcp.pReceiver->createMulticast(rtcp, group, local))
+        return fail(problem.arg(rtcp), *m_rtcp.pReceiver);
+    return listen(bufferSize);
+}
+
+bool RtspUdpPorts::fail(const QString& what, const NuvikaUdpReceiver& receiver)
+{
+    m_nProblemCode = ErrorCodes::lastError();
+    m_problem = what + QStringLiteral(": ") + receiver.errorString();
     return false;
 }
 

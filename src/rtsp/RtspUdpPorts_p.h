@@ -35,6 +35,8 @@ public:
     // From that port of ours; what the system does not take is lost, as datagrams are.
     void send(bool bRtcp, const QHostAddress& to, quint16 port, const QByteArray& bytes) const;
     const QString& problem() const { return m_problem; }
+    // As of SocketError.
+    int problemCode() const { return m_nProblemCode; }
 
 private:
     struct Port {
@@ -44,11 +46,13 @@ private:
     };
     static void received(const NuvikaUdpReceiver::Datagram* datagram, void* context);
     bool listen(int bufferSize);
+    bool fail(const QString& what, const NuvikaUdpReceiver& receiver);
 
     RtspDatagramListener& m_listener;
     int m_nTrack;
     Port m_rtp;
     Port m_rtcp;
     QString m_problem;
+    int m_nProblemCode = 0;
 };
 } // namespace Nuvika

@@ -66,6 +66,10 @@ TEST(StreamRecord, TellsWhichPeriodsCameWhole)
             {{0, 5000}, {40, 5040}, {90, 9000, 0, false, true, true}, {130, 9040, 0, false},
                 {170, 7000, 0, true, true}, {210, 7040}},
             {{5000, 5040}, {6920, 7040}}},
+        {"a media clock that jumps, and all has come",
+            {{0, 0}, {40, 40}, {110, 110, 0, true, true}, {150, 150}}, {{0, 150}}},
+        {"the same with a loss", {{0, 0}, {40, 40}, {110, 110, 1, true, true}, {150, 150}},
+            {{0, 80}, {110, 150}}},
         {"no report ever", {{0, 0, 0, false}, {40, 40, 0, false}}, {{0, 40}}},
     };
     for (const Case& c : cases)

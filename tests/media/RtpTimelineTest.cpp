@@ -67,6 +67,8 @@ arrival jitter does not count; 0 0 0 N; 3600 90 40; 7200 95 80
 a wrap; 4294963200 0 0 N; 4904 100 100
 pictures out of their order do not go back; 9000 0 0 N; 27000 40 200; 18000 80 200; 36000 120 300
 a clock that starts anew goes on where it arrives; 900000 0 0 N; 903600 40 40; 0 80 80 N; 3600 120 120
+that, while the line is before the arrivals; 900000 0 0 N; 903600 100 40; 0 140 80 N; 3600 180 120
+while the line is far before them; 900000 0 0 N; 903600 300 40; 0 340 340 N
 three seconds back; 900000 0 0 N; 903600 40 40; 633600 80 80 N
 a jump ahead that time does not explain; 0 0 0 N; 5400000 40 40 N
 a minute of silence; 0 0 0 N; 5400000 60000 60000
@@ -127,6 +129,27 @@ TEST(RtpTimeline, SenderReportsGiveTheWallClockWhereTheyMakeSense)
     const RtpTime first = early.stamp(0, 0xFFFFFF00 + 1800, 0);
     EXPECT_TRUE(first.bWallBySender);
     EXPECT_EQ(first.wallUs, wallAt(0));
+}
+
+TEST(RtpTimeline, TheCamerasWallClockGoesOnWhereItsMediaClockBeginsAnew)
+{
+    for (const qint64 clockErrorUs : {-80 * kMs, 3 * kSecond}) {
+        Session session;
+        session.stamp(0, 0, 0);
+        session.report(0, 0, 0, clockErrorUs);
+        session.play(1, 3000);
+        const int nRuns = session.nRuns; // until the first report our clock told
+        constexpr quint32 kAnew = 0x40000000;
+        for (int i = 3000; i < 3100; ++i) {
+            const quint32 timestamp = kAnew + 3600U * static_cast<quint32>(i);
+            session.stamp(0, timestamp, i * 40 * kMs);
+            EXPECT_NEAR(session.last[0].wallUs, wallAt(i * 40 * kMs) + clockErrorUs, 1100) << i;
+            EXPECT_TRUE(session.last[0].bWallBySender) << i;
+            if (i == 3050)
+                session.report(0, timestamp, i * 40 * kMs, clockErrorUs);
+        }
+        EXPECT_EQ(session.nRuns, nRuns + 1);
+    }
 }
 
 TEST(RtpTimeline, ACameraThatSetsItsClockMakesANewRunOnAllTracks)

@@ -6,6 +6,7 @@ import re
 import resource
 import socket
 import subprocess
+import sys
 import threading
 import time
 import unittest
@@ -15,9 +16,10 @@ from peers import PeerTest, TOOL, free_port, process, tool, wait_for_port
 from recorder import answer, cameras, wait_for
 from rtp import Relay, free_ports
 
+UNITS = sys.argv.pop(1) if len(sys.argv) > 1 else "rtsp_units"
 SYSTEM_PYTHON = "/usr/bin/python3"  # Debian's GStreamer bindings belong to it
 SERVER = os.path.join(os.path.dirname(__file__), "rtsp_gstreamer_server.py")
-SLICES = {"h264": lambda unit: 1 <= unit[0] & 31 <= 5, "h265": lambda unit: unit[0] >> 1 & 63 < 32, "jpeg": None}
+SLICES = {"h264": lambda unit: 1 <= unit[0] & 31 <= 5, "h265": lambda unit: unit[0] >> 1 & 63 < 32, "jpeg": None, "aac": None}
 
 
 @contextlib.contextmanager
@@ -40,6 +42,13 @@ def slices(name, codec):
     """What is coded in a file, picture by picture or piece by piece."""
     with open(name, "rb") as file:
         content = file.read()
+    if codec == "aac":  # frames, each with its ADTS head
+        frames = []
+        while content:
+            size = int.from_bytes(content[3:6], "big") >> 5 & 0x1FFF
+            frames.append(content[:size])
+            content = content[max(size, 7):]
+        return frames
     if codec == "jpeg":  # behind the head of the scan, which each reader writes anew
         return [picture.split(b"\xff\xda", 1)[1][10:].rstrip(b"\xff\xd9") for picture in re.split(b"(?=\xff\xd8\xff)", content)[1:]]
     return [unit.rstrip(b"\0") for unit in re.split(b"\0\0\1", content)[1:] if SLICES[codec](unit)]
@@ -212,23 +221,33 @@ class Rtsp(PeerTest):
 
     def test_saves_the_slices_that_ffmpeg_gets_of_the_same_stream(self):
         # Who begins first differs, and where parameter sets and messages stand; the slices do not, to the byte.
-        def save(codec):
+        film_port = free_port()
+
+        def save(stream):
+            codec, url, transport = stream
             kind = {"h265": "hevc", "jpeg": "mjpeg"}.get(codec, codec)
-            ours, theirs = self.path("ours." + kind), self.path("theirs." + kind)
-            with process(["ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-i", self.url("shared/" + codec), "-t", "8", "-c", "copy", theirs]) as peer:
-                code, text, errors = self.probe(self.url("shared/" + codec), "--tcp", "--seconds", "5", "--save", ours)
+            ours, theirs = self.path(f"ours.{transport}.{kind}"), self.path(f"theirs.{transport}.{kind}")
+            with process(["ffmpeg", "-v", "error", "-rtsp_transport", transport, "-i", url, "-t", "8", "-map", "0:a" if codec == "aac" else "0:v", "-c", "copy", theirs]) as peer:
+                if codec == "aac":
+                    result = subprocess.run([UNITS, url, ours, "5"], capture_output=True, timeout=60, text=True, env={**os.environ, "QT_LOGGING_RULES": "*=false"})
+                    found = result.returncode, result.stdout, result.stderr
+                else:
+                    found = self.probe(url, "--" + transport, "--seconds", "5", "--save", ours)
                 peer.wait(60)
-            return codec, ours, theirs, code, text, errors
-        with server(self.ports), ThreadPoolExecutor() as pool:
-            results = list(pool.map(save, SLICES))
+            return codec, ours, theirs, *found
+        streams = [(codec, self.url("shared/" + codec), "tcp") for codec in SLICES] + [(codec, self.url("both", port=film_port), "udp") for codec in ("h264", "aac")]
+        with server(self.ports), vlc(film_port, self.film(30)), ThreadPoolExecutor(len(streams)) as pool:
+            results = list(pool.map(save, streams))
         for codec, ours, theirs, code, text, errors in results:
-            with self.subTest(codec):
+            with self.subTest(ours):
                 self.assertEqual((code, errors), (0, ""), text)
                 a, b = slices(ours, codec), slices(theirs, codec)
                 same = difflib.SequenceMatcher(None, a, b, False).find_longest_match()
                 self.assertGreaterEqual(same.size, 40)
                 self.assertEqual(min(same.a, same.b), 0, "the same from where the later one begins")
                 self.assertTrue(same.a + same.size == len(a) or same.b + same.size == len(b), "to where the first one ends")
+                if codec == "aac":
+                    continue
                 saved = int(re.search(r"(?m)^Saved (\d+) pictures", text).group(1))
                 self.assertEqual(decoded(ours), (saved, b""), "every picture decodes, from the first on")
 
@@ -248,9 +267,12 @@ class Rtsp(PeerTest):
         subprocess.run(["ip", "-n", ends[0], "link", "add", "v", "type", "veth", "peer", "name", "v", "netns", ends[1]], check=True)
         near, far = (self.set_up_network(name, f"addr add 10.77.0.{i}/24 dev v", "link set v up", "route add 239.0.0.0/8 dev v") for i, name in enumerate(ends, 1))
         with server(self.ports, address="10.77.0.2", prefix=far):
-            result = subprocess.run([*near, TOOL, "rtsp", self.url("group", host="10.77.0.2"), "--multicast", "--seconds", "3"], capture_output=True, timeout=60, text=True)
+            result, beside = (subprocess.run([*where, TOOL, "rtsp", self.url("group", host="10.77.0.2"), "--multicast", "--seconds", "3"],
+                                             capture_output=True, timeout=60, text=True) for where in (near, far))
         self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
         self.assertRegex(result.stdout, r"Playing over multicast(?s:.*)\n1 video H264/90000: \d\d+ packets, 0 lost")
+        self.assertEqual(beside.returncode, 1, "the server keeps the port for itself")
+        self.assertRegex(beside.stderr, r"group \S+ cannot be joined on port 5004: Address already in use\nnuvika: another program on this machine")
 
     def test_a_camera_that_changes_in_the_middle_begins_a_new_run(self):
         # What is added to source, sequence number, media clock and wall clock; and what the tool finds.

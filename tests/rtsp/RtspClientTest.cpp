@@ -113,16 +113,22 @@ TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
         {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "packet 0 5 packet 0 6",
             RtspQuirks::eNamedPort, "127.0.0.9"},
         {"one port for a pair", "RTP/AVP;server_port={rtp}"},
+        {"another machine as source: reports go there", "RTP/AVP;server_port=9-{other};source=127.0.0.9", "",
+            RtspQuirks::eNamedPort, "127.0.0.9"},
     };
     for (const auto& row : rows) {
         RtspOptions options = udp();
         options.quirks.serverPort = row.rule;
-        Script script = silent().on("SETUP", {setUp(row.transport)});
+        RawUdp other(row.other);
+        QByteArray transport = row.transport;
+        const bool bReports = transport.contains("{other}");
+        transport.replace("{other}", QByteArray::number(other.localPort()));
+        Script script = silent().on("SETUP", {setUp(transport)});
         script.bIPv6 = *row.other == ':';
         Viewer viewer(script, options);
         ASSERT_TRUE(viewer.starts("playing")) << row.name << viewer.log();
         const char* host = script.bIPv6 ? "::1" : "127.0.0.1";
-        RawUdp other(row.other);
+        EXPECT_TRUE(viewer.waitUntil([&] { return !bReports || other.hasPendingDatagrams(); })) << row.name;
         const auto taken = [&] { return viewer.events.filter(QStringLiteral("packet")); };
         const auto nSeen = [&] { return taken().size() + static_cast<int>(viewer.client->droppedPackets()); };
         viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5), host);
@@ -154,6 +160,16 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
         const Script noGroup = group("RTP/AVP;multicast;destination=127.0.0.1;port=17000-17001");
         Viewer viewer(noGroup, udp(RtspOptions::eMulticast));
         EXPECT_TRUE(viewer.starts("error 461")) << "what is no group is not joined";
+        for (const bool bShared : {false, true}) { // with a server on the same machine
+            QUdpSocket held;
+            held.bind(QHostAddress(QHostAddress::AnyIPv4), 17001,
+                bShared ? QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint
+                        : QAbstractSocket::DontShareAddress);
+            Viewer beside(group(inAnswer), udp(RtspOptions::eMulticast));
+            EXPECT_TRUE(beside.starts(bShared ? "playing" : "error 10048")) << beside.log();
+            EXPECT_NE(bShared, beside.has("group 239.9.9.9 cannot be joined on port 17001: "))
+                << beside.log();
+        }
     });
     if (!bMade)
         GTEST_SKIP() << kNoOwnNetwork;
@@ -251,6 +267,38 @@ TEST(RtspClient, ASessionIsKeptAtHalfOfItsTimeAtMostThirtySecondsApart)
         const auto field = Nuvika::RtspSessionField::parse(QString::fromLatin1(row.session));
         EXPECT_EQ(Nuvika::RtspKeepAlive::intervalMs(field.nTimeout), row.interval) << row.session;
     }
+    for (const auto& [named, used] : {std::make_pair("", "OPTIONS OPTIONS"),
+             std::make_pair("PLAY, get_parameter", "GET_PARAMETER OPTIONS OPTIONS"),
+             std::make_pair("SET_PARAMETER,GET_PARAMETER", "GET_PARAMETER SET_PARAMETER OPTIONS")}) {
+        Nuvika::RtspKeepAlive keepAlive;
+        keepAlive.setMethods(Nuvika::parseMethods(QString::fromLatin1(named)));
+        for (const QByteArray& each : QByteArray(used).split(' ')) {
+            EXPECT_EQ(keepAlive.method().toStdString(), each.toStdString()) << named;
+            keepAlive.refused();
+        }
+    }
+}
+
+TEST(RtspClient, NoKeepAliveAndNoReportWaitsBehindAStalledConnection)
+{
+    RtspOptions options = Viewer::tcp();
+    options.timeouts.nSilence = 0;
+    options.nReportMs = 100;
+    Viewer viewer(on("SETUP", {setUp("{transport}", "42;timeout=1")}), options);
+    ASSERT_TRUE(viewer.starts("unit 0 2")) << viewer.log();
+    int nSent = 0;
+    QObject::connect(viewer.client.get(), &RtspClient::messageSent, [&] { ++nSent; });
+    ASSERT_TRUE(viewer.waitUntil([&] { return nSent == 1 && viewer.camera.reports > 0; }));
+    seams::sending.arm(1000000, EAGAIN);
+    const int nReports = viewer.camera.reports;
+    QElapsedTimer time;
+    time.start();
+    EXPECT_TRUE(viewer.waitUntil([&] { return time.elapsed() > 1800; }));
+    EXPECT_LE(nSent, 2) << "one for each half of a second";
+    seams::sending.arm(0, 0);
+    viewer.camera.connection().write(framed(0, rtp(0, 3))); // the system looks at it again
+    EXPECT_TRUE(viewer.waitUntil([&] { return nSent >= 3 && viewer.camera.reports > nReports + 1; }));
+    EXPECT_FALSE(viewer.has("error")) << viewer.log();
 }
 
 TEST(RtspClient, AnswersAKeepAliveWhoseNonceHasExpired)
@@ -389,6 +437,18 @@ TEST(RtspClient, ReportsWhatItReceives)
     EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.reports >= 2; }));
 }
 
+TEST(RtspClient, APacketWithoutPayloadIsNoLossAndNoUnit)
+{
+    const QByteArray padded = QByteArray("\xA0") + rtp(0, 3, 0x11223344, QByteArray("\0\0\0\x04", 4)).mid(1);
+    Viewer viewer(Script().sends(framed(0, rtp(0, 1)) + framed(0, rtp(0, 2, 0x11223344, ""))
+        + framed(0, padded) + framed(0, rtp(0, 4)) + framed(0, "\x80\0\0\x05") + framed(0, rtp(0, 6))));
+    ASSERT_TRUE(viewer.starts("unit 0 6")) << viewer.log();
+    EXPECT_EQ(viewer.events.filter(QStringLiteral("unit")).size(), 3) << viewer.log();
+    const RtspTrackStatistics counts = viewer.client->trackStatistics().first();
+    EXPECT_EQ(counts.nLost, 1U) << "what is too short to be one";
+    EXPECT_EQ(counts.nPackets, 5U);
+}
+
 TEST(RtspClient, FollowsANewSourceOnceTheOldOneIsSilent)
 {
     RtspOptions options = Viewer::tcp();
@@ -404,6 +464,16 @@ TEST(RtspClient, FollowsANewSourceOnceTheOldOneIsSilent)
     const RtspTrackStatistics counts = viewer.client->trackStatistics().first();
     EXPECT_EQ(counts.nStrangers, 1U);
     EXPECT_EQ(counts.nLost, 0U);
+    for (int sequence = 62; sequence < 120; ++sequence) { // which has a pace
+        seams::clockOffsetMs += 40;
+        viewer.camera.connection().write(framed(0, rtp(0, sequence, 0x99)));
+        ASSERT_TRUE(viewer.waitUntil(qPrintable(QStringLiteral("unit 0 %1").arg(sequence))));
+    }
+    seams::clockOffsetMs += 1500;
+    viewer.camera.connection().write(framed(0, rtp(0, 200)) + framed(0, rtp(0, 201)));
+    ASSERT_TRUE(viewer.waitUntil("unit 0 201")) << viewer.log();
+    EXPECT_TRUE(viewer.has("unit 0 200")) << "from its first packet on";
+    EXPECT_EQ(viewer.client->trackStatistics().first().nStrangers, 1U);
     seams::clockOffsetMs = 0;
 }
 

@@ -6,7 +6,8 @@ namespace
 struct Row {
     const char* name;
     Script script;
-    std::vector<const char*> sent = {}; // what the requests hold, in this order; H for the server
+    std::vector<const char*> sent
+        = {}; // what requests hold, in this order; H for the server; ! what none does
     const char* until = "unit 0"; // the event that shows it was borne with; | others before it; |! none of it
     RtspOptions options = Viewer::tcp();
     const char* path = "/live";
@@ -29,6 +30,9 @@ void run(const std::vector<Row>& rows)
         sent.replace("127.0.0.1:" + QByteArray::number(viewer.camera.listener.port()), "H");
         int at = 0;
         for (const char* part : row.sent) { // each behind the one before it
+            EXPECT_FALSE(*part == '!' && sent.contains(part + 1)) << row.name << ": " << part;
+            if (*part == '!')
+                continue;
             at = sent.indexOf(part, at) + static_cast<int>(qstrlen(part));
             EXPECT_GE(at, static_cast<int>(qstrlen(part))) << row.name << ": " << part << " in\n"
                                                            << sent.constData();
@@ -79,7 +83,7 @@ TEST(RtspServers, RequestsAndSessions)
         {"digest", on("OPTIONS", {asksDigest("n1"), answer()}),
             {"OPTIONS", "OPTIONS",
                 "Authorization: Digest username=\"user\", realm=\"x\", nonce=\"n1\", uri=\"rtsp://H/live\"",
-                "SETUP", "uri=\"rtsp://H/live/track1\""}},
+                "SETUP", "uri=\"rtsp://H/live/track1\"", "!algorithm"}},
         {"unknown challenges and algorithms",
             on("DESCRIBE",
                 {answer("WWW-Authenticate: Negotiate\r\nWWW-Authenticate: Digest realm=\"y\", nonce=\"n0\", "
@@ -128,6 +132,8 @@ TEST(RtspServers, RequestsAndSessions)
         {"a number that was never sent",
             on("SETUP", {"RTSP/1.0 200 OK\r\nCSeq: 999\r\nSession: 42\r\n\r\n"})},
         {"an answer twice", on("OPTIONS", {answer() + answer()})},
+        {"packets before the answer to PLAY", on("PLAY", {packets(1, 2) + answer()}).sends({}), {},
+            "playing|unit 0 2"},
         {"a hundred and a try", on("PLAY", {refuses("100 Trying") + answer()}), {}, "playing"},
         {"no type of the content", on("DESCRIBE", {answer("Content-Length: {size}") + "{sdp}"})},
         {"a type with a charset",
@@ -184,6 +190,8 @@ TEST(RtspServers, Urls)
             {"SETUP rtsp://inner/agg/t1 ", "PLAY rtsp://inner/agg "}},
         {"a query in the base", track("trackID=0"), {"SETUP rtsp://H/live?ch=1/trackID=0 "}, "unit 0",
             Viewer::tcp(), "/live?ch=1"},
+        {"an absolute control with an inner address", track("rtsp://192.0.2.1/t1"),
+            {"SETUP rtsp://192.0.2.1/t1 ", "PLAY rtsp://H/live "}},
         {"no control at all with one track", based("", "", ""), {"SETUP rtsp://H/live "}},
         {"RTP-Info that is wrong in everything",
             on("PLAY", {answer("RTP-Info: url=rtsp://x/nothing;seq=40000;rtptime=-1,url=;seq=x;")})},
@@ -270,7 +278,8 @@ TEST(RtspServers, Descriptions)
         {"a track that is no RTP",
             describing("v=0\nm=application/TP-LINK 0 RTP/AVP smart/1/90000\na=control:x\n" + audio),
             {"SETUP rtsp://H/live/t "}, "playing"},
-        {"a back channel", describing("v=0\n" + audio + "m=audio 0 RTP/AVP 0\na=sendonly\na=control:back\n")},
+        {"a back channel", describing("v=0\n" + audio + "m=audio 0 RTP/AVP 0\na=sendonly\na=control:back\n"),
+            {"SETUP rtsp://H/live/t ", "!/back "}},
         {"one type in two tracks",
             describing("m=audio 0 RTP/AVP 0\na=control:a\nm=audio 0 RTP/AVP 0\na=control:b\n")
                 .sends(framed(0, rtp(0, 1)) + framed(2, rtp(0, 3))),

@@ -52,6 +52,7 @@ TEST(RtspFields, ReadWhatServersWrite)
         {"RTP/AVP ; interleaved = 0 - 1 , RTP/AVP;multicast", "tcp 0 0-1 -1--1 -1--1 -"},
         {"RTP/AVP;server_port=70000-1;ssrc=0;ssrc=zz;interleaved=x", "udp 0 -1--1 -1--1 -1--1 -"},
         {"RTP/AVP;ssrc= 287454020 ", "udp 0 -1--1 -1--1 -1--1 11223344"},
+        {"RTP/AVP;ssrc=11223AB", "udp 0 -1--1 -1--1 -1--1 11223ab"},
         {"RTP/AVP;ssrc=00112233AB", "udp 0 -1--1 -1--1 -1--1 112233ab"},
         {"", "udp 0 -1--1 -1--1 -1--1 -"},
     };

@@ -3,8 +3,9 @@
 namespace
 {
 constexpr qint64 kLongestUnitUs = 2000000; // a longer silence is a gap
+constexpr qint64 kClockToleranceUs = 20000; // clocks are followed in small steps
 
-NTPTimestamp tolerance() { return NTPTimestamp::fromMilliseconds(20); } // clocks are followed in small steps
+NTPTimestamp tolerance() { return NTPTimestamp::fromMicroseconds(kClockToleranceUs); }
 
 double percent(quint64 part, quint64 whole)
 {
@@ -41,7 +42,9 @@ void StreamRecord::takeUnit(const RtpAccessUnit& unit, const RtpTime& time)
 void StreamRecord::cover(const RtpAccessUnit& next, const RtpTime& time)
 {
     const qint64 stepUs = time.presentationUs - m_last->presentationUs;
-    const bool bWhole = next.nPacketsLost == 0 && !time.bNewRun && stepUs <= kLongestUnitUs;
+    const qint64 clockStepUs = time.wallUs - m_last->wallUs - stepUs; // a media clock that jumps makes none
+    const bool bGoesOn = !time.bNewRun || qAbs(clockStepUs) <= kClockToleranceUs;
+    const bool bWhole = next.nPacketsLost == 0 && bGoesOn && stepUs <= kLongestUnitUs;
     const qint64 endUs = bWhole ? time.wallUs : m_last->wallUs + std::min(m_usualUs, stepUs);
     if (bWhole && stepUs > 0)
         m_usualUs = stepUs;

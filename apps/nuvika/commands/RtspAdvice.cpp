@@ -17,10 +17,13 @@ constexpr int kUnauthorised = 401;
 constexpr int kUnreadable = 10053;
 constexpr int kReset = 10054;
 
-constexpr std::array<Entry, 15> kEntries{{
+constexpr std::array<Entry, 16> kEntries{{
     {5, Exit::kTimeout,
         "this port may be one without TLS: try rtsp:// (rtsps has its own port, usually 322)"},
     {10013, Exit::kCertificate, "trust its certificate with --ca FILE, or whoever answers with --insecure"},
+    {10048, Exit::kFailure,
+        "another program on this machine, such as the server itself, shares the group's port with nobody: "
+        "receive on another machine, or try --tcp or --udp"},
     {10050, Exit::kNoConnection, "this machine has no network to it: look at cables and routes"},
     {10051, Exit::kNoConnection, "no route leads there: the camera may be in another network"},
     {10054, Exit::kLost, "it hung up: it may be out of sessions (close other viewers), or no RTSP server"},

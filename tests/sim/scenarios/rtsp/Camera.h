@@ -1,6 +1,6 @@
-// A camera as a peer: RTSP by its own few lines, a video track in fragments and an audio track whose bytes
-// tell whose they are. It answers late, never, half or twice, lets nonces expire, refuses UDP or sends
-// nothing by it, and vanishes.
+// A camera as a peer: RTSP by its own few lines, a video track in fragments, an audio track and perhaps one
+// of data, whose bytes tell whose they are. It answers late, never, half or twice, lets nonces expire,
+// refuses UDP or sends nothing by it, and vanishes.
 #pragma once
 
 #include "sim/scenarios/http/Exchange.h"
@@ -13,24 +13,29 @@
 
 namespace rtsp
 {
-constexpr int kTracks = 2;
+enum { eVideo, eAudio, eData, kTracks };
+constexpr std::array<quint32, kTracks> kTypes = {96, 0, 107};
 constexpr quint32 kTicks = 3000; // from one unit to the next
 
 // What a unit holds; no zeros, which pictures would have to escape.
 inline QByteArray contentOf(int track, quint32 session, int number)
 {
     QByteArray all = web::bytesOf(static_cast<int>(session) * 100000 + number * 2 + track,
-        2 + (number * 7919 + track) % (track == 0 ? 3000 : 300));
+        2 + (number * 7919 + track) % (track == eAudio ? 300 : 3000));
     all.replace('\0', 'x');
-    return track == 0 ? "\x65\x88" + all : all;
+    return track == eVideo ? "\x65\x88" + all : all;
 }
 inline std::vector<QByteArray> payloadsOf(int track, quint32 session, int number)
 {
     constexpr int kFragment = 400; // bytes of a picture in a packet
     const QByteArray content = contentOf(track, session, number);
-    if (track == 1 || content.size() <= kFragment)
+    if (content.size() <= kFragment)
         return {content};
     std::vector<QByteArray> payloads;
+    for (int at = 0; track == eData && at < content.size(); at += kFragment)
+        payloads.push_back(content.mid(at, kFragment));
+    if (track == eData)
+        return payloads;
     for (int at = 1; at < content.size(); at += kFragment) { // RFC 6184, FU-A
         const int flags = (at == 1 ? 0x80 : 0) | (at + kFragment >= content.size() ? 0x40 : 0) | 5;
         payloads.push_back(QByteArray("\x7C") + static_cast<char>(flags) + content.mid(at, kFragment));
@@ -85,7 +90,8 @@ class Camera
 {
 public:
     Camera(sim::World& world, int number)
-        : m_world(world), m_random(world.random().next()), address("10.0.3." + std::to_string(number + 1)),
+        : m_world(world), m_nSeed(world.random().next()), m_random(m_nSeed),
+          address((bIPv6 ? "fd00::3:" : "10.0.3.") + std::to_string(number + 1)),
           m_rtp(world.udp(address, 6970))
     {
     }
@@ -104,9 +110,12 @@ public:
 
 private:
     sim::World& m_world;
+    const std::uint64_t m_nSeed;
     sim::Random m_random;
 
 public:
+    const bool bIPv6 = (m_nSeed & 1) != 0;
+    const bool bData = (m_nSeed & 6) == 0;
     const std::string address;
     enum Udp { eUdp, eRefused, eMute };
     const Udp udp = m_random.chance(0.6) ? eUdp : m_random.chance(0.5) ? eRefused : eMute;
@@ -200,9 +209,12 @@ private:
         if (method == "OPTIONS") {
             reply(c, request, "200 OK", "Public: PLAY, GET_PARAMETER\r\n");
         } else if (method == "DESCRIBE") {
+            const QByteArray data
+                = "m=application 0 RTP/AVP 107\r\na=rtpmap:107 vnd.onvif.metadata/90000\r\na=control:2\r\n";
             const QByteArray sdp
                 = "v=0\r\ns=-\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:0\r\n"
-                  "m=audio 0 RTP/AVP 0\r\na=control:1\r\n";
+                  "m=audio 0 RTP/AVP 0\r\na=control:1\r\n"
+                + (bData ? data : QByteArray());
             reply(c, request, "200 OK", "Content-Length: " + QByteArray::number(sdp.size()) + "\r\n", sdp);
         } else if (method == "SETUP") {
             setUp(c, request, session);
@@ -230,7 +242,7 @@ private:
             session->pConnection = std::make_shared<Connection>(); // nobody knows it yet
             session->bTcp = bTcp;
         }
-        const int number = request.split(' ').value(1).endsWith('1') ? 1 : 0;
+        const int number = request.split(' ').value(1).right(1).toInt();
         Session::Track& track = session->tracks[static_cast<std::size_t>(number)];
         track.nUnits = 0;
         track.nSequence = static_cast<quint16>(m_random.next());
@@ -238,7 +250,8 @@ private:
             transport = "RTP/AVP/TCP;interleaved=" + QByteArray::number(channelOf(number));
         } else {
             const QByteArray port = transport.mid(transport.indexOf("client_port=") + 12);
-            track.to = sim::Address::of("10.0.0.1", port.left(port.indexOf('-')).toUShort());
+            track.to
+                = sim::Address::of(bIPv6 ? "fd00::1" : "10.0.0.1", port.left(port.indexOf('-')).toUShort());
             transport += ";server_port=6970-6971";
         }
         const QByteArray timeout
@@ -300,7 +313,8 @@ private:
             const std::vector<QByteArray> payloads = payloadsOf(number, s.nId, track.nUnits);
             const quint32 time = firstTimestamp(s.nId) + static_cast<quint32>(track.nUnits++) * kTicks;
             for (const QByteArray& payload : payloads) {
-                const quint32 type = (number == 0 ? 96 : 0) | (&payload == &payloads.back() ? 0x80 : 0);
+                const quint32 type
+                    = kTypes[static_cast<std::size_t>(number)] | (&payload == &payloads.back() ? 0x80 : 0);
                 const QByteArray packet = bigEndian(0x8000 | type, 2) + bigEndian(track.nSequence++, 2)
                     + bigEndian(time, 4) + bigEndian(s.nId, 4) + payload;
                 framed += "$" + bigEndian(channelOf(number), 1)
