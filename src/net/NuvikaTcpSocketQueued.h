@@ -8,6 +8,7 @@
 namespace Nuvika
 {
 class ChunkQueue;
+class ProxyTunnel;
 class ReceivePlacer;
 } // namespace Nuvika
 
@@ -73,17 +74,22 @@ signals:
     void sigCanSend();
 
 private slots:
+    void slotConnected();
     void slotDisconnected();
     void slotError(int errorCode);
     void slotCanSend();
 
 private:
     void discardQueue();
+    bool isTunnelInTheWay() const;
 
     bool m_bEndOfData = false;
     bool m_bTellAllSent = false; // once the queue has drained
     bool m_bFinished = false; // nothing may follow what is queued
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
+    Nuvika::ReceivePlacer* m_pPlacer = nullptr;
+    std::unique_ptr<Nuvika::ProxyTunnel> m_pTunnel; // once a proxy was named
     friend class Nuvika::ReceivePlacer;
+    friend class Nuvika::ProxyTunnel;
 };
