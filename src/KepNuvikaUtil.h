@@ -23,6 +23,7 @@
 #include <KepNuvikaUtil/HostLookup.h>
 #include <KepNuvikaUtil/HttpAuthenticator.h>
 #include <KepNuvikaUtil/HttpClient.h>
+#include <KepNuvikaUtil/HttpClientBase.h>
 #include <KepNuvikaUtil/HttpHeader.h>
 #include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>

@@ -93,14 +93,15 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
 }
 
 int HttpRequestEngine::request(
-    const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password)
+    const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password,
+    bool bStream)
 {
     SharedPoolBuffer body;
     if (!content.isEmpty()) {
         body = m_pPool->getBuffer();
         body.setData(content.constData(), content.size());
     }
-    return request(header, false, &body, user, password, 0);
+    return request(header, bStream, &body, user, password, 0);
 }
 
 void HttpRequestEngine::discardNonePendingRequest(int id)
@@ -190,6 +191,7 @@ bool HttpRequestEngine::isConnectionStale() const
 void HttpRequestEngine::writeRequest(Request& request)
 {
     request.bPending = true;
+    m_bReused = m_bUsed;
     const bool bHeadCarriesBody = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead;
     const auto* body = static_cast<const char*>(request.body.getBuffer());
     QByteArray head = request.header.toString().toLatin1();

@@ -54,7 +54,7 @@ public:
     int request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
         const QString& user, const QString& password, int nAuthMode);
     int request(const HttpRequestHeader& header, const QByteArray& content, const QString& user,
-        const QString& password);
+        const QString& password, bool bStream = false);
     // A request that fails for this reason, from the event loop.
     int refuse(const QString& problem);
     bool sendUploadContentChunk(int id, const char* data, int size, bool bLast);
@@ -70,6 +70,9 @@ public:
         m_reader.setLimits(limits);
     }
     QString hostField() const;
+    const char* traceName() const { return m_traceName; }
+    // Of the request that was written last.
+    bool isConnectionReused() const { return m_bReused; }
     QHostAddress lastLocalAddress() const { return m_lastLocalAddress; }
     QHostAddress lastPeerAddress() const { return m_lastPeerAddress; }
     // Of the last failure, in words.
@@ -176,6 +179,7 @@ private:
     int m_nLastId = 0;
     State m_state = eDisconnected;
     bool m_bUsed = false; // the connection has carried an answer
+    bool m_bReused = false; // it had, when the last request was written
     HttpReadLimits m_limits;
     PendingInput m_input{*this};
     QString m_endProblem; // of the end that waits there
