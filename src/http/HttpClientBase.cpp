@@ -3,6 +3,7 @@
 #include "core/Log_p.h"
 #include "http/HttpClientBase_p.h"
 #include "http/HttpRequests_p.h"
+#include "net/ProxyTunnel_p.h"
 
 #include <cstdlib>
 
@@ -156,3 +157,10 @@ QHostAddress HttpClientBase::lastPeerAddress() const { return d->m_pEngine->last
 QString HttpClientBase::errorString() const { return d->m_pEngine->problem(); }
 
 bool HttpClientBase::isConnectionReused() const { return d->m_pEngine->isConnectionReused(); }
+
+void HttpClientBase::setProxy(
+    const QString& host, unsigned short port, const QString& user, const QString& password)
+{
+    const bool bBrackets = host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'));
+    d->m_pTransport->setProxy({bBrackets ? host.mid(1, host.size() - 2) : host, port, user, password});
+}

@@ -7,6 +7,7 @@
 namespace Nuvika
 {
 class ReceivePlacer;
+struct ProxyAddress;
 
 class HttpTransport
 {
@@ -28,5 +29,7 @@ public:
     virtual bool hasPendingInput() const = 0;
     virtual QHostAddress localAddress() const = 0;
     virtual QHostAddress peerAddress() const = 0;
+    // For the connections to come.
+    virtual void setProxy(const ProxyAddress& proxy) = 0;
 };
 } // namespace Nuvika

@@ -5,6 +5,7 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "http/HttpTransport_p.h"
+#include "net/ProxyTunnel_p.h"
 #include "net/ReceivePlacer_p.h"
 
 namespace Nuvika
@@ -29,6 +30,7 @@ public:
     bool hasPendingInput() const override { return m_socket.hasPendingInput(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
+    void setProxy(const ProxyAddress& proxy) override { ProxyTunnel::set(m_socket, proxy); }
 
 private:
     static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }

@@ -74,12 +74,7 @@ int endOfHead(const QByteArray& bytes, int from)
 
 ProxyTunnel::ProxyTunnel(NuvikaTcpSocketQueued& owner) : m_owner(owner)
 {
-    m_timer.setInterval(kTickMs);
-    QObject::connect(&m_timer, &QTimer::timeout, &m_owner, [this] {
-        if (Clock::monotonicMs() - m_nBegin > kAnswerMs)
-            fail(ErrorCodes::kTimedOut,
-                QStringLiteral("%1 did not answer within 10 seconds").arg(proxyName()));
-    });
+    QObject::connect(&m_timer, &QTimer::timeout, &m_owner, [this] { watchTime(); });
 }
 
 void ProxyTunnel::set(NuvikaTcpSocketQueued& socket, const ProxyAddress& proxy)
@@ -107,6 +102,7 @@ void ProxyTunnel::connectTo(const QString& host, quint16 port)
     }
     m_proxy = m_wanted;
     m_state = eConnecting;
+    m_nBegin = Clock::monotonicMs();
     const QString authority = authorityOf(host);
     if (authority.isEmpty()) {
         failLater(ErrorCodes::kHostNotFound, QStringLiteral("\"%1\" is no host's name").arg(host));
@@ -130,10 +126,22 @@ void ProxyTunnel::reset()
 void ProxyTunnel::tcpConnected()
 {
     m_state = eAsking;
-    m_nBegin = Clock::monotonicMs();
-    m_timer.start();
+    m_nAsked = Clock::monotonicMs();
+    m_timer.start(m_owner.m_nConnectTimeLimit > 0 ? std::min(m_owner.m_nConnectTimeLimit, kTickMs) : kTickMs);
     const QByteArray bytes = request();
     m_owner.m_pSocket->sendData(bytes.constData(), bytes.size());
+}
+
+// The owner's limit of connecting counts the TCP connection, too.
+void ProxyTunnel::watchTime()
+{
+    const quint32 now = Clock::monotonicMs();
+    const auto limit = static_cast<quint32>(m_owner.m_nConnectTimeLimit);
+    if (limit > 0 && now - m_nBegin >= limit)
+        fail(ErrorCodes::kTimedOut,
+            QStringLiteral("%1 did not open a way to %2 within %3 ms").arg(proxyName(), m_target).arg(limit));
+    else if (now - m_nAsked > kAnswerMs)
+        fail(ErrorCodes::kTimedOut, QStringLiteral("%1 did not answer within 10 seconds").arg(proxyName()));
 }
 
 QByteArray ProxyTunnel::request() const

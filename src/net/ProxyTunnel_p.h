@@ -51,6 +51,7 @@ private:
 
     QByteArray request() const;
     QString proxyName() const;
+    void watchTime();
     void takeAnswer();
     bool speaksHttp() const;
     QByteArray statusLine() const;
@@ -70,7 +71,8 @@ private:
     int m_nScanned = 0; // so far it does not end
     QString m_problem;
     QTimer m_timer;
-    quint32 m_nBegin = 0; // Clock::monotonicMs()
+    quint32 m_nBegin = 0; // Clock::monotonicMs(), as the next
+    quint32 m_nAsked = 0;
     Watched m_watched;
 };
 } // namespace Nuvika

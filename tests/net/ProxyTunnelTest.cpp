@@ -122,7 +122,7 @@ TEST(ProxyTunnel, NamesHostsAndUsersAsTheyAreWrittenThere)
 
 TEST(ProxyTunnel, EndsInASentenceWhereTheProxyDoesNotHelp)
 {
-    enum How { eAnswers, eCloses, eResets, eIsSilent, eIsAway };
+    enum How { eAnswers, eCloses, eResets, eIsSilent, eIsSlow, eIsAway };
     const QByteArray endless = "HTTP/1.1 200 Yes\r\n" + QByteArray(70000, 'x');
     const QByteArray interim("HTTP/1.1 100 \r\n\r\n");
     const struct {
@@ -151,11 +151,13 @@ TEST(ProxyTunnel, EndsInASentenceWhereTheProxyDoesNotHelp)
         {"HTTP/1.1 200 Yes\r\nA: b\r\n", 10053, "ended the connection without an answer", eCloses},
         {"HTTP", 10054, "Connection reset by peer", eResets},
         {"HTTP/1.1 200 Yes\r\n", 10060, "did not answer within 10 seconds", eIsSilent},
+        {"HTTP/1.1 200 Yes\r\n", 10060, "did not open a way to cam.test:80 within 150 ms", eIsSlow},
         {"", 10061, ": Connection refused", eIsAway},
     };
     for (const auto& row : rows) {
         Way way(row.user);
         const std::string proxy = "the proxy 127.0.0.1:" + std::to_string(way.listener.port());
+        way.socket.setConnectTimeLimit(row.how == eIsSlow ? 150 : 0);
         if (row.how == eIsAway) {
             way.listener.close();
             way.socket.connectToHost(QStringLiteral("cam.test"), 80);
