@@ -8,6 +8,8 @@
 #include "net/ProxyTunnel_p.h"
 #include "net/ReceivePlacer_p.h"
 
+#include <type_traits>
+
 namespace Nuvika
 {
 template <class Socket>
@@ -28,6 +30,8 @@ public:
     void stallRecv() override { m_socket.stallRecv(); }
     void resumeRecv() override { m_socket.resumeRecv(); }
     bool hasPendingInput() const override { return m_socket.hasPendingInput(); }
+    bool isTls() const override { return std::is_same_v<Socket, NuvikaSslSocket>; }
+    qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
     void setProxy(const ProxyAddress& proxy) override { ProxyTunnel::set(m_socket, proxy); }
