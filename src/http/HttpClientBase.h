@@ -140,8 +140,9 @@ public:
     /// the credentials go to the proxy with the first request (Basic), in the clear. lastPeerAddress() is the
     /// proxy's.
     ///
-    /// What goes wrong there counts as a failed connection, and errorString() names the proxy: error(10061),
-    /// its refusal, with the status; 10060, no answer within 10 s; 10053, an answer that is none.
+    /// What goes wrong there counts as a failed connection (HttpFailure::eProxy), and errorString() names the
+    /// proxy: error(10061), its refusal, with the status; 10060, no answer within 10 s; 10053, an answer that
+    /// is none.
     void setProxy(const QString& host, unsigned short port, const QString& user = QString(),
         const QString& password = QString());
 

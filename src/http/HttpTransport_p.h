@@ -34,5 +34,7 @@ public:
     virtual QHostAddress peerAddress() const = 0;
     // For the connections to come.
     virtual void setProxy(const ProxyAddress& proxy) = 0;
+    // The last one did not come about for the proxy's sake.
+    virtual bool hasProxyFailed() const = 0;
 };
 } // namespace Nuvika

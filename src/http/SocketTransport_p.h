@@ -35,6 +35,7 @@ public:
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
     void setProxy(const ProxyAddress& proxy) override { ProxyTunnel::set(m_socket, proxy); }
+    bool hasProxyFailed() const override { return ProxyTunnel::failedLast(m_socket); }
 
 private:
     static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }

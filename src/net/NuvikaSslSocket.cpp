@@ -90,6 +90,8 @@ void ReceivePlacer::set(NuvikaSslSocket& socket, ReceivePlacer& placer) { socket
 
 void ProxyTunnel::set(NuvikaSslSocket& socket, const ProxyAddress& proxy) { set(socket.d->m_socket, proxy); }
 
+bool ProxyTunnel::failedLast(const NuvikaSslSocket& socket) { return failedLast(socket.d->m_socket); }
+
 bool NuvikaSslSocket::notifyWhenAllSent() { return d->notifyWhenAllSent(); }
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
 

@@ -85,6 +85,12 @@ void ProxyTunnel::set(NuvikaTcpSocketQueued& socket, const ProxyAddress& proxy)
         ReceivePlacer::set(*socket.m_pSocket, *socket.m_pTunnel);
     }
     socket.m_pTunnel->m_wanted = proxy;
+    socket.m_pTunnel->m_bFailed = false;
+}
+
+bool ProxyTunnel::failedLast(const NuvikaTcpSocketQueued& socket)
+{
+    return socket.m_pTunnel && socket.m_pTunnel->m_bFailed;
 }
 
 QString ProxyTunnel::proxyName() const
@@ -102,6 +108,7 @@ void ProxyTunnel::connectTo(const QString& host, quint16 port)
     }
     m_proxy = m_wanted;
     m_state = eConnecting;
+    m_bFailed = false;
     m_nBegin = Clock::monotonicMs();
     const QString authority = authorityOf(host);
     if (authority.isEmpty()) {
@@ -175,6 +182,7 @@ void ProxyTunnel::fail(int code, const QString& problem)
 {
     reset();
     m_state = eFailed;
+    m_bFailed = true;
     m_problem = problem;
     m_owner.m_pSocket->close();
     m_owner.slotError(code);

@@ -24,6 +24,9 @@ public:
     // For the connections to come.
     static void set(NuvikaTcpSocketQueued& socket, const ProxyAddress& proxy);
     static void set(NuvikaSslSocket& socket, const ProxyAddress& proxy);
+    // The last connection did not come about for the proxy's sake.
+    static bool failedLast(const NuvikaTcpSocketQueued& socket);
+    static bool failedLast(const NuvikaSslSocket& socket);
 
     explicit ProxyTunnel(NuvikaTcpSocketQueued& owner);
     ProxyTunnel(const ProxyTunnel&) = delete;
@@ -70,6 +73,7 @@ private:
     int m_nHead = 0; // where the head begins that is being read
     int m_nScanned = 0; // so far it does not end
     QString m_problem;
+    bool m_bFailed = false; // until the next connection
     QTimer m_timer;
     quint32 m_nBegin = 0; // Clock::monotonicMs(), as the next
     quint32 m_nAsked = 0;

@@ -397,6 +397,7 @@ TEST(HttpsClient, GoesThroughAProxyAndKnowsTheServerBehindIt)
         EXPECT_EQ(
             std::exchange(told.events, {}), list({"error 10061", "error 10061", "error 10061", "failed2"}));
         EXPECT_TRUE(row.client.errorString().endsWith(QLatin1String(": 403 Not you")));
+        EXPECT_EQ(row.client.failureOf(2).reason, HttpFailure::eProxy);
     }
     EXPECT_EQ(server.requests.size(), 1);
 }

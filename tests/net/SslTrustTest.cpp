@@ -333,8 +333,10 @@ TEST(SslTrust, AHandlerHasAllTheTimeThatItWantsAndThePeerHasIts)
     RawListener silent;
     Client client;
     client.socket->setVerdictHandler([](const Ssl::PeerChain&) { return true; });
+    RawSocket peer;
     client.connectTo(silent.port());
-    settle();
+    ASSERT_TRUE(waitFor([&] { return (peer = silent.accept()).isOpen(); }));
+    ASSERT_TRUE(waitFor([&] { return !peer.received().isEmpty(); })) << "the first flight";
     seams::clockOffsetMs += 10500;
     ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
     EXPECT_EQ(client.errors, std::vector<int>{5});
