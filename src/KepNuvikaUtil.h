@@ -66,6 +66,7 @@
 #include <KepNuvikaUtil/SocketError.h>
 #include <KepNuvikaUtil/StrHlp.h>
 #include <KepNuvikaUtil/StringConversions.h>
+#include <KepNuvikaUtil/TlsPin.h>
 #include <KepNuvikaUtil/VariableBuffer.h>
 #include <KepNuvikaUtil/VariableBufferArray.h>
 #include <KepNuvikaUtil/WinRecords.h>

@@ -3,6 +3,7 @@
 #include "core/Log_p.h"
 #include "http/HttpClientBase_p.h"
 #include "http/HttpRequests_p.h"
+#include "net/ProxyTunnel_p.h"
 
 #include <cstdlib>
 
@@ -164,3 +165,10 @@ void HttpClientBase::setRetryPolicy(const HttpRetryPolicy& policy) { d->m_pEngin
 bool HttpClientBase::cancelRequest(int id) { return d->m_pEngine->cancelRequest(id); }
 
 HttpFailure HttpClientBase::failureOf(int id) const { return d->m_pEngine->failureOf(id); }
+
+void HttpClientBase::setProxy(
+    const QString& host, unsigned short port, const QString& user, const QString& password)
+{
+    const bool bBrackets = host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'));
+    d->m_pTransport->setProxy({bBrackets ? host.mid(1, host.size() - 2) : host, port, user, password});
+}

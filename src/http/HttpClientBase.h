@@ -134,6 +134,18 @@ public:
     /// Why that request failed or was cancelled; eNone otherwise, and once another request has begun.
     HttpFailure failureOf(int id) const;
 
+    /// For the connections to come, plain and over TLS: through an HTTP proxy, which opens a way to the
+    /// server (CONNECT). An empty \a host: none, the default; the environment is never looked at. The
+    /// server's name is the proxy's to resolve, and its certificate is verified as without. With a \a user
+    /// the credentials go to the proxy with the first request (Basic), in the clear. lastPeerAddress() is the
+    /// proxy's.
+    ///
+    /// What goes wrong there counts as a failed connection (HttpFailure::eProxy), and errorString() names the
+    /// proxy: error(10061), its refusal, with the status; 10060, no answer within 10 s; 10053, an answer that
+    /// is none.
+    void setProxy(const QString& host, unsigned short port, const QString& user = QString(),
+        const QString& password = QString());
+
 signals:
     /// Not for a 401.
     void responseHeaderReceived(int id, const HttpResponseHeader& resp);

@@ -16,7 +16,7 @@ struct HttpFailure {
         eTimeLimit, ///< one of the time limits has passed
         eBadMessage, ///< what the peer sent is no HTTP, or no head, chunk or part of it within the limits
         eTooLarge, ///< the body is longer than what may be collected
-        eProxy, ///< the proxy refused
+        eProxy, ///< the proxy was not reached, or did not open the way
         eDevice ///< the device that gives or takes the body failed
     };
 

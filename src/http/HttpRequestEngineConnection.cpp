@@ -113,6 +113,8 @@ HttpFailure HttpRequestEngine::failureOfEnd(int code, const QString& problem) co
                                       : QStringLiteral("the server ended the connection in its answer")};
     if (m_state != eConnecting)
         return {HttpFailure::eLost, code, problem};
+    if (m_transport.hasProxyFailed())
+        return {HttpFailure::eProxy, code, problem};
     const bool bTls = m_transport.isTls()
         && (code == ErrorCodes::kConnectionAborted || code == ErrorCodes::kHandshakeTimeout);
     return {bTls                                ? HttpFailure::eTls

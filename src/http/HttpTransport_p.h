@@ -7,6 +7,7 @@
 namespace Nuvika
 {
 class ReceivePlacer;
+struct ProxyAddress;
 
 class HttpTransport
 {
@@ -31,5 +32,9 @@ public:
     virtual qint64 bytesToSend() const = 0;
     virtual QHostAddress localAddress() const = 0;
     virtual QHostAddress peerAddress() const = 0;
+    // For the connections to come.
+    virtual void setProxy(const ProxyAddress& proxy) = 0;
+    // The last one did not come about for the proxy's sake.
+    virtual bool hasProxyFailed() const = 0;
 };
 } // namespace Nuvika

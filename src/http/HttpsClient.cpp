@@ -113,6 +113,7 @@ bool HttpsClient::initSsl()
     socket.setCertificateVerificationMode(m_verifyMode);
     socket.setCertificateFileName(m_certificateFileName);
     socket.setCertificateFilePath(m_certificateFilePath);
+    socket.setPins(m_pins);
     return socket.initSsl(false, m_sslProtocol, m_certificateFileName, m_certificateFilePath, m_passPhrase);
 }
 
@@ -144,6 +145,14 @@ void HttpsClient::setCertificateFilePath(const QString& certificateFilePath)
 }
 
 void HttpsClient::setCertificateVerificationMode(SslVerifyCertificateMode mode) { m_verifyMode = mode; }
+
+void HttpsClient::setPins(const QList<TlsPin>& pins) { m_pins = pins; }
+
+void HttpsClient::setVerdictHandler(NuvikaSslSocket::VerdictHandler handler)
+{
+    if (data().m_pSslSocket)
+        data().m_pSslSocket->setVerdictHandler(std::move(handler));
+}
 
 void HttpsClient::shutdown()
 {

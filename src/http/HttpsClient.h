@@ -49,6 +49,11 @@ public:
     bool lastAnswerMayBeCut() const;
     void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers) override;
 
+    /// As NuvikaSslSocket's, for the connections to come. A refusal counts as any other loss: the handler is
+    /// asked again for each try, and should remember what it said.
+    void setPins(const QList<TlsPin>& pins);
+    void setVerdictHandler(NuvikaSslSocket::VerdictHandler handler);
+
 private slots:
     void slotSockConnected();
     void slotSockDataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
@@ -72,4 +77,5 @@ private:
     QString m_certificateFilePath;
     QString m_passPhrase;
     SslVerifyCertificateMode m_verifyMode = NuvikaSslSocket::eVerifyChainAndHost;
+    QList<TlsPin> m_pins;
 };

@@ -5,6 +5,7 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "http/HttpTransport_p.h"
+#include "net/ProxyTunnel_p.h"
 #include "net/ReceivePlacer_p.h"
 
 #include <type_traits>
@@ -33,6 +34,8 @@ public:
     qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
+    void setProxy(const ProxyAddress& proxy) override { ProxyTunnel::set(m_socket, proxy); }
+    bool hasProxyFailed() const override { return ProxyTunnel::failedLast(m_socket); }
 
 private:
     static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }

@@ -1,4 +1,6 @@
 #include "net/NuvikaSslSocket_p.h"
+#include "net/PeerCertificates_p.h"
+#include "net/ProxyTunnel_p.h"
 #include "net/ReceivePlacer_p.h"
 
 #include "core/Log_p.h"
@@ -32,6 +34,7 @@ bool NuvikaSslSocket::initSsl(bool server, SslProtocol protocol, const QString& 
     config.ownCertificate = certificateFileName.isEmpty() ? d->m_certificateFileName : certificateFileName;
     config.trusted = certificateFilePath.isEmpty() ? d->m_certificateFilePath : certificateFilePath;
     config.passPhrase = passPhrase;
+    config.pins = d->m_pins;
     return d->initialise(config);
 }
 
@@ -49,6 +52,10 @@ void NuvikaSslSocket::setCertificateFilePath(const QString& certificateFilePath)
 {
     d->m_certificateFilePath = certificateFilePath;
 }
+
+void NuvikaSslSocket::setPins(const QList<TlsPin>& pins) { d->m_pins = pins; }
+
+void NuvikaSslSocket::setVerdictHandler(VerdictHandler handler) { d->m_verdictHandler = std::move(handler); }
 
 NuvikaSslSocket::SslProtocol NuvikaSslSocket::getSllProtocol() const { return d->m_protocol; }
 
@@ -80,6 +87,10 @@ void NuvikaSslSocket::stallRecv() { d->stall(); }
 void NuvikaSslSocket::resumeRecv() { d->resume(); }
 
 void ReceivePlacer::set(NuvikaSslSocket& socket, ReceivePlacer& placer) { socket.d->m_pPlacer = &placer; }
+
+void ProxyTunnel::set(NuvikaSslSocket& socket, const ProxyAddress& proxy) { set(socket.d->m_socket, proxy); }
+
+bool ProxyTunnel::failedLast(const NuvikaSslSocket& socket) { return failedLast(socket.d->m_socket); }
 
 bool NuvikaSslSocket::notifyWhenAllSent() { return d->notifyWhenAllSent(); }
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }
@@ -119,17 +130,5 @@ bool NuvikaSslSocket::isSessionResumed() const { return d->m_bResumed; }
 
 NuvikaSslSocket::PeerCertificate NuvikaSslSocket::peerCertificate() const
 {
-    PeerCertificate facts;
-    X509* certificate = d->m_pCertificate.get();
-    if (certificate == nullptr)
-        return facts;
-    facts.subject = nameText(X509_get_subject_name(certificate));
-    facts.issuer = nameText(X509_get_issuer_name(certificate));
-    facts.validFrom = timeOf(X509_get0_notBefore(certificate));
-    facts.validUntil = timeOf(X509_get0_notAfter(certificate));
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int size = 0;
-    if (X509_digest(certificate, EVP_sha256(), digest, &size) == 1)
-        facts.sha256 = QByteArray(reinterpret_cast<const char*>(digest), static_cast<int>(size));
-    return facts;
+    return factsOf(d->m_pCertificate.get());
 }

@@ -2,19 +2,23 @@
 
 #include <KepNuvikaUtil/Export.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
+#include <KepNuvikaUtil/TlsPin.h>
 
 #include <QtCore/QByteArray>
 #include <QtCore/QDateTime>
+#include <QtCore/QList>
 #include <QtCore/QObject>
 
+#include <functional>
 #include <memory>
 
 class QDebug;
 
 namespace Nuvika
 {
+class ProxyTunnel;
 class ReceivePlacer;
-}
+} // namespace Nuvika
 
 /// A TLS connection on a Qt event loop, over a NuvikaTcpSocketQueued: a client (connectToHost()) or the
 /// server's end of an accepted connection (setSocketDescriptor()).
@@ -68,6 +72,8 @@ public:
         QDateTime validFrom; ///< UTC
         QDateTime validUntil;
         QByteArray sha256; ///< of the certificate, 32 bytes; empty when there is none
+        QByteArray publicKeySha256; ///< of its SubjectPublicKeyInfo, as curl pins it
+        QByteArray der; ///< the certificate itself
     };
 
     explicit NuvikaSslSocket(QObject* parent = nullptr);
@@ -144,6 +150,41 @@ public:
     void setNoDelay(bool on);
     void setConnectTimeLimit(int ms);
 
+    /// What stands against a certificate.
+    struct CertificateReason {
+        int code = 0; ///< OpenSSL's X509_V_ERR_...
+        QString text; ///< a sentence
+    };
+    /// What a verdict is asked for.
+    struct PeerChain {
+        QString host; ///< as it was called when connecting
+        unsigned short port = 0;
+        QList<PeerCertificate> certificates; ///< as the peer sent them, its own first
+        QList<CertificateReason> reasons; ///< none: it is about to be accepted
+    };
+    using VerdictHandler = std::function<bool(const PeerChain&)>;
+
+    /// For the next initSsl(); for cameras that sign their certificate themselves. With pins a connection
+    /// holds only if the peer's own certificate or its public key is among them: any other is refused
+    /// (10013), and errorString() tells its fingerprints. A pinned one is trusted whoever issued it, whatever
+    /// its names, dates and strength: the mode of verification and trusted certificates do not count. (With
+    /// curl's --pinnedpubkey they do, unless --insecure.) A server with pins asks its clients for
+    /// certificates. Sessions are resumed among connections with the same pins only. No pins, the default:
+    /// nothing is pinned; pins of nothing match nobody.
+    void setPins(const QList<TlsPin>& pins);
+    /// For the connections of clients that begin from now on; an empty one asks nobody. The handler is called
+    /// once for each connection, from the event loop, when the certificate was looked at and before
+    /// connected(): nothing of ours has left but the first greeting, no certificate of ours and no byte of
+    /// the caller's. It returns whether to go on: also where there are reasons against it, which a false or
+    /// no handler makes an error (10013), or where there are none. With eVerifyNone, reasons never come.
+    ///
+    /// The handler may close, reuse or delete the socket, or run an event loop: the handshake's time limit
+    /// stands still meanwhile, and what it returns counts only if the connection is still the same. That the
+    /// peer has the certificate's key is proven later: keep what you accept when connected() has come. Such
+    /// connections resume no session and leave none to resume, so that each is asked about; a TLS 1.2 server
+    /// that begins another handshake within the connection must show the same certificate.
+    void setVerdictHandler(VerdictHandler handler);
+
 signals:
     void connected();
     void dataReceived(const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed);
@@ -160,6 +201,7 @@ private:
     class Private;
     std::unique_ptr<Private> d;
     friend class Nuvika::ReceivePlacer;
+    friend class Nuvika::ProxyTunnel;
 };
 
 /// For logs.

@@ -1,5 +1,6 @@
 #include "core/Log_p.h"
 #include "net/NuvikaSslSocket_p.h"
+#include "net/PeerCertificates_p.h"
 #include "platform/Clock_p.h"
 
 using namespace Nuvika;
@@ -148,7 +149,8 @@ void NuvikaSslSocket::Private::failLater(int code, const QString& problem)
 void NuvikaSslSocket::Private::beginHandshake()
 {
     QString problem;
-    m_pSession = TlsSession::create(m_pContext, *this, m_host, m_nPort, &problem);
+    const bool bAsk = m_verdictHandler != nullptr;
+    m_pSession = TlsSession::create(m_pContext, *this, m_host, m_nPort, &problem, bAsk);
     if (!m_pSession) {
         failSetUp(problem);
         return;
@@ -181,7 +183,12 @@ bool NuvikaSslSocket::Private::continueHandshake(const Watched::Watch& watch)
 {
     if (m_state != eHandshake)
         return true;
-    const TlsSession::Result result = m_pSession->handshake();
+    TlsSession::Result result = m_pSession->handshake();
+    if (result == TlsSession::eWantVerdict) {
+        if (!askForVerdict(watch))
+            return false;
+        result = m_pSession->handshake();
+    }
     if (result == TlsSession::eWantInput)
         return true;
     m_pCertificate = m_pSession->peerCertificate();
@@ -197,4 +204,31 @@ bool NuvikaSslSocket::Private::continueHandshake(const Watched::Watch& watch)
     m_input.setStalled(PendingInput::eByOwner, m_bStalled);
     emit m_owner.connected();
     return watch.holds();
+}
+
+// False when this connection is over. No call of OpenSSL is on the stack; what arrives meanwhile waits.
+bool NuvikaSslSocket::Private::askForVerdict(const Watched::Watch& watch)
+{
+    m_pCertificate = m_pSession->peerCertificate();
+    m_handshakeTimer.stop(); // a person may be asked
+    const VerdictHandler handler = m_verdictHandler; // it may be replaced, or go with the socket
+    const PeerChain chain = peerChain();
+    const bool bGoOn = handler ? handler(chain) : chain.reasons.isEmpty();
+    if (!watch.holds())
+        return false;
+    m_pSession->peerCheck().giveVerdict(bGoOn);
+    limitHandshake();
+    return true;
+}
+
+NuvikaSslSocket::PeerChain NuvikaSslSocket::Private::peerChain() const
+{
+    PeerChain chain;
+    chain.host = m_host;
+    chain.port = m_nPort;
+    for (const CertificatePointer& certificate : m_pSession->peerCheck().chain())
+        chain.certificates.append(factsOf(certificate.get()));
+    for (const TlsObjection& objection : m_pSession->peerCheck().objections())
+        chain.reasons.append({objection.nCode, objection.text});
+    return chain;
 }

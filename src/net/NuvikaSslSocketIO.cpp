@@ -90,6 +90,7 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
             m_state = eIdle;
             emit m_owner.disconnected(0);
             return false;
+        case TlsSession::eWantVerdict: // never within a connection
         case TlsSession::eFailed:
             failWithSession();
             return false;

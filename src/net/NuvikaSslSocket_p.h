@@ -45,6 +45,8 @@ public:
     QString m_certificateFilePath;
     SslProtocol m_protocol = eSslAny12;
     SslVerifyCertificateMode m_verifyMode = eVerifyChainAndHost;
+    QList<TlsPin> m_pins;
+    VerdictHandler m_verdictHandler;
     QString m_problem; // why it failed, in words
     Nuvika::CertificatePointer m_pCertificate; // the peer's
     QString m_protocolName;
@@ -64,6 +66,8 @@ private:
     void watchHandshake();
     bool read(const char* data, int size) override;
     bool continueHandshake(const Nuvika::Watched::Watch& watch);
+    bool askForVerdict(const Nuvika::Watched::Watch& watch);
+    PeerChain peerChain() const;
     bool deliver(const Nuvika::Watched::Watch& watch);
     Nuvika::TlsSession::Result deliverSome(char* buffer);
     Nuvika::TlsSession::Result readSome(char* buffer, std::size_t size, int* got);

@@ -1,6 +1,7 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "net/ChunkQueue_p.h"
+#include "net/ProxyTunnel_p.h"
 #include "net/ReceivePlacer_p.h"
 #include "net/SendRoom_p.h"
 
@@ -15,7 +16,7 @@ NuvikaTcpSocketQueued::NuvikaTcpSocketQueued(int sendQueueHint, bool flag, QObje
 {
     NuvikaTcpSocket* socket = m_pSocket.get();
     connect(socket, &NuvikaTcpSocket::dataReceived, this, &NuvikaTcpSocketQueued::dataReceived);
-    connect(socket, &NuvikaTcpSocket::connected, this, &NuvikaTcpSocketQueued::connected);
+    connect(socket, &NuvikaTcpSocket::connected, this, &NuvikaTcpSocketQueued::slotConnected);
     connect(socket, &NuvikaTcpSocket::disconnected, this, &NuvikaTcpSocketQueued::slotDisconnected);
     connect(socket, &NuvikaTcpSocket::error, this, &NuvikaTcpSocketQueued::slotError);
     connect(socket, &NuvikaTcpSocket::sigCanSend, this, &NuvikaTcpSocketQueued::slotCanSend);
@@ -35,12 +36,18 @@ NuvikaTcpSocketQueued::~NuvikaTcpSocketQueued() = default;
 
 void NuvikaTcpSocketQueued::connectToHost(const QString& host, unsigned short port)
 {
-    m_pSocket->connectToHost(host, port);
+    if (m_pTunnel && m_pTunnel->isWanted())
+        m_pTunnel->connectTo(host, port);
+    else
+        m_pSocket->connectToHost(host, port);
 }
 
 void NuvikaTcpSocketQueued::connectToHost(const QHostAddress& address, unsigned short port)
 {
-    m_pSocket->connectToHost(address, port);
+    if (m_pTunnel && m_pTunnel->isWanted())
+        m_pTunnel->connectTo(address.toString(), port);
+    else
+        m_pSocket->connectToHost(address, port);
 }
 
 void NuvikaTcpSocketQueued::setSocketDescriptor(int socket) { m_pSocket->setSocketDescriptor(socket); }
@@ -56,6 +63,8 @@ void NuvikaTcpSocketQueued::discardQueue()
 void NuvikaTcpSocketQueued::close()
 {
     discardQueue();
+    if (m_pTunnel)
+        m_pTunnel->reset();
     m_pSocket->close();
 }
 
@@ -66,7 +75,7 @@ bool NuvikaTcpSocketQueued::sendData(const char* data, int size)
 
 bool NuvikaTcpSocketQueued::queue(const char* data, int size)
 {
-    if (m_pSocket->getState() != NuvikaTcpSocket::eConnected || m_bFinished || size < 0)
+    if (getState() != NuvikaTcpSocket::eConnected || m_bFinished || size < 0)
         return false;
     while (size > 0 && m_pQueue->isEmpty() && m_pSocket->canSend()) {
         const int piece = std::min(size, ChunkQueue::kChunkSize);
@@ -101,7 +110,7 @@ void NuvikaTcpSocketQueued::slotCanSend()
 
 bool NuvikaTcpSocketQueued::canSend() const
 {
-    return m_pQueue->isEmpty() && m_pSocket->canSend() && !isSendLimitReached();
+    return !isTunnelInTheWay() && m_pQueue->isEmpty() && m_pSocket->canSend() && !isSendLimitReached();
 }
 
 // --- what waits to be sent -------------------------------------------------------------------------------
@@ -139,7 +148,7 @@ bool NuvikaTcpSocketQueued::notifyWhenAllSent()
 
 void NuvikaTcpSocketQueued::finishSending()
 {
-    if (m_pSocket->getState() != NuvikaTcpSocket::eConnected)
+    if (getState() != NuvikaTcpSocket::eConnected)
         return;
     m_bFinished = true;
     m_bEndOfData = !m_pQueue->isEmpty();
@@ -151,25 +160,57 @@ void NuvikaTcpSocketQueued::sendEndOfData() { m_bEndOfData = true; }
 
 bool NuvikaTcpSocketQueued::isDynamicDataQueueEmpty() const { return m_pQueue->isEmpty(); }
 
+bool NuvikaTcpSocketQueued::isTunnelInTheWay() const { return m_pTunnel && m_pTunnel->isInTheWay(); }
+
+void NuvikaTcpSocketQueued::slotConnected()
+{
+    if (isTunnelInTheWay())
+        m_pTunnel->tcpConnected();
+    else
+        emit connected();
+}
+
 void NuvikaTcpSocketQueued::slotDisconnected()
 {
+    if (isTunnelInTheWay()) {
+        m_pTunnel->tcpEnded(0);
+        return;
+    }
     discardQueue();
     emit disconnected();
 }
 
 void NuvikaTcpSocketQueued::slotError(int errorCode)
 {
+    if (isTunnelInTheWay()) {
+        m_pTunnel->tcpEnded(errorCode); // and comes back
+        return;
+    }
     discardQueue();
     emit error(errorCode);
 }
 
 void Nuvika::ReceivePlacer::set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer)
 {
-    set(*socket.m_pSocket, placer);
+    socket.m_pPlacer = &placer;
+    if (socket.m_pTunnel)
+        socket.m_pTunnel->setReader(&placer);
+    else
+        set(*socket.m_pSocket, placer);
 }
 
-NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState() { return m_pSocket->getState(); }
-QString NuvikaTcpSocketQueued::errorString() { return m_pSocket->errorString(); }
+NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState()
+{
+    if (isTunnelInTheWay())
+        return NuvikaTcpSocket::eConnecting;
+    return m_pTunnel && m_pTunnel->hasFailed() ? NuvikaTcpSocket::eError : m_pSocket->getState();
+}
+
+QString NuvikaTcpSocketQueued::errorString()
+{
+    return m_pTunnel && m_pTunnel->hasFailed() ? m_pTunnel->problem() : m_pSocket->errorString();
+}
+
 QHostAddress NuvikaTcpSocketQueued::localAddress() { return m_pSocket->localAddress(); }
 unsigned short NuvikaTcpSocketQueued::localPort() const { return m_pSocket->localPort(); }
 QHostAddress NuvikaTcpSocketQueued::peerAddress() { return m_pSocket->peerAddress(); }
@@ -191,4 +232,8 @@ void NuvikaTcpSocketQueued::setKeepAlive(bool on, int idleSeconds, int intervalS
 
 void NuvikaTcpSocketQueued::setNoDelay(bool on) { m_pSocket->setNoDelay(on); }
 
-void NuvikaTcpSocketQueued::setConnectTimeLimit(int ms) { m_pSocket->setConnectTimeLimit(ms); }
+void NuvikaTcpSocketQueued::setConnectTimeLimit(int ms)
+{
+    m_nConnectTimeLimit = ms;
+    m_pSocket->setConnectTimeLimit(ms);
+}

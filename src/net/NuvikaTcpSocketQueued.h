@@ -8,6 +8,7 @@
 namespace Nuvika
 {
 class ChunkQueue;
+class ProxyTunnel;
 class ReceivePlacer;
 class SendRoom;
 } // namespace Nuvika
@@ -86,12 +87,14 @@ signals:
     void sigCanSend();
 
 private slots:
+    void slotConnected();
     void slotDisconnected();
     void slotError(int errorCode);
     void slotCanSend();
 
 private:
     void discardQueue();
+    bool isTunnelInTheWay() const;
     bool queue(const char* data, int size);
     void watchSendLimit();
 
@@ -101,6 +104,10 @@ private:
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
     qint64 m_nSendLimit = 0;
+    int m_nConnectTimeLimit = 0; // milliseconds
+    Nuvika::ReceivePlacer* m_pPlacer = nullptr;
+    std::unique_ptr<Nuvika::ProxyTunnel> m_pTunnel; // once a proxy was named
     friend class Nuvika::ReceivePlacer;
+    friend class Nuvika::ProxyTunnel;
     friend class Nuvika::SendRoom;
 };

@@ -94,8 +94,10 @@ QByteArray digestOf(const TlsConfig& config)
     QByteArray bytes;
     QDataStream stream(&bytes, QIODevice::WriteOnly);
     stream << config.bServer << config.nProtocol << config.nVerify << config.passPhrase;
+    for (const TlsPin& pin : config.pins)
+        stream << pin.kind() << pin.sha256();
     addFile(stream, QFileInfo(config.ownCertificate));
-    if (!config.verifiesPeer()) {
+    if (!config.verifiesChain()) {
         stream << config.trusted;
     } else if (config.trusted.isEmpty()) {
         addFile(stream, systemPlace(X509_get_default_cert_file_env(), X509_get_default_cert_file()));
@@ -157,6 +159,7 @@ bool TlsContext::prepare()
         m_config.bServer ? SSL_SESS_CACHE_SERVER : SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
     SSL_CTX_sess_set_cache_size(handle, kServerSessions);
     SSL_CTX_sess_set_new_cb(handle, &TlsSession::newSession);
+    SSL_CTX_set_cert_verify_callback(handle, &TlsSession::lookAtPeer, nullptr);
     if (m_config.bServer && m_config.verifiesPeer())
         SSL_CTX_set_session_ticket_cb(handle, &stampTicket, &lookAtTicket, nullptr);
     static constexpr unsigned char kSessionContext[] = "nuvika";
@@ -191,7 +194,7 @@ bool TlsContext::loadOwnCertificate(QString* problem)
 
 bool TlsContext::loadTrusted(QString* problem)
 {
-    if (!m_config.verifiesPeer())
+    if (!m_config.verifiesChain())
         return true;
     SSL_CTX* handle = m_pHandle.get();
     X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(handle), X509_V_FLAG_PARTIAL_CHAIN);

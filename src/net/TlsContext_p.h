@@ -1,7 +1,10 @@
 // Private: what TLS connections of one configuration share: certificate, trust, sessions to resume.
 #pragma once
 
+#include <KepNuvikaUtil/TlsPin.h>
+
 #include <QtCore/QByteArray>
+#include <QtCore/QList>
 #include <QtCore/QString>
 
 #include <cstdint>
@@ -38,8 +41,11 @@ struct TlsConfig {
     QString trusted; // a PEM file or a folder of them; empty: the system's
     QString passPhrase; // of our key
 
+    QList<TlsPin> pins; // when there are any, they alone count
+
     // A server asks its clients for certificates only when it was told whom to trust.
-    bool verifiesPeer() const { return nVerify != 0 && (!bServer || !trusted.isEmpty()); }
+    bool verifiesPeer() const { return !pins.isEmpty() || verifiesChain(); }
+    bool verifiesChain() const { return pins.isEmpty() && nVerify != 0 && (!bServer || !trusted.isEmpty()); }
 };
 
 // Threads: any.

@@ -95,13 +95,12 @@ void TlsFailure::set(int code, const QString& words)
 
 // --- certificates ----------------------------------------------------------------------------------------
 
-void TlsFailure::refuse(X509_STORE_CTX* store)
+QString TlsFailure::objectionOf(X509_STORE_CTX* store) const
 {
     X509* certificate = X509_STORE_CTX_get_current_cert(store);
     if (certificate == nullptr)
         certificate = X509_STORE_CTX_get0_cert(store);
-    set(kVerificationRefused,
-        verdict(X509_STORE_CTX_get_error(store), X509_STORE_CTX_get_error_depth(store), certificate));
+    return verdict(X509_STORE_CTX_get_error(store), X509_STORE_CTX_get_error_depth(store), certificate);
 }
 
 QString TlsFailure::verdict(int error, int depth, X509* certificate) const

@@ -19,11 +19,11 @@ struct TlsFailure {
     int nCode = 0;
     QString text;
 
-    // The verdict on the peer's certificate; the first one counts.
-    void refuse(X509_STORE_CTX* store);
+    // What OpenSSL has against the peer's certificate.
+    QString objectionOf(X509_STORE_CTX* store) const;
     // OpenSSL's last error, unless a certificate was refused.
     void takeError();
-    void set(int code, const QString& words);
+    void set(int code, const QString& words); // the first one counts
     QString who() const { return peer.isEmpty() ? QStringLiteral("the peer") : peer; }
 
 private:

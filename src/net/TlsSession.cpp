@@ -82,25 +82,27 @@ void TlsSession::flush()
 // --- set-up ----------------------------------------------------------------------------------------------
 
 TlsSession::TlsSession(std::shared_ptr<TlsContext> context, TlsOutput& output)
-    : m_pContext(std::move(context)), m_output(output), m_pSsl(SSL_new(m_pContext->handle()))
+    : m_pContext(std::move(context)), m_output(output), m_pSsl(SSL_new(m_pContext->handle())),
+      m_check(m_pContext->config(), m_failure)
 {
 }
 
 std::unique_ptr<TlsSession> TlsSession::create(std::shared_ptr<TlsContext> context, TlsOutput& output,
-    const QString& host, quint16 port, QString* problem)
+    const QString& host, quint16 port, QString* problem, bool bAsk)
 {
     ERR_clear_error();
     const bool bServer = context->config().bServer;
+    bAsk = bAsk && !bServer;
     std::unique_ptr<TlsSession> session(new TlsSession(std::move(context), output));
     session->m_failure.peer = host;
-    if (session->setUp() && (bServer || session->setUpClient(host, port)))
+    if (session->setUp(bAsk) && (bServer || session->setUpClient(host, port, bAsk)))
         return session;
     *problem
         = QStringLiteral("TLS with %1 cannot be set up: %2").arg(session->m_failure.who(), openSslReason());
     return nullptr;
 }
 
-bool TlsSession::setUp()
+bool TlsSession::setUp(bool bAsk)
 {
     SSL* ssl = m_pSsl.get();
     BIO* bio = ssl != nullptr ? BIO_new(m_pContext->bioMethod()) : nullptr;
@@ -110,7 +112,9 @@ bool TlsSession::setUp()
     BIO_set_init(bio, 1);
     SSL_set_bio(ssl, bio, bio); // both directions; owned by the connection
     const TlsConfig& config = m_pContext->config();
-    if (config.verifiesPeer())
+    if (bAsk)
+        m_check.askOwner();
+    if (config.verifiesPeer() || bAsk)
         SSL_set_verify(ssl, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, &TlsSession::verified);
     if (config.bServer)
         SSL_set_accept_state(ssl);
@@ -119,7 +123,7 @@ bool TlsSession::setUp()
     return SSL_set_app_data(ssl, this) == 1;
 }
 
-bool TlsSession::setUpClient(const QString& host, quint16 port)
+bool TlsSession::setUpClient(const QString& host, quint16 port, bool bAsk)
 {
     SSL* ssl = m_pSsl.get();
     QHostAddress address(host);
@@ -133,6 +137,8 @@ bool TlsSession::setUpClient(const QString& host, quint16 port)
         return false;
     if (m_pContext->config().nVerify == 2 && !expectHost(name, bAddress))
         return false;
+    if (bAsk)
+        return true;
     m_peer = (host.toLower() + QLatin1Char(':') + QString::number(port)).toStdString();
     const KeptSession session = m_pContext->session(m_peer);
     m_nVerifiedNs = session.nVerifiedNs;
@@ -163,7 +169,7 @@ int TlsSession::newSession(SSL* ssl, SSL_SESSION* session)
 {
     const auto* self = static_cast<TlsSession*>(SSL_get_app_data(ssl));
     if (self == nullptr || self->m_peer.empty())
-        return 0; // a server's: OpenSSL keeps it
+        return 0; // a server's, which OpenSSL keeps; or it must not be resumed
     // A ticket may come long after the handshake that verified the peer.
     const bool bVerifiedBefore = self->m_bVerified || SSL_session_reused(ssl) == 1;
     self->m_pContext->keepSession(self->m_peer,
@@ -171,26 +177,29 @@ int TlsSession::newSession(SSL* ssl, SSL_SESSION* session)
     return 1;
 }
 
-int TlsSession::verified(int bGood, X509_STORE_CTX* store)
+TlsSession& TlsSession::of(X509_STORE_CTX* store)
 {
-    if (bGood == 1)
-        return 1;
     const auto* ssl
         = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
-    auto* self = static_cast<TlsSession*>(SSL_get_app_data(ssl));
-    self->m_failure.refuse(store);
-    if (X509* leaf = X509_STORE_CTX_get0_cert(store)) {
-        X509_up_ref(leaf);
-        self->m_pRefused.reset(leaf);
-    }
-    return 0;
+    return *static_cast<TlsSession*>(SSL_get_app_data(ssl));
+}
+
+int TlsSession::lookAtPeer(X509_STORE_CTX* store, void* /*nothing*/)
+{
+    TlsSession& self = of(store);
+    return self.m_check.look(store, self.m_pSsl.get());
+}
+
+int TlsSession::verified(int bGood, X509_STORE_CTX* store)
+{
+    return bGood == 1 ? 1 : of(store).m_check.object(store);
 }
 
 CertificatePointer TlsSession::peerCertificate() const
 {
-    if (m_pRefused) {
-        X509_up_ref(m_pRefused.get());
-        return CertificatePointer(m_pRefused.get());
+    if (X509* leaf = m_check.leaf()) {
+        X509_up_ref(leaf);
+        return CertificatePointer(leaf);
     }
     return CertificatePointer(SSL_get1_peer_certificate(m_pSsl.get()));
 }
@@ -213,6 +222,8 @@ TlsSession::Result TlsSession::resultOf(int code)
         return eWantInput;
     case SSL_ERROR_ZERO_RETURN:
         return eClosed;
+    case SSL_ERROR_WANT_RETRY_VERIFY:
+        return eWantVerdict;
     default:
         m_failure.takeError();
         return eFailed;

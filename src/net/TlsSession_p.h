@@ -3,6 +3,7 @@
 
 #include "net/TlsContext_p.h"
 #include "net/TlsFailure_p.h"
+#include "net/TlsPeerCheck_p.h"
 
 namespace Nuvika
 {
@@ -23,13 +24,15 @@ public:
         eMore, // the buffer is full
         eWantInput,
         eClosed, // the peer's close_notify
-        eFailed // failure() tells why; an alert has left
+        eFailed, // failure() tells why; an alert has left
+        eWantVerdict // on peerCheck(), before the handshake goes on
     };
 
     // Host and port of the server, which a client verifies and resumes by; empty on the server's side. Null
-    // with the reason.
+    // with the reason. A client that asks for a verdict does so in each connection: it resumes no session,
+    // and leaves none to others.
     static std::unique_ptr<TlsSession> create(std::shared_ptr<TlsContext> context, TlsOutput& output,
-        const QString& host, quint16 port, QString* problem);
+        const QString& host, quint16 port, QString* problem, bool bAsk = false);
     ~TlsSession();
     TlsSession(const TlsSession&) = delete;
     TlsSession& operator=(const TlsSession&) = delete;
@@ -56,11 +59,13 @@ public:
 
     const TlsFailure& failure() const { return m_failure; }
     CertificatePointer peerCertificate() const;
+    TlsPeerCheck& peerCheck() { return m_check; }
     bool isResumed() const { return SSL_session_reused(m_pSsl.get()) == 1; }
     const char* protocol() const { return SSL_get_version(m_pSsl.get()); }
     const char* cipher() const { return SSL_get_cipher_name(m_pSsl.get()); }
 
     static int newSession(SSL* ssl, SSL_SESSION* session); // of SSL_CTX_sess_set_new_cb
+    static int lookAtPeer(X509_STORE_CTX* store, void* nothing); // of SSL_CTX_set_cert_verify_callback
     static BioMethodPointer makeBioMethod(); // null when it cannot be made
 
 private:
@@ -68,9 +73,10 @@ private:
     static int bioRead(BIO* bio, char* buffer, int size);
     static int bioWrite(BIO* bio, const char* data, int size);
     static long bioControl(BIO* bio, int command, long number, void* pointer);
+    static TlsSession& of(X509_STORE_CTX* store);
     static int verified(int bGood, X509_STORE_CTX* store);
-    bool setUp();
-    bool setUpClient(const QString& host, quint16 port);
+    bool setUp(bool bAsk);
+    bool setUpClient(const QString& host, quint16 port, bool bAsk);
     bool expectHost(const QByteArray& name, bool bAddress);
     Result resultOf(int code);
     void releaseBuffers();
@@ -90,6 +96,6 @@ private:
     QByteArray m_waiting; // plain text
     bool m_bEndWaits = false;
     TlsFailure m_failure;
-    CertificatePointer m_pRefused;
+    TlsPeerCheck m_check;
 };
 } // namespace Nuvika

@@ -51,6 +51,8 @@ void RtspConnection::makeTls(const RtspOptions& options)
     NuvikaSslSocket* socket = m_pTlsSocket.get();
     socket->setSystemBuffers(NuvikaTcpSocket::eTuned);
     socket->setCertificateVerificationMode(options.tlsVerify);
+    socket->setPins(options.tlsPins);
+    socket->setVerdictHandler(options.tlsVerdict);
     socket->initSsl(
         false, options.tlsProtocol, options.tlsCertificateFile, options.tlsTrusted, options.tlsPassPhrase);
     QObject::connect(socket, &NuvikaSslSocket::connected, socket, [this] {

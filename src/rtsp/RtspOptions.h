@@ -78,4 +78,9 @@ struct KEPNUVIKAUTIL_EXPORT RtspOptions {
     QString tlsCertificateFile;
     QString tlsTrusted;
     QString tlsPassPhrase;
+
+    // As NuvikaSslSocket's; for every connection, a redirect's too. The time that a handler takes counts as
+    // nConnect's.
+    QList<TlsPin> tlsPins;
+    NuvikaSslSocket::VerdictHandler tlsVerdict;
 };

@@ -5,6 +5,8 @@
 #include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
+#include <QtNetwork/QSslCertificate>
+
 #include <sys/socket.h>
 
 namespace
@@ -276,4 +278,126 @@ TEST(HttpsClient, FormsWhoseFieldsHoldALineEndAreRefused)
     x.client->postMultipartFormData(QStringLiteral("/"), "x", bad, good, QString(), QString());
     ASSERT_TRUE(x.expect({"failed2"}));
     EXPECT_EQ(x.client->errorString().toStdString(), "the disposition holds a line end or a NUL");
+}
+
+TEST(HttpsClient, TrustsWhatIsPinnedAndWhomItsOwnerAccepts)
+{
+    Certificates others(QStringLiteral("Somebody else"));
+    TlsExchange x(others.forLocalhost());
+    x.server.answersAll(sized("ok"));
+    const QByteArray shown
+        = QSslCertificate::fromPath(others.forLocalhost()).value(0).digest(QCryptographicHash::Sha256);
+    x.client.setPins({TlsPin::certificate(shown)});
+    x.get();
+    ASSERT_TRUE(x.expect({"head1 200", "done1 200 ok"}));
+    x.client.shutdown();
+    x.client.setPins({TlsPin::publicKey(shown)});
+    x.client.get(QStringLiteral("/"), kUser, kPassword, true);
+    ASSERT_TRUE(x.expect({"error 10013", "error 10013", "error 10013", "failed2"}));
+    EXPECT_TRUE(x.client.errorString().contains(TlsPin::certificate(shown).toText()));
+
+    x.client.setPins({});
+    bool bGoOn = false;
+    x.client.setVerdictHandler([&](const NuvikaSslSocket::PeerChain& chain) {
+        x.note(QStringLiteral("asked %1").arg(chain.reasons.size()));
+        return bGoOn;
+    });
+    x.client.get(QStringLiteral("/"), kUser, kPassword, true);
+    ASSERT_TRUE(
+        x.expect({"asked 1", "error 10013", "asked 1", "error 10013", "asked 1", "error 10013", "failed3"}));
+    EXPECT_EQ(x.server.requests.size(), 1) << "no password has left";
+    bGoOn = true;
+    x.get();
+    ASSERT_TRUE(x.expect({"asked 1", "head4 200", "done4 200 ok"}));
+    x.client.shutdown();
+    x.client.setVerdictHandler([&](const NuvikaSslSocket::PeerChain&) {
+        x.client.shutdown();
+        return true;
+    });
+    x.get();
+    settle(100);
+    EXPECT_TRUE(x.events.isEmpty()) << "shut down by the handler";
+}
+
+namespace
+{
+// A proxy that leads to one server, whatever it is asked for.
+struct Relay {
+    RawListener listener;
+    RawSocket client, server;
+    QByteArray asked;
+
+    void work(unsigned short serverPort, const QByteArray& answer = "HTTP/1.1 200 Here you are\r\n\r\n")
+    {
+        RawSocket next = listener.accept();
+        if (next.isOpen()) {
+            client = std::move(next);
+            server.close();
+            client.take();
+        }
+        if (!server.isOpen() && client.isOpen() && client.received().endsWith("\r\n\r\n")) {
+            asked = client.take();
+            client.write(answer);
+            server = RawSocket::connectTo(serverPort);
+        }
+        if (server.isOpen()) {
+            server.write(client.take());
+            client.write(server.take());
+        }
+    }
+};
+} // namespace
+
+TEST(HttpsClient, GoesThroughAProxyAndKnowsTheServerBehindIt)
+{
+    const QString name = QStringLiteral("cam.test"); // which only the proxy can resolve
+    TlsServer server(certificates().issue({name, QStringLiteral("DNS:cam.test")}));
+    server.answersAll(sized("ok"));
+    RawListener plain;
+    Told told;
+    HttpsClient secure(name, server.listener.serverPort(), true, NuvikaSslSocket::eSslAny12, QString(),
+        certificates().authority(), QString());
+    HttpsClient other(QStringLiteral("other.test"), 443, true, NuvikaSslSocket::eSslAny12, QString(),
+        certificates().authority(), QString());
+    HttpClient clear(name, 80, true);
+    const struct {
+        HttpClientBase& client;
+        unsigned short port;
+        const char* asked;
+        QStringList told;
+    } rows[] = {
+        {secure, server.listener.serverPort(), "CONNECT cam.test:", list({"head1 200", "done1 200 ok"})},
+        {other, server.listener.serverPort(), "CONNECT other.test:443 ",
+            list({"error 10013", "error 10013", "error 10013", "failed1"})},
+        {clear, plain.port(), "CONNECT cam.test:80 ", list({"head1 200", "done1 200 ok"})},
+    };
+    for (const auto& row : rows) {
+        Relay relay;
+        told.watch(row.client);
+        row.client.setProxy(QStringLiteral("[127.0.0.1]"), relay.listener.port(), kUser, kPassword);
+        row.client.get(QStringLiteral("/"), QString(), QString(), true);
+        RawSocket peer; // of the plain client
+        EXPECT_TRUE(waitFor([&] {
+            relay.work(row.port);
+            if (!peer.isOpen())
+                peer = plain.accept();
+            if (peer.isOpen() && !peer.take().isEmpty())
+                peer.write(sized("ok"));
+            return told.events.size() >= row.told.size();
+        })) << row.asked;
+        EXPECT_EQ(std::exchange(told.events, {}), row.told) << row.client.errorString().toStdString();
+        EXPECT_TRUE(relay.asked.startsWith(row.asked)) << relay.asked.constData();
+        EXPECT_TRUE(relay.asked.contains("\r\nProxy-Authorization: Basic dXNlcjpzZWNyZXQ=\r\n"));
+        row.client.shutdown();
+        row.client.get(QStringLiteral("/"), QString(), QString(), true);
+        waitFor([&] {
+            relay.work(row.port, "HTTP/1.1 403 Not you\r\n\r\n");
+            return told.events.contains(QStringLiteral("failed2"));
+        });
+        EXPECT_EQ(
+            std::exchange(told.events, {}), list({"error 10061", "error 10061", "error 10061", "failed2"}));
+        EXPECT_TRUE(row.client.errorString().endsWith(QLatin1String(": 403 Not you")));
+        EXPECT_EQ(row.client.failureOf(2).reason, HttpFailure::eProxy);
+    }
+    EXPECT_EQ(server.requests.size(), 1);
 }

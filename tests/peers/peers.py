@@ -72,7 +72,7 @@ def demo(*arguments):
 
 
 @contextlib.contextmanager
-def web_server(status, fields=(), content=None, user=None):
+def web_server(status, fields=(), content=None, user=None, tls=None):
     """Answers each GET with these; with 401 and these fields to who sends no such Authorization. Yields host and port."""
     class Handler(http.server.BaseHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
@@ -90,6 +90,8 @@ def web_server(status, fields=(), content=None, user=None):
             pass
 
     with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+        if tls:
+            server.socket = tls.wrap_socket(server.socket, server_side=True)
         threading.Thread(target=server.serve_forever, daemon=True).start()
         yield f"127.0.0.1:{server.server_address[1]}"
         server.shutdown()

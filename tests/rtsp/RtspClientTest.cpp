@@ -7,6 +7,8 @@
 
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
+#include <QtNetwork/QSslCertificate>
+
 #include <malloc.h>
 
 namespace
@@ -180,6 +182,10 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
     Certificates certificates;
     NuvikaTcpServer listener;
     std::vector<std::unique_ptr<NuvikaSslSocket>> served;
+    const QByteArray pin = QSslCertificate::fromPath(certificates.forLocalhost())
+                               .value(0)
+                               .digest(QCryptographicHash::Sha256)
+                               .toHex();
     const QByteArray usual
         = "RTSP/1.0 200 OK\r\nContent-Length: " + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
     const struct {
@@ -188,10 +194,16 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
         RtspOptions::Transport transport;
         QString trusted;
         const char* until;
+        const char* pin = nullptr;
+        bool bHandler = false; // which lets everybody in
     } rows[] = {{"trusted", usual, RtspOptions::eAutomatic, certificates.authority(), "unit 0 1"},
         {"a certificate of nobody", usual, RtspOptions::eAutomatic, QString(), "error 10013"},
         {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
             RtspOptions::eTcp, certificates.authority(), "error 302"},
+        {"pinned", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", pin.constData()},
+        {"another is pinned", usual, RtspOptions::eAutomatic, certificates.authority(), "error 10013",
+            "sha256//AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8="},
+        {"let in by a handler", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", nullptr, true},
         {"datagrams", usual, RtspOptions::eUdp, certificates.authority(), "error 10022"}};
     QByteArray described;
     QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
@@ -215,6 +227,11 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
         RtspOptions options;
         options.transport = row.transport;
         options.tlsTrusted = row.trusted;
+        if (row.pin != nullptr)
+            options.tlsPins = {TlsPin::fromText(QLatin1String(row.pin))};
+        if (row.bHandler)
+            options.tlsVerdict
+                = [](const NuvikaSslSocket::PeerChain& chain) { return !chain.reasons.isEmpty(); };
         Viewer viewer(Script(), options);
         viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
         EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
