@@ -1,4 +1,5 @@
 #include "net/NuvikaSslSocket_p.h"
+#include "net/SendRoom_p.h"
 
 #include <algorithm>
 #include <utility>
@@ -145,7 +146,7 @@ bool NuvikaSslSocket::Private::hasPendingInput() const
 
 void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
 {
-    m_socket.sendData(data, size);
+    SendRoom::sendPastLimit(m_socket, data, size);
     if (m_socket.isDynamicDataQueueEmpty())
         m_nAnswers = 0;
     else if (m_bReading)
@@ -154,7 +155,7 @@ void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
 
 bool NuvikaSslSocket::Private::send(const char* data, int size)
 {
-    if (m_state != eOpen || size < 0)
+    if (m_state != eOpen || size < 0 || isSendLimitReached())
         return false;
     const TlsFailure& failure = m_pSession->failure();
     const bool bFailed = failure.nCode != 0;
@@ -165,6 +166,18 @@ bool NuvikaSslSocket::Private::send(const char* data, int size)
     }
     waitingHasEnded();
     return true;
+}
+
+qint64 NuvikaSslSocket::Private::bytesToSend() const
+{
+    return m_state == eOpen ? m_socket.bytesToSend() + m_pSession->waitingBytes() : 0;
+}
+
+// The TCP socket's limit refuses nothing here: it is what sigCanSend() comes by.
+void NuvikaSslSocket::Private::setSendLimit(qint64 bytes)
+{
+    m_nSendLimit = bytes;
+    m_socket.setSendLimit(bytes);
 }
 
 void NuvikaSslSocket::Private::sendEndOfData()

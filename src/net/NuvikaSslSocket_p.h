@@ -34,6 +34,9 @@ public:
     void resume();
     bool hasPendingInput() const;
     bool notifyWhenAllSent() { return m_state == eOpen && m_socket.notifyWhenAllSent(); }
+    qint64 bytesToSend() const;
+    bool isSendLimitReached() const { return m_nSendLimit > 0 && bytesToSend() >= m_nSendLimit; }
+    void setSendLimit(qint64 bytes);
     NuvikaTcpSocket::STATE state() const;
 
     NuvikaTcpSocketQueued m_socket;
@@ -89,6 +92,7 @@ private:
     bool m_bStalled = false; // by the user, from the handshake's end on
     bool m_bEndOfData = false; // TCP's end is still to be sent
     bool m_bReading = false; // what leaves now is nobody's wish but the peer's
+    qint64 m_nSendLimit = 0;
     int m_nAnswers = 0; // such bytes, while the peer does not read
     Nuvika::Watched m_watched;
 };

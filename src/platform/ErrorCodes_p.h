@@ -22,6 +22,7 @@ constexpr int kConnectionReset = 10054;
 constexpr int kNoBuffers = 10055;
 constexpr int kIsConnected = 10056;
 constexpr int kCallFailure = 10107;
+constexpr int kTimedOut = 10060;
 constexpr int kConnectionRefused = 10061;
 constexpr int kHostNotFound = 11001;
 
