@@ -14,6 +14,7 @@ using namespace Nuvika;
 namespace
 {
 constexpr int kBodyWithHead = 1024; // shorter bodies leave in one write with the head
+constexpr int kContinueMs = 1000; // for a server that does not know of "Expect"
 
 QString withoutBrackets(const QString& host)
 {
@@ -30,6 +31,10 @@ HttpRequestEngine::HttpRequestEngine(const char* traceName, HttpTransport& trans
     m_transport.setPlacer(*this);
     m_uploadEndTimer.setSingleShot(true);
     m_refusalTimer.setSingleShot(true);
+    m_continueTimer.setSingleShot(true);
+    m_uploadTimer.setSingleShot(true);
+    QObject::connect(&m_continueTimer, &QTimer::timeout, &m_continueTimer, [this] { continueRequest(); });
+    QObject::connect(&m_uploadTimer, &QTimer::timeout, &m_uploadTimer, [this] { continueUpload(); });
     QObject::connect(&m_uploadEndTimer, &QTimer::timeout, &m_uploadEndTimer, [this] { endUpload(false); });
     QObject::connect(&m_refusalTimer, &QTimer::timeout, &m_refusalTimer, [this] { failRefused(); });
 }
@@ -67,8 +72,8 @@ int HttpRequestEngine::refuse(const QString& problem)
     return enqueue(std::move(request));
 }
 
-int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
-    const QString& user, const QString& password, int nAuthMode)
+HttpRequestEngine::Request HttpRequestEngine::makeRequest(const HttpRequestHeader& header, bool bStream,
+    const SharedPoolBuffer* body, const QString& user, const QString& password, int nAuthMode)
 {
     Request request;
     request.problem = HttpRequests::problemOf(header, user, password);
@@ -87,14 +92,20 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
     request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
         && request.body.isEmpty();
     const long long length = header.value(QStringLiteral("content-length")).toLongLong(); // above 4 GiB, too
-    request.nUploadLeft = length - request.body.getBufferSize();
-    request.bUpload = request.bUploadChunked || (header.hasContentLength() && request.nUploadLeft > 0);
-    return enqueue(std::move(request));
+    request.nUploadLength = length - request.body.getBufferSize();
+    request.bUpload = request.bUploadChunked || (header.hasContentLength() && request.nUploadLength > 0);
+    request.bExpects = (request.bUpload || !request.body.isEmpty()) && HttpRequests::expectsContinue(header);
+    return request;
 }
 
-int HttpRequestEngine::request(
-    const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password,
-    bool bStream)
+int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
+    const QString& user, const QString& password, int nAuthMode)
+{
+    return enqueue(makeRequest(header, bStream, body, user, password, nAuthMode));
+}
+
+int HttpRequestEngine::request(const HttpRequestHeader& header, const QByteArray& content,
+    const QString& user, const QString& password, bool bStream)
 {
     SharedPoolBuffer body;
     if (!content.isEmpty()) {
@@ -172,6 +183,8 @@ void HttpRequestEngine::triggerNextRequest()
         return;
     beginFront();
     clearReceiveState();
+    if (!prepareUpload())
+        return;
     updateAuthorization(m_requests.front());
     writeRequest(m_requests.front());
 }
@@ -192,7 +205,8 @@ void HttpRequestEngine::writeRequest(Request& request)
 {
     request.bPending = true;
     m_bReused = m_bUsed;
-    const bool bHeadCarriesBody = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead;
+    const bool bHeadCarriesBody
+        = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead && !request.bExpects;
     const auto* body = static_cast<const char*>(request.body.getBuffer());
     QByteArray head = request.header.toString().toLatin1();
     NUVIKA_DEBUG(
@@ -201,6 +215,9 @@ void HttpRequestEngine::writeRequest(Request& request)
         head.append(body, request.body.getBufferSize());
     m_state = eWaitingHeader;
     m_transport.sendData(head.constData(), head.size());
-    if (!bHeadCarriesBody && !request.body.isEmpty())
-        m_transport.sendData(body, request.body.getBufferSize());
+    request.bAwaitsContinue = request.bExpects;
+    if (request.bAwaitsContinue)
+        m_continueTimer.start(kContinueMs);
+    else
+        sendBody(request, bHeadCarriesBody);
 }

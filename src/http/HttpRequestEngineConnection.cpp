@@ -29,6 +29,8 @@ void HttpRequestEngine::connected()
 void HttpRequestEngine::closeConnection()
 {
     m_connection.endSession();
+    m_continueTimer.stop();
+    m_uploadTimer.stop();
     m_input.reset();
     m_endProblem.clear();
     m_state = eDisconnected;
@@ -49,7 +51,7 @@ void HttpRequestEngine::clearReceiveState()
     m_content.clear();
     m_nStreamed = 0;
     m_nExpectedContentLength = -1;
-    m_bRetry401 = false;
+    m_bRetry = false;
     m_bCloseAfterResponse = false;
     m_challenge.clear();
 }
@@ -100,7 +102,7 @@ QString HttpRequestEngine::lossReason() const
 void HttpRequestEngine::connectionLost(bool bUnannounced, const QString& reason)
 {
     const bool bComplete = isExchanging() && m_state != eWaitingHeader && m_reader.endOfStream();
-    const bool bRetry = isExchanging() && m_bRetry401; // whatever became of its body
+    const bool bRetry = isExchanging() && m_bRetry; // whatever became of its body
     if (!bComplete && !bRetry && (m_state == eConnecting || isExchanging())) {
         countLoss(reason);
         return;
@@ -114,10 +116,11 @@ void HttpRequestEngine::connectionLost(bool bUnannounced, const QString& reason)
         NUVIKA_ASSERT(m_nResponseContentOffset >= 4);
     }
     if (bRetry) {
-        NUVIKA_DEBUG(lcHttp,
-            "%s::slotSockDisconnected(): if (m_responseHeader.statusCode() == 401 && "
-            "m_requests.front().m_authFailedCounter <= 1)",
-            m_traceName);
+        if (m_pResponseHeader->statusCode() == 401)
+            NUVIKA_DEBUG(lcHttp,
+                "%s::slotSockDisconnected(): if (m_responseHeader.statusCode() == 401 && "
+                "m_requests.front().m_authFailedCounter <= 1)",
+                m_traceName);
         prepareRetry();
     } else if (bComplete) {
         NUVIKA_DEBUG(
@@ -148,7 +151,7 @@ void HttpRequestEngine::countLoss(const QString& reason)
     } else {
         Request& front = m_requests.front();
         front.bPending = false;
-        const bool bGivenUp = ++front.m_requestFailedCounter >= kMaxLosses || front.bUploadStarted;
+        const bool bGivenUp = ++front.m_requestFailedCounter >= kMaxLosses || !front.canRepeat();
         const int id = front.nId;
         if (bGivenUp) {
             NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected(): req->m_requestFailedCounter >= 3; id:%d",
@@ -166,29 +169,6 @@ void HttpRequestEngine::countLoss(const QString& reason)
 }
 
 // --- uploads ---------------------------------------------------------------------------------------------
-
-bool HttpRequestEngine::sendUploadContentChunk(int id, const char* data, int size, bool bLast)
-{
-    if (m_requests.empty() || m_requests.front().nId != id || !isExchanging() || size < 0)
-        return false;
-    Request& front = m_requests.front();
-    if (!front.bUpload || !front.bPending || front.bUploadComplete)
-        return false;
-    if (!front.bUploadChunked && size > front.nUploadLeft)
-        return false; // it would be read as the next request
-    front.bUploadStarted = true;
-    front.bUploadComplete = bLast;
-    if (!front.bUploadChunked) {
-        front.nUploadLeft -= size;
-        return m_transport.sendData(data, size);
-    }
-    QByteArray framed;
-    if (size > 0)
-        framed = QByteArray::number(size, 16) + "\r\n" + QByteArray(data, size) + "\r\n";
-    if (bLast)
-        framed += "0\r\n\r\n";
-    return m_transport.sendData(framed.constData(), framed.size());
-}
 
 // The other ending of an upload: the server's answer is not awaited.
 void HttpRequestEngine::sendEndOfUploadContent()

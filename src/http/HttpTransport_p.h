@@ -19,6 +19,8 @@ public:
     virtual void sendEndOfData() = 0;
     // What is sent now waits for nothing.
     virtual bool canSend() const = 0;
+    // Handed over and not yet given to the system; over TLS encrypted.
+    virtual qint64 bytesToSend() const = 0;
     // Asks the owner for one allSent(). False when everything has left already.
     virtual bool notifyWhenAllSent() = 0;
     virtual void close() = 0;

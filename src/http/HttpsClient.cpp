@@ -76,6 +76,7 @@ void HttpsClient::prepareForNonSllMode(const QString& host, unsigned short port,
         socket, &NuvikaTcpSocketQueued::disconnected, this, qOverload<>(&HttpsClient::slotSockDisconnected));
     connect(socket, &NuvikaTcpSocketQueued::error, this, &HttpsClient::slotSockError);
     connect(socket, &NuvikaTcpSocketQueued::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
+    connect(socket, &NuvikaTcpSocketQueued::sigCanSend, this, [this] { d->m_pEngine->canSendAgain(); });
     d->m_pTransport = std::make_unique<ClientTransport<NuvikaTcpSocketQueued>>(
         *socket, [this](const QString& name, unsigned short number) { connectToHost(name, number); });
     prepareForAllModes(host, port, keepAlive);
@@ -93,6 +94,7 @@ void HttpsClient::prepareForSllMode(
         qOverload<unsigned long>(&HttpsClient::slotSockDisconnected));
     connect(socket, &NuvikaSslSocket::error, this, &HttpsClient::slotSockError);
     connect(socket, &NuvikaSslSocket::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
+    connect(socket, &NuvikaSslSocket::sigCanSend, this, [this] { d->m_pEngine->canSendAgain(); });
     d->m_pTransport = std::make_unique<ClientTransport<NuvikaSslSocket>>(
         *socket, [this](const QString& name, unsigned short number) { connectToHost(name, number); });
     prepareForAllModes(host, port, keepAlive);

@@ -22,6 +22,7 @@ public:
     bool sendData(const char* data, int size) override { return m_socket.sendData(data, size); }
     void sendEndOfData() override { endSending(m_socket); }
     bool canSend() const override { return m_socket.canSend(); }
+    qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     bool notifyWhenAllSent() override { return m_socket.notifyWhenAllSent(); }
     void close() override { m_socket.close(); }
     void stallRecv() override { m_socket.stallRecv(); }
