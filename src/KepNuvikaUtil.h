@@ -25,11 +25,14 @@
 #include <KepNuvikaUtil/HttpClient.h>
 #include <KepNuvikaUtil/HttpClientBase.h>
 #include <KepNuvikaUtil/HttpContentRange.h>
+#include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpHeader.h>
 #include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/HttpRetryPolicy.h>
+#include <KepNuvikaUtil/HttpTimeLimits.h>
 #include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/LoggedInUser.h>
 #include <KepNuvikaUtil/MemBlockPool.h>

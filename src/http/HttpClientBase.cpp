@@ -198,3 +198,11 @@ QHostAddress HttpClientBase::lastPeerAddress() const { return d->m_pEngine->last
 QString HttpClientBase::errorString() const { return d->m_pEngine->problem(); }
 
 bool HttpClientBase::isConnectionReused() const { return d->m_pEngine->isConnectionReused(); }
+
+void HttpClientBase::setTimeLimits(const HttpTimeLimits& limits) { d->m_pEngine->setTimeLimits(limits); }
+
+void HttpClientBase::setRetryPolicy(const HttpRetryPolicy& policy) { d->m_pEngine->setRetryPolicy(policy); }
+
+bool HttpClientBase::cancelRequest(int id) { return d->m_pEngine->cancelRequest(id); }
+
+HttpFailure HttpClientBase::failureOf(int id) const { return d->m_pEngine->failureOf(id); }

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/HttpRetryPolicy.h>
+#include <KepNuvikaUtil/HttpTimeLimits.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 
@@ -48,14 +51,14 @@ class QIODevice;
 ///
 /// Errors: a request whose connection is lost three times, whose answer is no HTTP or exceeds a limit
 /// (setReadLimits()), ends in requestFailed(), and errorString() tells why; error() tells the code, where
-/// there is one (10053 for an answer that cannot be read). There is no time limit on an answer: shutdown()
-/// ends a request that takes too long.
+/// there is one (10053 for an answer that cannot be read); failureOf() tells both, and the reason. Without
+/// setTimeLimits() an answer may take for ever.
 ///
 /// Repetitions: a request whose connection is lost is sent again, whatever it asks for: a POST may act three
 /// times. An answer that was being delivered begins anew, with another responseHeaderReceived() and all its
 /// pieces. Only an upload of which pieces were sent is given up at once, unless it comes from a device that
 /// can go back. A failed connect counts as a loss, and so does a refused certificate or any failed set-up of
-/// TLS: three error() for one request then.
+/// TLS: three error() for one request then. setRetryPolicy() has it otherwise.
 ///
 /// Credentials: a 401 is answered once, by the best challenge that can be: Digest with SHA-256, Digest with
 /// MD5, else Basic. A second one in a row is delivered by requestFinished(). A challenge is kept for the
@@ -130,6 +133,18 @@ public:
     /// The request that was written last went over a connection that had carried an answer before.
     bool isConnectionReused() const;
 
+    /// For the requests whose turn comes from now on; none unless set.
+    void setTimeLimits(const HttpTimeLimits& limits);
+    /// From the next loss on. Besides, with any kind but eAlways a 401 is not answered where the answer would
+    /// be what was refused: it is delivered.
+    void setRetryPolicy(const HttpRetryPolicy& policy);
+    /// Ends a request in whatever state it is: what was not written leaves the queue, one that is being sent
+    /// or answered loses its connection. HttpClient emits requestCancelled(), HttpsClient requestFailed(),
+    /// inside this call; the next request follows. False, and nothing happens, when there is no such request
+    /// (any more).
+    bool cancelRequest(int id);
+    /// Why that request failed or was cancelled; eNone otherwise, and once another request has begun.
+    HttpFailure failureOf(int id) const;
     /// A part of what stands at the path, from the byte \a first to \a last, or to the end with -1 (RFC 9110,
     /// 14.2). HttpContentRange tells what part an answer holds: 206, or 416 for none; a server that knows no
     /// ranges answers 200, with all of it.

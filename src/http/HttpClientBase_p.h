@@ -23,7 +23,6 @@ public:
         emit m_pClient->requestFinished(id, header, content, size, Marker());
     }
     void failed(int id) override { emit m_pClient->requestFailed(id); }
-    void cancelled(int /*id*/) override { }
     void part(int id, const HttpResponseHeader& header, const char* type, const char* data, int size) override
     {
         emit m_pClient->multipartReplaceContent(id, header, type, data, size, Marker());

@@ -36,8 +36,11 @@ bool HttpRequestEngine::writeDownload(const char* data, int size)
     const auto write = [data, size](HttpDownloadTarget& target) { return target.write(data, size); };
     if (!useTarget(write))
         return false;
+    Request& front = m_requests.front();
+    noteHandedOut(front);
+    front.bHandedOut = false; // what a device has got can be taken back, or keeps it from being asked again
     const Watched::Watch watch = m_connection.watch();
-    m_listener.downloadProgress(m_requests.front().nId, m_nStreamed, m_nExpectedContentLength);
+    m_listener.downloadProgress(front.nId, m_nStreamed, m_nExpectedContentLength);
     return watch.holds();
 }
 
@@ -51,6 +54,6 @@ bool HttpRequestEngine::useTarget(Use use)
     if (!watch.holds())
         return false;
     if (!bDone)
-        failFront(target->problem(), true);
+        failFront(deviceFailure(target->problem()), true);
     return bDone;
 }

@@ -1,6 +1,8 @@
 // The request engine's bodies: when they may leave, and in which pieces.
 #include "http/HttpRequestEngine_p.h"
 
+#include "platform/ErrorCodes_p.h"
+
 #include <algorithm>
 
 using namespace Nuvika;
@@ -8,6 +10,11 @@ using namespace Nuvika;
 namespace
 {
 constexpr int kPieceSize = 65536; // of a device
+}
+
+HttpFailure HttpRequestEngine::deviceFailure(const QString& problem)
+{
+    return {HttpFailure::eDevice, ErrorCodes::kConnectionAborted, problem};
 }
 
 int HttpRequestEngine::upload(
@@ -74,6 +81,7 @@ void HttpRequestEngine::continueRequest()
         return;
     m_requests.front().bAwaitsContinue = false;
     sendBody(m_requests.front(), false);
+    limitExchange();
 }
 
 // A 417 is answered once, by the same request without the field.
@@ -112,6 +120,7 @@ bool HttpRequestEngine::sendPiece(Request& request, const char* data, int size, 
 {
     request.bUploadStarted = true;
     request.bUploadComplete = bLast;
+    limitExchange();
     QByteArray framed;
     if (!request.bUploadChunked) {
         request.nUploadLeft -= size;
@@ -189,7 +198,7 @@ bool HttpRequestEngine::pumpPiece()
     if (result == HttpUploadSource::eNotYet)
         return false;
     if (result == HttpUploadSource::eFailed) {
-        failFront(source->problem(), true);
+        failFront(deviceFailure(source->problem()), true);
         return false;
     }
     if (result == HttpUploadSource::eEnd)
@@ -207,9 +216,9 @@ bool HttpRequestEngine::endOfSource(Request& request)
     if (request.bUploadChunked)
         sendPiece(request, nullptr, 0, true);
     else
-        failFront(QStringLiteral("the device to send from ended after %1 of %2 bytes")
-                      .arg(request.nUploadLength - request.nUploadLeft)
-                      .arg(request.nUploadLength),
+        failFront(deviceFailure(QStringLiteral("the device to send from ended after %1 of %2 bytes")
+                                    .arg(request.nUploadLength - request.nUploadLeft)
+                                    .arg(request.nUploadLength)),
             true);
     return false;
 }

@@ -19,8 +19,6 @@ public:
     virtual void sendEndOfData() = 0;
     // What is sent now waits for nothing.
     virtual bool canSend() const = 0;
-    // Handed over and not yet given to the system; over TLS encrypted.
-    virtual qint64 bytesToSend() const = 0;
     // Asks the owner for one allSent(). False when everything has left already.
     virtual bool notifyWhenAllSent() = 0;
     virtual void close() = 0;
@@ -28,6 +26,9 @@ public:
     virtual void resumeRecv() = 0;
     // Something waits to be received although no answer is awaited: the server has ended the connection.
     virtual bool hasPendingInput() const = 0;
+    virtual bool isTls() const = 0;
+    // Handed over, and not yet given to the system.
+    virtual qint64 bytesToSend() const = 0;
     virtual QHostAddress localAddress() const = 0;
     virtual QHostAddress peerAddress() const = 0;
 };

@@ -31,6 +31,8 @@ private:
 class HttpsClient::Private final : public HttpClientBase::Private
 {
 public:
+    void cancelled(int id) override { failed(id); }
+
     std::unique_ptr<NuvikaTcpSocketQueued> m_pSocket; // exactly one of these two
     std::unique_ptr<NuvikaSslSocket> m_pSslSocket;
 };

@@ -7,6 +7,8 @@
 #include "http/HttpTransport_p.h"
 #include "net/ReceivePlacer_p.h"
 
+#include <type_traits>
+
 namespace Nuvika
 {
 template <class Socket>
@@ -22,12 +24,13 @@ public:
     bool sendData(const char* data, int size) override { return m_socket.sendData(data, size); }
     void sendEndOfData() override { endSending(m_socket); }
     bool canSend() const override { return m_socket.canSend(); }
-    qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     bool notifyWhenAllSent() override { return m_socket.notifyWhenAllSent(); }
     void close() override { m_socket.close(); }
     void stallRecv() override { m_socket.stallRecv(); }
     void resumeRecv() override { m_socket.resumeRecv(); }
     bool hasPendingInput() const override { return m_socket.hasPendingInput(); }
+    bool isTls() const override { return std::is_same_v<Socket, NuvikaSslSocket>; }
+    qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
 
