@@ -249,6 +249,7 @@ TEST(HttpTransfers, ADeviceIsReadAsTheServerTakesItAndMayFailAtAnyMoment)
         EXPECT_TRUE(x.events.isEmpty()) << "from the event loop: " << c.what;
         ASSERT_TRUE(x.sees("failed1")) << c.what;
         EXPECT_EQ(x.client->errorString().toUtf8(), c.problem) << c.what;
+        EXPECT_EQ(x.client->failureOf(1).reason, HttpFailure::eDevice) << c.what;
         EXPECT_TRUE(c.bAtOnce || waitFor([&] { return x.server.atEnd(); })) << c.what;
     }
     Transfer x;
@@ -364,6 +365,8 @@ TEST(HttpTransfers, ADownloadBeginsAnewAfterALossAndFailsWithItsDevice)
         }
         ASSERT_TRUE(x.sees(QStringLiteral("failed%1").arg(++id))) << c.problem;
         EXPECT_EQ(x.client->errorString().toUtf8(), c.problem);
+        const auto reason = c.device == &lost ? HttpFailure::eLost : HttpFailure::eDevice;
+        EXPECT_EQ(x.client->failureOf(id).reason, reason) << c.problem;
     }
 }
 
