@@ -24,6 +24,7 @@
 #include <KepNuvikaUtil/HttpAuthenticator.h>
 #include <KepNuvikaUtil/HttpClient.h>
 #include <KepNuvikaUtil/HttpClientBase.h>
+#include <KepNuvikaUtil/HttpContentRange.h>
 #include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpHeader.h>
 #include <KepNuvikaUtil/HttpReadLimits.h>

@@ -35,6 +35,7 @@ HttpClient::HttpClient(
     connect(socket, &NuvikaTcpSocketQueued::disconnected, this, &HttpClient::slotSockDisconnected);
     connect(socket, &NuvikaTcpSocketQueued::error, this, &HttpClient::slotSockError);
     connect(socket, &NuvikaTcpSocketQueued::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
+    connect(socket, &NuvikaTcpSocketQueued::sigCanSend, this, [this] { d->m_pEngine->canSendAgain(); });
 }
 
 HttpClient::~HttpClient() { d->m_pEngine->shutdown(true); }

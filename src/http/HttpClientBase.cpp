@@ -60,6 +60,25 @@ int HttpClientBase::getWithHeaderFields(const QString& path, const QMap<QString,
     return request(header, QByteArray(), user, password);
 }
 
+int HttpClientBase::getRange(const QString& path, qint64 first, qint64 last, const QString& user,
+    const QString& password, bool keepAlive)
+{
+    if (first < 0 || (last != -1 && last < first))
+        return d->m_pEngine->refuse(QStringLiteral("the range holds no byte"));
+    const QString end = last == -1 ? QString() : QString::number(last);
+    const QString range = QStringLiteral("bytes=%1-%2").arg(QString::number(first), end);
+    return getWithHeaderFields(path, {{QStringLiteral("Range"), range}}, user, password, keepAlive);
+}
+
+int HttpClientBase::getLastBytes(
+    const QString& path, qint64 count, const QString& user, const QString& password, bool keepAlive)
+{
+    if (count <= 0)
+        return d->m_pEngine->refuse(QStringLiteral("the range holds no byte"));
+    const QString range = QLatin1String("bytes=-") + QString::number(count);
+    return getWithHeaderFields(path, {{QStringLiteral("Range"), range}}, user, password, keepAlive);
+}
+
 int HttpClientBase::plainPost(const QString& path, const QByteArray& content, const QString& user,
     const QString& password, bool keepAlive)
 {
@@ -141,6 +160,29 @@ bool HttpClientBase::sendUploadContentChunk(int id, const char* data, int size, 
 }
 
 void HttpClientBase::sendEndOfUploadContent() { d->m_pEngine->sendEndOfUploadContent(); }
+
+bool HttpClientBase::canSendUploadContent() const { return d->m_pEngine->canSendUploadContent(); }
+
+qint64 HttpClientBase::bytesToUpload() const { return d->m_pEngine->bytesToUpload(); }
+
+int HttpClientBase::upload(
+    const HttpRequestHeader& header, QIODevice* source, const QString& user, const QString& password)
+{
+    return d->m_pEngine->upload(header, source, user, password);
+}
+
+int HttpClientBase::download(
+    const QString& path, QIODevice* target, const QString& user, const QString& password, bool keepAlive)
+{
+    const QString host = d->m_pEngine->hostField();
+    return download(HttpRequests::get(path, host, keepAlive && m_bKeepAlive), target, user, password);
+}
+
+int HttpClientBase::download(
+    const HttpRequestHeader& header, QIODevice* target, const QString& user, const QString& password)
+{
+    return d->m_pEngine->download(header, target, user, password);
+}
 
 // --- the queue, and what is known ------------------------------------------------------------------------
 

@@ -14,6 +14,8 @@
 
 #include <memory>
 
+class QIODevice;
+
 /// What HttpClient and HttpsClient share, so that code for http and https is written once: an HTTP/1.1 client
 /// of one server (RFC 9112), with Basic and Digest authentication.
 ///
@@ -27,6 +29,16 @@
 ///   requestFinished() without content.
 /// - multipart/x-mixed-replace: multipartReplaceContent() for each part, until shutdown() or the connection's
 ///   end; with the stream flag as above.
+/// - With the stream flag streamFinished() follows the last of these, however the body was framed.
+///
+/// A body of known length may have 2^31 - 1 bytes, streamed or not; other streamed ones have no bound. What
+/// is sent has none.
+///
+/// "Expect: 100-continue" in the head of a request with a body (RFC 9110, 10.1.1): the head leaves alone, and
+/// the body when the server answers 100, or nothing for 1 s. After any other answer the body is never sent,
+/// and the connection ends with the answer. A 401 is answered by another head that asks first: so a large
+/// upload to a server that wants Digest costs one passage of its body. A 417 is answered once, without the
+/// field.
 ///
 /// Threads: owned by the thread that made it, which needs an event loop; the library must be initialised for
 /// host names. Content pointers hold during the emission only.
@@ -44,9 +56,9 @@
 ///
 /// Repetitions: a request whose connection is lost is sent again, whatever it asks for: a POST may act three
 /// times. An answer that was being delivered begins anew, with another responseHeaderReceived() and all its
-/// pieces. Only an upload of which pieces were sent is given up at once. A failed connect counts as a loss,
-/// and so does a refused certificate or any failed set-up of TLS: three error() for one request then.
-/// setRetryPolicy() has it otherwise.
+/// pieces. Only an upload of which pieces were sent is given up at once, unless it comes from a device that
+/// can go back. A failed connect counts as a loss, and so does a refused certificate or any failed set-up of
+/// TLS: three error() for one request then. setRetryPolicy() has it otherwise.
 ///
 /// Credentials: a 401 is answered once, by the best challenge that can be: Digest with SHA-256, Digest with
 /// MD5, else Basic. A second one in a row is delivered by requestFinished(). A challenge is kept for the
@@ -133,6 +145,49 @@ public:
     bool cancelRequest(int id);
     /// Why that request failed or was cancelled; eNone otherwise, and once another request has begun.
     HttpFailure failureOf(int id) const;
+    /// A part of what stands at the path, from the byte \a first to \a last, or to the end with -1 (RFC 9110,
+    /// 14.2). HttpContentRange tells what part an answer holds: 206, or 416 for none; a server that knows no
+    /// ranges answers 200, with all of it.
+    int getRange(const QString& path, qint64 first, qint64 last, const QString& user, const QString& password,
+        bool keepAlive);
+    /// The last \a count bytes of what stands at the path, or all where there are fewer.
+    int getLastBytes(
+        const QString& path, qint64 count, const QString& user, const QString& password, bool keepAlive);
+
+    /// Whether a piece of the upload at the front may be handed over, and waits for nothing. While it is
+    /// false pieces are taken and queued without a bound, but for one case: sendUploadContentChunk() refuses
+    /// while an expected 100 is awaited. Of an upload from a device always false.
+    bool canSendUploadContent() const;
+    /// Of the upload at the front, the bytes that were handed over and not yet given to the system: with
+    /// their framing, and over TLS encrypted.
+    qint64 bytesToUpload() const;
+
+    /// Sends a head with a body that is read from a device, in pieces of at most 64 KiB and as the connection
+    /// takes them, from where the device stands. A head without "content-length" and "transfer-encoding" gets
+    /// the length of a random access device, and chunked coding otherwise.
+    ///
+    /// The device stays the caller's and must be open for reading until the request has ended. A sequential
+    /// one is read when it says readyRead(); it ends with readChannelFinished(), or a read that returns -1 (a
+    /// file: 0). Reading blocks where the device's does. The request fails, and its connection ends, where a
+    /// read fails, the device ends before the announced length, or is closed or destroyed. Sending again
+    /// after a loss needs a device that can go back; a 401 or 417 that would need it is delivered then. Once
+    /// an answer of 400 or more has begun nothing more is sent.
+    int upload(const HttpRequestHeader& header, QIODevice* source, const QString& user = QString(),
+        const QString& password = QString());
+    /// A get() whose answer, when it is a 2xx, is written to a device as it comes, from where the device
+    /// stands.
+    ///
+    /// responseHeaderReceived() and streamFinished() tell of it, nothing else; any other answer is told as
+    /// that of get(), and its body is not written. The device stays the caller's and must be open for writing
+    /// until then. A file is flushed before the end is told.
+    /// The request fails, and its connection ends, where the device takes less than all (errorString() has
+    /// its reason), or is closed or destroyed. After a loss the answer begins anew, at the device's old
+    /// place: a sequential device that has got bytes fails instead. What a failed request has written stays.
+    int download(
+        const QString& path, QIODevice* target, const QString& user, const QString& password, bool keepAlive);
+    /// The same with a head of the caller's.
+    int download(const HttpRequestHeader& header, QIODevice* target, const QString& user = QString(),
+        const QString& password = QString());
 
     /// For the connections to come, plain and over TLS: through an HTTP proxy, which opens a way to the
     /// server (CONNECT). An empty \a host: none, the default; the environment is never looked at. The
@@ -158,6 +213,17 @@ signals:
         NuvikaTcpSocket::QueuedConnNotAllowed);
     void error(int errorCode);
     void sendEndOfUploadContentFinished();
+    /// canSendUploadContent() is true: an upload's head has left, or there is room again. From the event
+    /// loop.
+    void sigCanSendUploadContent();
+    /// The end of an answer whose request had the stream flag, or was a download(), with the size of its
+    /// body: the request's last signal. Not after requestFailed(), nor where the handler before it calls
+    /// shutdown().
+    void streamFinished(int id, const HttpResponseHeader& resp, qint64 size);
+    /// A piece of an upload() has been read and handed over. \a total: -1 when it is not known.
+    void uploadProgress(int id, qint64 sent, qint64 total);
+    /// A piece of a download() has been written.
+    void downloadProgress(int id, qint64 received, qint64 total);
 
 protected:
     class Private;

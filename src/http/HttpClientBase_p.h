@@ -33,6 +33,19 @@ public:
     }
     void socketError(int code) override { emit m_pClient->error(code); }
     void uploadEnded() override { emit m_pClient->sendEndOfUploadContentFinished(); }
+    void canSendUpload() override { emit m_pClient->sigCanSendUploadContent(); }
+    void streamFinished(int id, const HttpResponseHeader& header, qint64 size) override
+    {
+        emit m_pClient->streamFinished(id, header, size);
+    }
+    void uploadProgress(int id, qint64 sent, qint64 total) override
+    {
+        emit m_pClient->uploadProgress(id, sent, total);
+    }
+    void downloadProgress(int id, qint64 received, qint64 total) override
+    {
+        emit m_pClient->downloadProgress(id, received, total);
+    }
 
     HttpClientBase* m_pClient = nullptr; // set by its constructor
     std::unique_ptr<Nuvika::HttpTransport> m_pTransport;

@@ -15,6 +15,7 @@ using namespace Nuvika;
 namespace
 {
 constexpr int kBodyWithHead = 1024; // shorter bodies leave in one write with the head
+constexpr int kContinueMs = 1000; // for a server that does not know of "Expect"
 
 QString withoutBrackets(const QString& host)
 {
@@ -36,6 +37,10 @@ HttpRequestEngine::HttpRequestEngine(const char* traceName, HttpTransport& trans
     m_transport.setPlacer(*this);
     m_uploadEndTimer.setSingleShot(true);
     m_refusalTimer.setSingleShot(true);
+    m_continueTimer.setSingleShot(true);
+    m_uploadTimer.setSingleShot(true);
+    QObject::connect(&m_continueTimer, &QTimer::timeout, &m_continueTimer, [this] { continueRequest(); });
+    QObject::connect(&m_uploadTimer, &QTimer::timeout, &m_uploadTimer, [this] { continueUpload(); });
     QObject::connect(&m_uploadEndTimer, &QTimer::timeout, &m_uploadEndTimer, [this] { endUpload(false); });
     QObject::connect(&m_refusalTimer, &QTimer::timeout, &m_refusalTimer, [this] { failRefused(); });
 }
@@ -73,8 +78,8 @@ int HttpRequestEngine::refuse(const QString& problem)
     return enqueue(std::move(request));
 }
 
-int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
-    const QString& user, const QString& password, int nAuthMode)
+HttpRequestEngine::Request HttpRequestEngine::makeRequest(const HttpRequestHeader& header, bool bStream,
+    const SharedPoolBuffer* body, const QString& user, const QString& password, int nAuthMode)
 {
     Request request;
     request.problem = HttpRequests::problemOf(header, user, password);
@@ -93,9 +98,16 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
     request.bUploadChunked = header.value(QStringLiteral("transfer-encoding")) == QLatin1String("chunked")
         && request.body.isEmpty();
     const long long length = header.value(QStringLiteral("content-length")).toLongLong(); // above 4 GiB, too
-    request.nUploadLeft = length - request.body.getBufferSize();
-    request.bUpload = request.bUploadChunked || (header.hasContentLength() && request.nUploadLeft > 0);
-    return enqueue(std::move(request));
+    request.nUploadLength = length - request.body.getBufferSize();
+    request.bUpload = request.bUploadChunked || (header.hasContentLength() && request.nUploadLength > 0);
+    request.bExpects = (request.bUpload || !request.body.isEmpty()) && HttpRequests::expectsContinue(header);
+    return request;
+}
+
+int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
+    const QString& user, const QString& password, int nAuthMode)
+{
+    return enqueue(makeRequest(header, bStream, body, user, password, nAuthMode));
 }
 
 int HttpRequestEngine::request(const HttpRequestHeader& header, const QByteArray& content,
@@ -188,7 +200,8 @@ void HttpRequestEngine::failRefused()
     if (std::any_of(std::next(found), m_requests.end(), isRefused))
         m_refusalTimer.start(0);
     const int id = found->nId;
-    const HttpFailure failure{HttpFailure::eRefused, 0, found->problem};
+    const HttpFailure failure{
+        found->hasDeviceFailed() ? HttpFailure::eDevice : HttpFailure::eRefused, 0, found->problem};
     m_requests.erase(found);
     m_failures.clear(); // it has begun, in a way
     const Watched::Watch watch = m_session.watch();
@@ -218,6 +231,8 @@ void HttpRequestEngine::triggerNextRequest()
         return;
     beginFront();
     clearReceiveState();
+    if (!prepareUpload())
+        return;
     updateAuthorization(m_requests.front());
     writeRequest(m_requests.front());
 }
@@ -241,7 +256,8 @@ void HttpRequestEngine::writeRequest(Request& request)
 {
     request.bPending = true;
     m_bReused = m_bUsed;
-    const bool bHeadCarriesBody = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead;
+    const bool bHeadCarriesBody
+        = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead && !request.bExpects;
     const auto* body = static_cast<const char*>(request.body.getBuffer());
     QByteArray head = request.header.toString().toLatin1();
     NUVIKA_DEBUG(
@@ -250,7 +266,10 @@ void HttpRequestEngine::writeRequest(Request& request)
         head.append(body, request.body.getBufferSize());
     m_state = eWaitingHeader;
     m_transport.sendData(head.constData(), head.size());
-    if (!bHeadCarriesBody && !request.body.isEmpty())
-        m_transport.sendData(body, request.body.getBufferSize());
+    request.bAwaitsContinue = request.bExpects;
+    if (request.bAwaitsContinue)
+        m_continueTimer.start(kContinueMs);
+    else
+        sendBody(request, bHeadCarriesBody);
     limitExchange();
 }

@@ -69,7 +69,7 @@ void HttpRequestEngine::placed(int bytes)
 // The body's bytes go into its memory, and nowhere else.
 bool HttpRequestEngine::isCollecting() const
 {
-    return (m_state == eWaitingContent || m_state == eWaitingChunk) && !m_reader.isMultipart() && !m_bRetry401
+    return (m_state == eWaitingContent || m_state == eWaitingChunk) && !m_reader.isMultipart() && !m_bRetry
         && !m_requests.front().bStream;
 }
 
@@ -116,11 +116,17 @@ void HttpRequestEngine::handleHead()
     const int status = m_pResponseHeader->statusCode();
     if (status >= 100 && status < 200) { // the real head follows
         m_reader.setBody(HttpBody());
+        if (status == 100)
+            continueRequest();
         return;
     }
+    m_continueTimer.stop(); // what is still kept of the body is not wanted
     m_bMayBeCut = false;
+    if (front.target)
+        front.bStream = status / 100 == 2;
     HttpBody body = bodyOf(front);
     handleLogin(&body);
+    handleExpectation(&body);
     m_reader.setBody(body);
     if (body.bInvalid || (body.bMultipart && !MultipartReader::isUsableBoundary(body.boundary))) {
         failFront(unreadable(body.bInvalid
@@ -129,11 +135,13 @@ void HttpRequestEngine::handleHead()
             true);
         return;
     }
+    if (!beginDownload())
+        return;
     m_content.begin(m_nExpectedContentLength, m_limits.nContent);
     m_state = body.kind == HttpBody::Chunked ? eWaitingChunk
         : body.bMultipart                    ? eWaitingMultipart
                                              : eWaitingContent;
-    if (status != 401) {
+    if (status != 401 && !m_bRetry) {
         const auto header = m_pResponseHeader;
         m_listener.responseHeader(front.nId, *header);
     }
@@ -159,7 +167,7 @@ void HttpRequestEngine::handleContent()
 {
     const char* data = m_reader.data();
     const int size = m_reader.size();
-    if (m_bRetry401)
+    if (m_bRetry)
         return;
     Request& front = m_requests.front();
     if (!front.bStream) {
@@ -170,6 +178,10 @@ void HttpRequestEngine::handleContent()
         return;
     }
     m_nStreamed += size;
+    if (isDownloading()) {
+        writeDownload(data, size);
+        return;
+    }
     if (m_nStreamed == m_nExpectedContentLength) {
         m_content.refer(data, size); // the last piece, which ends the request
         return;
@@ -202,11 +214,11 @@ void HttpRequestEngine::handleEnd()
     const int status = m_pResponseHeader->statusCode();
     if (status >= 100 && status < 200)
         return;
-    if (!m_bRetry401 && isStreamedByLength()) {
+    if (!m_bRetry && isStreamedByLength()) {
         finishStreamed();
         return;
     }
-    if (m_bRetry401)
+    if (m_bRetry)
         prepareRetry();
     else if (!finishFront())
         return;
@@ -220,7 +232,7 @@ void HttpRequestEngine::handleEnd()
 bool HttpRequestEngine::isStreamedByLength() const
 {
     const Request& front = m_requests.front();
-    return front.bStream && m_nExpectedContentLength >= 0 && m_state == eWaitingContent
+    return front.bStream && !front.target && m_nExpectedContentLength >= 0 && m_state == eWaitingContent
         && front.header.method() != QLatin1String("HEAD") && !hasNoBody(m_pResponseHeader->statusCode());
 }
 
@@ -240,8 +252,11 @@ void HttpRequestEngine::finishStreamed()
     NUVIKA_DEBUG(lcHttp, "%s::slotSockDataReceived#3: chunk request finished; id:%d", m_traceName, front.nId);
     keepOrClose();
     const auto header = m_pResponseHeader;
+    const long long size = m_nStreamed;
     const Watched::Watch watch = m_session.watch();
     m_listener.chunk(front.nId, *header, m_content.data(), m_content.size());
+    if (watch.holds())
+        m_listener.streamFinished(front.nId, *header, size);
     if (watch.holds())
         triggerNextRequest();
 }
@@ -250,13 +265,21 @@ void HttpRequestEngine::finishStreamed()
 // handler may delete the engine, or run a loop in which it receives another answer.
 bool HttpRequestEngine::finishFront()
 {
+    if (!flushDownload())
+        return false;
+    const bool bTold = !isDownloading();
     const bool bCollected = m_state != eWaitingMultipart && !m_requests.front().bStream;
     const Request front = takeFront();
     const auto header = m_pResponseHeader;
     const CollectedContent content = std::move(m_content);
+    const long long size = m_nStreamed;
     const Watched::Watch watch = m_connection.watch();
-    m_listener.finished(
-        front.nId, *header, bCollected ? content.data() : nullptr, bCollected ? content.size() : 0);
+    const Watched::Watch session = m_session.watch();
+    if (bTold)
+        m_listener.finished(
+            front.nId, *header, bCollected ? content.data() : nullptr, bCollected ? content.size() : 0);
+    if (front.bStream && session.holds())
+        m_listener.streamFinished(front.nId, *header, size);
     return watch.holds();
 }
 

@@ -38,6 +38,8 @@ void HttpRequestEngine::connected()
 void HttpRequestEngine::closeConnection()
 {
     m_connection.endSession();
+    m_continueTimer.stop();
+    m_uploadTimer.stop();
     m_input.reset();
     for (const auto kind : {HttpWaits::eConnect, HttpWaits::eFirstByte, HttpWaits::eSilence})
         m_deadlines.clear(kind);
@@ -61,7 +63,7 @@ void HttpRequestEngine::clearReceiveState()
     m_nStreamed = 0;
     m_nExpectedContentLength = -1;
     m_firstPieceUs = 0;
-    m_bRetry401 = false;
+    m_bRetry = false;
     m_bCloseAfterResponse = false;
     m_challenge.clear();
 }
@@ -126,7 +128,7 @@ HttpFailure HttpRequestEngine::failureOfEnd(int code, const QString& problem) co
 void HttpRequestEngine::connectionLost(bool bUnannounced, const HttpFailure& failure)
 {
     const bool bComplete = isExchanging() && m_state != eWaitingHeader && m_reader.endOfStream();
-    const bool bRetry = isExchanging() && m_bRetry401; // whatever became of its body
+    const bool bRetry = isExchanging() && m_bRetry; // whatever became of its body
     if (!bComplete && !bRetry && (m_state == eConnecting || isExchanging())) {
         countLoss(failure);
         return;
@@ -140,10 +142,11 @@ void HttpRequestEngine::connectionLost(bool bUnannounced, const HttpFailure& fai
         NUVIKA_ASSERT(m_nResponseContentOffset >= 4);
     }
     if (bRetry) {
-        NUVIKA_DEBUG(lcHttp,
-            "%s::slotSockDisconnected(): if (m_responseHeader.statusCode() == 401 && "
-            "m_requests.front().m_authFailedCounter <= 1)",
-            m_traceName);
+        if (m_pResponseHeader->statusCode() == 401)
+            NUVIKA_DEBUG(lcHttp,
+                "%s::slotSockDisconnected(): if (m_responseHeader.statusCode() == 401 && "
+                "m_requests.front().m_authFailedCounter <= 1)",
+                m_traceName);
         prepareRetry();
     } else if (bComplete) {
         NUVIKA_DEBUG(
@@ -169,7 +172,7 @@ bool HttpRequestEngine::isGivenUp(Request& request, const HttpFailure& failure) 
     if (m_retryPolicy.nStreamedMs > 0 && m_firstPieceUs > 0
         && m_lastPieceUs - m_firstPieceUs >= m_retryPolicy.nStreamedMs * 1000LL)
         request.m_requestFailedCounter = 0;
-    if (++request.m_requestFailedCounter >= kMaxLosses || request.bUploadStarted)
+    if (++request.m_requestFailedCounter >= kMaxLosses || !request.canRepeat())
         return true;
     if (m_retryPolicy.kind != HttpRetryPolicy::eIdempotent)
         return m_retryPolicy.kind == HttpRetryPolicy::eNever;
@@ -207,30 +210,6 @@ void HttpRequestEngine::countLoss(const HttpFailure& failure)
 }
 
 // --- uploads ---------------------------------------------------------------------------------------------
-
-bool HttpRequestEngine::sendUploadContentChunk(int id, const char* data, int size, bool bLast)
-{
-    if (m_requests.empty() || m_requests.front().nId != id || !isExchanging() || size < 0)
-        return false;
-    Request& front = m_requests.front();
-    if (!front.bUpload || !front.bPending || front.bUploadComplete)
-        return false;
-    if (!front.bUploadChunked && size > front.nUploadLeft)
-        return false; // it would be read as the next request
-    front.bUploadStarted = true;
-    front.bUploadComplete = bLast;
-    limitExchange();
-    if (!front.bUploadChunked) {
-        front.nUploadLeft -= size;
-        return m_transport.sendData(data, size);
-    }
-    QByteArray framed;
-    if (size > 0)
-        framed = QByteArray::number(size, 16) + "\r\n" + QByteArray(data, size) + "\r\n";
-    if (bLast)
-        framed += "0\r\n\r\n";
-    return m_transport.sendData(framed.constData(), framed.size());
-}
 
 // The other ending of an upload: the server's answer is not awaited.
 void HttpRequestEngine::sendEndOfUploadContent()

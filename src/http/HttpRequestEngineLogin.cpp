@@ -83,9 +83,9 @@ void HttpRequestEngine::handleLogin(HttpBody* body)
         return;
     }
     m_challenge = chooseChallenge(rawFieldValues(m_reader.data(), m_reader.size(), "WWW-Authenticate"));
-    m_bRetry401 = ++front.m_authFailedCounter <= kMax401 && !front.bUploadStarted
+    m_bRetry = ++front.m_authFailedCounter <= kMax401 && front.canRepeat()
         && (m_retryPolicy.kind == HttpRetryPolicy::eAlways || !isLoginRefused(front));
-    if (m_bRetry401)
+    if (m_bRetry)
         body->bMultipart = false;
     else
         m_authenticator.reset();
@@ -111,6 +111,11 @@ void HttpRequestEngine::prepareRetry()
     Request& front = m_requests.front();
     front.bPending = false;
     m_bCloseAfterResponse = m_bCloseAfterResponse || front.owesBody();
+    if (m_pResponseHeader->statusCode() == 417) {
+        front.header.removeAllValues(QStringLiteral("expect"));
+        front.bExpects = false;
+        return;
+    }
     const QByteArray body = QByteArray::fromRawData(
         static_cast<const char*>(front.body.getBuffer()), front.body.getBufferSize());
     m_authenticator.reset();

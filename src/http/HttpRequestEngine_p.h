@@ -19,8 +19,10 @@
 #include "core/PoolOwner_p.h"
 #include "core/Watched_p.h"
 #include "http/CollectedContent_p.h"
+#include "http/HttpDownloadTarget_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpTransport_p.h"
+#include "http/HttpUploadSource_p.h"
 #include "net/PendingInput_p.h"
 #include "net/ReceivePlacer_p.h"
 
@@ -49,6 +51,10 @@ public:
     virtual void chunk(int id, const HttpResponseHeader& header, const char* data, int size) = 0;
     virtual void socketError(int code) = 0;
     virtual void uploadEnded() = 0;
+    virtual void canSendUpload() = 0;
+    virtual void streamFinished(int id, const HttpResponseHeader& header, qint64 size) = 0;
+    virtual void uploadProgress(int id, qint64 sent, qint64 total) = 0;
+    virtual void downloadProgress(int id, qint64 received, qint64 total) = 0;
 
 protected:
     ~HttpRequestListener() = default;
@@ -67,7 +73,13 @@ public:
         const QString& password, bool bStream = false);
     // A request that fails for this reason, from the event loop.
     int refuse(const QString& problem);
+    int upload(
+        const HttpRequestHeader& header, QIODevice* source, const QString& user, const QString& password);
+    int download(
+        const HttpRequestHeader& header, QIODevice* target, const QString& user, const QString& password);
     bool sendUploadContentChunk(int id, const char* data, int size, bool bLast);
+    bool canSendUploadContent() const;
+    qint64 bytesToUpload() const;
     void sendEndOfUploadContent();
     int numOfPendingRequests() const { return static_cast<int>(m_requests.size()); }
     void discardNonePendingRequest(int id);
@@ -112,6 +124,7 @@ public:
     void disconnected(End end);
     void socketError(int code, const QString& problem); // `problem`: in words
     void allSent();
+    void canSendAgain() { continueUpload(); }
 
 private:
     enum State {
@@ -139,17 +152,38 @@ private:
         bool bUploadChunked = false;
         bool bUploadStarted = false; // pieces have gone that nobody keeps: it cannot be sent again
         bool bUploadComplete = false; // the last piece has gone
-        long long nUploadLeft = 0; // of the announced length
+        long long nUploadLength = 0; // announced, without the body above
+        long long nUploadLeft = 0; // of it
+        long long nHandedOver = 0; // to the transport, with its framing
+        std::shared_ptr<HttpUploadSource> source; // of an upload from a device
+        std::shared_ptr<HttpDownloadTarget> target; // of what a 2xx answer holds
+        bool bExpects = false; // a 100 before its body
+        bool bAwaitsContinue = false; // it has not come yet
         bool bOwnAuthorization = false;
         bool bAuthorizationReady = false;
         bool bHandedOut = false; // something of an answer's content
         int m_authFailedCounter = 0; // in a row
         int m_requestFailedCounter = 0;
 
-        bool owesBody() const { return bUpload && (bUploadChunked ? !bUploadComplete : nUploadLeft > 0); }
+        bool owesBody() const
+        {
+            return bAwaitsContinue || (bUpload && (bUploadChunked ? !bUploadComplete : nUploadLeft > 0));
+        }
+        bool hasDeviceFailed() const
+        {
+            return (source && !source->problem().isEmpty()) || (target && !target->problem().isEmpty());
+        }
+        // What has gone or come of it can be had again.
+        bool canRepeat() const
+        {
+            return (!bUploadStarted || (source && source->canGoBack()))
+                && (!target || target->canBeginAnew());
+        }
     };
 
     // The queue.
+    static Request makeRequest(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
+        const QString& user, const QString& password, int nAuthMode);
     int enqueue(Request request);
     void failRefused();
     void triggerNextRequest();
@@ -158,6 +192,20 @@ private:
     static void setAuthorization(HttpRequestHeader& header, const QByteArray& value);
     void updateAuthorization(Request& request);
     void writeRequest(Request& request);
+
+    // What follows a head.
+    bool prepareUpload();
+    void sendBody(const Request& request, bool bWithHead);
+    void continueRequest();
+    bool isUploading() const;
+    bool isRefused() const;
+    bool sendPiece(Request& request, const char* data, int size, bool bLast);
+    void continueUpload();
+    void pumpUpload();
+    bool pumpPiece();
+    bool endOfSource(Request& request);
+    static HttpFailure deviceFailure(const QString& problem);
+    bool mayPump();
 
     // Time.
     void limitExchange();
@@ -189,6 +237,7 @@ private:
     void handle(HttpMessageReader::Event event);
     void handleHead();
     void handleLogin(HttpBody* body);
+    void handleExpectation(HttpBody* body);
     HttpBody bodyOf(const Request& request);
     void handleContent();
     void handlePart();
@@ -196,6 +245,12 @@ private:
     bool isStreamedByLength() const;
     bool isCollecting() const;
     Request takeFront();
+    bool isDownloading() const;
+    bool beginDownload();
+    bool writeDownload(const char* data, int size);
+    template <class Use>
+    bool useTarget(Use use);
+    bool flushDownload();
     void finishStreamed();
     bool finishFront();
     void noteHandedOut(Request& request);
@@ -225,7 +280,7 @@ private:
     long long m_nStreamed = 0; // bytes of a streamed body
     long long m_nExpectedContentLength = -1;
     int m_nResponseContentOffset = 0;
-    bool m_bRetry401 = false; // the body of this answer is swallowed
+    bool m_bRetry = false; // the body of this answer is swallowed, and the request sent again
     bool m_bCloseAfterResponse = false;
     bool m_bMayBeCut = false;
     HttpAuthenticator m_authenticator;
@@ -242,6 +297,9 @@ private:
     qint64 m_firstPieceUs = 0; // of the answer; 0: none yet
     qint64 m_lastPieceUs = 0;
     bool m_bUploadSent = false; // all of it has left
+    bool m_bTellRoom = false; // when the upload may go on
+    QTimer m_continueTimer;
+    QTimer m_uploadTimer;
     QTimer m_uploadEndTimer;
     QTimer m_refusalTimer;
     PoolOwner m_pPool{new SharedBufferPool};

@@ -40,6 +40,14 @@ QString HttpRequests::encodedPath(const QString& path)
     return encoded;
 }
 
+bool HttpRequests::expectsContinue(const HttpRequestHeader& header)
+{
+    const QStringList values = header.allValues(QStringLiteral("expect"));
+    return std::any_of(values.begin(), values.end(), [](const QString& value) {
+        return value.compare(QLatin1String("100-continue"), Qt::CaseInsensitive) == 0;
+    });
+}
+
 QString HttpRequests::problemOfText(const char* what, QStringView text)
 {
     const bool bEnds = std::any_of(text.begin(), text.end(), isLineEnd);

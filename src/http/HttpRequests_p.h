@@ -14,6 +14,9 @@ HttpRequestHeader plainPost(const QString& path, const QString& host, int size, 
 HttpRequestHeader soap(
     const QString& path, const QString& host, const QString& action, int size, bool bKeepAlive);
 
+// The body waits for a 100 (RFC 9110, 10.1.1).
+bool expectsContinue(const HttpRequestHeader& header);
+
 // The path as it can stand in a request line (RFC 3986): other characters are percent-encoded, beyond ASCII
 // as UTF-8. What is encoded stays, as does every percent sign.
 QString encodedPath(const QString& path);

@@ -78,6 +78,7 @@ void HttpsClient::prepareForNonSllMode(const QString& host, unsigned short port,
         socket, &NuvikaTcpSocketQueued::disconnected, this, qOverload<>(&HttpsClient::slotSockDisconnected));
     connect(socket, &NuvikaTcpSocketQueued::error, this, &HttpsClient::slotSockError);
     connect(socket, &NuvikaTcpSocketQueued::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
+    connect(socket, &NuvikaTcpSocketQueued::sigCanSend, this, [this] { d->m_pEngine->canSendAgain(); });
     d->m_pTransport = std::make_unique<ClientTransport<NuvikaTcpSocketQueued>>(
         *socket, [this](const QString& name, unsigned short number) { connectToHost(name, number); });
     prepareForAllModes(host, port, keepAlive);
@@ -95,6 +96,7 @@ void HttpsClient::prepareForSllMode(
         qOverload<unsigned long>(&HttpsClient::slotSockDisconnected));
     connect(socket, &NuvikaSslSocket::error, this, &HttpsClient::slotSockError);
     connect(socket, &NuvikaSslSocket::sigAllSent, this, [this] { d->m_pEngine->allSent(); });
+    connect(socket, &NuvikaSslSocket::sigCanSend, this, [this] { d->m_pEngine->canSendAgain(); });
     d->m_pTransport = std::make_unique<ClientTransport<NuvikaSslSocket>>(
         *socket, [this](const QString& name, unsigned short number) { connectToHost(name, number); });
     prepareForAllModes(host, port, keepAlive);

@@ -5,6 +5,7 @@
 #include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/NuvikaTcpServer.h>
 
+#include <QtCore/QBuffer>
 #include <QtNetwork/QSslCertificate>
 
 #include <sys/socket.h>
@@ -266,6 +267,34 @@ TEST(HttpsClient, AnUploadOverTlsEndsWhenAllOfItHasLeft)
     pServer->socket.resumeRecv();
     ASSERT_TRUE(x.sees("upload ended"));
     EXPECT_EQ(nReceived, much.size());
+}
+
+TEST(HttpsClient, ADeviceIsReadAsATlsServerTakesIt)
+{
+    TlsExchange x;
+    TlsServer::Connection* pServer = nullptr;
+    QByteArray got;
+    x.server.onRequest = [&](TlsServer::Connection& c, const QByteArray&) {
+        pServer = &c;
+        c.socket.stallRecv();
+        QObject::connect(&c.socket, &NuvikaSslSocket::dataReceived, [&](const char* data, int size, Marker) {
+            pServer->got.clear();
+            got.append(data, size);
+        });
+    };
+    QBuffer source;
+    source.setData(QByteArray(16 << 20, 'u'));
+    source.open(QIODevice::ReadOnly);
+    x.client.upload(HttpRequestHeader(QStringLiteral("PUT"), QStringLiteral("/up")), &source);
+    ASSERT_TRUE(waitFor([&] { return pServer != nullptr; }));
+    settle(100);
+    EXPECT_LT(source.pos(), 8 << 20) << "nobody reads, so it is not read";
+    EXPECT_GT(x.client.bytesToUpload(), 0);
+    pServer->socket.resumeRecv();
+    ASSERT_TRUE(waitFor([&] { return source.atEnd() && x.client.bytesToUpload() == 0; }));
+    TlsServer::answer(*pServer, sized("ok"));
+    ASSERT_TRUE(x.sees("done1 200 ok"));
+    EXPECT_TRUE(got.endsWith("uuuu") && got.size() > 8 << 20) << "what came with the head aside";
 }
 
 TEST(HttpsClient, FormsWhoseFieldsHoldALineEndAreRefused)

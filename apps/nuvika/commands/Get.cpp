@@ -11,6 +11,8 @@
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFileInfo>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSaveFile>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -32,39 +34,53 @@ public:
         : m_target(target), m_bHead(bHead), m_client(target.makeClient(false))
     {
         connect(m_client.get(), &HttpsClient::responseHeaderReceived, this,
-            [this](int, const HttpResponseHeader& header) { takeHead(header); });
+            [this](int, const HttpResponseHeader& header) {
+                if (m_output.isOpen() && m_nStatus != 0)
+                    beginAnew();
+                takeHead(header);
+            });
         connect(m_client.get(), &HttpsClient::contentChunk, this,
             [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
                 takeHead(header);
-                if (!write(data, size))
-                    return;
-                // A body of known length ends with its last piece, without another signal.
-                QTimer::singleShot(0, this, [this] {
-                    if (m_client->numOfPendingRequests() == 0)
-                        finish();
-                });
+                write(data, size);
             });
+        connect(m_client.get(), &HttpsClient::streamFinished, this, [this] { finish(); });
         connect(m_client.get(), &HttpsClient::requestFinished, this,
             [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
                 takeHead(header);
-                if (write(data, size))
+                if (write(data, size) && m_bForm) // what is streamed has an end of its own
                     finish();
             });
         connect(m_client.get(), &HttpsClient::requestFailed, this,
             [this](int id) { fail(m_client->failureOf(id)); });
     }
 
+    // Instead of standard output; it is there when the answer has come whole.
+    bool setOutput(const QString& name)
+    {
+        m_output.setFileName(name);
+        return m_output.open(QIODevice::WriteOnly);
+    }
+    QString outputProblem() const
+    {
+        return m_output.fileName() + QLatin1String(": ") + m_output.errorString();
+    }
+    void setRange(const QString& range) { m_range = range; }
+
     void setTimes(const HttpTimeLimits& limits, int nRetries)
     {
         m_client->setTimeLimits(limits);
         m_nRetries = nRetries;
     }
+
     void send(const QString& method, const QByteArray& body, const QString& contentType)
     {
         HttpRequestHeader header(method, m_target.path);
         header.addValue(QStringLiteral("Host"), m_target.authority());
         header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
         header.addValue(QStringLiteral("Accept"), QStringLiteral("*/*"));
+        if (!m_range.isEmpty())
+            header.addValue(QStringLiteral("Range"), QLatin1String("bytes=") + m_range);
         if (!contentType.isEmpty()) {
             header.addValue(QStringLiteral("Content-Type"), contentType);
             header.setContentLength(body.size());
@@ -81,6 +97,7 @@ public:
     // Unlike the others, a form carries credentials at once.
     void sendForm(const QString& file, const QByteArray& content, const QString& contentType)
     {
+        m_bForm = true;
         const QString disposition = QStringLiteral("name=\"file\"; filename=\"%1\"")
                                         .arg(QFileInfo(file).fileName().remove(QLatin1Char('"')));
         begin([=] {
@@ -96,25 +113,47 @@ private:
         m_ask = std::move(ask);
         m_ask();
     }
+    // After the loss of half an answer.
+    void beginAnew()
+    {
+        m_nStatus = 0;
+        m_output.seek(0);
+        m_output.resize(0);
+    }
     void takeHead(const HttpResponseHeader& header)
     {
         if (m_nStatus != 0)
             return;
         m_nStatus = header.statusCode();
+        const QByteArray head = header.toString().toLatin1();
         if (m_bHead)
-            Output::write(header.toString().toLatin1());
+            write(head.constData(), head.size());
     }
     // Nothing more is wanted of an answer that cannot be written.
-    static bool write(const char* data, int size)
+    bool write(const char* data, int size)
     {
-        const bool bWritten = Output::write(QByteArray::fromRawData(data, size));
-        if (!bWritten)
-            QCoreApplication::exit(Exit::kWrite);
-        return bWritten;
+        if (!m_output.isOpen() && Output::write(QByteArray::fromRawData(data, size)))
+            return true;
+        if (m_output.isOpen() && m_output.write(data, size) == size)
+            return true;
+        failToWrite();
+        return false;
+    }
+    void failToWrite()
+    {
+        if (m_output.isOpen())
+            Output::complain(outputProblem());
+        m_client->disconnect(this);
+        QCoreApplication::exit(Exit::kWrite);
     }
     void finish()
     {
         Output::flush(); // before what else is to be said
+        if (m_output.isOpen() && !m_output.commit()) {
+            Output::complain(outputProblem());
+            QCoreApplication::exit(Exit::kWrite);
+            return;
+        }
         int code = Exit::kOk;
         if (m_nStatus == 401) {
             Output::complain((m_target.user.isEmpty() ? QStringLiteral("%1 asks for a user and a password")
@@ -172,6 +211,9 @@ private:
 
     Target m_target;
     bool m_bHead;
+    bool m_bForm = false;
+    QString m_range;
+    QSaveFile m_output;
     int m_nStatus = 0;
     int m_nRetries = 0;
     int m_nPauseMs = 1000;
@@ -196,6 +238,12 @@ void addOptions(QCommandLineParser& parser)
             QStringLiteral("FILE")},
         {QStringLiteral("type"), QStringLiteral("Content type of that file."), QStringLiteral("TYPE"),
             QStringLiteral("application/octet-stream")},
+        {{QStringLiteral("r"), QStringLiteral("range")},
+            QStringLiteral("Ask for a part only: 0-499, 500- (to the end) or -500 (the last ones)."),
+            QStringLiteral("A-B")},
+        {{QStringLiteral("o"), QStringLiteral("output")},
+            QStringLiteral("Write to FILE instead of standard output (-), once all has come."),
+            QStringLiteral("FILE")},
         {QStringLiteral("connect-timeout"), QStringLiteral("Seconds until there must be a connection (30)."),
             QStringLiteral("SECONDS")},
         {{QStringLiteral("m"), QStringLiteral("max-time")}, QStringLiteral("Seconds for all of it."),
@@ -238,6 +286,23 @@ std::optional<int> readBody(const QCommandLineParser& parser, QString* method, Q
     Output::complain(problem);
     return Exit::kRead;
 }
+
+// --range and --output; a code to end with when they cannot be had.
+std::optional<int> readTransfer(const QCommandLineParser& parser, GetCommand& command)
+{
+    static const QRegularExpression kRange(QStringLiteral("^([0-9]+-[0-9]*|-[0-9]+)$"));
+    const QString range = parser.value(QStringLiteral("range"));
+    if (parser.isSet(QStringLiteral("range")) && !kRange.match(range).hasMatch()) {
+        Output::complain(QStringLiteral("\"%1\" is no range").arg(range));
+        return Exit::kUsage;
+    }
+    command.setRange(range);
+    const QString output = parser.value(QStringLiteral("output"));
+    if (output.isEmpty() || output == QLatin1String("-") || command.setOutput(output))
+        return std::nullopt;
+    Output::complain(command.outputProblem());
+    return Exit::kWrite;
+}
 } // namespace
 
 int runGet(const QStringList& arguments)
@@ -264,6 +329,8 @@ int runGet(const QStringList& arguments)
     if (const auto code = readBody(parser, &method, &body))
         return *code;
     GetCommand command(target, parser.isSet(QStringLiteral("include")));
+    if (const auto code = readTransfer(parser, command))
+        return *code;
     command.setTimes(limits, retries);
     const QString type = parser.value(QStringLiteral("type"));
     if (parser.isSet(QStringLiteral("form")))
