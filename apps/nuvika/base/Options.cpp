@@ -68,24 +68,37 @@ void addTlsOptions(QCommandLineParser& parser)
         {QStringLiteral("cert"), QStringLiteral("https, rtsps: our certificate and its key (PEM)."),
             QStringLiteral("FILE")},
         {QStringLiteral("insecure"), QStringLiteral("https, rtsps: whoever answers is believed.")},
+        {QStringLiteral("pin"),
+            QStringLiteral("https, rtsps: believe the certificate with this SHA-256 (AA:BB:...), or the key "
+                           "(sha256//BASE64), and no other. May be given again."),
+            QStringLiteral("SHA256")},
     });
 }
 
-bool checkTlsOptions(const QCommandLineParser& parser)
+std::optional<int> checkTlsOptions(const QCommandLineParser& parser)
 {
     for (const char* option : {"ca", "cert"}) {
         const QString name = parser.value(QLatin1String(option));
         if (parser.isSet(QLatin1String(option)) && !QFileInfo(name).isReadable()) {
             Output::complain(QStringLiteral("cannot read \"%1\"").arg(name));
-            return false;
+            return Exit::kRead;
         }
     }
-    return true;
+    for (const QString& text : parser.values(QStringLiteral("pin"))) {
+        QString problem;
+        if (TlsPin::fromText(text, &problem).isNull()) {
+            Output::complain(QStringLiteral("\"%1\" is no pin: %2").arg(text, problem));
+            return Exit::kUsage;
+        }
+    }
+    return std::nullopt;
 }
 
 void applyTlsOptions(const QCommandLineParser& parser, Target* target)
 {
     target->trusted = parser.value(QStringLiteral("ca"));
     target->certificate = parser.value(QStringLiteral("cert"));
+    for (const QString& text : parser.values(QStringLiteral("pin")))
+        target->pins << TlsPin::fromText(text);
     target->bInsecure = parser.isSet(QStringLiteral("insecure"));
 }

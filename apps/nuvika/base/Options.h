@@ -26,6 +26,6 @@ int numberOf(const QCommandLineParser& parser, const char* name, int fallback, i
 int millisecondsOf(const QCommandLineParser& parser, const char* name, int fallback);
 
 void addTlsOptions(QCommandLineParser& parser);
-// False with a message when a named file cannot be read.
-bool checkTlsOptions(const QCommandLineParser& parser);
+// What the program ends with, behind a message, when a named file cannot be read or a pin is none.
+std::optional<int> checkTlsOptions(const QCommandLineParser& parser);
 void applyTlsOptions(const QCommandLineParser& parser, Target* target);

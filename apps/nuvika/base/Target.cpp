@@ -125,6 +125,7 @@ RtspOptions Target::rtspOptions() const
     options.userAgent = QStringLiteral("nuvika");
     options.tlsTrusted = trusted;
     options.tlsCertificateFile = certificate;
+    options.tlsPins = pins;
     if (bInsecure)
         options.tlsVerify = NuvikaSslSocket::eVerifyNone;
     return options;
@@ -144,6 +145,23 @@ bool Target::chooseTransport(const QString& name, QString* problem)
     return problem->isEmpty();
 }
 
+bool Target::chooseProxy(const QString& url, QString* problem)
+{
+    Target proxy;
+    if (!parse(url, eHttp, &proxy, problem))
+        return false;
+    if (proxy.bTls || !(proxy.path.isEmpty() || proxy.path == QLatin1String("/"))) {
+        *problem = QStringLiteral("\"%1\" is no proxy: http://[user:password@]host:port is")
+                       .arg(withoutCredentials(url));
+        return false;
+    }
+    proxyHost = proxy.host;
+    proxyPort = proxy.port;
+    proxyUser = proxy.user;
+    proxyPassword = proxy.password;
+    return true;
+}
+
 std::unique_ptr<HttpsClient> Target::makeClient(bool bKeepAlive) const
 {
     auto client = bTls ? std::make_unique<HttpsClient>(
@@ -151,6 +169,9 @@ std::unique_ptr<HttpsClient> Target::makeClient(bool bKeepAlive) const
                        : std::make_unique<HttpsClient>(host, port, bKeepAlive);
     if (bInsecure)
         client->setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
+    client->setPins(pins);
+    if (!proxyHost.isEmpty())
+        client->setProxy(proxyHost, proxyPort, proxyUser, proxyPassword);
     client->setSystemBuffers(NuvikaTcpSocket::eTuned); // cameras and servers may be far away
     client->setRetryPolicy({HttpRetryPolicy::eIdempotent, 0});
     return client;

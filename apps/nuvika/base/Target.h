@@ -21,10 +21,17 @@ struct Target {
     QString trusted; // PEM file or folder; empty: the system's
     QString certificate; // PEM file with ours and its key, or empty
     bool bInsecure = false; // nobody's certificate is verified
+    QList<TlsPin> pins; // those that are believed, and no others
+    QString proxyHost; // of HTTP; empty: none
+    unsigned short proxyPort = 0;
+    QString proxyUser;
+    QString proxyPassword;
     RtspOptions::Transport transport = RtspOptions::eAutomatic; // of RTSP
 
     // False with a sentence for the user.
     static bool parse(const QString& url, Schemes schemes, Target* target, QString* problem);
+    // http://[user:password@]host[:port] of a proxy. False with a sentence for the user.
+    bool chooseProxy(const QString& url, QString* problem);
     // Without the credentials.
     QString shown() const;
     // What a Host field says (RFC 9110, section 7.2): an IPv6 address in brackets, the port unless it is the

@@ -83,8 +83,8 @@ int readSettings(const QCommandLineParser& parser, RtspProbe::Settings* settings
         Output::complain(problem);
         return Exit::kUsage;
     }
-    if (!checkTlsOptions(parser))
-        return Exit::kRead;
+    if (const auto code = checkTlsOptions(parser))
+        return *code;
     applyTlsOptions(parser, &camera);
     if (!readTransport(parser, &camera))
         return Exit::kUsage;

@@ -252,8 +252,8 @@ int runWatch(const QStringList& arguments)
     std::vector<ConfiguredCamera> cameras;
     if (!readCommonOptions(parser, 0, recorder, &options))
         return Exit::kUsage;
-    if (!checkTlsOptions(parser))
-        return Exit::kRead;
+    if (const auto code = checkTlsOptions(parser))
+        return *code;
     if (const int code = collectCameras(parser, &cameras); code != Exit::kOk)
         return code;
     addCameras(recorder, cameras);
