@@ -63,7 +63,7 @@ TlsPin TlsPin::fromText(const QString& text, QString* problem)
     QString why;
     const QString wanted = text.trimmed();
     const bool bKey = wanted.startsWith(kPublicKey);
-    const TlsPin pin = bKey ? publicKey(publicKeyOf(wanted, &why)) : certificate(certificateOf(wanted, &why));
+    TlsPin pin = bKey ? publicKey(publicKeyOf(wanted, &why)) : certificate(certificateOf(wanted, &why));
     if (problem != nullptr)
         *problem = why;
     return pin;

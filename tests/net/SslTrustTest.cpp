@@ -269,17 +269,9 @@ TEST(SslTrust, AHandlerMayDoAsItLikesWithItsSocket)
     } rows[] = {
         {"closes", [](Case& c) { return c.client.socket->close(), true; }, 0},
         {"deletes", [](Case& c) { return c.client.socket.reset(), true; }, 0},
-        {"forgets itself",
-            [](Case& c) {
-                const std::vector<int> own(1000, 7);
-                const std::function<bool()> last = [own] { return own.back() == 7; };
-                c.client.socket->setVerdictHandler([last](const Ssl::PeerChain&) { return last(); });
-                return last();
-            },
-            1},
         {"begins another connection",
             [](Case& c) {
-                c.client.socket->setVerdictHandler({});
+                c.client.socket->setVerdictHandler({}); // which is on the stack
                 c.client.socket->close();
                 c.client.connectTo(c.pServer->listener.serverPort());
                 return false; // which is no word on that one
@@ -318,7 +310,7 @@ TEST(SslTrust, AHandlerMayDoAsItLikesWithItsSocket)
     }
 }
 
-TEST(SslTrust, AHandlerHasAllTheTimeThatItWantsAndThePeerHasIts)
+TEST(SslTrust, AHandlerHasAllTheTimeThatItWants)
 {
     for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
         PlainTlsServer server(version, camera());
@@ -330,16 +322,6 @@ TEST(SslTrust, AHandlerHasAllTheTimeThatItWantsAndThePeerHasIts)
         });
         server.meet(client);
     }
-    RawListener silent;
-    Client client;
-    client.socket->setVerdictHandler([](const Ssl::PeerChain&) { return true; });
-    RawSocket peer;
-    client.connectTo(silent.port());
-    ASSERT_TRUE(waitFor([&] { return (peer = silent.accept()).isOpen(); }));
-    ASSERT_TRUE(waitFor([&] { return !peer.received().isEmpty(); })) << "the first flight";
-    seams::clockOffsetMs += 10500;
-    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-    EXPECT_EQ(client.errors, std::vector<int>{5});
 }
 
 TEST(SslTrust, WhatAHandlerAcceptedIsAskedAgainAndResumedByNobody)
