@@ -98,9 +98,9 @@ public:
         const QString& contentType, const QString& user, const QString& password);
 
     /// Sends a further piece of the upload that is at the front of the queue; \a last: the body is complete,
-    /// and the answer is awaited as for any request. False when that is not the request being sent, and for
-    /// more than was announced or behind the last piece. A server that answers before the body is complete
-    /// ends the request; its connection is closed then.
+    /// and the answer is awaited as for any request. False when that is not the request being sent, for
+    /// more than was announced or behind the last piece, and while an expected 100 is awaited. A server that
+    /// answers before the body is complete ends the request; its connection is closed then.
     bool sendUploadContentChunk(int id, const char* data, int size, bool last);
     /// The other end of an upload: the client half-closes, ignores what the server still sends, and emits
     /// sendEndOfUploadContentFinished() at the connection's end, 5 s after everything has left at the latest.
@@ -177,12 +177,12 @@ public:
     /// A get() whose answer, when it is a 2xx, is written to a device as it comes, from where the device
     /// stands.
     ///
-    /// responseHeaderReceived() and streamFinished() tell of it, nothing else; any other answer is told as
-    /// that of get(), and its body is not written. The device stays the caller's and must be open for writing
-    /// until then. A file is flushed before the end is told.
-    /// The request fails, and its connection ends, where the device takes less than all (errorString() has
-    /// its reason), or is closed or destroyed. After a loss the answer begins anew, at the device's old
-    /// place: a sequential device that has got bytes fails instead. What a failed request has written stays.
+    /// responseHeaderReceived(), downloadProgress() and streamFinished() tell of it, nothing else; any other
+    /// answer is told as that of get(), and its body is not written. The device stays the caller's and must
+    /// be open for writing until then. A file is flushed before the end is told. The request fails, and its
+    /// connection ends, where the device takes less than all (errorString() has its reason), or is closed or
+    /// destroyed. After a loss the answer begins anew, at the device's old place: a sequential device that
+    /// has got bytes fails instead. What a failed request has written stays.
     int download(
         const QString& path, QIODevice* target, const QString& user, const QString& password, bool keepAlive);
     /// The same with a head of the caller's.
