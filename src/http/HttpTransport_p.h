@@ -26,6 +26,7 @@ public:
     virtual void resumeRecv() = 0;
     // Something waits to be received although no answer is awaited: the server has ended the connection.
     virtual bool hasPendingInput() const = 0;
+    virtual bool isTls() const = 0;
     virtual QHostAddress localAddress() const = 0;
     virtual QHostAddress peerAddress() const = 0;
 };

@@ -1,4 +1,4 @@
-// Private: an HTTP transport over a socket that queues, plain or TLS.
+// Private: an HTTP transport over a socket, plain or TLS.
 #pragma once
 
 #include <KepNuvikaUtil/NuvikaSslSocket.h>
@@ -7,10 +7,12 @@
 #include "http/HttpTransport_p.h"
 #include "net/ReceivePlacer_p.h"
 
+#include <type_traits>
+
 namespace Nuvika
 {
-template <class Socket>
-class SocketTransport : public HttpTransport
+template <class Socket, class Transport = HttpTransport>
+class SocketTransport : public Transport
 {
 public:
     explicit SocketTransport(Socket& socket) : m_socket(socket) { }
@@ -27,10 +29,12 @@ public:
     void stallRecv() override { m_socket.stallRecv(); }
     void resumeRecv() override { m_socket.resumeRecv(); }
     bool hasPendingInput() const override { return m_socket.hasPendingInput(); }
+    bool isTls() const override { return std::is_same_v<Socket, NuvikaSslSocket>; }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
 
 private:
+    static void endSending(NuvikaTcpSocket& socket) { socket.sendEndOfData(); }
     static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }
     static void endSending(NuvikaSslSocket& socket) { socket.sendEndOfData(); }
 

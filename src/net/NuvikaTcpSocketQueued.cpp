@@ -1,9 +1,11 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "net/ChunkQueue_p.h"
+#include "net/HalfClose_p.h"
 #include "net/ReceivePlacer_p.h"
 
 #include <algorithm>
+#include <utility>
 
 using Nuvika::ChunkQueue;
 
@@ -127,6 +129,16 @@ void NuvikaTcpSocketQueued::slotError(int errorCode)
 void Nuvika::ReceivePlacer::set(NuvikaTcpSocketQueued& socket, ReceivePlacer& placer)
 {
     set(*socket.m_pSocket, placer);
+}
+
+void Nuvika::HalfClose::setHandler(NuvikaTcpSocketQueued& socket, std::function<void()> peerEnded)
+{
+    setHandler(*socket.m_pSocket, std::move(peerEnded));
+}
+
+quint64 Nuvika::HalfClose::bytesSent(const NuvikaTcpSocketQueued& socket)
+{
+    return bytesSent(*socket.m_pSocket);
 }
 
 NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState() { return m_pSocket->getState(); }

@@ -8,6 +8,7 @@
 namespace Nuvika
 {
 class ChunkQueue;
+class HalfClose;
 class ReceivePlacer;
 } // namespace Nuvika
 
@@ -86,4 +87,5 @@ private:
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
     friend class Nuvika::ReceivePlacer;
+    friend class Nuvika::HalfClose;
 };

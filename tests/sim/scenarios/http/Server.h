@@ -22,6 +22,10 @@ public:
     {
         using Server = HttpResponseClient;
         Server* client = m_pClient.get();
+        if (!stage.bCalm && descriptor % 5 == 0) {
+            client->setTimeLimits({5000, 0, 0, 10000});
+            ++stage.nCuts;
+        }
         QObject::connect(client, &Server::requestReceived, to(this, &Connection::takeRequest));
         QObject::connect(client, &Server::contentChunk, to(this, &Connection::takeChunk));
         QObject::connect(client, &Server::multipartReplaceContent,
