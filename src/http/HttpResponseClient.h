@@ -38,12 +38,12 @@
 /// request that lasts until the connection's end is told only where close_notify announced that end, since
 /// somebody on the path may have cut it off.
 /// Errors: failure() tells why. error() for a request that is no HTTP (heads and chunks are read to the
-/// letter) or exceeds a limit (setReadLimits()) or a time limit (setTimeLimits()), for a socket error, and
-/// for a response() without a connection; never from inside a handler of error(). Inside error() after a bad
+/// letter), exceeds a limit (setReadLimits()) or is late (setTimeLimits()), for a socket error, and for a
+/// response() without a connection; never from inside a handler of error(). Inside error() after a bad
 /// request the owner may still respond, else 400 is sent (408 for a late one); the connection closes behind
-/// that, and behind the answers to the requests before, which have 5 s. Memory: what the peer does not read
-/// waits here, and while anything waits no further request is read. A server of live pictures asks
-/// canSendContent() and skips a picture when it says no.
+/// that, and behind the answers to the requests before, which have 5 s.
+/// Memory: what the peer does not read waits here, and while anything waits no further request is read. A
+/// server of live pictures asks canSendContent() and skips a picture when it says no.
 class KEPNUVIKAUTIL_EXPORT HttpResponseClient : public QObject
 {
     Q_OBJECT

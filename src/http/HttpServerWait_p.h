@@ -20,7 +20,11 @@ struct HttpServerWait {
 class HttpServerWatch
 {
 public:
-    void setLimits(const HttpServerTimeLimits& limits) { m_limits = limits; }
+    void setLimits(const HttpServerTimeLimits& limits)
+    {
+        m_limits = limits;
+        m_wait = {};
+    }
     // Between two looks, in milliseconds; 0 where nothing is limited.
     int interval() const
     {

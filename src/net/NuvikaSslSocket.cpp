@@ -73,7 +73,7 @@ void NuvikaSslSocket::close() { d->close(); }
 bool NuvikaSslSocket::sendData(const char* data, int size)
 {
     const KepNuvikaUtil::BUFFER range{data, size};
-    return d->send(&range, 1);
+    return size >= 0 && d->send(&range, 1);
 }
 
 bool NuvikaSslSocket::sendData(const KepNuvikaUtil::BUFFER* buffer, int count)

@@ -157,9 +157,7 @@ void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
 
 bool NuvikaSslSocket::Private::send(const KepNuvikaUtil::BUFFER* ranges, int count)
 {
-    const bool bNegative = std::any_of(
-        ranges, ranges + count, [](const KepNuvikaUtil::BUFFER& range) { return range.nLen < 0; });
-    if (m_state != eOpen || bNegative)
+    if (m_state != eOpen || count < 0)
         return false;
     const TlsFailure& failure = m_pSession->failure();
     const bool bFailed = failure.nCode != 0;

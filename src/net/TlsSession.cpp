@@ -277,7 +277,7 @@ bool TlsSession::write(const KepNuvikaUtil::BUFFER* ranges, int count)
         return false;
     bool bGood = true;
     for (int i = 0; i < count && bGood; ++i)
-        bGood = writeRange(ranges[i].pData, ranges[i].nLen);
+        bGood = ranges[i].nLen <= 0 || writeRange(ranges[i].pData, ranges[i].nLen);
     flush();
     return bGood;
 }

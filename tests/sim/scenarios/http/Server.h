@@ -16,9 +16,7 @@ namespace web
 class Connection
 {
 public:
-    Connection(Stage& stage, int descriptor)
-        : m_stage(stage),
-          m_pClient(std::make_unique<HttpResponseClient>(descriptor, stage.world.random().chance(0.3)))
+    Connection(Stage& stage, int descriptor) : m_stage(stage), m_pClient(make(stage, descriptor))
     {
         using Server = HttpResponseClient;
         Server* client = m_pClient.get();
@@ -80,6 +78,13 @@ public:
 private:
     using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
+    static std::unique_ptr<HttpResponseClient> make(Stage& stage, int descriptor)
+    {
+        if (stage.pCertificates == nullptr)
+            return std::make_unique<HttpResponseClient>(descriptor, stage.world.random().chance(0.3));
+        return std::make_unique<HttpResponseClient>(descriptor, NuvikaSslSocket::eSslAny12,
+            stage.pCertificates->forLocalhost(), QString(), QString());
+    }
     void check(const char* signal)
     {
         sim::trace("%s()", signal);
