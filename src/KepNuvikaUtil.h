@@ -23,13 +23,16 @@
 #include <KepNuvikaUtil/HostLookup.h>
 #include <KepNuvikaUtil/HttpAuthenticator.h>
 #include <KepNuvikaUtil/HttpClient.h>
+#include <KepNuvikaUtil/HttpClientBase.h>
 #include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpHeader.h>
 #include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/HttpRetryPolicy.h>
 #include <KepNuvikaUtil/HttpServerTimeLimits.h>
+#include <KepNuvikaUtil/HttpTimeLimits.h>
 #include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/LoggedInUser.h>
 #include <KepNuvikaUtil/MemBlockPool.h>

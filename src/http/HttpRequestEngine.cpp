@@ -4,6 +4,7 @@
 #include "core/Log_p.h"
 #include "http/HttpCredentials_p.h"
 #include "http/HttpRequests_p.h"
+#include "platform/ErrorCodes_p.h"
 
 #include <algorithm>
 #include <iterator>
@@ -19,6 +20,11 @@ QString withoutBrackets(const QString& host)
 {
     const bool bBrackets = host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']'));
     return bBrackets ? host.mid(1, host.size() - 2) : host;
+}
+
+HttpFailure cancelledFailure()
+{
+    return {HttpFailure::eCancelled, ErrorCodes::kCancelled, QStringLiteral("the request was cancelled")};
 }
 } // namespace
 
@@ -92,15 +98,15 @@ int HttpRequestEngine::request(const HttpRequestHeader& header, bool bStream, co
     return enqueue(std::move(request));
 }
 
-int HttpRequestEngine::request(
-    const HttpRequestHeader& header, const QByteArray& content, const QString& user, const QString& password)
+int HttpRequestEngine::request(const HttpRequestHeader& header, const QByteArray& content,
+    const QString& user, const QString& password, bool bStream)
 {
     SharedPoolBuffer body;
     if (!content.isEmpty()) {
         body = m_pPool->getBuffer();
         body.setData(content.constData(), content.size());
     }
-    return request(header, false, &body, user, password, 0);
+    return request(header, bStream, &body, user, password, 0);
 }
 
 void HttpRequestEngine::discardNonePendingRequest(int id)
@@ -113,12 +119,51 @@ void HttpRequestEngine::discardNonePendingRequest(int id)
     m_requests.erase(found);
 }
 
+bool HttpRequestEngine::cancelRequest(int id)
+{
+    const auto found
+        = std::find_if(m_requests.begin(), m_requests.end(), [id](const Request& r) { return r.nId == id; });
+    if (found == m_requests.end())
+        return false;
+    if (found->bPending || (found == m_requests.begin() && m_state == eConnecting)) {
+        takeFront();
+        m_uploadEndTimer.stop();
+        closeConnection();
+        clearReceiveState();
+    } else {
+        m_requests.erase(found);
+    }
+    m_failures.emplace_back(id, cancelledFailure());
+    const Watched::Watch watch = m_session.watch();
+    m_listener.cancelled(id);
+    if (watch.holds())
+        triggerNextRequest();
+    return true;
+}
+
+HttpFailure HttpRequestEngine::failureOf(int id) const
+{
+    const auto found = std::find_if(
+        m_failures.begin(), m_failures.end(), [id](const auto& failure) { return failure.first == id; });
+    return found == m_failures.end() ? HttpFailure() : found->second;
+}
+
+void HttpRequestEngine::tellFailed(int id, const HttpFailure& failure)
+{
+    m_problem = failure.text;
+    m_failures.emplace_back(id, failure);
+    m_listener.failed(id);
+}
+
 // Cancelled are the requests of this moment; what a handler queues belongs to a new session.
 void HttpRequestEngine::shutdown(bool bTell)
 {
     const std::deque<Request> removed = std::exchange(m_requests, {});
     m_session.endSession();
     m_uploadEndTimer.stop();
+    m_deadlines.clearAll();
+    for (const Request& request : removed)
+        m_failures.emplace_back(request.nId, cancelledFailure());
     closeConnection();
     clearReceiveState();
     const Watched::Watch watch = m_session.watch();
@@ -143,10 +188,11 @@ void HttpRequestEngine::failRefused()
     if (std::any_of(std::next(found), m_requests.end(), isRefused))
         m_refusalTimer.start(0);
     const int id = found->nId;
-    m_problem = found->problem;
+    const HttpFailure failure{HttpFailure::eRefused, 0, found->problem};
     m_requests.erase(found);
+    m_failures.clear(); // it has begun, in a way
     const Watched::Watch watch = m_session.watch();
-    m_listener.failed(id);
+    tellFailed(id, failure);
     if (watch.holds())
         triggerNextRequest();
 }
@@ -164,6 +210,7 @@ void HttpRequestEngine::triggerNextRequest()
             qUtf8Printable(m_host), m_requests.front().nId);
         beginFront();
         m_state = eConnecting;
+        m_deadlines.setLimit(HttpWaits::eConnect, m_timeLimits.nConnect);
         m_transport.connectToHost(m_host, m_nPort);
         return;
     }
@@ -177,8 +224,11 @@ void HttpRequestEngine::triggerNextRequest()
 
 void HttpRequestEngine::beginFront()
 {
-    if (!std::exchange(m_requests.front().bBegun, true))
-        m_problem.clear();
+    if (std::exchange(m_requests.front().bBegun, true))
+        return;
+    m_problem.clear();
+    m_failures.clear();
+    m_deadlines.setLimit(HttpWaits::eRequest, m_timeLimits.nRequest);
 }
 
 // The server has ended the kept connection, or says what nobody asked for.
@@ -190,6 +240,7 @@ bool HttpRequestEngine::isConnectionStale() const
 void HttpRequestEngine::writeRequest(Request& request)
 {
     request.bPending = true;
+    m_bReused = m_bUsed;
     const bool bHeadCarriesBody = !request.body.isEmpty() && request.body.getBufferSize() < kBodyWithHead;
     const auto* body = static_cast<const char*>(request.body.getBuffer());
     QByteArray head = request.header.toString().toLatin1();
@@ -201,4 +252,5 @@ void HttpRequestEngine::writeRequest(Request& request)
     m_transport.sendData(head.constData(), head.size());
     if (!bHeadCarriesBody && !request.body.isEmpty())
         m_transport.sendData(body, request.body.getBufferSize());
+    limitExchange();
 }

@@ -17,6 +17,11 @@ bool areLineEnds(const char* data, int size)
 }
 
 bool hasNoBody(int status) { return status == 204 || status == 304; }
+
+HttpFailure unreadable(const char* text)
+{
+    return {HttpFailure::eBadMessage, ErrorCodes::kConnectionAborted, QString::fromLatin1(text)};
+}
 } // namespace
 
 // --- receiving -----------------------------------------------------------------------------------------
@@ -52,6 +57,7 @@ iovec HttpRequestEngine::target()
 void HttpRequestEngine::placed(int bytes)
 {
     const auto size = static_cast<std::size_t>(bytes);
+    noteProgress();
     if (!isCollecting()) {
         m_reader.partPlaced(size);
         return;
@@ -88,7 +94,7 @@ void HttpRequestEngine::handle(HttpMessageReader::Event event)
         handleEnd();
         break;
     case HttpMessageReader::Event::Failed:
-        failFront(QStringLiteral("the answer is no HTTP, or too large"), true);
+        failFront(unreadable("the answer is no HTTP, or exceeds a limit"), true);
         break;
     case HttpMessageReader::Event::NeedMore:
         break;
@@ -104,7 +110,7 @@ void HttpRequestEngine::handleHead()
     if (!m_pResponseHeader->isValid()) {
         NUVIKA_DEBUG(
             lcHttp, "%s::slotSockDataReceived: received invalid header; id:%d", m_traceName, front.nId);
-        failFront(QStringLiteral("the answer is no HTTP"), m_bCloseAfterResponse);
+        failFront(unreadable("the answer is no HTTP"), m_bCloseAfterResponse);
         return;
     }
     const int status = m_pResponseHeader->statusCode();
@@ -117,9 +123,9 @@ void HttpRequestEngine::handleHead()
     handleLogin(&body);
     m_reader.setBody(body);
     if (body.bInvalid || (body.bMultipart && !MultipartReader::isUsableBoundary(body.boundary))) {
-        failFront(body.bInvalid
-                ? QStringLiteral("the answer's length cannot be read")
-                : QStringLiteral("the multipart answer has no boundary, or one of more than 70 characters"),
+        failFront(unreadable(body.bInvalid
+                          ? "the answer's length cannot be read"
+                          : "the multipart answer has no boundary, or one of more than 70 characters"),
             true);
         return;
     }
@@ -155,10 +161,12 @@ void HttpRequestEngine::handleContent()
     const int size = m_reader.size();
     if (m_bRetry401)
         return;
-    const Request& front = m_requests.front();
+    Request& front = m_requests.front();
     if (!front.bStream) {
         if (!m_content.add(data, size))
-            failFront(QStringLiteral("the answer is too large"), true);
+            failFront({HttpFailure::eTooLarge, ErrorCodes::kConnectionAborted,
+                          QStringLiteral("the answer is too large")},
+                true);
         return;
     }
     m_nStreamed += size;
@@ -166,12 +174,24 @@ void HttpRequestEngine::handleContent()
         m_content.refer(data, size); // the last piece, which ends the request
         return;
     }
+    noteHandedOut(front);
     const auto header = m_pResponseHeader;
     m_listener.chunk(front.nId, *header, data, size);
 }
 
+void HttpRequestEngine::noteHandedOut(Request& request)
+{
+    request.bHandedOut = true;
+    if (m_retryPolicy.nStreamedMs <= 0)
+        return;
+    m_lastPieceUs = monotonicUs();
+    if (m_firstPieceUs == 0)
+        m_firstPieceUs = m_lastPieceUs;
+}
+
 void HttpRequestEngine::handlePart()
 {
+    noteHandedOut(m_requests.front());
     const auto header = m_pResponseHeader;
     m_listener.part(
         m_requests.front().nId, *header, m_reader.contentType(), m_reader.data(), m_reader.size());
@@ -208,6 +228,7 @@ HttpRequestEngine::Request HttpRequestEngine::takeFront()
 {
     Request front = std::move(m_requests.front());
     m_requests.pop_front();
+    m_deadlines.clearAll();
     m_bCloseAfterResponse = m_bCloseAfterResponse || front.owesBody();
     return front;
 }
@@ -239,19 +260,18 @@ bool HttpRequestEngine::finishFront()
     return watch.holds();
 }
 
-void HttpRequestEngine::failFront(const QString& problem, bool bClose)
+void HttpRequestEngine::failFront(const HttpFailure& failure, bool bClose)
 {
     const int id = takeFront().nId;
     m_bCloseAfterResponse = m_bCloseAfterResponse || bClose;
     keepOrClose();
     clearReceiveState();
-    m_problem = problem;
+    m_problem = failure.text;
     const Watched::Watch watch = m_session.watch();
-    m_listener.socketError(ErrorCodes::kConnectionAborted);
+    m_listener.socketError(failure.code);
     if (!watch.holds())
         return;
-    m_problem = problem;
-    m_listener.failed(id);
+    tellFailed(id, failure);
     if (watch.holds())
         triggerNextRequest();
 }

@@ -5,6 +5,7 @@
 #include "platform/ErrorCodes_p.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 using namespace Nuvika;
@@ -13,11 +14,19 @@ namespace
 {
 constexpr int kMaxLosses = 3;
 constexpr int kUploadEndMs = 5000;
+
+bool isIdempotent(const QString& method)
+{
+    constexpr const char* kMethods[] = {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"};
+    return std::any_of(std::begin(kMethods), std::end(kMethods),
+        [&](const char* name) { return method == QLatin1String(name); });
+}
 } // namespace
 
 void HttpRequestEngine::connected()
 {
     NUVIKA_ASSERT(m_state == eConnecting);
+    m_deadlines.clear(HttpWaits::eConnect);
     m_lastLocalAddress = m_transport.localAddress();
     m_lastPeerAddress = m_transport.peerAddress();
     m_state = eConnected;
@@ -30,6 +39,8 @@ void HttpRequestEngine::closeConnection()
 {
     m_connection.endSession();
     m_input.reset();
+    for (const auto kind : {HttpWaits::eConnect, HttpWaits::eFirstByte, HttpWaits::eSilence})
+        m_deadlines.clear(kind);
     m_endProblem.clear();
     m_state = eDisconnected;
     m_transport.close();
@@ -49,6 +60,7 @@ void HttpRequestEngine::clearReceiveState()
     m_content.clear();
     m_nStreamed = 0;
     m_nExpectedContentLength = -1;
+    m_firstPieceUs = 0;
     m_bRetry401 = false;
     m_bCloseAfterResponse = false;
     m_challenge.clear();
@@ -72,37 +84,49 @@ void HttpRequestEngine::socketError(int code, const QString& problem)
 
 void HttpRequestEngine::readEnd(int code)
 {
-    QString reason = std::exchange(m_endProblem, QString());
     const bool bFailed = code != eAnnounced && code != eUnannounced;
+    const HttpFailure failure = failureOfEnd(bFailed ? code : 0, std::exchange(m_endProblem, QString()));
     if (bFailed) {
         NUVIKA_DEBUG(lcHttp, "%s::slotSockError: code:%d", m_traceName, code);
-        m_problem = reason;
+        m_problem = failure.text;
         const Watched::Watch watch = m_connection.watch();
         m_listener.socketError(code);
         if (!watch.holds())
             return;
-    } else {
-        reason = lossReason();
     }
     if (m_state == eUploadEnded) {
         endUpload(!bFailed && !m_bUploadSent);
         return;
     }
-    connectionLost(code != eAnnounced, reason);
+    connectionLost(code != eAnnounced, failure);
 }
 
-QString HttpRequestEngine::lossReason() const
+// `code`: of the socket; 0 for the peer's end, which has no problem in words.
+HttpFailure HttpRequestEngine::failureOfEnd(int code, const QString& problem) const
 {
-    return m_state == eWaitingHeader ? QStringLiteral("the server ended the connection without an answer")
-                                     : QStringLiteral("the server ended the connection in its answer");
+    const bool bCertificate = code == ErrorCodes::kAccessDenied && m_transport.isTls();
+    if (bCertificate)
+        return {HttpFailure::eCertificate, code, problem};
+    if (code == 0)
+        return {HttpFailure::eLost, code,
+            m_state == eWaitingHeader ? QStringLiteral("the server ended the connection without an answer")
+                                      : QStringLiteral("the server ended the connection in its answer")};
+    if (m_state != eConnecting)
+        return {HttpFailure::eLost, code, problem};
+    const bool bTls = m_transport.isTls()
+        && (code == ErrorCodes::kConnectionAborted || code == ErrorCodes::kHandshakeTimeout);
+    return {bTls                                ? HttpFailure::eTls
+            : code >= ErrorCodes::kHostNotFound ? HttpFailure::eLookup
+                                                : HttpFailure::eConnect,
+        code, problem};
 }
 
-void HttpRequestEngine::connectionLost(bool bUnannounced, const QString& reason)
+void HttpRequestEngine::connectionLost(bool bUnannounced, const HttpFailure& failure)
 {
     const bool bComplete = isExchanging() && m_state != eWaitingHeader && m_reader.endOfStream();
     const bool bRetry = isExchanging() && m_bRetry401; // whatever became of its body
     if (!bComplete && !bRetry && (m_state == eConnecting || isExchanging())) {
-        countLoss(reason);
+        countLoss(failure);
         return;
     }
     const bool bUntilEnd = m_nExpectedContentLength == -1 && m_state == eWaitingContent;
@@ -138,26 +162,41 @@ void HttpRequestEngine::connectionEnded()
     clearReceiveState();
 }
 
-// The front request has lost its connection.
-void HttpRequestEngine::countLoss(const QString& reason)
+bool HttpRequestEngine::isGivenUp(Request& request, const HttpFailure& failure) const
 {
-    m_problem = reason;
+    if (m_retryPolicy.nStreamedMs > 0 && m_firstPieceUs > 0
+        && m_lastPieceUs - m_firstPieceUs >= m_retryPolicy.nStreamedMs * 1000LL)
+        request.m_requestFailedCounter = 0;
+    if (++request.m_requestFailedCounter >= kMaxLosses || request.bUploadStarted)
+        return true;
+    if (m_retryPolicy.kind != HttpRetryPolicy::eIdempotent)
+        return m_retryPolicy.kind == HttpRetryPolicy::eNever;
+    const bool bStays = failure.reason == HttpFailure::eCertificate
+        || (failure.reason == HttpFailure::eTls && failure.code != ErrorCodes::kHandshakeTimeout);
+    const bool bNobodyCanTell = !request.bPending || isIdempotent(request.header.method());
+    return bStays || !bNobodyCanTell || request.bHandedOut;
+}
+
+// The front request has lost its connection.
+void HttpRequestEngine::countLoss(const HttpFailure& failure)
+{
+    m_problem = failure.text;
     const Watched::Watch watch = m_session.watch();
     if (m_requests.empty()) {
         connectionEnded();
     } else {
         Request& front = m_requests.front();
+        const bool bGivenUp = isGivenUp(front, failure);
         front.bPending = false;
-        const bool bGivenUp = ++front.m_requestFailedCounter >= kMaxLosses || front.bUploadStarted;
         const int id = front.nId;
         if (bGivenUp) {
             NUVIKA_DEBUG(lcHttp, "%s::slotSockDisconnected(): req->m_requestFailedCounter >= 3; id:%d",
                 m_traceName, id);
-            m_requests.pop_front();
+            takeFront();
         }
         connectionEnded();
         if (bGivenUp)
-            m_listener.failed(id);
+            tellFailed(id, failure);
         if (!watch.holds())
             return;
     }
@@ -178,6 +217,7 @@ bool HttpRequestEngine::sendUploadContentChunk(int id, const char* data, int siz
         return false; // it would be read as the next request
     front.bUploadStarted = true;
     front.bUploadComplete = bLast;
+    limitExchange();
     if (!front.bUploadChunked) {
         front.nUploadLeft -= size;
         return m_transport.sendData(data, size);
@@ -216,7 +256,7 @@ void HttpRequestEngine::endUpload(bool bCut)
     if (m_state != eUploadEnded)
         return;
     if (!m_requests.empty())
-        m_requests.pop_front();
+        takeFront();
     closeConnection();
     clearReceiveState();
     const Watched::Watch watch = m_session.watch();

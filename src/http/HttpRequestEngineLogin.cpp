@@ -5,6 +5,7 @@
 #include "http/HttpChallenge_p.h"
 #include "http/HttpCredentials_p.h"
 
+#include <algorithm>
 #include <utility>
 
 using namespace Nuvika;
@@ -81,12 +82,28 @@ void HttpRequestEngine::handleLogin(HttpBody* body)
         front.m_authFailedCounter = 0;
         return;
     }
-    m_bRetry401 = ++front.m_authFailedCounter <= kMax401 && !front.bUploadStarted;
     m_challenge = chooseChallenge(rawFieldValues(m_reader.data(), m_reader.size(), "WWW-Authenticate"));
+    m_bRetry401 = ++front.m_authFailedCounter <= kMax401 && !front.bUploadStarted
+        && (m_retryPolicy.kind == HttpRetryPolicy::eAlways || !isLoginRefused(front));
     if (m_bRetry401)
         body->bMultipart = false;
     else
         m_authenticator.reset();
+}
+
+// Another attempt would send what was refused: nothing, the same password, or the same nonce once more.
+bool HttpRequestEngine::isLoginRefused(const Request& request) const
+{
+    if (request.user.isEmpty() || request.password.isEmpty())
+        return true;
+    const QByteArray sent = request.header.value(HttpCredentials::field()).toLatin1();
+    int parametersAt = 0;
+    if (!isDigestChallenge(m_challenge, &parametersAt))
+        return sent == HttpCredentials::basic(request.user, request.password);
+    const auto parameters = parseChallengeParameters(m_challenge.mid(parametersAt));
+    const auto nonce = std::find_if(parameters.begin(), parameters.end(),
+        [](const auto& parameter) { return parameter.first == "nonce"; });
+    return nonce != parameters.end() && sent.contains("nonce=\"" + nonce->second + '"');
 }
 
 void HttpRequestEngine::prepareRetry()

@@ -8,10 +8,14 @@
 #pragma once
 
 #include <KepNuvikaUtil/HttpAuthenticator.h>
+#include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/HttpRetryPolicy.h>
+#include <KepNuvikaUtil/HttpTimeLimits.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 
+#include "core/Deadlines_p.h"
 #include "core/PoolOwner_p.h"
 #include "core/Watched_p.h"
 #include "http/CollectedContent_p.h"
@@ -24,9 +28,15 @@
 
 #include <deque>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace Nuvika
 {
+struct HttpWaits {
+    enum Kind { eConnect, eFirstByte, eSilence, eRequest, eCount };
+};
+
 class HttpRequestListener
 {
 public:
@@ -54,13 +64,15 @@ public:
     int request(const HttpRequestHeader& header, bool bStream, const SharedPoolBuffer* body,
         const QString& user, const QString& password, int nAuthMode);
     int request(const HttpRequestHeader& header, const QByteArray& content, const QString& user,
-        const QString& password);
+        const QString& password, bool bStream = false);
     // A request that fails for this reason, from the event loop.
     int refuse(const QString& problem);
     bool sendUploadContentChunk(int id, const char* data, int size, bool bLast);
     void sendEndOfUploadContent();
     int numOfPendingRequests() const { return static_cast<int>(m_requests.size()); }
     void discardNonePendingRequest(int id);
+    bool cancelRequest(int id);
+    HttpFailure failureOf(int id) const;
     // Removes every request; `bTell`: reports each as cancelled.
     void shutdown(bool bTell);
 
@@ -69,7 +81,12 @@ public:
         m_limits = limits;
         m_reader.setLimits(limits);
     }
+    void setTimeLimits(const HttpTimeLimits& limits) { m_timeLimits = limits; }
+    void setRetryPolicy(const HttpRetryPolicy& policy) { m_retryPolicy = policy; }
     QString hostField() const;
+    const char* traceName() const { return m_traceName; }
+    // Of the request that was written last.
+    bool isConnectionReused() const { return m_bReused; }
     QHostAddress lastLocalAddress() const { return m_lastLocalAddress; }
     QHostAddress lastPeerAddress() const { return m_lastPeerAddress; }
     // Of the last failure, in words.
@@ -82,12 +99,16 @@ public:
     void placed(int bytes) override;
     bool read(const char* data, int size) override
     {
-        m_input.received(data, size);
+        dataReceived(data, size);
         return true;
     }
     enum End { eAnnounced = 0, eUnannounced = 1 }; // of a TLS connection without a goodbye
     void connected();
-    void dataReceived(const char* data, int size) { m_input.received(data, size); }
+    void dataReceived(const char* data, int size)
+    {
+        noteProgress();
+        m_input.received(data, size);
+    }
     void disconnected(End end);
     void socketError(int code, const QString& problem); // `problem`: in words
     void allSent();
@@ -121,6 +142,7 @@ private:
         long long nUploadLeft = 0; // of the announced length
         bool bOwnAuthorization = false;
         bool bAuthorizationReady = false;
+        bool bHandedOut = false; // something of an answer's content
         int m_authFailedCounter = 0; // in a row
         int m_requestFailedCounter = 0;
 
@@ -137,16 +159,29 @@ private:
     void updateAuthorization(Request& request);
     void writeRequest(Request& request);
 
+    // Time.
+    void limitExchange();
+    void noteProgress()
+    {
+        if (m_timeLimits.nSilence > 0)
+            m_lastProgressUs = monotonicUs();
+        if (m_deadlines.isSet(HttpWaits::eFirstByte))
+            m_deadlines.clear(HttpWaits::eFirstByte);
+    }
+    void deadlinePassed();
+    bool hasPassed(HttpWaits::Kind kind);
+
     // The connection.
     int readInput(const char* data, int size) override;
     void readEnd(int code) override;
     void stallSource(bool bStall) override;
     void closeConnection();
-    void connectionLost(bool bUnannounced, const QString& reason);
-    void countLoss(const QString& reason);
+    void connectionLost(bool bUnannounced, const HttpFailure& failure);
+    void countLoss(const HttpFailure& failure);
+    HttpFailure failureOfEnd(int code, const QString& problem) const;
+    bool isGivenUp(Request& request, const HttpFailure& failure) const;
     void connectionEnded();
     void clearReceiveState();
-    QString lossReason() const;
     void endUpload(bool bCut);
 
     // The answer.
@@ -163,8 +198,11 @@ private:
     Request takeFront();
     void finishStreamed();
     bool finishFront();
-    void failFront(const QString& problem, bool bClose);
+    void noteHandedOut(Request& request);
+    void failFront(const HttpFailure& failure, bool bClose);
+    void tellFailed(int id, const HttpFailure& failure);
     void keepOrClose();
+    bool isLoginRefused(const Request& request) const;
     void prepareRetry();
 
     const char* m_traceName;
@@ -176,6 +214,7 @@ private:
     int m_nLastId = 0;
     State m_state = eDisconnected;
     bool m_bUsed = false; // the connection has carried an answer
+    bool m_bReused = false; // it had, when the last request was written
     HttpReadLimits m_limits;
     PendingInput m_input{*this};
     QString m_endProblem; // of the end that waits there
@@ -194,6 +233,14 @@ private:
     QHostAddress m_lastLocalAddress;
     QHostAddress m_lastPeerAddress;
     QString m_problem;
+    std::vector<std::pair<int, HttpFailure>> m_failures; // since a request began last
+    HttpTimeLimits m_timeLimits;
+    HttpRetryPolicy m_retryPolicy;
+    Deadlines<HttpWaits> m_deadlines{[this] { deadlinePassed(); }};
+    qint64 m_lastProgressUs = 0;
+    qint64 m_nLastToSend = 0; // bytes that had not left when the limits were looked at
+    qint64 m_firstPieceUs = 0; // of the answer; 0: none yet
+    qint64 m_lastPieceUs = 0;
     bool m_bUploadSent = false; // all of it has left
     QTimer m_uploadEndTimer;
     QTimer m_refusalTimer;

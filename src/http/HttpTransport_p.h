@@ -27,6 +27,8 @@ public:
     // Something waits to be received although no answer is awaited: the server has ended the connection.
     virtual bool hasPendingInput() const = 0;
     virtual bool isTls() const = 0;
+    // Handed over, and not yet given to the system.
+    virtual qint64 bytesToSend() const = 0;
     virtual QHostAddress localAddress() const = 0;
     virtual QHostAddress peerAddress() const = 0;
 };

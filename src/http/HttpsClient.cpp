@@ -1,11 +1,9 @@
 #include <KepNuvikaUtil/HttpsClient.h>
 
 #include "core/Log_p.h"
-#include "http/HttpRequests_p.h"
-#include "http/HttpSignals_p.h"
+#include "http/HttpClientBase_p.h"
 #include "http/SocketTransport_p.h"
 
-#include <cstdlib>
 #include <functional>
 
 using namespace Nuvika;
@@ -28,29 +26,23 @@ public:
 private:
     Connect m_connect;
 };
-
-const QString& jsonType()
-{
-    static const QString type = QStringLiteral("application/json");
-    return type;
-}
 } // namespace
 
-class HttpsClient::Private final : public HttpSignals<HttpsClient>
+class HttpsClient::Private final : public HttpClientBase::Private
 {
 public:
-    using HttpSignals::HttpSignals;
+    void cancelled(int id) override { failed(id); }
 
     std::unique_ptr<NuvikaTcpSocketQueued> m_pSocket; // exactly one of these two
     std::unique_ptr<NuvikaSslSocket> m_pSslSocket;
-    std::unique_ptr<HttpTransport> m_pTransport;
-    std::unique_ptr<HttpRequestEngine> m_pEngine;
 };
+
+HttpsClient::Private& HttpsClient::data() const { return static_cast<Private&>(*d); }
 
 // --- the two modes ---------------------------------------------------------------------------------------
 
 HttpsClient::HttpsClient(const QString& host, unsigned short port, bool keepAlive, QObject* parent)
-    : QObject(parent), d(std::make_unique<Private>(*this))
+    : HttpClientBase(std::make_unique<Private>(), parent)
 {
     prepareForNonSllMode(host, port, keepAlive);
 }
@@ -66,9 +58,9 @@ HttpsClient::HttpsClient(const QString& host, unsigned short port, bool keepAliv
 HttpsClient::HttpsClient(const QString& host, unsigned short port, bool keepAlive, int sendQueueHint,
     SslProtocol protocol, const QString& certificateFileName, const QString& certificateFilePath,
     const QString& passPhrase, QObject* parent)
-    : QObject(parent), m_sslProtocol(protocol), m_certificateFileName(certificateFileName),
-      m_certificateFilePath(certificateFilePath), m_passPhrase(passPhrase),
-      d(std::make_unique<Private>(*this))
+    : HttpClientBase(std::make_unique<Private>(), parent), m_sslProtocol(protocol),
+      m_certificateFileName(certificateFileName), m_certificateFilePath(certificateFilePath),
+      m_passPhrase(passPhrase)
 {
     prepareForSllMode(host, port, keepAlive, sendQueueHint);
 }
@@ -77,8 +69,8 @@ HttpsClient::~HttpsClient() { d->m_pEngine->shutdown(false); }
 
 void HttpsClient::prepareForNonSllMode(const QString& host, unsigned short port, bool keepAlive)
 {
-    d->m_pSocket = std::make_unique<NuvikaTcpSocketQueued>();
-    NuvikaTcpSocketQueued* socket = d->m_pSocket.get();
+    data().m_pSocket = std::make_unique<NuvikaTcpSocketQueued>();
+    NuvikaTcpSocketQueued* socket = data().m_pSocket.get();
     connect(socket, &NuvikaTcpSocketQueued::connected, this, &HttpsClient::slotSockConnected);
     connect(socket, &NuvikaTcpSocketQueued::dataReceived, this, &HttpsClient::slotSockDataReceived,
         Qt::DirectConnection);
@@ -94,8 +86,8 @@ void HttpsClient::prepareForNonSllMode(const QString& host, unsigned short port,
 void HttpsClient::prepareForSllMode(
     const QString& host, unsigned short port, bool keepAlive, int sendQueueHint)
 {
-    d->m_pSslSocket = std::make_unique<NuvikaSslSocket>(sendQueueHint);
-    NuvikaSslSocket* socket = d->m_pSslSocket.get();
+    data().m_pSslSocket = std::make_unique<NuvikaSslSocket>(sendQueueHint);
+    NuvikaSslSocket* socket = data().m_pSslSocket.get();
     connect(socket, &NuvikaSslSocket::connected, this, &HttpsClient::slotSockConnected);
     connect(socket, &NuvikaSslSocket::dataReceived, this, &HttpsClient::slotSockDataReceived,
         Qt::DirectConnection);
@@ -117,7 +109,7 @@ void HttpsClient::prepareForAllModes(const QString& host, unsigned short port, b
 bool HttpsClient::initSsl()
 {
     NUVIKA_DEBUG(lcHttp, "HttpsClient::initSsl(): protocol=%d", static_cast<int>(m_sslProtocol));
-    NuvikaSslSocket& socket = *d->m_pSslSocket;
+    NuvikaSslSocket& socket = *data().m_pSslSocket;
     socket.setCertificateVerificationMode(m_verifyMode);
     socket.setCertificateFileName(m_certificateFileName);
     socket.setCertificateFilePath(m_certificateFilePath);
@@ -127,18 +119,18 @@ bool HttpsClient::initSsl()
 void HttpsClient::shutdownSsl()
 {
     NUVIKA_DEBUG(lcHttp, "HttpsClient::shutdownSsl():");
-    d->m_pSslSocket->close();
+    data().m_pSslSocket->close();
 }
 
 void HttpsClient::connectToHost(const QString& host, unsigned short port)
 {
-    if (!d->m_pSslSocket) {
-        d->m_pSocket->connectToHost(host, port);
+    if (!data().m_pSslSocket) {
+        data().m_pSocket->connectToHost(host, port);
         return;
     }
     if (!initSsl()) // which the socket reports as its error
         NUVIKA_WARNING(lcHttp, "HttpsClient::connectToHost(): initSsl() failed");
-    d->m_pSslSocket->connectToHost(host, port);
+    data().m_pSslSocket->connectToHost(host, port);
 }
 
 void HttpsClient::setCertificateFileName(const QString& certificateFileName)
@@ -153,141 +145,26 @@ void HttpsClient::setCertificateFilePath(const QString& certificateFilePath)
 
 void HttpsClient::setCertificateVerificationMode(SslVerifyCertificateMode mode) { m_verifyMode = mode; }
 
-// --- requests --------------------------------------------------------------------------------------------
-
-int HttpsClient::request(const HttpRequestHeader& header, bool stream, const SharedPoolBuffer* body,
-    const QString& user, const QString& password, int authMode)
-{
-    return d->m_pEngine->request(header, stream, body, user, password, authMode);
-}
-
-int HttpsClient::get(const QString& path, const QString& user, const QString& password, bool keepAlive)
-{
-    return getWithHeaderFields(path, {}, user, password, keepAlive);
-}
-
-int HttpsClient::getJSON(const QString& path, const QString& user, const QString& password, bool keepAlive)
-{
-    return getWithHeaderFields(path, {{QStringLiteral("Accept"), jsonType()}}, user, password, keepAlive);
-}
-
-int HttpsClient::getWithHeaderFields(const QString& path, const QMap<QString, QString>& fields,
-    const QString& user, const QString& password, bool keepAlive)
-{
-    const QString host = d->m_pEngine->hostField();
-    HttpRequestHeader header = HttpRequests::get(path, host, keepAlive && m_bKeepAlive);
-    for (auto field = fields.begin(); field != fields.end(); ++field)
-        header.setValue(field.key(), field.value());
-    return d->m_pEngine->request(header, QByteArray(), user, password);
-}
-
-int HttpsClient::plainPost(const QString& path, const QByteArray& content, const QString& user,
-    const QString& password, bool keepAlive)
-{
-    const QString host = d->m_pEngine->hostField();
-    return d->m_pEngine->request(
-        HttpRequests::plainPost(path, host, content.size(), keepAlive && m_bKeepAlive), content, user,
-        password);
-}
-
-int HttpsClient::sendJSON(const char* method, const QString& path, const QByteArray& json,
-    const QString& user, const QString& password, bool keepAlive)
-{
-    HttpRequestHeader header = HttpRequests::make(method, path, d->m_pEngine->hostField());
-    header.addValue(QStringLiteral("Accept"), jsonType());
-    header.addValue(QStringLiteral("Cache-Control"), QStringLiteral("no-cache"));
-    header.setContentType(jsonType());
-    header.setContentLength(json.size());
-    if (!keepAlive || !m_bKeepAlive)
-        HttpRequests::addConnection(header, false);
-    return d->m_pEngine->request(header, json, user, password);
-}
-
-int HttpsClient::postJSON(
-    const QString& path, const QByteArray& json, const QString& user, const QString& password, bool keepAlive)
-{
-    return sendJSON("POST", path, json, user, password, keepAlive);
-}
-
-int HttpsClient::putJSON(
-    const QString& path, const QByteArray& json, const QString& user, const QString& password, bool keepAlive)
-{
-    return sendJSON("PUT", path, json, user, password, keepAlive);
-}
-
-int HttpsClient::soapRequest(const QString& path, const QString& action, const QByteArray& content,
-    const QString& user, const QString& password, bool keepAlive)
-{
-    NUVIKA_DEBUG(lcHttp, "HttpsClient::soapRequest: path='%s' / action='%s' content='%s'",
-        qUtf8Printable(path), qUtf8Printable(action), content.constData());
-    const QString host = d->m_pEngine->hostField();
-    return d->m_pEngine->request(
-        HttpRequests::soap(path, host, action, content.size(), keepAlive && m_bKeepAlive), content, user,
-        password);
-}
-
-int HttpsClient::postMultipartFormData(const QString& path, const QByteArray& content,
-    const QString& disposition, const QString& contentType, const QString& user, const QString& password)
-{
-    QString problem = HttpRequests::problemOfText("the disposition", disposition);
-    if (problem.isEmpty())
-        problem = HttpRequests::problemOfText("the part's content type", contentType);
-    if (!problem.isEmpty())
-        return d->m_pEngine->refuse(problem);
-    const QByteArray boundary = "----------------nuvika" + QByteArray::number(std::rand() % 100000);
-    const QByteArray body = "--" + boundary + "\r\nContent-Disposition: form-data; " + disposition.toUtf8()
-        + "\r\nContent-Type: " + contentType.toUtf8() + "\r\n\r\n" + content + "\r\n--" + boundary + "--\r\n";
-    HttpRequestHeader header(QStringLiteral("POST"), path);
-    header.addValue(QStringLiteral("Cache-Control"), QStringLiteral("no-cache"));
-    header.addValue(QStringLiteral("Host"), d->m_pEngine->hostField());
-    header.addValue(QStringLiteral("Content-Type"),
-        QLatin1String("multipart/form-data; boundary=") + QLatin1String(boundary));
-    header.addValue(QStringLiteral("Accept"), QStringLiteral("*/*"));
-    header.setContentLength(body.size());
-    // The line end in the value is wanted: the head ends there, and the body begins with an empty line.
-    header.addValue(QStringLiteral("Connection"), QStringLiteral("Keep-Alive\r\n"));
-    return d->m_pEngine->request(header, body, user, password);
-}
-
-bool HttpsClient::sendUploadContentChunk(int id, const char* data, int size, bool last)
-{
-    return d->m_pEngine->sendUploadContentChunk(id, data, size, last);
-}
-
-void HttpsClient::sendEndOfUploadContent() { d->m_pEngine->sendEndOfUploadContent(); }
-
-int HttpsClient::numOfPendingRequests() const { return d->m_pEngine->numOfPendingRequests(); }
-
-void HttpsClient::discardNonePendingRequest(int id) { d->m_pEngine->discardNonePendingRequest(id); }
-
 void HttpsClient::shutdown()
 {
     d->m_pEngine->shutdown(false);
-    if (d->m_pSslSocket)
+    if (data().m_pSslSocket)
         shutdownSsl();
 }
 
-void HttpsClient::setReadLimits(const HttpReadLimits& limits) { d->m_pEngine->setLimits(limits); }
-
-QHostAddress HttpsClient::lastLocalAddress() const { return d->m_pEngine->lastLocalAddress(); }
-
-QHostAddress HttpsClient::lastPeerAddress() const { return d->m_pEngine->lastPeerAddress(); }
-
 bool HttpsClient::lastAnswerMayBeCut() const { return d->m_pEngine->mayAnswerBeCut(); }
-
-QString HttpsClient::errorString() const { return d->m_pEngine->problem(); }
 
 NuvikaSslSocket::PeerCertificate HttpsClient::peerCertificate() const
 {
-    return d->m_pSslSocket ? d->m_pSslSocket->peerCertificate() : NuvikaSslSocket::PeerCertificate();
+    return data().m_pSslSocket ? data().m_pSslSocket->peerCertificate() : NuvikaSslSocket::PeerCertificate();
 }
 
 void HttpsClient::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
 {
-    if (d->m_pSslSocket)
-        d->m_pSslSocket->setSystemBuffers(buffers);
+    if (data().m_pSslSocket)
+        data().m_pSslSocket->setSystemBuffers(buffers);
     else
-        d->m_pSocket->setSystemBuffers(buffers);
+        data().m_pSocket->setSystemBuffers(buffers);
 }
 
 // --- the socket ------------------------------------------------------------------------------------------
@@ -310,6 +187,6 @@ void HttpsClient::slotSockDisconnected(unsigned long unannounced)
 
 void HttpsClient::slotSockError(int errorCode)
 {
-    d->m_pEngine->socketError(
-        errorCode, d->m_pSslSocket ? d->m_pSslSocket->errorString() : d->m_pSocket->errorString());
+    d->m_pEngine->socketError(errorCode,
+        data().m_pSslSocket ? data().m_pSslSocket->errorString() : data().m_pSocket->errorString());
 }

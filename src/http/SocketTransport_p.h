@@ -30,6 +30,7 @@ public:
     void resumeRecv() override { m_socket.resumeRecv(); }
     bool hasPendingInput() const override { return m_socket.hasPendingInput(); }
     bool isTls() const override { return std::is_same_v<Socket, NuvikaSslSocket>; }
+    qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
 

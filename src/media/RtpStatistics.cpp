@@ -30,6 +30,7 @@ void RtpStatistics::start(const char* description, unsigned int intervalMs, bool
 void RtpStatistics::restart()
 {
     stop();
+    m_finished = {};
     if (m_bLog || m_bSignal)
         m_printTimer.start();
     m_bRunning = true;
@@ -46,9 +47,15 @@ void RtpStatistics::stop()
 void RtpStatistics::reset()
 {
     m_nIntervalStart = DateTimeExt::getMonotonicTimeMs();
+    m_finished = totals();
     m_nBytes = 0;
     m_nReceived = 0;
     m_nLost = 0;
+}
+
+RtpStatistics::Totals RtpStatistics::totals() const
+{
+    return {m_finished.packets + m_nReceived, m_finished.bytes + m_nBytes, m_finished.lost + m_nLost};
 }
 
 void RtpStatistics::update(const RTPPacket& packet)
@@ -76,9 +83,9 @@ void RtpStatistics::slotPrintStats()
     if (!m_bRunning)
         return;
     const quint32 elapsed = DateTimeExt::getMonotonicTimeMs() - m_nIntervalStart;
-    const quint32 bytes = m_nBytes;
-    const quint32 received = m_nReceived;
-    const quint32 lost = m_nLost;
+    const auto bytes = static_cast<quint32>(m_nBytes); // an interval's figures have 32 bits
+    const auto received = static_cast<quint32>(m_nReceived);
+    const auto lost = static_cast<quint32>(m_nLost);
     reset();
     const double dataRate = bytes * 8.0 * 0.001 / std::max(elapsed, 1U);
     const quint32 total = lost + received;

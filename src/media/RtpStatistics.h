@@ -50,9 +50,9 @@ private:
     bool m_bSignal = false;
     bool m_bRunning = false;
     quint32 m_nIntervalStart;
-    quint32 m_nBytes = 0;
-    quint32 m_nReceived = 0;
-    quint32 m_nLost = 0;
+    quint64 m_nBytes = 0;
+    quint64 m_nReceived = 0;
+    quint64 m_nLost = 0;
     QTimer m_printTimer;
     std::optional<quint16> m_lastSeqNum;
     QString m_description;
@@ -60,4 +60,15 @@ private:
 public:
     /// Reports the interval so far at once, as its end would, and counts afresh.
     void report() { slotPrintStats(); }
+
+    struct Totals {
+        quint64 packets = 0; ///< received, late ones and duplicates included
+        quint64 bytes = 0; ///< headers included
+        quint64 lost = 0;
+    };
+    /// Of all intervals since start() or restart(), the present one included; stop() keeps them.
+    Totals totals() const;
+
+private:
+    Totals m_finished; // without the interval that goes on
 };

@@ -215,3 +215,12 @@ void BufferSocketBase::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
 {
     m_socket.setSystemBuffers(buffers);
 }
+
+void BufferSocketBase::setKeepAlive(bool on, int idleSeconds, int intervalSeconds, int probes)
+{
+    m_socket.setKeepAlive(on, idleSeconds, intervalSeconds, probes);
+}
+
+void BufferSocketBase::setNoDelay(bool on) { m_socket.setNoDelay(on); }
+
+void BufferSocketBase::setConnectTimeLimit(int ms) { m_socket.setConnectTimeLimit(ms); }

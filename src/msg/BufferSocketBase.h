@@ -60,6 +60,10 @@ public:
     /// For connections that begin from now on, as NuvikaTcpSocket's: without eTuned, some 1.3 MB/s at
     /// 50 ms.
     void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
+    /// As NuvikaTcpSocket's.
+    void setKeepAlive(bool on, int idleSeconds = 60, int intervalSeconds = 10, int probes = 6);
+    void setNoDelay(bool on);
+    void setConnectTimeLimit(int ms);
 
 signals:
     void incomingBuffer(const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed);

@@ -16,6 +16,8 @@ BufferSocketFixedFifo::BufferSocketFixedFifo(bool bEncrypted, int loadProfile, Q
 
 bool BufferSocketFixedFifo::canSend() const { return m_socket.canSend(); }
 
+qint64 BufferSocketFixedFifo::bytesToSend() const { return m_socket.bytesToSend(); }
+
 bool BufferSocketFixedFifo::sendBuffer(const char* data, int size)
 {
     // sendData() refuses as well, but a refused message need not be encrypted.

@@ -15,6 +15,9 @@ public:
     bool sendBuffer(const char* data, int size);
     bool canSend() const;
 
+    /// Bytes of messages, as they travel, that were not yet given to the system; 0 when not connected.
+    qint64 bytesToSend() const;
+
     /// A parent alone is no flag: the flag stands before it.
     template <class Object>
     explicit BufferSocketFixedFifo(Object* parent, QObject* = nullptr) = delete;

@@ -2,6 +2,7 @@
 
 #include "msg/Frame_p.h"
 #include "net/ChunkQueue_p.h"
+#include "net/SendRoom_p.h"
 
 #include <algorithm>
 
@@ -28,7 +29,7 @@ void BufferSocketQueued::connectSending()
 
 bool BufferSocketQueued::sendBuffer(const char* data, int size)
 {
-    if (m_socket.getState() != NuvikaTcpSocket::eConnected || size < 0)
+    if (m_socket.getState() != NuvikaTcpSocket::eConnected || size < 0 || isSendLimitReached())
         return false;
     const Frame frame = frameOf(data, size);
     data = frame.pPayload;
@@ -44,6 +45,7 @@ bool BufferSocketQueued::sendBuffer(const char* data, int size)
     }
     m_pQueue->append(frame.head.data(), headLeft);
     m_pQueue->append(data, size);
+    watchSendLimit();
     return true;
 }
 
@@ -51,6 +53,35 @@ void BufferSocketQueued::slotCanSend()
 {
     m_pQueue->drain([this] { return m_socket.canSend(); },
         [this](const char* data, int size) { m_socket.sendData(data, size); });
+    if (canSend())
+        emit sigCanSend();
+    else
+        watchSendLimit();
+}
+
+bool BufferSocketQueued::canSend() const
+{
+    return m_pQueue->isEmpty() && m_socket.canSend() && !isSendLimitReached();
+}
+
+qint64 BufferSocketQueued::bytesToSend() const { return m_pQueue->size() + m_socket.bytesToSend(); }
+
+bool BufferSocketQueued::isSendLimitReached() const
+{
+    return m_nSendLimit > 0 && bytesToSend() >= m_nSendLimit;
+}
+
+void BufferSocketQueued::setSendLimit(qint64 bytes)
+{
+    m_nSendLimit = bytes;
+    watchSendLimit();
+}
+
+// While the queue holds bytes, the socket's is full, and tells of its room anyway.
+void BufferSocketQueued::watchSendLimit()
+{
+    if (m_pQueue->isEmpty() && isSendLimitReached())
+        SendRoom::tellBelow(m_socket, m_nSendLimit);
 }
 
 void BufferSocketQueued::close()

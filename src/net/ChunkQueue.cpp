@@ -26,6 +26,7 @@ void Nuvika::ChunkQueue::append(const char* data, int size)
         const int step = std::min(size, kChunkSize - last.nUsed);
         std::memcpy(last.pData.get() + last.nUsed, data, static_cast<std::size_t>(step));
         last.nUsed += step;
+        m_nSize += step;
         data += step;
         size -= step;
     }

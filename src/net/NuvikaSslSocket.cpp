@@ -106,6 +106,21 @@ void NuvikaSslSocket::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
     d->m_socket.setSystemBuffers(buffers);
 }
 
+qint64 NuvikaSslSocket::bytesToSend() const { return d->bytesToSend(); }
+
+bool NuvikaSslSocket::isSendLimitReached() const { return d->isSendLimitReached(); }
+
+void NuvikaSslSocket::setSendLimit(qint64 bytes) { d->setSendLimit(bytes); }
+
+void NuvikaSslSocket::setKeepAlive(bool on, int idleSeconds, int intervalSeconds, int probes)
+{
+    d->m_socket.setKeepAlive(on, idleSeconds, intervalSeconds, probes);
+}
+
+void NuvikaSslSocket::setNoDelay(bool on) { d->m_socket.setNoDelay(on); }
+
+void NuvikaSslSocket::setConnectTimeLimit(int ms) { d->m_socket.setConnectTimeLimit(ms); }
+
 // --- queries ---------------------------------------------------------------------------------------------
 
 NuvikaTcpSocket::STATE NuvikaSslSocket::getState() { return d->state(); }

@@ -26,10 +26,11 @@ class ReceivePlacer;
 /// folder; of the system's trusted certificates, the list of its folder. Reconnects resume earlier sessions
 /// where the server allows it, within two hours of the peer's verification.
 ///
-/// Sending never refuses bytes for lack of room. While the peer has begun a handshake within the connection,
-/// or a part of one, what is sent waits, and canSend() is false: for 10 seconds and for 64 MiB, then the
-/// connection fails. A TLS 1.2 server may do so to ask for a client's certificate (Apache and IIS do, where
-/// one folder wants it); our servers do not, and refuse it to their clients.
+/// Sending never refuses bytes for lack of room, unless setSendLimit() asks for it. While the peer has begun
+/// a handshake within the connection, or a part of one, what is sent waits, and canSend() is false: for 10
+/// seconds and for 64 MiB, then the connection fails. A TLS 1.2 server may do so to ask for a client's
+/// certificate (Apache and IIS do, where one folder wants it); our servers do not, and refuse it to their
+/// clients.
 ///
 /// Receiving: dataReceived() does not nest; bytes that arrive while a handler runs an event loop follow when
 /// it has returned.
@@ -97,8 +98,8 @@ public:
     /// nothing.
     void close();
 
-    /// False when not connected, after sendEndOfData(), for a negative size, and when the connection cannot
-    /// send any more; error(int) follows then.
+    /// False when not connected, after sendEndOfData(), for a negative size, at the send limit, and when the
+    /// connection cannot send any more; error(int) follows then.
     bool sendData(const char* data, int size);
     /// Ends the sending direction, by close_notify and then TCP's end, once everything queued has left.
     void sendEndOfData();
@@ -129,6 +130,20 @@ public:
     void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
     /// As above, from several places; one system call where they fit.
     bool sendData(const KepNuvikaUtil::BUFFER* buffer, int count);
+
+    /// Encrypted bytes that were not yet given to the system, and what waits for a handshake of the peer's;
+    /// 0 when not connected.
+    qint64 bytesToSend() const;
+    /// While so many bytes wait, sendData() refuses further ones: false, and nothing is taken; sigCanSend()
+    /// comes when fewer do. A block that was taken is taken whole, also past the limit. 0, the default: none.
+    /// What TLS itself sends, such as answers to the peer's key updates and the end, is never refused.
+    void setSendLimit(qint64 bytes);
+    /// What tells that refusal from the others. canSend() is false as well.
+    bool isSendLimitReached() const;
+    /// As NuvikaTcpSocket's; of the time limit, the TCP connection's: the handshake has its own.
+    void setKeepAlive(bool on, int idleSeconds = 60, int intervalSeconds = 10, int probes = 6);
+    void setNoDelay(bool on);
+    void setConnectTimeLimit(int ms);
 
 signals:
     void connected();

@@ -1,5 +1,6 @@
 #include "net/HalfClose_p.h"
 #include "net/NuvikaSslSocket_p.h"
+#include "net/SendRoom_p.h"
 
 #include <algorithm>
 #include <utility>
@@ -148,7 +149,7 @@ bool NuvikaSslSocket::Private::hasPendingInput() const
 
 void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
 {
-    m_socket.sendData(data, size);
+    SendRoom::sendPastLimit(m_socket, data, size);
     if (m_socket.isDynamicDataQueueEmpty())
         m_nAnswers = 0;
     else if (m_bReading)
@@ -157,7 +158,7 @@ void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
 
 bool NuvikaSslSocket::Private::send(const KepNuvikaUtil::BUFFER* ranges, int count)
 {
-    if (m_state != eOpen || count < 0)
+    if (m_state != eOpen || count < 0 || isSendLimitReached())
         return false;
     const TlsFailure& failure = m_pSession->failure();
     const bool bFailed = failure.nCode != 0;
@@ -184,6 +185,18 @@ void NuvikaSslSocket::Private::tellCaughtUp(const Watched::Watch& watch)
         emit m_owner.sigAllSent();
     if (watch.holds() && canSend())
         emit m_owner.sigCanSend();
+}
+
+qint64 NuvikaSslSocket::Private::bytesToSend() const
+{
+    return m_state == eOpen ? m_socket.bytesToSend() + m_pSession->waitingBytes() : 0;
+}
+
+// The TCP socket's limit refuses nothing here: it is what sigCanSend() comes by.
+void NuvikaSslSocket::Private::setSendLimit(qint64 bytes)
+{
+    m_nSendLimit = bytes;
+    m_socket.setSendLimit(bytes);
 }
 
 void NuvikaSslSocket::Private::sendEndOfData()

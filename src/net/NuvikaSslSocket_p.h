@@ -36,6 +36,9 @@ public:
     bool notifyWhenAllSent();
     // Of who goes on sending behind the peer's end.
     void setEndHandler(std::function<void(bool bAnnounced)> peerEnded);
+    qint64 bytesToSend() const;
+    bool isSendLimitReached() const { return m_nSendLimit > 0 && bytesToSend() >= m_nSendLimit; }
+    void setSendLimit(qint64 bytes);
     NuvikaTcpSocket::STATE state() const;
 
     NuvikaTcpSocketQueued m_socket;
@@ -96,6 +99,7 @@ private:
     std::function<void(bool)> m_peerEnded; // instead of the end at the peer's end
     bool m_bPeerEnded = false; // it was told; nothing is read any more
     bool m_bReading = false; // what leaves now is nobody's wish but the peer's
+    qint64 m_nSendLimit = 0;
     int m_nAnswers = 0; // such bytes, while the peer does not read
     Nuvika::Watched m_watched;
 };

@@ -14,9 +14,19 @@ NuvikaTcpServer::~NuvikaTcpServer() { NUVIKA_ASSERT_OWNER_THREAD(); }
 
 bool NuvikaTcpServer::listen(const QHostAddress& address, unsigned short port)
 {
+    return listenOn(address, port, false);
+}
+
+bool NuvikaTcpServer::listenAnyFamily(const QHostAddress& address, unsigned short port)
+{
+    return listenOn(address, port, true);
+}
+
+bool NuvikaTcpServer::listenOn(const QHostAddress& address, unsigned short port, bool bAnyFamily)
+{
     NUVIKA_ASSERT_OWNER_THREAD();
     close();
-    m_pThread = std::make_unique<NuvikaTcpServerThread>(this, address, port, m_systemBuffers);
+    m_pThread = std::make_unique<NuvikaTcpServerThread>(this, address, port, bAnyFamily, m_systemBuffers);
     m_bListening = m_pThread->start();
     return m_bListening;
 }

@@ -10,14 +10,15 @@
 
 class NuvikaTcpServerThread;
 
-/// Listens on one IPv4 address and port, and hands every accepted connection to its owner thread as a bare
-/// descriptor, for NuvikaTcpSocket::setSocketDescriptor() or HttpResponseClient.
+/// Listens on one address and port, of IPv4 by listen(), of either family or both by listenAnyFamily(), and
+/// hands every accepted connection to its owner thread as a bare descriptor, for
+/// NuvikaTcpSocket::setSocketDescriptor() or HttpResponseClient.
 ///
 /// Threads: owned by the thread that made it, which needs an event loop; accepting runs on a thread of the
 /// server's own. A burst of connections costs one event.
 /// Lifetime: destruction stops listening; connections that were accepted but not yet handed out are closed.
 /// A handler of newConnectionDesc() may close or delete the server.
-/// Errors: listen() returns false and logs why. Running out of descriptors or memory is logged once, the
+/// Errors: listening returns false and logs why. Running out of descriptors or memory is logged once, the
 /// connection waits, and accepting resumes when they are free again. At most 4,096 accepted connections wait
 /// for an owner that is busy; further ones wait in the system's own queue.
 class KEPNUVIKAUTIL_EXPORT NuvikaTcpServer : public QObject
@@ -45,6 +46,11 @@ public:
     /// unless told otherwise.
     void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
+    /// As listen(), for addresses of both families: QHostAddress::Any takes connections over both (over IPv4
+    /// on a host without IPv6; serverAddress() tells which), AnyIPv6 over IPv6 only. IPv4 peers have IPv4
+    /// addresses, whatever listens.
+    bool listenAnyFamily(const QHostAddress& address, unsigned short port);
+
 signals:
     /// The receiver owns the descriptor.
     void newConnectionDesc(int socketDescriptor);
@@ -53,6 +59,8 @@ protected:
     void customEvent(QEvent* event) override;
 
 private:
+    bool listenOn(const QHostAddress& address, unsigned short port, bool bAnyFamily);
+
     std::unique_ptr<NuvikaTcpServerThread> m_pThread;
     bool m_bListening = false;
     Qt::HANDLE m_currentThreadId;

@@ -7,6 +7,7 @@
 #include "core/Log_p.h"
 #include "core/MutexGuard_p.h"
 #include "net/DirectSocketCalls_p.h"
+#include "net/InterfaceIndex_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/ErrorCodes_p.h"
 #include "platform/Thread_p.h"
@@ -27,8 +28,9 @@ void logFailure(const char* format)
 } // namespace
 
 NuvikaTcpServerThread::NuvikaTcpServerThread(NuvikaTcpServer* pServer, const QHostAddress& address,
-    unsigned short port, NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
-    : m_pServer(pServer), m_address(address), m_nPort(port), m_systemBuffers(buffers)
+    unsigned short port, bool bAnyFamily, NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
+    : m_pServer(pServer), m_address(address), m_nPort(port),
+      m_families(bAnyFamily ? familiesOf(address) : eIPv4), m_systemBuffers(buffers)
 {
 }
 
@@ -69,9 +71,27 @@ void NuvikaTcpServerThread::run()
     closePending();
 }
 
+NuvikaTcpServerThread::Families NuvikaTcpServerThread::familiesOf(const QHostAddress& address)
+{
+    if (address.protocol() == QAbstractSocket::IPv6Protocol)
+        return eIPv6;
+    return address.protocol() == QAbstractSocket::AnyIPProtocol ? eBoth : eIPv4;
+}
+
+int NuvikaTcpServerThread::openSocket()
+{
+    if (m_families == eIPv4)
+        return Sockets::openStream(AF_INET);
+    const int s = Sockets::openStream(AF_INET6);
+    if (s >= 0 || m_families == eIPv6 || SocketError::getLast() != ErrorCodes::kFamilyNotSupported)
+        return s;
+    m_families = eIPv4; // a host without IPv6
+    return Sockets::openStream(AF_INET);
+}
+
 int NuvikaTcpServerThread::openListeningSocket()
 {
-    const int listening = Sockets::openStream(AF_INET);
+    const int listening = openSocket();
     if (listening < 0) {
         logFailure("NuvikaTcpServerThread::run(); failed creating listen socket: %s");
         return -1;
@@ -91,22 +111,43 @@ int NuvikaTcpServerThread::openListeningSocket()
     return -1;
 }
 
+// False for an address of another family, and for a null one, which would bind to everything.
+bool NuvikaTcpServerThread::fillAddress(NuvikaLLSock::ADDR_V4_V6* address) const
+{
+    NuvikaLLSock::createSockAddr(
+        address, m_families == eBoth ? QHostAddress(QHostAddress::AnyIPv6) : m_address, m_nPort);
+    if (m_families == eIPv4)
+        return address->sa.sa_family == AF_INET;
+    address->v6.sin6_scope_id = scopeIndex(m_address);
+    return true;
+}
+
 bool NuvikaTcpServerThread::bindTo(int nListening)
 {
     NuvikaLLSock::ADDR_V4_V6 address{};
-    NuvikaLLSock::createSockAddr(&address, m_address, m_nPort);
-    if (address.sa.sa_family != AF_INET) {
-        ErrorCodes::setLastError(ErrorCodes::kInvalidArgument); // a null address would bind to everything
+    if (!fillAddress(&address)) {
+        ErrorCodes::setLastError(ErrorCodes::kInvalidArgument);
         return false;
     }
+    if (m_families != eIPv4 && Sockets::setIPv6Only(nListening, m_families == eIPv6) != 0)
+        return false;
     if (DirectCalls::bind(nListening, &address.sa, sockAddrLength(address)) != 0)
         return false;
-    int length = sizeof address;
-    if (DirectCalls::localName(nListening, &address, &length) == 0)
-        NuvikaLLSock::getPortAndAddress(&address, &m_address, &m_nPort);
-    else
-        m_address.clear();
+    readBound(nListening);
     return true;
+}
+
+void NuvikaTcpServerThread::readBound(int nListening)
+{
+    const QString scope = m_address.scopeId();
+    const SocketName bound = localNameOf(nListening);
+    m_address = bound.address;
+    m_address.setScopeId(scope);
+    if (bound.address.isNull())
+        return;
+    m_nPort = bound.port;
+    if (m_families == eBoth)
+        m_address = QHostAddress(QHostAddress::Any);
 }
 
 void NuvikaTcpServerThread::acceptUntilStopped(int nListening)

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
+#include <KepNuvikaUtil/SocketCalls.h>
 
 #include "platform/AcceptWait_p.h"
 #include "platform/WaitableEvent_p.h"
@@ -32,7 +33,7 @@ public:
     static constexpr int kMostPending = 4096;
 
     NuvikaTcpServerThread(NuvikaTcpServer* pServer, const QHostAddress& address, unsigned short port,
-        NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
+        bool bAnyFamily, NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
     ~NuvikaTcpServerThread() override; // stops
 
     bool start(); // returns when it listens, or has failed to
@@ -47,8 +48,14 @@ protected:
     void run() override;
 
 private:
+    enum Families { eIPv4, eIPv6, eBoth };
+
+    static Families familiesOf(const QHostAddress& address);
+    int openSocket();
     int openListeningSocket();
+    bool fillAddress(NuvikaLLSock::ADDR_V4_V6* address) const;
     bool bindTo(int nListening);
+    void readBound(int nListening);
     void acceptUntilStopped(int nListening);
     bool acceptWaiting(int nListening);
     bool isPassing(int code);
@@ -59,6 +66,7 @@ private:
     NuvikaTcpServer* m_pServer;
     QHostAddress m_address;
     quint16 m_nPort;
+    Families m_families;
     const NuvikaTcpSocket::SYSTEM_BUFFERS m_systemBuffers;
     QQueue<int> m_pendingSockets; // guarded by the mutex
     bool m_bAnnounced = false; // guarded by the mutex: an event is on its way

@@ -12,6 +12,8 @@
 #include "net/NuvikaTcpSocketIO_p.h"
 #include "net/OwnerThread_p.h"
 #include "net/ReceivePlacer_p.h"
+#include "net/SendRoom_p.h"
+#include "net/SocketAddress_p.h"
 #include "platform/Clock_p.h"
 
 #include <utility>
@@ -54,6 +56,7 @@ bool NuvikaTcpSocket::prepareConnect(const QString& host, unsigned short port)
     m_pConnect = new NuvikaTcpSocketConnect(m_sendProfile, m_recvProfile, m_systemBuffers, this);
     connect(m_pConnect, &NuvikaTcpSocketConnect::connected, this, &NuvikaTcpSocket::slotConnected);
     connect(m_pConnect, &NuvikaTcpSocketConnect::error, this, &NuvikaTcpSocket::slotError);
+    m_pConnect->setTimeLimit(m_nConnectTimeLimit);
     m_state = eConnecting;
     return true;
 }
@@ -80,11 +83,11 @@ void NuvikaTcpSocket::readAddresses(int socket)
     NuvikaLLSock::ADDR_V4_V6 name{};
     int length = sizeof name;
     if (DirectCalls::localName(socket, &name, &length) == 0)
-        NuvikaLLSock::getPortAndAddress(&name, &m_localAddress, &m_nLocalPort);
+        readSockAddr(name, &m_localAddress, &m_nLocalPort);
     name = {};
     length = sizeof name;
     if (Sockets::peerName(socket, &name, &length) == 0)
-        NuvikaLLSock::getPortAndAddress(&name, &m_peerAddress, &m_nPeerPort);
+        readSockAddr(name, &m_peerAddress, &m_nPeerPort);
 }
 
 void NuvikaTcpSocket::setSocketDescriptor(int socket)
@@ -99,6 +102,10 @@ void NuvikaTcpSocket::setSocketDescriptor(int socket)
     m_pIOSocket = new NuvikaTcpSocketIO(this, socket, m_sendProfile, m_recvProfile, m_systemBuffers,
         m_nSendQueueHint, m_bSingleReceive, m_bRecvStalled);
     m_state = eConnected;
+    if (m_keepAlive.bOn)
+        applyKeepAlive();
+    if (!m_bNoDelay)
+        applyNoDelay();
     emitCanSend();
 }
 
@@ -119,6 +126,7 @@ void NuvikaTcpSocket::close()
     NUVIKA_ASSERT_OWNER_THREAD();
     releaseConnection();
     m_nError = 0;
+    m_problem.clear();
     m_state = eUnconnected;
 }
 
@@ -155,6 +163,9 @@ void NuvikaTcpSocket::slotError(int errorCode)
         NUVIKA_WARNING(lcNet, "NuvikaTcpSocket::slotError(): connecting to %s failed: %s",
             qUtf8Printable(m_peerName), qUtf8Printable(SocketError::format(errorCode)));
     }
+    if (m_pConnect != nullptr && m_pConnect->isTimeOver())
+        m_problem = QStringLiteral("no connection to %1 was made within %2 ms")
+                        .arg(m_peerName, QString::number(m_nConnectTimeLimit));
     releaseConnection();
     if (m_state == eUnconnected || m_state == eError)
         return;
@@ -235,10 +246,50 @@ void NuvikaTcpSocket::resumeRecv()
         m_pIOSocket->resumeRecv();
 }
 
+// --- settings ------------------------------------------------------------------------------------------
+
 void NuvikaTcpSocket::setSystemBuffers(SYSTEM_BUFFERS buffers)
 {
     NUVIKA_ASSERT_OWNER_THREAD();
     m_systemBuffers = buffers;
+}
+
+void NuvikaTcpSocket::setKeepAlive(bool on, int idleSeconds, int intervalSeconds, int probes)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_keepAlive = {on, idleSeconds, intervalSeconds, probes};
+    if (m_pIOSocket != nullptr)
+        applyKeepAlive();
+}
+
+void NuvikaTcpSocket::applyKeepAlive()
+{
+    if (Sockets::setKeepAlive(m_pIOSocket->descriptor(), m_keepAlive.bOn, m_keepAlive.nIdle,
+            m_keepAlive.nInterval, m_keepAlive.nProbes)
+        != 0)
+        NUVIKA_WARNING(
+            lcNet, "NuvikaTcpSocket::setKeepAlive() failed: %s", qUtf8Printable(SocketError::formatLast()));
+}
+
+void NuvikaTcpSocket::setNoDelay(bool on)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_bNoDelay = on;
+    if (m_pIOSocket != nullptr)
+        applyNoDelay();
+}
+
+void NuvikaTcpSocket::applyNoDelay()
+{
+    if (Sockets::setNoDelay(m_pIOSocket->descriptor(), m_bNoDelay) != 0)
+        NUVIKA_WARNING(
+            lcNet, "NuvikaTcpSocket::setNoDelay() failed: %s", qUtf8Printable(SocketError::formatLast()));
+}
+
+void NuvikaTcpSocket::setConnectTimeLimit(int ms)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    m_nConnectTimeLimit = ms;
 }
 
 // --- events of the engine ------------------------------------------------------------------------------
@@ -293,6 +344,20 @@ quint64 HalfClose::bytesSent(const NuvikaTcpSocket& socket)
     return socket.m_pIOSocket == nullptr ? 0 : socket.m_pIOSocket->bytesSent();
 }
 
+// --- what waits to be sent -----------------------------------------------------------------------------
+
+qint64 NuvikaTcpSocket::bytesToSend() const
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    return m_pIOSocket == nullptr ? 0 : m_pIOSocket->bytesToSend();
+}
+
+void SendRoom::tellBelow(NuvikaTcpSocket& socket, qint64 bytes)
+{
+    if (socket.m_pIOSocket != nullptr)
+        socket.m_pIOSocket->tellWhenBelow(bytes);
+}
+
 // --- queries -------------------------------------------------------------------------------------------
 
 NuvikaTcpSocket::STATE NuvikaTcpSocket::getState()
@@ -304,7 +369,7 @@ NuvikaTcpSocket::STATE NuvikaTcpSocket::getState()
 QString NuvikaTcpSocket::errorString()
 {
     NUVIKA_ASSERT_OWNER_THREAD();
-    return SocketError::format(m_nError);
+    return m_problem.isEmpty() ? SocketError::format(m_nError) : m_problem;
 }
 
 QHostAddress NuvikaTcpSocket::localAddress()

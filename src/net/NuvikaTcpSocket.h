@@ -15,6 +15,7 @@ namespace Nuvika
 {
 class HalfClose;
 class ReceivePlacer;
+class SendRoom;
 } // namespace Nuvika
 
 /// A TCP stream socket on a Qt event loop: one connection at a time, outgoing (connectToHost()) or accepted
@@ -124,6 +125,20 @@ public:
     /// unless told otherwise. For accepted connections, NuvikaTcpServer's setting counts as well.
     void setSystemBuffers(SYSTEM_BUFFERS buffers);
 
+    /// Bytes that were handed over and not yet given to the system; 0 when not connected.
+    qint64 bytesToSend() const;
+
+    /// Asks a silent peer for a sign of life after \a idleSeconds, then each \a intervalSeconds; one that
+    /// leaves \a probes of them unanswered is gone: error(10060). For the connection that lives and for those
+    /// to come. Off unless told otherwise. What the system refuses is told by a warning.
+    void setKeepAlive(bool on, int idleSeconds = 60, int intervalSeconds = 10, int probes = 6);
+    /// Whether small pieces leave at once (the default), or wait while earlier ones are not acknowledged. For
+    /// the connection that lives and for those to come.
+    void setNoDelay(bool on);
+    /// For connections that begin from now on: the name's lookup and all its addresses together may take so
+    /// long, then the attempt ends by error(10060). 0, the default: as long as the system tries.
+    void setConnectTimeLimit(int ms);
+
     /// A parent is no flag: false stands before it.
     template <class Object>
     NuvikaTcpSocket(LOAD_PROFILE sendProfile, LOAD_PROFILE recvProfile, Object* parent, QObject* = nullptr)
@@ -153,6 +168,8 @@ private:
     void emitCanSend();
     void releaseConnection();
     void readAddresses(int socket);
+    void applyKeepAlive();
+    void applyNoDelay();
 
     LOAD_PROFILE m_sendProfile;
     LOAD_PROFILE m_recvProfile;
@@ -174,8 +191,19 @@ private:
     bool m_bRecvStalled = false;
     std::function<void()> m_peerEnded; // instead of the end at the peer's end
     SYSTEM_BUFFERS m_systemBuffers = eAsProfile;
+    struct KeepAlive {
+        bool bOn = false;
+        int nIdle = 0; // seconds
+        int nInterval = 0;
+        int nProbes = 0;
+    };
+    KeepAlive m_keepAlive;
+    bool m_bNoDelay = true;
+    int m_nConnectTimeLimit = 0; // milliseconds
+    QString m_problem; // the error, where the code's text does not tell it
     Nuvika::ReceivePlacer* m_pPlacer = nullptr; // of the library's own readers
     friend class Nuvika::ReceivePlacer;
     friend class NuvikaTcpSocketIO;
     friend class Nuvika::HalfClose;
+    friend class Nuvika::SendRoom;
 };

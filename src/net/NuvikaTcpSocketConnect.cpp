@@ -53,9 +53,18 @@ NuvikaTcpSocketConnect::NuvikaTcpSocketConnect(NuvikaTcpSocket::LOAD_PROFILE sen
     connect(&m_asyncHelper, &AsyncHelper::error, this, &NuvikaTcpSocketConnect::slotErrorForwarder,
         Qt::QueuedConnection);
     connect(&m_timer, &QTimer::timeout, this, &NuvikaTcpSocketConnect::checkConnectionStatusTimer);
+    connect(&m_timeLimit, &QTimer::timeout, this, &NuvikaTcpSocketConnect::giveUp);
 }
 
 NuvikaTcpSocketConnect::~NuvikaTcpSocketConnect() { closeSocket(); }
+
+void NuvikaTcpSocketConnect::setTimeLimit(int ms)
+{
+    m_timeLimit.setSingleShot(true);
+    m_timeLimit.setTimerType(Qt::PreciseTimer); // never early
+    if (ms > 0)
+        m_timeLimit.start(ms);
+}
 
 void NuvikaTcpSocketConnect::connectToHost(const QString& host, unsigned short port)
 {
@@ -250,6 +259,18 @@ void NuvikaTcpSocketConnect::fail(int errorCode)
     m_state = eDone;
     m_timer.stop();
     emit m_asyncHelper.error(errorCode);
+}
+
+// A lookup that hangs is left behind: its answer finds nobody.
+void NuvikaTcpSocketConnect::giveUp()
+{
+    if (m_state == eDone)
+        return;
+    if (m_state == eConnecting && doConnect(m_addresses.first()) && m_state == eDone)
+        return; // made while the loop did not run
+    m_bTimeOver = true;
+    closeSocket();
+    fail(ErrorCodes::kTimedOut);
 }
 
 // Both may delete this object: nothing follows the emission.

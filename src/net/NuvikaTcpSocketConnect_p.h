@@ -34,6 +34,10 @@ public:
 
     void connectToHost(const QString& host, unsigned short port);
     void connectToHost(const QHostAddress& address, unsigned short port);
+    // Of all that follows, in milliseconds; 0 for none.
+    void setTimeLimit(int ms);
+    // Why it has failed.
+    bool isTimeOver() const { return m_bTimeOver; }
 
 signals:
     // The receiver owns the descriptor.
@@ -60,6 +64,7 @@ private:
     bool doConnect(const QHostAddress& address);
     void succeed();
     void fail(int errorCode);
+    void giveUp();
     void dropNotifier();
     void closeSocket();
 
@@ -74,5 +79,7 @@ private:
     QList<QHostAddress> m_addresses;
     std::unique_ptr<QSocketNotifier> m_pNotifierWrite;
     QTimer m_timer;
+    QTimer m_timeLimit;
+    bool m_bTimeOver = false;
     NuvikaTcpSocketConnectAysncHelper m_asyncHelper;
 };

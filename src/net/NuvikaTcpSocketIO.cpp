@@ -72,7 +72,7 @@ NuvikaTcpSocketIO::NuvikaTcpSocketIO(NuvikaTcpSocket* pOuter, int nSocket, LOAD_
 {
     m_state = eXFer;
     disableNonBlocking();
-    Sockets::setNoDelay(nSocket);
+    Sockets::setNoDelay(nSocket, true);
     Sockets::setUrgentInline(nSocket);
     setLoadProfile(sendProfile, recvProfile, nSendQueueHint, buffers);
     if (buffers == NuvikaTcpSocket::eAsProfile)
@@ -231,7 +231,7 @@ void NuvikaTcpSocketIO::queue(const KepNuvikaUtil::BUFFER* buffers, int count)
             profileIndex(m_sendProfile), values.nChunkSize, values.nChunks);
     else if (!m_pFifo)
         m_pFifo = std::make_unique<SendFifo>(values.nChunkSize, m_nFifoChunks);
-    m_pFifo->put(buffers, count, true);
+    m_nHandedOver += m_pFifo->put(buffers, count, true);
     startSends();
     if (!m_pFifo->isEmpty())
         m_channel.wakeForSends(); // whoever waits behind finished sends leaves with the next pass
@@ -290,7 +290,7 @@ void NuvikaTcpSocketIO::sent(Transfer& transfer)
         m_pFifo->consume(std::exchange(context->nInFifo, 0U));
     startSends();
     releaseFifoIfEmpty();
-    if (bWasFull && !isFull()) {
+    if ((bWasFull && !isFull()) || hasFallenBelow()) {
         NUVIKA_ASSERT(m_pOuter);
         NuvikaTcpSocketCanSendEvent event;
         notifyOwner(event);
@@ -304,6 +304,14 @@ void NuvikaTcpSocketIO::sent(Transfer& transfer)
         NuvikaTcpSocketAllSentEvent event;
         notifyOwner(event);
     }
+}
+
+bool NuvikaTcpSocketIO::hasFallenBelow()
+{
+    if (m_nTellBelow == 0 || bytesToSend() >= m_nTellBelow)
+        return false;
+    m_nTellBelow = 0;
+    return true;
 }
 
 bool NuvikaTcpSocketIO::hasBusySend() const

@@ -36,8 +36,12 @@ public:
     bool isFull() const { return m_pFifo && m_pFifo->isFull(); }
     bool isAllSent() const;
     quint64 bytesSent() const;
+    qint64 bytesToSend() const { return static_cast<qint64>(m_nHandedOver - bytesSent()); }
     bool hasPendingInput() const { return Nuvika::Sockets::hasInput(m_nSocket); }
     void tellWhenAllSent();
+    // The owner is told once, as of room in a full queue, that fewer bytes are to be sent.
+    void tellWhenBelow(qint64 bytes) { m_nTellBelow = bytes; }
+    int descriptor() const { return m_nSocket; }
     void stallRecv() { m_bRecvStalled = true; }
     void resumeRecv();
 
@@ -68,6 +72,7 @@ private:
     void fillAndSend(SendContext& context);
     void startSends();
     bool hasBusySend() const;
+    bool hasFallenBelow();
     bool acceptsData() const;
     void finishEndOfData();
     void notifyOwner(QEvent& event);
@@ -91,5 +96,7 @@ private:
     bool m_bSingleReceive;
     bool m_bRecvStalled;
     bool m_bTellAllSent = false;
+    qint64 m_nTellBelow = 0; // 0: nobody asks
+    quint64 m_nHandedOver = 0;
     quint64 m_nCompleted = 0; // bytes of sends that are complete
 };

@@ -3,6 +3,7 @@
 #include "net/ChunkQueue_p.h"
 #include "net/HalfClose_p.h"
 #include "net/ReceivePlacer_p.h"
+#include "net/SendRoom_p.h"
 
 #include <algorithm>
 #include <utility>
@@ -62,6 +63,11 @@ void NuvikaTcpSocketQueued::close()
 
 bool NuvikaTcpSocketQueued::sendData(const char* data, int size)
 {
+    return !isSendLimitReached() && queue(data, size);
+}
+
+bool NuvikaTcpSocketQueued::queue(const char* data, int size)
+{
     if (m_pSocket->getState() != NuvikaTcpSocket::eConnected || m_bFinished || size < 0)
         return false;
     while (size > 0 && m_pQueue->isEmpty() && m_pSocket->canSend()) {
@@ -72,6 +78,7 @@ bool NuvikaTcpSocketQueued::sendData(const char* data, int size)
         size -= piece;
     }
     m_pQueue->append(data, size);
+    watchSendLimit();
     return true;
 }
 
@@ -90,9 +97,41 @@ void NuvikaTcpSocketQueued::slotCanSend()
     }
     if (canSend())
         emit sigCanSend();
+    else
+        watchSendLimit();
 }
 
-bool NuvikaTcpSocketQueued::canSend() const { return m_pQueue->isEmpty() && m_pSocket->canSend(); }
+bool NuvikaTcpSocketQueued::canSend() const
+{
+    return m_pQueue->isEmpty() && m_pSocket->canSend() && !isSendLimitReached();
+}
+
+// --- what waits to be sent -------------------------------------------------------------------------------
+
+qint64 NuvikaTcpSocketQueued::bytesToSend() const { return m_pQueue->size() + m_pSocket->bytesToSend(); }
+
+bool NuvikaTcpSocketQueued::isSendLimitReached() const
+{
+    return m_nSendLimit > 0 && bytesToSend() >= m_nSendLimit;
+}
+
+void NuvikaTcpSocketQueued::setSendLimit(qint64 bytes)
+{
+    m_nSendLimit = bytes;
+    watchSendLimit();
+}
+
+// While the queue holds bytes, the socket's is full, and tells of its room anyway.
+void NuvikaTcpSocketQueued::watchSendLimit()
+{
+    if (m_pQueue->isEmpty() && isSendLimitReached())
+        Nuvika::SendRoom::tellBelow(*m_pSocket, m_nSendLimit);
+}
+
+bool Nuvika::SendRoom::sendPastLimit(NuvikaTcpSocketQueued& socket, const char* data, int size)
+{
+    return socket.queue(data, size);
+}
 
 bool NuvikaTcpSocketQueued::notifyWhenAllSent()
 {
@@ -156,3 +195,12 @@ void NuvikaTcpSocketQueued::setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buf
 {
     m_pSocket->setSystemBuffers(buffers);
 }
+
+void NuvikaTcpSocketQueued::setKeepAlive(bool on, int idleSeconds, int intervalSeconds, int probes)
+{
+    m_pSocket->setKeepAlive(on, idleSeconds, intervalSeconds, probes);
+}
+
+void NuvikaTcpSocketQueued::setNoDelay(bool on) { m_pSocket->setNoDelay(on); }
+
+void NuvikaTcpSocketQueued::setConnectTimeLimit(int ms) { m_pSocket->setConnectTimeLimit(ms); }

@@ -10,10 +10,11 @@ namespace Nuvika
 class ChunkQueue;
 class HalfClose;
 class ReceivePlacer;
+class SendRoom;
 } // namespace Nuvika
 
-/// A TCP socket whose sendData() never refuses bytes for lack of room: what the socket cannot take at once
-/// waits in an unbounded queue of 1 MiB chunks. The order of bytes is kept.
+/// A TCP socket whose sendData() never refuses bytes for lack of room, unless setSendLimit() asks for it:
+/// what the socket cannot take at once waits in a queue of 1 MiB chunks. The order of bytes is kept.
 ///
 /// Threads, lifetime, errors: as NuvikaTcpSocket. Both directions use the medium load profile.
 /// Closing: close(), a disconnect and an error discard what is queued.
@@ -30,8 +31,8 @@ public:
     void connectToHost(const QHostAddress& address, unsigned short port);
     void setSocketDescriptor(int socket);
     void close();
-    /// False only when not connected, for a negative size, and once the sending direction was ended by
-    /// finishSending() or a half-close (nothing is kept then).
+    /// False only when not connected, for a negative size, at the send limit, and once the sending direction
+    /// was ended by finishSending() or a half-close (nothing is kept then).
     bool sendData(const char* data, int size);
     /// Asks for the half-close that follows once the queue has drained. With nothing queued and a socket that
     /// never filled, nothing triggers it and the half-close does not happen.
@@ -59,6 +60,18 @@ public:
     /// As NuvikaTcpSocket's.
     void setSystemBuffers(NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
 
+    /// Bytes that were handed over and not yet given to the system; 0 when not connected.
+    qint64 bytesToSend() const;
+    /// While so many bytes wait, sendData() refuses further ones: false, and nothing is taken; sigCanSend()
+    /// comes when fewer do. A block that was taken is taken whole, also past the limit. 0, the default: none.
+    void setSendLimit(qint64 bytes);
+    /// What tells that refusal from the others. canSend() is false as well.
+    bool isSendLimitReached() const;
+    /// As NuvikaTcpSocket's.
+    void setKeepAlive(bool on, int idleSeconds = 60, int intervalSeconds = 10, int probes = 6);
+    void setNoDelay(bool on);
+    void setConnectTimeLimit(int ms);
+
     /// A parent alone is no flag: false stands before it.
     template <class Object>
     explicit NuvikaTcpSocketQueued(Object* parent, QObject* = nullptr) = delete;
@@ -80,12 +93,16 @@ private slots:
 
 private:
     void discardQueue();
+    bool queue(const char* data, int size);
+    void watchSendLimit();
 
     bool m_bEndOfData = false;
     bool m_bTellAllSent = false; // once the queue has drained
     bool m_bFinished = false; // nothing may follow what is queued
     std::unique_ptr<NuvikaTcpSocket> m_pSocket;
     std::unique_ptr<Nuvika::ChunkQueue> m_pQueue;
+    qint64 m_nSendLimit = 0;
     friend class Nuvika::ReceivePlacer;
     friend class Nuvika::HalfClose;
+    friend class Nuvika::SendRoom;
 };

@@ -152,7 +152,7 @@ bool NuvikaUdpReceiver::create(unsigned short& port, const QHostAddress& address
         return fail(creation.bindFailed);
     }
     if (family == AF_INET6) {
-        Sockets::setIPv6Only(s.get());
+        Sockets::setIPv6Only(s.get(), true);
         local.v6.sin6_scope_id = scopeIndex(address);
     }
     if (creation.bMulticast && !prepareMulticast(s.get(), local, creation.interfaceAddress))
@@ -248,6 +248,35 @@ void NuvikaUdpReceiver::removeCallback(Callback callback, void* context)
     m_bRemoved = true;
     if (m_pDelivery == nullptr)
         sweep();
+}
+
+int NuvikaUdpReceiver::addHandler(std::function<void(const Datagram&)> handler)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    if (!handler)
+        return 0;
+    Handler& kept = m_handlers[++m_nLastHandler];
+    kept = std::make_shared<const std::function<void(const Datagram&)>>(std::move(handler));
+    registerCallback(&callHandler, &kept);
+    return m_nLastHandler;
+}
+
+void NuvikaUdpReceiver::removeHandler(int number)
+{
+    NUVIKA_ASSERT_OWNER_THREAD();
+    const auto found = m_handlers.find(number);
+    if (found == m_handlers.end())
+        return;
+    removeCallback(&callHandler, &found->second);
+    const Handler last = std::move(found->second); // what it holds may call back when it goes
+    m_handlers.erase(found);
+}
+
+// It may remove itself, or delete the receiver, while it runs.
+void NuvikaUdpReceiver::callHandler(const Datagram* datagram, void* handler)
+{
+    const Handler kept = *static_cast<Handler*>(handler);
+    (*kept)(*datagram);
 }
 
 void NuvikaUdpReceiver::customEvent(QEvent* event)

@@ -6,6 +6,9 @@
 #include <QtCore/QString>
 #include <QtNetwork/QHostAddress>
 
+#include <functional>
+#include <map>
+#include <memory>
 #include <vector>
 
 class NuvikaUdpReceiverIO;
@@ -68,6 +71,12 @@ public:
     void registerCallback(void (*callback)(const NuvikaUdpReceiver::Datagram*, void*), void* context);
     void removeCallback(void (*callback)(const NuvikaUdpReceiver::Datagram*, void*), void* context);
 
+    /// As a callback, in one order with the others and under the same rules. Returns the number that
+    /// removeHandler() takes, above 0; 0 for an empty one, which is not added. It is destroyed when it was
+    /// removed, and has returned.
+    int addHandler(std::function<void(const Datagram&)> handler);
+    void removeHandler(int number);
+
 protected:
     void customEvent(QEvent* event) override;
 
@@ -80,6 +89,7 @@ private:
             return callback == other.callback && context == other.context;
         }
     };
+    using Handler = std::shared_ptr<const std::function<void(const Datagram&)>>;
     struct Creation;
     // A delivery on the stack; they nest with nested event loops.
     struct Delivery {
@@ -90,6 +100,7 @@ private:
     bool create(unsigned short& port, const QHostAddress& address, const Creation& creation);
     bool fail(const char* format);
     bool failToJoin();
+    static void callHandler(const Datagram* datagram, void* handler);
     void deliver(const Datagram& datagram);
     void sweep();
 
@@ -100,4 +111,6 @@ private:
     int m_nSocket = -1;
     QString m_errorString;
     Qt::HANDLE m_currentThreadId;
+    std::map<int, Handler> m_handlers; // each the context of a registration, by its number
+    int m_nLastHandler = 0;
 };

@@ -4,6 +4,7 @@
 
 #include "core/Log_p.h"
 #include "net/DirectSocketCalls_p.h"
+#include "net/InterfaceIndex_p.h"
 #include "net/SocketAddress_p.h"
 #include "platform/Datagrams_p.h"
 #include "platform/ErrorCodes_p.h"
@@ -21,6 +22,8 @@ namespace
 {
 constexpr int kSendBuffer = 65536;
 constexpr std::size_t kRangesPerCall = 1024;
+constexpr char kInterfaceFailure6[]
+    = "NuvikaUdpSender::setMulticastOptions(): Failed setting IPV6_MULTICAST_IF; %s";
 
 iovec rangeOf(const KepNuvikaUtil::BUFFER& buffer)
 {
@@ -46,7 +49,10 @@ struct NuvikaUdpSender::Socket {
     Datagrams::Runs runs = Datagrams::Runs::eUnknown;
 };
 
-NuvikaUdpSender::NuvikaUdpSender()
+NuvikaUdpSender::NuvikaUdpSender() : NuvikaUdpSender(QAbstractSocket::IPv4Protocol) { }
+
+NuvikaUdpSender::NuvikaUdpSender(QAbstractSocket::NetworkLayerProtocol family)
+    : m_bIPv6(family == QAbstractSocket::IPv6Protocol)
 {
     if (!openSocket("NuvikaUdpSender::NuvikaUdpSender() socket creation failed: %s"))
         return;
@@ -63,14 +69,15 @@ int NuvikaUdpSender::descriptor() const { return m_pSocket ? m_pSocket->s : -1; 
 
 bool NuvikaUdpSender::openSocket(const char* failureText)
 {
-    const int s = Sockets::openDatagram(AF_INET);
-    if (s < 0) {
-        m_errorString = SocketError::formatLast();
-        NUVIKA_CRITICAL(lcNet, failureText, qUtf8Printable(m_errorString));
-        return false;
-    }
-    m_pSocket = std::make_shared<Socket>(s);
-    return true;
+    const int s = Sockets::openDatagram(m_bIPv6 ? AF_INET6 : AF_INET);
+    if (s >= 0)
+        m_pSocket = std::make_shared<Socket>(s);
+    if (s >= 0 && (!m_bIPv6 || Sockets::setIPv6Only(s, true) == 0))
+        return true;
+    m_errorString = SocketError::formatLast();
+    NUVIKA_CRITICAL(lcNet, failureText, qUtf8Printable(m_errorString));
+    m_pSocket.reset();
+    return false;
 }
 
 bool NuvikaUdpSender::checkSock()
@@ -99,12 +106,15 @@ bool NuvikaUdpSender::bind(unsigned short port, const QHostAddress& address)
 {
     NuvikaLLSock::ADDR_V4_V6 local;
     NuvikaLLSock::createSockAddr(&local, address, port);
+    if (local.sa.sa_family == AF_INET6)
+        local.v6.sin6_scope_id = scopeIndex(address);
     return bind(local);
 }
 
 bool NuvikaUdpSender::checkBound()
 {
-    return (m_pSocket && m_pSocket->bBound) || bind(0, QHostAddress(QHostAddress::AnyIPv4));
+    return (m_pSocket && m_pSocket->bBound)
+        || bind(0, QHostAddress(m_bIPv6 ? QHostAddress::AnyIPv6 : QHostAddress::AnyIPv4));
 }
 
 bool NuvikaUdpSender::sendTo(const void* data, int size, const NuvikaLLSock::ADDR_V4_V6& destination)
@@ -169,6 +179,8 @@ bool NuvikaUdpSender::setMulticastInterface(const QHostAddress& interfaceAddress
 {
     if (interfaceAddress.isNull())
         return true;
+    if (m_bIPv6)
+        return setMulticastInterface6(interfaceAddress);
     // The whole 16-byte record, not the bare address: the system finds the address where ip_mreqn has it.
     NuvikaLLSock::ADDR_V4_V6 record;
     NuvikaLLSock::createSockAddr(&record, interfaceAddress, 0);
@@ -176,14 +188,31 @@ bool NuvikaUdpSender::setMulticastInterface(const QHostAddress& interfaceAddress
         "NuvikaUdpSender::setMulticastOptions(): Failed setting IP_MULTICAST_IF; %s");
 }
 
+bool NuvikaUdpSender::setMulticastInterface6(const QHostAddress& interfaceAddress)
+{
+    const unsigned int index = interfaceIndexOf(interfaceAddress);
+    if (index == 0 && interfaceAddress != QHostAddress(QHostAddress::AnyIPv6)) { // the system's choice
+        m_errorString = SocketError::format(ErrorCodes::kNoDevice);
+        NUVIKA_WARNING(lcNet, kInterfaceFailure6, qUtf8Printable(m_errorString));
+        return false;
+    }
+    return setOption(IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index, kInterfaceFailure6);
+}
+
 bool NuvikaUdpSender::setMulticastTtl(unsigned int ttl)
 {
+    if (m_bIPv6)
+        return setOption(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &ttl, sizeof ttl,
+            "NuvikaUdpSender::setMulticastOptions(): Failed setting IPV6_MULTICAST_HOPS; %s");
     return setOption(IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl,
         "NuvikaUdpSender::setMulticastOptions(): Failed setting IP_MULTICAST_TTL; %s");
 }
 
 bool NuvikaUdpSender::setTosBits(unsigned int tos)
 {
+    if (m_bIPv6)
+        return setOption(IPPROTO_IPV6, IPV6_TCLASS, &tos, sizeof tos,
+            "NuvikaUdpSender::setMulticastOptions(): Failed setting IPV6_TCLASS; %s");
     return setOption(IPPROTO_IP, IP_TOS, &tos, sizeof tos,
         "NuvikaUdpSender::setMulticastOptions(): Failed setting IP_TOS; %s");
 }

@@ -5,11 +5,12 @@
 #include <KepNuvikaUtil/SocketCalls.h>
 
 #include <QtCore/QString>
+#include <QtNetwork/QAbstractSocket>
 #include <QtNetwork/QHostAddress>
 
 #include <memory>
 
-/// Sends datagrams, unicast or multicast, from one IPv4 UDP socket.
+/// Sends datagrams, unicast or multicast, from one UDP socket, of IPv4 unless told otherwise.
 ///
 /// The socket that the constructor makes never blocks: a send that finds its buffer full fails. The one that
 /// replaces it after close() or a failed construction has the system's own buffer size, and sendTo() waits
@@ -63,6 +64,11 @@ public:
     int sendPackets(const KepNuvikaUtil::BUFFER* parts, int partsEach, int count,
         const NuvikaLLSock::ADDR_V4_V6& destination);
 
+    /// With QAbstractSocket::IPv6Protocol a sender to IPv6 addresses only; with any other an IPv4 one. Of
+    /// multicasts the TTL is the hop limit, and an interface may also be named by a scope id; link-local
+    /// destinations need theirs in the record (sin6_scope_id).
+    explicit NuvikaUdpSender(QAbstractSocket::NetworkLayerProtocol family);
+
 private:
     struct Socket; // what copies share
 
@@ -70,8 +76,10 @@ private:
     bool openSocket(const char* failureText);
     bool checkSock();
     bool checkBound();
+    bool setMulticastInterface6(const QHostAddress& interfaceAddress);
     bool setOption(int level, int name, const void* value, int size, const char* failureText);
 
     std::shared_ptr<Socket> m_pSocket; // null when closed
     QString m_errorString;
+    bool m_bIPv6 = false;
 };

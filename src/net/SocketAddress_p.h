@@ -13,6 +13,14 @@ inline int sockAddrLength(const NuvikaLLSock::ADDR_V4_V6& address)
                                             : static_cast<int>(sizeof address.v4);
 }
 
+// As NuvikaLLSock::getPortAndAddress(); the IPv4 end of a socket of both families is told as IPv4.
+inline void readSockAddr(const NuvikaLLSock::ADDR_V4_V6& record, QHostAddress* address, unsigned short* port)
+{
+    NuvikaLLSock::getPortAndAddress(&record, address, port);
+    if (record.sa.sa_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&record.v6.sin6_addr))
+        address->setAddress(address->toIPv4Address());
+}
+
 struct SocketName {
     QHostAddress address;
     unsigned short port = 0;

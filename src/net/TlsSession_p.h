@@ -57,6 +57,7 @@ public:
     // What was written, or the end, waits until the peer goes on with a message or a handshake that it has
     // begun within the connection.
     bool isWaiting() const { return !m_waiting.isEmpty() || m_bEndWaits; }
+    int waitingBytes() const { return m_waiting.size(); }
     // To be called after a read, which may have been the step. False as write().
     bool writeWaiting();
 

@@ -28,7 +28,9 @@ bool lingers(int s); // its close may wait
 // Reads and clears the pending error, as a code; 0 when there is none.
 int takePendingError(int s);
 // Small pieces leave at once: the engine's own queue does the coalescing.
-void setNoDelay(int s);
+int setNoDelay(int s, bool bOn);
+// Probes of a silent connection, times in seconds. Fails with the first refusal.
+int setKeepAlive(int s, bool bOn, int nIdle, int nInterval, int nProbes);
 // Urgent bytes stay in their place in the stream.
 void setUrgentInline(int s);
 // Keeps segments well below a small buffer: loopback segments of 64 KB would stall its window.
@@ -45,8 +47,8 @@ long send(int s, const iovec* ranges, int count);
 void setOwnGroupsOnly(int s, int family);
 // Only what arrives over that interface is received.
 int bindToInterface(int s, unsigned int index);
-// An IPv6 socket is for IPv6 only.
-void setIPv6Only(int s);
+// An IPv6 socket is for IPv6 only, or for both.
+int setIPv6Only(int s, bool bOnly);
 
 // Bytes, the peer's end or an error wait to be received.
 bool hasInput(int s);

@@ -125,6 +125,17 @@ struct ExchangeOf : Told {
         });
         return head;
     }
+    // A further connection; false when that was told instead.
+    bool connects(const char* unless)
+    {
+        const auto isOver = [&] { return events.contains(QLatin1String(unless)); };
+        waitFor([&] {
+            server = isOver() ? RawSocket() : listener.accept();
+            return server.isOpen() || isOver();
+        });
+        nConnections += server.isOpen() ? 1 : 0;
+        return server.isOpen();
+    }
     void ask() // until the server has the request
     {
         get();

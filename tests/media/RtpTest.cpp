@@ -259,6 +259,38 @@ TEST(RtpStatistics, ComputesRatesAndLogsThem)
     EXPECT_EQ(all.size(), stopped);
 }
 
+TEST(RtpStatistics, TotalsGoOnAcrossIntervalsUntilARestart)
+{
+    Statistics statistics;
+    VariableBuffer buffer;
+    const auto expectTotals = [&](quint64 packets, quint64 bytes, quint64 lost, const char* situation) {
+        const RtpStatistics::Totals totals = statistics.totals();
+        EXPECT_EQ(totals.packets, packets) << situation;
+        EXPECT_EQ(totals.bytes, bytes) << situation;
+        EXPECT_EQ(totals.lost, lost) << situation;
+    };
+    statistics.start("camera", 1000000, false, true);
+    for (const int number : {1, 2, 5})
+        statistics.update(numbered(buffer, number));
+    expectTotals(3, 48, 2, "in an interval");
+    statistics.report();
+    EXPECT_EQ(statistics.all.back().received, 3U);
+    expectTotals(3, 48, 2, "between intervals");
+    statistics.update(numbered(buffer, 7));
+    expectTotals(4, 64, 3, "in the next");
+    statistics.report();
+    EXPECT_EQ(statistics.all.back().received, 1U);
+    statistics.stop();
+    statistics.update(numbered(buffer, 8));
+    expectTotals(4, 64, 3, "stopped");
+    statistics.restart();
+    expectTotals(0, 0, 0, "restarted");
+    const RTPPacket large = numbered(buffer, 9, 65500);
+    for (int i = 0; i < 70000; ++i) // of an interval that never ends
+        statistics.update(large);
+    expectTotals(70000, 70000ULL * 65512, 0, "beyond 32 bits");
+}
+
 TEST(RtpStatistics, MayBeDeletedByItsHandlerAndCountsInSilence)
 {
     LogCapture log;

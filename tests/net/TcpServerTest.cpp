@@ -67,6 +67,50 @@ TEST(TcpServer, ClosesWhatItDidNotHandOutAndRestartsOnItsPort)
     EXPECT_FALSE(second.listen(QHostAddress(QHostAddress::LocalHostIPv6), 0));
 }
 
+TEST(TcpServer, ListensOnBothFamiliesAndTellsIPv4PeersAsSuch)
+{
+    const QHostAddress any(QHostAddress::Any), any4(QHostAddress::AnyIPv4), any6(QHostAddress::AnyIPv6);
+    const QHostAddress local6(QHostAddress::LocalHostIPv6);
+    const struct {
+        QHostAddress listened, told;
+        bool bTakesIPv4, bTakesIPv6;
+    } rows[] = {{any, any, true, true}, {any6, any6, false, true}, {local6, local6, false, true},
+        {any4, any4, true, false}, {kLocal, kLocal, true, false}, {any, any4, true, false}};
+    for (const auto& row : rows) {
+        const std::string where
+            = row.listened.toString().toStdString() + " as " + row.told.toString().toStdString();
+        Server server, second;
+        if (row.listened == any && row.told == any4)
+            seams::opening.arm(1, EAFNOSUPPORT); // a host without IPv6
+        ASSERT_TRUE(server.listenAnyFamily(row.listened, 0)) << where;
+        EXPECT_EQ(server.serverAddress(), row.told) << where;
+        const unsigned short port = server.serverPort();
+        for (const QHostAddress& target : {kLocal, local6}) {
+            NuvikaTcpSocket client, accepted;
+            client.connectToHost(target, port);
+            ASSERT_TRUE(waitFor([&] { return client.getState() != NuvikaTcpSocket::eConnecting; }));
+            const bool bTaken = target == kLocal ? row.bTakesIPv4 : row.bTakesIPv6;
+            ASSERT_EQ(client.getState() == NuvikaTcpSocket::eConnected, bTaken) << where;
+            if (!bTaken)
+                continue;
+            ASSERT_TRUE(waitFor([&] { return !server.accepted.empty(); })) << where;
+            accepted.setSocketDescriptor(server.accepted.back().release());
+            server.accepted.clear();
+            EXPECT_EQ(accepted.peerAddress(), target)
+                << where << accepted.peerAddress().toString().toStdString();
+            EXPECT_EQ(accepted.localAddress(), target) << where;
+            EXPECT_EQ(accepted.peerPort(), client.localPort());
+        }
+        EXPECT_FALSE(second.listenAnyFamily(row.listened, port)) << "a live listener keeps its port";
+        server.close();
+        EXPECT_TRUE(server.listenAnyFamily(row.listened, port)) << "at once: " << where;
+    }
+    Server server, second;
+    EXPECT_FALSE(server.listenAnyFamily(QHostAddress(), 0)) << "a null address is no address";
+    ASSERT_TRUE(server.listenAnyFamily(any, 0));
+    EXPECT_FALSE(second.listen(kLocal, server.serverPort())) << "IPv4 is taken, too";
+}
+
 TEST(TcpServer, PausesAndTellsOnceWhileAcceptingFails)
 {
     for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM}) {

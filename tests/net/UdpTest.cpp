@@ -26,6 +26,10 @@ const QHostAddress kLocal(QHostAddress::LocalHost);
 const QHostAddress kLocal6(QHostAddress::LocalHostIPv6);
 const QHostAddress kGroup(QStringLiteral("239.255.77.1"));
 
+const std::initializer_list<std::string> kTwoLinks = {"link add one type veth peer name one.peer",
+    "link add two type veth peer name two.peer", "link set one up", "link set two up", "link set one.peer up",
+    "link set two.peer up", "addr add fd00:1::1/64 dev one nodad", "addr add fd00:2::1/64 dev two nodad"};
+
 NuvikaLLSock::ADDR_V4_V6 addressOf(const QHostAddress& host, unsigned short port)
 {
     NuvikaLLSock::ADDR_V4_V6 address;
@@ -245,6 +249,41 @@ TEST(UdpReceiver, CallbacksMayChangeTheListAndEndTheReceiver)
     EXPECT_EQ(order, "abcbblblbl") << "the callback behind the deletion is not called";
 }
 
+TEST(UdpReceiver, HandlersStandInOneOrderWithCallbacksAndMayEndThemselves)
+{
+    RawSender sender;
+    auto receiver = std::make_unique<Bound>();
+    receiver->leave(*receiver);
+    std::string order;
+    Listener plain;
+    plain.react = [&](const QByteArray&) { order += 'p'; };
+    EXPECT_EQ(receiver->addHandler(nullptr), 0);
+    const auto held = std::make_shared<int>();
+    int first = 0, third = 0;
+    first = receiver->addHandler([&, kept = held](const NuvikaUdpReceiver::Datagram& datagram) {
+        order += '1';
+        if (*datagram.pData == '2') {
+            receiver->removeHandler(third);
+            receiver->removeHandler(first);
+            EXPECT_EQ(kept.use_count(), 2) << "what runs is gone";
+            receiver->addHandler([&](const NuvikaUdpReceiver::Datagram&) { order += 'n'; });
+        }
+    });
+    plain.listenTo(*receiver);
+    third = receiver->addHandler([&](const NuvikaUdpReceiver::Datagram&) { order += '3'; });
+    receiver->addHandler([&](const NuvikaUdpReceiver::Datagram& datagram) {
+        order += '4';
+        if (*datagram.pData == '4')
+            receiver.reset();
+        order += '.';
+    });
+    for (const char* text : {"1", "2", "3", "4"})
+        sender.send(text, receiver->port);
+    ASSERT_TRUE(waitFor([&] { return receiver == nullptr; })) << order;
+    EXPECT_EQ(order, "1p34.1p4.p4.np4.") << "two removed, one added for the next, one that ended all";
+    EXPECT_EQ(held.use_count(), 1) << "a removed handler is kept";
+}
+
 TEST(UdpReceiver, JoinsAGroupTwiceInOneProcess)
 {
     Hearing receivers[3];
@@ -262,6 +301,75 @@ TEST(UdpReceiver, JoinsAGroupTwiceInOneProcess)
     ASSERT_TRUE(waitFor([&] { return receivers[0].got.size() == 1 && receivers[1].got.size() == 1; }));
     settle(10);
     EXPECT_TRUE(receivers[2].got.empty()) << "another group on that port does not leak in";
+}
+
+TEST(UdpSender, SendsOverIPv6)
+{
+    Bound receiver(kLocal6);
+    NuvikaUdpSender sender(QAbstractSocket::IPv6Protocol);
+    const auto to = addressOf(kLocal6, receiver.port);
+    for (const bool bAgain : {false, true}) {
+        receiver.got.clear();
+        const std::vector<QByteArray> texts = {"one", "two", "six", "4"};
+        std::vector<KepNuvikaUtil::BUFFER> parts;
+        for (const QByteArray& text : texts)
+            parts.push_back({text.constData(), text.size()});
+        EXPECT_EQ(sender.sendMany(parts.data(), 4, to), 4) << sender.errorString().toStdString();
+        EXPECT_EQ(sender.sendPackets(parts.data(), 2, 2, to), 2) << sender.errorString().toStdString();
+        EXPECT_TRUE(sender.sendTo("end", 3, to)) << sender.errorString().toStdString();
+        ASSERT_TRUE(receiver.waitForCount(7)) << bAgain;
+        EXPECT_EQ(receiver.got, (std::vector<QByteArray>{"one", "two", "six", "4", "onetwo", "six4", "end"}));
+        EXPECT_EQ(receiver.raw.back().nPort, sender.localPort());
+        EXPECT_FALSE(sender.sendTo("x", 1, addressOf(kLocal, receiver.port))) << "an IPv6 socket";
+        sender.close(); // and once more from the socket that comes after it
+    }
+    EXPECT_FALSE(sender.setMulticastInterface(QHostAddress(QStringLiteral("2001:db8::9"))));
+    EXPECT_EQ(sender.errorString(), QStringLiteral("No such device"));
+    EXPECT_FALSE(sender.setMulticastTtl(256));
+    EXPECT_TRUE(sender.setTosBits(0xB8));
+    EXPECT_TRUE(sender.bind(0, kLocal6));
+    EXPECT_EQ(sender.localAddress(), kLocal6);
+    EXPECT_FALSE(NuvikaUdpSender(QAbstractSocket::IPv6Protocol).bind(0, kLocal));
+}
+
+// Of each datagram the hop limit, as the peer of the interface hears it.
+TEST(UdpSender, ChoosesInterfaceAndHopsOfIPv6Groups)
+{
+    const auto test = [] {
+        const QHostAddress group(QStringLiteral("ff15::77:2"));
+        for (const char* interface : {"one", "two"}) {
+            const QString address = QStringLiteral("fd00:%1::1").arg(*interface == 'o' ? 1 : 2);
+            for (const QString& name : {address, QStringLiteral("fe80::1%") + QLatin1String(interface)}) {
+                RawSender peer(AF_INET6);
+                const int on = 1;
+                setsockopt(peer.s.fd(), IPPROTO_IPV6, IPV6_RECVHOPLIMIT, &on, sizeof on);
+                const auto own = addressOf(QHostAddress(QHostAddress::AnyIPv6), 0);
+                ASSERT_EQ(::bind(peer.s.fd(), &own.sa, sizeof own.v6), 0);
+                ipv6_mreq request{};
+                request.ipv6mr_multiaddr = addressOf(group, 0).v6.sin6_addr;
+                request.ipv6mr_interface = if_nametoindex((std::string(interface) + ".peer").c_str());
+                setsockopt(peer.s.fd(), IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &request, sizeof request);
+                NuvikaUdpSender sender(QAbstractSocket::IPv6Protocol);
+                ASSERT_TRUE(sender.setMulticastInterface(QHostAddress(name))) << name.toStdString();
+                ASSERT_TRUE(sender.setMulticastTtl(5));
+                ASSERT_TRUE(sender.sendTo("x", 1, addressOf(group, peer.s.localPort())))
+                    << sender.errorString().toStdString();
+                char byte = 0;
+                alignas(cmsghdr) char control[64] = {};
+                iovec range{&byte, 1};
+                msghdr message{};
+                message.msg_iov = &range;
+                message.msg_iovlen = 1;
+                message.msg_control = control;
+                message.msg_controllen = sizeof control;
+                ASSERT_TRUE(waitFor([&] { return recvmsg(peer.s.fd(), &message, MSG_DONTWAIT) == 1; }))
+                    << name.toStdString();
+                EXPECT_EQ(*reinterpret_cast<int*>(CMSG_DATA(CMSG_FIRSTHDR(&message))), 5);
+            }
+        }
+    };
+    if (!inOwnNetwork(kTwoLinks, test))
+        GTEST_SKIP() << kNoOwnNetwork;
 }
 
 TEST(UdpReceiver, HearsAnIPv6GroupOnTheChosenInterfaceOnly)
@@ -289,11 +397,7 @@ TEST(UdpReceiver, HearsAnIPv6GroupOnTheChosenInterfaceOnly)
             EXPECT_EQ(receivers[1].got, std::vector<QByteArray>{"1"}) << group << " of the other interface";
         }
     };
-    if (!inOwnNetwork(
-            {"link add one type veth peer name one.peer", "link add two type veth peer name two.peer",
-                "link set one up", "link set two up", "link set one.peer up", "link set two.peer up",
-                "addr add fd00:1::1/64 dev one nodad", "addr add fd00:2::1/64 dev two nodad"},
-            test))
+    if (!inOwnNetwork(kTwoLinks, test))
         GTEST_SKIP() << kNoOwnNetwork;
 }
 

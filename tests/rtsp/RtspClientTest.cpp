@@ -1,4 +1,4 @@
-#include "rtsp/RtspAlarm_p.h"
+#include "core/ThreadAlarm_p.h"
 #include "rtsp/RtspKeepAlive_p.h"
 #include "rtsp/ScriptedCamera.h"
 #include "support/Certificates.h"
@@ -600,5 +600,5 @@ TEST(RtspClient, AThousandSessionsOfAThreadTakeLittleAndLeaveNothing)
     constexpr long long kMostLeft = 128 << 10; // of a thousand
     EXPECT_TRUE(waitFor([&] { return memory() - before < kMostLeft; })) << memory() - before;
     EXPECT_EQ(openDescriptors(), nDescriptors);
-    EXPECT_EQ(Nuvika::RtspAlarm::ofThread().use_count(), 1) << "no session waits for the timer";
+    EXPECT_EQ(Nuvika::ThreadAlarm::ofThread().use_count(), 1) << "no session waits for the timer";
 }

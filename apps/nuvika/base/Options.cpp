@@ -44,6 +44,20 @@ int numberOf(const QCommandLineParser& parser, const char* name, int fallback, i
     return -1;
 }
 
+int millisecondsOf(const QCommandLineParser& parser, const char* name, int fallback)
+{
+    constexpr double kLongest = 1e6; // seconds: eleven days
+    const QString option = QLatin1String(name);
+    if (!parser.isSet(option))
+        return fallback;
+    bool bNumber = false;
+    const double seconds = parser.value(option).toDouble(&bNumber);
+    if (bNumber && seconds >= 0.001 && seconds <= kLongest)
+        return static_cast<int>(seconds * 1000);
+    Output::complain(QStringLiteral("--%1 takes seconds, from 0.001 to 1000000").arg(option));
+    return -1;
+}
+
 void addTlsOptions(QCommandLineParser& parser)
 {
     parser.addOptions({

@@ -22,6 +22,8 @@ std::optional<int> readOptions(
 
 // A number of an option within bounds; -1 with a message otherwise.
 int numberOf(const QCommandLineParser& parser, const char* name, int fallback, int least, int most);
+// Seconds with a fraction, as milliseconds; otherwise the same.
+int millisecondsOf(const QCommandLineParser& parser, const char* name, int fallback);
 
 void addTlsOptions(QCommandLineParser& parser);
 // False with a message when a named file cannot be read.

@@ -152,5 +152,6 @@ std::unique_ptr<HttpsClient> Target::makeClient(bool bKeepAlive) const
     if (bInsecure)
         client->setCertificateVerificationMode(NuvikaSslSocket::eVerifyNone);
     client->setSystemBuffers(NuvikaTcpSocket::eTuned); // cameras and servers may be far away
+    client->setRetryPolicy({HttpRetryPolicy::eIdempotent, 0});
     return client;
 }

@@ -10,9 +10,21 @@ namespace
 {
 constexpr int kSilenceMs = 10000;
 constexpr int kSnapshotIntervalMs = 500;
-constexpr int kHostNotFound = 11001;
-constexpr int kVerificationRefused = 10013;
-constexpr int kConnectionAborted = 10053;
+
+QString whyFailed(const HttpFailure& failure)
+{
+    switch (failure.reason) {
+    case HttpFailure::eLookup:
+        return QStringLiteral("host not found");
+    case HttpFailure::eConnect:
+        return SocketError::format(failure.code).toLower();
+    case HttpFailure::eLost:
+        return failure.code == 0 ? QStringLiteral("connection lost")
+                                 : SocketError::format(failure.code).toLower();
+    default:
+        return failure.text;
+    }
+}
 
 QString noPicture(const QByteArray& type, int size)
 {
@@ -39,28 +51,16 @@ HttpCamera::HttpCamera(const QString& name, const Target& target)
         [this](int, const HttpResponseHeader& header, const char* data, int size, Marker) {
             takeAnswer(header.statusCode(), header.contentType().toLatin1(), data, size);
         });
-    connect(m_client.get(), &HttpsClient::error, this, [this](int code) { m_nError = code; });
-    connect(m_client.get(), &HttpsClient::requestFailed, this, [this] { interrupted(whyFailed()); });
-}
-
-QString HttpCamera::whyFailed() const
-{
-    switch (m_nError) {
-    case 0:
-        return QStringLiteral("connection lost");
-    case kHostNotFound:
-        return QStringLiteral("host not found");
-    case kVerificationRefused:
-    case kConnectionAborted:
-        return m_client->errorString();
-    default:
-        return SocketError::format(m_nError).toLower();
-    }
+    connect(m_client.get(), &HttpsClient::requestFailed, this,
+        [this](int id) { interrupted(whyFailed(m_client->failureOf(id))); });
+    HttpTimeLimits limits;
+    limits.nConnect = kSilenceMs;
+    limits.nFirstByte = kSilenceMs;
+    m_client->setTimeLimits(limits);
 }
 
 void HttpCamera::open()
 {
-    m_nError = 0;
     m_silence.start();
     HttpRequestHeader header(QStringLiteral("GET"), target().path);
     header.addValue(QStringLiteral("Host"), target().authority());

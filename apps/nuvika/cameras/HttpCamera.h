@@ -17,9 +17,7 @@ private:
     bool takePicture(const char* data, int size);
     void takePart(const QByteArray& type, const char* data, int size);
     void takeAnswer(int status, const QByteArray& type, const char* data, int size);
-    QString whyFailed() const;
 
     std::unique_ptr<HttpsClient> m_client;
-    int m_nError = 0;
     QElapsedTimer m_silence;
 };

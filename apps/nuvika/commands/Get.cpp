@@ -11,11 +11,18 @@
 #include <QtCore/QFileInfo>
 #include <QtCore/QTimer>
 
+#include <algorithm>
+#include <functional>
+
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
 namespace
 {
 constexpr qint64 kLargestBody = 1 << 30; // it is sent in one piece
+constexpr int kConnectMs = 30000; // unless told otherwise
+constexpr int kLongestPauseMs = 600000; // between attempts, as curl's
+constexpr int kHandshakeTimeout = 5;
+constexpr int kMostRetries = 1000;
 
 class GetCommand : public QObject
 {
@@ -42,39 +49,52 @@ public:
                 if (write(data, size))
                     finish();
             });
-        connect(m_client.get(), &HttpsClient::error, this, [this](int code) { m_nError = code; });
-        connect(m_client.get(), &HttpsClient::requestFailed, this, [this] { fail(); });
+        connect(m_client.get(), &HttpsClient::requestFailed, this,
+            [this](int id) { fail(m_client->failureOf(id)); });
     }
 
+    void setTimes(const HttpTimeLimits& limits, int nRetries)
+    {
+        m_client->setTimeLimits(limits);
+        m_nRetries = nRetries;
+    }
     void send(const QString& method, const QByteArray& body, const QString& contentType)
     {
         HttpRequestHeader header(method, m_target.path);
         header.addValue(QStringLiteral("Host"), m_target.authority());
         header.addValue(QStringLiteral("Connection"), QStringLiteral("close"));
         header.addValue(QStringLiteral("Accept"), QStringLiteral("*/*"));
-        SharedPoolBuffer content;
         if (!contentType.isEmpty()) {
             header.addValue(QStringLiteral("Content-Type"), contentType);
             header.setContentLength(body.size());
-            content = m_pool->getBuffer();
-            content.setData(body.constData(), body.size());
         }
-        // Credentials only in answer to a challenge: a password is not sent in the clear to who asks for
-        // none.
-        constexpr int kOwnAuthorization = 1;
-        m_client->request(header, true, &content, m_target.user, m_target.password, kOwnAuthorization);
+        begin([=] {
+            SharedPoolBuffer content = m_pool->getBuffer();
+            content.setData(body.constData(), body.size());
+            // Credentials only in answer to a challenge: a password is not sent in the clear to who asks for
+            // none.
+            constexpr int kOwnAuthorization = 1;
+            m_client->request(header, true, &content, m_target.user, m_target.password, kOwnAuthorization);
+        });
     }
     // Unlike the others, a form carries credentials at once.
     void sendForm(const QString& file, const QByteArray& content, const QString& contentType)
     {
         const QString disposition = QStringLiteral("name=\"file\"; filename=\"%1\"")
                                         .arg(QFileInfo(file).fileName().remove(QLatin1Char('"')));
-        m_client->postMultipartFormData(
-            m_target.path, content, disposition, contentType, m_target.user, m_target.password);
+        begin([=] {
+            m_client->postMultipartFormData(
+                m_target.path, content, disposition, contentType, m_target.user, m_target.password);
+        });
     }
     ~GetCommand() override { m_pool->release(); }
 
 private:
+    void begin(std::function<void()> ask)
+    {
+        m_ask = std::move(ask);
+        m_ask();
+    }
     void takeHead(const HttpResponseHeader& header)
     {
         if (m_nStatus != 0)
@@ -107,32 +127,54 @@ private:
         }
         QCoreApplication::exit(code);
     }
-    void fail()
+    static int exitCodeOf(HttpFailure::Reason reason)
     {
-        int code = Exit::kNoConnection;
-        QString reason = m_client->errorString();
-        if (m_nError == 11001) {
-            code = Exit::kNoHost;
-            reason = QStringLiteral("no host \"%1\" is known").arg(m_target.host);
-        } else if (m_nError == 0) {
-            code = Exit::kLost;
-            reason = QStringLiteral("the connection was lost before the answer was complete");
-        } else if (m_nError == 10053) {
-            const bool bConnected = !m_client->lastPeerAddress().isNull();
-            code = bConnected ? Exit::kLost : Exit::kTls;
-        } else if (m_target.bTls && m_nError == 10013) {
-            code = Exit::kCertificate;
-        } else if (m_target.bTls && m_nError == 5) {
-            code = Exit::kTimeout;
+        switch (reason) {
+        case HttpFailure::eLookup:
+            return Exit::kNoHost;
+        case HttpFailure::eConnect:
+            return Exit::kNoConnection;
+        case HttpFailure::eTls:
+            return Exit::kTls;
+        case HttpFailure::eCertificate:
+            return Exit::kCertificate;
+        case HttpFailure::eTimeLimit:
+            return Exit::kTimeout;
+        case HttpFailure::eRefused:
+            return Exit::kUsage;
+        default:
+            return Exit::kLost;
         }
-        Output::complain(QStringLiteral("%1: %2").arg(m_target.shown(), reason));
-        QCoreApplication::exit(code);
+    }
+    // Of what may pass; nothing of an answer has been written.
+    bool mayPass(HttpFailure::Reason reason) const
+    {
+        return m_nStatus == 0
+            && (reason == HttpFailure::eConnect || reason == HttpFailure::eLost
+                || reason == HttpFailure::eTimeLimit);
+    }
+    void fail(const HttpFailure& failure)
+    {
+        if (m_nRetries > 0 && mayPass(failure.reason)) {
+            --m_nRetries;
+            QTimer::singleShot(m_nPauseMs, this, m_ask);
+            m_nPauseMs = std::min(2 * m_nPauseMs, kLongestPauseMs);
+            return;
+        }
+        const QString text = failure.reason == HttpFailure::eLookup
+            ? QStringLiteral("no host \"%1\" is known").arg(m_target.host)
+            : failure.text;
+        Output::complain(QStringLiteral("%1: %2").arg(m_target.shown(), text));
+        QCoreApplication::exit(
+            failure.code == kHandshakeTimeout ? Exit::kTimeout : exitCodeOf(failure.reason));
     }
 
     Target m_target;
     bool m_bHead;
     int m_nStatus = 0;
-    int m_nError = 0;
+    int m_nRetries = 0;
+    int m_nPauseMs = 1000;
+    std::function<void()> m_ask;
     SharedBufferPool* m_pool = new SharedBufferPool; // released, never deleted
     std::unique_ptr<HttpsClient> m_client;
 };
@@ -153,8 +195,24 @@ void addOptions(QCommandLineParser& parser)
             QStringLiteral("FILE")},
         {QStringLiteral("type"), QStringLiteral("Content type of that file."), QStringLiteral("TYPE"),
             QStringLiteral("application/octet-stream")},
+        {QStringLiteral("connect-timeout"), QStringLiteral("Seconds until there must be a connection (30)."),
+            QStringLiteral("SECONDS")},
+        {{QStringLiteral("m"), QStringLiteral("max-time")}, QStringLiteral("Seconds for all of it."),
+            QStringLiteral("SECONDS")},
+        {QStringLiteral("retry"),
+            QStringLiteral("Further attempts, 1, 2, 4 ... seconds later, where one may help."),
+            QStringLiteral("COUNT")},
     });
     addTlsOptions(parser);
+}
+
+// False with a message when an option is no number.
+bool readTimes(const QCommandLineParser& parser, HttpTimeLimits* limits, int* retries)
+{
+    limits->nConnect = millisecondsOf(parser, "connect-timeout", kConnectMs);
+    limits->nRequest = millisecondsOf(parser, "max-time", 0);
+    *retries = numberOf(parser, "retry", 0, 0, kMostRetries);
+    return limits->nConnect >= 0 && limits->nRequest >= 0 && *retries >= 0;
 }
 
 // The method and the body that the options name; a code to end with when they cannot be had.
@@ -196,11 +254,16 @@ int runGet(const QStringList& arguments)
     if (!checkTlsOptions(parser))
         return Exit::kRead;
     applyTlsOptions(parser, &target);
+    HttpTimeLimits limits;
+    int retries = 0;
+    if (!readTimes(parser, &limits, &retries))
+        return Exit::kUsage;
     QString method = QStringLiteral("GET");
     QByteArray body;
     if (const auto code = readBody(parser, &method, &body))
         return *code;
     GetCommand command(target, parser.isSet(QStringLiteral("include")));
+    command.setTimes(limits, retries);
     const QString type = parser.value(QStringLiteral("type"));
     if (parser.isSet(QStringLiteral("form")))
         command.sendForm(parser.value(QStringLiteral("form")), body, type);

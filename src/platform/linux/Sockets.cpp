@@ -33,6 +33,11 @@ void setQuietly(int s, int level, int name, Value value)
 {
     setsockopt(s, level, name, &value, sizeof value);
 }
+
+int setNumber(int s, int level, int name, int value)
+{
+    return Sockets::setOption(s, level, name, &value, sizeof value);
+}
 } // namespace
 
 int Nuvika::Sockets::openStream(int family)
@@ -131,7 +136,21 @@ int Nuvika::Sockets::takePendingError(int s)
     return ErrorCodes::fromErrno(error);
 }
 
-void Nuvika::Sockets::setNoDelay(int s) { setQuietly(s, IPPROTO_TCP, TCP_NODELAY, 1); }
+int Nuvika::Sockets::setNoDelay(int s, bool bOn)
+{
+    return setNumber(s, IPPROTO_TCP, TCP_NODELAY, bOn ? 1 : 0);
+}
+
+int Nuvika::Sockets::setKeepAlive(int s, bool bOn, int nIdle, int nInterval, int nProbes)
+{
+    if (!bOn)
+        return setNumber(s, SOL_SOCKET, SO_KEEPALIVE, 0);
+    const bool bTaken = setNumber(s, IPPROTO_TCP, TCP_KEEPIDLE, nIdle) == 0
+        && setNumber(s, IPPROTO_TCP, TCP_KEEPINTVL, nInterval) == 0
+        && setNumber(s, IPPROTO_TCP, TCP_KEEPCNT, nProbes) == 0
+        && setNumber(s, SOL_SOCKET, SO_KEEPALIVE, 1) == 0;
+    return bTaken ? 0 : -1;
+}
 
 void Nuvika::Sockets::setUrgentInline(int s) { setQuietly(s, SOL_SOCKET, SO_OOBINLINE, 1); }
 
@@ -175,7 +194,10 @@ int Nuvika::Sockets::bindToInterface(int s, unsigned int index)
     return setOption(s, SOL_SOCKET, SO_BINDTOIFINDEX, &value, sizeof value);
 }
 
-void Nuvika::Sockets::setIPv6Only(int s) { setQuietly(s, IPPROTO_IPV6, IPV6_V6ONLY, 1); }
+int Nuvika::Sockets::setIPv6Only(int s, bool bOnly)
+{
+    return setNumber(s, IPPROTO_IPV6, IPV6_V6ONLY, bOnly ? 1 : 0);
+}
 
 bool Nuvika::Sockets::hasInput(int s)
 {

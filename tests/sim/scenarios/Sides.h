@@ -217,6 +217,7 @@ protected:
     virtual std::unique_ptr<Socket> make()
     {
         const int hint = m_random.chance(0.5) ? 0 : static_cast<int>(m_random.size(200000));
+        m_nHint = hint;
         const bool bSingle = m_random.chance(0.3);
         const auto profile = [this] { return static_cast<Tcp::LOAD_PROFILE>(m_random.below(3)); };
         m_nPosted = kMessages || kTls ? std::numeric_limits<int>::max() : bSingle ? 1 : 2;
@@ -272,6 +273,7 @@ protected:
     }
 
     std::unique_ptr<Socket> m_pSocket;
+    int m_nHint = 0;
 
 private:
     void connectSignals()
@@ -288,13 +290,12 @@ private:
             });
         else
             on(&Socket::disconnected, [this] { ended(0, true); });
-        if constexpr (!kMessages || !kQueued)
-            on(&Socket::sigCanSend, [this] {
-                checkSignal("sigCanSend", Tcp::eConnected);
-                m_world.expect(m_pSocket->canSend(), "sigCanSend() comes, and nothing can be sent");
-                m_bRefused = false;
-                act();
-            });
+        on(&Socket::sigCanSend, [this] {
+            checkSignal("sigCanSend", Tcp::eConnected);
+            m_world.expect(m_pSocket->canSend(), "sigCanSend() comes, and nothing can be sent");
+            m_bRefused = false;
+            act();
+        });
         if constexpr (kMessages) {
             on(&Socket::incomingBuffer, receive);
         } else {
@@ -314,6 +315,8 @@ private:
     {
         if (!m_pSocket) {
             m_pSocket = make();
+            if constexpr (kQueued)
+                m_pSocket->setSendLimit(m_nHint % 3 == 0 ? m_nHint * 7 : 0); // 0 in most
             connectSignals();
         }
         ++m_nSession;
@@ -373,7 +376,7 @@ private:
         if constexpr (kTls)
             return m_talk.bCalm && m_talk.isFine();
         else if constexpr (kQueued)
-            return !m_bReading; // then a connection's end is not told yet
+            return !m_bReading && !m_pSocket->isSendLimitReached(); // reading, an end may not be told yet
         else
             return !m_bReading && m_pSocket->canSend();
     }
@@ -399,8 +402,10 @@ private:
         }
         if constexpr (kTls)
             m_bRefused = bTaken && !m_pSocket->canSend();
+        else if constexpr (kQueued)
+            m_bRefused = m_bRefused || m_pSocket->isSendLimitReached(); // others only when one ends
         else
-            m_bRefused = m_bRefused || (!bTaken && !kQueued); // of those, one that ends
+            m_bRefused = m_bRefused || !bTaken;
     }
 
     void sendEnd()

@@ -40,7 +40,7 @@ public:
         else if (what == 1)
             m_world.work(m_random.size(5000));
         else if (what == 2)
-            discard();
+            m_random.chance(0.5) ? discard() : cancel();
         else if (what != 6 && what != 7)
             ask();
         else if (m_random.chance(0.3))
@@ -73,6 +73,8 @@ private:
         QObject::connect(client, &Client::requestFinished, to(this, &AskerOf::take));
         QObject::connect(client, &Client::requestFailed, [this](int id) {
             const Exchange& e = front(id, "requestFailed");
+            if (m_bCancelling && !kTellsCancelled)
+                return end(eCancelled);
             m_world.expect(!m_stage.isKind() || e.framing == ePartsUntilEnd,
                 "request %d fails without a reason: %s", e.nNumber, qUtf8Printable(m_pClient->errorString()));
             end(eFailed);
@@ -179,6 +181,18 @@ private:
             place->pExchange->outcome = eDiscarded;
             m_queue.erase(place);
         }
+    }
+    void cancel()
+    {
+        if (!m_pClient || m_queue.empty() || m_bCancelling)
+            return;
+        const Queued queued = m_queue[m_random.below(m_queue.size())];
+        ++m_stage.nCuts;
+        m_bCancelling = true;
+        const bool bCancelled = m_pClient->cancelRequest(queued.nId);
+        m_bCancelling = false;
+        m_world.expect(bCancelled && queued.pExchange->outcome == eCancelled, "request %d is not cancelled",
+            queued.pExchange->nNumber);
     }
     void shutdown()
     {

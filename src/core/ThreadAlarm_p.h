@@ -1,8 +1,8 @@
-// Private: one timer for all sessions of a thread: with one for each of a thousand the event loop would do
-// little else. Moments are microseconds of the monotonic clock.
+// Private: one timer for all connections of a thread that wait for something: with one for each of a thousand
+// the event loop would do little else. Moments are microseconds of the monotonic clock.
 #pragma once
 
-#include "rtsp/RtspTime_p.h"
+#include "platform/Clock_p.h"
 
 #include <QtCore/QTimer>
 
@@ -15,21 +15,23 @@
 
 namespace Nuvika
 {
-class RtspAlarm : public std::enable_shared_from_this<RtspAlarm>
+inline qint64 monotonicUs() { return static_cast<qint64>(Clock::monotonicNs() / 1000); }
+
+class ThreadAlarm : public std::enable_shared_from_this<ThreadAlarm>
 {
 public:
     using Wake = std::function<void()>;
     static constexpr qint64 kNever = std::numeric_limits<qint64>::max();
 
-    static std::shared_ptr<RtspAlarm> ofThread()
+    static std::shared_ptr<ThreadAlarm> ofThread()
     {
-        thread_local std::weak_ptr<RtspAlarm> t_alarm;
-        std::shared_ptr<RtspAlarm> alarm = t_alarm.lock();
+        thread_local std::weak_ptr<ThreadAlarm> t_alarm;
+        std::shared_ptr<ThreadAlarm> alarm = t_alarm.lock();
         if (!alarm)
-            t_alarm = alarm = std::make_shared<RtspAlarm>();
+            t_alarm = alarm = std::make_shared<ThreadAlarm>();
         return alarm;
     }
-    RtspAlarm()
+    ThreadAlarm()
     {
         m_timer.setSingleShot(true);
         QObject::connect(&m_timer, &QTimer::timeout, &m_timer, [this] { ring(); });
@@ -56,11 +58,11 @@ private:
     // Each is called once; what it enters for now waits for the next time.
     void ring()
     {
-        const std::shared_ptr<RtspAlarm> self = shared_from_this(); // the last session may go
+        const std::shared_ptr<ThreadAlarm> self = shared_from_this(); // the last of its users may go
         const qint64 now = monotonicUs();
         m_armedUs = kNever;
         while (!m_waiting.empty() && m_waiting.begin()->first <= now) {
-            const Wake wake = *m_waiting.begin()->second; // its session may go
+            const Wake wake = *m_waiting.begin()->second; // its user may go
             m_waiting.erase(m_waiting.begin());
             arm(); // handlers may run event loops
             wake();
