@@ -268,6 +268,10 @@ void HttpResponseClient::Private::peerEnded(bool bAnnounced)
 
 void HttpResponseClient::Private::failed(int code)
 {
+    if (m_state == eEnding && m_pTransport->isTls()) {
+        lost(0); // who left behind the last answer meets our close_notify with a reset
+        return;
+    }
     note(reasonOf(code, m_pTransport->isTls()), code, m_pTransport->problem());
     lost(code);
 }
