@@ -32,6 +32,7 @@
 #include <KepNuvikaUtil/HttpResponseClient.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 #include <KepNuvikaUtil/HttpRetryPolicy.h>
+#include <KepNuvikaUtil/HttpServerTimeLimits.h>
 #include <KepNuvikaUtil/HttpTimeLimits.h>
 #include <KepNuvikaUtil/HttpsClient.h>
 #include <KepNuvikaUtil/LoggedInUser.h>

@@ -83,6 +83,8 @@ public:
     // Stopping before the next event loses nothing: feed() goes on with the last unread() bytes.
     bool canPause() const { return !m_bPartsWait && !(m_state == State::Length && m_nLeft == 0); }
     int unread() const { return static_cast<int>(m_nIn); }
+    // A part of a head has come.
+    bool isInHead() const { return m_state == State::Head && !m_head.empty(); }
 
     const char* data() const { return m_pData; }
     int size() const { return static_cast<int>(m_nData); }

@@ -3,7 +3,7 @@
 #include "core/Log_p.h"
 #include "http/HttpResponseClient_p.h"
 #include "net/HalfClose_p.h"
-#include "platform/Clock_p.h"
+#include "platform/ErrorCodes_p.h"
 
 #include <utility>
 
@@ -11,23 +11,41 @@ using namespace Nuvika;
 
 namespace
 {
-constexpr int kTickMs = 250;
 constexpr int kMaxDiscarded = 65536;
 constexpr unsigned int kEndingMs = 2000;
 constexpr unsigned int kPeerEndedMs = 5000;
+
+HttpFailure::Reason reasonOf(int code, bool bTls)
+{
+    if (bTls && code == ErrorCodes::kAccessDenied)
+        return HttpFailure::eCertificate;
+    const bool bOfTls = code == ErrorCodes::kHandshakeTimeout || code == ErrorCodes::kConnectionAborted;
+    return bTls && bOfTls ? HttpFailure::eTls : HttpFailure::eLost;
+}
 } // namespace
 
-HttpResponseClient::Private::Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive,
-    NuvikaTcpSocket::SYSTEM_BUFFERS buffers)
-    : m_client(client), m_socket(NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, bSingleReceive)
+template <class Socket>
+HttpResponseClient::Private::Private(
+    HttpResponseClient& client, std::unique_ptr<AcceptedSocket<Socket>> transport)
+    : m_client(client), m_pTransport(std::move(transport))
 {
-    m_timer.setInterval(kTickMs);
+    Socket& socket = static_cast<AcceptedSocket<Socket>&>(*m_pTransport).socket();
     QObject::connect(&m_timer, &QTimer::timeout, &m_client, [this] { tick(); });
-    HalfClose::setHandler(m_socket, [this] { peerEnded(); });
-    m_socket.setSystemBuffers(buffers);
-    ReceivePlacer::set(m_socket, *this);
-    m_socket.setSocketDescriptor(socketDescriptor);
+    HalfClose::setHandler(socket, [this](bool bAnnounced = true) { peerEnded(bAnnounced); });
+    ReceivePlacer::set(socket, *this);
+    QObject::connect(&socket, &Socket::dataReceived, &m_client, &HttpResponseClient::slotSockDataReceived,
+        Qt::DirectConnection);
+    QObject::connect(&socket, &Socket::disconnected, &m_client, &HttpResponseClient::slotSockDisconnected);
+    QObject::connect(&socket, &Socket::error, &m_client, &HttpResponseClient::slotSockError);
+    QObject::connect(&socket, &Socket::connected, &m_client, &HttpResponseClient::slotSockCanSend);
+    QObject::connect(&socket, &Socket::sigCanSend, &m_client, &HttpResponseClient::slotSockCanSend);
+    QObject::connect(&socket, &Socket::sigAllSent, &m_client, &HttpResponseClient::slotSockAllSent);
+}
+
+void HttpResponseClient::Private::begin(int socketDescriptor)
+{
     m_state = eConnected;
+    m_pTransport->begin(socketDescriptor);
 }
 
 // --- responding ----------------------------------------------------------------------------------------
@@ -52,6 +70,8 @@ void HttpResponseClient::Private::respond(
     if (exchange == nullptr && isOpen() && !m_bNoMoreRequests)
         exchange = &m_exchanges.push(); // an answer that nobody has asked for
     if (exchange == nullptr) {
+        note(HttpFailure::eRefused, ErrorCodes::kNotConnected,
+            QStringLiteral("there is no connection for this response"));
         tellError();
         return;
     }
@@ -217,7 +237,7 @@ void HttpResponseClient::Private::endIfDue()
 void HttpResponseClient::Private::beginEnding()
 {
     m_state = eEnding;
-    m_socket.sendEndOfData();
+    m_pTransport->sendEndOfData();
     startLimit(kEndingMs);
     m_input.setStalled(PendingInput::eByOutput, false);
     m_input.release();
@@ -225,6 +245,7 @@ void HttpResponseClient::Private::beginEnding()
 
 void HttpResponseClient::Private::dataReceived(const char* data, int size)
 {
+    m_nReceived += static_cast<quint64>(size);
     if (m_state != eEnding) {
         m_input.received(data, size);
         return;
@@ -235,13 +256,24 @@ void HttpResponseClient::Private::dataReceived(const char* data, int size)
 }
 
 // The peer sends no more, and may well wait for its answers.
-void HttpResponseClient::Private::peerEnded()
+void HttpResponseClient::Private::peerEnded(bool bAnnounced)
 {
     if (m_state == eDisconnected || m_bInputEnded || m_input.hasEnded())
         return;
+    m_bMayBeCut = !bAnnounced;
     if (isOpen())
         startLimit(kPeerEndedMs);
     m_input.ended(0);
+}
+
+void HttpResponseClient::Private::failed(int code)
+{
+    if (m_state == eEnding && m_pTransport->isTls()) {
+        lost(0); // who left behind the last answer meets our close_notify with a reset
+        return;
+    }
+    note(reasonOf(code, m_pTransport->isTls()), code, m_pTransport->problem());
+    lost(code);
 }
 
 // Nobody can be answered any more. What has come before is still delivered where a handler keeps it waiting.
@@ -263,40 +295,10 @@ void HttpResponseClient::Private::lost(int code)
     m_input.release();
 }
 
-void HttpResponseClient::Private::startLimit(unsigned int ms)
-{
-    m_nLimitMs = ms;
-    m_nSinceMs = Clock::monotonicMs();
-    m_nProgress = m_writer.progress();
-    m_timer.start();
-}
-
-void HttpResponseClient::Private::tick()
-{
-    const unsigned int now = Clock::monotonicMs();
-    const quint64 progress = m_writer.progress();
-    if (isOpen() && std::exchange(m_nProgress, progress) != progress)
-        m_nSinceMs = now;
-    if (now - m_nSinceMs >= m_nLimitMs)
-        timeUp();
-}
-
-void HttpResponseClient::Private::timeUp()
-{
-    if (!m_exchanges.isEmpty() && !m_exchanges.front().bAnswered && m_exchanges.back().bAnswered) {
-        m_exchanges.keepLast(); // the owner is silent: a bad request has waited for its answers
-        startLimit(m_nLimitMs);
-        advance();
-        return;
-    }
-    m_bNoMoreRequests = true;
-    lost(0);
-}
-
 void HttpResponseClient::Private::disconnect()
 {
     m_timer.stop();
-    m_socket.close();
+    m_pTransport->close();
     m_writer.discard();
     m_exchanges.clear();
     m_nFinishing = 0;
@@ -307,6 +309,12 @@ void HttpResponseClient::Private::disconnect()
     m_content.clear();
     m_state = eDisconnected;
     emit m_client.disconnected();
+}
+
+void HttpResponseClient::Private::note(HttpFailure::Reason reason, int code, const QString& text)
+{
+    if (m_failure.reason == HttpFailure::eNone)
+        m_failure = {reason, code, text};
 }
 
 // The owner may well answer an error with response(), which is an error where nobody is connected.
@@ -332,15 +340,34 @@ HttpResponseClient::HttpResponseClient(int socketDescriptor, bool singleReceive,
 
 HttpResponseClient::HttpResponseClient(
     int socketDescriptor, bool singleReceive, NuvikaTcpSocket::SYSTEM_BUFFERS buffers, QObject* parent)
-    : QObject(parent), d(std::make_unique<Private>(*this, socketDescriptor, singleReceive, buffers))
+    : QObject(parent)
 {
-    const NuvikaTcpSocket* socket = &d->m_socket;
-    connect(socket, &NuvikaTcpSocket::dataReceived, this, &HttpResponseClient::slotSockDataReceived,
-        Qt::DirectConnection);
-    connect(socket, &NuvikaTcpSocket::disconnected, this, &HttpResponseClient::slotSockDisconnected);
-    connect(socket, &NuvikaTcpSocket::error, this, &HttpResponseClient::slotSockError);
-    connect(socket, &NuvikaTcpSocket::sigCanSend, this, &HttpResponseClient::slotSockCanSend);
-    connect(socket, &NuvikaTcpSocket::sigAllSent, this, &HttpResponseClient::slotSockAllSent);
+    auto transport = std::make_unique<AcceptedSocket<NuvikaTcpSocket>>(
+        NuvikaTcpSocket::eMedium, NuvikaTcpSocket::eMedium, singleReceive);
+    transport->socket().setSystemBuffers(buffers);
+    d = std::make_unique<Private>(*this, std::move(transport));
+    d->begin(socketDescriptor);
+}
+
+HttpResponseClient::HttpResponseClient(int socketDescriptor, SslProtocol protocol,
+    const QString& certificateFileName, const QString& certificateFilePath, const QString& passPhrase,
+    QObject* parent)
+    : HttpResponseClient(socketDescriptor, protocol, certificateFileName, certificateFilePath, passPhrase,
+        NuvikaTcpSocket::eAsProfile, parent)
+{
+}
+
+HttpResponseClient::HttpResponseClient(int socketDescriptor, SslProtocol protocol,
+    const QString& certificateFileName, const QString& certificateFilePath, const QString& passPhrase,
+    NuvikaTcpSocket::SYSTEM_BUFFERS buffers, QObject* parent)
+    : QObject(parent)
+{
+    auto transport = std::make_unique<AcceptedSocket<NuvikaSslSocket>>();
+    transport->socket().setSystemBuffers(buffers);
+    transport->socket().initSsl( // a failure is the connection's error()
+        true, protocol, certificateFileName, certificateFilePath, passPhrase);
+    d = std::make_unique<Private>(*this, std::move(transport));
+    d->begin(socketDescriptor);
 }
 
 HttpResponseClient::~HttpResponseClient() = default;
@@ -375,9 +402,18 @@ bool HttpResponseClient::isConnected() const { return d->isOpen(); }
 
 void HttpResponseClient::setReadLimits(const HttpReadLimits& limits) { d->setLimits(limits); }
 
-QHostAddress HttpResponseClient::peerAddress() const { return d->m_socket.peerAddress(); }
+void HttpResponseClient::setTimeLimits(const HttpServerTimeLimits& limits) { d->setTimeLimits(limits); }
 
-unsigned short HttpResponseClient::peerPort() const { return d->m_socket.peerPort(); }
+HttpFailure HttpResponseClient::failure() const { return d->failure(); }
+
+QHostAddress HttpResponseClient::peerAddress() const { return d->transport().peerAddress(); }
+
+unsigned short HttpResponseClient::peerPort() const { return d->transport().peerPort(); }
+
+NuvikaSslSocket::PeerCertificate HttpResponseClient::peerCertificate() const
+{
+    return d->transport().peerCertificate();
+}
 
 void HttpResponseClient::slotSockDataReceived(
     const char* pData, int size, NuvikaTcpSocket::QueuedConnNotAllowed)
@@ -385,9 +421,9 @@ void HttpResponseClient::slotSockDataReceived(
     d->dataReceived(pData, size);
 }
 
-void HttpResponseClient::slotSockDisconnected() { d->peerEnded(); }
+void HttpResponseClient::slotSockDisconnected() { d->peerEnded(false); }
 
-void HttpResponseClient::slotSockError(int errorCode) { d->lost(errorCode); }
+void HttpResponseClient::slotSockError(int errorCode) { d->failed(errorCode); }
 
 void HttpResponseClient::slotSockCanSend() { d->canSend(); }
 

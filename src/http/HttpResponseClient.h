@@ -2,15 +2,18 @@
 
 #include <KepNuvikaUtil/Buffer.h>
 #include <KepNuvikaUtil/Export.h>
+#include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpReadLimits.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
+#include <KepNuvikaUtil/HttpServerTimeLimits.h>
+#include <KepNuvikaUtil/NuvikaSslSocket.h>
 #include <KepNuvikaUtil/NuvikaTcpSocket.h>
 #include <KepNuvikaUtil/SharedPoolBuffer.h>
 
 #include <memory>
 
-/// The server side of one accepted HTTP/1.1 connection.
+/// The server side of one accepted HTTP/1.1 connection, plain or over TLS.
 ///
 /// Requests arrive by signals, in order; the owner answers each by one response(), in the same order. Bytes
 /// behind a complete request are the next one (pipelining): several may be delivered before the first answer,
@@ -31,10 +34,14 @@
 /// connection has ended, which disconnected() tells.
 /// A peer that ends its direction behind its request gets its whole answer; a connection that makes no
 /// progress for 5 s behind that end is closed.
-/// Errors: error() for a request that is no HTTP (heads and chunks are read to the letter) or exceeds a limit
-/// (setReadLimits()), for a socket error, and for a response() without a connection; never from inside a
-/// handler of error(). Inside error() after a bad request the owner may still respond, else 400 is sent; the
-/// connection closes behind that, and behind the answers to the requests before, which have 5 s.
+/// TLS: all is as in the clear. The connection counts as connected from its begin; its handshake has 10 s. A
+/// request that lasts until the connection's end is told only where close_notify announced that end, since
+/// somebody on the path may have cut it off.
+/// Errors: failure() tells why. error() for a request that is no HTTP (heads and chunks are read to the
+/// letter), exceeds a limit (setReadLimits()) or is late (setTimeLimits()), for a socket error, and for a
+/// response() without a connection; never from inside a handler of error(). Inside error() after a bad
+/// request the owner may still respond, else 400 is sent (408 for a late one); the connection closes behind
+/// that, and behind the answers to the requests before, which have 5 s.
 /// Memory: what the peer does not read waits here, and while anything waits no further request is read. A
 /// server of live pictures asks canSendContent() and skips a picture when it says no.
 class KEPNUVIKAUTIL_EXPORT HttpResponseClient : public QObject
@@ -74,6 +81,24 @@ public:
     /// too.
     HttpResponseClient(int socketDescriptor, bool singleReceive, NuvikaTcpSocket::SYSTEM_BUFFERS buffers,
         QObject* parent = nullptr);
+
+    using SslProtocol = NuvikaSslSocket::SslProtocol;
+    /// TLS. The three strings as in NuvikaSslSocket::initSsl(): our certificate with its key, the trusted
+    /// ones of clients (none: no client is asked for one), the pass phrase of our key. Files are read once
+    /// for all connections while one lives. What is wrong with them is each connection's error().
+    HttpResponseClient(int socketDescriptor, SslProtocol protocol, const QString& certificateFileName,
+        const QString& certificateFilePath, const QString& passPhrase, QObject* parent = nullptr);
+    HttpResponseClient(int socketDescriptor, SslProtocol protocol, const QString& certificateFileName,
+        const QString& certificateFilePath, const QString& passPhrase,
+        NuvikaTcpSocket::SYSTEM_BUFFERS buffers, QObject* parent = nullptr);
+    /// None by default, so that a silent peer may keep its connection for ever. From now on: an idle
+    /// connection closes without error(); a head or a body that is late ends in error() and 408, where the
+    /// answer has not begun; an answer that is not read, in error().
+    void setTimeLimits(const HttpServerTimeLimits& limits);
+    /// Why the first error() came, or the connection ended before its time; eNone until then.
+    HttpFailure failure() const;
+    /// The client's, where it was asked for one.
+    NuvikaSslSocket::PeerCertificate peerCertificate() const;
 
 signals:
     void requestReceived(const HttpRequestHeader& header, const char* content, int contentSize,

@@ -1,6 +1,7 @@
 // The receiving half of a server-side HTTP connection.
 #include "core/Log_p.h"
 #include "http/HttpResponseClient_p.h"
+#include "platform/ErrorCodes_p.h"
 
 #include <utility>
 
@@ -67,9 +68,9 @@ int HttpResponseClient::Private::readInput(const char* data, int size)
 void HttpResponseClient::Private::stallSource(bool bStall)
 {
     if (bStall)
-        m_socket.stallRecv();
+        m_pTransport->stallRecv();
     else
-        m_socket.resumeRecv();
+        m_pTransport->resumeRecv();
 }
 
 iovec HttpResponseClient::Private::target()
@@ -81,6 +82,7 @@ iovec HttpResponseClient::Private::target()
 
 void HttpResponseClient::Private::placed(int bytes)
 {
+    m_nReceived += static_cast<quint64>(bytes);
     m_content.placed(static_cast<std::size_t>(bytes));
     m_reader.contentPlaced(static_cast<std::size_t>(bytes));
 }
@@ -118,7 +120,7 @@ void HttpResponseClient::Private::handle(HttpMessageReader::Event event)
     case HttpMessageReader::Event::Failed:
         if (m_state == eConnected)
             m_exchanges.push(); // a head that never became a request
-        rejectRequest();
+        rejectRequest(HttpFailure::eBadMessage, QStringLiteral("what came is no HTTP, or exceeds a limit"));
         break;
     case HttpMessageReader::Event::NeedMore:
         break;
@@ -127,6 +129,7 @@ void HttpResponseClient::Private::handle(HttpMessageReader::Event event)
 
 void HttpResponseClient::Private::handleHead()
 {
+    ++m_nRequests;
     m_requestHeader = HttpRequestHeader::fromBytes(m_reader.data(), m_reader.size());
     const bool bOldVersion = m_requestHeader.majorVersion() == 1 && m_requestHeader.minorVersion() == 0;
     HttpExchange& exchange = m_exchanges.push();
@@ -137,13 +140,13 @@ void HttpResponseClient::Private::handleHead()
     m_bRequestCloses = exchange.bClose;
     if (!m_requestHeader.isValid()) {
         NUVIKA_DEBUG(lcHttp, "HttpResponseClient::slotSockDataReceived: received invalid header");
-        rejectRequest();
+        rejectRequest(HttpFailure::eBadMessage, QStringLiteral("a request has no valid head"));
         return;
     }
     HttpBody body = HttpBody::fromFields(
         m_requestHeader, carriesBody(m_requestHeader.method()) ? HttpBody::UntilEnd : HttpBody::None);
     if (isFramedForOthers(m_requestHeader, body)) {
-        rejectRequest();
+        rejectRequest(HttpFailure::eBadMessage, QStringLiteral("it is unclear where a request's body ends"));
         return;
     }
     body.detectMultipart(m_requestHeader);
@@ -170,7 +173,7 @@ void HttpResponseClient::Private::handleContent()
         return;
     }
     if (!m_content.add(m_reader.data(), m_reader.size()))
-        rejectRequest();
+        rejectRequest(HttpFailure::eTooLarge, QStringLiteral("a request's body exceeds the limit"));
 }
 
 void HttpResponseClient::Private::handleEnd()
@@ -195,8 +198,10 @@ bool HttpResponseClient::Private::deliver()
 }
 
 // The owner may answer inside error(), behind the answers to the requests before; else it is done here.
-void HttpResponseClient::Private::rejectRequest()
+void HttpResponseClient::Private::rejectRequest(HttpFailure::Reason reason, const QString& why)
 {
+    const bool bLate = reason == HttpFailure::eTimeLimit;
+    note(reason, bLate ? ErrorCodes::kTimedOut : ErrorCodes::kConnectionAborted, why);
     m_bNoMoreRequests = true;
     m_state = eConnected;
     m_content.clear();
@@ -206,7 +211,8 @@ void HttpResponseClient::Private::rejectRequest()
     if (!tellError() || !isOpen())
         return;
     if (m_bRejecting) {
-        HttpResponseHeader header(400, QStringLiteral("Bad Request"));
+        HttpResponseHeader header(
+            bLate ? 408 : 400, bLate ? QStringLiteral("Request Timeout") : QStringLiteral("Bad Request"));
         header.setContentLength(0);
         respond(header, false, {nullptr, 0});
     }
@@ -232,7 +238,10 @@ void HttpResponseClient::Private::readEnd(int code)
     }
     m_bNoMoreRequests = true;
     const State ended = std::exchange(m_state, eConnected);
-    if (ended == eWaitingContent && m_nExpectedContentLength == -1) {
+    const bool bWhole = ended == eWaitingContent && m_nExpectedContentLength == -1 && !m_bMayBeCut;
+    if (!bWhole && (ended != eConnected || m_reader.isInHead()))
+        note(HttpFailure::eLost, 0, QStringLiteral("the peer ended the connection within a request"));
+    if (bWhole) {
         NUVIKA_DEBUG(lcHttp,
             "HttpResponseClient::slotSockDisconnected(): if (m_state == eWaitingContent && "
             "m_nExpectedContentLength == -1)");

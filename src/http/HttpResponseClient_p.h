@@ -8,12 +8,13 @@
 #pragma once
 
 #include <KepNuvikaUtil/HttpResponseClient.h>
-#include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
 #include "http/CollectedContent_p.h"
 #include "http/HttpExchange_p.h"
 #include "http/HttpMessageReader_p.h"
 #include "http/HttpResponseWriter_p.h"
+#include "http/HttpServerTransport_p.h"
+#include "http/HttpServerWait_p.h"
 #include "net/PendingInput_p.h"
 #include "net/ReceivePlacer_p.h"
 
@@ -23,8 +24,9 @@
 class HttpResponseClient::Private final : private Nuvika::InputReader, private Nuvika::ReceivePlacer
 {
 public:
-    Private(HttpResponseClient& client, int socketDescriptor, bool bSingleReceive,
-        NuvikaTcpSocket::SYSTEM_BUFFERS buffers);
+    template <class Socket>
+    Private(HttpResponseClient& client, std::unique_ptr<Nuvika::AcceptedSocket<Socket>> transport);
+    void begin(int socketDescriptor);
 
     enum State {
         eDisconnected = 0,
@@ -36,6 +38,7 @@ public:
     };
 
     // Of the owner.
+    void setTimeLimits(const HttpServerTimeLimits& limits);
     void setLimits(const HttpReadLimits& limits)
     {
         m_limits = limits;
@@ -46,14 +49,14 @@ public:
     bool endContent();
     void disconnect();
     bool isOpen() const { return m_state != eDisconnected && m_state != eEnding; }
-    bool canSendContent() const { return isOpen() && !m_writer.isBehind() && m_socket.canSend(); }
-    // False when this object is gone.
-    bool tellError();
+    bool canSendContent() const { return isOpen() && !m_writer.isBehind() && m_pTransport->canSend(); }
+    const HttpFailure& failure() const { return m_failure; }
+    const Nuvika::HttpServerTransport& transport() const { return *m_pTransport; }
 
     // Of the socket.
     void dataReceived(const char* data, int size);
-    void peerEnded();
-    void lost(int code);
+    void peerEnded(bool bAnnounced);
+    void failed(int code);
     void canSend();
     void allSent();
 
@@ -80,7 +83,7 @@ private:
     void handleContent();
     void handleEnd();
     bool deliver();
-    void rejectRequest();
+    void rejectRequest(HttpFailure::Reason reason, const QString& why);
     void postResume();
 
     Nuvika::HttpExchange* exchangeToAnswer();
@@ -91,24 +94,29 @@ private:
     void lookAtOutput();
     void awaitAllSent();
 
+    // The first one counts.
+    void note(HttpFailure::Reason reason, int code, const QString& text);
+    // False when this object is gone.
+    bool tellError();
+    void lost(int code);
     void endIfDue();
     void beginEnding();
+
     void startLimit(unsigned int ms);
     void tick();
     void timeUp();
+    Nuvika::HttpServerWait waitsFor() const;
+    void waitIsOver(Nuvika::HttpServerWait::Kind kind);
 
     HttpResponseClient& m_client;
-
-public:
-    NuvikaTcpSocket m_socket;
-
-private:
+    const std::unique_ptr<Nuvika::HttpServerTransport> m_pTransport;
     State m_state = eDisconnected;
+    HttpFailure m_failure;
     HttpReadLimits m_limits;
     Nuvika::PendingInput m_input{*this};
     Nuvika::HttpMessageReader m_reader{Nuvika::HttpMessageReader::Strict};
     Nuvika::HttpExchanges m_exchanges;
-    Nuvika::HttpResponseWriter m_writer{m_socket};
+    Nuvika::HttpResponseWriter m_writer{*m_pTransport};
     int m_nFinishing = 0; // complete responses whose last bytes have not left
     int m_nSent = 0; // those whose bytes have left, and of which the owner has not heard
 
@@ -121,11 +129,17 @@ private:
 
     bool m_bNoMoreRequests = false;
     bool m_bInputEnded = false; // the peer's end was read
+    bool m_bMayBeCut = false; // it was not announced, as TLS has it
     bool m_bRejecting = false; // inside error() for a bad request, which has no answer yet
     bool m_bTellingError = false;
 
-    // A connection whose end has begun and that makes no progress for so long is cut.
+    // One timer looks at everything that may last too long.
     QTimer m_timer;
+    Nuvika::HttpServerWatch m_watch;
+    quint64 m_nRequests = 0;
+    quint64 m_nReceived = 0; // bytes
+
+    // A connection whose end has begun and that makes no progress for so long is cut; 0: none.
     unsigned int m_nLimitMs = 0;
     unsigned int m_nSinceMs = 0;
     quint64 m_nProgress = 0;

@@ -1,7 +1,6 @@
 #include "http/HttpResponseWriter_p.h"
 
 #include "http/HttpMessageReader_p.h"
-#include "net/HalfClose_p.h"
 
 #include <algorithm>
 #include <vector>
@@ -90,7 +89,7 @@ void HttpResponseWriter::write(const KepNuvikaUtil::BUFFER* ranges, int count)
         return;
     for (int i = 0; i < count; ++i)
         m_nWritten += static_cast<quint64>(std::max(ranges[i].nLen, 0));
-    if (!m_queue.isEmpty() || !m_socket.sendData(ranges, count)) {
+    if (!m_queue.isEmpty() || !m_socket.sendRanges(ranges, count)) {
         for (int i = 0; i < count; ++i)
             m_queue.append(ranges[i].pData, std::max(ranges[i].nLen, 0));
     }
@@ -112,7 +111,7 @@ bool HttpResponseWriter::isAllSent()
     return m_queue.isEmpty() && (m_bDiscards || !m_socket.notifyWhenAllSent());
 }
 
-quint64 HttpResponseWriter::progress() const { return m_nWritten + HalfClose::bytesSent(m_socket); }
+quint64 HttpResponseWriter::progress() const { return m_nWritten + m_socket.bytesSent(); }
 
 void HttpResponseWriter::discard()
 {

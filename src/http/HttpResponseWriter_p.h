@@ -3,8 +3,8 @@
 #pragma once
 
 #include <KepNuvikaUtil/HttpResponseHeader.h>
-#include <KepNuvikaUtil/NuvikaTcpSocket.h>
 
+#include "http/HttpServerTransport_p.h"
 #include "net/ChunkQueue_p.h"
 
 namespace Nuvika
@@ -15,7 +15,7 @@ public:
     // No content follows the head: it answers HEAD, or its status forbids one.
     enum Content { eContent, eHeadOnly };
 
-    explicit HttpResponseWriter(NuvikaTcpSocket& socket) : m_socket(socket) { }
+    explicit HttpResponseWriter(HttpServerTransport& socket) : m_socket(socket) { }
 
     // Only the connection's end can tell the end of that response.
     static bool lastsUntilEnd(const HttpResponseHeader& header);
@@ -41,7 +41,7 @@ private:
     void write(const KepNuvikaUtil::BUFFER* ranges, int count);
     void writeChunk(const KepNuvikaUtil::BUFFER* prefix, const KepNuvikaUtil::BUFFER* ranges, int count);
 
-    NuvikaTcpSocket& m_socket;
+    HttpServerTransport& m_socket;
     ChunkQueue m_queue; // written and not yet taken by the socket
     quint64 m_nWritten = 0;
     bool m_bChunked = false;

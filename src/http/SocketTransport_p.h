@@ -1,4 +1,4 @@
-// Private: an HTTP transport over a socket that queues, plain or TLS.
+// Private: an HTTP transport over a socket, plain or TLS.
 #pragma once
 
 #include <KepNuvikaUtil/NuvikaSslSocket.h>
@@ -12,8 +12,8 @@
 
 namespace Nuvika
 {
-template <class Socket>
-class SocketTransport : public HttpTransport
+template <class Socket, class Transport = HttpTransport>
+class SocketTransport : public Transport
 {
 public:
     explicit SocketTransport(Socket& socket) : m_socket(socket) { }
@@ -38,6 +38,7 @@ public:
     bool hasProxyFailed() const override { return ProxyTunnel::failedLast(m_socket); }
 
 private:
+    static void endSending(NuvikaTcpSocket& socket) { socket.sendEndOfData(); }
     static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }
     static void endSending(NuvikaSslSocket& socket) { socket.sendEndOfData(); }
 

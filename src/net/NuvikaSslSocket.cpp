@@ -1,3 +1,4 @@
+#include "net/HalfClose_p.h"
 #include "net/NuvikaSslSocket_p.h"
 #include "net/PeerCertificates_p.h"
 #include "net/ProxyTunnel_p.h"
@@ -76,7 +77,16 @@ void NuvikaSslSocket::setSocketDescriptor(int socket) { d->accept(socket); }
 
 void NuvikaSslSocket::close() { d->close(); }
 
-bool NuvikaSslSocket::sendData(const char* data, int size) { return d->send(data, size); }
+bool NuvikaSslSocket::sendData(const char* data, int size)
+{
+    const KepNuvikaUtil::BUFFER range{data, size};
+    return size >= 0 && d->send(&range, 1);
+}
+
+bool NuvikaSslSocket::sendData(const KepNuvikaUtil::BUFFER* buffer, int count)
+{
+    return d->send(buffer, count);
+}
 
 void NuvikaSslSocket::sendEndOfData() { d->sendEndOfData(); }
 
@@ -91,6 +101,13 @@ void ReceivePlacer::set(NuvikaSslSocket& socket, ReceivePlacer& placer) { socket
 void ProxyTunnel::set(NuvikaSslSocket& socket, const ProxyAddress& proxy) { set(socket.d->m_socket, proxy); }
 
 bool ProxyTunnel::failedLast(const NuvikaSslSocket& socket) { return failedLast(socket.d->m_socket); }
+
+void HalfClose::setHandler(NuvikaSslSocket& socket, std::function<void(bool)> peerEnded)
+{
+    socket.d->setEndHandler(std::move(peerEnded));
+}
+
+quint64 HalfClose::bytesSent(const NuvikaSslSocket& socket) { return bytesSent(socket.d->m_socket); }
 
 bool NuvikaSslSocket::notifyWhenAllSent() { return d->notifyWhenAllSent(); }
 bool NuvikaSslSocket::hasPendingInput() const { return d->hasPendingInput(); }

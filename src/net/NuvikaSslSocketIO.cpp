@@ -1,3 +1,4 @@
+#include "net/HalfClose_p.h"
 #include "net/NuvikaSslSocket_p.h"
 #include "net/SendRoom_p.h"
 
@@ -64,13 +65,13 @@ void NuvikaSslSocket::Private::stallSource(bool bStall)
 // False when this connection is over.
 bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
 {
-    if (m_state != eOpen)
+    if (m_state != eOpen || m_bPeerEnded)
         return true;
     const ReadBuffer buffer;
     for (;;) {
         const TlsSession::Result result = deliverSome(buffer.data());
-        if (watch.holds() && waitingHasEnded() && canSend())
-            emit m_owner.sigCanSend();
+        if (watch.holds() && waitingHasEnded())
+            tellCaughtUp(watch);
         if (!watch.holds())
             return false;
         if (m_nAnswers > kAnswersLimit) {
@@ -84,6 +85,8 @@ bool NuvikaSslSocket::Private::deliver(const Watched::Watch& watch)
         case TlsSession::eWantInput:
             return true;
         case TlsSession::eClosed:
+            if (m_peerEnded)
+                return tellPeerEnded(true);
             m_pSession->endWriting();
             endSession();
             m_socket.close();
@@ -154,19 +157,35 @@ void NuvikaSslSocket::Private::sendEncrypted(const char* data, int size)
         m_nAnswers += size;
 }
 
-bool NuvikaSslSocket::Private::send(const char* data, int size)
+bool NuvikaSslSocket::Private::send(const KepNuvikaUtil::BUFFER* ranges, int count)
 {
-    if (m_state != eOpen || size < 0 || isSendLimitReached())
+    if (m_state != eOpen || count < 0 || isSendLimitReached())
         return false;
     const TlsFailure& failure = m_pSession->failure();
     const bool bFailed = failure.nCode != 0;
-    if (!m_pSession->write(data, size)) {
+    if (!m_pSession->write(ranges, count)) {
         if (!bFailed && failure.nCode != 0)
             failLater(failure.nCode, QString(failure.text));
         return false;
     }
     waitingHasEnded();
     return true;
+}
+
+bool NuvikaSslSocket::Private::notifyWhenAllSent()
+{
+    if (m_state != eOpen)
+        return false;
+    m_bTellAllSent = m_pSession->isWaiting();
+    return m_bTellAllSent || m_socket.notifyWhenAllSent();
+}
+
+void NuvikaSslSocket::Private::tellCaughtUp(const Watched::Watch& watch)
+{
+    if (std::exchange(m_bTellAllSent, false) && !m_socket.notifyWhenAllSent())
+        emit m_owner.sigAllSent();
+    if (watch.holds() && canSend())
+        emit m_owner.sigCanSend();
 }
 
 qint64 NuvikaSslSocket::Private::bytesToSend() const
@@ -216,6 +235,8 @@ void NuvikaSslSocket::Private::endSession()
     m_pSession.reset();
     m_input.reset();
     m_bEndOfData = false;
+    m_bTellAllSent = false;
+    m_bPeerEnded = false;
     m_nAnswers = 0;
 }
 
@@ -264,11 +285,30 @@ void NuvikaSslSocket::Private::readEnd(int code)
         fail(TlsFailure::kOther,
             QStringLiteral("%1 closed the connection during the TLS handshake")
                 .arg(m_pSession->failure().who()));
+    } else if (m_peerEnded) {
+        tellPeerEnded(false);
     } else {
         endSession();
         m_state = eIdle;
         emit m_owner.disconnected(1);
     }
+}
+
+void NuvikaSslSocket::Private::setEndHandler(std::function<void(bool)> peerEnded)
+{
+    m_peerEnded = std::move(peerEnded);
+    HalfClose::setHandler(m_socket, [this] { tcpEnded(0); });
+}
+
+// False when this connection is over.
+bool NuvikaSslSocket::Private::tellPeerEnded(bool bAnnounced)
+{
+    if (std::exchange(m_bPeerEnded, true))
+        return true;
+    const Watched::Watch watch = m_watched.watch();
+    const std::function<void(bool)> peerEnded = m_peerEnded; // may destroy this socket
+    peerEnded(bAnnounced);
+    return watch.holds();
 }
 
 void NuvikaSslSocket::Private::fail(int code, const QString& problem)

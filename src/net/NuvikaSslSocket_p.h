@@ -27,13 +27,15 @@ public:
     void connectTo(const QString& host, quint16 port, const std::function<void()>& connectSocket);
     void accept(int descriptor);
     void close();
-    bool send(const char* data, int size);
+    bool send(const KepNuvikaUtil::BUFFER* ranges, int count);
     void sendEndOfData();
     bool canSend() const { return m_state == eOpen && !m_pSession->isWaiting() && m_socket.canSend(); }
     void stall();
     void resume();
     bool hasPendingInput() const;
-    bool notifyWhenAllSent() { return m_state == eOpen && m_socket.notifyWhenAllSent(); }
+    bool notifyWhenAllSent();
+    // Of who goes on sending behind the peer's end.
+    void setEndHandler(std::function<void(bool bAnnounced)> peerEnded);
     qint64 bytesToSend() const;
     bool isSendLimitReached() const { return m_nSendLimit > 0 && bytesToSend() >= m_nSendLimit; }
     void setSendLimit(qint64 bytes);
@@ -72,6 +74,8 @@ private:
     Nuvika::TlsSession::Result deliverSome(char* buffer);
     Nuvika::TlsSession::Result readSome(char* buffer, std::size_t size, int* got);
     bool waitingHasEnded();
+    void tellCaughtUp(const Nuvika::Watched::Watch& watch);
+    bool tellPeerEnded(bool bAnnounced);
     void tcpEnded(int code); // 0: in good order
     void closeCompleted();
     void endSession();
@@ -95,6 +99,9 @@ private:
     Nuvika::PendingInput m_input{*this};
     bool m_bStalled = false; // by the user, from the handshake's end on
     bool m_bEndOfData = false; // TCP's end is still to be sent
+    bool m_bTellAllSent = false; // once nothing waits for the peer's handshake any more
+    std::function<void(bool)> m_peerEnded; // instead of the end at the peer's end
+    bool m_bPeerEnded = false; // it was told; nothing is read any more
     bool m_bReading = false; // what leaves now is nobody's wish but the peer's
     qint64 m_nSendLimit = 0;
     int m_nAnswers = 0; // such bytes, while the peer does not read

@@ -1,11 +1,13 @@
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
 #include "net/ChunkQueue_p.h"
+#include "net/HalfClose_p.h"
 #include "net/ProxyTunnel_p.h"
 #include "net/ReceivePlacer_p.h"
 #include "net/SendRoom_p.h"
 
 #include <algorithm>
+#include <utility>
 
 using Nuvika::ChunkQueue;
 
@@ -209,6 +211,16 @@ NuvikaTcpSocket::STATE NuvikaTcpSocketQueued::getState()
 QString NuvikaTcpSocketQueued::errorString()
 {
     return m_pTunnel && m_pTunnel->hasFailed() ? m_pTunnel->problem() : m_pSocket->errorString();
+}
+
+void Nuvika::HalfClose::setHandler(NuvikaTcpSocketQueued& socket, std::function<void()> peerEnded)
+{
+    setHandler(*socket.m_pSocket, std::move(peerEnded));
+}
+
+quint64 Nuvika::HalfClose::bytesSent(const NuvikaTcpSocketQueued& socket)
+{
+    return bytesSent(*socket.m_pSocket);
 }
 
 QHostAddress NuvikaTcpSocketQueued::localAddress() { return m_pSocket->localAddress(); }

@@ -8,6 +8,7 @@
 namespace Nuvika
 {
 class ChunkQueue;
+class HalfClose;
 class ProxyTunnel;
 class ReceivePlacer;
 class SendRoom;
@@ -109,5 +110,6 @@ private:
     std::unique_ptr<Nuvika::ProxyTunnel> m_pTunnel; // once a proxy was named
     friend class Nuvika::ReceivePlacer;
     friend class Nuvika::ProxyTunnel;
+    friend class Nuvika::HalfClose;
     friend class Nuvika::SendRoom;
 };

@@ -282,10 +282,20 @@ bool TlsSession::writeSome(const char* data, int size, int* written)
     return true;
 }
 
-bool TlsSession::write(const char* data, int size)
+bool TlsSession::write(const KepNuvikaUtil::BUFFER* ranges, int count)
 {
     if (m_bEndWaits || (SSL_get_shutdown(m_pSsl.get()) & SSL_SENT_SHUTDOWN) != 0)
         return false;
+    bool bGood = true;
+    for (int i = 0; i < count && bGood; ++i)
+        bGood = ranges[i].nLen <= 0 || writeRange(ranges[i].pData, ranges[i].nLen);
+    flush();
+    return bGood;
+}
+
+// Or keeps what has to wait.
+bool TlsSession::writeRange(const char* data, int size)
+{
     int written = 0;
     bool bGood = !m_waiting.isEmpty() || writeSome(data, size, &written);
     if (bGood && size - written > kMostWaiting - m_waiting.size()) {
@@ -296,7 +306,6 @@ bool TlsSession::write(const char* data, int size)
     }
     if (bGood)
         m_waiting.append(data + written, size - written);
-    flush();
     return bGood;
 }
 

@@ -1,6 +1,8 @@
 // Private: one TLS connection over memory: received bytes in, bytes to send out, no socket and no signal.
 #pragma once
 
+#include <KepNuvikaUtil/Buffer.h>
+
 #include "net/TlsContext_p.h"
 #include "net/TlsFailure_p.h"
 #include "net/TlsPeerCheck_p.h"
@@ -47,7 +49,12 @@ public:
     // Fills the buffer as far as whole records allow; what is in it counts whatever the result.
     Result read(char* buffer, int size, int* got);
     // False when the connection cannot send any more: after endWriting(), or failure() tells why.
-    bool write(const char* data, int size);
+    bool write(const KepNuvikaUtil::BUFFER* ranges, int count);
+    bool write(const char* data, int size)
+    {
+        const KepNuvikaUtil::BUFFER range{data, size};
+        return write(&range, 1);
+    }
     // Sends close_notify; the other direction stays open.
     void endWriting();
     // What was written, or the end, waits until the peer goes on with a message or a handshake that it has
@@ -80,6 +87,7 @@ private:
     bool expectHost(const QByteArray& name, bool bAddress);
     Result resultOf(int code);
     void releaseBuffers();
+    bool writeRange(const char* data, int size);
     bool writeSome(const char* data, int size, int* written);
     void flush();
 

@@ -21,6 +21,7 @@ constexpr int kConnectionAborted = 10053;
 constexpr int kConnectionReset = 10054;
 constexpr int kNoBuffers = 10055;
 constexpr int kIsConnected = 10056;
+constexpr int kNotConnected = 10057;
 constexpr int kCallFailure = 10107;
 constexpr int kTimedOut = 10060;
 constexpr int kConnectionRefused = 10061;

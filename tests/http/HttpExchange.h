@@ -1,11 +1,10 @@
-// A client and a connection of a server under test, each with a peer that speaks byte by byte.
+// A client under test, with a server that speaks byte by byte.
 #pragma once
 
 #include "support/EventLoop.h"
 #include "support/RawPeer.h"
 
 #include <KepNuvikaUtil/HttpClient.h>
-#include <KepNuvikaUtil/HttpResponseClient.h>
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -157,48 +156,3 @@ inline QByteArray sized(const QByteArray& body)
 {
     return ok("content-length: " + QByteArray::number(body.size()) + "\r\n", body);
 }
-
-struct Served : Told {
-    RawListener listener;
-    RawSocket client;
-    std::unique_ptr<HttpResponseClient> server;
-
-    Served() : client(RawSocket::connectTo(listener.port()))
-    {
-        RawSocket accepted;
-        waitFor([&] { return (accepted = listener.accept()).isOpen(); });
-        server = std::make_unique<HttpResponseClient>(accepted.release(), false);
-        using Server = HttpResponseClient;
-        Server* s = server.get();
-        QObject::connect(s, &Server::requestReceived,
-            [this](const HttpRequestHeader& header, const char* data, int size, Marker) {
-                note(header.method() + QLatin1Char(' ') + header.path() + QLatin1Char(' ')
-                    + latin1(data, size));
-            });
-        QObject::connect(
-            s, &Server::contentChunk, [this](const HttpRequestHeader&, const char* data, int size, Marker) {
-                note(QStringLiteral("chunk ") + latin1(data, size));
-            });
-        QObject::connect(s, &Server::multipartReplaceContent,
-            [this](const HttpRequestHeader&, const char*, const char* data, int size, Marker) {
-                note(QStringLiteral("part ") + latin1(data, size));
-            });
-        QObject::connect(s, &Server::responseFinished, [this] { note(QStringLiteral("finished")); });
-        QObject::connect(s, &Server::error, [this] { note(QStringLiteral("error")); });
-        QObject::connect(s, &Server::disconnected, [this] { note(QStringLiteral("disconnected")); });
-    }
-    void respond(int code, const QByteArray& body, const char* field = nullptr, const char* value = nullptr,
-        bool bMore = false)
-    {
-        HttpResponseHeader header(code, QStringLiteral("X"));
-        if (field == nullptr)
-            header.setContentLength(body.size());
-        else
-            header.addValue(QLatin1String(field), QLatin1String(value));
-        SharedPoolBuffer content = pool->getBuffer();
-        content.setData(body.constData(), body.size());
-        server->response(header, bMore, &content);
-    }
-    SharedBufferPool* pool = new SharedBufferPool;
-    ~Served() { pool->release(); }
-};

@@ -1,5 +1,5 @@
 // What a server connection reads, in which order it answers, and when it ends.
-#include "http/HttpExchange.h"
+#include "http/Served.h"
 #include "support/LogCapture.h"
 #include "support/Seams.h"
 
@@ -8,6 +8,17 @@
 
 namespace
 {
+// All of it holds over TLS as it does in the clear.
+class HttpServerExchange : public testing::TestWithParam<bool>
+{
+protected:
+    void SetUp() override
+    {
+        Served::s_usual = ServedWish{GetParam() ? certificates().forLocalhost() : QString()};
+    }
+    void TearDown() override { Served::s_usual = ServedWish(); }
+};
+
 const QByteArray kChunked = "PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
 const char* kFinal = "HTTP/1.1 200 X\r\n";
 
@@ -26,7 +37,10 @@ QByteArray answersIn(QByteArray bytes)
 }
 } // namespace
 
-TEST(HttpServerExchange, ReadsRequestsToTheLetter)
+INSTANTIATE_TEST_SUITE_P(
+    Over, HttpServerExchange, testing::Bool(), [](const auto& over) { return over.param ? "Tls" : "Tcp"; });
+
+TEST_P(HttpServerExchange, ReadsRequestsToTheLetter)
 {
     const QByteArray refused[] = {"GET / HTTP/1.1\r\nTransfer-Encoding : chunked\r\n\r\n",
         "GET / HTTP/1.1\r\nTransfer-Encoding\xa0: chunked\r\n\r\n",
@@ -76,7 +90,7 @@ TEST(HttpServerExchange, ReadsRequestsToTheLetter)
     }
 }
 
-TEST(HttpServerExchange, AnInterimAnswerWaitsForTheAnswersBefore)
+TEST_P(HttpServerExchange, AnInterimAnswerWaitsForTheAnswersBefore)
 {
     Served s;
     s.client.write(get("/1") + get("/2"));
@@ -95,7 +109,7 @@ TEST(HttpServerExchange, AnInterimAnswerWaitsForTheAnswersBefore)
     EXPECT_TRUE(s.expect({"finished", "finished", "PUT /3 ok"}));
 }
 
-TEST(HttpServerExchange, AContentOfNoLengthEndsWithThePeer)
+TEST_P(HttpServerExchange, AContentOfNoLengthEndsWithThePeer)
 {
     Served s;
     LogCapture log;
@@ -114,7 +128,7 @@ TEST(HttpServerExchange, AContentOfNoLengthEndsWithThePeer)
     EXPECT_TRUE(waitFor([&] { return large.client.atEnd(); }));
 }
 
-TEST(HttpServerExchange, FinishedFollowsTheLastByteAndCloseLosesNothing)
+TEST_P(HttpServerExchange, FinishedFollowsTheLastByteAndCloseLosesNothing)
 {
     Served s;
     s.client.write("GET / HTTP/1.1\r\nConnection: close\r\n\r\n");
@@ -129,7 +143,7 @@ TEST(HttpServerExchange, FinishedFollowsTheLastByteAndCloseLosesNothing)
     EXPECT_TRUE(s.expect({"finished"}));
 }
 
-TEST(HttpServerExchange, ASlowViewerIsSeenSoon)
+TEST_P(HttpServerExchange, ASlowViewerIsSeenSoon)
 {
     Served s;
     s.client.write(get("/live"));
@@ -144,7 +158,7 @@ TEST(HttpServerExchange, ASlowViewerIsSeenSoon)
     EXPECT_TRUE(sent > 2 && sent < 200) << sent;
 }
 
-TEST(HttpServerExchange, RequestsBeyondTheBoundWaitForAnswers)
+TEST_P(HttpServerExchange, RequestsBeyondTheBoundWaitForAnswers)
 {
     constexpr int kRequests = 20000;
     Served s;
@@ -165,7 +179,7 @@ TEST(HttpServerExchange, RequestsBeyondTheBoundWaitForAnswers)
     EXPECT_TRUE(waitFor([&] { return s.client.received().count("\r\n\r\nx") == kRequests; }));
 }
 
-TEST(HttpServerExchange, ABadRequestIsAnsweredBehindThoseBeforeIt)
+TEST_P(HttpServerExchange, ABadRequestIsAnsweredBehindThoseBeforeIt)
 {
     const struct {
         bool bFirst, bOwn, bLater;
@@ -195,7 +209,7 @@ TEST(HttpServerExchange, ABadRequestIsAnsweredBehindThoseBeforeIt)
     }
 }
 
-TEST(HttpServerExchange, NoErrorComesFromInsideAnErrorHandler)
+TEST_P(HttpServerExchange, NoErrorComesFromInsideAnErrorHandler)
 {
     Served s;
     s.onEvent = [&](const QString& event) {
@@ -210,7 +224,7 @@ TEST(HttpServerExchange, NoErrorComesFromInsideAnErrorHandler)
     }
 }
 
-TEST(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
+TEST_P(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
 {
     const QByteArray big(8 << 20, 'b');
     Served s;
@@ -254,7 +268,7 @@ TEST(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
     EXPECT_TRUE(cut.expect({"disconnected"})) << "a request that never became complete";
 }
 
-TEST(HttpServerExchange, ThePeersEndWaitsBehindRequestsOfANestedLoop)
+TEST_P(HttpServerExchange, ThePeersEndWaitsBehindRequestsOfANestedLoop)
 {
     Served s;
     s.onEvent = [&](const QString& event) {
@@ -273,7 +287,7 @@ TEST(HttpServerExchange, ThePeersEndWaitsBehindRequestsOfANestedLoop)
     EXPECT_EQ(answersIn(s.client.received()), "200:1 200:2");
 }
 
-TEST(HttpServerExchange, ConnectionIsAListOfTokens)
+TEST_P(HttpServerExchange, ConnectionIsAListOfTokens)
 {
     const std::pair<const char*, bool> fields[] = {
         {"Connection: close, x-other", true},
@@ -295,7 +309,7 @@ TEST(HttpServerExchange, ConnectionIsAListOfTokens)
 }
 
 // Under a sanitizer the allocator tells nothing, and this shows nothing.
-TEST(HttpServerExchange, MemoryOfLargeContentIsGivenBack)
+TEST_P(HttpServerExchange, MemoryOfLargeContentIsGivenBack)
 {
     const auto inUse = [] {
         const struct mallinfo2 info = mallinfo2();
@@ -328,7 +342,7 @@ TEST(HttpServerExchange, MemoryOfLargeContentIsGivenBack)
     }
 }
 
-TEST(HttpServerExchange, APeerThatDoesNotReadIsNotReadEither)
+TEST_P(HttpServerExchange, APeerThatDoesNotReadIsNotReadEither)
 {
     Served s;
     s.onEvent = [&](const QString& event) {
@@ -347,7 +361,7 @@ TEST(HttpServerExchange, APeerThatDoesNotReadIsNotReadEither)
 }
 
 // The loop of a handler that hears of the first answer brings everything that follows, the end included.
-TEST(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
+TEST_P(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
 {
     Served s;
     s.onEvent = [&](const QString& event) {
@@ -369,7 +383,7 @@ TEST(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
         s.events.mid(3).join(QLatin1Char(' ')).toStdString(), "GET /last  finished finished disconnected");
 }
 
-TEST(HttpServerExchange, HandlersMayCloseDeleteAnswerOrRunALoopInEachSignal)
+TEST_P(HttpServerExchange, HandlersMayCloseDeleteAnswerOrRunALoopInEachSignal)
 {
     const QByteArray requests = get("/") + kChunked + "1\r\na\r\n0\r\n\r\n"
         + "PUT / HTTP/1.1\r\nContent-Type: multipart/x-mixed-replace; boundary=b\r\n"

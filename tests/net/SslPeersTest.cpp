@@ -71,10 +71,12 @@ struct HoldUp {
     Client client;
     QByteArray rest;
     int rooms = 0; // sigCanSend()
+    int sent = 0; // sigAllSent()
 
     explicit HoldUp(int version) : server(version)
     {
         QObject::connect(client.socket.get(), &Ssl::sigCanSend, [this] { ++rooms; });
+        QObject::connect(client.socket.get(), &Ssl::sigAllSent, [this] { ++sent; });
         server.meet(client);
         if (version == TLS1_2_VERSION) {
             SSL_renegotiate(server.ssl);
@@ -116,14 +118,16 @@ TEST(SslPeers, WhatWaitsForThePeersNextStepFollowsItAndTheEndFollowsThat)
             held.client.send(text(3000000)); // more than the peer may make us answer
             if (bEnd)
                 held.client.socket->sendEndOfData();
+            EXPECT_TRUE(held.client.socket->notifyWhenAllSent()) << "what waits has not left";
             settle();
             EXPECT_FALSE(held.server.peer.atEnd()) << "before what waits";
-            EXPECT_EQ(held.rooms, 0);
+            EXPECT_EQ(held.rooms + held.sent, 0);
             ASSERT_TRUE(waitFor([&] {
                 held.goOn();
                 return held.server.plain.size() > 3000000 && (!bEnd || held.server.peer.atEnd());
             })) << version
                 << bEnd;
+            EXPECT_EQ(held.sent, 1) << version << bEnd;
             if (bEnd) {
                 EXPECT_EQ(SSL_get_shutdown(held.server.ssl) & SSL_RECEIVED_SHUTDOWN, SSL_RECEIVED_SHUTDOWN);
             } else {

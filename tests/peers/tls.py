@@ -2,16 +2,18 @@
 import contextlib
 import os
 import pathlib
+import re
 import socket
 import ssl
 import subprocess
 import sys
 import unittest
 
-from peers import PICTURE, PeerTest, free_port, process, tool, wait_for_port, watch
+from peers import PICTURE, PeerTest, TOOL, free_port, process, tool, wait_for_port, watch
 
 OUR_SERVER = sys.argv.pop(1) if len(sys.argv) > 1 else "tls_server"
 EXAMPLE = sys.argv.pop(1) if len(sys.argv) > 1 else "example_https_get"
+SERVER_EXAMPLE = sys.argv.pop(1) if len(sys.argv) > 1 else "example_https_server"
 
 NGINX = """
   types {{ image/jpeg jpg; text/plain txt; }}
@@ -201,6 +203,32 @@ class Tls(PeerTest):
             with socket.create_connection(("127.0.0.1", int(port))) as plain:
                 plain.sendall(b"GET / HTTP/1.0\r\n\r\n")
                 self.assertEqual([server.stdout.readline() for _ in range(3)][2], "error the peer does not speak TLS on this port\n")
+
+    def curl(self, *arguments):
+        out = subprocess.run(["curl", "-sSv", "--cacert", self.ca, *arguments], capture_output=True, text=True, timeout=60)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        return out.stdout, out.stderr
+
+    def test_http_of_ours_over_tls(self):
+        with process([SERVER_EXAMPLE, self.cam], stdout=subprocess.PIPE, text=True) as server:
+            url = server.stdout.readline().strip()
+            text, log = self.curl(url + "a", url + "b")
+            self.assertEqual(text, "You asked for /a.\nYou asked for /b.\n")
+            self.assertIn("Re-using existing connection", log)
+            for protocol in ("1.2", "1.3"):
+                text, _ = self.curl("--tls-max", protocol, "-H", "Expect: 100-continue", "--data-binary", "@" + SERVER_EXAMPLE, url)
+                self.assertEqual(text, "You asked for /.\n")
+            text, log = self.curl("-0", url)
+            self.assertEqual(text, "You asked for /.\n")
+            self.assertNotIn("eof while reading", log)
+
+    def test_the_page_over_tls(self):
+        picture = f"http://127.0.0.1:{free_port()}/nobody.jpg"
+        with process([TOOL, "watch", picture, "--port", "0", "--page-cert", self.cam], stdout=subprocess.PIPE, text=True) as child:
+            url = re.search(r"https://\S+", child.stdout.readline()).group()
+            self.assertIn("<html", self.curl(url)[0])
+            self.assertIn('"cameras"', self.curl("-k", url + "state.json")[0])
+        self.check_tool(26, "watch", picture, "--page-cert", self.path("nothing.pem"))
 
 
 if __name__ == "__main__":

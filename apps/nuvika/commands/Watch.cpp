@@ -41,7 +41,8 @@ bool listen(Recorder& recorder, CommandServer& commands, const RecorderOptions& 
         Output::complain(QStringLiteral("cannot listen for commands on port %1").arg(options.commandPort));
         return false;
     }
-    Output::print("The page with every camera: http://127.0.0.1:%hu/\n", recorder.port());
+    Output::print("The page with every camera: %s://127.0.0.1:%hu/\n", recorder.isTls() ? "https" : "http",
+        recorder.port());
     Output::print("Commands (nuvika status, nuvika send): 127.0.0.1:%hu\n", commands.port());
     if (!options.rtsp.isEmpty())
         Output::print("The cameras by RTSP: %s\n", qUtf8Printable(options.rtsp));
@@ -90,6 +91,9 @@ void addCommonOptions(QCommandLineParser& parser)
             QStringLiteral("The page answers to requests for NAME, too, not for localhost only; may stand "
                            "more than once."),
             QStringLiteral("NAME")},
+        {QStringLiteral("page-cert"),
+            QStringLiteral("The page comes over TLS, with the certificate and key of FILE (PEM)."),
+            QStringLiteral("FILE")},
         {QStringLiteral("seconds"), QStringLiteral("End after S seconds, with a summary."),
             QStringLiteral("S")},
     });
@@ -110,6 +114,17 @@ bool readCommonOptions(
         }
     }
     return options->port >= 0 && options->commandPort >= 0 && options->seconds >= 0;
+}
+
+// False with a message.
+bool readPageCertificate(const QCommandLineParser& parser, Recorder& recorder)
+{
+    const QString option = QStringLiteral("page-cert");
+    QString problem;
+    if (!parser.isSet(option) || recorder.useTls(parser.value(option), &problem))
+        return true;
+    Output::complain(problem);
+    return false;
 }
 
 // Those of the configuration file, then those of the command line. An exit code, with a message where it is
@@ -204,6 +219,8 @@ int runDemo(const QStringList& arguments)
     const int defaultSeconds = Display().isTerminal() ? 0 : kSecondsWithoutTerminal;
     if (!readCommonOptions(parser, defaultSeconds, recorder, &options) || count < 0 || media.nLossPercent < 0)
         return Exit::kUsage;
+    if (!readPageCertificate(parser, recorder))
+        return Exit::kRead;
 
     const int rtspPort = numberOf(parser, "rtsp-port", 0, 0, 65535);
     if (rtspPort < 0)
@@ -254,6 +271,8 @@ int runWatch(const QStringList& arguments)
         return Exit::kUsage;
     if (const auto code = checkTlsOptions(parser))
         return *code;
+    if (!readPageCertificate(parser, recorder))
+        return Exit::kRead;
     if (const int code = collectCameras(parser, &cameras); code != Exit::kOk)
         return code;
     addCameras(recorder, cameras);

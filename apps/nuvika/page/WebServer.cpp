@@ -25,6 +25,8 @@ const char* reason(int code)
 constexpr int kMaxRequestHead = 65536;
 constexpr int kMaxRequestBody = 1 << 20;
 constexpr char kBoundary[] = "nuvika-picture";
+// Browsers keep what they do not use, and viewers that are only paused come back.
+constexpr HttpServerTimeLimits kTimeLimits{60000, 20000, 20000, 300000};
 } // namespace
 
 WebServer::WebServer(Handler handler) : m_handler(std::move(handler)), m_pool(new SharedBufferPool)
@@ -34,9 +36,27 @@ WebServer::WebServer(Handler handler) : m_handler(std::move(handler)), m_pool(ne
 
 WebServer::~WebServer() { m_pool->release(); }
 
+bool WebServer::useTls(const QString& certificate, QString* problem)
+{
+    m_certificate = certificate;
+    m_pTls = std::make_unique<NuvikaSslSocket>();
+    const bool bGood = m_pTls->initSsl(true, NuvikaSslSocket::eSslAny12, certificate, QString(), QString());
+    *problem = m_pTls->errorString();
+    return bGood;
+}
+
+HttpResponseClient* WebServer::connectionOf(int descriptor)
+{
+    if (!m_pTls)
+        return new HttpResponseClient(descriptor, false, this);
+    return new HttpResponseClient(
+        descriptor, NuvikaSslSocket::eSslAny12, m_certificate, QString(), QString(), this);
+}
+
 void WebServer::accept(int descriptor)
 {
-    auto* connection = new HttpResponseClient(descriptor, false, this);
+    HttpResponseClient* connection = connectionOf(descriptor);
+    connection->setTimeLimits(kTimeLimits);
     HttpReadLimits limits;
     limits.nHead = kMaxRequestHead;
     limits.nContent = kMaxRequestBody;

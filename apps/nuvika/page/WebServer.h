@@ -7,6 +7,7 @@
 #include <QtCore/QObject>
 
 #include <functional>
+#include <memory>
 
 class WebServer : public QObject
 {
@@ -16,6 +17,9 @@ public:
     explicit WebServer(Handler handler);
     ~WebServer() override;
 
+    // Over TLS from now on, with the certificate and key of this file. False with a sentence.
+    bool useTls(const QString& certificate, QString* problem);
+    bool isTls() const { return m_pTls != nullptr; }
     bool listen(const QHostAddress& address, unsigned short port) { return m_server.listen(address, port); }
     unsigned short port() const { return m_server.serverPort(); }
 
@@ -26,8 +30,11 @@ public:
 
 private:
     void accept(int descriptor);
+    HttpResponseClient* connectionOf(int descriptor);
 
     Handler m_handler;
+    QString m_certificate;
+    std::unique_ptr<NuvikaSslSocket> m_pTls; // keeps what all connections share
     NuvikaTcpServer m_server;
     SharedBufferPool* m_pool; // released, never deleted
 };

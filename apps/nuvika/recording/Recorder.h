@@ -24,6 +24,12 @@ public:
     bool saveTo(const QString& folder, QString* problem);
     // The page answers under this name, too; false for what is no name.
     bool answerTo(const QString& host) { return m_hosts.add(host); }
+    // The page comes over TLS. False with a sentence.
+    bool useTls(const QString& certificate, QString* problem)
+    {
+        return m_server.useTls(certificate, problem);
+    }
+    bool isTls() const { return m_server.isTls(); }
     bool listen(unsigned short port) { return m_server.listen(QHostAddress(QHostAddress::LocalHost), port); }
     unsigned short port() const { return m_server.port(); }
     void start();

@@ -22,7 +22,7 @@ void ask(Run& run)
 {
     sim::Random& random = run.stage.world.random();
     for (std::uint64_t left = random.below(5); left > 0; --left) {
-        if (random.chance(0.7))
+        if (run.stage.pCertificates == nullptr && random.chance(0.7))
             run.askers.push_back(std::make_unique<AskerOf<HttpClient>>(run.stage));
         else
             run.askers.push_back(std::make_unique<AskerOf<HttpsClient>>(run.stage));
@@ -30,7 +30,7 @@ void ask(Run& run)
     for (std::uint64_t left = random.size(100); left > 0; --left) {
         if (!run.askers.empty())
             random.pick(run.askers)->act();
-        if (random.chance(0.1) && run.pipeliners.size() < 4)
+        if (run.stage.pCertificates == nullptr && random.chance(0.1) && run.pipeliners.size() < 4)
             run.pipeliners.push_back(std::make_unique<Pipeliner>(run.stage));
         run.stage.world.run(random.size(200));
     }
@@ -66,11 +66,10 @@ void finish(Run& run)
     for (const auto& connection : run.connections)
         world.expect(connection->isOver(), "a connection does not end: %s", connection->text().c_str());
 }
-} // namespace
-
-SCENARIO(http)
+void play(sim::World& world, Certificates* certificates)
 {
     Stage stage(world);
+    stage.pCertificates = certificates;
     world.weather().noMemory = 0; // a collected body without memory ends the process
     stage.weather = world.weather();
     stage.bCalm = world.random().chance(0.5);
@@ -86,4 +85,14 @@ SCENARIO(http)
     finish(run);
     run.connections.clear();
     stage.pool.reset();
+}
+} // namespace
+
+SCENARIO(http) { play(world, nullptr); }
+
+SCENARIO(https)
+{
+    Certificates certificates;
+    certificates.forLocalhost();
+    play(world, &certificates);
 }

@@ -58,7 +58,14 @@ private:
 
     void makeClient()
     {
-        m_pClient = std::make_unique<Client>(QStringLiteral("127.0.0.1"), m_stage.nPort, true);
+        const QString host = QStringLiteral("127.0.0.1");
+        if constexpr (std::is_same_v<Client, HttpsClient>) {
+            if (m_stage.pCertificates != nullptr)
+                m_pClient = std::make_unique<Client>(host, m_stage.nPort, true, NuvikaSslSocket::eSslAny12,
+                    QString(), m_stage.pCertificates->authority(), QString());
+        }
+        if (!m_pClient)
+            m_pClient = std::make_unique<Client>(host, m_stage.nPort, true);
         Client* client = m_pClient.get();
         QObject::connect(client, &Client::responseHeaderReceived, to(this, &AskerOf::takeHead));
         QObject::connect(client, &Client::contentChunk, to(this, &AskerOf::takePiece));

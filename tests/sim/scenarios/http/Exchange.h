@@ -2,6 +2,7 @@
 #pragma once
 
 #include "sim/World.h"
+#include "support/Certificates.h"
 #include "support/Slot.h"
 
 #include <KepNuvikaUtil/HttpRequestHeader.h>
@@ -166,6 +167,7 @@ struct Stage {
     int nDepth = 0; // of nested event loops
     bool bFinishing = false;
     bool bCalm = false; // nobody ends a connection early
+    Certificates* pCertificates = nullptr; // where all is said over TLS
     Nuvika::PoolOwner pool{new SharedBufferPool};
 
     // Nothing may fail.

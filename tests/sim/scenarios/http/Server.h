@@ -16,12 +16,14 @@ namespace web
 class Connection
 {
 public:
-    Connection(Stage& stage, int descriptor)
-        : m_stage(stage),
-          m_pClient(std::make_unique<HttpResponseClient>(descriptor, stage.world.random().chance(0.3)))
+    Connection(Stage& stage, int descriptor) : m_stage(stage), m_pClient(make(stage, descriptor))
     {
         using Server = HttpResponseClient;
         Server* client = m_pClient.get();
+        if (!stage.bCalm && descriptor % 5 == 0) {
+            client->setTimeLimits({5000, 0, 0, 10000});
+            ++stage.nCuts;
+        }
         QObject::connect(client, &Server::requestReceived, to(this, &Connection::takeRequest));
         QObject::connect(client, &Server::contentChunk, to(this, &Connection::takeChunk));
         QObject::connect(client, &Server::multipartReplaceContent,
@@ -76,6 +78,13 @@ public:
 private:
     using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 
+    static std::unique_ptr<HttpResponseClient> make(Stage& stage, int descriptor)
+    {
+        if (stage.pCertificates == nullptr)
+            return std::make_unique<HttpResponseClient>(descriptor, stage.world.random().chance(0.3));
+        return std::make_unique<HttpResponseClient>(descriptor, NuvikaSslSocket::eSslAny12,
+            stage.pCertificates->forLocalhost(), QString(), QString());
+    }
     void check(const char* signal)
     {
         sim::trace("%s()", signal);
