@@ -34,10 +34,22 @@ public:
     qint64 bytesToSend() const override { return m_socket.bytesToSend(); }
     QHostAddress localAddress() const override { return m_socket.localAddress(); }
     QHostAddress peerAddress() const override { return m_socket.peerAddress(); }
-    void setProxy(const ProxyAddress& proxy) override { ProxyTunnel::set(m_socket, proxy); }
-    bool hasProxyFailed() const override { return ProxyTunnel::failedLast(m_socket); }
+    void setProxy(const ProxyAddress& proxy) override
+    {
+        if constexpr (kMayTunnel)
+            ProxyTunnel::set(m_socket, proxy);
+    }
+    bool hasProxyFailed() const override
+    {
+        if constexpr (kMayTunnel)
+            return ProxyTunnel::failedLast(m_socket);
+        return false;
+    }
 
 private:
+    static constexpr bool kMayTunnel
+        = !std::is_same_v<Socket, NuvikaTcpSocket>; // a server's, which is accepted
+
     static void endSending(NuvikaTcpSocket& socket) { socket.sendEndOfData(); }
     static void endSending(NuvikaTcpSocketQueued& socket) { socket.finishSending(); }
     static void endSending(NuvikaSslSocket& socket) { socket.sendEndOfData(); }
