@@ -87,7 +87,7 @@ std::optional<int> checkTlsOptions(const QCommandLineParser& parser)
     for (const QString& text : parser.values(QStringLiteral("pin"))) {
         QString problem;
         if (TlsPin::fromText(text, &problem).isNull()) {
-            Output::complain(QStringLiteral("\"%1\" is no pin: %2").arg(text, problem));
+            Output::complain(problem);
             return Exit::kUsage;
         }
     }

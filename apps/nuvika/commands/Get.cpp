@@ -24,6 +24,7 @@ namespace
 {
 constexpr qint64 kLargestBody = 1 << 30; // it is sent in one piece
 constexpr int kConnectMs = 30000; // unless told otherwise
+constexpr int kSilenceMs = 120000; // before an answer, or in it
 constexpr int kLongestPauseMs = 600000; // between attempts, as curl's
 constexpr int kMostRetries = 1000;
 
@@ -264,6 +265,8 @@ void addOptions(QCommandLineParser& parser)
 bool readTimes(const QCommandLineParser& parser, HttpTimeLimits* limits, int* retries)
 {
     limits->nConnect = millisecondsOf(parser, "connect-timeout", kConnectMs);
+    limits->nFirstByte = kSilenceMs;
+    limits->nSilence = kSilenceMs;
     limits->nRequest = millisecondsOf(parser, "max-time", 0);
     *retries = numberOf(parser, "retry", 0, 0, kMostRetries);
     return limits->nConnect >= 0 && limits->nRequest >= 0 && *retries >= 0;
