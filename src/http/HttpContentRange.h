@@ -7,6 +7,8 @@
 
 #include <optional>
 
+class QDebug;
+
 /// What part an answer to a range request holds: its "Content-Range" (RFC 9110, 14.4).
 struct KEPNUVIKAUTIL_EXPORT HttpContentRange {
     qint64 first = -1; ///< of the part's bytes; -1 for a 416, which holds none
@@ -18,3 +20,6 @@ struct KEPNUVIKAUTIL_EXPORT HttpContentRange {
     /// parts in one answer (multipart/byteranges).
     static std::optional<HttpContentRange> fromHeader(const HttpResponseHeader& header);
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const HttpContentRange& range);

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <KepNuvikaUtil/Export.h>
+
 #include <QtCore/QString>
+
+class QDebug;
 
 /// Why an exchange failed: for programs, for the log of codes, and for people.
 struct HttpFailure {
@@ -24,3 +28,6 @@ struct HttpFailure {
     int code = 0; ///< as error(int) tells it; 0: the peer ended the connection in good order, or none fits
     QString text; ///< a sentence
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const HttpFailure& failure);

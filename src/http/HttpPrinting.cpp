@@ -1,4 +1,6 @@
 // How heads are shown in logs.
+#include <KepNuvikaUtil/HttpContentRange.h>
+#include <KepNuvikaUtil/HttpFailure.h>
 #include <KepNuvikaUtil/HttpRequestHeader.h>
 #include <KepNuvikaUtil/HttpResponseHeader.h>
 
@@ -56,5 +58,20 @@ QDebug operator<<(QDebug debug, const HttpHeader& header)
         Shown shown(debug, "HttpHeader");
         showFields(shown, header);
     }
+    return debug;
+}
+
+QDebug operator<<(QDebug debug, const HttpFailure& failure)
+{
+    Shown shown(debug, "HttpFailure");
+    shown.when(failure.reason == HttpFailure::eNone, "none");
+    if (failure.reason != HttpFailure::eNone)
+        shown(withoutSecrets(failure.text))("reason", static_cast<int>(failure.reason))("code", failure.code);
+    return debug;
+}
+
+QDebug operator<<(QDebug debug, const HttpContentRange& range)
+{
+    Shown(debug, "HttpContentRange")("from", range.first)("to", range.last)("of", range.total);
     return debug;
 }

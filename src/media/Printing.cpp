@@ -3,6 +3,7 @@
 #include <KepNuvikaUtil/RtcpCompound.h>
 #include <KepNuvikaUtil/RtpDepacketizer.h>
 #include <KepNuvikaUtil/RtpReorderBuffer.h>
+#include <KepNuvikaUtil/RtpStatistics.h>
 #include <KepNuvikaUtil/RtpTimeline.h>
 
 #include "core/Shown_p.h"
@@ -168,5 +169,12 @@ QDebug operator<<(QDebug debug, const RtpPayloadFormat& payload)
 {
     Shown(debug, "RtpPayloadFormat")(payload.media)(payload.encodingName)("clock", payload.nClockRate)(
         "fmtp", withoutSecrets(payload.fmtp));
+    return debug;
+}
+
+QDebug operator<<(QDebug debug, const RtpStatistics::Totals& totals)
+{
+    Shown(debug, "RtpStatistics::Totals")("packets", totals.packets)("bytes", totals.bytes)(
+        "lost", totals.lost);
     return debug;
 }

@@ -8,6 +8,8 @@
 
 #include <optional>
 
+class QDebug;
+
 class RTPPacket;
 
 /// Counts the packets of one received RTP stream and, at an interval, turns the counts into a data rate and a
@@ -72,3 +74,6 @@ public:
 private:
     Totals m_finished; // without the interval that goes on
 };
+
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const RtpStatistics::Totals& totals);

@@ -50,3 +50,14 @@ QDebug NuvikaLLSock::operator<<(QDebug debug, const ADDR_V4_V6& address)
         shown(endText(host, port).constData());
     return debug;
 }
+
+QDebug operator<<(QDebug debug, const TlsPin& pin)
+{
+    Shown shown(debug, "TlsPin");
+    shown.when(pin.isNull(), "none");
+    if (!pin.isNull())
+        shown(pin.toText().toLatin1().constData());
+    return debug;
+}
+
+uint qHash(const TlsPin& pin, uint seed) { return qHash(pin.sha256(), seed); }

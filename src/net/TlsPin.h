@@ -5,6 +5,8 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 
+class QDebug;
+
 /// The SHA-256 of a certificate, or of its public key (SubjectPublicKeyInfo): by which a peer is known,
 /// whoever issued its certificate. A public key's outlives the certificate where its owner renews that for
 /// the same key. A value; threads: any.
@@ -42,3 +44,7 @@ private:
     Kind m_kind = eNothing;
     QByteArray m_sha256;
 };
+
+KEPNUVIKAUTIL_EXPORT uint qHash(const TlsPin& pin, uint seed = 0);
+/// For logs.
+KEPNUVIKAUTIL_EXPORT QDebug operator<<(QDebug debug, const TlsPin& pin);
