@@ -234,46 +234,6 @@ TEST(HttpClientLimits, AHandlerOfTheCancellationMayDeleteTheClient)
     EXPECT_FALSE(x.client);
 }
 
-TEST(HttpClientLimits, EveryFailureHasItsReason)
-{
-    const struct {
-        const char* what;
-        const char* host;
-        QByteArray answer;
-        HttpFailure::Reason reason;
-        int code;
-    } cases[] = {
-        {"a name without an address", "no.such.host.invalid", "", HttpFailure::eLookup, 11001},
-        {"nobody listens", "127.0.0.2", "", HttpFailure::eConnect, 10061},
-        {"no answer", "127.0.0.1", "", HttpFailure::eLost, 0},
-        {"no HTTP", "127.0.0.1", "nonsense\r\n\r\n", HttpFailure::eBadMessage, 10053},
-        {"more than is allowed", "127.0.0.1", ok("content-length: 99\r\n", QByteArray(60, 'x')),
-            HttpFailure::eTooLarge, 10053},
-    };
-    for (const auto& c : cases) {
-        Exchange x;
-        x.client = std::make_unique<HttpClient>(QLatin1String(c.host), x.listener.port(), true);
-        x.watch(*x.client);
-        x.client->setRetryPolicy({HttpRetryPolicy::eNever, 0});
-        HttpReadLimits bounds;
-        bounds.nContent = 50;
-        x.client->setReadLimits(bounds);
-        x.get();
-        if (c.reason >= HttpFailure::eLost) {
-            x.request();
-            x.server.write(c.answer);
-            if (c.answer.isEmpty())
-                x.server.close();
-        }
-        ASSERT_TRUE(x.sees("failed1")) << c.what;
-        const HttpFailure failure = x.client->failureOf(1);
-        EXPECT_EQ(failure.reason, c.reason) << c.what;
-        EXPECT_EQ(failure.code, c.code) << c.what;
-        EXPECT_FALSE(failure.text.isEmpty()) << c.what;
-        EXPECT_EQ(failure.text, x.client->errorString()) << c.what;
-    }
-}
-
 TEST(HttpClientLimits, APolicySaysHowOftenALostRequestIsSent)
 {
     HttpRequestHeader post(QStringLiteral("POST"), QStringLiteral("/"));
