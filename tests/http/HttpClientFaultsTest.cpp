@@ -56,22 +56,11 @@ TEST(HttpClientFaults, AConnectionIsUsedAgainOnlyWhereNothingIsOwedOrUnasked)
         {"an invalid head, and nothing behind it", get, "nonsense\r\n\r\n", idle, true},
         {"an invalid head, and something behind it", get, "nonsense\r\n\r\n<html>", idle, false},
         {"another answer behind the answer", get, one + kForeign, idle, false},
-        {"the server's Connection: close", get, ok("content-length: 3\r\nconnection: CLOSE\r\n", "one"), idle,
-            false},
         {"an end that the loop has not seen", get, one,
             [](Exchange& x) {
                 x.server.write("HTTP/1.1 408 Timeout\r\n\r\n");
                 x.server.close();
                 ::usleep(2000);
-            },
-            false},
-        {"our own Connection: close, which the server does not repeat",
-            [](Exchange& x) { x.client->get(QStringLiteral("/"), QString(), QString(), false); }, one, idle,
-            false},
-        {"half an answer while nothing is awaited", get, one,
-            [](Exchange& x) {
-                x.server.write(kForeign.left(20));
-                settle();
             },
             false},
         {"another answer while the handler runs a loop", whenDone([](Exchange& x) {

@@ -268,25 +268,6 @@ TEST_P(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
     EXPECT_TRUE(cut.expect({"disconnected"})) << "a request that never became complete";
 }
 
-TEST_P(HttpServerExchange, ThePeersEndWaitsBehindRequestsOfANestedLoop)
-{
-    Served s;
-    s.onEvent = [&](const QString& event) {
-        if (event != QLatin1String("GET /1 "))
-            return;
-        s.client.write(get("/2"));
-        s.client.shutdownWrite();
-        settle(30);
-        EXPECT_EQ(s.events.size(), 1) << "signals of a connection do not nest";
-    };
-    s.client.write(get("/1"));
-    ASSERT_TRUE(s.expect({"GET /1 ", "GET /2 "}));
-    s.respond(200, "1");
-    s.respond(200, "2");
-    EXPECT_TRUE(s.expect({"finished", "finished", "disconnected"}));
-    EXPECT_EQ(answersIn(s.client.received()), "200:1 200:2");
-}
-
 TEST_P(HttpServerExchange, ConnectionIsAListOfTokens)
 {
     const std::pair<const char*, bool> fields[] = {
@@ -358,29 +339,6 @@ TEST_P(HttpServerExchange, APeerThatDoesNotReadIsNotReadEither)
         (void)s.client.take();
         return told() == kRequests;
     }));
-}
-
-// The loop of a handler that hears of the first answer brings everything that follows, the end included.
-TEST_P(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
-{
-    Served s;
-    s.onEvent = [&](const QString& event) {
-        if (event.startsWith(QLatin1String("GET /last")))
-            s.respond(200, "c", "Connection", "close");
-        if (event != QLatin1String("finished") || s.events.count(event) > 1)
-            return;
-        s.client.write(get("/last"));
-        waitFor([&] { return s.client.atEnd(); });
-        s.client.close();
-        settle(10);
-    };
-    s.client.write(get("/1") + get("/2"));
-    waitFor([&] { return s.events.size() == 2; });
-    s.respond(200, "a");
-    s.respond(200, "b");
-    EXPECT_TRUE(waitFor([&] { return s.events.contains(QStringLiteral("disconnected")); }));
-    EXPECT_EQ(
-        s.events.mid(3).join(QLatin1Char(' ')).toStdString(), "GET /last  finished finished disconnected");
 }
 
 TEST_P(HttpServerExchange, HandlersMayCloseDeleteAnswerOrRunALoopInEachSignal)
