@@ -250,6 +250,12 @@ TEST(HttpClientFaults, RefusesWhatWouldNotArriveAsItWasMeant)
         header.addValue(name, value);
         return [=](HttpClient& c) { return c.request(header, false, nullptr, QString(), QString(), 0); };
     };
+    const auto form = [](const char* disposition, const char* type) {
+        return [=](HttpClient& c) {
+            return c.postMultipartFormData(QStringLiteral("/"), "x", QLatin1String(disposition),
+                QLatin1String(type), QString(), QString());
+        };
+    };
     const struct {
         std::function<int(HttpClient&)> ask;
         const char* reason;
@@ -261,7 +267,9 @@ TEST(HttpClientFaults, RefusesWhatWouldNotArriveAsItWasMeant)
             "a field's value holds a line end or a NUL"},
         {withField(QStringLiteral("X-A: b\nX-B"), QStringLiteral("c")),
             "a field's name holds a line end or a NUL"},
-        {withField(QStringLiteral("X-A"), euro), "a field's value holds characters beyond Latin-1"}};
+        {withField(QStringLiteral("X-A"), euro), "a field's value holds characters beyond Latin-1"},
+        {form("name=\"f\"\n", "image/jpeg"), "the disposition holds a line end or a NUL"},
+        {form("name=\"f\"", "image/jpeg\r\nX: y"), "the part's content type holds a line end or a NUL"}};
     Exchange x;
     for (const auto& c : cases) {
         LogCapture log;
@@ -372,28 +380,15 @@ TEST(HttpClientFaults, NoMoreOfAnUploadIsSentThanWasAnnounced)
     EXPECT_FALSE(x.client->sendUploadContentChunk(chunked, "b", 1, true));
 }
 
-TEST(HttpClientFaults, TheEndOfAnUploadWaitsForASlowReaderAndTellsOfACut)
+TEST(HttpClientFaults, TheEndOfAnUploadTellsOfACut)
 {
+    Exchange x;
     const QByteArray much(16 << 20, 'u');
-    for (const bool bRead : {true, false}) {
-        Exchange x;
-        const int id = x.send(upload("content-length", "16777216"));
-        x.request();
-        EXPECT_TRUE(x.client->sendUploadContentChunk(id, much.constData(), much.size(), true));
-        x.client->sendEndOfUploadContent();
-        if (bRead) {
-            settle(5300); // the time limit is 5 s, from when everything has left
-            EXPECT_TRUE(x.events.isEmpty());
-            ASSERT_TRUE(waitFor([&] { return x.server.atEnd(); }));
-            EXPECT_EQ(x.server.received().size(), much.size());
-            x.server.close();
-            ASSERT_TRUE(x.expect({"upload ended"}));
-            EXPECT_TRUE(x.client->errorString().isEmpty());
-        } else {
-            x.server.shutdownWrite();
-            ASSERT_TRUE(x.expect({"error 10053", "upload ended"}));
-            EXPECT_EQ(
-                text(x.client->errorString()), "the server ended the connection before the upload had left");
-        }
-    }
+    const int id = x.send(upload("content-length", "16777216"));
+    x.request();
+    EXPECT_TRUE(x.client->sendUploadContentChunk(id, much.constData(), much.size(), true));
+    x.client->sendEndOfUploadContent();
+    x.server.shutdownWrite();
+    ASSERT_TRUE(x.expect({"error 10053", "upload ended"}));
+    EXPECT_EQ(text(x.client->errorString()), "the server ended the connection before the upload had left");
 }

@@ -119,13 +119,6 @@ TEST_P(HttpServerExchange, AContentOfNoLengthEndsWithThePeer)
     s.client.write(" the end");
     s.client.shutdownWrite();
     ASSERT_TRUE(s.expect({"POST /all until the end"}));
-    Served large;
-    HttpReadLimits limits;
-    limits.nContent = 1000;
-    large.server->setReadLimits(limits);
-    large.client.write("POST / HTTP/1.1\r\nContent-Length: 5000\r\n\r\n" + QByteArray(5000, 'x'));
-    ASSERT_TRUE(large.sees("error"));
-    EXPECT_TRUE(waitFor([&] { return large.client.atEnd(); }));
 }
 
 TEST_P(HttpServerExchange, FinishedFollowsTheLastByteAndCloseLosesNothing)
@@ -259,13 +252,6 @@ TEST_P(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
         seams::clockOffsetMs += 5000;
         EXPECT_TRUE(silent.expect({"disconnected"})) << bAnswer;
     }
-    Served idle;
-    idle.client.shutdownWrite();
-    EXPECT_TRUE(idle.expect({"disconnected"})) << "nothing is owed";
-    Served cut;
-    cut.client.write("PUT / HTTP/1.1\r\nContent-Length: 9\r\n\r\nhalf");
-    cut.client.shutdownWrite();
-    EXPECT_TRUE(cut.expect({"disconnected"})) << "a request that never became complete";
 }
 
 TEST_P(HttpServerExchange, ConnectionIsAListOfTokens)

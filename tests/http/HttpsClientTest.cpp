@@ -258,18 +258,6 @@ TEST(HttpsClient, AnUploadLeavesAsATlsServerTakesItAndEndsWithItsLastByte)
     }
 }
 
-TEST(HttpsClient, FormsWhoseFieldsHoldALineEndAreRefused)
-{
-    PlainExchange x;
-    const QString good = QStringLiteral("name=\"f\"");
-    const QString bad = QStringLiteral("image/jpeg\r\nX: y");
-    x.client->postMultipartFormData(QStringLiteral("/"), "x", good, bad, QString(), QString());
-    ASSERT_TRUE(x.expect({"failed1"}));
-    x.client->postMultipartFormData(QStringLiteral("/"), "x", bad, good, QString(), QString());
-    ASSERT_TRUE(x.expect({"failed2"}));
-    EXPECT_EQ(x.client->errorString().toStdString(), "the disposition holds a line end or a NUL");
-}
-
 TEST(HttpsClient, TrustsWhatIsPinnedAndWhomItsOwnerAccepts)
 {
     Certificates others(QStringLiteral("Somebody else"));
