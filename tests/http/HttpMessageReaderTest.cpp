@@ -134,10 +134,14 @@ TEST(HttpMessageReader, RefusesWhatIsHostile)
     for (const char* bad :
         {"\r\n", "g\r\n", "-1\r\n", "80000000\r\n", "ffffffffffffffffff\r\n", "1\r\nab\r\n"})
         EXPECT_TRUE(readAll({chunked + bad}).contains("F ")) << bad;
+    EXPECT_TRUE(readAll({chunked + QByteArray(5000, '1')}).endsWith("F "))
+        << "a chunk-size line that never ends";
+    EXPECT_TRUE(readAll({kOk + QByteArray(1100000, 'x')}).endsWith("F ")) << "a head over its limit";
     const QByteArray mixed = kOk + kMixed + "b\r\n\r\n--b\r\n";
     for (const char* bad : {"content-length: -1\r\n", "content-length: 1x\r\n",
              "content-length: 99999999999999999999\r\n", "content-length: 67108865\r\n"})
         EXPECT_TRUE(readAll({mixed + bad + "\r\n"}).endsWith("F ")) << bad;
+    EXPECT_TRUE(readAll({mixed + QByteArray(1100000, 'h')}).endsWith("F ")) << "a part head over its limit";
     for (const char* bad : {"-1", "2147483648", "12a", "", "+5"}) {
         HttpResponseHeader header(200);
         header.setValue(QStringLiteral("content-length"), QString::fromLatin1(bad));
