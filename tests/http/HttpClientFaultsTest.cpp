@@ -63,6 +63,9 @@ TEST(HttpClientFaults, AConnectionIsUsedAgainOnlyWhereNothingIsOwedOrUnasked)
                 ::usleep(2000);
             },
             false},
+        {"our own Connection: close, which the server does not repeat",
+            [](Exchange& x) { x.client->get(QStringLiteral("/"), QString(), QString(), false); }, one, idle,
+            false},
         {"another answer while the handler runs a loop", whenDone([](Exchange& x) {
              x.server.write(kForeign);
              settle();
