@@ -119,13 +119,6 @@ TEST_P(HttpServerExchange, AContentOfNoLengthEndsWithThePeer)
     s.client.write(" the end");
     s.client.shutdownWrite();
     ASSERT_TRUE(s.expect({"POST /all until the end"}));
-    Served large;
-    HttpReadLimits limits;
-    limits.nContent = 1000;
-    large.server->setReadLimits(limits);
-    large.client.write("POST / HTTP/1.1\r\nContent-Length: 5000\r\n\r\n" + QByteArray(5000, 'x'));
-    ASSERT_TRUE(large.sees("error"));
-    EXPECT_TRUE(waitFor([&] { return large.client.atEnd(); }));
 }
 
 TEST_P(HttpServerExchange, FinishedFollowsTheLastByteAndCloseLosesNothing)
@@ -141,21 +134,6 @@ TEST_P(HttpServerExchange, FinishedFollowsTheLastByteAndCloseLosesNothing)
     ASSERT_TRUE(waitFor([&] { return s.client.atEnd(); }));
     EXPECT_TRUE(!s.client.wasReset() && s.client.received().endsWith(big));
     EXPECT_TRUE(s.expect({"finished"}));
-}
-
-TEST_P(HttpServerExchange, ASlowViewerIsSeenSoon)
-{
-    Served s;
-    s.client.write(get("/live"));
-    ASSERT_TRUE(s.expect({"GET /live "}));
-    s.respond(200, "", "Content-Type", "multipart/x-mixed-replace; boundary=b", true);
-    const QByteArray picture(100000, 'p');
-    int sent = 0;
-    for (; s.server->canSendContent() && sent < 1000; ++sent) {
-        ASSERT_TRUE(s.server->sendContent(picture.constData(), picture.size()));
-        QCoreApplication::processEvents();
-    }
-    EXPECT_TRUE(sent > 2 && sent < 200) << sent;
 }
 
 TEST_P(HttpServerExchange, RequestsBeyondTheBoundWaitForAnswers)
@@ -259,32 +237,6 @@ TEST_P(HttpServerExchange, APeerThatHalfClosesGetsItsWholeAnswer)
         seams::clockOffsetMs += 5000;
         EXPECT_TRUE(silent.expect({"disconnected"})) << bAnswer;
     }
-    Served idle;
-    idle.client.shutdownWrite();
-    EXPECT_TRUE(idle.expect({"disconnected"})) << "nothing is owed";
-    Served cut;
-    cut.client.write("PUT / HTTP/1.1\r\nContent-Length: 9\r\n\r\nhalf");
-    cut.client.shutdownWrite();
-    EXPECT_TRUE(cut.expect({"disconnected"})) << "a request that never became complete";
-}
-
-TEST_P(HttpServerExchange, ThePeersEndWaitsBehindRequestsOfANestedLoop)
-{
-    Served s;
-    s.onEvent = [&](const QString& event) {
-        if (event != QLatin1String("GET /1 "))
-            return;
-        s.client.write(get("/2"));
-        s.client.shutdownWrite();
-        settle(30);
-        EXPECT_EQ(s.events.size(), 1) << "signals of a connection do not nest";
-    };
-    s.client.write(get("/1"));
-    ASSERT_TRUE(s.expect({"GET /1 ", "GET /2 "}));
-    s.respond(200, "1");
-    s.respond(200, "2");
-    EXPECT_TRUE(s.expect({"finished", "finished", "disconnected"}));
-    EXPECT_EQ(answersIn(s.client.received()), "200:1 200:2");
 }
 
 TEST_P(HttpServerExchange, ConnectionIsAListOfTokens)
@@ -354,33 +306,11 @@ TEST_P(HttpServerExchange, APeerThatDoesNotReadIsNotReadEither)
     const auto told = [&] { return s.events.filter(QStringLiteral("GET")).size(); };
     settle(10);
     EXPECT_LE(told(), 2);
+    EXPECT_FALSE(s.server->canSendContent());
     EXPECT_TRUE(waitFor([&] {
         (void)s.client.take();
-        return told() == kRequests;
+        return told() == kRequests && s.server->canSendContent();
     }));
-}
-
-// The loop of a handler that hears of the first answer brings everything that follows, the end included.
-TEST_P(HttpServerExchange, EveryAnswerIsToldAsFinishedBeforeTheEnd)
-{
-    Served s;
-    s.onEvent = [&](const QString& event) {
-        if (event.startsWith(QLatin1String("GET /last")))
-            s.respond(200, "c", "Connection", "close");
-        if (event != QLatin1String("finished") || s.events.count(event) > 1)
-            return;
-        s.client.write(get("/last"));
-        waitFor([&] { return s.client.atEnd(); });
-        s.client.close();
-        settle(10);
-    };
-    s.client.write(get("/1") + get("/2"));
-    waitFor([&] { return s.events.size() == 2; });
-    s.respond(200, "a");
-    s.respond(200, "b");
-    EXPECT_TRUE(waitFor([&] { return s.events.contains(QStringLiteral("disconnected")); }));
-    EXPECT_EQ(
-        s.events.mid(3).join(QLatin1Char(' ')).toStdString(), "GET /last  finished finished disconnected");
 }
 
 TEST_P(HttpServerExchange, HandlersMayCloseDeleteAnswerOrRunALoopInEachSignal)

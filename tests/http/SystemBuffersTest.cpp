@@ -35,14 +35,11 @@ int option(int fd, int level, int name)
 // The connection's end that the library holds: the descriptor that has the peer as its peer.
 int ourEndOf(const RawSocket& peer)
 {
-    sockaddr_in theirs{};
-    socklen_t size = sizeof theirs;
-    getsockname(peer.fd(), reinterpret_cast<sockaddr*>(&theirs), &size);
     for (int fd = 3; fd < 1024; ++fd) {
-        sockaddr_in address{};
-        size = sizeof address;
-        if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0
-            && address.sin_port == theirs.sin_port)
+        RawSocket end(fd);
+        const bool bIts = end.peerPort() == peer.localPort();
+        (void)end.release();
+        if (bIts)
             return fd;
     }
     return -1;
