@@ -195,6 +195,16 @@ TEST(HttpsClient, GivesUpOnWhomItCannotTrustUntilToldBetter)
     ASSERT_TRUE(x.expect({"error 10053", "error 10053", "error 10053", "failed4"}));
     EXPECT_EQ(log.count("HttpsClient::connectToHost(): initSsl() failed"), 3);
     EXPECT_TRUE(x.client.errorString().contains(QLatin1String("missing.pem")));
+
+    x.client.setRetryPolicy({HttpRetryPolicy::eIdempotent, 0}); // another attempt cannot help
+    x.get();
+    ASSERT_TRUE(x.expect({"error 10053", "failed5"}));
+    EXPECT_EQ(x.client.failureOf(5).reason, HttpFailure::eTls);
+    x.client.setCertificateFileName(QString());
+    x.client.setCertificateVerificationMode(NuvikaSslSocket::eVerifyChainAndHost);
+    x.get();
+    ASSERT_TRUE(x.expect({"error 10013", "failed6"}));
+    EXPECT_EQ(x.client.failureOf(6).reason, HttpFailure::eCertificate);
 }
 
 TEST(HttpsClient, BodiesMayEndWithTheConnection)
