@@ -43,6 +43,7 @@ struct Talker {
     }
     void send(const QByteArray& bytes) { EXPECT_TRUE(socket->sendData(bytes.constData(), bytes.size())); }
     bool isOver() const { return !ends.empty() || !errors.empty(); }
+    bool isSettled() const { return isOver() || connections > 0; }
     std::string problem() const { return socket->errorString().toStdString(); }
 };
 
@@ -51,6 +52,7 @@ struct ServerWish {
     QString certificate;
     QString trusted;
     bool bEcho = false;
+    QList<TlsPin> pins = {};
 };
 
 // Accepts TLS connections.
@@ -64,6 +66,7 @@ struct Server {
         QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [this, wish](int descriptor) {
             talkers.push_back(std::make_unique<Talker>());
             Talker& talker = *talkers.back();
+            talker.socket->setPins(wish.pins);
             EXPECT_TRUE(talker.socket->initSsl(true, wish.protocol,
                 wish.certificate.isEmpty() ? certificates().forLocalhost() : wish.certificate, wish.trusted,
                 QString()))

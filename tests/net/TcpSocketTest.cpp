@@ -94,12 +94,17 @@ TEST(TcpSocket, ConnectsTransfersAndSeesTheEnd)
 TEST(TcpSocket, ABlockPastTheBoundIsTakenWholeAndTheNextRefused)
 {
     Tcp c(NuvikaTcpSocket::eMedium, 10000);
+    EXPECT_EQ(c.socket->bytesToSend(), 0);
     c.open();
     ASSERT_TRUE(waitFor([&] { return c.canSends == 1; }));
     const QByteArray data(8 << 20, 'x'); // more than the queue and the system hold
     EXPECT_TRUE(c.socket->sendData(data.constData(), data.size()));
+    settle(20);
+    const qint64 left = c.socket->bytesToSend();
+    EXPECT_TRUE(left > data.size() / 2 && left < data.size()) << left << " that the system has not taken";
     EXPECT_FALSE(c.socket->canSend());
     EXPECT_FALSE(c.socket->sendData("x", 1));
+    EXPECT_EQ(c.socket->bytesToSend(), left) << "a refused block does not count";
     EXPECT_FALSE(c.socket->sendData("", 0)) << "a size of 0 asks for room";
     EXPECT_FALSE(c.socket->sendData("x", -1));
     EXPECT_TRUE(c.socket->sendEndOfData());
@@ -112,6 +117,7 @@ TEST(TcpSocket, ABlockPastTheBoundIsTakenWholeAndTheNextRefused)
     ASSERT_TRUE(waitFor([&] { return c.peer.atEnd(); }));
     EXPECT_EQ(c.peer.received(), data) << "the half-close follows the last byte";
     EXPECT_TRUE(waitFor([&] { return c.canSends == 2; })) << "the queue has room again";
+    EXPECT_EQ(c.socket->bytesToSend(), 0);
     c.peer.write("still open");
     EXPECT_TRUE(waitFor([&] { return c.received == "still open"; })) << "the other direction goes on";
 }
