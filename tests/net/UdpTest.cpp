@@ -95,10 +95,9 @@ TEST(UdpReceiver, ReceivesInBatchesAndTellsTheSender)
         EXPECT_EQ(receiver.localAddress(), local);
         receiver.listenTo(receiver); // a second time changes nothing
         RawSender sender(local == kLocal ? AF_INET : AF_INET6);
-        NuvikaUdpReceiver::Datagram datagram;
         QHostAddress peer;
         receiver.react = [&](const QByteArray&) {
-            datagram = receiver.raw.back();
+            const auto& datagram = receiver.raw.back();
             peer = datagram.pIPv6 == nullptr ? QHostAddress(datagram.nIPv4) : QHostAddress(datagram.pIPv6);
         };
         sender.send(QByteArray(), receiver.port, local);
@@ -109,9 +108,9 @@ TEST(UdpReceiver, ReceivesInBatchesAndTellsTheSender)
         EXPECT_LE(seams::receivingMany.nCalls, 3) << "received in batches";
         EXPECT_EQ(receiver.got.front(), "0") << "empty ones are not handed out";
         EXPECT_EQ(receiver.got.back(), "39");
-        EXPECT_EQ(datagram.nFamily, local == kLocal ? 2 : 23);
+        EXPECT_EQ(receiver.raw.back().nFamily, local == kLocal ? 2 : 23);
         EXPECT_EQ(peer, local);
-        EXPECT_EQ(datagram.nPort, sender.s.localPort());
+        EXPECT_EQ(receiver.raw.back().nPort, sender.s.localPort());
         receiver.close();
         EXPECT_TRUE(receiver.localAddress().isNull());
     }
