@@ -79,8 +79,10 @@ TEST(Values, TimesAreKeysAndDescriptionsMove)
     const NTPTimestamp next = kOneSecond + NTPTimestamp::fromRawHostByteOrder(1);
     EXPECT_EQ((QSet<NTPTimestamp>{kOneSecond, next, kOneSecond}.size()), 2);
     EXPECT_EQ((QSet<NTPRange>{{kOneSecond, next}, {next, kOneSecond}, {kOneSecond, next}}.size()), 2);
-    EXPECT_TRUE((RtpMediaParameters{"avc1"} == RtpMediaParameters{"avc1"}));
-    EXPECT_TRUE((RtpMediaParameters{"avc1"} != RtpMediaParameters{"hev1"}));
+    RtpMediaParameters parameters;
+    EXPECT_TRUE(parameters == RtpMediaParameters());
+    parameters.nChannels = 2;
+    EXPECT_TRUE(parameters != RtpMediaParameters());
     SDP sdp = SDP::fromSDPString(QStringLiteral("v=0\r\no=-\r\ns=x\r\nt=0 0\r\nm=video 0 RTP/AVP 26\r\n"));
     const SDP copy = sdp;
     const SDP moved = std::move(sdp);

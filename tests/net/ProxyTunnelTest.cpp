@@ -1,47 +1,24 @@
 #include "net/ProxyTunnel_p.h"
-#include "support/EventLoop.h"
-#include "support/LogCapture.h"
-#include "support/RawPeer.h"
+#include "net/SslTalkers.h"
 #include "support/Seams.h"
 
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
 
-#include <functional>
 #include <gtest/gtest.h>
-#include <memory>
 
 using namespace Nuvika;
 
 namespace
 {
 // A socket, and the proxy that it goes through, which speaks byte by byte.
-struct Way {
+struct Way : TalkerOf<NuvikaTcpSocketQueued> {
     RawListener listener;
     RawSocket proxy;
-    std::unique_ptr<NuvikaTcpSocketQueued> socket = std::make_unique<NuvikaTcpSocketQueued>();
-    QByteArray got;
-    int connections = 0, ends = 0;
-    std::vector<int> errors;
-    std::function<void()> onOver = [] {};
 
     explicit Way(const char* user = "")
     {
-        using Socket = NuvikaTcpSocketQueued;
         ProxyTunnel::set(*socket,
             {QStringLiteral("127.0.0.1"), listener.port(), QLatin1String(user), QStringLiteral("p:w")});
-        QObject::connect(socket.get(), &Socket::connected, [this] {
-            ++connections;
-            onOver();
-        });
-        QObject::connect(socket.get(), &Socket::disconnected, [this] { ++ends; });
-        QObject::connect(socket.get(), &Socket::error, [this](int code) {
-            errors.push_back(code);
-            onOver();
-        });
-        QObject::connect(socket.get(), &Socket::dataReceived,
-            [this](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
-                got.append(data, size);
-            });
     }
     // Until the proxy has been asked.
     QByteArray connect(const char* host, quint16 port = 80)
@@ -54,8 +31,6 @@ struct Way {
         })) << problem();
         return proxy.take();
     }
-    std::string problem() { return socket->errorString().toStdString(); }
-    bool isOver() const { return connections > 0 || !errors.empty(); }
 };
 } // namespace
 
@@ -83,7 +58,7 @@ TEST(ProxyTunnel, AsksForTheHostAndOpensInWhateverPiecesTheAnswerComes)
             EXPECT_TRUE(way.socket->sendData("for the host", 12));
             ASSERT_TRUE(waitFor([&] { return way.proxy.received() == "for the host"; }));
             way.proxy.close();
-            ASSERT_TRUE(waitFor([&] { return way.ends == 1; })) << "as any connection's end";
+            ASSERT_TRUE(waitFor([&] { return way.ends.size() == 1; })) << "as any connection's end";
             way.socket->close();
             way.connect("cam.test");
         }
@@ -112,7 +87,7 @@ TEST(ProxyTunnel, NamesHostsAndUsersAsTheyAreWrittenThere)
         Way way;
         way.socket->connectToHost(QString::fromUtf8(host), 80);
         EXPECT_TRUE(way.errors.empty()) << "never inside the call";
-        ASSERT_TRUE(waitFor([&] { return way.isOver(); })) << host;
+        ASSERT_TRUE(waitFor([&] { return way.isSettled(); })) << host;
         EXPECT_EQ(way.errors, std::vector<int>{11001}) << host;
         EXPECT_FALSE(way.listener.accept().isOpen()) << host;
     }
@@ -170,12 +145,12 @@ TEST(ProxyTunnel, EndsInASentenceWhereTheProxyDoesNotHelp)
             way.proxy.reset();
         else if (row.how == eIsSilent)
             seams::clockOffsetMs += 10500;
-        ASSERT_TRUE(waitFor([&] { return way.isOver(); })) << row.words;
+        ASSERT_TRUE(waitFor([&] { return way.isSettled(); })) << row.words;
         settle(row.how == eIsSilent ? 600 : 1);
         EXPECT_EQ(way.errors, std::vector<int>{row.code}) << row.words << ": " << way.problem();
         EXPECT_EQ(way.problem().find(proxy), 0U) << way.problem();
         EXPECT_NE(way.problem().find(row.words), std::string::npos) << way.problem();
-        EXPECT_EQ(way.connections + way.ends, 0);
+        EXPECT_EQ(way.connections + way.ends.size(), 0U);
         EXPECT_EQ(way.socket->getState(), NuvikaTcpSocket::eError);
         EXPECT_TRUE(waitFor([&] { return !way.proxy.isOpen() || way.proxy.atEnd(); })) << "it is let go";
         way.socket->close();
@@ -188,10 +163,10 @@ TEST(ProxyTunnel, AHandlerMayEndItsSocket)
     for (const char* answer : {"HTTP/1.1 200 \r\n\r\nrest", "HTTP/1.1 502 \r\n\r\nrest"}) {
         for (const bool bDeletes : {true, false}) {
             Way way;
-            way.onOver = [&] { bDeletes ? way.socket.reset() : way.socket->close(); };
+            way.onConnected = way.onError = [&] { bDeletes ? way.socket.reset() : way.socket->close(); };
             way.connect("cam.test");
             way.proxy.write(answer);
-            ASSERT_TRUE(waitFor([&] { return way.isOver() && way.proxy.atEnd(); }));
+            ASSERT_TRUE(waitFor([&] { return way.isSettled() && way.proxy.atEnd(); }));
             settle(5);
             EXPECT_EQ(way.connections + way.errors.size() + way.got.size(), 1U) << "told more than once";
         }
