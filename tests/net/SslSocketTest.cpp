@@ -234,19 +234,6 @@ TEST(SslSocket, ReportsWhatEndsAHandshake)
     EXPECT_EQ(server.last().problem(), "the peer does not speak TLS on this port");
 }
 
-TEST(SslSocket, TellsAnEndWithoutAGoodbye)
-{
-    Server server;
-    Client client;
-    client.meet(server);
-    server.last().send("last words");
-    ::shutdown(server.descriptors.back(), SHUT_WR);
-    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-    EXPECT_EQ(client.ends, std::vector<unsigned long>{1});
-    EXPECT_EQ(client.got, QByteArray("last words"));
-    EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eUnconnected);
-}
-
 TEST(SslSocket, ClosesBehindWhatWasSentAndPostponesAConnect)
 {
     Server server;

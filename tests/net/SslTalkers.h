@@ -64,7 +64,6 @@ struct ServerWish {
 struct Server {
     NuvikaTcpServer listener;
     std::vector<std::unique_ptr<Talker>> talkers;
-    std::vector<int> descriptors;
 
     explicit Server(const ServerWish& wish = {})
     {
@@ -78,7 +77,6 @@ struct Server {
                 << talker.problem();
             if (wish.bEcho)
                 talker.onData = [&talker] { talker.send(std::exchange(talker.got, QByteArray())); };
-            descriptors.push_back(descriptor);
             talker.socket->setSocketDescriptor(descriptor);
         });
         EXPECT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
