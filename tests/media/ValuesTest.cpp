@@ -24,12 +24,6 @@ static_assert(
 namespace
 {
 const NTPTimestamp kOneSecond = NTPTimestamp::fromRawHostByteOrder(0x83AA7E8100000000); // 1970-01-01 00:00:01
-
-// All that a value prints has to stand in the row's text, and the order is the row's.
-struct Row {
-    std::string shown;
-    const char* expected;
-};
 } // namespace
 
 TEST(Values, TimesAndPacketsPrint)
@@ -38,15 +32,8 @@ TEST(Values, TimesAndPacketsPrint)
     VariableBuffer rtcp;
     const RTPPacket packet(&bytes, 0xABC, 7, 90000, eRtp26, nullptr, 100, 1);
     const RTCPPacket report(&rtcp, 0xABC, 90000, kOneSecond);
-    RtcpCompound compound(report.getRawPacket(), report.getRawPacketSize());
-    ASSERT_TRUE(compound.next());
-    const Row rows[] = {{shown(NTPTimestamp()), "NTPTimestamp(null)"},
+    const std::pair<std::string, const char*> rows[] = {{shown(NTPTimestamp()), "NTPTimestamp(null)"},
         {shown(kOneSecond), "NTPTimestamp(1970-01-01T00:00:01.000, 0x83aa7e8100000000)"},
-        {shown(NTPRange(NTPTimestamp(), kOneSecond)),
-            "NTPRange(from NTPTimestamp(null), to NTPTimestamp(1970-01-01T00:00:01.000, "
-            "0x83aa7e8100000000))"},
-        {shown(RtpArrival{1500000, 1001000}),
-            "RtpArrival(monotonic 1.500000 s, wall 1970-01-01T00:00:01.001Z)"},
         {shown(RtpTime{90000, 40000, 0, true, true}),
             "RtpTime(timestamp 90000, presentation 0.040000 s, wall 1970-01-01T00:00:00.000Z, by sender, new "
             "run)"},
@@ -58,27 +45,14 @@ TEST(Values, TimesAndPacketsPrint)
             "RTCPPacket(type 200, ssrc 0xabc, ntp NTPTimestamp(1970-01-01T00:00:01.000, 0x83aa7e8100000000), "
             "timestamp 90000, bytes 28)"},
         {shown(RtcpCompound()), "RtcpCompound()"},
-        {shown(compound), "RtcpCompound(type 200, count 0, ssrc 0xabc, bytes 28)"},
-        {shown(RtcpSenderInfo{1, NTPTimestamp(), 2, 3, 4}),
-            "RtcpSenderInfo(ssrc 0x1, ntp NTPTimestamp(null), timestamp 2, packets 3, octets 4)"},
-        {shown(RtcpReportBlock{1, 2, -3, 4, 5, 0x6F, 7}),
-            "RtcpReportBlock(ssrc 0x1, fraction lost 2, lost -3, highest 4, jitter 5, last report 0x6f, "
-            "delay 7)"},
         {shown(RtcpSdesItem{1, eSdesCNAME, "a\nb"}), "RtcpSdesItem(ssrc 0x1, type 1, \"a\\nb\")"},
-        {shown(RtpOrderedPacket{RTPPacket(), 9, 0, 2, true}),
-            "RtpOrderedPacket(sequence 9, lost 2, new run, RTPPacket(not valid))"},
-        {shown(RtpReorderCounts{1, 2, 3, 4, 5, 6}),
-            "RtpReorderCounts(received 1, lost 2, late 3, duplicates 4, strays 5, runs 6)"},
         {shown(RtpAccessUnit{nullptr, 1, 2, 3, true, true, true, true, true}),
             "RtpAccessUnit(bytes 1, timestamp 2, lost 3, key frame, references lost, droppable, parameters "
             "changed)"},
         {shown(RtpMediaParameters{"mp4a.40.2", "\x12\x10", QSize(8, 6), QSize(), QSize(), 48000, 2}),
-            "RtpMediaParameters(\"mp4a.40.2\", configuration bytes 2, coded 8x6, Hz 48000, channels 2)"},
-        {shown(RtpPayloadFormat{
-             QStringLiteral("H264"), 90000, QStringLiteral("x=1"), QStringLiteral("video"), 0, {}}),
-            "RtpPayloadFormat(\"video\", \"H264\", clock 90000, fmtp \"x=1\")"}};
-    for (const Row& row : rows)
-        EXPECT_EQ(row.shown, row.expected);
+            "RtpMediaParameters(\"mp4a.40.2\", configuration bytes 2, coded 8x6, Hz 48000, channels 2)"}};
+    for (const auto& [text, expected] : rows)
+        EXPECT_EQ(text, expected);
 }
 
 TEST(Values, DescriptionsPrintWithoutKeys)
@@ -106,11 +80,9 @@ TEST(Values, TimesAreKeysAndDescriptionsMove)
     EXPECT_EQ((QSet<NTPTimestamp>{kOneSecond, next, kOneSecond}.size()), 2);
     EXPECT_EQ((QSet<NTPRange>{{kOneSecond, next}, {next, kOneSecond}, {kOneSecond, next}}.size()), 2);
     RtpMediaParameters parameters;
-    parameters.codec = "avc1";
-    RtpMediaParameters same = parameters;
-    EXPECT_TRUE(same == parameters);
-    same.nChannels = 2;
-    EXPECT_TRUE(same != parameters);
+    EXPECT_TRUE(parameters == RtpMediaParameters());
+    parameters.nChannels = 2;
+    EXPECT_TRUE(parameters != RtpMediaParameters());
     SDP sdp = SDP::fromSDPString(QStringLiteral("v=0\r\no=-\r\ns=x\r\nt=0 0\r\nm=video 0 RTP/AVP 26\r\n"));
     const SDP copy = sdp;
     const SDP moved = std::move(sdp);

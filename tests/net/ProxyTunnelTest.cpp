@@ -1,7 +1,5 @@
 #include "net/ProxyTunnel_p.h"
-#include "support/EventLoop.h"
-#include "support/LogCapture.h"
-#include "support/RawPeer.h"
+#include "net/SslTalkers.h"
 #include "support/Seams.h"
 
 #include <KepNuvikaUtil/NuvikaTcpSocketQueued.h>
@@ -13,45 +11,25 @@ using namespace Nuvika;
 namespace
 {
 // A socket, and the proxy that it goes through, which speaks byte by byte.
-struct Way {
+struct Way : TalkerOf<NuvikaTcpSocketQueued> {
     RawListener listener;
     RawSocket proxy;
-    NuvikaTcpSocketQueued socket;
-    QByteArray got;
-    int connections = 0, ends = 0;
-    std::vector<int> errors;
 
     explicit Way(const char* user = "")
     {
-        using Socket = NuvikaTcpSocketQueued;
-        ProxyTunnel::set(socket,
+        ProxyTunnel::set(*socket,
             {QStringLiteral("127.0.0.1"), listener.port(), QLatin1String(user), QStringLiteral("p:w")});
-        QObject::connect(&socket, &Socket::connected, [this] { ++connections; });
-        QObject::connect(&socket, &Socket::disconnected, [this] { ++ends; });
-        QObject::connect(&socket, &Socket::error, [this](int code) { errors.push_back(code); });
-        QObject::connect(&socket, &Socket::dataReceived,
-            [this](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
-                got.append(data, size);
-            });
     }
     // Until the proxy has been asked.
     QByteArray connect(const char* host, quint16 port = 80)
     {
-        socket.connectToHost(QString::fromUtf8(host), port);
+        socket->connectToHost(QString::fromUtf8(host), port);
         EXPECT_TRUE(waitFor([&] {
             if (!proxy.isOpen())
                 proxy = listener.accept();
             return proxy.isOpen() && proxy.received().endsWith("\r\n\r\n");
         })) << problem();
         return proxy.take();
-    }
-    std::string problem() { return socket.errorString().toStdString(); }
-    bool isOver() const { return connections > 0 || !errors.empty(); }
-    void end()
-    {
-        socket.close();
-        proxy.close();
-        errors.clear();
     }
 };
 } // namespace
@@ -60,36 +38,31 @@ TEST(ProxyTunnel, AsksForTheHostAndOpensInWhateverPiecesTheAnswerComes)
 {
     const QByteArray answers[] = {"HTTP/1.1 200 Connection established\r\n\r\n", "HTTP/1.0 200\n\n",
         "HTTP/1.1 100 Go on\r\n\r\nHTTP/1.1 204 Fine\r\nContent-Length: 7\r\nA: b\r\n\r\n"};
-    Way way;
     for (const QByteArray& answer : answers) {
         const QByteArray all = answer + "\nof the host";
         for (int cut = 0; cut <= all.size(); ++cut) {
-            way.got.clear();
-            way.connections = 0;
+            Way way;
             EXPECT_EQ(way.connect("cam.test", 8080),
                 QByteArray("CONNECT cam.test:8080 HTTP/1.1\r\nHost: cam.test:8080\r\n\r\n"));
             way.proxy.write(all.left(cut));
             settle(1);
-            const bool bOpen = cut >= answer.size();
-            if (!bOpen) {
+            if (cut < answer.size()) {
                 EXPECT_EQ(way.connections, 0) << cut;
-                EXPECT_EQ(way.socket.getState(), NuvikaTcpSocket::eConnecting);
-                EXPECT_FALSE(way.socket.sendData("x", 1) || way.socket.canSend());
+                EXPECT_EQ(way.socket->getState(), NuvikaTcpSocket::eConnecting);
+                EXPECT_FALSE(way.socket->sendData("x", 1) || way.socket->canSend());
             }
             way.proxy.write(all.mid(cut));
             ASSERT_TRUE(waitFor([&] { return way.got == "\nof the host"; })) << cut << way.problem();
             EXPECT_EQ(way.connections, 1);
-            EXPECT_EQ(way.socket.getState(), NuvikaTcpSocket::eConnected);
-            EXPECT_TRUE(way.socket.sendData("for the host", 12));
+            EXPECT_EQ(way.socket->getState(), NuvikaTcpSocket::eConnected);
+            EXPECT_TRUE(way.socket->sendData("for the host", 12));
             ASSERT_TRUE(waitFor([&] { return way.proxy.received() == "for the host"; }));
-            way.end();
+            way.proxy.close();
+            ASSERT_TRUE(waitFor([&] { return way.ends.size() == 1; })) << "as any connection's end";
+            way.socket->close();
+            way.connect("cam.test");
         }
     }
-    way.connect("cam.test");
-    way.proxy.write(answers[0]);
-    ASSERT_TRUE(waitFor([&] { return way.connections == 2; }));
-    way.proxy.close();
-    ASSERT_TRUE(waitFor([&] { return way.ends == 1; })) << "later it is any connection's end";
 }
 
 TEST(ProxyTunnel, NamesHostsAndUsersAsTheyAreWrittenThere)
@@ -112,9 +85,9 @@ TEST(ProxyTunnel, NamesHostsAndUsersAsTheyAreWrittenThere)
     }
     for (const char* host : {"", "a b", "a\r\nX: y", "a/b"}) {
         Way way;
-        way.socket.connectToHost(QString::fromUtf8(host), 80);
+        way.socket->connectToHost(QString::fromUtf8(host), 80);
         EXPECT_TRUE(way.errors.empty()) << "never inside the call";
-        ASSERT_TRUE(waitFor([&] { return way.isOver(); })) << host;
+        ASSERT_TRUE(waitFor([&] { return way.isSettled(); })) << host;
         EXPECT_EQ(way.errors, std::vector<int>{11001}) << host;
         EXPECT_FALSE(way.listener.accept().isOpen()) << host;
     }
@@ -157,10 +130,10 @@ TEST(ProxyTunnel, EndsInASentenceWhereTheProxyDoesNotHelp)
     for (const auto& row : rows) {
         Way way(row.user);
         const std::string proxy = "the proxy 127.0.0.1:" + std::to_string(way.listener.port());
-        way.socket.setConnectTimeLimit(row.how == eIsSlow ? 150 : 0);
+        way.socket->setConnectTimeLimit(row.how == eIsSlow ? 150 : 0);
         if (row.how == eIsAway) {
             way.listener.close();
-            way.socket.connectToHost(QStringLiteral("cam.test"), 80);
+            way.socket->connectToHost(QStringLiteral("cam.test"), 80);
         } else {
             way.connect("cam.test");
         }
@@ -172,41 +145,30 @@ TEST(ProxyTunnel, EndsInASentenceWhereTheProxyDoesNotHelp)
             way.proxy.reset();
         else if (row.how == eIsSilent)
             seams::clockOffsetMs += 10500;
-        ASSERT_TRUE(waitFor([&] { return way.isOver(); })) << row.words;
+        ASSERT_TRUE(waitFor([&] { return way.isSettled(); })) << row.words;
         settle(row.how == eIsSilent ? 600 : 1);
         EXPECT_EQ(way.errors, std::vector<int>{row.code}) << row.words << ": " << way.problem();
         EXPECT_EQ(way.problem().find(proxy), 0U) << way.problem();
         EXPECT_NE(way.problem().find(row.words), std::string::npos) << way.problem();
-        EXPECT_EQ(way.connections + way.ends, 0);
-        EXPECT_EQ(way.socket.getState(), NuvikaTcpSocket::eError);
+        EXPECT_EQ(way.connections + way.ends.size(), 0U);
+        EXPECT_EQ(way.socket->getState(), NuvikaTcpSocket::eError);
         EXPECT_TRUE(waitFor([&] { return !way.proxy.isOpen() || way.proxy.atEnd(); })) << "it is let go";
-        way.socket.close();
-        EXPECT_EQ(way.socket.getState(), NuvikaTcpSocket::eUnconnected);
+        way.socket->close();
+        EXPECT_EQ(way.socket->getState(), NuvikaTcpSocket::eUnconnected);
     }
 }
 
 TEST(ProxyTunnel, AHandlerMayEndItsSocket)
 {
-    for (const bool bOpens : {true, false}) {
+    for (const char* answer : {"HTTP/1.1 200 \r\n\r\nrest", "HTTP/1.1 502 \r\n\r\nrest"}) {
         for (const bool bDeletes : {true, false}) {
-            RawListener listener;
-            auto socket = std::make_unique<NuvikaTcpSocketQueued>();
-            int told = 0;
-            const auto end = [&] {
-                ++told;
-                bDeletes ? socket.reset() : socket->close();
-            };
-            QObject::connect(socket.get(), &NuvikaTcpSocketQueued::connected, end);
-            QObject::connect(socket.get(), &NuvikaTcpSocketQueued::error, end);
-            QObject::connect(socket.get(), &NuvikaTcpSocketQueued::dataReceived, [&] { told += 100; });
-            ProxyTunnel::set(*socket, {QStringLiteral("127.0.0.1"), listener.port(), {}, {}});
-            socket->connectToHost(QStringLiteral("cam.test"), 80);
-            RawSocket proxy;
-            ASSERT_TRUE(waitFor([&] { return (proxy = listener.accept()).isOpen(); }));
-            proxy.write(bOpens ? "HTTP/1.1 200 \r\n\r\nrest" : "HTTP/1.1 502 \r\n\r\nrest");
-            ASSERT_TRUE(waitFor([&] { return told > 0 && proxy.atEnd(); }));
+            Way way;
+            way.onConnected = way.onError = [&] { bDeletes ? way.socket.reset() : way.socket->close(); };
+            way.connect("cam.test");
+            way.proxy.write(answer);
+            ASSERT_TRUE(waitFor([&] { return way.isSettled() && way.proxy.atEnd(); }));
             settle(5);
-            EXPECT_EQ(told, 1);
+            EXPECT_EQ(way.connections + way.errors.size() + way.got.size(), 1U) << "told more than once";
         }
     }
 }

@@ -1,15 +1,13 @@
 // What each class does when the system refuses one of its calls: descriptors, registrations, threads,
 // options, addresses. Nothing hangs, nothing is silent, nothing is left over, and the next use works.
+#include "net/SslTalkers.h"
 #include "platform/WorkerPool_p.h"
-#include "support/EventLoop.h"
 #include "support/LogCapture.h"
 #include "support/OwnThread.h"
-#include "support/RawPeer.h"
 #include "support/Seams.h"
 
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
-#include <functional>
 #include <gtest/gtest.h>
 
 namespace
@@ -59,48 +57,42 @@ void eachCall(const std::function<Outcome(const LogCapture& log)>& scenario)
 
 const QHostAddress kLocal(QHostAddress::LocalHost);
 
-// Whether a byte from the peer arrives within the time; an error of the socket ends the wait.
-struct ByteWait {
-    NuvikaTcpSocket socket;
-    bool bReceived = false;
-    bool bError = false;
-    ByteWait()
-    {
-        QObject::connect(&socket, &NuvikaTcpSocket::dataReceived,
-            [this](const char*, int, NuvikaTcpSocket::QueuedConnNotAllowed) { bReceived = true; });
-        QObject::connect(&socket, &NuvikaTcpSocket::error, [this](int) { bError = true; });
-    }
-    bool isOver() const { return bReceived || bError; }
-};
+// Waits for a byte from the peer, or for an error of the socket.
+Outcome outcomeOf(
+    const TalkerOf<NuvikaTcpSocket>& talker, const std::function<void()>& act = [] {})
+{
+    waitFor(
+        [&] {
+            act();
+            return !talker.got.isEmpty() || !talker.errors.empty();
+        },
+        3000);
+    return {!talker.got.isEmpty(), !talker.errors.empty()};
+}
 
 Outcome connectAndReceive(const QString& host)
 {
     RawListener listener;
     RawSocket peer;
-    ByteWait wait;
-    wait.socket.connectToHost(host, listener.port());
-    waitFor(
-        [&] {
-            if (!peer.isOpen() && (peer = listener.accept()).isOpen())
-                peer.write("x");
-            return wait.isOver();
-        },
-        3000);
-    return {wait.bReceived, wait.bError};
+    TalkerOf<NuvikaTcpSocket> talker;
+    talker.socket->connectToHost(host, listener.port());
+    return outcomeOf(talker, [&] {
+        if (!peer.isOpen() && (peer = listener.accept()).isOpen())
+            peer.write("x");
+    });
 }
 
 Outcome listenAndAccept(const LogCapture& log, bool (NuvikaTcpServer::*listen)(const QHostAddress&, quint16))
 {
-    ByteWait wait;
+    TalkerOf<NuvikaTcpSocket> talker;
     NuvikaTcpServer server;
     QObject::connect(
-        &server, &NuvikaTcpServer::newConnectionDesc, [&](int s) { wait.socket.setSocketDescriptor(s); });
+        &server, &NuvikaTcpServer::newConnectionDesc, [&](int s) { talker.socket->setSocketDescriptor(s); });
     if (!(server.*listen)(QHostAddress(QHostAddress::Any), 0))
         return {false, log.has("NuvikaTcpServerThread::", QtCriticalMsg)};
     RawSocket client = RawSocket::connectTo(server.serverPort());
     client.write("x");
-    waitFor([&] { return wait.isOver(); }, 3000);
-    return {wait.bReceived, wait.bError};
+    return outcomeOf(talker);
 }
 } // namespace
 

@@ -163,12 +163,3 @@ TEST(SocketCalls, ConvertsAddressesBothWays)
     createSockAddr(&address, QHostAddress(QHostAddress::Any), 80);
     EXPECT_EQ(address.sa.sa_family, AF_INET);
 }
-
-TEST(SocketError, HasTextsForItsCodesAndUnknownForOthers)
-{
-    for (const int code : {0, 5, 995, 10013, 10035, 10054, 10060, 10107, 11001, 11002, 11004})
-        EXPECT_NE(SocketError::format(code), QStringLiteral("Unknown")) << code;
-    LogCapture log;
-    EXPECT_EQ(SocketError::format(123456), QStringLiteral("Unknown"));
-    EXPECT_TRUE(log.has("Failed to get error message for error 123456", QtWarningMsg));
-}

@@ -46,23 +46,6 @@ TEST(SslPeers, ALaterFailureIsToldByItsOwnReasonWhomeverTheSocketTrusts)
     EXPECT_FALSE(client.socket->peerCertificate().subject.isEmpty());
 }
 
-TEST(SslPeers, FollowsKeyUpdates)
-{
-    PlainTlsServer server(TLS1_3_VERSION);
-    Client client;
-    server.meet(client);
-    for (int i = 1; i <= 3; ++i) {
-        SSL_key_update(server.ssl, SSL_KEY_UPDATE_REQUESTED);
-        SSL_write(server.ssl, "down", 4);
-        client.send("up");
-        ASSERT_TRUE(waitFor([&] {
-            server.converse();
-            return client.got == QByteArray("down").repeated(i)
-                && server.plain == QByteArray("up").repeated(i);
-        })) << client.problem();
-    }
-}
-
 namespace
 {
 // Begins a handshake (TLS 1.2) or a message of one (TLS 1.3) within the connection, and keeps the rest back.

@@ -72,7 +72,7 @@ TEST(SslSocket, RefusesCertificatesInWords)
 
             Client chain(protocol, QString(), Ssl::eVerifyChain);
             chain.connectTo(server.listener.serverPort());
-            ASSERT_TRUE(waitFor([&] { return chain.isOver() || chain.connections > 0; }));
+            ASSERT_TRUE(waitFor([&] { return chain.isSettled(); }));
             EXPECT_EQ(chain.connections, one.bChainIsGood ? 1 : 0) << one.words;
 
             Client anybody(protocol, QString(), Ssl::eVerifyNone);
@@ -109,7 +109,7 @@ TEST(SslSocket, MatchesNamesAsTheyStand)
         seams::setName(QUrl::toAce(host).toStdString(), {"127.0.0.1"});
         Client client;
         client.socket->connectToHost(host, server.listener.serverPort());
-        ASSERT_TRUE(waitFor([&] { return client.isOver() || client.connections == 1; })) << name;
+        ASSERT_TRUE(waitFor([&] { return client.isSettled(); })) << name;
         EXPECT_EQ(client.connections == 1, bMatches) << name << ": " << client.problem();
     }
 }
@@ -134,9 +134,6 @@ TEST(SslSocket, AsksForClientCertificatesWhenToldWhomToTrust)
             EXPECT_EQ(server.last().errors, std::vector<int>{10013});
             EXPECT_NE(server.last().problem().find(one.serversWords), std::string::npos);
         }
-        Client known(protocol, certificates().issue({QStringLiteral("recorder"), QString()}));
-        known.meet(server);
-        EXPECT_EQ(server.last().socket->peerCertificate().subject, QLatin1String("CN=recorder"));
     }
 }
 
@@ -235,35 +232,6 @@ TEST(SslSocket, ReportsWhatEndsAHandshake)
     plain.write("GET / HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(waitFor([&] { return server.talkers.size() == 2 && server.last().isOver(); }));
     EXPECT_EQ(server.last().problem(), "the peer does not speak TLS on this port");
-}
-
-TEST(SslSocket, TellsAnEndWithoutAGoodbye)
-{
-    Server server;
-    Client client;
-    client.meet(server);
-    server.last().send("last words");
-    ::shutdown(server.descriptors.back(), SHUT_WR);
-    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-    EXPECT_EQ(client.ends, std::vector<unsigned long>{1});
-    EXPECT_EQ(client.got, QByteArray("last words"));
-    EXPECT_EQ(client.socket->getState(), NuvikaTcpSocket::eUnconnected);
-}
-
-TEST(SslSocket, HalfClosesBehindWhatWasSent)
-{
-    Server server;
-    Client client;
-    client.meet(server);
-    const QByteArray block = text(2000000);
-    client.send(block);
-    client.socket->sendEndOfData();
-    EXPECT_FALSE(client.socket->sendData("x", 1));
-    ASSERT_TRUE(waitFor([&] { return server.last().isOver(); }));
-    EXPECT_EQ(server.last().got, block);
-    EXPECT_EQ(server.last().ends, std::vector<unsigned long>{0});
-    ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-    EXPECT_EQ(client.ends, std::vector<unsigned long>{0});
 }
 
 TEST(SslSocket, ClosesBehindWhatWasSentAndPostponesAConnect)

@@ -18,59 +18,65 @@
 using Marker = NuvikaTcpSocket::QueuedConnNotAllowed;
 using Ssl = NuvikaSslSocket;
 
-// A TLS socket that writes down what it says.
-struct Talker {
-    std::unique_ptr<Ssl> socket = std::make_unique<Ssl>();
+// A socket that writes down what it says.
+template <class Socket>
+struct TalkerOf {
+    std::unique_ptr<Socket> socket = std::make_unique<Socket>();
     QByteArray got;
     int connections = 0;
     std::vector<unsigned long> ends;
     std::vector<int> errors;
-    std::function<void()> onConnected = [] {}, onData = [] {};
+    std::function<void()> onConnected = [] {}, onData = [] {}, onError = [] {};
 
-    Talker()
+    TalkerOf()
     {
-        QObject::connect(socket.get(), &Ssl::connected, [this] {
+        QObject::connect(socket.get(), &Socket::connected, [this] {
             ++connections;
             onConnected();
         });
-        QObject::connect(socket.get(), &Ssl::dataReceived, [this](const char* data, int size, Marker) {
+        QObject::connect(socket.get(), &Socket::dataReceived, [this](const char* data, int size, Marker) {
             got.append(data, size);
             onData();
         });
         QObject::connect(
-            socket.get(), &Ssl::disconnected, [this](unsigned long how) { ends.push_back(how); });
-        QObject::connect(socket.get(), &Ssl::error, [this](int code) { errors.push_back(code); });
+            socket.get(), &Socket::disconnected, [this](auto... how) { ends.push_back((0UL + ... + how)); });
+        QObject::connect(socket.get(), &Socket::error, [this](int code) {
+            errors.push_back(code);
+            onError();
+        });
     }
     void send(const QByteArray& bytes) { EXPECT_TRUE(socket->sendData(bytes.constData(), bytes.size())); }
     bool isOver() const { return !ends.empty() || !errors.empty(); }
+    bool isSettled() const { return isOver() || connections > 0; }
     std::string problem() const { return socket->errorString().toStdString(); }
 };
+using Talker = TalkerOf<Ssl>;
 
 struct ServerWish {
     Ssl::SslProtocol protocol = Ssl::eSslAny12;
     QString certificate;
     QString trusted;
     bool bEcho = false;
+    QList<TlsPin> pins = {};
 };
 
 // Accepts TLS connections.
 struct Server {
     NuvikaTcpServer listener;
     std::vector<std::unique_ptr<Talker>> talkers;
-    std::vector<int> descriptors;
 
     explicit Server(const ServerWish& wish = {})
     {
         QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [this, wish](int descriptor) {
             talkers.push_back(std::make_unique<Talker>());
             Talker& talker = *talkers.back();
+            talker.socket->setPins(wish.pins);
             EXPECT_TRUE(talker.socket->initSsl(true, wish.protocol,
                 wish.certificate.isEmpty() ? certificates().forLocalhost() : wish.certificate, wish.trusted,
                 QString()))
                 << talker.problem();
             if (wish.bEcho)
                 talker.onData = [&talker] { talker.send(std::exchange(talker.got, QByteArray())); };
-            descriptors.push_back(descriptor);
             talker.socket->setSocketDescriptor(descriptor);
         });
         EXPECT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));

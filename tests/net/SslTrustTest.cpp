@@ -30,12 +30,6 @@ const QString& camera()
     return file;
 }
 
-bool initialise(Client& client, const QList<TlsPin>& pins, Ssl::SslProtocol protocol = Ssl::eSslAny12)
-{
-    client.socket->setPins(pins);
-    return client.socket->initSsl(false, protocol, QString(), certificates().authority(), QString());
-}
-
 const QByteArray kHex = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
 const QByteArray kBase64 = "sha256//AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8=";
 } // namespace
@@ -79,75 +73,126 @@ TEST(TlsPin, ReadsFingerprintsAndCurlsPinsAndTellsWhatIsNone)
     EXPECT_TRUE(TlsPin::certificate("short").isNull());
 }
 
-TEST(SslTrust, APinHoldsWhateverTheCertificateSaysAndNoOtherDoes)
+TEST(SslTrust, PinsAndHandlersDecideBeforeAnythingOfOursHasLeft)
 {
+    enum Handler { eNobody, eGoesOn, eRefuses };
     const TlsPin other = TlsPin::publicKey(QByteArray(32, 'x'));
     const QString good = certificates().forLocalhost();
+    const QString ours = certificates().issue({QStringLiteral("recorder"), QString()});
+    const std::vector<int> much{
+        X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, X509_V_ERR_IP_ADDRESS_MISMATCH, X509_V_ERR_CERT_HAS_EXPIRED};
+    const auto notPinned = [](const QString& file) {
+        return "the certificate of 127.0.0.1 is not pinned; its fingerprint is "
+            + pinOf(file).toText().toStdString() + ", its public key's "
+            + keyPinOf(file).toText().toStdString();
+    };
+    const std::string selfSigned = "the certificate of 127.0.0.1 is self-signed, and not among the trusted";
+    const std::string byHandler = "the certificate of 127.0.0.1 was refused by the verdict handler";
     const struct {
         QString shown;
         QList<TlsPin> pins;
-        bool bHolds;
+        std::string words; // none: the connection holds
+        Handler handler = eNobody;
+        std::vector<int> reasons = {}; // that a handler is told: X509_V_ERR_...
         Ssl::SslVerifyCertificateMode mode = Ssl::eVerifyChainAndHost;
     } rows[] = {
-        {camera(), {pinOf(camera())}, true},
-        {camera(), {keyPinOf(camera())}, true},
-        {camera(), {other, TlsPin(), keyPinOf(camera())}, true},
-        {camera(), {}, false},
-        {good, {}, true},
-        {good, {pinOf(camera()), keyPinOf(camera())}, false},
+        {camera(), {pinOf(camera())}, ""},
+        {camera(), {keyPinOf(camera())}, ""},
+        {camera(), {other, TlsPin(), keyPinOf(camera())}, ""},
+        {camera(), {}, selfSigned},
+        {good, {}, ""},
+        {good, {pinOf(camera()), keyPinOf(camera())}, notPinned(good)},
         {good, {TlsPin::certificate(keyPinOf(good).sha256()), TlsPin::publicKey(pinOf(good).sha256())},
-            false},
-        {good, {TlsPin()}, false},
-        {good, {pinOf(certificates().authority())}, false},
-        {good, {other}, false, Ssl::eVerifyNone},
+            notPinned(good)},
+        {good, {TlsPin()}, notPinned(good)},
+        {good, {pinOf(certificates().authority())}, notPinned(good)},
+        {good, {other}, notPinned(good), eNobody, {}, Ssl::eVerifyNone},
+        {good, {}, "", eGoesOn},
+        {good, {}, byHandler, eRefuses},
+        {camera(), {}, "", eGoesOn, much},
+        {camera(), {}, selfSigned, eRefuses, much},
+        {camera(), {}, "", eGoesOn, {}, Ssl::eVerifyNone},
+        {camera(), {}, byHandler, eRefuses, {}, Ssl::eVerifyNone},
+        {camera(), {pinOf(good)}, "", eGoesOn, {X509_V_ERR_CERT_REJECTED}},
+        {camera(), {pinOf(good)}, notPinned(camera()), eRefuses, {X509_V_ERR_CERT_REJECTED}},
+        {camera(), {pinOf(camera())}, "", eGoesOn},
     };
     for (const Ssl::SslProtocol protocol : {Ssl::eTls12, Ssl::eTls13}) {
         for (const auto& row : rows) {
             const auto n = &row - rows;
-            Server server({protocol, row.shown, {}, false});
-            Client client(protocol, QString(), row.mode);
-            ASSERT_TRUE(initialise(client, row.pins, protocol));
+            const bool bHolds = row.words.empty();
+            Server server({protocol, row.shown, certificates().authority(), false});
+            Client client(protocol, ours, row.mode);
+            client.socket->setPins(row.pins);
+            ASSERT_TRUE(client.socket->initSsl(false, protocol, ours, certificates().authority(), QString()));
+            int asked = 0;
+            const auto decide = [&](const Ssl::PeerChain& chain) {
+                ++asked;
+                EXPECT_EQ(client.connections, 0);
+                EXPECT_EQ(chain.host, QLatin1String("127.0.0.1"));
+                EXPECT_EQ(chain.port, server.listener.serverPort());
+                EXPECT_EQ(chain.certificates.value(0).der, read(row.shown).toDer());
+                EXPECT_EQ(client.socket->peerCertificate().der, read(row.shown).toDer());
+                EXPECT_FALSE(client.socket->sendData("x", 1));
+                std::vector<int> reasons;
+                for (const Ssl::CertificateReason& reason : chain.reasons)
+                    reasons.push_back(reason.code);
+                EXPECT_EQ(reasons, row.reasons) << n;
+                settle();
+                EXPECT_EQ(server.last().connections, 0) << "our end of the handshake waits";
+                return row.handler == eGoesOn;
+            };
+            client.socket->setVerdictHandler(row.handler == eNobody ? Ssl::VerdictHandler() : decide);
             client.connectTo(server.listener.serverPort());
-            ASSERT_TRUE(waitFor([&] { return client.isOver() || client.connections > 0; })) << n;
-            EXPECT_EQ(client.connections == 1, row.bHolds) << n << client.problem();
-            EXPECT_EQ(client.errors, row.bHolds ? std::vector<int>{} : std::vector<int>{10013}) << n;
+            ASSERT_TRUE(waitFor([&] { return client.isSettled(); })) << n;
+            ASSERT_TRUE(waitFor([&] { return server.last().isSettled(); })) << n;
+            EXPECT_EQ(client.connections + server.last().connections, bHolds ? 2 : 0) << n;
+            EXPECT_EQ(asked, row.handler == eNobody ? 0 : 1) << n;
+            EXPECT_EQ(client.problem().empty(), bHolds) << n;
+            EXPECT_EQ(client.problem().find(row.words), 0U) << n << client.problem();
+            const std::vector<int> errors = bHolds ? std::vector<int>{} : std::vector<int>{10013};
+            EXPECT_EQ(client.errors, errors) << n;
+            EXPECT_EQ(server.last().errors, errors) << n << server.last().problem();
             const Ssl::PeerCertificate shown = client.socket->peerCertificate();
             EXPECT_EQ(shown.der, read(row.shown).toDer());
             EXPECT_EQ(shown.publicKeySha256, keyPinOf(row.shown).sha256());
-            if (row.bHolds || row.pins.isEmpty())
-                continue;
-            EXPECT_EQ(client.problem(),
-                "the certificate of 127.0.0.1 is not pinned; its fingerprint is "
-                    + pinOf(row.shown).toText().toStdString() + ", its public key's "
-                    + keyPinOf(row.shown).toText().toStdString());
-            ASSERT_TRUE(waitFor([&] { return server.last().isOver(); }));
-            EXPECT_EQ(server.last().errors, std::vector<int>{10013}) << server.last().problem();
+            EXPECT_EQ(server.last().socket->peerCertificate().subject,
+                bHolds ? QStringLiteral("CN=recorder") : QString());
         }
     }
 }
 
-TEST(SslTrust, SessionsAreResumedAmongTheSamePinsOnly)
+TEST(SslTrust, SessionsAreResumedAmongTheSamePinsAndNeverWhereAHandlerIsAsked)
 {
     const QString good = certificates().forLocalhost();
     const QList<TlsPin> right{pinOf(good)}, wrong{pinOf(camera())};
     const struct {
         QList<TlsPin> pins;
         bool bHolds, bResumed;
+        bool bHandler = false; // which takes anybody
+        bool bCamera = false; // is who shows its certificate
     } steps[] = {{{}, true, false}, {{}, true, true}, {wrong, false, false}, {right, true, false},
-        {right, true, true}, {wrong, false, false}, {{}, true, true}};
+        {right, true, true}, {wrong, false, false}, {{}, true, true}, {{}, true, false, true},
+        {{}, true, false, true, true}, {{}, true, false, true, true}, {{}, false, false, false, true}};
     for (const Ssl::SslProtocol protocol : {Ssl::eTls12, Ssl::eTls13}) {
-        Server server({protocol, good, {}, true});
+        Server known({protocol, good, {}, true}), unknown({protocol, camera(), {}, true});
         Client client(protocol);
         for (const auto& step : steps) {
             const auto n = &step - steps;
-            ASSERT_TRUE(initialise(client, step.pins, protocol));
+            int asked = 0;
+            client.socket->setPins(step.pins);
+            ASSERT_TRUE(
+                client.socket->initSsl(false, protocol, QString(), certificates().authority(), QString()));
+            client.socket->setVerdictHandler(
+                step.bHandler ? [&](const Ssl::PeerChain&) { return ++asked > 0; } : Ssl::VerdictHandler());
             client.connections = 0;
             client.errors.clear();
             client.got.clear();
-            client.connectTo(server.listener.serverPort());
-            ASSERT_TRUE(waitFor([&] { return client.isOver() || client.connections > 0; })) << n;
+            client.connectTo((step.bCamera ? unknown : known).listener.serverPort());
+            ASSERT_TRUE(waitFor([&] { return client.isSettled(); })) << n;
             EXPECT_EQ(client.connections == 1, step.bHolds) << n << client.problem();
             EXPECT_EQ(client.socket->isSessionResumed(), step.bResumed) << n;
+            EXPECT_EQ(asked, step.bHandler ? 1 : 0) << n;
             if (step.bHolds) { // the ticket has come with the echo
                 client.send("x");
                 EXPECT_TRUE(waitFor([&] { return !client.got.isEmpty(); }));
@@ -167,92 +212,13 @@ TEST(SslTrust, AServerPinsItsClients)
         = {{known, nullptr}, {certificates().forLocalhost(), "the certificate of the peer is not pinned"},
             {QString(), "the peer has sent no certificate"}};
     for (const auto& row : rows) {
-        NuvikaTcpServer listener;
-        Talker server;
-        server.socket->setPins({pinOf(known)});
-        ASSERT_TRUE(server.socket->initSsl(
-            true, Ssl::eSslAny12, certificates().forLocalhost(), QString(), QString()));
-        QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc,
-            [&](int descriptor) { server.socket->setSocketDescriptor(descriptor); });
-        ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
+        Server server({Ssl::eSslAny12, {}, {}, false, {pinOf(known)}});
         Client client(Ssl::eSslAny12, row.shown);
-        client.connectTo(listener.serverPort());
-        ASSERT_TRUE(waitFor([&] { return server.isOver() || server.connections > 0; }));
-        EXPECT_EQ(server.connections == 1, row.words == nullptr) << server.problem();
-        if (row.words != nullptr) {
-            EXPECT_NE(server.problem().find(row.words), std::string::npos) << server.problem();
-        }
-    }
-}
-
-TEST(SslTrust, AHandlerDecidesBeforeAnythingOfOursHasLeft)
-{
-    const QString good = certificates().forLocalhost();
-    const QString ours = certificates().issue({QStringLiteral("recorder"), QString()});
-    const struct {
-        QString shown;
-        Ssl::SslVerifyCertificateMode mode;
-        bool bGoOn;
-        std::vector<int> reasons; // X509_V_ERR_...
-        const char* words;
-        QList<TlsPin> pins = {};
-    } rows[] = {
-        {good, Ssl::eVerifyChainAndHost, true, {}, ""},
-        {good, Ssl::eVerifyChainAndHost, false, {},
-            "the certificate of 127.0.0.1 was refused by the verdict handler"},
-        {camera(), Ssl::eVerifyChainAndHost, true,
-            {X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, X509_V_ERR_IP_ADDRESS_MISMATCH,
-                X509_V_ERR_CERT_HAS_EXPIRED},
-            ""},
-        {camera(), Ssl::eVerifyChainAndHost, false,
-            {X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, X509_V_ERR_IP_ADDRESS_MISMATCH,
-                X509_V_ERR_CERT_HAS_EXPIRED},
-            "the certificate of 127.0.0.1 is self-signed, and not among the trusted ones"},
-        {camera(), Ssl::eVerifyNone, true, {}, ""},
-        {camera(), Ssl::eVerifyNone, false, {}, "refused by the verdict handler"},
-        {camera(), Ssl::eVerifyChainAndHost, true, {X509_V_ERR_CERT_REJECTED}, "", {pinOf(good)}},
-        {camera(), Ssl::eVerifyChainAndHost, false, {X509_V_ERR_CERT_REJECTED}, "is not pinned",
-            {pinOf(good)}},
-        {camera(), Ssl::eVerifyChainAndHost, true, {}, "", {pinOf(camera())}},
-    };
-    for (const Ssl::SslProtocol protocol : {Ssl::eTls12, Ssl::eTls13}) {
-        for (const auto& row : rows) {
-            const auto n = &row - rows;
-            Server server({protocol, row.shown, certificates().authority(), false});
-            Client client(protocol, ours, row.mode);
-            client.socket->setPins(row.pins);
-            ASSERT_TRUE(client.socket->initSsl(false, protocol, ours, certificates().authority(), QString()));
-            int asked = 0;
-            std::vector<int> reasons;
-            client.socket->setVerdictHandler([&](const Ssl::PeerChain& chain) {
-                ++asked;
-                EXPECT_EQ(client.connections, 0);
-                EXPECT_EQ(chain.host, QLatin1String("127.0.0.1"));
-                EXPECT_EQ(chain.port, server.listener.serverPort());
-                EXPECT_EQ(chain.certificates.value(0).der, read(row.shown).toDer());
-                EXPECT_EQ(client.socket->peerCertificate().der, read(row.shown).toDer());
-                EXPECT_FALSE(client.socket->sendData("x", 1));
-                for (const Ssl::CertificateReason& reason : chain.reasons)
-                    reasons.push_back(reason.code);
-                settle();
-                EXPECT_EQ(server.last().connections, 0) << "our end of the handshake waits";
-                return row.bGoOn;
-            });
-            client.connectTo(server.listener.serverPort());
-            ASSERT_TRUE(waitFor([&] { return asked > 0; })) << n << client.problem();
-            ASSERT_TRUE(waitFor([&] {
-                return row.bGoOn ? client.connections + server.last().connections == 2
-                                 : client.isOver() && server.last().isOver();
-            })) << n
-                << client.problem();
-            EXPECT_EQ(asked, 1) << n;
-            EXPECT_EQ(reasons, row.reasons) << n;
-            EXPECT_EQ(client.problem().empty(), row.bGoOn) << n;
-            EXPECT_NE(client.problem().find(row.words), std::string::npos) << n << client.problem();
-            EXPECT_EQ(client.errors, row.bGoOn ? std::vector<int>{} : std::vector<int>{10013});
-            EXPECT_EQ(server.last().socket->peerCertificate().subject,
-                row.bGoOn ? QStringLiteral("CN=recorder") : QString());
-        }
+        client.connectTo(server.listener.serverPort());
+        ASSERT_TRUE(waitFor([&] { return !server.talkers.empty() && server.last().isSettled(); }));
+        const std::string problem = server.last().problem();
+        EXPECT_EQ(server.last().connections == 1, row.words == nullptr) << problem;
+        EXPECT_TRUE(row.words == nullptr || problem.find(row.words) != std::string::npos) << problem;
     }
 }
 
@@ -310,50 +276,17 @@ TEST(SslTrust, AHandlerMayDoAsItLikesWithItsSocket)
     }
 }
 
-TEST(SslTrust, AHandlerHasAllTheTimeThatItWants)
-{
-    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-        PlainTlsServer server(version, camera());
-        Client client;
-        client.socket->setVerdictHandler([](const Ssl::PeerChain&) {
-            seams::clockOffsetMs += 60000;
-            settle(600);
-            return true;
-        });
-        server.meet(client);
-    }
-}
-
-TEST(SslTrust, WhatAHandlerAcceptedIsAskedAgainAndResumedByNobody)
-{
-    for (const Ssl::SslProtocol protocol : {Ssl::eTls12, Ssl::eTls13}) {
-        Server server({protocol, camera(), {}, true});
-        Client client(protocol);
-        int asked = 0;
-        client.socket->setVerdictHandler([&](const Ssl::PeerChain&) { return ++asked > 0; });
-        for (int i = 1; i <= 3; ++i) {
-            client.got.clear();
-            client.meet(server);
-            client.send("x");
-            EXPECT_TRUE(waitFor([&] { return !client.got.isEmpty(); })) << "and a ticket with it";
-            EXPECT_FALSE(client.socket->isSessionResumed());
-            EXPECT_EQ(asked, i);
-            client.socket->close();
-        }
-        client.socket->setVerdictHandler({});
-        client.connectTo(server.listener.serverPort());
-        ASSERT_TRUE(waitFor([&] { return client.isOver(); }));
-        EXPECT_EQ(client.errors, std::vector<int>{10013}) << "what the handler accepted holds for it only";
-    }
-}
-
-TEST(SslTrust, WithinAConnectionTheCertificateStaysWhatWasAccepted)
+TEST(SslTrust, AHandlerHasAllTheTimeThatItWantsAndIsAskedOnceInAConnection)
 {
     for (const bool bSame : {true, false}) {
         PlainTlsServer server(TLS1_2_VERSION, camera());
         Client client(Ssl::eTls12);
         int asked = 0;
-        client.socket->setVerdictHandler([&](const Ssl::PeerChain&) { return ++asked > 0; });
+        client.socket->setVerdictHandler([&](const Ssl::PeerChain&) {
+            seams::clockOffsetMs += 60000;
+            settle(600);
+            return ++asked > 0;
+        });
         server.meet(client);
         if (!bSame) { // one that would be trusted, too
             const QByteArray file = certificates().forLocalhost().toLocal8Bit();
