@@ -1,11 +1,9 @@
 #include "core/ThreadAlarm_p.h"
+#include "net/SslTalkers.h"
 #include "rtsp/RtspKeepAlive_p.h"
 #include "rtsp/ScriptedCamera.h"
-#include "support/Certificates.h"
 #include "support/OwnNetwork.h"
 #include "support/Seams.h"
-
-#include <KepNuvikaUtil/NuvikaTcpServer.h>
 
 #include <QtNetwork/QSslCertificate>
 
@@ -48,12 +46,17 @@ TEST(RtspClient, PlaysPausesResumesAndStops)
     EXPECT_TRUE(viewer.starts("playing")) << "it may be used again";
 }
 
-TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsIt)
+TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsItAndAnswersNewNonces)
 {
     Viewer viewer(on("PLAY", {refuses("459 Aggregate Operation Not Allowed"), answer()})
-                      .on("PAUSE", {asksDigest("n2"), answer()}) // and a nonce expires
+                      .on("SETUP", {setUp("{transport}", "42;timeout=1")})
+                      .on("GET_PARAMETER", {asksDigest("n1"), answer()}) // nonces expire
+                      .on("PAUSE", {asksDigest("n2"), answer()})
+                      .on("TEARDOWN", {asksDigest("n3"), answer()})
                       .describes(kAudioTrack + "m=audio 0 RTP/AVP 8\r\na=control:track2\r\n"));
     ASSERT_TRUE(viewer.starts("playing", "user", "secret")) << viewer.log();
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.count("GET_PARAMETER") == 2; }));
+    EXPECT_TRUE(viewer.camera.last("GET_PARAMETER").contains("nonce=\"n1\""));
     EXPECT_TRUE(viewer.client->pause());
     ASSERT_TRUE(viewer.waitUntil("paused")) << viewer.log();
     viewer.events.clear();
@@ -62,7 +65,7 @@ TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsIt)
     viewer.client->stop();
     ASSERT_TRUE(viewer.waitUntil("stopped")) << viewer.log();
     for (const auto& row :
-        {std::make_pair("PLAY", 5), std::make_pair("PAUSE", 3), std::make_pair("TEARDOWN", 2)}) {
+        {std::make_pair("PLAY", 5), std::make_pair("PAUSE", 3), std::make_pair("TEARDOWN", 3)}) {
         EXPECT_EQ(viewer.camera.count(row.first), row.second) << row.first;
         EXPECT_TRUE(viewer.camera.last(row.first).contains("/track2 ")) << row.first;
     }
@@ -179,10 +182,8 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
 
 TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
 {
-    Certificates certificates;
-    NuvikaTcpServer listener;
-    std::vector<std::unique_ptr<NuvikaSslSocket>> served;
-    const QByteArray pin = QSslCertificate::fromPath(certificates.forLocalhost())
+    const QString authority = certificates().authority();
+    const QByteArray pin = QSslCertificate::fromPath(certificates().forLocalhost())
                                .value(0)
                                .digest(QCryptographicHash::Sha256)
                                .toHex();
@@ -196,32 +197,25 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
         const char* until;
         const char* pin = nullptr;
         bool bHandler = false; // which lets everybody in
-    } rows[] = {{"trusted", usual, RtspOptions::eAutomatic, certificates.authority(), "unit 0 1"},
+    } rows[] = {{"trusted", usual, RtspOptions::eAutomatic, authority, "unit 0 1"},
         {"a certificate of nobody", usual, RtspOptions::eAutomatic, QString(), "error 10013"},
         {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
-            RtspOptions::eTcp, certificates.authority(), "error 302"},
+            RtspOptions::eTcp, authority, "error 302"},
         {"pinned", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", pin.constData()},
-        {"another is pinned", usual, RtspOptions::eAutomatic, certificates.authority(), "error 10013",
+        {"another is pinned", usual, RtspOptions::eAutomatic, authority, "error 10013",
             "sha256//AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8="},
         {"let in by a handler", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", nullptr, true},
-        {"datagrams", usual, RtspOptions::eUdp, certificates.authority(), "error 10022"}};
+        {"datagrams", usual, RtspOptions::eUdp, authority, "error 10022"}};
     QByteArray described;
-    QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
-        served.push_back(std::make_unique<NuvikaSslSocket>());
-        NuvikaSslSocket* socket = served.back().get();
-        socket->initSsl(true, NuvikaSslSocket::eSslAny12, certificates.forLocalhost(), QString(), QString());
-        QObject::connect(socket, &NuvikaSslSocket::dataReceived, socket,
-            [socket, &described](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
-                const QByteArray request(data, size);
-                const QByteArray media = request.startsWith("PLAY") ? framed(0, rtp(0, 1)) : QByteArray();
-                const QByteArray text = request.startsWith("DESCRIBE")
-                    ? described
-                    : "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n" + media;
-                socket->sendData(text.constData(), text.size());
-            });
-        socket->setSocketDescriptor(descriptor);
+    Server server;
+    QObject::connect(&server.listener, &NuvikaTcpServer::newConnectionDesc, [&] {
+        server.last().onData = [&described, &talker = server.last()] {
+            const QByteArray request = std::exchange(talker.got, QByteArray());
+            const QByteArray media = request.startsWith("PLAY") ? framed(0, rtp(0, 1)) : QByteArray();
+            talker.send(request.startsWith("DESCRIBE") ? described
+                                                       : "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n" + media);
+        };
     });
-    ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
     for (const auto& row : rows) {
         described = row.described;
         RtspOptions options;
@@ -233,7 +227,7 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
             options.tlsVerdict
                 = [](const NuvikaSslSocket::PeerChain& chain) { return !chain.reasons.isEmpty(); };
         Viewer viewer(Script(), options);
-        viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
+        viewer.start("rtsps://127.0.0.1:" + QByteArray::number(server.listener.serverPort()));
         EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
     }
 }
@@ -316,21 +310,6 @@ TEST(RtspClient, NoKeepAliveAndNoReportWaitsBehindAStalledConnection)
     viewer.camera.connection().write(framed(0, rtp(0, 3))); // the system looks at it again
     EXPECT_TRUE(viewer.waitUntil([&] { return nSent >= 3 && viewer.camera.reports > nReports + 1; }));
     EXPECT_FALSE(viewer.has("error")) << viewer.log();
-}
-
-TEST(RtspClient, AnswersAKeepAliveWhoseNonceHasExpired)
-{
-    Viewer viewer(on("DESCRIBE", {asksDigest("n1"), describes()})
-                      .on("SETUP", {setUp("{transport}", "42;timeout=1")})
-                      .on("GET_PARAMETER", {asksDigest("n2"), answer()})
-                      .on("TEARDOWN", {asksDigest("n3"), answer()}));
-    ASSERT_TRUE(viewer.starts("unit 0", "user", "secret")) << viewer.log();
-    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.count("GET_PARAMETER") == 2; }));
-    EXPECT_TRUE(viewer.camera.last("GET_PARAMETER").contains("nonce=\"n2\""));
-    viewer.client->stop();
-    EXPECT_TRUE(viewer.waitUntil("stopped"));
-    EXPECT_EQ(viewer.camera.count("TEARDOWN"), 2);
-    EXPECT_TRUE(viewer.camera.last("TEARDOWN").contains("nonce=\"n3\""));
 }
 
 TEST(RtspClient, EachTimeLimitHasItsSentence)
@@ -571,31 +550,26 @@ TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
 
 TEST(RtspClient, SurvivesAnEventLoopInAHandler)
 {
-    for (const bool bUdp : {false, true}) {
-        Viewer viewer(silent(), bUdp ? udp() : Viewer::tcp());
-        const auto send = [&](int sequence) {
-            const QByteArray packet = rtp(0, sequence, 1, QByteArray(5, static_cast<char>(sequence)));
-            if (bUdp)
-                viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, packet);
-            else
-                viewer.camera.connection().write(framed(0, packet));
-        };
-        ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
-        int units = 0;
-        int depth = 0;
-        const auto take = [&](int, const RtspUnit& unit) {
-            EXPECT_EQ(++depth, 1) << "signals do not overtake each other";
-            if (++units == 1)
-                send(2);
-            settle(20);
-            const QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
-            EXPECT_EQ(bytes, QByteArray(5, static_cast<char>(units))) << "overwritten";
-            --depth;
-        };
-        QObject::connect(viewer.client.get(), &RtspClient::unitReceived, take);
-        send(1);
-        EXPECT_TRUE(viewer.waitUntil([&] { return units == 2; })) << viewer.log();
-    }
+    Viewer viewer(silent(), udp());
+    const auto send = [&](int sequence) {
+        viewer.camera.rtpPort.sendTo(
+            viewer.camera.clientPort, rtp(0, sequence, 1, QByteArray(5, static_cast<char>(sequence))));
+    };
+    ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
+    int units = 0;
+    int depth = 0;
+    const auto take = [&](int, const RtspUnit& unit) {
+        EXPECT_EQ(++depth, 1) << "signals do not overtake each other";
+        if (++units == 1)
+            send(2);
+        settle(20);
+        const QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
+        EXPECT_EQ(bytes, QByteArray(5, static_cast<char>(units))) << "overwritten";
+        --depth;
+    };
+    QObject::connect(viewer.client.get(), &RtspClient::unitReceived, take);
+    send(1);
+    EXPECT_TRUE(viewer.waitUntil([&] { return units == 2; })) << viewer.log();
 }
 
 TEST(RtspClient, HostileServersCostLittle)
@@ -604,20 +578,14 @@ TEST(RtspClient, HostileServersCostLittle)
     for (int i = 0; i < 1000; ++i)
         tracks += "m=audio 0 RTP/AVP 0\r\na=control:" + QByteArray::number(i) + "\r\n";
     const QByteArray asks = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
-    const auto h264 = [](const QByteArray& sets, const std::vector<QByteArray>& payloads) {
-        QByteArray media;
-        int sequence = 0;
-        for (const QByteArray& each : payloads)
-            media += framed(0, rtp(96, ++sequence, 1, each));
-        return Script().sends(media).describes(
-            "m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 sprop-parameter-sets=" + sets + '\n');
-    };
-    std::vector<QByteArray> endless(10, QByteArray("\x7c\x05") + QByteArray(60000, '\1'));
-    endless.front()[1] = '\x85';
-    const QByteArray picture = QByteArray::fromHex("658801");
+    QByteArray endless; // ten fragments, then two pictures
+    for (int i = 1; i <= 12; ++i)
+        endless += framed(0,
+            rtp(96, i, 1,
+                i > 10 ? QByteArray::fromHex("658801")
+                       : (i == 1 ? "\x7c\x85" : "\x7c\x05") + QByteArray(60000, '\1')));
     RtspOptions options = Viewer::tcp();
     options.unitFormat.nMaxUnitBytes = 100000;
-    endless.insert(endless.end(), 2, picture);
     const struct {
         const char* name;
         Script script;
@@ -625,11 +593,8 @@ TEST(RtspClient, HostileServersCostLittle)
     } rows[] = {{"a thousand tracks", Script().describes(tracks), "described 32"},
         {"a flood before PLAY", on("OPTIONS", {framed(0, rtp(0, 1)).repeated(50000) + answer()})},
         {"requests without end", on("OPTIONS", {asks.repeated(20000) + answer()})},
-        {"a picture without end", h264("", endless), "unit 0 11"},
-        {"garbage as parameter sets",
-            h264("Z//////////////,aP////8=,,Z0IA*,AAAB",
-                {"\x67" + QByteArray(300, '\xFF'), QByteArray::fromHex("68ff6700"), picture, picture}),
-            "unit 0 3"},
+        {"a picture without end",
+            Script().sends(endless).describes("m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n"), "unit 0 11"},
         {"a length that never comes", Script().sends(framed(0, rtp(0, 1)) + QByteArray("$\0\xFF\xFFzz", 6))}};
     for (const auto& row : rows) {
         Viewer viewer(row.script, options);

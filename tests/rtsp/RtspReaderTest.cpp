@@ -1,19 +1,14 @@
 #include "rtsp/RtspMessageReader_p.h"
+#include "rtsp/ScriptedCamera.h"
 #include "support/CpuTime.h"
-
-#include <gtest/gtest.h>
 
 using namespace Nuvika;
 
 namespace
 {
-QByteArray packet(int channel, int size, char first = '\x80')
+QByteArray packet(int channel, int size)
 {
-    QByteArray bytes("$");
-    bytes += static_cast<char>(channel);
-    bytes += static_cast<char>(size >> 8);
-    bytes += static_cast<char>(size & 0xFF);
-    return bytes + first + QByteArray(size - 1, 'x');
+    return framed(channel, QByteArray(1, '\x80') + QByteArray(size - 1, 'x'));
 }
 
 struct Reading {

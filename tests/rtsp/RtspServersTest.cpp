@@ -10,7 +10,6 @@ struct Row {
         = {}; // what requests hold, in this order; H for the server; ! what none does
     const char* until = "unit 0"; // the event that shows it was borne with; | others before it; |! none of it
     RtspOptions options = Viewer::tcp();
-    const char* path = "/live";
 };
 
 void run(const std::vector<Row>& rows)
@@ -19,7 +18,7 @@ void run(const std::vector<Row>& rows)
         QList<QByteArray> told = QByteArray(row.until).split('|');
         const QByteArray until = told.takeFirst();
         Viewer viewer(row.script, row.options);
-        viewer.start(viewer.camera.url(row.path), "user", "secret");
+        viewer.start({}, "user", "secret");
         EXPECT_TRUE(viewer.waitUntil([&] { return viewer.has(until) || viewer.has("error"); }));
         EXPECT_TRUE(viewer.has(until)) << row.name << ": " << viewer.log();
         for (const QByteArray& each : told)
@@ -84,12 +83,9 @@ TEST(RtspServers, RequestsAndSessions)
             {"OPTIONS", "OPTIONS",
                 "Authorization: Digest username=\"user\", realm=\"x\", nonce=\"n1\", uri=\"rtsp://H/live\"",
                 "SETUP", "uri=\"rtsp://H/live/track1\"", "!algorithm"}},
-        {"unknown challenges and algorithms",
+        {"an unknown challenge, too",
             on("DESCRIBE",
-                {answer("WWW-Authenticate: Negotiate\r\nWWW-Authenticate: Digest realm=\"y\", nonce=\"n0\", "
-                        "algorithm=SHA-1\r\nWWW-Authenticate: Digest realm=\"x\", nonce=\"n1\"",
-                     "401 Unauthorized"),
-                    describes()}),
+                {asksDigest("n1").replace("WWW", "WWW-Authenticate: Negotiate\r\nWWW"), describes()}),
             {"Authorization: Digest", "nonce=\"n1\""}},
         {"a nonce that expires between two requests", on("SETUP", {asksDigest("n2"), setUp()}),
             {"SETUP", "SETUP", "nonce=\"n2\"", "PLAY", "nonce=\"n2\""}},
@@ -165,34 +161,21 @@ TEST(RtspServers, RequestsAndSessions)
 
 TEST(RtspServers, Urls)
 {
-    const auto based = [&](const char* field, const QByteArray& session, const QByteArray& track) {
+    const auto based = [](const char* field, const char* session = "") {
         return on("DESCRIBE", {describes(field)})
-            .describes("v=0\ns=-\n" + session + "m=audio 0 RTP/AVP 0\n" + track);
+            .describes(QByteArray(session) + "m=audio 0 RTP/AVP 0\na=control:t1\n");
     };
-    const auto track
-        = [&](const QByteArray& control) { return based("", "", "a=control:" + control + '\n'); };
     run({
-        {"a base with a slash", based("Content-Base: rtsp://127.0.0.1:{port}/live/", "", "a=control:t1\n"),
+        {"a base with a slash", based("Content-Base: rtsp://127.0.0.1:{port}/live/"),
             {"SETUP rtsp://H/live/t1 ", "PLAY rtsp://H/live/ "}},
-        {"a base without one",
-            based("Content-Base: rtsp://127.0.0.1:{port}/x", "a=control:*\n", "a=control:t1\n"),
+        {"a base without one", based("Content-Base: rtsp://127.0.0.1:{port}/x", "a=control:*\n"),
             {"SETUP rtsp://H/x/t1 ", "PLAY rtsp://H/x "}},
-        {"a location of the content",
-            based("Content-Location: rtsp://127.0.0.1:{port}/y/", "", "a=control:t1\n"),
+        {"a location of the content", based("Content-Location: rtsp://127.0.0.1:{port}/y/"),
             {"SETUP rtsp://H/y/t1 "}},
-        {"a base that is a path", based("Content-Base: /z/", "", "a=control:t1\n"), {"SETUP rtsp://H/z/t1 "}},
-        {"a base without scheme", based("Content-Base: 127.0.0.1:{port}/w/", "", "a=control:t1\n"),
-            {"SETUP rtsp://H/w/t1 "}},
-        {"a base with another host's name",
-            based("Content-Base: rtsp://viewer.camera.local/live/", "", "a=control:t1\n"),
+        {"a base that is a path", based("Content-Base: /z/"), {"SETUP rtsp://H/z/t1 "}},
+        {"a base without scheme", based("Content-Base: 127.0.0.1:{port}/w/"), {"SETUP rtsp://H/w/t1 "}},
+        {"a base with another host's name", based("Content-Base: rtsp://viewer.camera.local/live/"),
             {"SETUP rtsp://viewer.camera.local/live/t1 ", "PLAY rtsp://viewer.camera.local/live/ "}},
-        {"an absolute session control", based("", "a=control:rtsp://inner/agg\n", "a=control:t1\n"),
-            {"SETUP rtsp://inner/agg/t1 ", "PLAY rtsp://inner/agg "}},
-        {"a query in the base", track("trackID=0"), {"SETUP rtsp://H/live?ch=1/trackID=0 "}, "unit 0",
-            Viewer::tcp(), "/live?ch=1"},
-        {"an absolute control with an inner address", track("rtsp://192.0.2.1/t1"),
-            {"SETUP rtsp://192.0.2.1/t1 ", "PLAY rtsp://H/live "}},
-        {"no control at all with one track", based("", "", ""), {"SETUP rtsp://H/live "}},
         {"RTP-Info that is wrong in everything",
             on("PLAY", {answer("RTP-Info: url=rtsp://x/nothing;seq=40000;rtptime=-1,url=;seq=x;")})},
     });
@@ -211,14 +194,10 @@ TEST(RtspServers, TransportsAndData)
     run({
         {"other channels than asked for", channel("RTP/AVP/TCP;unicast;interleaved=6-7", 6)},
         {"one channel instead of a pair", channel("RTP/AVP/TCP;unicast;interleaved=4", 4)},
-        {"an odd pair", channel("RTP/AVP/TCP;interleaved=3-4", 3)},
         {"no channels", channel("RTP/AVP/TCP;unicast", 0)},
         {"no transport", on("SETUP", {answer("Session: 42")})},
         {"a channel beyond all", channel("RTP/AVP/TCP;interleaved=300-301", 0)},
-        {"a padded source id", channel("RTP/AVP/TCP;interleaved=0-1;ssrc= 11223344 ", 0)},
         {"a source id that is wrong", channel("RTP/AVP/TCP;interleaved=0-1;ssrc=DEADBEEF", 0)},
-        {"a source id of 0", channel("RTP/AVP/TCP;interleaved=0-1;ssrc=00000000", 0)},
-        {"a source id in decimal", channel("RTP/AVP/TCP;interleaved=0-1;ssrc=287454020", 0)},
         {"two tracks on one channel",
             on("SETUP", {setUp("RTP/AVP/TCP;interleaved=0-1")})
                 .describes(kTwoTracks)
@@ -270,11 +249,8 @@ TEST(RtspServers, TransportsAndData)
 
 TEST(RtspServers, Descriptions)
 {
-    const char* odd = "s=x\nt=now-\no=a b c 1.5 -1 IPV4 x\nc=IN\nc=In IP4 10.0.0.1\n";
     const QByteArray audio = "m=audio 0 RTP/AVP 0\na=control:t\n";
     run({
-        {"a track only", describing(audio)},
-        {"odd lines", describing(odd + audio)},
         {"a track that is no RTP",
             describing("v=0\nm=application/TP-LINK 0 RTP/AVP smart/1/90000\na=control:x\n" + audio),
             {"SETUP rtsp://H/live/t "}, "playing"},
@@ -292,15 +268,7 @@ TEST(RtspServers, Descriptions)
                 .sends(framed(0, rtp(96, 1, 1, QByteArray::fromHex("2601a001")))
                     + framed(0, rtp(96, 2, 1, QByteArray::fromHex("0201d002")))),
             {}, "unit 0 1|described 1 hvc1.1.6.L120.90"},
-        {"AAC",
-            describing("m=audio 0 RTP/AVP 97\na=rtpmap:97 mpeg4-generic/48000/2\na=fmtp:97 mode=AAC-hbr;"
-                       "sizelength=13;indexlength=3;indexdeltalength=3;config=1190\n")
-                .sends(framed(0, rtp(97 | 0x80, 1, 1, QByteArray::fromHex("00100010aabb")))),
-            {}, "unit 0 1|described 1 mp4a.40.2"},
-        {"sendonly in all", describing("v=0\n" + audio + "a=sendonly\n")},
         {"nothing that we can read", describing("v=0\nm=video 0 RTP/AVP 96\na=rtpmap:96 H266/90000\n"), {},
             "offers nothing that we can play: video: we cannot read H266/90000"},
-        {"lower case and trailing blanks",
-            describing("v=0\nm=audio 0 RTP/AVP 97\na=rtpmap:97 pcmu/8000  \na=fmtp:97 ;\n"), {}, "playing"},
     });
 }

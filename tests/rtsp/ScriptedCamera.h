@@ -125,10 +125,10 @@ public:
         for (std::size_t i = 0; i < sockets.size(); ++i)
             serve(i);
     }
-    QByteArray url(const char* path = "/live") const
+    QByteArray url() const
     {
         const char* host = m_script.bIPv6 ? "rtsp://[::1]:" : "rtsp://127.0.0.1:";
-        return host + QByteArray::number(listener.port()) + path;
+        return host + QByteArray::number(listener.port()) + "/live";
     }
     RawSocket& connection() { return sockets.back(); }
     int count(const char* method) const { return all(method).size(); }
