@@ -1,5 +1,4 @@
 // Packets that are written by hand, in tables: what a camera sends, and the units that come of it.
-#include "media/AnnexBSplitter_p.h"
 #include "media/UnitBuffer_p.h"
 #include "support/Seams.h"
 #include "support/Table.h"
@@ -353,7 +352,7 @@ TEST(RtpVideo, LosesAUnitWithoutMemory)
     check(payload("H264"), "once; 1! 658801 2! 658802; 2K |658802; 1");
 }
 
-TEST(RtpVideo, WorksInTheBytesWhateverTheyAre)
+TEST(RtpVideo, AUnitGrowsByDoubling)
 {
     constexpr std::size_t kMost = 1 << 16;
     Nuvika::UnitBuffer buffer(kMost);
@@ -365,40 +364,10 @@ TEST(RtpVideo, WorksInTheBytesWhateverTheyAre)
         capacity = buffer.capacity();
     }
     EXPECT_EQ(buffer.size(), kMost);
-    EXPECT_LE(grown, 6U) << "memory grows by doubling, not by what a packet brings";
+    EXPECT_LE(grown, 6U) << "not by what a packet brings";
     EXPECT_EQ(capacity, kMost) << "and no further than its bound";
     buffer.clear();
     EXPECT_EQ(buffer.capacity(), kMost) << "it is kept";
-
-    struct Counter final : Nuvika::NalSink {
-        void nalBegins(const unsigned char*, std::size_t size) override { count(size); }
-        void nalGoesOn(const unsigned char*, std::size_t size) override { count(size); }
-        void nalZeros(std::size_t size) override { count(size); }
-        void nalEnds() override { count(0); }
-        void count(std::size_t size)
-        {
-            ++calls;
-            bytes += size;
-        }
-        std::size_t calls = 0;
-        std::size_t bytes = 0;
-    };
-    for (const char* pattern : {"00", "0000", "000002", "000001", "00000165", "00ff", "65"}) {
-        for (const int piece : {1, 2, 1000}) {
-            const QByteArray bytes = QByteArray::fromHex(pattern).repeated(6000);
-            Counter counter;
-            Nuvika::AnnexBSplitter splitter(&counter);
-            splitter.begin();
-            for (int from = 0; from < bytes.size(); from += piece) {
-                const QByteArray part = bytes.mid(from, piece);
-                splitter.add(reinterpret_cast<const unsigned char*>(part.constData()),
-                    static_cast<std::size_t>(part.size()));
-            }
-            splitter.end();
-            EXPECT_LE(counter.calls, 2U * static_cast<unsigned int>(bytes.size())) << pattern << ' ' << piece;
-            EXPECT_LE(counter.bytes, static_cast<std::size_t>(bytes.size())) << pattern << ' ' << piece;
-        }
-    }
 }
 
 TEST(RtpJpeg, MakesPicturesThatStandAlone)
