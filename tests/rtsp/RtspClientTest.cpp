@@ -4,6 +4,7 @@
 #include "rtsp/ScriptedCamera.h"
 #include "support/OwnNetwork.h"
 #include "support/Seams.h"
+#include "support/Table.h"
 
 #include <QtNetwork/QSslCertificate>
 
@@ -96,51 +97,45 @@ TEST(RtspClient, TakesDatagramsInOrderFromTheServerOnly)
 
 TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
 {
-    const struct {
-        const char* name;
-        const char* transport;
-        const char* taken = "packet 0 5";
-        RtspQuirks::ServerPort rule = RtspQuirks::eNamedPort;
-        const char* other = "127.0.0.1"; // sends, too, from another port
-    } rows[] = {
-        {"no port", "RTP/AVP;unicast", "packet 0 5 packet 0 6"},
-        {"IPv6", "RTP/AVP;unicast;server_port={rtp}-{rtcp};source=::1", "packet 0 5", RtspQuirks::eNamedPort,
-            "::1"},
-        {"another port, and the first that sends counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5",
-            RtspQuirks::eFirstSeenPort},
-        {"another port, and none counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5 packet 0 6",
-            RtspQuirks::eAnyPort},
-        {"ports 0 and 1", "RTP/AVP;unicast;server_port=0-1", "packet 0 5 packet 0 6"},
-        {"another port", "RTP/AVP;unicast;server_port=9-10", ""},
-        {"a name as source", "RTP/AVP;unicast;source=viewer.camera.local", "packet 0 5 packet 0 6"},
-        {"an empty source", "RTP/AVP;unicast;source=", "packet 0 5 packet 0 6"},
-        {"another machine", "RTP/AVP;unicast", "packet 0 5", RtspQuirks::eNamedPort, "127.0.0.9"},
-        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "packet 0 5 packet 0 6",
-            RtspQuirks::eNamedPort, "127.0.0.9"},
-        {"one port for a pair", "RTP/AVP;server_port={rtp}"},
-        {"another machine as source: reports go there", "RTP/AVP;server_port=9-{other};source=127.0.0.9", "",
-            RtspQuirks::eNamedPort, "127.0.0.9"},
-    };
-    for (const auto& row : rows) {
+    // Situation; transport; packets taken: 5 of the server, 6 of another; whose ports count; the other's
+    // host.
+    for (const auto& row : rowsOf(R"(
+no port | RTP/AVP;unicast | 5 6
+IPv6 | RTP/AVP;unicast;server_port={rtp}-{rtcp};source=::1 | 5 | named | ::1
+another port, and the first that sends counts | RTP/AVP;unicast;server_port=9-10 | 5 | first
+another port, and none counts | RTP/AVP;unicast;server_port=9-10 | 5 6 | any
+ports 0 and 1 | RTP/AVP;unicast;server_port=0-1 | 5 6
+another port | RTP/AVP;unicast;server_port=9-10 |
+a name as source | RTP/AVP;unicast;source=viewer.camera.local | 5 6
+an empty source | RTP/AVP;unicast;source= | 5 6
+another machine | RTP/AVP;unicast | 5 | named | 127.0.0.9
+another machine as source | RTP/AVP;unicast;source=127.0.0.9 | 5 6 | named | 127.0.0.9
+one port for a pair | RTP/AVP;server_port={rtp} | 5
+another machine as source: reports go there | RTP/AVP;server_port=9-{other};source=127.0.0.9 | | named | 127.0.0.9)",
+             '|')) {
         RtspOptions options = udp();
-        options.quirks.serverPort = row.rule;
-        RawUdp other(row.other);
-        QByteArray transport = row.transport;
+        options.quirks.serverPort = row.value(3) == "first" ? RtspQuirks::eFirstSeenPort
+            : row.value(3) == "any"                         ? RtspQuirks::eAnyPort
+                                                            : RtspQuirks::eNamedPort;
+        RawUdp other(row.value(4, "127.0.0.1"));
+        QByteArray transport = row[1];
         const bool bReports = transport.contains("{other}");
         transport.replace("{other}", QByteArray::number(other.localPort()));
         Script script = silent().on("SETUP", {setUp(transport)});
-        script.bIPv6 = *row.other == ':';
+        script.bIPv6 = row.value(4) == "::1";
         Viewer viewer(script, options);
-        ASSERT_TRUE(viewer.starts("playing")) << row.name << viewer.log();
+        const char* name = row[0].constData();
+        ASSERT_TRUE(viewer.starts("playing")) << name << viewer.log();
         const char* host = script.bIPv6 ? "::1" : "127.0.0.1";
-        EXPECT_TRUE(viewer.waitUntil([&] { return !bReports || other.hasPendingDatagrams(); })) << row.name;
+        EXPECT_TRUE(viewer.waitUntil([&] { return !bReports || other.hasPendingDatagrams(); })) << name;
         const auto taken = [&] { return viewer.events.filter(QStringLiteral("packet")); };
         const auto nSeen = [&] { return taken().size() + static_cast<int>(viewer.client->droppedPackets()); };
         viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5), host);
-        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 1; })) << row.name;
+        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 1; })) << name;
         other.sendTo(viewer.camera.clientPort, rtp(0, 6), host);
-        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 2; })) << row.name;
-        EXPECT_EQ(taken().join(QLatin1Char(' ')).toStdString(), row.taken) << row.name;
+        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 2; })) << name;
+        const QString numbers = taken().join(QLatin1Char(' ')).remove(QStringLiteral("packet 0 "));
+        EXPECT_EQ(numbers.toStdString(), row[2].toStdString()) << name;
     }
 }
 
@@ -191,21 +186,17 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
         = "RTSP/1.0 200 OK\r\nContent-Length: " + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
     const struct {
         const char* name;
-        QByteArray described;
-        RtspOptions::Transport transport;
         QString trusted;
-        const char* until;
+        const char* until = "unit 0 1";
         const char* pin = nullptr;
         bool bHandler = false; // which lets everybody in
-    } rows[] = {{"trusted", usual, RtspOptions::eAutomatic, authority, "unit 0 1"},
-        {"a certificate of nobody", usual, RtspOptions::eAutomatic, QString(), "error 10013"},
-        {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
-            RtspOptions::eTcp, authority, "error 302"},
-        {"pinned", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", pin.constData()},
-        {"another is pinned", usual, RtspOptions::eAutomatic, authority, "error 10013",
+        RtspOptions::Transport transport = RtspOptions::eAutomatic;
+    } rows[] = {{"trusted", authority}, {"a certificate of nobody", {}, "error 10013"},
+        {"a redirect to the clear", authority, "error 302"}, {"pinned", {}, "unit 0 1", pin.constData()},
+        {"another is pinned", authority, "error 10013",
             "sha256//AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8="},
-        {"let in by a handler", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", nullptr, true},
-        {"datagrams", usual, RtspOptions::eUdp, authority, "error 10022"}};
+        {"let in by a handler", {}, "unit 0 1", nullptr, true},
+        {"datagrams", authority, "error 10022", nullptr, false, RtspOptions::eUdp}};
     QByteArray described;
     Server server;
     QObject::connect(&server.listener, &NuvikaTcpServer::newConnectionDesc, [&] {
@@ -217,7 +208,9 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
         };
     });
     for (const auto& row : rows) {
-        described = row.described;
+        described = QByteArray(row.until) == "error 302"
+            ? "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n"
+            : usual;
         RtspOptions options;
         options.transport = row.transport;
         options.tlsTrusted = row.trusted;
@@ -479,13 +472,12 @@ TEST(RtspClient, SendsCredentialsToNoOtherHost)
     }
 }
 
-TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
+TEST(RtspClient, MayBeStoppedAndDeletedInEveryHandler)
 {
-    enum Action { eStop, eDelete, eReuse };
     for (const char* text :
         {"described", "playing", "packet", "unit", "rtcp", "paused", "transport", "stopped", "error"}) {
         const QLatin1String moment(text);
-        for (const Action action : {eStop, eDelete, eReuse}) {
+        for (const bool bDelete : {false, true}) {
             Script script;
             script.media += framed(1, QByteArray::fromHex("80c9000111223344")) + framed(0, rtp(0, 3));
             if (moment == QLatin1String("error"))
@@ -503,17 +495,15 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
                 if (bActed || !event.startsWith(moment))
                     return;
                 bActed = true;
-                if (action == eDelete)
+                if (bDelete)
                     viewer.client.reset();
-                else if (action == eReuse && viewer.client->state() == RtspClient::eIdle)
-                    viewer.start();
                 else
                     viewer.client->stop();
             };
             viewer.start();
             EXPECT_TRUE(viewer.waitUntil([&] { return bActed; })) << text << ' ' << viewer.log();
             EXPECT_TRUE(viewer.waitUntil([&] {
-                return action != eStop || viewer.client->state() == RtspClient::eIdle;
+                return bDelete || viewer.client->state() == RtspClient::eIdle;
             })) << text;
             settle(5);
         }

@@ -87,8 +87,6 @@ TEST(RtspServers, RequestsAndSessions)
             on("DESCRIBE",
                 {asksDigest("n1").replace("WWW", "WWW-Authenticate: Negotiate\r\nWWW"), describes()}),
             {"Authorization: Digest", "nonce=\"n1\""}},
-        {"a nonce that expires between two requests", on("SETUP", {asksDigest("n2"), setUp()}),
-            {"SETUP", "SETUP", "nonce=\"n2\"", "PLAY", "nonce=\"n2\""}},
         {"wrong credentials", on("DESCRIBE", {asksBasic()}), {"DESCRIBE", "DESCRIBE"},
             "user or password are not accepted"},
         {"a redirect to the same host",
@@ -193,7 +191,6 @@ TEST(RtspServers, TransportsAndData)
     const QByteArray inTcp = setUp("RTP/AVP/TCP;unicast;interleaved=0-1");
     run({
         {"other channels than asked for", channel("RTP/AVP/TCP;unicast;interleaved=6-7", 6)},
-        {"one channel instead of a pair", channel("RTP/AVP/TCP;unicast;interleaved=4", 4)},
         {"no channels", channel("RTP/AVP/TCP;unicast", 0)},
         {"no transport", on("SETUP", {answer("Session: 42")})},
         {"a channel beyond all", channel("RTP/AVP/TCP;interleaved=300-301", 0)},
@@ -226,8 +223,6 @@ TEST(RtspServers, TransportsAndData)
         {"reports on the channel of packets",
             sends(framed(0, QByteArray::fromHex("80c8000611223344e000000000000000000000000000000000000000"))),
             {}, "rtcp 0"},
-        {"reports on their channel, without end byte",
-            sends(framed(1, QByteArray::fromHex("80c900011122334481ca000211223344010161"))), {}, "rtcp 0"},
         {"packets of H.264 with packetization-mode 0 take TCP",
             describing("v=0\nm=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 packetization-mode=0\n"),
             {"SETUP", "Transport: RTP/AVP/TCP"}, "playing", automatic()},
