@@ -203,17 +203,16 @@ TEST(RtpH264, GivesAPictureWithItsMarkerOnceMarkersAreTrusted)
 TEST(RtpH264, PutsParameterSetsWhereTheFormatSays)
 {
     const QByteArray packets = "; 1! SPS 1! PPS 2! 658801 2! PPS 3! 658802 3! 68eb00ff 4! 419a03 5! 658804; ";
-    RtpUnitFormat format;
-    format.parameterSets = RtpUnitFormat::eAtKeyFrames;
-    check(payload("H264"),
-        "at key frames" + packets
-            + "2KP |SPS|PPS|658801 3K |SPS|PPS|658802 4P |SPS|68eb00ff|419a03 5K |SPS|68eb00ff|658804",
-        format);
-    format.parameterSets = RtpUnitFormat::eOnChange;
-    check(payload("H264"),
-        "on change" + packets + "2KP |SPS|PPS|658801 3K |658802 4P |SPS|68eb00ff|419a03 5K |658804", format);
-    format.parameterSets = RtpUnitFormat::eApart;
-    check(payload("H264"), "apart" + packets + "2KP |658801 3K |658802 4P |419a03 5K |658804", format);
+    for (const auto& [where, units] :
+        {std::make_pair(RtpUnitFormat::eAtKeyFrames,
+             "2KP |SPS|PPS|658801 3K |SPS|PPS|658802 4P |SPS|68eb00ff|419a03 5K |SPS|68eb00ff|658804"),
+            std::make_pair(RtpUnitFormat::eOnChange,
+                "2KP |SPS|PPS|658801 3K |658802 4P |SPS|68eb00ff|419a03 5K |658804"),
+            std::make_pair(RtpUnitFormat::eApart, "2KP |658801 3K |658802 4P |419a03 5K |658804")}) {
+        RtpUnitFormat format;
+        format.parameterSets = where;
+        check(payload("H264"), QByteArray::number(where) + packets + units, format);
+    }
     checkForFiles(payload("H264"),
         "lengths in front" + packets
             + "2KP 00000003658801 3K 00000003658802 4P 00000003419a03 5K 00000003658804");

@@ -209,6 +209,14 @@ private:
     std::vector<QByteArray> m_rest;
 };
 
+inline RtspOptions over(RtspOptions::Transport transport)
+{
+    RtspOptions options;
+    options.transport = transport;
+    options.timeouts.nUdpTrial = 100;
+    return options;
+}
+
 // Writes down what the client tells.
 class Viewer
 {
@@ -248,12 +256,7 @@ public:
             note(QStringLiteral("transport %1").arg(transport));
         });
     }
-    static RtspOptions tcp()
-    {
-        RtspOptions options;
-        options.transport = RtspOptions::eTcp;
-        return options;
-    }
+    static RtspOptions tcp() { return over(RtspOptions::eTcp); }
     void start(const QByteArray& url = QByteArray(), const char* user = "", const char* password = "")
     {
         client->start(QString::fromLatin1(url.isEmpty() ? camera.url() : url), QString::fromLatin1(user),
