@@ -12,7 +12,6 @@
 #include <QtCore/QTextStream>
 
 #include <gtest/gtest.h>
-#include <memory>
 #include <random>
 #include <vector>
 

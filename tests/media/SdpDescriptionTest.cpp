@@ -2,7 +2,6 @@
 
 #include <KepNuvikaUtil/SdpDescription.h>
 
-#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QTextStream>
 

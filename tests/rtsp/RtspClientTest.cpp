@@ -253,15 +253,12 @@ TEST(RtspClient, KeepsTheSessionAsTheServerUnderstandsIt)
 
 TEST(RtspClient, ASessionIsKeptAtHalfOfItsTimeAtMostThirtySecondsApart)
 {
-    const struct {
-        const char* session;
-        int interval;
-    } rows[] = {{"1", 30000}, {"1;timeout=60", 30000}, {"1;timeout=0", 30000}, {"1;timeout=20", 10000},
-        {"1; timeout = 20 ", 10000}, {"1;timeout=3600", 30000}, {"1;timeout=", 30000},
-        {"1;timeout=-4", 30000}};
-    for (const auto& row : rows) {
-        const auto field = Nuvika::RtspSessionField::parse(QString::fromLatin1(row.session));
-        EXPECT_EQ(Nuvika::RtspKeepAlive::intervalMs(field.nTimeout), row.interval) << row.session;
+    for (const auto& [session, interval] :
+        std::initializer_list<std::pair<const char*, int>>{{"1", 30000}, {"1;timeout=60", 30000},
+            {"1;timeout=0", 30000}, {"1;timeout=20", 10000}, {"1; timeout = 20 ", 10000},
+            {"1;timeout=3600", 30000}, {"1;timeout=", 30000}, {"1;timeout=-4", 30000}}) {
+        const auto field = Nuvika::RtspSessionField::parse(QString::fromLatin1(session));
+        EXPECT_EQ(Nuvika::RtspKeepAlive::intervalMs(field.nTimeout), interval) << session;
     }
     for (const auto& [named, used] : {std::make_pair("", "OPTIONS OPTIONS"),
              std::make_pair("PLAY, get_parameter", "GET_PARAMETER OPTIONS OPTIONS"),
@@ -330,27 +327,22 @@ TEST(RtspClient, EachTimeLimitHasItsSentence)
 
 TEST(RtspClient, KnowsWhatIsASignOfLife)
 {
-    const char* data = "m=application 0 RTP/AVP 107\na=rtpmap:107 vnd.onvif.metadata/90000\n";
-    const struct {
-        const char* name;
-        Script script;
-        QByteArray bytes;
-        const char* until;
-    } rows[] = {{"any bytes over TCP", Script(), framed(9, "x"), "packet"},
-        {"data may be silent for hours", silent().describes(data), "", "playing"}};
-    RtspOptions options = Viewer::tcp();
-    options.timeouts.nFirstPacket = options.timeouts.nSilence = 500;
-    for (const auto& row : rows) {
-        Viewer viewer(row.script, options);
-        ASSERT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
+    const auto lives = [](const Script& script, const char* until, const QByteArray& bytes) {
+        RtspOptions options = Viewer::tcp();
+        options.timeouts.nFirstPacket = options.timeouts.nSilence = 500;
+        Viewer viewer(script, options);
+        ASSERT_TRUE(viewer.starts(until)) << viewer.log();
         QElapsedTimer time;
         time.start();
         EXPECT_TRUE(viewer.waitUntil([&] {
-            viewer.camera.connection().write(row.bytes);
+            viewer.camera.connection().write(bytes);
             return time.elapsed() > 1100;
         }));
-        EXPECT_FALSE(viewer.has("error")) << row.name << viewer.log();
-    }
+        EXPECT_FALSE(viewer.has("error")) << viewer.log();
+    };
+    lives(Script(), "packet", framed(9, "x")); // any bytes over TCP
+    const char* data = "m=application 0 RTP/AVP 107\na=rtpmap:107 vnd.onvif.metadata/90000\n";
+    lives(silent().describes(data), "playing", ""); // data may be silent for hours
 }
 
 TEST(RtspClient, WarnsOnceOfStrayBytes)

@@ -12,7 +12,7 @@ QByteArray packet(int channel, int size)
 }
 
 struct Reading {
-    QByteArray log; // P<channel>:<size> | M<status or method>:<body> | F
+    QByteArray log; // P<channel>:<size> | M<status>:<body> | F
     quint64 strays = 0;
     int inPlace = 0;
     bool bWhole = true; // every packet ended as it was sent
@@ -48,9 +48,8 @@ Reading readAll(const QByteArray& stream, int cut, int piece, bool bDescription 
                     << "joined in memory of its size";
             } else {
                 const RtspHead& head = reader.head();
-                reading.log += 'M'
-                    + (head.isAnswer() ? QByteArray::number(head.status()) : head.method().toLatin1()) + '#'
-                    + QByteArray::number(head.cseq()) + ':' + reader.body() + ' ';
+                reading.log += 'M' + QByteArray::number(head.status()) + '#' + QByteArray::number(head.cseq())
+                    + ':' + reader.body() + ' ';
             }
         }
     }
