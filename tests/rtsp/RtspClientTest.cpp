@@ -525,26 +525,15 @@ TEST(RtspClient, SurvivesAnEventLoopInAHandler)
 TEST(RtspClient, HostileServersCostLittle)
 {
     const QByteArray asks = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
-    QByteArray endless; // ten fragments, then two pictures
-    for (int i = 1; i <= 12; ++i)
-        endless += framed(0,
-            rtp(96, i, 1,
-                i > 10 ? QByteArray::fromHex("658801")
-                       : (i == 1 ? "\x7c\x85" : "\x7c\x05") + QByteArray(60000, '\1')));
-    RtspOptions options = Viewer::tcp();
-    options.unitFormat.nMaxUnitBytes = 100000;
     const struct {
         const char* name;
         Script script;
-        const char* until = "unit 0";
     } rows[] = {{"a flood before PLAY", on("OPTIONS", {framed(0, rtp(0, 1)).repeated(50000) + answer()})},
         {"requests without end", on("OPTIONS", {asks.repeated(20000) + answer()})},
-        {"a picture without end",
-            Script().sends(endless).describes("m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n"), "unit 0 11"},
         {"a length that never comes", Script().sends(framed(0, rtp(0, 1)) + QByteArray("$\0\xFF\xFFzz", 6))}};
     for (const auto& row : rows) {
-        Viewer viewer(row.script, options);
-        EXPECT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
+        Viewer viewer(row.script);
+        EXPECT_TRUE(viewer.starts("unit 0")) << row.name << viewer.log();
         viewer.client->stop();
         EXPECT_TRUE(viewer.waitUntil("stopped")) << row.name;
     }

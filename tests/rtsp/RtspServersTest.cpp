@@ -235,6 +235,8 @@ TEST(RtspServers, TransportsAndData)
 TEST(RtspServers, Descriptions)
 {
     const QByteArray audio = "m=audio 0 RTP/AVP 0\na=control:t\n";
+    RtspOptions small = Viewer::tcp();
+    small.unitFormat.nMaxUnitBytes = 1000;
     run({
         {"a track that is no RTP",
             describing("v=0\nm=application/TP-LINK 0 RTP/AVP smart/1/90000\na=control:x\n" + audio),
@@ -248,6 +250,11 @@ TEST(RtspServers, Descriptions)
         {"several types in one track: units of the first",
             describing("m=audio 0 RTP/AVP 0 8\n").sends(packets(1, 1) + framed(0, rtp(8, 2)) + packets(3, 3)),
             {}, "unit 0 3|packet 0 2|!unit 0 2"},
+        {"a picture larger than the user takes",
+            describing("m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n")
+                .sends(framed(0, rtp(96, 1, 1, "\x65\x88" + QByteArray(2000, 'x')))
+                    + framed(0, rtp(96, 2, 1, "\x65\x88x")) + framed(0, rtp(96, 3, 1, "\x65\x88x"))),
+            {}, "unit 0 2|!unit 0 1", small},
         {"H.265",
             describing("m=video 0 RTP/AVP 96\na=rtpmap:96 H265/90000\na=fmtp:96 sprop-sps=" + kSps5 + '\n')
                 .sends(framed(0, rtp(96, 1, 1, QByteArray::fromHex("2601a001")))
