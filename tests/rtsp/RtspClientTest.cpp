@@ -1,11 +1,9 @@
-#include "core/ThreadAlarm_p.h"
+#include "net/SslTalkers.h"
 #include "rtsp/RtspKeepAlive_p.h"
 #include "rtsp/ScriptedCamera.h"
-#include "support/Certificates.h"
 #include "support/OwnNetwork.h"
 #include "support/Seams.h"
-
-#include <KepNuvikaUtil/NuvikaTcpServer.h>
+#include "support/Table.h"
 
 #include <QtNetwork/QSslCertificate>
 
@@ -14,15 +12,7 @@
 namespace
 {
 Script silent() { return Script().sends({}); }
-
-RtspOptions udp(RtspOptions::Transport transport = RtspOptions::eUdp)
-{
-    RtspOptions options;
-    options.transport = transport;
-    options.timeouts.nUdpTrial = 100;
-    return options;
-}
-
+RtspOptions udp() { return over(RtspOptions::eUdp); }
 } // namespace
 
 TEST(RtspClient, PlaysPausesResumesAndStops)
@@ -48,12 +38,18 @@ TEST(RtspClient, PlaysPausesResumesAndStops)
     EXPECT_TRUE(viewer.starts("playing")) << "it may be used again";
 }
 
-TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsIt)
+TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsItAndAnswersNewNonces)
 {
     Viewer viewer(on("PLAY", {refuses("459 Aggregate Operation Not Allowed"), answer()})
-                      .on("PAUSE", {asksDigest("n2"), answer()}) // and a nonce expires
+                      .on("SETUP", {setUp("{transport}", "42;timeout=1")})
+                      .on("GET_PARAMETER", {asksDigest("n1"), answer()}) // nonces expire
+                      .on("PAUSE", {asksDigest("n2"), answer()})
+                      .on("TEARDOWN", {asksDigest("n3"), answer()})
                       .describes(kAudioTrack + "m=audio 0 RTP/AVP 8\r\na=control:track2\r\n"));
     ASSERT_TRUE(viewer.starts("playing", "user", "secret")) << viewer.log();
+    EXPECT_TRUE(viewer.camera.last("PLAY").contains("Range: npt=0")) << "each from its beginning";
+    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.count("GET_PARAMETER") == 2; }));
+    EXPECT_TRUE(viewer.camera.last("GET_PARAMETER").contains("nonce=\"n1\""));
     EXPECT_TRUE(viewer.client->pause());
     ASSERT_TRUE(viewer.waitUntil("paused")) << viewer.log();
     viewer.events.clear();
@@ -62,7 +58,7 @@ TEST(RtspClient, ControlsEachTrackForItselfWhereTheServerWantsIt)
     viewer.client->stop();
     ASSERT_TRUE(viewer.waitUntil("stopped")) << viewer.log();
     for (const auto& row :
-        {std::make_pair("PLAY", 5), std::make_pair("PAUSE", 3), std::make_pair("TEARDOWN", 2)}) {
+        {std::make_pair("PLAY", 5), std::make_pair("PAUSE", 3), std::make_pair("TEARDOWN", 3)}) {
         EXPECT_EQ(viewer.camera.count(row.first), row.second) << row.first;
         EXPECT_TRUE(viewer.camera.last(row.first).contains("/track2 ")) << row.first;
     }
@@ -93,51 +89,45 @@ TEST(RtspClient, TakesDatagramsInOrderFromTheServerOnly)
 
 TEST(RtspClient, TakesDatagramsFromWhereTheAnswerSays)
 {
-    const struct {
-        const char* name;
-        const char* transport;
-        const char* taken = "packet 0 5";
-        RtspQuirks::ServerPort rule = RtspQuirks::eNamedPort;
-        const char* other = "127.0.0.1"; // sends, too, from another port
-    } rows[] = {
-        {"no port", "RTP/AVP;unicast", "packet 0 5 packet 0 6"},
-        {"IPv6", "RTP/AVP;unicast;server_port={rtp}-{rtcp};source=::1", "packet 0 5", RtspQuirks::eNamedPort,
-            "::1"},
-        {"another port, and the first that sends counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5",
-            RtspQuirks::eFirstSeenPort},
-        {"another port, and none counts", "RTP/AVP;unicast;server_port=9-10", "packet 0 5 packet 0 6",
-            RtspQuirks::eAnyPort},
-        {"ports 0 and 1", "RTP/AVP;unicast;server_port=0-1", "packet 0 5 packet 0 6"},
-        {"another port", "RTP/AVP;unicast;server_port=9-10", ""},
-        {"a name as source", "RTP/AVP;unicast;source=viewer.camera.local", "packet 0 5 packet 0 6"},
-        {"an empty source", "RTP/AVP;unicast;source=", "packet 0 5 packet 0 6"},
-        {"another machine", "RTP/AVP;unicast", "packet 0 5", RtspQuirks::eNamedPort, "127.0.0.9"},
-        {"another machine as source", "RTP/AVP;unicast;source=127.0.0.9", "packet 0 5 packet 0 6",
-            RtspQuirks::eNamedPort, "127.0.0.9"},
-        {"one port for a pair", "RTP/AVP;server_port={rtp}"},
-        {"another machine as source: reports go there", "RTP/AVP;server_port=9-{other};source=127.0.0.9", "",
-            RtspQuirks::eNamedPort, "127.0.0.9"},
-    };
-    for (const auto& row : rows) {
+    // Situation; transport; packets taken: 5 of the server, 6 of another; whose ports count; the other's
+    // host.
+    for (const auto& row : rowsOf(R"(
+no port | RTP/AVP;unicast | 5 6
+IPv6 | RTP/AVP;unicast;server_port={rtp}-{rtcp};source=::1 | 5 | named | ::1
+another port, and the first that sends counts | RTP/AVP;unicast;server_port=9-10 | 5 | first
+another port, and none counts | RTP/AVP;unicast;server_port=9-10 | 5 6 | any
+ports 0 and 1 | RTP/AVP;unicast;server_port=0-1 | 5 6
+another port | RTP/AVP;unicast;server_port=9-10 |
+a name as source | RTP/AVP;unicast;source=viewer.camera.local | 5 6
+an empty source | RTP/AVP;unicast;source= | 5 6
+another machine | RTP/AVP;unicast | 5 | named | 127.0.0.9
+another machine as source | RTP/AVP;unicast;source=127.0.0.9 | 5 6 | named | 127.0.0.9
+one port for a pair | RTP/AVP;server_port={rtp} | 5
+another machine as source: reports go there | RTP/AVP;server_port=9-{other};source=127.0.0.9 | | named | 127.0.0.9)",
+             '|')) {
         RtspOptions options = udp();
-        options.quirks.serverPort = row.rule;
-        RawUdp other(row.other);
-        QByteArray transport = row.transport;
+        options.quirks.serverPort = row.value(3) == "first" ? RtspQuirks::eFirstSeenPort
+            : row.value(3) == "any"                         ? RtspQuirks::eAnyPort
+                                                            : RtspQuirks::eNamedPort;
+        RawUdp other(row.value(4, "127.0.0.1"));
+        QByteArray transport = row[1];
         const bool bReports = transport.contains("{other}");
         transport.replace("{other}", QByteArray::number(other.localPort()));
         Script script = silent().on("SETUP", {setUp(transport)});
-        script.bIPv6 = *row.other == ':';
+        script.bIPv6 = row.value(4) == "::1";
         Viewer viewer(script, options);
-        ASSERT_TRUE(viewer.starts("playing")) << row.name << viewer.log();
+        const char* name = row[0].constData();
+        ASSERT_TRUE(viewer.starts("playing")) << name << viewer.log();
         const char* host = script.bIPv6 ? "::1" : "127.0.0.1";
-        EXPECT_TRUE(viewer.waitUntil([&] { return !bReports || other.hasPendingDatagrams(); })) << row.name;
+        EXPECT_TRUE(viewer.waitUntil([&] { return !bReports || other.hasPendingDatagrams(); })) << name;
         const auto taken = [&] { return viewer.events.filter(QStringLiteral("packet")); };
         const auto nSeen = [&] { return taken().size() + static_cast<int>(viewer.client->droppedPackets()); };
         viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, rtp(0, 5), host);
-        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 1; })) << row.name;
+        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 1; })) << name;
         other.sendTo(viewer.camera.clientPort, rtp(0, 6), host);
-        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 2; })) << row.name;
-        EXPECT_EQ(taken().join(QLatin1Char(' ')).toStdString(), row.taken) << row.name;
+        EXPECT_TRUE(viewer.waitUntil([&] { return nSeen() == 2; })) << name;
+        const QString numbers = taken().join(QLatin1Char(' ')).remove(QStringLiteral("packet 0 "));
+        EXPECT_EQ(numbers.toStdString(), row[2].toStdString()) << name;
     }
 }
 
@@ -152,7 +142,7 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
         for (const auto& [script, transport] : {std::make_pair(group(inAnswer), RtspOptions::eMulticast),
                  std::make_pair(group("RTP/AVP;multicast").describes(inText), RtspOptions::eMulticast),
                  std::make_pair(Script(onlyGroups).describes(inText), RtspOptions::eAutomatic)}) {
-            Viewer viewer(script, udp(transport));
+            Viewer viewer(script, over(transport));
             ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
             EXPECT_TRUE(viewer.camera.last("SETUP").contains("Transport: RTP/AVP;multicast\r\n"));
             EXPECT_EQ(viewer.client->transport(), RtspOptions::eMulticast);
@@ -160,14 +150,14 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
             EXPECT_TRUE(viewer.waitUntil("unit 0 5")) << script.sdp.constData();
         }
         const Script noGroup = group("RTP/AVP;multicast;destination=127.0.0.1;port=17000-17001");
-        Viewer viewer(noGroup, udp(RtspOptions::eMulticast));
+        Viewer viewer(noGroup, over(RtspOptions::eMulticast));
         EXPECT_TRUE(viewer.starts("error 461")) << "what is no group is not joined";
         for (const bool bShared : {false, true}) { // with a server on the same machine
             QUdpSocket held;
             held.bind(QHostAddress(QHostAddress::AnyIPv4), 17001,
                 bShared ? QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint
                         : QAbstractSocket::DontShareAddress);
-            Viewer beside(group(inAnswer), udp(RtspOptions::eMulticast));
+            Viewer beside(group(inAnswer), over(RtspOptions::eMulticast));
             EXPECT_TRUE(beside.starts(bShared ? "playing" : "error 10048")) << beside.log();
             EXPECT_NE(bShared, beside.has("group 239.9.9.9 cannot be joined on port 17001: "))
                 << beside.log();
@@ -179,10 +169,8 @@ TEST(RtspClient, JoinsTheGroupOfTheAnswer)
 
 TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
 {
-    Certificates certificates;
-    NuvikaTcpServer listener;
-    std::vector<std::unique_ptr<NuvikaSslSocket>> served;
-    const QByteArray pin = QSslCertificate::fromPath(certificates.forLocalhost())
+    const QString authority = certificates().authority();
+    const QByteArray pin = QSslCertificate::fromPath(certificates().forLocalhost())
                                .value(0)
                                .digest(QCryptographicHash::Sha256)
                                .toHex();
@@ -190,40 +178,31 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
         = "RTSP/1.0 200 OK\r\nContent-Length: " + QByteArray::number(kSdp.size()) + "\r\n\r\n" + kSdp;
     const struct {
         const char* name;
-        QByteArray described;
-        RtspOptions::Transport transport;
         QString trusted;
-        const char* until;
+        const char* until = "unit 0 1";
         const char* pin = nullptr;
         bool bHandler = false; // which lets everybody in
-    } rows[] = {{"trusted", usual, RtspOptions::eAutomatic, certificates.authority(), "unit 0 1"},
-        {"a certificate of nobody", usual, RtspOptions::eAutomatic, QString(), "error 10013"},
-        {"a redirect to the clear", "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n",
-            RtspOptions::eTcp, certificates.authority(), "error 302"},
-        {"pinned", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", pin.constData()},
-        {"another is pinned", usual, RtspOptions::eAutomatic, certificates.authority(), "error 10013",
+        RtspOptions::Transport transport = RtspOptions::eAutomatic;
+    } rows[] = {{"trusted", authority}, {"a certificate of nobody", {}, "error 10013"},
+        {"a redirect to the clear", authority, "error 302"}, {"pinned", {}, "unit 0 1", pin.constData()},
+        {"another is pinned", authority, "error 10013",
             "sha256//AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8="},
-        {"let in by a handler", usual, RtspOptions::eAutomatic, QString(), "unit 0 1", nullptr, true},
-        {"datagrams", usual, RtspOptions::eUdp, certificates.authority(), "error 10022"}};
+        {"let in by a handler", {}, "unit 0 1", nullptr, true},
+        {"datagrams", authority, "error 10022", nullptr, false, RtspOptions::eUdp}};
     QByteArray described;
-    QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [&](int descriptor) {
-        served.push_back(std::make_unique<NuvikaSslSocket>());
-        NuvikaSslSocket* socket = served.back().get();
-        socket->initSsl(true, NuvikaSslSocket::eSslAny12, certificates.forLocalhost(), QString(), QString());
-        QObject::connect(socket, &NuvikaSslSocket::dataReceived, socket,
-            [socket, &described](const char* data, int size, NuvikaTcpSocket::QueuedConnNotAllowed) {
-                const QByteArray request(data, size);
-                const QByteArray media = request.startsWith("PLAY") ? framed(0, rtp(0, 1)) : QByteArray();
-                const QByteArray text = request.startsWith("DESCRIBE")
-                    ? described
-                    : "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n" + media;
-                socket->sendData(text.constData(), text.size());
-            });
-        socket->setSocketDescriptor(descriptor);
+    Server server;
+    QObject::connect(&server.listener, &NuvikaTcpServer::newConnectionDesc, [&] {
+        server.last().onData = [&described, &talker = server.last()] {
+            const QByteArray request = std::exchange(talker.got, QByteArray());
+            const QByteArray media = request.startsWith("PLAY") ? framed(0, rtp(0, 1)) : QByteArray();
+            talker.send(request.startsWith("DESCRIBE") ? described
+                                                       : "RTSP/1.0 200 OK\r\nSession: 42\r\n\r\n" + media);
+        };
     });
-    ASSERT_TRUE(listener.listen(QHostAddress(QHostAddress::LocalHost), 0));
     for (const auto& row : rows) {
-        described = row.described;
+        described = QByteArray(row.until) == "error 302"
+            ? "RTSP/1.0 302 Found\r\nLocation: rtsp://127.0.0.1/\r\n\r\n"
+            : usual;
         RtspOptions options;
         options.transport = row.transport;
         options.tlsTrusted = row.trusted;
@@ -233,14 +212,14 @@ TEST(RtspClient, PlaysOverTlsAndNeverLeavesIt)
             options.tlsVerdict
                 = [](const NuvikaSslSocket::PeerChain& chain) { return !chain.reasons.isEmpty(); };
         Viewer viewer(Script(), options);
-        viewer.start("rtsps://127.0.0.1:" + QByteArray::number(listener.serverPort()) + "/live");
+        viewer.start("rtsps://127.0.0.1:" + QByteArray::number(server.listener.serverPort()));
         EXPECT_TRUE(viewer.waitUntil(row.until)) << row.name << viewer.log();
     }
 }
 
 TEST(RtspClient, GoesFromUdpToTcpWhenNothingComesAndRemembersIt)
 {
-    Viewer viewer(Script(), udp(RtspOptions::eAutomatic));
+    Viewer viewer(Script(), over(RtspOptions::eAutomatic));
     ASSERT_TRUE(viewer.starts("unit 0")) << viewer.log();
     EXPECT_TRUE(viewer.has("transport 1"));
     EXPECT_EQ(viewer.camera.count("TEARDOWN"), 1);
@@ -274,15 +253,12 @@ TEST(RtspClient, KeepsTheSessionAsTheServerUnderstandsIt)
 
 TEST(RtspClient, ASessionIsKeptAtHalfOfItsTimeAtMostThirtySecondsApart)
 {
-    const struct {
-        const char* session;
-        int interval;
-    } rows[] = {{"1", 30000}, {"1;timeout=60", 30000}, {"1;timeout=0", 30000}, {"1;timeout=20", 10000},
-        {"1; timeout = 20 ", 10000}, {"1;timeout=3600", 30000}, {"1;timeout=", 30000},
-        {"1;timeout=-4", 30000}};
-    for (const auto& row : rows) {
-        const auto field = Nuvika::RtspSessionField::parse(QString::fromLatin1(row.session));
-        EXPECT_EQ(Nuvika::RtspKeepAlive::intervalMs(field.nTimeout), row.interval) << row.session;
+    for (const auto& [session, interval] :
+        std::initializer_list<std::pair<const char*, int>>{{"1", 30000}, {"1;timeout=60", 30000},
+            {"1;timeout=0", 30000}, {"1;timeout=20", 10000}, {"1; timeout = 20 ", 10000},
+            {"1;timeout=3600", 30000}, {"1;timeout=", 30000}, {"1;timeout=-4", 30000}}) {
+        const auto field = Nuvika::RtspSessionField::parse(QString::fromLatin1(session));
+        EXPECT_EQ(Nuvika::RtspKeepAlive::intervalMs(field.nTimeout), interval) << session;
     }
     for (const auto& [named, used] : {std::make_pair("", "OPTIONS OPTIONS"),
              std::make_pair("PLAY, get_parameter", "GET_PARAMETER OPTIONS OPTIONS"),
@@ -318,21 +294,6 @@ TEST(RtspClient, NoKeepAliveAndNoReportWaitsBehindAStalledConnection)
     EXPECT_FALSE(viewer.has("error")) << viewer.log();
 }
 
-TEST(RtspClient, AnswersAKeepAliveWhoseNonceHasExpired)
-{
-    Viewer viewer(on("DESCRIBE", {asksDigest("n1"), describes()})
-                      .on("SETUP", {setUp("{transport}", "42;timeout=1")})
-                      .on("GET_PARAMETER", {asksDigest("n2"), answer()})
-                      .on("TEARDOWN", {asksDigest("n3"), answer()}));
-    ASSERT_TRUE(viewer.starts("unit 0", "user", "secret")) << viewer.log();
-    EXPECT_TRUE(viewer.waitUntil([&] { return viewer.camera.count("GET_PARAMETER") == 2; }));
-    EXPECT_TRUE(viewer.camera.last("GET_PARAMETER").contains("nonce=\"n2\""));
-    viewer.client->stop();
-    EXPECT_TRUE(viewer.waitUntil("stopped"));
-    EXPECT_EQ(viewer.camera.count("TEARDOWN"), 2);
-    EXPECT_TRUE(viewer.camera.last("TEARDOWN").contains("nonce=\"n3\""));
-}
-
 TEST(RtspClient, EachTimeLimitHasItsSentence)
 {
     const auto never = [](const char* method) { return silent().on(method, {QByteArray()}); };
@@ -348,48 +309,40 @@ TEST(RtspClient, EachTimeLimitHasItsSentence)
         {silent(), false, &RtspTimeouts::nFirstPacket, "no packet came within 0.1 s", 1},
         {silent(), true, &RtspTimeouts::nFirstPacket, "no packet came within 0.1 s", 1},
         {Script(), false, &RtspTimeouts::nSilence, "nothing more came within 0.1 s", 1},
+        {Script(), false, &RtspTimeouts::nConnect, "no connection within 0.1 s", 0},
     };
     for (const auto& row : rows) {
         RtspOptions options = row.bUdp ? udp() : Viewer::tcp();
         options.timeouts.*row.limit = 100;
+        const bool bLookup = row.limit == &RtspTimeouts::nConnect;
+        seams::holdLookups(bLookup);
         Viewer viewer(row.script, options);
-        EXPECT_TRUE(viewer.starts("error 10060")) << viewer.log();
+        viewer.start(bLookup ? "rtsp://slow.name/" : QByteArray());
+        EXPECT_TRUE(viewer.waitUntil("error 10060")) << viewer.log();
         EXPECT_TRUE(viewer.has(row.text)) << viewer.log();
         EXPECT_EQ(viewer.camera.count("TEARDOWN"), row.nTeardowns) << row.text;
     }
-    RtspOptions options = Viewer::tcp();
-    options.timeouts.nConnect = 100;
-    seams::holdLookups(true);
-    Viewer viewer(Script(), options);
-    viewer.start("rtsp://slow.name/");
-    EXPECT_TRUE(viewer.waitUntil("error 10060"));
-    EXPECT_TRUE(viewer.has("no connection within 0.1 s")) << viewer.log();
     seams::holdLookups(false);
 }
 
 TEST(RtspClient, KnowsWhatIsASignOfLife)
 {
-    const char* data = "m=application 0 RTP/AVP 107\na=rtpmap:107 vnd.onvif.metadata/90000\n";
-    const struct {
-        const char* name;
-        Script script;
-        QByteArray bytes;
-        const char* until;
-    } rows[] = {{"any bytes over TCP", Script(), framed(9, "x"), "packet"},
-        {"data may be silent for hours", silent().describes(data), "", "playing"}};
-    RtspOptions options = Viewer::tcp();
-    options.timeouts.nFirstPacket = options.timeouts.nSilence = 500;
-    for (const auto& row : rows) {
-        Viewer viewer(row.script, options);
-        ASSERT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
+    const auto lives = [](const Script& script, const char* until, const QByteArray& bytes) {
+        RtspOptions options = Viewer::tcp();
+        options.timeouts.nFirstPacket = options.timeouts.nSilence = 500;
+        Viewer viewer(script, options);
+        ASSERT_TRUE(viewer.starts(until)) << viewer.log();
         QElapsedTimer time;
         time.start();
         EXPECT_TRUE(viewer.waitUntil([&] {
-            viewer.camera.connection().write(row.bytes);
+            viewer.camera.connection().write(bytes);
             return time.elapsed() > 1100;
         }));
-        EXPECT_FALSE(viewer.has("error")) << row.name << viewer.log();
-    }
+        EXPECT_FALSE(viewer.has("error")) << viewer.log();
+    };
+    lives(Script(), "packet", framed(9, "x")); // any bytes over TCP
+    const char* data = "m=application 0 RTP/AVP 107\na=rtpmap:107 vnd.onvif.metadata/90000\n";
+    lives(silent().describes(data), "playing", ""); // data may be silent for hours
 }
 
 TEST(RtspClient, WarnsOnceOfStrayBytes)
@@ -472,50 +425,28 @@ TEST(RtspClient, FollowsANewSourceOnceTheOldOneIsSilent)
     options.timeouts.nSilence = 0;
     Viewer viewer(Script(), options);
     ASSERT_TRUE(viewer.starts("unit 0 2"));
-    viewer.camera.connection().write(framed(0, rtp(0, 50, 0x99)) + framed(0, rtp(0, 3)));
-    ASSERT_TRUE(viewer.waitUntil("unit 0 3"));
-    EXPECT_FALSE(viewer.has("packet 0 50")) << "while the first one flows";
-    seams::clockOffsetMs = 2100;
-    viewer.camera.connection().write(framed(0, rtp(0, 60, 0x99)) + framed(0, rtp(0, 61, 0x99)));
-    ASSERT_TRUE(viewer.waitUntil("unit 0 61")) << viewer.log();
-    const RtspTrackStatistics counts = viewer.client->trackStatistics().first();
-    EXPECT_EQ(counts.nStrangers, 1U);
-    EXPECT_EQ(counts.nLost, 0U);
-    for (int sequence = 62; sequence < 120; ++sequence) { // which has a pace
+    viewer.camera.connection().write(framed(0, rtp(0, 50, 0x99)));
+    for (int sequence = 3; sequence < 60; ++sequence) { // which has a pace
         seams::clockOffsetMs += 40;
-        viewer.camera.connection().write(framed(0, rtp(0, sequence, 0x99)));
+        viewer.camera.connection().write(framed(0, rtp(0, sequence)));
         ASSERT_TRUE(viewer.waitUntil(qPrintable(QStringLiteral("unit 0 %1").arg(sequence))));
     }
     seams::clockOffsetMs += 1500;
-    viewer.camera.connection().write(framed(0, rtp(0, 200)) + framed(0, rtp(0, 201)));
+    viewer.camera.connection().write(framed(0, rtp(0, 200, 0x99)) + framed(0, rtp(0, 201, 0x99)));
     ASSERT_TRUE(viewer.waitUntil("unit 0 201")) << viewer.log();
     EXPECT_TRUE(viewer.has("unit 0 200")) << "from its first packet on";
-    EXPECT_EQ(viewer.client->trackStatistics().first().nStrangers, 1U);
+    const RtspTrackStatistics counts = viewer.client->trackStatistics().first();
+    EXPECT_EQ(counts.nStrangers, 1U) << "while the first one flows";
+    EXPECT_EQ(counts.nLost, 0U);
     seams::clockOffsetMs = 0;
 }
 
-TEST(RtspClient, SendsCredentialsToNoOtherHost)
+TEST(RtspClient, MayBeStoppedAndDeletedInEveryHandler)
 {
-    seams::setName("elsewhere", {"127.0.0.1"});
-    for (const bool bAllowed : {false, true}) {
-        RtspOptions options = Viewer::tcp();
-        options.bCredentialsToOtherHosts = bAllowed;
-        Viewer viewer(on("DESCRIBE",
-                          {asksBasic(), answer("Location: rtsp://elsewhere:{port}/", "302 Found"),
-                              asksBasic(), describes()}),
-            options);
-        EXPECT_TRUE(viewer.starts(bAllowed ? "unit 0" : "error 401", "user", "secret")) << viewer.log();
-        EXPECT_EQ(viewer.camera.last("DESCRIBE").contains("Authorization"), bAllowed);
-    }
-}
-
-TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
-{
-    enum Action { eStop, eDelete, eReuse };
     for (const char* text :
         {"described", "playing", "packet", "unit", "rtcp", "paused", "transport", "stopped", "error"}) {
         const QLatin1String moment(text);
-        for (const Action action : {eStop, eDelete, eReuse}) {
+        for (const bool bDelete : {false, true}) {
             Script script;
             script.media += framed(1, QByteArray::fromHex("80c9000111223344")) + framed(0, rtp(0, 3));
             if (moment == QLatin1String("error"))
@@ -523,7 +454,7 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
             const bool bTransport = moment == QLatin1String("transport");
             if (bTransport)
                 script.answers["SETUP"] = {refuses("461 No"), setUp()};
-            Viewer viewer(script, bTransport ? udp(RtspOptions::eAutomatic) : Viewer::tcp());
+            Viewer viewer(script, bTransport ? over(RtspOptions::eAutomatic) : Viewer::tcp());
             bool bActed = false;
             viewer.onEvent = [&](const QString& event) {
                 if (moment == QLatin1String("paused") && event == QLatin1String("unit 0 1"))
@@ -533,17 +464,15 @@ TEST(RtspClient, MayBeStoppedReusedAndDeletedInEveryHandler)
                 if (bActed || !event.startsWith(moment))
                     return;
                 bActed = true;
-                if (action == eDelete)
+                if (bDelete)
                     viewer.client.reset();
-                else if (action == eReuse && viewer.client->state() == RtspClient::eIdle)
-                    viewer.start();
                 else
                     viewer.client->stop();
             };
             viewer.start();
             EXPECT_TRUE(viewer.waitUntil([&] { return bActed; })) << text << ' ' << viewer.log();
             EXPECT_TRUE(viewer.waitUntil([&] {
-                return action != eStop || viewer.client->state() == RtspClient::eIdle;
+                return bDelete || viewer.client->state() == RtspClient::eIdle;
             })) << text;
             settle(5);
         }
@@ -571,121 +500,64 @@ TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
 
 TEST(RtspClient, SurvivesAnEventLoopInAHandler)
 {
-    for (const bool bUdp : {false, true}) {
-        Viewer viewer(silent(), bUdp ? udp() : Viewer::tcp());
-        const auto send = [&](int sequence) {
-            const QByteArray packet = rtp(0, sequence, 1, QByteArray(5, static_cast<char>(sequence)));
-            if (bUdp)
-                viewer.camera.rtpPort.sendTo(viewer.camera.clientPort, packet);
-            else
-                viewer.camera.connection().write(framed(0, packet));
-        };
-        ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
-        int units = 0;
-        int depth = 0;
-        const auto take = [&](int, const RtspUnit& unit) {
-            EXPECT_EQ(++depth, 1) << "signals do not overtake each other";
-            if (++units == 1)
-                send(2);
-            settle(20);
-            const QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
-            EXPECT_EQ(bytes, QByteArray(5, static_cast<char>(units))) << "overwritten";
-            --depth;
-        };
-        QObject::connect(viewer.client.get(), &RtspClient::unitReceived, take);
-        send(1);
-        EXPECT_TRUE(viewer.waitUntil([&] { return units == 2; })) << viewer.log();
-    }
+    Viewer viewer(silent(), udp());
+    const auto send = [&](int sequence) {
+        viewer.camera.rtpPort.sendTo(
+            viewer.camera.clientPort, rtp(0, sequence, 1, QByteArray(5, static_cast<char>(sequence))));
+    };
+    ASSERT_TRUE(viewer.starts("playing")) << viewer.log();
+    int units = 0;
+    int depth = 0;
+    const auto take = [&](int, const RtspUnit& unit) {
+        EXPECT_EQ(++depth, 1) << "signals do not overtake each other";
+        if (++units == 1)
+            send(2);
+        settle(20);
+        const QByteArray bytes(reinterpret_cast<const char*>(unit.pData), static_cast<int>(unit.nSize));
+        EXPECT_EQ(bytes, QByteArray(5, static_cast<char>(units))) << "overwritten";
+        --depth;
+    };
+    QObject::connect(viewer.client.get(), &RtspClient::unitReceived, take);
+    send(1);
+    EXPECT_TRUE(viewer.waitUntil([&] { return units == 2; })) << viewer.log();
 }
 
 TEST(RtspClient, HostileServersCostLittle)
 {
-    QByteArray tracks = "v=0\r\n";
-    for (int i = 0; i < 1000; ++i)
-        tracks += "m=audio 0 RTP/AVP 0\r\na=control:" + QByteArray::number(i) + "\r\n";
     const QByteArray asks = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
-    const auto h264 = [](const QByteArray& sets, const std::vector<QByteArray>& payloads) {
-        QByteArray media;
-        int sequence = 0;
-        for (const QByteArray& each : payloads)
-            media += framed(0, rtp(96, ++sequence, 1, each));
-        return Script().sends(media).describes(
-            "m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 sprop-parameter-sets=" + sets + '\n');
-    };
-    std::vector<QByteArray> endless(10, QByteArray("\x7c\x05") + QByteArray(60000, '\1'));
-    endless.front()[1] = '\x85';
-    const QByteArray picture = QByteArray::fromHex("658801");
-    RtspOptions options = Viewer::tcp();
-    options.unitFormat.nMaxUnitBytes = 100000;
-    endless.insert(endless.end(), 2, picture);
     const struct {
         const char* name;
         Script script;
-        const char* until = "unit 0";
-    } rows[] = {{"a thousand tracks", Script().describes(tracks), "described 32"},
-        {"a flood before PLAY", on("OPTIONS", {framed(0, rtp(0, 1)).repeated(50000) + answer()})},
+    } rows[] = {{"a flood before PLAY", on("OPTIONS", {framed(0, rtp(0, 1)).repeated(50000) + answer()})},
         {"requests without end", on("OPTIONS", {asks.repeated(20000) + answer()})},
-        {"a picture without end", h264("", endless), "unit 0 11"},
-        {"garbage as parameter sets",
-            h264("Z//////////////,aP////8=,,Z0IA*,AAAB",
-                {"\x67" + QByteArray(300, '\xFF'), QByteArray::fromHex("68ff6700"), picture, picture}),
-            "unit 0 3"},
         {"a length that never comes", Script().sends(framed(0, rtp(0, 1)) + QByteArray("$\0\xFF\xFFzz", 6))}};
     for (const auto& row : rows) {
-        Viewer viewer(row.script, options);
-        EXPECT_TRUE(viewer.starts(row.until)) << row.name << viewer.log();
+        Viewer viewer(row.script);
+        EXPECT_TRUE(viewer.starts("unit 0")) << row.name << viewer.log();
         viewer.client->stop();
         EXPECT_TRUE(viewer.waitUntil("stopped")) << row.name;
     }
 }
 
-TEST(RtspClient, AThousandSessionsOfAThreadTakeLittleAndLeaveNothing)
+TEST(RtspClient, AThousandSessionsOfAThreadTakeLittle)
 {
-    const Script script = Script().describes("v=0\no=- 1 1 IN IP4 0.0.0.0\ns=camera\nt=0 "
-                                             "0\na=control:*\nm=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n"
-                                             "a=fmtp:96 "
-                                             "packetization-mode=1;profile-level-id=42c015;sprop-parameter-"
-                                             "sets=Z0LAFdkBQfsBagwMDUoAAAMAAgAAAwBlHixckA==,aMuMsg==\n"
-                                             "a=control:track1\n"
-        + kAudioTrack);
-    const auto memory = [] { return static_cast<long long>(mallinfo2().uordblks); };
-    const auto openAndClose = [&](int count) { // gives the memory of an open one
-        ScriptedCamera camera(script);
-        std::vector<std::unique_ptr<RtspClient>> clients;
-        int nPlaying = 0;
-        int nStopped = 0;
-        const auto served = [&](const int& n, int most) {
-            return waitFor([&] {
-                camera.serve();
-                return n == most;
-            });
-        };
-        const long long before = memory();
-        for (int i = 0; i < count; ++i) {
+    ScriptedCamera camera(Script().describes(
+        "m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=control:track2\na=fmtp:96 sprop-parameter-sets="
+        "Z0LAFdkBQfsBagwMDUoAAAMAAgAAAwBlHixckA==,aMuMsg==\n"
+        + kAudioTrack));
+    std::vector<std::unique_ptr<RtspClient>> clients;
+    std::size_t nPlaying = 0;
+    const auto play = [&](std::size_t count) {
+        while (clients.size() < count) {
             clients.push_back(std::make_unique<RtspClient>());
             RtspClient* client = clients.back().get();
             client->setOptions(Viewer::tcp());
             QObject::connect(client, &RtspClient::playing, client, [&] { ++nPlaying; });
-            QObject::connect(client, &RtspClient::stopped, client, [&] { ++nStopped; });
             client->start(QString::fromLatin1(camera.url()));
         }
-        EXPECT_TRUE(served(nPlaying, count)) << nPlaying;
-        const long long each = (memory() - before) / count;
-        for (int i = 0; i < count; i += 2) // the others are deleted as they are
-            clients[static_cast<std::size_t>(i)]->stop();
-        EXPECT_TRUE(served(nStopped, (count + 1) / 2)) << nStopped;
-        return each;
+        EXPECT_TRUE(waitFor([&] { return (camera.serve(), nPlaying == count); })) << nPlaying;
+        return mallinfo2().uordblks;
     };
-    openAndClose(10); // what the thread has once
-    const long long each = openAndClose(1000);
-    settle();
-    const int nDescriptors = openDescriptors();
-    const long long before = memory();
-    openAndClose(1000);
-    EXPECT_LT(each, 32 << 10);
-    RecordProperty("bytesOfASession", static_cast<int>(each));
-    constexpr long long kMostLeft = 128 << 10; // of a thousand
-    EXPECT_TRUE(waitFor([&] { return memory() - before < kMostLeft; })) << memory() - before;
-    EXPECT_EQ(openDescriptors(), nDescriptors);
-    EXPECT_EQ(Nuvika::ThreadAlarm::ofThread().use_count(), 1) << "no session waits for the timer";
+    const std::size_t before = play(10); // with what the thread has once
+    EXPECT_LT(play(1010) - before, 1000U * (32 << 10));
 }

@@ -10,7 +10,6 @@ struct Row {
         = {}; // what requests hold, in this order; H for the server; ! what none does
     const char* until = "unit 0"; // the event that shows it was borne with; | others before it; |! none of it
     RtspOptions options = Viewer::tcp();
-    const char* path = "/live";
 };
 
 void run(const std::vector<Row>& rows)
@@ -19,7 +18,7 @@ void run(const std::vector<Row>& rows)
         QList<QByteArray> told = QByteArray(row.until).split('|');
         const QByteArray until = told.takeFirst();
         Viewer viewer(row.script, row.options);
-        viewer.start(viewer.camera.url(row.path), "user", "secret");
+        viewer.start({}, "user", "secret");
         EXPECT_TRUE(viewer.waitUntil([&] { return viewer.has(until) || viewer.has("error"); }));
         EXPECT_TRUE(viewer.has(until)) << row.name << ": " << viewer.log();
         for (const QByteArray& each : told)
@@ -50,12 +49,7 @@ QByteArray packets(int from, int to)
 }
 Script describing(const QByteArray& sdp) { return Script().describes(sdp); }
 
-RtspOptions automatic()
-{
-    RtspOptions options;
-    options.timeouts.nUdpTrial = 100;
-    return options;
-}
+RtspOptions automatic() { return over(RtspOptions::eAutomatic); }
 template <class Quirk>
 RtspOptions with(Quirk RtspQuirks::*quirk, Quirk value)
 {
@@ -70,13 +64,19 @@ const QByteArray kTwoTracks
 
 TEST(RtspServers, RequestsAndSessions)
 {
+    seams::setName("elsewhere", {"127.0.0.1"});
+    const Script redirects = on("DESCRIBE",
+        {asksBasic(), answer("Location: rtsp://elsewhere:{port}/", "302 Found"), asksBasic(), describes()});
+    RtspOptions trusting = Viewer::tcp();
+    trusting.bCredentialsToOtherHosts = true;
     run({
+        {"credentials are not for another host", redirects, {}, "error 401"},
+        {"where they are", redirects, {}, "unit 0", trusting},
         {"an ordinary server", {},
             {"OPTIONS rtsp://H/live RTSP/1.0\r\nCSeq: 1\r\n", "DESCRIBE", "Accept: application/sdp",
                 "SETUP rtsp://H/live/track1 ", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n",
                 "PLAY rtsp://H/live ", "Session: 42\r\n", "Range: npt=0.000-\r\n"}},
         {"OPTIONS refused", on("OPTIONS", {refuses("405 Method Not Allowed")}), {"DESCRIBE"}},
-        {"OPTIONS not found", on("OPTIONS", {refuses("404 Not Found")}), {"DESCRIBE"}},
         {"basic", on("DESCRIBE", {asksBasic(), describes()}),
             {"DESCRIBE", "DESCRIBE", "Authorization: Basic dXNlcjpzZWNyZXQ=\r\n", "PLAY",
                 "Authorization: Basic"}},
@@ -84,15 +84,10 @@ TEST(RtspServers, RequestsAndSessions)
             {"OPTIONS", "OPTIONS",
                 "Authorization: Digest username=\"user\", realm=\"x\", nonce=\"n1\", uri=\"rtsp://H/live\"",
                 "SETUP", "uri=\"rtsp://H/live/track1\"", "!algorithm"}},
-        {"unknown challenges and algorithms",
+        {"an unknown challenge, too",
             on("DESCRIBE",
-                {answer("WWW-Authenticate: Negotiate\r\nWWW-Authenticate: Digest realm=\"y\", nonce=\"n0\", "
-                        "algorithm=SHA-1\r\nWWW-Authenticate: Digest realm=\"x\", nonce=\"n1\"",
-                     "401 Unauthorized"),
-                    describes()}),
+                {asksDigest("n1").replace("WWW", "WWW-Authenticate: Negotiate\r\nWWW"), describes()}),
             {"Authorization: Digest", "nonce=\"n1\""}},
-        {"a nonce that expires between two requests", on("SETUP", {asksDigest("n2"), setUp()}),
-            {"SETUP", "SETUP", "nonce=\"n2\"", "PLAY", "nonce=\"n2\""}},
         {"wrong credentials", on("DESCRIBE", {asksBasic()}), {"DESCRIBE", "DESCRIBE"},
             "user or password are not accepted"},
         {"a redirect to the same host",
@@ -116,11 +111,6 @@ TEST(RtspServers, RequestsAndSessions)
                 .describes(kTwoTracks),
             {"PLAY", "Session: second\r\n"}, "unit 0",
             with(&RtspQuirks::sessionId, RtspQuirks::eLastSession)},
-        {"each track is played for itself",
-            on("PLAY", {refuses("459 Aggregate Operation Not Allowed"), answer()}).describes(kTwoTracks),
-            {"PLAY rtsp://H/live ", "PLAY rtsp://H/live/track1 ", "npt=0", "PLAY rtsp://H/live/track2 ",
-                "npt=0"},
-            "playing"},
         {"the whole is what was described",
             on("PLAY", {refuses("460 Only Aggregate Operation Allowed"), answer()})
                 .describes("a=control:all\n" + kTwoTracks),
@@ -135,10 +125,6 @@ TEST(RtspServers, RequestsAndSessions)
         {"packets before the answer to PLAY", on("PLAY", {packets(1, 2) + answer()}).sends({}), {},
             "playing|unit 0 2"},
         {"a hundred and a try", on("PLAY", {refuses("100 Trying") + answer()}), {}, "playing"},
-        {"no type of the content", on("DESCRIBE", {answer("Content-Length: {size}") + "{sdp}"})},
-        {"a type with a charset",
-            on("DESCRIBE",
-                {answer("Content-Type: application/sdp;charset=utf-8\r\nContent-Length: {size}") + "{sdp}"})},
         {"a length too short for the description", on("DESCRIBE", {answer("Content-Length: 20") + "{sdp}"})},
         {"the server asks",
             on("OPTIONS",
@@ -165,36 +151,21 @@ TEST(RtspServers, RequestsAndSessions)
 
 TEST(RtspServers, Urls)
 {
-    const auto based = [&](const char* field, const QByteArray& session, const QByteArray& track) {
+    const auto based = [](const char* field, const char* session = "") {
         return on("DESCRIBE", {describes(field)})
-            .describes("v=0\ns=-\n" + session + "m=audio 0 RTP/AVP 0\n" + track);
+            .describes(QByteArray(session) + "m=audio 0 RTP/AVP 0\na=control:t1\n");
     };
-    const auto track
-        = [&](const QByteArray& control) { return based("", "", "a=control:" + control + '\n'); };
     run({
-        {"a base with a slash", based("Content-Base: rtsp://127.0.0.1:{port}/live/", "", "a=control:t1\n"),
+        {"a base with a slash", based("Content-Base: rtsp://127.0.0.1:{port}/live/"),
             {"SETUP rtsp://H/live/t1 ", "PLAY rtsp://H/live/ "}},
-        {"a base without one",
-            based("Content-Base: rtsp://127.0.0.1:{port}/x", "a=control:*\n", "a=control:t1\n"),
+        {"a base without one", based("Content-Base: rtsp://127.0.0.1:{port}/x", "a=control:*\n"),
             {"SETUP rtsp://H/x/t1 ", "PLAY rtsp://H/x "}},
-        {"a location of the content",
-            based("Content-Location: rtsp://127.0.0.1:{port}/y/", "", "a=control:t1\n"),
+        {"a location of the content", based("Content-Location: rtsp://127.0.0.1:{port}/y/"),
             {"SETUP rtsp://H/y/t1 "}},
-        {"a base that is a path", based("Content-Base: /z/", "", "a=control:t1\n"), {"SETUP rtsp://H/z/t1 "}},
-        {"a base without scheme", based("Content-Base: 127.0.0.1:{port}/w/", "", "a=control:t1\n"),
-            {"SETUP rtsp://H/w/t1 "}},
-        {"a base with another host's name",
-            based("Content-Base: rtsp://viewer.camera.local/live/", "", "a=control:t1\n"),
+        {"a base that is a path", based("Content-Base: /z/"), {"SETUP rtsp://H/z/t1 "}},
+        {"a base without scheme", based("Content-Base: 127.0.0.1:{port}/w/"), {"SETUP rtsp://H/w/t1 "}},
+        {"a base with another host's name", based("Content-Base: rtsp://viewer.camera.local/live/"),
             {"SETUP rtsp://viewer.camera.local/live/t1 ", "PLAY rtsp://viewer.camera.local/live/ "}},
-        {"an absolute session control", based("", "a=control:rtsp://inner/agg\n", "a=control:t1\n"),
-            {"SETUP rtsp://inner/agg/t1 ", "PLAY rtsp://inner/agg "}},
-        {"a query in the base", track("trackID=0"), {"SETUP rtsp://H/live?ch=1/trackID=0 "}, "unit 0",
-            Viewer::tcp(), "/live?ch=1"},
-        {"an absolute control with an inner address", track("rtsp://192.0.2.1/t1"),
-            {"SETUP rtsp://192.0.2.1/t1 ", "PLAY rtsp://H/live "}},
-        {"no control at all with one track", based("", "", ""), {"SETUP rtsp://H/live "}},
-        {"RTP-Info that is wrong in everything",
-            on("PLAY", {answer("RTP-Info: url=rtsp://x/nothing;seq=40000;rtptime=-1,url=;seq=x;")})},
     });
 }
 
@@ -210,15 +181,10 @@ TEST(RtspServers, TransportsAndData)
     const QByteArray inTcp = setUp("RTP/AVP/TCP;unicast;interleaved=0-1");
     run({
         {"other channels than asked for", channel("RTP/AVP/TCP;unicast;interleaved=6-7", 6)},
-        {"one channel instead of a pair", channel("RTP/AVP/TCP;unicast;interleaved=4", 4)},
-        {"an odd pair", channel("RTP/AVP/TCP;interleaved=3-4", 3)},
         {"no channels", channel("RTP/AVP/TCP;unicast", 0)},
         {"no transport", on("SETUP", {answer("Session: 42")})},
         {"a channel beyond all", channel("RTP/AVP/TCP;interleaved=300-301", 0)},
-        {"a padded source id", channel("RTP/AVP/TCP;interleaved=0-1;ssrc= 11223344 ", 0)},
         {"a source id that is wrong", channel("RTP/AVP/TCP;interleaved=0-1;ssrc=DEADBEEF", 0)},
-        {"a source id of 0", channel("RTP/AVP/TCP;interleaved=0-1;ssrc=00000000", 0)},
-        {"a source id in decimal", channel("RTP/AVP/TCP;interleaved=0-1;ssrc=287454020", 0)},
         {"two tracks on one channel",
             on("SETUP", {setUp("RTP/AVP/TCP;interleaved=0-1")})
                 .describes(kTwoTracks)
@@ -247,8 +213,6 @@ TEST(RtspServers, TransportsAndData)
         {"reports on the channel of packets",
             sends(framed(0, QByteArray::fromHex("80c8000611223344e000000000000000000000000000000000000000"))),
             {}, "rtcp 0"},
-        {"reports on their channel, without end byte",
-            sends(framed(1, QByteArray::fromHex("80c900011122334481ca000211223344010161"))), {}, "rtcp 0"},
         {"packets of H.264 with packetization-mode 0 take TCP",
             describing("v=0\nm=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 packetization-mode=0\n"),
             {"SETUP", "Transport: RTP/AVP/TCP"}, "playing", automatic()},
@@ -270,11 +234,10 @@ TEST(RtspServers, TransportsAndData)
 
 TEST(RtspServers, Descriptions)
 {
-    const char* odd = "s=x\nt=now-\no=a b c 1.5 -1 IPV4 x\nc=IN\nc=In IP4 10.0.0.1\n";
     const QByteArray audio = "m=audio 0 RTP/AVP 0\na=control:t\n";
+    RtspOptions small = Viewer::tcp();
+    small.unitFormat.nMaxUnitBytes = 1000;
     run({
-        {"a track only", describing(audio)},
-        {"odd lines", describing(odd + audio)},
         {"a track that is no RTP",
             describing("v=0\nm=application/TP-LINK 0 RTP/AVP smart/1/90000\na=control:x\n" + audio),
             {"SETUP rtsp://H/live/t "}, "playing"},
@@ -287,20 +250,17 @@ TEST(RtspServers, Descriptions)
         {"several types in one track: units of the first",
             describing("m=audio 0 RTP/AVP 0 8\n").sends(packets(1, 1) + framed(0, rtp(8, 2)) + packets(3, 3)),
             {}, "unit 0 3|packet 0 2|!unit 0 2"},
+        {"a picture larger than the user takes",
+            describing("m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\n")
+                .sends(framed(0, rtp(96, 1, 1, "\x65\x88" + QByteArray(2000, 'x')))
+                    + framed(0, rtp(96, 2, 1, "\x65\x88x")) + framed(0, rtp(96, 3, 1, "\x65\x88x"))),
+            {}, "unit 0 2|!unit 0 1", small},
         {"H.265",
             describing("m=video 0 RTP/AVP 96\na=rtpmap:96 H265/90000\na=fmtp:96 sprop-sps=" + kSps5 + '\n')
                 .sends(framed(0, rtp(96, 1, 1, QByteArray::fromHex("2601a001")))
                     + framed(0, rtp(96, 2, 1, QByteArray::fromHex("0201d002")))),
             {}, "unit 0 1|described 1 hvc1.1.6.L120.90"},
-        {"AAC",
-            describing("m=audio 0 RTP/AVP 97\na=rtpmap:97 mpeg4-generic/48000/2\na=fmtp:97 mode=AAC-hbr;"
-                       "sizelength=13;indexlength=3;indexdeltalength=3;config=1190\n")
-                .sends(framed(0, rtp(97 | 0x80, 1, 1, QByteArray::fromHex("00100010aabb")))),
-            {}, "unit 0 1|described 1 mp4a.40.2"},
-        {"sendonly in all", describing("v=0\n" + audio + "a=sendonly\n")},
         {"nothing that we can read", describing("v=0\nm=video 0 RTP/AVP 96\na=rtpmap:96 H266/90000\n"), {},
             "offers nothing that we can play: video: we cannot read H266/90000"},
-        {"lower case and trailing blanks",
-            describing("v=0\nm=audio 0 RTP/AVP 97\na=rtpmap:97 pcmu/8000  \na=fmtp:97 ;\n"), {}, "playing"},
     });
 }

@@ -1,5 +1,6 @@
 #include "rtsp/RtspFields_p.h"
 #include "rtsp/RtspUrl_p.h"
+#include "support/Table.h"
 
 #include <gtest/gtest.h>
 
@@ -41,35 +42,32 @@ TEST(RtspUrl, ReadsWhatUsersWrite)
 
 TEST(RtspFields, ReadWhatServersWrite)
 {
-    const struct {
-        const char* text;
-        const char* read; // lower, multicast, interleaved, server ports, ports, ssrc
-    } rows[] = {
-        {"RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=0000ABCD;mode=\"PLAY\"", "tcp 0 2-3 -1--1 -1--1 abcd"},
-        {"rtp/avp/tcp;interleaved=4", "tcp 0 4-5 -1--1 -1--1 -"},
-        {"RTP/AVP;unicast;client_port=1-2;server_port=8052", "udp 0 -1--1 8052-8053 -1--1 -"},
-        {"RTP/AVP/UDP;multicast;destination=239.1.1.1;port=5000-5001;ttl=1", "udp 1 -1--1 -1--1 5000-5001 -"},
-        {"RTP/AVP ; interleaved = 0 - 1 , RTP/AVP;multicast", "tcp 0 0-1 -1--1 -1--1 -"},
-        {"RTP/AVP;server_port=70000-1;ssrc=0;ssrc=zz;interleaved=x", "udp 0 -1--1 -1--1 -1--1 -"},
-        {"RTP/AVP;ssrc= 287454020 ", "udp 0 -1--1 -1--1 -1--1 11223344"},
-        {"RTP/AVP;ssrc=11223AB", "udp 0 -1--1 -1--1 -1--1 11223ab"},
-        {"RTP/AVP;ssrc=00112233AB", "udp 0 -1--1 -1--1 -1--1 112233ab"},
-        {"", "udp 0 -1--1 -1--1 -1--1 -"},
-    };
     const auto pair = [](const PortPair& ports) {
         return std::to_string(ports.nFirst) + '-' + std::to_string(ports.nSecond) + ' ';
     };
-    for (const auto& row : rows) {
-        const RtspTransportField field = RtspTransportField::parse(QString::fromLatin1(row.text));
+    // Text; lower, multicast, interleaved, server ports, ports, ssrc.
+    for (const auto& row : rowsOf(R"(
+RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=0000ABCD;mode="PLAY" | tcp 0 2-3 -1--1 -1--1 abcd
+rtp/avp/tcp;interleaved=4 | tcp 0 4-5 -1--1 -1--1 -
+RTP/AVP;unicast;client_port=1-2;server_port=8052 | udp 0 -1--1 8052-8053 -1--1 -
+RTP/AVP/UDP;multicast;destination=239.1.1.1;port=5000-5001;ttl=1 | udp 1 -1--1 -1--1 5000-5001 -
+RTP/AVP ; interleaved = 0 - 1 , RTP/AVP;multicast | tcp 0 0-1 -1--1 -1--1 -
+RTP/AVP;server_port=70000-1;ssrc=0;ssrc=zz;interleaved=x | udp 0 -1--1 -1--1 -1--1 -
+RTP/AVP;ssrc= 287454020 ; | udp 0 -1--1 -1--1 -1--1 11223344
+RTP/AVP;ssrc=11223AB | udp 0 -1--1 -1--1 -1--1 11223ab
+RTP/AVP;ssrc=00112233AB | udp 0 -1--1 -1--1 -1--1 112233ab
+| udp 0 -1--1 -1--1 -1--1 -)",
+             '|')) {
+        const RtspTransportField field = RtspTransportField::parse(QString::fromLatin1(row[0]));
         const std::string read = (field.lower == RtspTransportField::eTcp ? "tcp " : "udp ")
             + std::to_string(static_cast<int>(field.bMulticast)) + ' ' + pair(field.interleaved)
             + pair(field.serverPort) + pair(field.port)
             + (field.ssrc ? QString::number(*field.ssrc, 16).toStdString() : "-");
-        EXPECT_EQ(read, row.read) << row.text;
-        for (const char* cut = row.text + qstrlen(row.text); cut-- != row.text;) { // at every byte
-            const QString text = QString::fromLatin1(row.text, static_cast<int>(cut - row.text));
+        EXPECT_EQ(read, row[1].toStdString()) << row[0].constData();
+        for (int cut = 0; cut < row[0].size(); ++cut) {
+            const QString text = QString::fromLatin1(row[0].left(cut));
             const PortPair ports = RtspTransportField::parse(text).interleaved;
-            EXPECT_TRUE(ports.nFirst <= 0xFFFF && ports.isSaid() == (ports.nSecond >= 0)) << row.text;
+            EXPECT_TRUE(ports.nFirst <= 0xFFFF && ports.isSaid() == (ports.nSecond >= 0)) << cut;
             EXPECT_GT(RtspSessionField::parse(text).nTimeout, 0);
             EXPECT_LE(parseRtpInfo(QStringLiteral("url=%1,url=").arg(text)).size(), 2);
             EXPECT_LE(parseMethods(text).size(), text.count(QLatin1Char(',')) + 1);

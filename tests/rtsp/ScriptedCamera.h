@@ -125,10 +125,10 @@ public:
         for (std::size_t i = 0; i < sockets.size(); ++i)
             serve(i);
     }
-    QByteArray url(const char* path = "/live") const
+    QByteArray url() const
     {
         const char* host = m_script.bIPv6 ? "rtsp://[::1]:" : "rtsp://127.0.0.1:";
-        return host + QByteArray::number(listener.port()) + path;
+        return host + QByteArray::number(listener.port()) + "/live";
     }
     RawSocket& connection() { return sockets.back(); }
     int count(const char* method) const { return all(method).size(); }
@@ -209,6 +209,14 @@ private:
     std::vector<QByteArray> m_rest;
 };
 
+inline RtspOptions over(RtspOptions::Transport transport)
+{
+    RtspOptions options;
+    options.transport = transport;
+    options.timeouts.nUdpTrial = 100;
+    return options;
+}
+
 // Writes down what the client tells.
 class Viewer
 {
@@ -248,12 +256,7 @@ public:
             note(QStringLiteral("transport %1").arg(transport));
         });
     }
-    static RtspOptions tcp()
-    {
-        RtspOptions options;
-        options.transport = RtspOptions::eTcp;
-        return options;
-    }
+    static RtspOptions tcp() { return over(RtspOptions::eTcp); }
     void start(const QByteArray& url = QByteArray(), const char* user = "", const char* password = "")
     {
         client->start(QString::fromLatin1(url.isEmpty() ? camera.url() : url), QString::fromLatin1(user),
