@@ -16,7 +16,7 @@ from peers import PeerTest, TOOL, free_port, process, tool, wait_for_port
 from recorder import answer, cameras, wait_for
 from rtp import Relay, free_ports
 
-KEY_FRAMES = sys.argv.pop(1) if len(sys.argv) > 1 else "example_rtsp_key_frames"
+UNITS = sys.argv.pop(1) if len(sys.argv) > 1 else "rtsp_units"
 SYSTEM_PYTHON = "/usr/bin/python3"  # Debian's GStreamer bindings belong to it
 SERVER = os.path.join(os.path.dirname(__file__), "rtsp_gstreamer_server.py")
 SLICES = {"h264": lambda unit: 1 <= unit[0] & 31 <= 5, "h265": lambda unit: unit[0] >> 1 & 63 < 32, "jpeg": None, "aac": None}
@@ -39,17 +39,16 @@ def vlc(port, film):
 
 
 def slices(name, codec):
-    """What is coded in a file, picture by picture or piece by piece; of sound how much."""
+    """What is coded in a file, picture by picture or piece by piece."""
     with open(name, "rb") as file:
         content = file.read()
-    if codec == "aac" and content.startswith(b"\xff"):  # frames, each with its ADTS head
-        sizes = []
+    if codec == "aac":  # frames, each with its ADTS head
+        frames = []
         while content:
-            sizes.append(int.from_bytes(content[3:6], "big") >> 5 & 0x1FFF)
-            content = content[max(sizes[-1], 7):]
-        return sizes
-    if codec == "aac":  # what the example says
-        return [int(size) for size in re.findall(rb"mp4a.* key frame of (\d+) bytes", content)]
+            size = int.from_bytes(content[3:6], "big") >> 5 & 0x1FFF
+            frames.append(content[:size])
+            content = content[max(size, 7):]
+        return frames
     if codec == "jpeg":  # behind the head of the scan, which each reader writes anew
         return [picture.split(b"\xff\xda", 1)[1][10:].rstrip(b"\xff\xd9") for picture in re.split(b"(?=\xff\xd8\xff)", content)[1:]]
     return [unit.rstrip(b"\0") for unit in re.split(b"\0\0\1", content)[1:] if SLICES[codec](unit)]
@@ -230,8 +229,8 @@ class Rtsp(PeerTest):
             ours, theirs = self.path(f"ours.{transport}.{kind}"), self.path(f"theirs.{transport}.{kind}")
             with process(["ffmpeg", "-v", "error", "-rtsp_transport", transport, "-i", url, "-t", "8", "-map", "0:a" if codec == "aac" else "0:v", "-c", "copy", theirs]) as peer:
                 if codec == "aac":
-                    with open(ours, "wb") as said:
-                        found = subprocess.run(["timeout", "5", "stdbuf", "-oL", KEY_FRAMES, url], stdout=said, timeout=60).returncode - 124, "", ""
+                    result = subprocess.run([UNITS, url, ours, "5"], capture_output=True, timeout=60, text=True, env={**os.environ, "QT_LOGGING_RULES": "*=false"})
+                    found = result.returncode, result.stdout, result.stderr
                 else:
                     found = self.probe(url, "--" + transport, "--seconds", "5", "--save", ours)
                 peer.wait(60)
