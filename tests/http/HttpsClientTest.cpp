@@ -16,11 +16,13 @@ using PlainExchange = ExchangeOf<HttpsClient>;
 // A server behind TLS: each connection answers each request head by what it is told.
 struct TlsServer : Server {
     QStringList requests;
+    int nDescriptor = -1; // of the last connection
     std::function<void(Talker&)> onRequest;
 
     explicit TlsServer(const QString& certificate) : Server({Ssl::eSslAny12, certificate, {}, false})
     {
-        QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [this] {
+        QObject::connect(&listener, &NuvikaTcpServer::newConnectionDesc, [this](int descriptor) {
+            nDescriptor = descriptor;
             last().onData = [this, &talker = last()] {
                 for (int end = 0; (end = talker.got.indexOf("\r\n\r\n")) >= 0;) {
                     requests << QString::fromLatin1(talker.got.left(end + 4));
@@ -224,7 +226,7 @@ TEST(HttpsClient, BodiesMayEndWithTheConnection)
             if (c.bGoodbye)
                 talker.socket->close();
             else
-                ::shutdown(x.server.descriptors.back(), SHUT_WR);
+                ::shutdown(x.server.nDescriptor, SHUT_WR);
         };
         x.get();
         ASSERT_TRUE(x.sees(c.told));

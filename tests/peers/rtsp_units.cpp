@@ -1,4 +1,4 @@
-// Writes the units of a camera's first track, one behind the other: rtsp_units URL FILE SECONDS
+// Writes the units of a camera's sound, one behind the other: rtsp_units URL FILE SECONDS
 #include <KepNuvikaUtil/KepNuvikaUtil.h>
 
 #include <QtCore/QCoreApplication>
@@ -17,8 +17,8 @@ int main(int argc, char** argv)
     KepNuvikaUtilInit();
 
     RtspClient camera;
-    QObject::connect(&camera, &RtspClient::unitReceived, [&file](int track, const RtspUnit& unit) {
-        if (track == 0)
+    QObject::connect(&camera, &RtspClient::unitReceived, [&camera, &file](int track, const RtspUnit& unit) {
+        if (camera.tracks().at(track).media == QLatin1String("audio"))
             file.write(reinterpret_cast<const char*>(unit.pData), unit.nSize);
     });
     QObject::connect(&camera, &RtspClient::stopped, [] { QCoreApplication::exit(0); });
