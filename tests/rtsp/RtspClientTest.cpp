@@ -479,6 +479,27 @@ TEST(RtspClient, MayBeStoppedAndDeletedInEveryHandler)
     }
 }
 
+TEST(RtspClient, TellsNoSecondUnitOfAPacketWhenTheFirstEndedTheSession)
+{
+    const QByteArray twoUnits = QByteArray::fromHex("002000100010aabbccdd");
+    for (const bool bStops : {false, true}) {
+        Script script;
+        script.sdp = "m=audio 0 RTP/AVP 97\na=rtpmap:97 mpeg4-generic/48000/2\na=fmtp:97 mode=AAC-hbr;"
+                     "sizelength=13;indexlength=3;indexdeltalength=3;config=1190\n";
+        script.media = framed(0, rtp(97 | 0x80, 1, 1, twoUnits));
+        Viewer viewer(script);
+        int units = 0;
+        viewer.onEvent = [&](const QString& event) {
+            if (event.startsWith(QLatin1String("unit")) && ++units == 1 && bStops)
+                viewer.client->stop();
+        };
+        viewer.start();
+        EXPECT_TRUE(viewer.waitUntil([&] { return units > 0; })) << viewer.log();
+        settle(5);
+        EXPECT_EQ(units, bStops ? 1 : 2) << viewer.log();
+    }
+}
+
 TEST(RtspClient, APacketHoldsUntilTheHandlerThatDeletesTheClientReturns)
 {
     Viewer viewer(silent());
