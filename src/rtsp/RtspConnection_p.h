@@ -44,7 +44,7 @@ public:
     bool isConnected() const { return m_bConnected; }
     bool canSend() const { return m_bConnected && m_pTransport->canSend(); }
     // The system has taken all that was sent.
-    bool isAllSent() const { return m_bConnected && !m_pTransport->notifyWhenAllSent(); }
+    bool isAllSent() const { return m_bConnected && m_pTransport->bytesToSend() == 0; }
     QHostAddress localAddress() const { return m_pTransport->localAddress(); }
     QHostAddress peerAddress() const { return m_pTransport->peerAddress(); }
     // When the last bytes came: of all packets in them.
